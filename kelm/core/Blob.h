@@ -1,0 +1,116 @@
+#pragma once
+
+#include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <cstring>
+#include <span>
+#include <type_traits>
+#include <vector>
+
+// How state becomes bytes: fields one behind the other, little-endian, without gaps, names or
+// checksum. The first eight bytes are a tag that carries the class and the version of its format.
+
+namespace Lumenar::Core {
+
+static_assert(std::endian::native == std::endian::little,
+              "blobs hold memory images, which are little-endian");
+
+/// A byte array under construction, or one handed out by a snapshot.
+using Blob = std::vector<std::uint8_t>;
+
+/// A view of a blob that somebody else owns.
+using BlobView = std::span<const std::uint8_t>;
+
+/// An eight-byte tag.
+struct BlobTag {
+    /// Takes up to eight characters; what is missing is zero.
+    template <std::size_t size>
+    explicit constexpr BlobTag(const char (&text)[size]) {
+        static_assert(size <= 9, "a tag holds eight bytes");
+        std::copy_n(text, size - 1, bytes);
+    }
+    char bytes[8] = {};
+};
+
+inline void appendBytes(Blob& blob, const void* bytes, std::size_t length) {
+    if (length == 0) return;
+    const std::size_t end = blob.size();
+    blob.resize(end + length);
+    std::memcpy(blob.data() + end, bytes, length);
+}
+inline void appendTag(Blob& blob, const BlobTag& tag) { appendBytes(blob, tag.bytes, 8); }
+inline void appendU8(Blob& blob, std::uint8_t value) { blob.push_back(value); }
+inline void appendFlag(Blob& blob, bool value) { blob.push_back(value ? 1 : 0); }
+inline void appendU32(Blob& blob, std::uint32_t value) { appendBytes(blob, &value, 4); }
+inline void appendU64(Blob& blob, std::uint64_t value) { appendBytes(blob, &value, 8); }
+inline void appendI64(Blob& blob, std::int64_t value) { appendBytes(blob, &value, 8); }
+inline void appendF32(Blob& blob, float value) { appendBytes(blob, &value, 4); }
+inline void appendF64(Blob& blob, double value) { appendBytes(blob, &value, 8); }
+
+/// A record with all its gaps, byte for byte.
+template <class Record>
+void appendImage(Blob& blob, const Record& record) {
+    static_assert(std::is_trivially_copyable_v<Record>);
+    appendBytes(blob, &record, sizeof(Record));
+}
+
+/// A cursor over a blob that can only say no: a read that does not fit returns false and leaves
+/// the cursor where it was. It does not own the bytes.
+class BlobReader {
+public:
+    explicit BlobReader(BlobView bytes) : bytes_(bytes) {}
+
+    std::size_t remaining() const { return bytes_.size() - cursor_; }
+    bool atEnd() const { return cursor_ == bytes_.size(); }
+
+    /// Takes the next eight bytes if they are exactly this tag.
+    [[nodiscard]] bool expectTag(const BlobTag& tag) {
+        if (remaining() < 8 || std::memcmp(bytes_.data() + cursor_, tag.bytes, 8) != 0) {
+            return false;
+        }
+        cursor_ += 8;
+        return true;
+    }
+    [[nodiscard]] bool readU8(std::uint8_t& value) { return read(&value, 1); }
+    [[nodiscard]] bool readU32(std::uint32_t& value) { return read(&value, 4); }
+    [[nodiscard]] bool readU64(std::uint64_t& value) { return read(&value, 8); }
+    [[nodiscard]] bool readI64(std::int64_t& value) { return read(&value, 8); }
+    [[nodiscard]] bool readF32(float& value) { return read(&value, 4); }
+    [[nodiscard]] bool readF64(double& value) { return read(&value, 8); }
+    /// A byte that must be 0 or 1.
+    [[nodiscard]] bool readFlag(bool& value) {
+        if (remaining() < 1 || bytes_[cursor_] > 1) return false;
+        value = bytes_[cursor_] != 0;
+        ++cursor_;
+        return true;
+    }
+    /// The next `length` bytes as a view into the blob.
+    [[nodiscard]] bool readView(std::uint64_t length, BlobView& view) {
+        if (length > remaining()) return false;
+        view = bytes_.subspan(cursor_, static_cast<std::size_t>(length));
+        cursor_ += view.size();
+        return true;
+    }
+    /// A count of items of at least `item_bytes` each. False for a count that the remaining bytes
+    /// cannot hold, so that it may size storage at once.
+    [[nodiscard]] bool readCount(std::size_t item_bytes, std::uint64_t& count) {
+        const std::size_t before = cursor_;
+        if (readU64(count) && count <= remaining() / item_bytes) return true;
+        cursor_ = before;
+        return false;
+    }
+
+private:
+    bool read(void* value, std::size_t width) {
+        if (remaining() < width) return false;
+        std::memcpy(value, bytes_.data() + cursor_, width);
+        cursor_ += width;
+        return true;
+    }
+
+    BlobView bytes_;
+    std::size_t cursor_ = 0;
+};
+
+}  // namespace Lumenar::Core

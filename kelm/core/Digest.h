@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <type_traits>
+
+namespace Lumenar::Core {
+
+/// The digest of no bytes. It is not the published offset basis of FNV.
+inline constexpr std::uint64_t digest_start = 0x14650fb0739d0383;
+
+/// The digest of what came before and one byte more. Source: FNV-1a, G. Fowler, L. C. Noll,
+/// K.-P. Vo, with the 64-bit prime and a start value of this system's own.
+constexpr std::uint64_t digestByte(std::uint64_t hash, std::uint8_t byte) {
+    return (hash ^ byte) * 0x100000001b3;
+}
+
+/// 64-bit digest of a byte sequence.
+constexpr std::uint64_t digest(std::span<const std::uint8_t> bytes) {
+    std::uint64_t hash = digest_start;
+    for (const std::uint8_t byte : bytes) hash = digestByte(hash, byte);
+    return hash;
+}
+
+/// 64-bit digest of a text's bytes, without a terminator.
+constexpr std::uint64_t digest(std::string_view text) {
+    std::uint64_t hash = digest_start;
+    for (const char c : text) hash = digestByte(hash, static_cast<std::uint8_t>(c));
+    return hash;
+}
+
+/// 64-bit digest of records one behind the other. The records must have no gaps.
+template <class Record>
+std::uint64_t digestImages(std::span<const Record> records) {
+    static_assert(std::is_trivially_copyable_v<Record>);
+    return digest(
+        std::span(reinterpret_cast<const std::uint8_t*>(records.data()), records.size_bytes()));
+}
+
+}  // namespace Lumenar::Core

@@ -1,0 +1,229 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+// Every failure class of the engine, with its fixed texts. The base tells the kind of failure:
+// std::invalid_argument for a value refused at once, std::logic_error for a broken invariant of a
+// run, std::runtime_error for the environment and for arithmetic on time, std::out_of_range for an
+// index outside a table. No class carries data beyond its text.
+
+namespace Lumenar::Core::Kelm {
+
+/// A sum of a time and a duration beyond the range of ModelTime.
+class TimeOverflow : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+    static constexpr const char* out_of_range = "KELM model time overflow";
+};
+
+/// An engine that cannot be built as asked, or an invariant of a run that did not hold.
+class WindowEngineError : public std::logic_error {
+public:
+    using std::logic_error::logic_error;
+    static constexpr const char* horizon_not_positive =
+        "the window engine needs a positive horizon";
+    static constexpr const char* parameter_count =
+        "per-neuron parameter count does not match graph";
+    static constexpr const char* no_d_min = "the graph has no d_min, so no window can be formed";
+    static constexpr const char* bound_violation = "KELM hazard upper bound underestimated lambda";
+    static constexpr const char* spike_overflow =
+        "more spikes in one window than the model allows; check d_min against the refractory "
+        "period";
+    static constexpr const char* window_too_large =
+        "a window holds more events than 32-bit indices can address";
+    static constexpr const char* no_device =
+        "no usable CUDA device; the CPU/GPU parity gate cannot be evaluated on this machine";
+    static constexpr const char* resident_dimensions =
+        "invalid resident CUDA preparation dimensions";
+    /// A failed call of the device runtime: `what` names the call, `reason` is the runtime's text.
+    static std::string device(const std::string& what, const std::string& reason) {
+        return "CUDA " + what + ": " + reason;
+    }
+};
+
+/// A synapse, or a declared smallest delay, that a network cannot hold.
+class InvalidSynapse : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static constexpr const char* min_delay_not_positive = "network min_delay must be positive";
+    static constexpr const char* endpoint = "synapse endpoint is outside the network";
+    static constexpr const char* weight = "synapse weight magnitude must be finite and >= 0";
+    static constexpr const char* delay = "synapse delay must be >= network min_delay and > 0";
+};
+
+/// A neuron or synapse index outside the network.
+class SynapseRoutingViolation : public std::out_of_range {
+public:
+    using std::out_of_range::out_of_range;
+    static constexpr const char* source = "KELM source NodeId is out of range";
+    static constexpr const char* destination = "KELM destination NodeId is out of range";
+    static constexpr const char* edge = "KELM synapse EdgeId is out of range";
+};
+
+/// A calendar that cannot be formed.
+class InvalidLookahead : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static constexpr const char* d_min = "the event store needs a positive d_min";
+    static constexpr const char* bucket_count = "the calendar ring needs at least four buckets";
+};
+
+/// An event for a window that has been handed out already, or for a time before every run.
+class LookaheadViolation : public std::logic_error {
+public:
+    using std::logic_error::logic_error;
+    static constexpr const char* processed =
+        "KELM event inserted into an already processed window; d_min does not bound this edge";
+};
+
+/// A misuse of the shard layout.
+class InvalidShardLayout : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static constexpr const char* shard_count = "CUDA shard count must be in [1, node count]";
+    static constexpr const char* node = "CUDA shard node is outside the network";
+};
+
+/// A setting or query that learning control refuses.
+class InvalidLearningControl : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static constexpr const char* group_query = "group query outside the network";
+};
+
+/// An event whose declared cause no recorder has seen.
+class BrokenCausalTrace : public std::logic_error {
+public:
+    using std::logic_error::logic_error;
+    static constexpr const char* unknown_cause = "recorder cause was never recorded";
+};
+
+/// An error channel, readout or reported value that prediction refuses.
+class InvalidPrediction : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static constexpr const char* unnamed = "error channel needs a name";
+    static constexpr const char* global =
+        "a global error scalar is forbidden; declare local channels instead";
+    static constexpr const char* no_targets = "error channel acts on no local circuit";
+    static constexpr const char* precision = "precision must be finite and >= 0";
+    static constexpr const char* strength = "error strength must be finite";
+    static constexpr const char* clamp = "error clamp must be finite and > 0";
+    static constexpr const char* unknown_channel = "unknown error channel";
+    static constexpr const char* readout_shape = "predictor readout shape mismatch";
+    static constexpr const char* no_sources = "an explicit predictor needs a source population";
+    static constexpr const char* readout_weights = "predictor weights must be finite";
+    static constexpr const char* readout_bias = "predictor bias must be finite";
+    static constexpr const char* observed_values = "observed values must be finite";
+    static constexpr const char* predictor_count =
+        "runtime prediction channel and predictor counts differ";
+    static constexpr const char* target = "runtime prediction target is outside the graph";
+    static std::string duplicate(const std::string& name) {
+        return "duplicate error channel '" + name + "'";
+    }
+};
+
+/// A perturbation that cannot be applied.
+class InvalidIntervention : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static constexpr const char* strength = "perturbation strength must be finite";
+    static constexpr const char* no_targets = "perturbation names no neuron";
+    static constexpr const char* target = "perturbation target is outside the graph";
+    static constexpr const char* kind =
+        "this KELM runtime step supports activation and inhibition perturbations; phase, synaptic "
+        "and forced-spike events need their typed commit handlers";
+};
+
+/// An input channel, or an injection on one, that is refused.
+class InvalidModality : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static constexpr const char* unnamed = "an input channel must be named";
+    static constexpr const char* value = "an injected value must be finite";
+    static constexpr const char* target = "runtime input channel target is outside the graph";
+    static constexpr const char* no_channels = "the runtime has no input channels";
+    static std::string duplicate(const std::string& name) {
+        return "duplicate input channel " + name;
+    }
+    static std::string noTargets(const std::string& name) {
+        return "input channel " + name +
+               " reaches no neuron; a channel without targets could not be disconnected in any "
+               "measurable way";
+    }
+    static std::string negativeDelay(const std::string& name) {
+        return "input channel " + name + " has a negative delay";
+    }
+    static std::string gain(const std::string& name) {
+        return "input channel " + name + " has a non-finite gain";
+    }
+    static std::string repeatedTarget(const std::string& name) {
+        return "input channel " + name + " repeats a target";
+    }
+    static std::string unknown(const std::string& name) { return "unknown input channel " + name; }
+    static std::string backInTime(const std::string& name) {
+        return "input channel " + name + " moved back in time";
+    }
+};
+
+/// A phase binding, gain or interval that phase modulation refuses.
+class InvalidPhaseModulation : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static constexpr const char* not_finite = "phase modulation must be finite";
+    static constexpr const char* backwards = "phase bound interval runs backwards";
+    static constexpr const char* capacity = "a neuron exceeds the kernel phase-binding capacity";
+    static constexpr const char* gain = "oscillator gain must be finite and >= 0";
+    static constexpr const char* binding_count =
+        "runtime phase bindings do not match the neuron count";
+    static constexpr const char* lost_oscillators = "moved runtime lost its oscillator state";
+};
+
+/// A checkpoint that another version of the engine wrote.
+class IncompatibleCheckpoint : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+    static std::string version(const std::string& found, const std::string& expected) {
+        return "checkpoint engine_version '" + found + "' is incompatible with '" + expected + "'";
+    }
+};
+
+/// An oscillator or a coupling that an oscillator bank refuses.
+class InvalidOscillator : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static constexpr const char* parameters = "invalid KELM oscillator parameters";
+    static constexpr const char* duplicate = "duplicate KELM oscillator id";
+    static constexpr const char* unknown = "unknown KELM oscillator id";
+    static constexpr const char* period = "oscillator coupling period must be positive";
+    static constexpr const char* strength = "oscillator coupling strength must be finite";
+    static constexpr const char* into_the_past = "oscillator coupling advanced into the past";
+};
+
+/// A rule, trace or cap that plasticity refuses.
+class InvalidPlasticity : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static constexpr const char* windows = "plasticity trace windows must be positive";
+    static constexpr const char* epsilon = "plasticity trace epsilon must be finite and >= 0";
+    static constexpr const char* amplitudes_not_finite = "plasticity amplitudes must be finite";
+    static constexpr const char* amplitudes_negative = "plasticity amplitudes must be non-negative";
+    static constexpr const char* into_the_past = "plasticity trace advanced into the past";
+    static constexpr const char* cap = "homeostasis cap must be finite and > 0";
+};
+
+}  // namespace Lumenar::Core::Kelm
+
+namespace Lumenar::Core::Runtime {
+
+/// A replayed random stream that was asked for more values than its tape holds.
+class ReplayExhausted : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+    static std::string stream(const std::string& name) {
+        return "RandomContext replay exhausted: " + name;
+    }
+};
+
+}  // namespace Lumenar::Core::Runtime
