@@ -1,0 +1,222 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+#include "kelm/core/ModelTime.h"
+#include "kelm/core/PortableMath.h"
+
+// A neuron is a point process. A membrane and an adaptation trace decay exponentially between
+// events; their difference and an external drive set the hazard of an inhomogeneous Poisson
+// process, the escape-rate form of the spike response model (W. Gerstner, W. M. Kistler, R. Naud,
+// L. Paninski, "Neuronal Dynamics", 2014, chapter 9). Nothing is integrated on a grid: each trace
+// is known in closed form at any instant from its last value.
+//
+// The order of operations in every formula is part of the result (see PortableMath.h).
+
+namespace Lumenar::Core::Kelm::Kernel {
+
+/// What changes of one neuron. Goes to a device and into blobs byte for byte.
+struct State {
+    double membrane = 0.0;           ///< membrane trace, as of last_update
+    double adaptation = 0.0;         ///< adaptation trace, as of last_update
+    ModelTime last_update = 0;       ///< ns; the instant at which both traces hold
+    ModelTime refractory_until = 0;  ///< ns; end of the refractory time of the last spike
+    double hazard_bound = 0.0;       ///< spikes/s; bound in force when the last window ended
+};
+static_assert(std::is_trivially_copyable_v<State> && std::is_standard_layout_v<State>);
+static_assert(sizeof(State) == 40);
+static_assert(offsetof(State, adaptation) == 8);
+static_assert(offsetof(State, last_update) == 16);
+static_assert(offsetof(State, refractory_until) == 24);
+static_assert(offsetof(State, hazard_bound) == 32);
+
+/// Parameters of one neuron's dynamics. Nothing validates them: a bad value has the outcome that
+/// follows from the arithmetic. Equality is numeric, so a NaN makes a record unequal to itself.
+struct Neuron {
+    ModelTime tau_membrane = 10'000'000;      ///< ns; time constant of the membrane trace
+    ModelTime tau_adaptation = 100'000'000;   ///< ns; time constant of the adaptation trace
+    ModelTime refractory_period = 2'000'000;  ///< ns; refractory time after a spike
+    double adaptation_increment = 1.0;        ///< added to the adaptation trace at each spike
+    double input_coupling = 0.0;   ///< multiplicative share of an input in the membrane update
+    double reset_value = 0.0;      ///< membrane trace after a spike
+    double trace_epsilon = 1e-15;  ///< a decayed trace of smaller magnitude becomes exactly 0
+    bool hard_refractory = true;   ///< no spike can occur before refractory_until
+    bool non_leaky = false;        ///< the membrane trace does not decay
+    std::uint8_t gap[6] = {};      ///< always zero: equal records have equal bytes
+
+    friend bool operator==(const Neuron&, const Neuron&) = default;
+};
+static_assert(std::is_trivially_copyable_v<Neuron> && std::is_standard_layout_v<Neuron>);
+static_assert(sizeof(Neuron) == 64);
+static_assert(offsetof(Neuron, tau_adaptation) == 8);
+static_assert(offsetof(Neuron, refractory_period) == 16);
+static_assert(offsetof(Neuron, adaptation_increment) == 24);
+static_assert(offsetof(Neuron, input_coupling) == 32);
+static_assert(offsetof(Neuron, reset_value) == 40);
+static_assert(offsetof(Neuron, trace_epsilon) == 48);
+static_assert(offsetof(Neuron, hard_refractory) == 56);
+static_assert(offsetof(Neuron, non_leaky) == 57);
+static_assert(offsetof(Neuron, gap) == 58);
+
+/// Parameters of the hazard. Equality is numeric, as for Neuron.
+struct Firing {
+    double base_rate = 0.5;          ///< spikes/s; hazard at zero net drive
+    double gain = 4.0;               ///< slope of the exponent per unit of net drive
+    double threshold = 0.0;          ///< subtracted from the net drive
+    double adaptation_weight = 1.0;  ///< weight of the adaptation trace in the net drive
+    double rate_scale = 1.0;         ///< second factor of the base rate
+    double max_rate = 1'000'000.0;   ///< spikes/s; ceiling of the hazard
+    bool spare_flag = false;         ///< carried and compared, read by no formula
+    std::uint8_t gap[7] = {};        ///< always zero: equal records have equal bytes
+
+    friend bool operator==(const Firing&, const Firing&) = default;
+};
+static_assert(std::is_trivially_copyable_v<Firing> && std::is_standard_layout_v<Firing>);
+static_assert(sizeof(Firing) == 56);
+static_assert(offsetof(Firing, gain) == 8);
+static_assert(offsetof(Firing, threshold) == 16);
+static_assert(offsetof(Firing, adaptation_weight) == 24);
+static_assert(offsetof(Firing, rate_scale) == 32);
+static_assert(offsetof(Firing, max_rate) == 40);
+static_assert(offsetof(Firing, spare_flag) == 48);
+static_assert(offsetof(Firing, gap) == 49);
+
+/// Elapsed ns as a decay sees them. Both ends are rounded before the subtraction: past 2^53 ns
+/// the exact difference would round differently.
+KELM_HD inline double decayInterval(ModelTime from, ModelTime to) {
+    return static_cast<double>(to) - static_cast<double>(from);
+}
+
+/// `value` after an exponential decay over `interval` ns with time constant `tau` ns; exactly 0.0
+/// once its magnitude falls below `epsilon`, so that a dead trace costs nothing from then on.
+KELM_HD inline double decayTrace(double value, double interval, ModelTime tau, double epsilon) {
+    if (value == 0 || interval == 0) return value;
+    const double decayed = kernelExp(-interval / static_cast<double>(tau)) * value;
+    return epsilon > magnitude(decayed) ? 0.0 : decayed;
+}
+
+/// The two traces at one instant.
+struct Traces {
+    double membrane;
+    double adaptation;
+};
+
+/// The traces `interval` ns after state.last_update; the state stays as it is.
+KELM_HD inline Traces tracesAfter(const State& state, const Neuron& neuron, double interval) {
+    return {neuron.non_leaky
+                ? state.membrane
+                : decayTrace(state.membrane, interval, neuron.tau_membrane, neuron.trace_epsilon),
+            decayTrace(state.adaptation, interval, neuron.tau_adaptation, neuron.trace_epsilon)};
+}
+
+/// Moves both traces, and last_update, to `time` in ns.
+KELM_HD inline void advanceTraces(State& state, const Neuron& neuron, ModelTime time) {
+    const Traces traces = tracesAfter(state, neuron, decayInterval(state.last_update, time));
+    state.membrane = traces.membrane;
+    state.adaptation = traces.adaptation;
+    state.last_update = time;
+}
+
+/// The traces' part of the net drive at `time` ns; the state stays as it is.
+KELM_HD inline double netDriveAt(const State& state, const Neuron& neuron, const Firing& firing,
+                                 ModelTime time) {
+    const Traces traces = tracesAfter(state, neuron, decayInterval(state.last_update, time));
+    // The sum with 0.0 turns a -0.0 into +0.0.
+    return 0.0 + (traces.membrane - traces.adaptation * firing.adaptation_weight);
+}
+
+/// The hazard in spikes/s for a net drive less threshold of `x`: an exponential escape rate. The
+/// ceiling acts on the exponent, so the hazard at the ceiling can miss max_rate in the last places.
+KELM_HD inline double hazardOf(const Firing& firing, double x) {
+    if (firing.base_rate == 0) return 0.0;
+    if (firing.rate_scale == 0) return 0.0;
+    const double rate = firing.base_rate * firing.rate_scale;
+    const double exponent = x * firing.gain;
+    const double cap = kernelLog(firing.max_rate / rate);
+    // A comparison, not a library minimum: a NaN operand settles in favour of the cap.
+    return kernelExp(exponent < cap ? exponent : cap) * rate;
+}
+
+/// The hazard in spikes/s at `time` ns under an external drive; the state stays as it is.
+KELM_HD inline double hazardAt(const State& state, const Neuron& neuron, const Firing& firing,
+                               ModelTime time, double drive) {
+    if (neuron.hard_refractory && time < state.refractory_until) return 0.0;
+    const Traces traces = tracesAfter(state, neuron, decayInterval(state.last_update, time));
+    return hazardOf(firing,
+                    ((traces.membrane - traces.adaptation * firing.adaptation_weight) + drive) -
+                        firing.threshold);
+}
+
+/// The larger of two drives; a NaN operand settles in favour of `b`.
+KELM_HD inline double largerDrive(double a, double b) { return a > b ? a : b; }
+
+/// The largest value that the traces' part of the net drive takes on [start, to], in ns.
+///
+/// It is a difference of two exponentials, so its maximum lies at an end or at the one interior
+/// extremum, which is sampled at the integer instants on both sides because candidates fall on
+/// integers.
+KELM_HD inline double netDriveBound(const State& state, const Neuron& neuron, const Firing& firing,
+                                    ModelTime start, ModelTime to) {
+    const Traces traces = tracesAfter(state, neuron, decayInterval(state.last_update, start));
+    const double weighted = traces.adaptation * firing.adaptation_weight;
+    double bound = (traces.membrane - weighted) + 0.0;
+    bound = largerDrive(bound, netDriveAt(state, neuron, firing, to));
+
+    if (neuron.non_leaky || traces.membrane == 0 || weighted == 0) return bound;
+    const double k1 = 1.0 / static_cast<double>(neuron.tau_membrane);
+    const double k2 = 1.0 / static_cast<double>(neuron.tau_adaptation);
+    if (k1 == k2) return bound;
+    const double ratio = (traces.membrane * k1) / (weighted * k2);
+    if (!(ratio > 0)) return bound;
+    const double shift = kernelLog(ratio) / (k1 - k2);
+    if (isNotFinite(shift) || !(shift > 0)) return bound;
+    const double first = static_cast<double>(start);
+    const double extremum = first + shift;
+    if (!(extremum > first && extremum < static_cast<double>(to))) return bound;
+    const auto before = static_cast<ModelTime>(extremum);
+    bound = largerDrive(bound, netDriveAt(state, neuron, firing, before));
+    if (before < to) {
+        bound = largerDrive(bound, netDriveAt(state, neuron, firing, before + 1));
+    }
+    return bound;
+}
+
+/// An upper bound in spikes/s of the hazard on [from, to], in ns, for an external drive of at most
+/// `drive_bound`. 0.0 where no spike is possible.
+KELM_HD inline double hazardUpperBound(const State& state, const Neuron& neuron,
+                                       const Firing& firing, ModelTime from, ModelTime to,
+                                       double drive_bound) {
+    ModelTime start = from;
+    if (neuron.hard_refractory && state.refractory_until > from) start = state.refractory_until;
+    if (start > to) return 0.0;
+    const double drive = netDriveBound(state, neuron, firing, start, to);
+    // Each trace may be clipped by up to epsilon later than the bound saw it.
+    const double twice = (firing.adaptation_weight + 1.0) + (firing.adaptation_weight + 1.0);
+    return hazardOf(firing,
+                    ((twice * neuron.trace_epsilon + drive) + drive_bound) - firing.threshold);
+}
+
+/// An input of `value` at the instant to which the state has been advanced.
+KELM_HD inline void applyInput(State& state, const Neuron& neuron, double value) {
+    state.membrane = ((state.membrane * neuron.input_coupling) * value + value) + state.membrane;
+}
+
+/// The sum of a time and a refractory period, held at the ends of the range: a period without end
+/// means a neuron that fires once, not one whose refractory time has wrapped into the past.
+KELM_HD inline ModelTime refractoryEnd(ModelTime period, ModelTime time) {
+    constexpr ModelTime last = 0x7fffffffffffffff;
+    if (period > 0 && time > last - period) return last;
+    if (period < 0 && time < -last - 1 - period) return -last - 1;
+    return period + time;
+}
+
+/// A spike at `time` ns, to which the state has been advanced.
+KELM_HD inline void applySpike(State& state, const Neuron& neuron, ModelTime time) {
+    state.membrane = neuron.reset_value;
+    state.adaptation = neuron.adaptation_increment + state.adaptation;
+    state.refractory_until = refractoryEnd(neuron.refractory_period, time);
+}
+
+}  // namespace Lumenar::Core::Kelm::Kernel

@@ -1,0 +1,305 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+#include "kelm/core/ModelTime.h"
+#include "kelm/core/PortableMath.h"
+#include "kelm/core/SplitMix64.h"
+#include "kelm/kernel/NeuronModel.h"
+
+// The walk of one neuron through one window: inputs in order, and between them spikes by thinning.
+// Candidates are drawn from a homogeneous Poisson process at an upper bound of the hazard and
+// accepted with the ratio of the hazard to the bound (P. A. W. Lewis, G. S. Shedler, "Simulation
+// of nonhomogeneous Poisson processes by thinning", Naval Research Logistics Quarterly 26, 1979).
+//
+// A walk reads its arguments and writes its result, so all neurons of a window may run at once, in
+// any order, on any processor. It throws nothing and allocates nothing.
+
+namespace Lumenar::Core::Kelm {
+
+/// One sine term of an external drive.
+struct PhaseTerm {
+    double amplitude = 0.0;  ///< factor of the sine
+    double phase = 0.0;      ///< radians, at the drive's origin
+    double omega = 0.0;      ///< radians per ns
+};
+static_assert(std::is_trivially_copyable_v<PhaseTerm> && std::is_standard_layout_v<PhaseTerm>);
+static_assert(sizeof(PhaseTerm) == 24);
+static_assert(offsetof(PhaseTerm, phase) == 8);
+static_assert(offsetof(PhaseTerm, omega) == 16);
+
+/// Sine terms that one neuron's drive can hold.
+inline constexpr int max_phase_terms = 8;
+
+/// The external drive of one neuron during one window; all zero without modulation.
+struct PhaseDrive {
+    ModelTime origin = 0;         ///< ns; the instant at which the terms' phases hold
+    double base = 0.0;            ///< constant part
+    double bound = 0.0;           ///< upper bound of the whole drive while this block is valid
+    std::int32_t term_count = 0;  ///< terms in use, 0 to max_phase_terms
+    std::uint8_t gap[4] = {};     ///< always zero: equal drives have equal bytes
+    PhaseTerm terms[max_phase_terms] = {};
+};
+static_assert(std::is_trivially_copyable_v<PhaseDrive> && std::is_standard_layout_v<PhaseDrive>);
+static_assert(sizeof(PhaseDrive) == 224);
+static_assert(offsetof(PhaseDrive, base) == 8);
+static_assert(offsetof(PhaseDrive, bound) == 16);
+static_assert(offsetof(PhaseDrive, term_count) == 24);
+static_assert(offsetof(PhaseDrive, gap) == 28);
+static_assert(offsetof(PhaseDrive, terms) == 32);
+
+namespace Kernel {
+
+/// One event of a neuron inside a window. Goes to a device byte for byte.
+struct WindowEvent {
+    ModelTime time = 0;        ///< ns
+    double value = 0.0;        ///< signed input, in units of the membrane trace
+    bool wake_only = false;    ///< wakes the neuron for its candidate, carries no input
+    std::uint8_t gap[7] = {};  ///< always zero: equal events have equal bytes
+};
+static_assert(std::is_trivially_copyable_v<WindowEvent> && std::is_standard_layout_v<WindowEvent>);
+static_assert(sizeof(WindowEvent) == 24);
+static_assert(offsetof(WindowEvent, value) == 8);
+static_assert(offsetof(WindowEvent, wake_only) == 16);
+static_assert(offsetof(WindowEvent, gap) == 17);
+
+/// Spikes that one neuron's result can hold in one window. A neuron with a hard refractory period
+/// of at least an eighth of the window cannot exceed it.
+inline constexpr int max_window_spikes = 8;
+
+/// What a walk leaves behind; after either flag the rest is partial and must not be committed.
+struct WindowResult {
+    State state;                                    ///< at the end of the walk
+    std::uint64_t rng = 0;                          ///< raw generator state after the walk
+    std::int32_t spike_count = 0;                   ///< 0 to max_window_spikes
+    std::uint8_t count_gap[4] = {};                 ///< always zero
+    ModelTime spike_times[max_window_spikes] = {};  ///< ns, ascending; 0 behind spike_count
+    ModelTime next_candidate = no_time;  ///< ns; pending candidate after the window, or no_time
+    double next_bound = 0.0;             ///< spikes/s; its bound, negative for a marker
+    std::uint32_t updates = 0;           ///< inputs applied plus candidates evaluated
+    std::uint32_t candidates = 0;        ///< candidates evaluated
+    std::uint32_t accepted = 0;          ///< candidates accepted
+    bool spike_overflow = false;         ///< one spike more than the result holds was accepted
+    bool bound_violation = false;        ///< a candidate's hazard exceeded its bound
+    std::uint8_t gap[2] = {};            ///< always zero: equal results have equal bytes
+};
+static_assert(std::is_trivially_copyable_v<WindowResult> &&
+              std::is_standard_layout_v<WindowResult>);
+static_assert(sizeof(WindowResult) == 152);
+static_assert(offsetof(WindowResult, rng) == 40);
+static_assert(offsetof(WindowResult, spike_count) == 48);
+static_assert(offsetof(WindowResult, count_gap) == 52);
+static_assert(offsetof(WindowResult, spike_times) == 56);
+static_assert(offsetof(WindowResult, next_candidate) == 120);
+static_assert(offsetof(WindowResult, next_bound) == 128);
+static_assert(offsetof(WindowResult, updates) == 136);
+static_assert(offsetof(WindowResult, candidates) == 140);
+static_assert(offsetof(WindowResult, accepted) == 144);
+static_assert(offsetof(WindowResult, spike_overflow) == 148);
+static_assert(offsetof(WindowResult, bound_violation) == 149);
+static_assert(offsetof(WindowResult, gap) == 150);
+
+}  // namespace Kernel
+
+/// One neuron's work in one window. Goes to a device byte for byte.
+struct WindowWork {
+    NodeId neuron = 0;
+    Kernel::State state;            ///< at the start of the window
+    Kernel::Neuron parameters;      ///< this neuron's dynamics
+    Kernel::Firing firing;          ///< this neuron's hazard
+    std::uint64_t rng = 0;          ///< raw state of the neuron's random stream
+    std::uint32_t first_event = 0;  ///< index of its first event in the window's event array
+    std::uint32_t event_count = 0;  ///< events from there on, ascending by (time, id)
+    ModelTime pending_time = 0;     ///< ns; the pending candidate, or no_time
+    double pending_bound = 0.0;     ///< spikes/s it was drawn under; negative for a marker
+    PhaseDrive drive;
+};
+static_assert(std::is_trivially_copyable_v<WindowWork> && std::is_standard_layout_v<WindowWork>);
+static_assert(sizeof(WindowWork) == 424);
+static_assert(offsetof(WindowWork, state) == 8);
+static_assert(offsetof(WindowWork, parameters) == 48);
+static_assert(offsetof(WindowWork, firing) == 112);
+static_assert(offsetof(WindowWork, rng) == 168);
+static_assert(offsetof(WindowWork, first_event) == 176);
+static_assert(offsetof(WindowWork, event_count) == 180);
+static_assert(offsetof(WindowWork, pending_time) == 184);
+static_assert(offsetof(WindowWork, pending_bound) == 192);
+static_assert(offsetof(WindowWork, drive) == 200);
+
+namespace Kernel {
+
+/// Moves `rng` by one step; a double in [0, 1) with 53 random bits.
+KELM_HD inline double drawUniform(std::uint64_t& rng) {
+    rng = rng + splitmix_increment;
+    constexpr double two_m53 = 1.1102230246251565e-16;
+    static_assert(bitsOf(two_m53) == 0x3ca0000000000000);
+    return static_cast<double>(splitmixOutput(rng) >> 11) * two_m53;
+}
+
+/// The external drive at `time` ns.
+KELM_HD inline double phaseDriveAt(const PhaseDrive& drive, ModelTime time) {
+    // The integer difference first, converted after: a phase must not lose digits far from zero.
+    // Through unsigned arithmetic, so that no pair of times is undefined.
+    const auto elapsed = static_cast<ModelTime>(static_cast<std::uint64_t>(time) -
+                                                static_cast<std::uint64_t>(drive.origin));
+    const double t = static_cast<double>(elapsed);
+    double sum = drive.base;
+    for (std::int32_t i = 0; i < drive.term_count; ++i) {
+        const PhaseTerm& term = drive.terms[i];
+        const double x = t * term.omega + term.phase;
+        sum = sum + kernelSin(x) * term.amplitude;
+    }
+    return sum;
+}
+
+/// A drawn candidate.
+struct Candidate {
+    ModelTime time = 0;  ///< ns, if found
+    double bound = 0.0;  ///< spikes/s; stays meaningful where no time was found
+    bool found = false;
+};
+
+/// A waiting time of `wait` ns as an integer of at least 1, rounded half up.
+/// `wait` must be below 9e18 and no NaN.
+KELM_HD inline ModelTime waitingTime(double wait) {
+    // Every negative wait rounds below 1, whatever its size; converting it could be out of range.
+    if (wait < 0) return 1;
+    const auto rounded = static_cast<ModelTime>(wait + 0.5);
+    return rounded < 1 ? 1 : rounded;
+}
+
+/// Draws the next candidate behind `from`, before `limit`, both in ns, under an external drive of
+/// at most `drive_bound`. Moves `rng` by one step exactly where a bound other than 0 was obtained.
+/// A candidate lies at least 1 ns behind the instant that it is drawn from.
+KELM_HD inline Candidate nextCandidate(const State& state, const Neuron& neuron,
+                                       const Firing& firing, ModelTime from, ModelTime limit,
+                                       double drive_bound, std::uint64_t& rng) {
+    Candidate result;
+    ModelTime start = from;
+    if (neuron.hard_refractory && state.refractory_until > from) start = state.refractory_until;
+    if (start >= limit) return result;
+    const double bound = hazardUpperBound(state, neuron, firing, start, limit, drive_bound);
+    if (bound == 0) return result;
+    result.bound = bound;
+    double u = drawUniform(rng);
+    if (u == 0) u = 2.2250738585072014e-308;
+    const double wait = -kernelLog(u) / bound * 1e9;
+    if (isNotFinite(wait) || wait >= 9e18) return result;
+    const ModelTime step = waitingTime(wait);
+    // start + step >= limit, asked without a sum that could leave the range.
+    if (static_cast<std::uint64_t>(step) >=
+        static_cast<std::uint64_t>(limit) - static_cast<std::uint64_t>(start)) {
+        return result;
+    }
+    result.time = start + step;
+    result.found = true;
+    return result;
+}
+
+/// A hazard above its bound by more than this factor is a fault of the bound, not of rounding.
+inline constexpr double bound_tolerance = 1.000000000001;
+static_assert(bitsOf(bound_tolerance) == 0x3ff0000000001198);
+
+/// Walks one neuron through the window that ends at `window_end`, exclusive.
+///
+/// `events`: shape (event_count), ascending by (time, id); only those before window_end are taken.
+/// `horizon`: exclusive end of the run in ns. `pending_time`, `pending_bound`: the candidate from
+/// earlier windows. At one instant an input comes before a candidate, which it replaces.
+///
+/// Random draws, in order: one for each bound other than 0, and one for each candidate, after its
+/// bound check and before the next bound.
+KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
+                                          const Neuron& neuron, const Firing& firing,
+                                          const WindowEvent* events, std::uint32_t event_count,
+                                          ModelTime window_end, ModelTime horizon,
+                                          const PhaseDrive& drive, ModelTime pending_time,
+                                          double pending_bound) {
+    WindowResult result;
+    result.state = state;
+    result.rng = rng;
+    ModelTime candidate = pending_time;
+    double bound = pending_bound;
+
+    // With phase terms the drive's bound holds for this window alone: draw no further than its end
+    // and leave a marker there, which tells the next window to draw afresh.
+    const bool modulated = drive.term_count > 0;
+    const ModelTime limit = modulated ? window_end : horizon;
+    const auto redraw = [&](ModelTime from) {
+        const Candidate next =
+            nextCandidate(result.state, neuron, firing, from, limit, drive.bound, result.rng);
+        bound = next.bound;
+        if (next.found) {
+            candidate = next.time;
+        } else if (modulated && window_end < horizon) {
+            candidate = window_end;
+            bound = -1.0;
+        } else {
+            candidate = no_time;
+        }
+    };
+
+    std::uint32_t i = 0;
+    while (true) {
+        const bool has_event = i < event_count && events[i].time < window_end;
+        const ModelTime event_time = has_event ? events[i].time : window_end;
+
+        if (candidate >= 0 && candidate < event_time) {
+            if (bound < 0) {
+                redraw(candidate);
+                continue;
+            }
+            ++result.updates;
+            ++result.candidates;
+            const ModelTime time = candidate;
+            const double hazard =
+                hazardAt(result.state, neuron, firing, time, phaseDriveAt(drive, time));
+            if (hazard > bound * bound_tolerance) {
+                result.bound_violation = true;
+                return result;
+            }
+            advanceTraces(result.state, neuron, time);
+            const double u = drawUniform(result.rng);
+            const double ratio = bound == 0 ? 0.0 : hazard / bound;
+            if (ratio > u) {
+                ++result.accepted;
+                if (result.spike_count >= max_window_spikes) {
+                    result.spike_overflow = true;
+                    return result;
+                }
+                result.spike_times[result.spike_count] = time;
+                ++result.spike_count;
+                applySpike(result.state, neuron, time);
+            }
+            redraw(time);
+            continue;
+        }
+
+        if (!has_event) break;
+        const WindowEvent& event = events[i];
+        ++i;
+        if (event.wake_only) continue;
+        ++result.updates;
+        advanceTraces(result.state, neuron, event.time);
+        applyInput(result.state, neuron, event.value);
+        redraw(event.time);
+    }
+
+    result.next_candidate = candidate;
+    result.next_bound = bound;
+    result.state.hazard_bound = bound;
+    return result;
+}
+
+/// The walk of a work item; `events` is the event array of the item's window.
+KELM_HD inline WindowResult processWindow(const WindowWork& item, const WindowEvent* events,
+                                          ModelTime window_end, ModelTime horizon) {
+    return processWindow(item.state, item.rng, item.parameters, item.firing,
+                         events + item.first_event, item.event_count, window_end, horizon,
+                         item.drive, item.pending_time, item.pending_bound);
+}
+
+}  // namespace Kernel
+
+}  // namespace Lumenar::Core::Kelm
