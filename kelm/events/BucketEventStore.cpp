@@ -1,0 +1,292 @@
+#include "kelm/events/BucketEventStore.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <iterator>
+#include <utility>
+
+#include "kelm/core/Failures.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+constexpr BlobTag format_tag("KELMBKT1");
+
+/// A store that issues a million ids a second reaches this after twelve days; a blob that claims
+/// more is forged.
+constexpr std::uint64_t max_next_id = std::uint64_t{1} << 40;
+
+/// Dead entries below this number are not worth a sweep.
+constexpr std::uint64_t min_sweep = 1024;
+
+}  // namespace
+
+struct BucketEventStore::Header {
+    std::int64_t d_min = 0;
+    std::uint64_t bucket_count = 0;
+    std::int64_t cursor = 0;
+    bool started = false;
+    std::uint64_t next_id = 0;
+    std::uint64_t event_count = 0;
+};
+
+BucketEventStore::BucketEventStore(ModelTime d_min, std::uint64_t bucket_count)
+    : d_min_(d_min), bucket_count_(bucket_count) {
+    if (d_min < 1) throw InvalidLookahead(InvalidLookahead::d_min);
+    if (bucket_count < 4) throw InvalidLookahead(InvalidLookahead::bucket_count);
+    ring_.resize(bucket_count);
+    occupied_.resize(bucket_count / 64 + 1);
+}
+
+std::uint64_t BucketEventStore::post(const Event& event) {
+    const std::int64_t bucket = event.time / d_min_;
+    if (event.time < 0 || (started_ && bucket < cursor_)) {
+        throw LookaheadViolation(LookaheadViolation::processed);
+    }
+    if (dead_count_ > live_count_ + min_sweep) sweepDeadEntries();
+
+    Event stored = event;
+    stored.id = next_id_;
+    std::fill(std::begin(stored.gap), std::end(stored.gap), std::uint8_t{0});
+    // Whatever can fail comes before the first change.
+    live_.reserve(stored.id);
+    place(stored, bucket);
+    live_.insert(stored.id);
+    ++next_id_;
+    ++live_count_;
+    return stored.id;
+}
+
+/// Puts an event with its id into the ring or into its era.
+void BucketEventStore::place(const Event& event, std::int64_t bucket) {
+    if (beyondReach(bucket)) {
+        pool_.reserveChunks(1);
+        const std::int64_t era = bucket / static_cast<std::int64_t>(bucket_count_);
+        pool_.append(eras_[era], event);
+        ++overflow_posts_;
+    } else {
+        appendToRing(event, bucket);
+    }
+}
+
+void BucketEventStore::appendToRing(const Event& event, std::int64_t bucket) {
+    const std::uint64_t slot = slotOf(bucket);
+    EventList& list = ring_[slot];
+    const bool was_empty = list.isEmpty();
+    pool_.append(list, event);
+    if (was_empty) {
+        occupied_[slot / 64] |= std::uint64_t{1} << (slot % 64);
+        ++occupied_count_;
+    }
+}
+
+bool BucketEventStore::cancel(std::uint64_t id) {
+    if (!live_.erase(id)) return false;
+    --live_count_;
+    ++dead_count_;
+    return true;
+}
+
+bool BucketEventStore::take(ModelTime until, std::vector<Event>& events, ModelTime& window_start,
+                            ModelTime& window_end) {
+    events.clear();
+    if (live_count_ == 0) return false;
+    if (!started_) start();
+    // The first bucket that starts at `until` or later.
+    const std::int64_t stop = until <= 0 ? 0 : (until - 1) / d_min_ + 1;
+    while (events.empty()) {
+        if (!skipToOccupied(stop)) return false;
+        takeSlot(slotOf(cursor_), events);
+        ++cursor_;
+        enterEras();
+    }
+    std::sort(events.begin(), events.end(), EventLess());
+    window_start = (cursor_ - 1) * d_min_;
+    window_end = window_start + d_min_;
+    return true;
+}
+
+/// Puts the cursor of a store that has never been asked to the earliest pending bucket.
+void BucketEventStore::start() {
+    std::int64_t first = last_model_time;
+    forEachLive([&](const Event& event) { first = std::min(first, event.time / d_min_); });
+    cursor_ = first;
+    started_ = true;
+    enterEras();
+}
+
+/// Moves the cursor to the next slot with an entry, dead or alive, but not beyond `stop`. False
+/// where there is none before it.
+bool BucketEventStore::skipToOccupied(std::int64_t stop) {
+    const auto reach = static_cast<std::int64_t>(bucket_count_);
+    while (cursor_ < stop) {
+        // Of the slots, those from the cursor's to the end of the ring are its own era's buckets;
+        // the ones before it belong to the next era, some of which may still wait outside.
+        const std::int64_t era = cursor_ / reach;
+        const std::int64_t era_end =
+            era < last_model_time / reach ? (era + 1) * reach : last_model_time;
+        const std::int64_t end = std::min(era_end, stop);
+        const std::int64_t found = firstOccupied(cursor_, end);
+        cursor_ = found;
+        if (found < end) return true;
+        if (occupied_count_ == 0 && !eras_.empty()) {
+            cursor_ = std::min(std::max(end, eras_.begin()->first * reach), stop);
+        }
+        enterEras();
+    }
+    return false;
+}
+
+/// The first bucket of [from, to) whose slot holds an entry, or `to`. Both lie in one era.
+std::int64_t BucketEventStore::firstOccupied(std::int64_t from, std::int64_t to) const {
+    const std::uint64_t first_slot = slotOf(from);
+    const std::uint64_t end_slot = first_slot + static_cast<std::uint64_t>(to - from);
+    std::uint64_t word = first_slot / 64;
+    std::uint64_t bits = occupied_[word] & (~std::uint64_t{0} << (first_slot % 64));
+    while (bits == 0 && (word + 1) * 64 < end_slot) bits = occupied_[++word];
+    if (bits == 0) return to;
+    const std::uint64_t slot = word * 64 + static_cast<std::uint64_t>(std::countr_zero(bits));
+    return slot < end_slot ? from + static_cast<std::int64_t>(slot - first_slot) : to;
+}
+
+/// Moves every era that the cursor has entered into the ring, which then reaches over it whole.
+void BucketEventStore::enterEras() {
+    const std::int64_t current = cursor_ / static_cast<std::int64_t>(bucket_count_);
+    while (!eras_.empty() && eras_.begin()->first <= current) {
+        EventList& list = eras_.begin()->second;
+        while (!list.isEmpty()) {
+            // Room first: an event that has left its era must not be lost.
+            pool_.reserveChunks(1);
+            const Event event = pool_.takeAny(list);
+            if (live_.contains(event.id)) {
+                appendToRing(event, event.time / d_min_);
+            } else {
+                --dead_count_;
+            }
+        }
+        eras_.erase(eras_.begin());
+    }
+}
+
+/// Moves the living events of the cursor's slot to `events` and empties the slot.
+void BucketEventStore::takeSlot(std::uint64_t slot, std::vector<Event>& events) {
+    EventList& list = ring_[slot];
+    std::uint64_t entries = 0;
+    EventPool::forEach(list, [&](const Event& event) {
+        ++entries;
+        if (live_.contains(event.id)) events.push_back(event);
+    });
+    if (!events.empty() && cursor_ >= last_model_time / d_min_) {
+        events.clear();
+        throw TimeOverflow(TimeOverflow::out_of_range);
+    }
+    for (const Event& event : events) live_.erase(event.id);
+    live_count_ -= events.size();
+    dead_count_ -= entries - events.size();
+    pool_.clear(list);
+    occupied_[slot / 64] &= ~(std::uint64_t{1} << (slot % 64));
+    --occupied_count_;
+}
+
+void BucketEventStore::sweepDeadEntries() {
+    // With one chunk in hand no list runs out: it gives back a chunk for each that it fills anew.
+    pool_.reserveChunks(1);
+    for (std::uint64_t word = 0; word < occupied_.size(); ++word) {
+        for (std::uint64_t bits = occupied_[word]; bits != 0; bits &= bits - 1) {
+            EventList& list = ring_[word * 64 + static_cast<std::uint64_t>(std::countr_zero(bits))];
+            sweepList(list);
+            if (!list.isEmpty()) continue;
+            occupied_[word] &= ~(bits & -bits);
+            --occupied_count_;
+        }
+    }
+    for (auto era = eras_.begin(); era != eras_.end();) {
+        sweepList(era->second);
+        era = era->second.isEmpty() ? eras_.erase(era) : std::next(era);
+    }
+}
+
+void BucketEventStore::sweepList(EventList& list) {
+    EventList kept;
+    while (!list.isEmpty()) {
+        const Event event = pool_.takeAny(list);
+        if (live_.contains(event.id)) {
+            pool_.append(kept, event);
+        } else {
+            --dead_count_;
+        }
+    }
+    list = kept;
+}
+
+template <class Visit>
+void BucketEventStore::forEachLive(Visit visit) const {
+    const auto visit_live = [&](const Event& event) {
+        if (live_.contains(event.id)) visit(event);
+    };
+    for (const EventList& list : ring_) EventPool::forEach(list, visit_live);
+    for (const auto& [era, list] : eras_) EventPool::forEach(list, visit_live);
+}
+
+Blob BucketEventStore::snapshot() {
+    std::vector<Event> events;
+    events.reserve(live_count_);
+    forEachLive([&](const Event& event) { events.push_back(event); });
+    std::sort(events.begin(), events.end(), EventLess());
+
+    Blob blob;
+    blob.reserve(49 + events.size() * sizeof(Event));
+    appendTag(blob, format_tag);
+    appendI64(blob, d_min_);
+    appendU64(blob, bucket_count_);
+    appendI64(blob, cursor_);
+    appendFlag(blob, started_);
+    appendU64(blob, next_id_);
+    appendU64(blob, events.size());
+    for (const Event& event : events) appendImage(blob, event);
+    return blob;
+}
+
+bool BucketEventStore::readHeader(BlobReader& in, Header& header) {
+    return in.expectTag(format_tag) && in.readI64(header.d_min) &&
+           in.readU64(header.bucket_count) && in.readI64(header.cursor) &&
+           in.readFlag(header.started) && in.readU64(header.next_id) &&
+           in.readCount(sizeof(Event), header.event_count);
+}
+
+bool BucketEventStore::restore(BlobView blob) {
+    BlobReader in(blob);
+    Header header;
+    if (!readHeader(in, header)) return false;
+    if (header.d_min != d_min_ || header.bucket_count != bucket_count_) return false;
+    // No store writes a cursor outside the buckets of time, or one that moved before the start.
+    if (header.cursor < 0 || header.cursor - 1 > last_model_time / d_min_) return false;
+    if (!header.started && header.cursor != 0) return false;
+    if (header.next_id > max_next_id) return false;
+
+    BucketEventStore restored(d_min_, bucket_count_);
+    restored.cursor_ = header.cursor;
+    restored.started_ = header.started;
+    restored.next_id_ = header.next_id;
+    for (std::uint64_t i = 0; i < header.event_count; ++i) {
+        BlobView image;
+        if (!in.readView(sizeof(Event), image)) return false;
+        Event event;
+        std::memcpy(&event, image.data(), sizeof(Event));
+        std::fill(std::begin(event.gap), std::end(event.gap), std::uint8_t{0});
+        const std::int64_t bucket = event.time / d_min_;
+        if (event.id >= header.next_id || event.time < 0) return false;
+        if (header.started && bucket < header.cursor) return false;
+        if (restored.live_.contains(event.id)) return false;
+        restored.live_.reserve(event.id);
+        restored.place(event, bucket);
+        restored.live_.insert(event.id);
+        ++restored.live_count_;
+    }
+    *this = std::move(restored);
+    return true;
+}
+
+}  // namespace Lumenar::Core::Kelm

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <vector>
+
+#include "kelm/events/EventPool.h"
+#include "kelm/events/IEventStore.h"
+#include "kelm/events/PendingIds.h"
+
+namespace Lumenar::Core::Kelm {
+
+/// A calendar queue: a ring of buckets one d_min wide, and a far calendar for what lies beyond the
+/// ring's reach (R. Brown, "Calendar queues: a fast O(1) priority queue implementation for the
+/// simulation event set problem", Communications of the ACM 31, 1988).
+///
+/// The bucket of a time is time / d_min. Bucket b lives in slot b modulo bucket_count, and the ring
+/// reaches from `cursor`, the next bucket to be taken, up to cursor + bucket_count, exclusive.
+/// Events beyond wait in eras, each as long as the ring: an era moves into the ring when the cursor
+/// enters it, so a far event is touched when it is posted and once more, whatever it waits. Which
+/// of the two holds an event shows in overflowPosts() and nowhere else.
+///
+/// A cancelled event stays in its place as a dead entry until its bucket is taken, or until the
+/// dead outnumber the living, when all are swept out. Memory follows the number of pending events.
+class BucketEventStore final : public IEventStore {
+public:
+    /// `d_min`: bucket width in ns. `bucket_count`: slots of the ring.
+    /// Throws InvalidLookahead for a d_min below 1, then for fewer than four buckets.
+    BucketEventStore(ModelTime d_min, std::uint64_t bucket_count);
+
+    const char* name() override { return "bucket"; }
+
+    /// Takes a copy of the event and gives it the next id.
+    /// Throws LookaheadViolation for a time in a window already handed out, or before 0.
+    std::uint64_t post(const Event& event) override;
+
+    bool cancel(std::uint64_t id) override;
+
+    bool isEmpty() override { return live_count_ == 0; }
+
+    /// Throws TimeOverflow where the window's end lies beyond the range of ModelTime; the window
+    /// is then still in the store.
+    bool take(ModelTime until, std::vector<Event>& events, ModelTime& window_start,
+              ModelTime& window_end) override;
+
+    /// Format "KELMBKT1": tag, d_min (8), bucket_count (8), cursor (8), started (1), next_id (8),
+    /// event count (8), then the pending events as images of 64 bytes, by time and id.
+    Blob snapshot() override;
+
+    /// False for a blob that is cut short, forged, of another format, or of a store with another
+    /// d_min or bucket_count; the store is then as it was. Bytes behind the last event are not
+    /// looked at.
+    [[nodiscard]] bool restore(BlobView blob) override;
+
+    /// How many events have gone beyond the ring's reach when they were posted.
+    std::uint64_t overflowPosts() const { return overflow_posts_; }
+
+private:
+    struct Header;
+
+    std::uint64_t slotOf(std::int64_t bucket) const {
+        return static_cast<std::uint64_t>(bucket) % bucket_count_;
+    }
+    /// Shared by post and restore: true where `bucket` lies beyond the ring's reach.
+    bool beyondReach(std::int64_t bucket) const {
+        return static_cast<std::uint64_t>(bucket - cursor_) >= bucket_count_;
+    }
+    static bool readHeader(BlobReader& in, Header& header);
+    void place(const Event& event, std::int64_t bucket);
+    void appendToRing(const Event& event, std::int64_t bucket);
+    void start();
+    bool skipToOccupied(std::int64_t stop);
+    std::int64_t firstOccupied(std::int64_t from, std::int64_t to) const;
+    void enterEras();
+    void takeSlot(std::uint64_t slot, std::vector<Event>& events);
+    void sweepDeadEntries();
+    void sweepList(EventList& list);
+    template <class Visit>
+    void forEachLive(Visit visit) const;
+
+    ModelTime d_min_;
+    std::uint64_t bucket_count_;
+    EventPool pool_;
+    std::vector<EventList> ring_;
+    std::vector<std::uint64_t> occupied_;  ///< one bit per slot: it holds an entry, dead or alive
+    std::uint64_t occupied_count_ = 0;
+    std::map<std::int64_t, EventList> eras_;  ///< by bucket / bucket_count; all behind the cursor's
+    PendingIds live_;
+    std::int64_t cursor_ = 0;
+    bool started_ = false;
+    std::uint64_t next_id_ = 0;
+    std::uint64_t live_count_ = 0;
+    std::uint64_t dead_count_ = 0;
+    std::uint64_t overflow_posts_ = 0;
+};
+
+}  // namespace Lumenar::Core::Kelm

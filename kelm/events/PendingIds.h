@@ -1,0 +1,91 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+namespace Lumenar::Core::Kelm {
+
+/// The ids of pending events: a bit set over all ids ever issued, of which only the pages that
+/// hold an id take memory. Ids are issued in ascending order and mostly finish in that order, so
+/// neighbouring calls meet the same page.
+///
+/// Pages are found through an open hash table by their number. The table serves look-ups and is
+/// never walked in an order that anything could see.
+class PendingIds {
+public:
+    /// Makes room for `id`, so that insert of it cannot fail. May throw std::bad_alloc, with
+    /// nothing changed.
+    void reserve(std::uint64_t id) {
+        if (pageOf(id) == no_page) addPage(id / page_bits);
+    }
+
+    /// Adds an id that reserve was called for and that is not in.
+    void insert(std::uint64_t id) noexcept {
+        Page& page = pages_[pageOf(id)];
+        page.words[wordOf(id)] |= bitOf(id);
+        ++page.count;
+    }
+
+    bool contains(std::uint64_t id) const {
+        const std::uint32_t place = pageOf(id);
+        return place != no_page && (pages_[place].words[wordOf(id)] & bitOf(id)) != 0;
+    }
+
+    /// Removes an id; false if it was not in.
+    bool erase(std::uint64_t id) {
+        const std::uint32_t place = pageOf(id);
+        if (place == no_page) return false;
+        Page& page = pages_[place];
+        const std::uint64_t bit = bitOf(id);
+        if ((page.words[wordOf(id)] & bit) == 0) return false;
+        page.words[wordOf(id)] &= ~bit;
+        // The newest page is about to be filled: it stays until the next one is begun.
+        if (--page.count == 0 && page.number != newest_) removePage(place);
+        return true;
+    }
+
+    /// Bytes of storage held, for tests of memory that must not grow.
+    std::size_t storageBytes() const {
+        return pages_.capacity() * sizeof(Page) + free_.capacity() * sizeof(std::uint32_t) +
+               table_.capacity() * sizeof(std::uint32_t);
+    }
+
+private:
+    static constexpr std::uint64_t page_words = 8;
+    static constexpr std::uint64_t page_bits = page_words * 64;
+    static constexpr std::uint32_t no_page = 0xffffffff;
+
+    struct Page {
+        std::uint64_t number = 0;
+        std::uint64_t count = 0;
+        std::array<std::uint64_t, page_words> words = {};
+    };
+
+    static std::size_t wordOf(std::uint64_t id) { return (id % page_bits) / 64; }
+    static std::uint64_t bitOf(std::uint64_t id) { return std::uint64_t{1} << (id % 64); }
+
+    std::uint32_t pageOf(std::uint64_t id) const {
+        const std::uint64_t number = id / page_bits;
+        if (recent_ < pages_.size() && pages_[recent_].number == number) return recent_;
+        const std::uint32_t place = lookUp(number);
+        if (place != no_page) recent_ = place;
+        return place;
+    }
+    std::size_t homeOf(std::uint64_t number) const {
+        return static_cast<std::size_t>((number * 0x9e3779b97f4a7c15) >> shift_);
+    }
+    std::uint32_t lookUp(std::uint64_t number) const;
+    void addPage(std::uint64_t number);
+    void removePage(std::uint32_t place);
+    void grow();
+
+    std::vector<Page> pages_;
+    std::vector<std::uint32_t> free_;   ///< places in pages_ that hold no page
+    std::vector<std::uint32_t> table_;  ///< places by hash of the number, or no_page
+    unsigned shift_ = 64;               ///< 64 less the binary logarithm of the table's size
+    std::uint64_t newest_ = 0;          ///< number of the page begun last
+    mutable std::uint32_t recent_ = no_page;
+};
+
+}  // namespace Lumenar::Core::Kelm
