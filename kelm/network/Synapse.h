@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstdint>
+
+#include "kelm/core/ModelTime.h"
+
+namespace Lumenar::Core::Kelm {
+
+/// One directed connection.
+struct Synapse {
+    NodeId source = 0;
+    NodeId target = 0;
+    float weight = 0.0F;      ///< magnitude, finite and not negative
+    ModelTime delay = 0;      ///< ns, at least 1
+    bool inhibitory = false;  ///< delivers the negated weight; also selects the plasticity rule
+    std::uint32_t reserved_a = 0;  ///< carried, not interpreted
+    std::int64_t reserved_b = 0;   ///< carried, not interpreted
+    ModelTime last_change = 0;     ///< ns; when learning last changed the weight
+    bool enabled = true;           ///< a disabled synapse stays routed and delivers nothing
+    std::uint32_t reserved_c = 0xffffffff;          ///< carried, not interpreted
+    std::uint64_t reserved_d = 0xffffffffffffffff;  ///< carried, not interpreted
+};
+
+}  // namespace Lumenar::Core::Kelm

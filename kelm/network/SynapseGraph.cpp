@@ -1,0 +1,176 @@
+#include "kelm/network/SynapseGraph.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+constexpr BlobTag format_tag("KELMSYN1");
+constexpr std::size_t edge_bytes = 63;
+
+bool isWeight(float weight) { return std::isfinite(weight) && !(weight < 0.0F); }
+
+/// The reason why a network cannot hold a synapse, or null.
+const char* faultOf(const Synapse& synapse, std::uint64_t node_count,
+                    std::optional<ModelTime> min_delay) {
+    if (synapse.source >= node_count || synapse.target >= node_count) {
+        return InvalidSynapse::endpoint;
+    }
+    if (!isWeight(synapse.weight)) return InvalidSynapse::weight;
+    if (synapse.delay < 1 || (min_delay && synapse.delay < *min_delay)) {
+        return InvalidSynapse::delay;
+    }
+    return nullptr;
+}
+
+bool readSynapse(BlobReader& in, Synapse& synapse, bool& routed) {
+    return in.readU64(synapse.source) && in.readU64(synapse.target) && in.readF32(synapse.weight) &&
+           in.readI64(synapse.delay) && in.readFlag(synapse.inhibitory) &&
+           in.readU32(synapse.reserved_a) && in.readI64(synapse.reserved_b) &&
+           in.readI64(synapse.last_change) && in.readFlag(synapse.enabled) &&
+           in.readU32(synapse.reserved_c) && in.readU64(synapse.reserved_d) && in.readFlag(routed);
+}
+
+}  // namespace
+
+SynapseGraph::SynapseGraph(std::uint64_t node_count, std::optional<ModelTime> min_delay,
+                           std::vector<Synapse> edges)
+    : node_count_(node_count), min_delay_(min_delay), edges_(std::move(edges)) {
+    if (min_delay_ && *min_delay_ < 1) {
+        throw InvalidSynapse(InvalidSynapse::min_delay_not_positive);
+    }
+    for (const Synapse& synapse : edges_) {
+        if (const char* fault = faultOf(synapse, node_count_, min_delay_)) {
+            throw InvalidSynapse(fault);
+        }
+    }
+    routed_.assign(edges_.size(), 1);
+    routed_count_ = edges_.size();
+}
+
+void SynapseGraph::buildRoutes() {
+    out_offsets_.assign(node_count_ + 1, 0);
+    in_offsets_.assign(node_count_ + 1, 0);
+    for (EdgeId id = 0; id < edges_.size(); ++id) {
+        if (routed_[id] == 0) continue;
+        ++out_offsets_[edges_[id].source + 1];
+        ++in_offsets_[edges_[id].target + 1];
+    }
+    for (std::uint64_t node = 0; node < node_count_; ++node) {
+        out_offsets_[node + 1] += out_offsets_[node];
+        in_offsets_[node + 1] += in_offsets_[node];
+    }
+    out_edges_.resize(routed_count_);
+    in_edges_.resize(routed_count_);
+    std::vector<std::uint64_t> out_cursors(out_offsets_.begin(), out_offsets_.end() - 1);
+    std::vector<std::uint64_t> in_cursors(in_offsets_.begin(), in_offsets_.end() - 1);
+    // Ascending EdgeId: it fixes the order of deliveries, and with it the ids of events.
+    for (EdgeId id = 0; id < edges_.size(); ++id) {
+        if (routed_[id] == 0) continue;
+        out_edges_[out_cursors[edges_[id].source]++] = id;
+        in_edges_[in_cursors[edges_[id].target]++] = id;
+    }
+    routes_stale_ = false;
+    ++rebuilds_;
+}
+
+std::span<const std::uint64_t> SynapseGraph::outOffsets() {
+    if (routes_stale_) buildRoutes();
+    return out_offsets_;
+}
+
+std::span<const EdgeId> SynapseGraph::outEdges() {
+    if (routes_stale_) buildRoutes();
+    return out_edges_;
+}
+
+std::optional<ModelTime> SynapseGraph::dMin() {
+    if (min_delay_) return min_delay_;
+    if (d_min_stale_) {
+        derived_d_min_.reset();
+        for (EdgeId id = 0; id < edges_.size(); ++id) {
+            if (routed_[id] == 0) continue;
+            const ModelTime delay = edges_[id].delay;
+            derived_d_min_ = derived_d_min_ ? std::min(*derived_d_min_, delay) : delay;
+        }
+        d_min_stale_ = false;
+    }
+    return derived_d_min_;
+}
+
+void SynapseGraph::setWeight(EdgeId id, float weight) {
+    if (!isWeight(weight)) throw InvalidSynapse(InvalidSynapse::weight);
+    edges_[checked(id)].weight = weight;
+}
+
+Blob SynapseGraph::snapshot() const {
+    Blob blob;
+    blob.reserve(35 + edges_.size() * edge_bytes);
+    appendTag(blob, format_tag);
+    appendU64(blob, node_count_);
+    appendFlag(blob, min_delay_.has_value());
+    appendI64(blob, min_delay_.value_or(0));
+    appendFlag(blob, excitatory_on_);
+    appendFlag(blob, inhibitory_on_);
+    appendU64(blob, edges_.size());
+    for (EdgeId id = 0; id < edges_.size(); ++id) {
+        const Synapse& synapse = edges_[id];
+        appendU64(blob, synapse.source);
+        appendU64(blob, synapse.target);
+        appendF32(blob, synapse.weight);
+        appendI64(blob, synapse.delay);
+        appendFlag(blob, synapse.inhibitory);
+        appendU32(blob, synapse.reserved_a);
+        appendI64(blob, synapse.reserved_b);
+        appendI64(blob, synapse.last_change);
+        appendFlag(blob, synapse.enabled);
+        appendU32(blob, synapse.reserved_c);
+        appendU64(blob, synapse.reserved_d);
+        appendU8(blob, routed_[id]);
+    }
+    return blob;
+}
+
+bool SynapseGraph::restore(BlobView blob) {
+    BlobReader in(blob);
+    std::uint64_t node_count = 0;
+    bool has_min_delay = false;
+    std::int64_t stored_min_delay = 0;
+    std::uint8_t excitatory_on = 0;
+    std::uint8_t inhibitory_on = 0;
+    std::uint64_t edge_count = 0;
+    if (!in.expectTag(format_tag) || !in.readU64(node_count) || !in.readFlag(has_min_delay) ||
+        !in.readI64(stored_min_delay) || !in.readU8(excitatory_on) || !in.readU8(inhibitory_on) ||
+        !in.readCount(edge_bytes, edge_count)) {
+        return false;
+    }
+    if (node_count != node_count_) return false;
+    std::optional<ModelTime> min_delay;
+    if (has_min_delay) min_delay = stored_min_delay;
+    if (min_delay && *min_delay < 1) return false;
+
+    std::vector<Synapse> edges(edge_count);
+    std::vector<std::uint8_t> routed(edge_count);
+    for (EdgeId id = 0; id < edge_count; ++id) {
+        bool is_routed = false;
+        if (!readSynapse(in, edges[id], is_routed)) return false;
+        if (faultOf(edges[id], node_count_, min_delay) != nullptr) return false;
+        routed[id] = is_routed ? 1 : 0;
+    }
+    if (!in.atEnd()) return false;
+
+    min_delay_ = min_delay;
+    routed_count_ = static_cast<std::uint64_t>(std::count(routed.begin(), routed.end(), 1));
+    edges_ = std::move(edges);
+    routed_ = std::move(routed);
+    excitatory_on_ = excitatory_on != 0;
+    inhibitory_on_ = inhibitory_on != 0;
+    routes_stale_ = true;
+    d_min_stale_ = true;
+    return true;
+}
+
+}  // namespace Lumenar::Core::Kelm

@@ -1,0 +1,147 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "kelm/core/Blob.h"
+#include "kelm/core/Failures.h"
+#include "kelm/core/ModelTime.h"
+#include "kelm/events/IEventStore.h"
+#include "kelm/network/Synapse.h"
+
+namespace Lumenar::Core::Kelm {
+
+/// The network: a fixed number of neurons and a fixed list of directed synapses.
+///
+/// Invariant: every endpoint lies below nodeCount(), every weight is finite and not negative, every
+/// delay is at least 1 and at least the declared smallest delay. Self-loops and parallel synapses
+/// are allowed. Neurons and synapses are never added or removed after construction; weights and
+/// times of last change move.
+///
+/// The routing tables are built when they are first read, so a read may build them and is not
+/// constant. Views are valid until the graph is assigned to or restored. Used by one thread at a
+/// time.
+class SynapseGraph {
+public:
+    /// Takes over the synapses; a synapse's EdgeId is its place in the list.
+    /// `min_delay`: declared smallest delay in ns, or none.
+    /// Throws InvalidSynapse for a min_delay below 1, then for the first synapse that breaks the
+    /// invariant: endpoints, weight, delay, in this order.
+    SynapseGraph(std::uint64_t node_count, std::optional<ModelTime> min_delay,
+                 std::vector<Synapse> edges);
+
+    std::uint64_t nodeCount() const { return node_count_; }
+    std::uint64_t edgeCount() const { return edges_.size(); }
+    std::uint64_t routedCount() const { return routed_count_; }
+
+    /// The synapses that leave `node`, ascending by EdgeId.
+    /// Throws SynapseRoutingViolation for a node outside the network.
+    std::span<const EdgeId> outgoing(NodeId node) {
+        if (node >= node_count_) throw SynapseRoutingViolation(SynapseRoutingViolation::source);
+        if (routes_stale_) buildRoutes();
+        return listOf(node, out_offsets_, out_edges_);
+    }
+    /// The synapses that enter `node`, ascending by EdgeId.
+    /// Throws SynapseRoutingViolation for a node outside the network.
+    std::span<const EdgeId> incoming(NodeId node) {
+        if (node >= node_count_) {
+            throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
+        }
+        if (routes_stale_) buildRoutes();
+        return listOf(node, in_offsets_, in_edges_);
+    }
+    /// Shape (nodeCount() + 1): neuron n's outgoing list is outEdges() from entry n to entry n + 1.
+    std::span<const std::uint64_t> outOffsets();
+    /// Shape (routedCount()): all outgoing lists, one behind the other.
+    std::span<const EdgeId> outEdges();
+
+    /// The window length of a run: the declared smallest delay in ns, else the smallest delay of
+    /// all routed synapses, enabled or not; no value for a network that has neither.
+    std::optional<ModelTime> dMin();
+
+    /// How many times the routing tables have been built.
+    std::uint64_t rebuilds() const { return rebuilds_; }
+
+    /// Each throws SynapseRoutingViolation for an id outside the network.
+    const Synapse& edge(EdgeId id) const { return edges_[checked(id)]; }
+    bool isRouted(EdgeId id) const { return routed_[checked(id)] != 0; }
+    ModelTime lastChange(EdgeId id) const { return edges_[checked(id)].last_change; }
+    ModelTime& lastChange(EdgeId id) { return edges_[checked(id)].last_change; }
+
+    /// Whether synapses of a class, excitatory or inhibitory, transmit.
+    bool transmissionEnabled(bool inhibitory) const {
+        return inhibitory ? inhibitory_on_ : excitatory_on_;
+    }
+
+    /// Sets a weight magnitude from the next delivery on; events on their way keep their value.
+    /// Throws InvalidSynapse for a weight that is negative or not finite, then
+    /// SynapseRoutingViolation for an id outside the network.
+    void setWeight(EdgeId id, float weight);
+
+    /// Posts one delivery for each transmitting synapse of `source`, in EdgeId order, for a spike
+    /// at `time` ns, and returns their number. A Sink of a final class is called directly.
+    /// Throws SynapseRoutingViolation for a source outside the network, TimeOverflow for a delivery
+    /// beyond the range of ModelTime; the deliveries before it stay posted.
+    template <class Sink>
+    std::uint64_t deliver(NodeId source, ModelTime time, Sink& sink) {
+        std::uint64_t count = 0;
+        for (const EdgeId id : outgoing(source)) {
+            const Synapse& synapse = edges_[id];
+            if (!synapse.enabled || !transmissionEnabled(synapse.inhibitory)) continue;
+            Event event;
+            event.time = addTime(time, synapse.delay);
+            event.source = source;
+            event.target = synapse.target;
+            event.edge = id;
+            // Negated in single precision, so that a weight of 0 arrives as -0.0.
+            event.value =
+                static_cast<double>(synapse.inhibitory ? -synapse.weight : synapse.weight);
+            sink.post(event);
+            ++count;
+        }
+        return count;
+    }
+
+    /// Format "KELMSYN1": tag, node count (8), has min_delay (1), min_delay (8), excitatory on (1),
+    /// inhibitory on (1), edge count (8), then each synapse in 63 bytes: source (8), target (8),
+    /// weight (4), delay (8), inhibitory (1), reserved_a (4), reserved_b (8), last_change (8),
+    /// enabled (1), reserved_c (4), reserved_d (8), routed (1).
+    Blob snapshot() const;
+
+    /// Replaces the synapses, the declared smallest delay and the class switches by those of
+    /// `blob`. False for a blob that is cut short, forged, of another format or of a network with
+    /// another neuron count, or that holds a synapse which construction refuses; the graph is then
+    /// as it was.
+    [[nodiscard]] bool restore(BlobView blob);
+
+private:
+    std::size_t checked(EdgeId id) const {
+        if (id >= edges_.size()) throw SynapseRoutingViolation(SynapseRoutingViolation::edge);
+        return static_cast<std::size_t>(id);
+    }
+    static std::span<const EdgeId> listOf(NodeId node, const std::vector<std::uint64_t>& offsets,
+                                          const std::vector<EdgeId>& edges) {
+        return {edges.data() + offsets[node], edges.data() + offsets[node + 1]};
+    }
+    void buildRoutes();
+
+    std::uint64_t node_count_;
+    std::optional<ModelTime> min_delay_;
+    std::vector<Synapse> edges_;
+    std::vector<std::uint8_t> routed_;  ///< 1 for an edge in the routing tables
+    std::uint64_t routed_count_ = 0;
+    std::vector<std::uint64_t> out_offsets_;
+    std::vector<EdgeId> out_edges_;
+    std::vector<std::uint64_t> in_offsets_;
+    std::vector<EdgeId> in_edges_;
+    std::optional<ModelTime> derived_d_min_;
+    std::uint64_t rebuilds_ = 0;
+    bool routes_stale_ = true;
+    bool d_min_stale_ = true;
+    bool excitatory_on_ = true;
+    bool inhibitory_on_ = true;
+};
+
+}  // namespace Lumenar::Core::Kelm
