@@ -1,0 +1,283 @@
+#include "kelm/engine/WindowEngine.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "kelm/core/Digest.h"
+#include "kelm/core/Failures.h"
+#include "kelm/core/FloatingPointEnvironment.h"
+#include "kelm/events/BucketEventStore.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+constexpr std::uint64_t calendar_buckets = 4096;
+constexpr const char* spontaneous_name = "spontaneous";
+
+/// Streams of index 0 that composed runs may draw from. They exist from the start, so that every
+/// snapshot holds them whether they were drawn from or not.
+constexpr const char* single_streams[] = {"stimulus", "synaptic_noise", "learning"};
+
+}  // namespace
+
+std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index) {
+    return Runtime::RandomContext::deriveStreamState(seed, spontaneous_name, index);
+}
+
+/// Working storage of one run, cleared but not released from window to window.
+struct WindowEngine::Window {
+    struct TargetOrder {
+        NodeId target;
+        std::uint32_t index;  ///< of the event in `taken`
+
+        bool operator<(const TargetOrder& other) const {
+            return target != other.target ? target < other.target : index < other.index;
+        }
+    };
+
+    ModelTime start = 0;
+    ModelTime end = 0;
+    std::vector<Event> taken;  ///< by time, then id
+    std::vector<TargetOrder> order;
+    std::vector<Kernel::WindowEvent> events;  ///< grouped by target
+    std::vector<WindowWork> work;             ///< ascending by neuron
+    std::vector<Kernel::WindowResult> results;
+    std::size_t log_mark = 0;  ///< length of the log before this window
+    std::vector<SpikeRecord> new_spikes;
+};
+
+WindowEngine::WindowEngine(Assembled, SynapseGraph&& graph, std::vector<Kernel::Neuron>&& neurons,
+                           std::vector<Kernel::Firing>&& firings, std::uint64_t seed,
+                           ModelTime horizon, std::unique_ptr<IEventStore>&& store)
+    : graph_(std::move(graph)),
+      neurons_(std::move(neurons)),
+      firings_(std::move(firings)),
+      seed_(seed),
+      horizon_(horizon),
+      store_(std::move(store)),
+      random_(seed),
+      spontaneous_(random_.family(spontaneous_name)) {
+    if (!neurons_.empty()) uniform_neuron_ = neurons_[0];
+    if (!firings_.empty()) uniform_firing_ = firings_[0];
+    requireBuildable();
+    heterogeneous_ = neuronsDiffer();
+    calendar_ = dynamic_cast<BucketEventStore*>(store_.get());
+    states_.resize(graph_.nodeCount());
+    candidates_.resize(graph_.nodeCount());
+    createStreams();
+    seedInitialCandidates();
+}
+
+WindowEngine::WindowEngine(SynapseGraph graph, std::vector<Kernel::Neuron> neurons,
+                           std::vector<Kernel::Firing> firings, std::uint64_t seed,
+                           ModelTime horizon, std::unique_ptr<IEventStore> store)
+    : WindowEngine(Assembled(), std::move(graph), std::move(neurons), std::move(firings), seed,
+                   horizon, std::move(store)) {}
+
+WindowEngine::WindowEngine(SynapseGraph graph, const Kernel::Neuron& neuron,
+                           const Kernel::Firing& firing, std::uint64_t seed, ModelTime horizon,
+                           std::unique_ptr<IEventStore> store)
+    : WindowEngine(
+          Assembled(), std::move(graph), std::vector<Kernel::Neuron>(graph.nodeCount(), neuron),
+          std::vector<Kernel::Firing>(graph.nodeCount(), firing), seed, horizon, std::move(store)) {
+}
+
+/// The checks of construction, and the default store.
+void WindowEngine::requireBuildable() {
+    if (horizon_ < 1) throw WindowEngineError(WindowEngineError::horizon_not_positive);
+    if (neurons_.size() != graph_.nodeCount() || firings_.size() != graph_.nodeCount()) {
+        throw WindowEngineError(WindowEngineError::parameter_count);
+    }
+    requireExactFloatingPoint();
+    if (store_ != nullptr) return;
+    const std::optional<ModelTime> d_min = graph_.dMin();
+    if (!d_min) throw WindowEngineError(WindowEngineError::no_d_min);
+    store_ = std::make_unique<BucketEventStore>(*d_min, calendar_buckets);
+}
+
+bool WindowEngine::neuronsDiffer() const {
+    for (std::size_t i = 1; i < neurons_.size(); ++i) {
+        if (!(neurons_[i] == neurons_[0]) || !(firings_[i] == firings_[0])) return true;
+    }
+    return false;
+}
+
+void WindowEngine::createStreams() {
+    for (NodeId n = 0; n < graph_.nodeCount(); ++n) random_.rawState(spontaneous_, n);
+    for (const char* name : single_streams) random_.streamFor(name, 0);
+}
+
+/// Draws and posts each neuron's first candidate, in NodeId order: it fixes the order of candidates
+/// at equal times.
+void WindowEngine::seedInitialCandidates() {
+    for (NodeId n = 0; n < graph_.nodeCount(); ++n) {
+        std::uint64_t rng = random_.rawState(spontaneous_, n);
+        const Kernel::Candidate first =
+            Kernel::nextCandidate(states_[n], neurons_[n], firings_[n], 0, horizon_, 0.0, rng);
+        random_.advanceTo(spontaneous_, n, rng);
+        scheduleCandidate(*store_, n, first.found ? first.time : no_time, first.bound);
+    }
+}
+
+/// Catches the streams up with a whole run that a backend carried out.
+void WindowEngine::flushPendingRandomStates() {
+    for (NodeId n = 0; n < pending_random_states_.size(); ++n) {
+        random_.advanceTo(spontaneous_, n, pending_random_states_[n]);
+    }
+    pending_random_states_.clear();
+}
+
+bool WindowEngine::offersResidentRun(ModelTime until) const {
+    return until == horizon_ && profile_.windows == 0 && log_.empty() && prepare_hook_ == nullptr &&
+           commit_hook_ == nullptr && observer_ == nullptr && !external_events_ && !heterogeneous_;
+}
+
+void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
+    requireExactFloatingPoint();
+    if (offersResidentRun(until) && backend.tryResidentRun(*this)) return;
+    flushPendingRandomStates();
+    if (calendar_ != nullptr) {
+        runWindows(*calendar_, backend, until);
+    } else {
+        runWindows(*store_, backend, until);
+    }
+}
+
+template <class Store>
+void WindowEngine::runWindows(Store& store, IWindowBackend& backend, ModelTime until) {
+    Window window;
+    while (store.take(until, window.taken, window.start, window.end)) {
+        window.log_mark = log_.size();
+        groupByTarget(window);
+        buildWork(window);
+        window.results.resize(window.work.size());
+        if (prepare_hook_ != nullptr) {
+            prepare_hook_->prepare(window.start, window.end, window.work, graph_);
+        }
+        backend.processWindow(window.work, window.events, window.end, horizon_, uniform_neuron_,
+                              uniform_firing_, window.results);
+        ++profile_.windows;
+        profile_.deliveries += window.taken.size();
+        commitWindow(store, window);
+        if (commit_hook_ != nullptr) {
+            // A copy: the hook may look at the log, which sorts it.
+            window.new_spikes.assign(log_.begin() + static_cast<std::ptrdiff_t>(window.log_mark),
+                                     log_.end());
+            commit_hook_->commit(window.start, window.end, window.new_spikes, graph_);
+        }
+    }
+}
+
+void WindowEngine::groupByTarget(Window& window) const {
+    if (window.taken.size() > std::numeric_limits<std::uint32_t>::max()) {
+        throw WindowEngineError(WindowEngineError::window_too_large);
+    }
+    window.order.clear();
+    for (std::uint32_t i = 0; i < window.taken.size(); ++i) {
+        window.order.push_back({window.taken[i].target, i});
+    }
+    // The index makes the key total: events of one target keep their order of time and id.
+    std::sort(window.order.begin(), window.order.end());
+    // A store that was handed in may hold anything.
+    if (!window.order.empty() && window.order.back().target >= graph_.nodeCount()) {
+        throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
+    }
+}
+
+void WindowEngine::buildWork(Window& window) {
+    window.work.clear();
+    window.events.clear();
+    const std::size_t count = window.order.size();
+    for (std::size_t first = 0; first < count;) {
+        const NodeId n = window.order[first].target;
+        WindowWork& item = window.work.emplace_back();
+        item.neuron = n;
+        item.state = states_[n];
+        item.parameters = neurons_[n];
+        item.firing = firings_[n];
+        item.rng = random_.rawState(spontaneous_, n);
+        item.pending_time = candidates_[n].time;
+        item.pending_bound = candidates_[n].rate;
+        item.first_event = static_cast<std::uint32_t>(window.events.size());
+        std::size_t end = first;
+        for (; end < count && window.order[end].target == n; ++end) {
+            const Event& event = window.taken[window.order[end].index];
+            Kernel::WindowEvent& entry = window.events.emplace_back();
+            entry.time = event.time;
+            entry.value = event.value;
+            entry.wake_only = event.kind == EventKind::candidate;
+        }
+        item.event_count = static_cast<std::uint32_t>(end - first);
+        first = end;
+    }
+}
+
+/// Puts a window's results in force, in ascending NodeId and within a neuron in ascending time. The
+/// sequence of calls into the store, and so every new id, is a function of the results alone.
+template <class Store>
+void WindowEngine::commitWindow(Store& store, Window& window) {
+    for (std::size_t i = 0; i < window.work.size(); ++i) {
+        const NodeId n = window.work[i].neuron;
+        const Kernel::WindowResult& result = window.results[i];
+        if (result.bound_violation) throw WindowEngineError(WindowEngineError::bound_violation);
+        if (result.spike_overflow) throw WindowEngineError(WindowEngineError::spike_overflow);
+        states_[n] = result.state;
+        random_.advanceTo(spontaneous_, n, result.rng);
+        profile_.updates += result.updates;
+        profile_.candidates += result.candidates;
+        profile_.accepted += result.accepted;
+        for (std::int32_t s = 0; s < result.spike_count; ++s) {
+            const ModelTime time = result.spike_times[s];
+            log_.push_back({time, n});
+            log_sorted_ = false;
+            graph_.deliver(n, time, store);
+        }
+        scheduleCandidate(store, n, result.next_candidate, result.next_bound);
+    }
+}
+
+/// Replaces a neuron's candidate, and its event in the store. An event that the store has already
+/// handed out is past cancelling, which does no harm.
+template <class Store>
+void WindowEngine::scheduleCandidate(Store& store, NodeId neuron, ModelTime time, double rate) {
+    CandidateSlot& slot = candidates_[neuron];
+    if (slot.event_id != no_event) store.cancel(slot.event_id);
+    slot.rate = rate;
+    slot.time = time;
+    slot.event_id = no_event;
+    if (time < 0) return;
+    Event event;
+    event.time = time;
+    event.kind = EventKind::candidate;
+    event.source = neuron;
+    event.target = neuron;
+    event.value = rate;
+    slot.event_id = store.post(event);
+}
+
+std::uint64_t WindowEngine::post(const Event& event) {
+    if (event.target >= graph_.nodeCount()) {
+        throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
+    }
+    external_events_ = true;
+    return store_->post(event);
+}
+
+std::span<const SpikeRecord> WindowEngine::spikeLog() {
+    if (!log_sorted_) {
+        std::sort(log_.begin(), log_.end(), SpikeRecordLess());
+        log_sorted_ = true;
+    }
+    return log_;
+}
+
+std::uint64_t WindowEngine::logHash() { return digestImages(spikeLog()); }
+
+std::uint64_t WindowEngine::spontaneousState(NodeId neuron) {
+    flushPendingRandomStates();
+    return random_.rawState(spontaneous_, neuron);
+}
+
+}  // namespace Lumenar::Core::Kelm

@@ -1,0 +1,156 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "kelm/core/RandomContext.h"
+#include "kelm/engine/CandidateSlot.h"
+#include "kelm/engine/IWindowBackend.h"
+#include "kelm/engine/SpikeRecord.h"
+#include "kelm/engine/WindowHooks.h"
+#include "kelm/engine/WindowProfile.h"
+#include "kelm/events/IEventStore.h"
+#include "kelm/kernel/NeuronModel.h"
+#include "kelm/network/SynapseGraph.h"
+
+namespace Lumenar::Core::Kelm {
+
+class BucketEventStore;
+
+/// The raw state with which neuron `index`'s random stream starts under `seed`.
+std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index);
+
+/// The discrete-event core: it owns a network, every neuron's state and parameters, the pending
+/// events, the random streams and the spike log, and advances them window by window.
+///
+/// A window is one bucket of the event store, one smallest synaptic delay long, so that no spike
+/// of a window can reach a neuron inside it and all neurons of a window are independent. The order
+/// of a window: take its events, group them by neuron, prepare hook, backend, serial commit in
+/// ascending NodeId, commit hook. All ids, and with them all ties, are a function of the results
+/// alone, so a run does not depend on how or where the backend computed them.
+///
+/// Between two windows the state is complete. After a throw out of run the engine may only be
+/// destroyed. It is neither copied nor moved; hooks and backends are borrowed. One thread at a
+/// time.
+class WindowEngine final : public IEventSink {
+public:
+    /// An engine for a network whose neurons differ.
+    ///
+    /// `neurons`, `firings`: shape (graph.nodeCount()). `horizon`: ns, end of the planned run.
+    /// `store`: the pending events, or null for a calendar of the graph's dMin() and 4096 buckets;
+    /// a given store is not tested against the graph.
+    /// Throws WindowEngineError for a horizon below 1, for a count that differs from the graph's,
+    /// and without a store for a graph without dMin(), in this order. Throws std::runtime_error in
+    /// a floating-point environment that rounds otherwise than to nearest or flushes subnormals.
+    WindowEngine(SynapseGraph graph, std::vector<Kernel::Neuron> neurons,
+                 std::vector<Kernel::Firing> firings, std::uint64_t seed, ModelTime horizon,
+                 std::unique_ptr<IEventStore> store = nullptr);
+
+    /// An engine whose neurons are all alike; otherwise as above.
+    WindowEngine(SynapseGraph graph, const Kernel::Neuron& neuron, const Kernel::Firing& firing,
+                 std::uint64_t seed, ModelTime horizon,
+                 std::unique_ptr<IEventStore> store = nullptr);
+
+    WindowEngine(const WindowEngine&) = delete;
+    WindowEngine& operator=(const WindowEngine&) = delete;
+    ~WindowEngine() override = default;
+
+    /// Sets the three hooks, each of which may be null. They must outlive the engine's runs.
+    void setHooks(IWindowPrepare* prepare, IWindowCommit* commit, IWindowObserver* observer) {
+        prepare_hook_ = prepare;
+        commit_hook_ = commit;
+        observer_ = observer;
+    }
+
+    /// Runs to the horizon.
+    void run(IWindowBackend& backend) { run(backend, horizon_); }
+
+    /// Runs every window that starts before `until` ns. A window is not cut, so the engine may come
+    /// to stand later than `until`; a later call goes on from there.
+    ///
+    /// Throws WindowEngineError for a hazard above its bound and for more spikes in a window than
+    /// a result can hold, in this order for each neuron; SynapseRoutingViolation for an event
+    /// outside the network; LookaheadViolation for a delivery into a processed window;
+    /// TimeOverflow; std::runtime_error in a floating-point environment as above; and whatever a
+    /// hook or the backend throws. Of a window whose backend threw, nothing is committed.
+    void run(IWindowBackend& backend, ModelTime until);
+
+    /// Posts an event from outside. Ids are given in the order of posting.
+    /// Throws SynapseRoutingViolation for a target outside the network, and what the store throws.
+    std::uint64_t post(const Event& event) override;
+
+    /// All spikes so far, by time, then neuron. Valid until the next run.
+    std::span<const SpikeRecord> spikeLog();
+
+    /// 64-bit digest of spikeLog(): per spike time and neuron, 8 bytes each.
+    std::uint64_t logHash();
+
+    /// Shape (neurons): each state as of the neuron's last update.
+    std::span<const Kernel::State> states() const { return states_; }
+    /// Shape (neurons): each neuron's scheduled candidate.
+    std::span<const CandidateSlot> candidates() const { return candidates_; }
+    /// The raw state of a neuron's random stream. `neuron` must lie in the network.
+    std::uint64_t spontaneousState(NodeId neuron);
+
+    const WindowProfile& profile() const { return profile_; }
+    const SynapseGraph& graph() const { return graph_; }
+    SynapseGraph& graph() { return graph_; }
+    std::uint64_t seed() const { return seed_; }
+    ModelTime horizon() const { return horizon_; }
+    /// Whether some neuron's parameters differ from those of neuron 0.
+    bool isHeterogeneous() const { return heterogeneous_; }
+    /// Whether an event has come in through post.
+    bool hasExternalEvents() const { return external_events_; }
+
+private:
+    struct Window;
+    struct Assembled {};
+
+    /// Both public forms end here. By reference: the graph's neuron count may still be read while
+    /// the arguments are made.
+    WindowEngine(Assembled, SynapseGraph&& graph, std::vector<Kernel::Neuron>&& neurons,
+                 std::vector<Kernel::Firing>&& firings, std::uint64_t seed, ModelTime horizon,
+                 std::unique_ptr<IEventStore>&& store);
+
+    void requireBuildable();
+    bool neuronsDiffer() const;
+    void createStreams();
+    void seedInitialCandidates();
+    void flushPendingRandomStates();
+    bool offersResidentRun(ModelTime until) const;
+    template <class Store>
+    void runWindows(Store& store, IWindowBackend& backend, ModelTime until);
+    void groupByTarget(Window& window) const;
+    void buildWork(Window& window);
+    template <class Store>
+    void commitWindow(Store& store, Window& window);
+    template <class Store>
+    void scheduleCandidate(Store& store, NodeId neuron, ModelTime time, double rate);
+
+    SynapseGraph graph_;
+    Kernel::Neuron uniform_neuron_;
+    Kernel::Firing uniform_firing_;
+    std::vector<Kernel::Neuron> neurons_;
+    std::vector<Kernel::Firing> firings_;
+    bool heterogeneous_ = false;
+    std::uint64_t seed_;
+    ModelTime horizon_;
+    std::unique_ptr<IEventStore> store_;
+    BucketEventStore* calendar_ = nullptr;  ///< store_, where it is of this class: called directly
+    std::vector<Kernel::State> states_;
+    Runtime::RandomContext random_;
+    Runtime::RandomContext::Family spontaneous_;
+    std::vector<std::uint64_t> pending_random_states_;  ///< of a whole run, not yet applied
+    std::vector<CandidateSlot> candidates_;
+    std::vector<SpikeRecord> log_;
+    bool log_sorted_ = true;
+    WindowProfile profile_;
+    IWindowCommit* commit_hook_ = nullptr;
+    IWindowPrepare* prepare_hook_ = nullptr;
+    IWindowObserver* observer_ = nullptr;
+    bool external_events_ = false;
+};
+
+}  // namespace Lumenar::Core::Kelm
