@@ -1,0 +1,63 @@
+#pragma once
+
+// Part of DeviceLayer.h: the device operations on the CUDA runtime and Thrust.
+
+#include <cuda_runtime.h>
+#include <thrust/execution_policy.h>
+#include <thrust/scan.h>
+#include <thrust/sort.h>
+
+#define KELM_KERNEL __global__ void
+#define KELM_DEVICE __device__
+
+namespace Lumenar::Core::Kelm::Device {
+
+KELM_DEVICE inline std::uint64_t threadIndex() {
+    return static_cast<std::uint64_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+}
+
+KELM_DEVICE inline std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t amount) {
+    static_assert(sizeof(unsigned long long) == sizeof(std::uint64_t));
+    return atomicAdd(reinterpret_cast<unsigned long long*>(counter),
+                     static_cast<unsigned long long>(amount));
+}
+
+template <class... Arguments>
+void launch(void (*kernel)(Arguments...), std::uint32_t blocks, std::uint32_t block_size,
+            std::type_identity_t<Arguments>... arguments) {
+    kernel<<<blocks, block_size>>>(arguments...);
+}
+
+template <class T, class Less>
+void sort(T* first, std::uint64_t count, Less less) {
+    thrust::sort(thrust::device, first, first + count, less);
+}
+
+inline void exclusiveScan(const std::uint64_t* in, std::uint64_t count, std::uint64_t* out) {
+    thrust::exclusive_scan(thrust::device, in, in + count, out, std::uint64_t{0});
+}
+
+inline const char* statusText(Status status) {
+    return cudaGetErrorString(static_cast<cudaError_t>(status));
+}
+inline Status deviceCount(int& count) { return cudaGetDeviceCount(&count); }
+inline Status currentDevice(int& device) { return cudaGetDevice(&device); }
+inline Status deviceName(int device, std::string& name) {
+    cudaDeviceProp properties;
+    const cudaError_t status = cudaGetDeviceProperties(&properties, device);
+    if (status == cudaSuccess) name = properties.name;
+    return status;
+}
+inline Status allocateBytes(void*& block, std::uint64_t bytes) { return cudaMalloc(&block, bytes); }
+inline Status releaseBlock(void* block) { return cudaFree(block); }
+inline Status upload(void* device, const void* host, std::uint64_t bytes) {
+    return cudaMemcpy(device, host, bytes, cudaMemcpyHostToDevice);
+}
+inline Status download(void* host, const void* device, std::uint64_t bytes) {
+    return cudaMemcpy(host, device, bytes, cudaMemcpyDeviceToHost);
+}
+inline Status clear(void* device, std::uint64_t bytes) { return cudaMemset(device, 0, bytes); }
+inline Status lastStatus() { return cudaGetLastError(); }
+inline Status synchronise() { return cudaDeviceSynchronize(); }
+
+}  // namespace Lumenar::Core::Kelm::Device

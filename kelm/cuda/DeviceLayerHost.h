@@ -1,0 +1,60 @@
+#pragma once
+
+// Part of DeviceLayer.h: the device operations for a host compiler. What stands here only runs a
+// launch's threads; whether and how a device is emulated is decided by what the program links.
+
+#include <algorithm>
+#include <atomic>
+#include <numeric>
+
+#define KELM_KERNEL static void
+#define KELM_DEVICE
+
+namespace Lumenar::Core::Kelm::Device {
+
+/// Index of the device thread that this host thread is playing.
+extern constinit thread_local std::uint64_t emulated_thread_index;
+
+inline std::uint64_t threadIndex() { return emulated_thread_index; }
+
+inline std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t amount) {
+    return std::atomic_ref<std::uint64_t>(*counter).fetch_add(amount, std::memory_order_relaxed);
+}
+
+/// Runs the threads [first, last) of a launch, each standing at order[i] if there is an order.
+using ThreadRange = void (*)(const void* launch, std::uint64_t first, std::uint64_t last,
+                             const std::uint64_t* order);
+
+/// Calls `range` until every one of `thread_count` threads has run, on any host threads.
+void runThreads(ThreadRange range, const void* launch, std::uint64_t thread_count);
+
+/// A sort or a scan is about to run: throws std::runtime_error where the device fails it.
+void beginLibraryCall();
+
+template <class... Arguments>
+void launch(void (*kernel)(Arguments...), std::uint32_t blocks, std::uint32_t block_size,
+            std::type_identity_t<Arguments>... arguments) {
+    const auto run_one = [&] { kernel(arguments...); };
+    const ThreadRange range = [](const void* launched, std::uint64_t first, std::uint64_t last,
+                                 const std::uint64_t* order) {
+        const auto& run = *static_cast<const decltype(run_one)*>(launched);
+        for (std::uint64_t i = first; i < last; ++i) {
+            emulated_thread_index = order == nullptr ? i : order[i];
+            run();
+        }
+    };
+    runThreads(range, &run_one, static_cast<std::uint64_t>(blocks) * block_size);
+}
+
+template <class T, class Less>
+void sort(T* first, std::uint64_t count, Less less) {
+    beginLibraryCall();
+    std::sort(first, first + count, less);
+}
+
+inline void exclusiveScan(const std::uint64_t* in, std::uint64_t count, std::uint64_t* out) {
+    beginLibraryCall();
+    std::exclusive_scan(in, in + count, out, std::uint64_t{0});
+}
+
+}  // namespace Lumenar::Core::Kelm::Device

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+
+#include "kelm/core/HostDevice.h"
+#include "kelm/core/ModelTime.h"
+
+// A shard is a contiguous range of neurons. The layout is arithmetic on two numbers and holds no
+// table: the first node_count % shard_count shards have one neuron more than the others.
+
+namespace Lumenar::Core::Kelm {
+
+namespace Kernel {
+
+/// The formulas as device threads use them: arguments are not tested.
+KELM_HD constexpr NodeId shardBegin(std::uint64_t node_count, std::uint32_t shard_count,
+                                    std::uint32_t shard) {
+    const std::uint64_t base = node_count / shard_count;
+    const std::uint64_t rem = node_count % shard_count;
+    return shard * base + (rem < shard ? rem : shard);
+}
+KELM_HD constexpr NodeId shardEnd(std::uint64_t node_count, std::uint32_t shard_count,
+                                  std::uint32_t shard) {
+    const std::uint64_t base = node_count / shard_count;
+    const std::uint64_t rem = node_count % shard_count;
+    return shardBegin(node_count, shard_count, shard) + base + (shard < rem ? 1 : 0);
+}
+KELM_HD constexpr std::uint32_t shardOf(std::uint64_t node_count, std::uint32_t shard_count,
+                                        NodeId node) {
+    const std::uint64_t base = node_count / shard_count;
+    const std::uint64_t rem = node_count % shard_count;
+    const std::uint64_t boundary = (base + 1) * rem;
+    return static_cast<std::uint32_t>(node < boundary ? node / (base + 1)
+                                                      : (node - boundary) / base + rem);
+}
+
+}  // namespace Kernel
+
+/// First neuron of a shard. `shard` must lie below shard_count.
+/// Throws InvalidShardLayout unless 1 <= shard_count <= node_count.
+NodeId shardBegin(std::uint64_t node_count, std::uint32_t shard_count, std::uint32_t shard);
+
+/// The neuron behind a shard's last. `shard` must lie below shard_count.
+/// Throws InvalidShardLayout unless 1 <= shard_count <= node_count.
+NodeId shardEnd(std::uint64_t node_count, std::uint32_t shard_count, std::uint32_t shard);
+
+/// The shard that holds a neuron.
+/// Throws InvalidShardLayout unless 1 <= shard_count <= node_count, then for a neuron outside the
+/// network.
+std::uint32_t shardOf(std::uint64_t node_count, std::uint32_t shard_count, NodeId node);
+
+/// Holds the three functions against each other on a table of layouts, without a device.
+/// Throws std::runtime_error at the first disagreement.
+void checkShardLayouts();
+
+}  // namespace Lumenar::Core::Kelm
