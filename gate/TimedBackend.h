@@ -1,0 +1,30 @@
+#pragma once
+
+#include "kelm/engine/IWindowBackend.h"
+
+namespace Lumenar::Core::Kelm::Gate {
+
+/// Measures the time that a run spends in a backend. It declines whole runs, also where the wrapped
+/// backend would take them, so that every window is measured. The wrapped backend is borrowed.
+class TimedBackend final : public IWindowBackend {
+public:
+    explicit TimedBackend(IWindowBackend& inner) : inner_(&inner) {}
+
+    const char* name() override { return inner_->name(); }
+    /// A call that throws is not counted.
+    void processWindow(const std::span<const WindowWork>& work,
+                       const std::span<const Kernel::WindowEvent>& events, ModelTime window_end,
+                       ModelTime horizon, const Kernel::Neuron& neuron,
+                       const Kernel::Firing& firing,
+                       const std::span<Kernel::WindowResult>& results) override;
+    bool tryResidentRun(WindowEngine&) override { return false; }
+
+    /// Time spent in the wrapped backend's processWindow so far, s.
+    double seconds() const { return seconds_; }
+
+private:
+    IWindowBackend* inner_;
+    double seconds_ = 0.0;
+};
+
+}  // namespace Lumenar::Core::Kelm::Gate

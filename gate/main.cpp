@@ -1,0 +1,12 @@
+#include <iostream>
+#include <string_view>
+#include <vector>
+
+#include "gate/GateDriver.h"
+#include "gate/GateSteps.h"
+
+int main(int argc, char** argv) {
+    const std::vector<std::string_view> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
+    return Lumenar::Core::Kelm::Gate::runGate(arguments, Lumenar::Core::Kelm::Gate::allSteps(),
+                                              std::cout, std::cerr);
+}
