@@ -1,0 +1,16 @@
+include(CMakePackageConfigHelpers)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kelm)
+configure_package_config_file(cmake/kelmConfig.cmake.in ${PROJECT_BINARY_DIR}/kelmConfig.cmake
+    INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/kelmConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/kelmConfig.cmake ${PROJECT_BINARY_DIR}/kelmConfigVersion.cmake
+    DESTINATION ${package_dir})
+
+set(installed_targets kelm)
+if(KELM_HAVE_CUDA)
+    list(APPEND installed_targets kelm_cuda)
+endif()
+install(TARGETS ${installed_targets} EXPORT kelmTargets FILE_SET HEADERS)
+install(EXPORT kelmTargets NAMESPACE kelm:: DESTINATION ${package_dir})
