@@ -55,6 +55,18 @@ void appendImage(Blob& blob, const Record& record) {
     appendBytes(blob, &record, sizeof(Record));
 }
 
+/// Records one behind the other, without a count.
+template <class Record>
+void appendImages(Blob& blob, std::span<const Record> records) {
+    static_assert(std::is_trivially_copyable_v<Record>);
+    appendBytes(blob, records.data(), records.size_bytes());
+}
+/// A blob inside a blob, behind its length.
+inline void appendNested(Blob& blob, BlobView inner) {
+    appendU64(blob, inner.size());
+    appendBytes(blob, inner.data(), inner.size());
+}
+
 /// A cursor over a blob that can only say no: a read that does not fit returns false and leaves
 /// the cursor where it was. It does not own the bytes.
 class BlobReader {
@@ -91,6 +103,29 @@ public:
         view = bytes_.subspan(cursor_, static_cast<std::size_t>(length));
         cursor_ += view.size();
         return true;
+    }
+    /// A nested blob, behind its length.
+    [[nodiscard]] bool readNested(BlobView& inner) {
+        const std::size_t before = cursor_;
+        std::uint64_t length = 0;
+        if (readU64(length) && readView(length, inner)) return true;
+        cursor_ = before;
+        return false;
+    }
+    /// A record with all its gaps; its fields may hold anything.
+    template <class Record>
+    [[nodiscard]] bool readImage(Record& record) {
+        static_assert(std::is_trivially_copyable_v<Record>);
+        return read(&record, sizeof(Record));
+    }
+    /// `count` records one behind the other. False, before storage is sized, for a count that the
+    /// remaining bytes cannot hold.
+    template <class Record>
+    [[nodiscard]] bool readImages(std::uint64_t count, std::vector<Record>& records) {
+        static_assert(std::is_trivially_copyable_v<Record>);
+        if (count > remaining() / sizeof(Record)) return false;
+        records.resize(static_cast<std::size_t>(count));
+        return count == 0 || read(records.data(), records.size() * sizeof(Record));
     }
     /// A count of items of at least `item_bytes` each. False for a count that the remaining bytes
     /// cannot hold, so that it may size storage at once.

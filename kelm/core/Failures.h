@@ -26,10 +26,16 @@ public:
     static constexpr const char* parameter_count =
         "per-neuron parameter count does not match graph";
     static constexpr const char* no_d_min = "the graph has no d_min, so no window can be formed";
+    static constexpr const char* modulation_bounds =
+        "initial modulation bounds do not match neurons";
+    static constexpr const char* late_reseed = "initial candidates can only be reseeded before run";
+    static constexpr const char* late_observation =
+        "observer events must be declared before the run";
     static constexpr const char* bound_violation = "KELM hazard upper bound underestimated lambda";
     static constexpr const char* spike_overflow =
         "more spikes in one window than the model allows; check d_min against the refractory "
         "period";
+    static constexpr const char* shadow_violation = "observer shadow run violated neuron bounds";
     static constexpr const char* window_too_large =
         "a window holds more events than 32-bit indices can address";
     static constexpr const char* no_device =

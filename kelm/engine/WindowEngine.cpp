@@ -1,6 +1,7 @@
 #include "kelm/engine/WindowEngine.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <utility>
 
@@ -15,6 +16,8 @@ namespace {
 
 constexpr std::uint64_t calendar_buckets = 4096;
 constexpr const char* spontaneous_name = "spontaneous";
+constexpr std::uint64_t first_observation_id = 0x7fffffffffffffff;
+constexpr BlobTag format_tag("KELMWEN3");
 
 /// Streams of index 0 that composed runs may draw from. They exist from the start, so that every
 /// snapshot holds them whether they were drawn from or not.
@@ -46,6 +49,8 @@ struct WindowEngine::Window {
     std::vector<Kernel::WindowResult> results;
     std::size_t log_mark = 0;  ///< length of the log before this window
     std::vector<SpikeRecord> new_spikes;
+    std::vector<Kernel::State> shadow_states;  ///< of an observation, shape (neurons)
+    std::vector<ModelTime> candidate_times;    ///< of an observation, shape (neurons)
 };
 
 WindowEngine::WindowEngine(Assembled, SynapseGraph&& graph, std::vector<Kernel::Neuron>&& neurons,
@@ -67,7 +72,8 @@ WindowEngine::WindowEngine(Assembled, SynapseGraph&& graph, std::vector<Kernel::
     states_.resize(graph_.nodeCount());
     candidates_.resize(graph_.nodeCount());
     createStreams();
-    seedInitialCandidates();
+    // In NodeId order: it fixes the order of candidates at equal times.
+    for (NodeId n = 0; n < graph_.nodeCount(); ++n) drawFirstCandidate(n, 0.0);
 }
 
 WindowEngine::WindowEngine(SynapseGraph graph, std::vector<Kernel::Neuron> neurons,
@@ -109,16 +115,23 @@ void WindowEngine::createStreams() {
     for (const char* name : single_streams) random_.streamFor(name, 0);
 }
 
-/// Draws and posts each neuron's first candidate, in NodeId order: it fixes the order of candidates
-/// at equal times.
-void WindowEngine::seedInitialCandidates() {
-    for (NodeId n = 0; n < graph_.nodeCount(); ++n) {
-        std::uint64_t rng = random_.rawState(spontaneous_, n);
-        const Kernel::Candidate first =
-            Kernel::nextCandidate(states_[n], neurons_[n], firings_[n], 0, horizon_, 0.0, rng);
-        random_.advanceTo(spontaneous_, n, rng);
-        scheduleCandidate(*store_, n, first.found ? first.time : no_time, first.bound);
+/// Draws and posts a neuron's first candidate.
+void WindowEngine::drawFirstCandidate(NodeId neuron, double drive_bound) {
+    std::uint64_t rng = random_.rawState(spontaneous_, neuron);
+    const Kernel::Candidate first = Kernel::nextCandidate(
+        states_[neuron], neurons_[neuron], firings_[neuron], 0, horizon_, drive_bound, rng);
+    random_.advanceTo(spontaneous_, neuron, rng);
+    scheduleCandidate(*store_, neuron, first.found ? first.time : no_time, first.bound);
+}
+
+void WindowEngine::reseedInitialCandidates(std::span<const double> drive_bounds) {
+    if (drive_bounds.size() != states_.size()) {
+        throw WindowEngineError(WindowEngineError::modulation_bounds);
     }
+    if (profile_.windows != 0 || !log_.empty()) {
+        throw WindowEngineError(WindowEngineError::late_reseed);
+    }
+    for (NodeId n = 0; n < graph_.nodeCount(); ++n) drawFirstCandidate(n, drive_bounds[n]);
 }
 
 /// Catches the streams up with a whole run that a backend carried out.
@@ -149,6 +162,7 @@ template <class Store>
 void WindowEngine::runWindows(Store& store, IWindowBackend& backend, ModelTime until) {
     Window window;
     while (store.take(until, window.taken, window.start, window.end)) {
+        deliverObservations(window, window.start, false);
         window.log_mark = log_.size();
         groupByTarget(window);
         buildWork(window);
@@ -167,7 +181,9 @@ void WindowEngine::runWindows(Store& store, IWindowBackend& backend, ModelTime u
                                      log_.end());
             commit_hook_->commit(window.start, window.end, window.new_spikes, graph_);
         }
+        deliverObservations(window, window.end, true);
     }
+    deliverObservations(window, until, false);
 }
 
 void WindowEngine::groupByTarget(Window& window) const {
@@ -257,6 +273,60 @@ void WindowEngine::scheduleCandidate(Store& store, NodeId neuron, ModelTime time
     slot.event_id = store.post(event);
 }
 
+std::uint64_t WindowEngine::declareObserverEvent(const Event& event) {
+    if (observer_cursor_ != 0) throw WindowEngineError(WindowEngineError::late_observation);
+    Event declared = event;
+    // Above every id that a store gives out.
+    declared.id = first_observation_id + observer_events_.size();
+    std::fill(std::begin(declared.gap), std::end(declared.gap), std::uint8_t{0});
+    observer_events_.insert(
+        std::upper_bound(observer_events_.begin(), observer_events_.end(), declared, EventLess()),
+        declared);
+    return declared.id;
+}
+
+bool WindowEngine::observationDue(ModelTime limit) const {
+    return observer_ != nullptr && observer_cursor_ < observer_events_.size() &&
+           observer_events_[observer_cursor_].time < limit;
+}
+
+/// Delivers the observations before `limit`: between windows on the states of the last commit,
+/// inside a window, when all its results are in force, on a shadow of its work.
+void WindowEngine::deliverObservations(Window& window, ModelTime limit, bool inside) {
+    while (observationDue(limit)) {
+        const Event observation = observer_events_[observer_cursor_++];
+        window.shadow_states = states_;
+        window.candidate_times.resize(candidates_.size());
+        std::transform(candidates_.begin(), candidates_.end(), window.candidate_times.begin(),
+                       [](const CandidateSlot& slot) { return slot.time; });
+        if (inside) shadowRun(window, observation.time);
+        for (NodeId n = 0; n < window.shadow_states.size(); ++n) {
+            Kernel::advanceTraces(window.shadow_states[n], neurons_[n], observation.time);
+        }
+        observer_->observe(observation, window.shadow_states, window.candidate_times, graph_);
+    }
+}
+
+/// Repeats the window's work up to `time` ns on the copies. Neurons without an item kept their
+/// state over the window, so the copies of the committed states hold for them; every other one is
+/// put back to its state before the window by its item. The random draws repeat, because an item
+/// holds the generator as it stood.
+void WindowEngine::shadowRun(Window& window, ModelTime time) {
+    for (const WindowWork& item : window.work) {
+        const Kernel::WindowEvent* events = window.events.data() + item.first_event;
+        std::uint32_t count = 0;
+        while (count < item.event_count && events[count].time < time) ++count;
+        const Kernel::WindowResult result = Kernel::processWindow(
+            item.state, item.rng, item.parameters, item.firing, events, count, time, horizon_,
+            item.drive, item.pending_time, item.pending_bound);
+        if (result.bound_violation || result.spike_overflow) {
+            throw WindowEngineError(WindowEngineError::shadow_violation);
+        }
+        window.shadow_states[item.neuron] = result.state;
+        window.candidate_times[item.neuron] = result.next_candidate;
+    }
+}
+
 std::uint64_t WindowEngine::post(const Event& event) {
     if (event.target >= graph_.nodeCount()) {
         throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
@@ -278,6 +348,81 @@ std::uint64_t WindowEngine::logHash() { return digestImages(spikeLog()); }
 std::uint64_t WindowEngine::spontaneousState(NodeId neuron) {
     flushPendingRandomStates();
     return random_.rawState(spontaneous_, neuron);
+}
+
+Blob WindowEngine::snapshot() {
+    flushPendingRandomStates();
+    Blob blob;
+    appendTag(blob, format_tag);
+    appendU64(blob, states_.size());
+    appendImages<Kernel::State>(blob, states_);
+    appendNested(blob, random_.snapshot());
+    appendImages<CandidateSlot>(blob, candidates_);
+    appendU64(blob, log_.size());
+    appendImages<SpikeRecord>(blob, spikeLog());
+    appendImage(blob, profile_);
+    appendNested(blob, graph_.snapshot());
+    appendU64(blob, observer_events_.size());
+    appendImages<Event>(blob, observer_events_);
+    appendU64(blob, observer_cursor_);
+    appendNested(blob, store_->snapshot());
+    return blob;
+}
+
+bool WindowEngine::restore(BlobView blob) {
+    flushPendingRandomStates();
+    BlobReader in(blob);
+    std::uint64_t state_count = 0;
+    if (!in.expectTag(format_tag) || !in.readU64(state_count)) return false;
+    if (state_count != states_.size()) return false;
+    std::vector<Kernel::State> states;
+    if (!in.readImages(state_count, states)) return false;
+
+    BlobView stored_random;
+    Runtime::RandomContext random(seed_);
+    if (!in.readNested(stored_random) || !random.restore(stored_random)) return false;
+    // A run must not go on under another seed.
+    if (random.seed() != seed_) return false;
+    const Runtime::RandomContext::Family spontaneous = random.family(spontaneous_name);
+
+    std::vector<CandidateSlot> candidates;
+    std::uint64_t log_count = 0;
+    std::vector<SpikeRecord> log;
+    WindowProfile profile;
+    BlobView stored_graph;
+    if (!in.readImages(candidates_.size(), candidates) || !in.readU64(log_count) ||
+        !in.readImages(log_count, log) || !in.readImage(profile) || !in.readNested(stored_graph)) {
+        return false;
+    }
+    SynapseGraph graph = graph_;
+    if (!graph.restore(stored_graph)) return false;
+
+    std::uint64_t observation_count = 0;
+    std::vector<Event> observations;
+    std::uint64_t cursor = 0;
+    BlobView stored_store;
+    if (!in.readU64(observation_count) || !in.readImages(observation_count, observations) ||
+        !in.readU64(cursor) || cursor > observation_count || !in.readNested(stored_store) ||
+        !in.atEnd()) {
+        return false;
+    }
+    for (Event& observation : observations) {
+        std::fill(std::begin(observation.gap), std::end(observation.gap), std::uint8_t{0});
+    }
+    // The last test, and the only step that works on a live object.
+    if (!store_->restore(stored_store)) return false;
+
+    graph_ = std::move(graph);
+    states_ = std::move(states);
+    random_ = std::move(random);
+    spontaneous_ = spontaneous;
+    candidates_ = std::move(candidates);
+    log_ = std::move(log);
+    log_sorted_ = true;
+    profile_ = profile;
+    observer_events_ = std::move(observations);
+    observer_cursor_ = cursor;
+    return true;
 }
 
 }  // namespace Lumenar::Core::Kelm

@@ -5,6 +5,7 @@
 #include <span>
 #include <vector>
 
+#include "kelm/core/Blob.h"
 #include "kelm/core/RandomContext.h"
 #include "kelm/engine/CandidateSlot.h"
 #include "kelm/engine/IWindowBackend.h"
@@ -27,9 +28,10 @@ std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index);
 ///
 /// A window is one bucket of the event store, one smallest synaptic delay long, so that no spike
 /// of a window can reach a neuron inside it and all neurons of a window are independent. The order
-/// of a window: take its events, group them by neuron, prepare hook, backend, serial commit in
-/// ascending NodeId, commit hook. All ids, and with them all ties, are a function of the results
-/// alone, so a run does not depend on how or where the backend computed them.
+/// of a window: observations before it, take its events, group them by neuron, prepare hook,
+/// backend, serial commit in ascending NodeId, commit hook, observations inside it. All ids, and
+/// with them all ties, are a function of the results alone, so a run does not depend on how or
+/// where the backend computed them.
 ///
 /// Between two windows the state is complete. After a throw out of run the engine may only be
 /// destroyed. It is neither copied nor moved; hooks and backends are borrowed. One thread at a
@@ -81,6 +83,32 @@ public:
     /// Throws SynapseRoutingViolation for a target outside the network, and what the store throws.
     std::uint64_t post(const Event& event) override;
 
+    /// Declares a moment at which the observer is to see the network: the event's time, in ns. The
+    /// other fields are handed through. Returns the id given to it; at equal times observations
+    /// come in the order of declaration. They do not disturb the run: they enter neither the store
+    /// nor a counter, and a moment inside a window is reached by repeating the window's work on
+    /// copies.
+    /// Throws WindowEngineError once an observation has been delivered.
+    std::uint64_t declareObserverEvent(const Event& event);
+
+    /// Draws every first candidate anew, for external drives of at most `drive_bounds`: shape
+    /// (neurons). The draws of construction stay consumed.
+    /// Throws WindowEngineError for another count, then once the run has begun.
+    void reseedInitialCandidates(std::span<const double> drive_bounds);
+
+    /// Format "KELMWEN3": tag; state count (8), states (40 each); length (8) and "RNDCTX1" blob of
+    /// the streams; per neuron its candidate: time, rate, event id (24); log count (8), log (16
+    /// each) in canonical order; profile (40); length (8) and "KELMSYN1" blob of the graph;
+    /// observation count (8), observations (64 each), how many are delivered (8); length (8) and
+    /// blob of the store. Sorts the log. Call it between runs.
+    Blob snapshot();
+
+    /// Puts a snapshot in force that an engine of the same graph shape, parameters, seed and
+    /// horizon has written: the run goes on as that one would have. False for a blob that is cut
+    /// short, forged, of another format, neuron count or seed; the engine is then as it was, unless
+    /// a store that was handed in refused after it had changed itself. Call it between runs.
+    [[nodiscard]] bool restore(BlobView blob);
+
     /// All spikes so far, by time, then neuron. Valid until the next run.
     std::span<const SpikeRecord> spikeLog();
 
@@ -93,6 +121,11 @@ public:
     std::span<const CandidateSlot> candidates() const { return candidates_; }
     /// The raw state of a neuron's random stream. `neuron` must lie in the network.
     std::uint64_t spontaneousState(NodeId neuron);
+    /// The random streams, for recording and replaying one. Valid until a restore.
+    Runtime::RandomContext& randomStreams() {
+        flushPendingRandomStates();
+        return random_;
+    }
 
     const WindowProfile& profile() const { return profile_; }
     const SynapseGraph& graph() const { return graph_; }
@@ -117,7 +150,7 @@ private:
     void requireBuildable();
     bool neuronsDiffer() const;
     void createStreams();
-    void seedInitialCandidates();
+    void drawFirstCandidate(NodeId neuron, double drive_bound);
     void flushPendingRandomStates();
     bool offersResidentRun(ModelTime until) const;
     template <class Store>
@@ -128,6 +161,9 @@ private:
     void commitWindow(Store& store, Window& window);
     template <class Store>
     void scheduleCandidate(Store& store, NodeId neuron, ModelTime time, double rate);
+    bool observationDue(ModelTime limit) const;
+    void deliverObservations(Window& window, ModelTime limit, bool inside);
+    void shadowRun(Window& window, ModelTime time);
 
     SynapseGraph graph_;
     Kernel::Neuron uniform_neuron_;
@@ -150,6 +186,8 @@ private:
     IWindowCommit* commit_hook_ = nullptr;
     IWindowPrepare* prepare_hook_ = nullptr;
     IWindowObserver* observer_ = nullptr;
+    std::vector<Event> observer_events_;  ///< declared observations, in the order of EventLess
+    std::uint64_t observer_cursor_ = 0;   ///< the first one not yet delivered
     bool external_events_ = false;
 };
 
