@@ -41,8 +41,8 @@ void writeSuccess(std::ostream& out, const GateSteps& steps, const GateTotals& t
         << '\n';
 }
 
-int runSteps(std::span<const std::string_view> arguments, const GateSteps& steps,
-             std::ostream& out, std::ostream& err) {
+int runSteps(std::span<const std::string_view> arguments, const GateSteps& steps, std::ostream& out,
+             std::ostream& err) {
     runStep(steps.check_shard_layouts);
     runStep(steps.check_resident_eligibility);
     if (!cudaDeviceUsable()) {
@@ -81,6 +81,11 @@ int runGate(std::span<const std::string_view> arguments, const GateSteps& steps,
 
 void gateRequire(bool condition, std::string_view message) {
     if (!condition) throw std::runtime_error("kelmgate: " + std::string(message));
+}
+
+std::string cellLabel(std::string_view kind, std::uint64_t index, std::uint64_t seed) {
+    return " (" + std::string(kind) + " " + std::to_string(index) + ", seed " +
+           std::to_string(seed) + ")";
 }
 
 }  // namespace Lumenar::Core::Kelm::Gate

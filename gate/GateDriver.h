@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <span>
+#include <string>
 #include <string_view>
 
 // The gate decides whether the device backend reproduces the CPU backend bit for bit. It runs a
@@ -52,5 +53,8 @@ int runGate(std::span<const std::string_view> arguments, const GateSteps& steps,
 
 /// Throws std::runtime_error "kelmgate: <message>" unless `condition` holds.
 void gateRequire(bool condition, std::string_view message);
+
+/// " (<kind> <index>, seed <seed>)": ends every message of a cell.
+std::string cellLabel(std::string_view kind, std::uint64_t index, std::uint64_t seed);
 
 }  // namespace Lumenar::Core::Kelm::Gate

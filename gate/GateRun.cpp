@@ -1,5 +1,6 @@
 #include "gate/GateRun.h"
 
+#include <cstring>
 #include <utility>
 
 #include "gate/ModelCatalogue.h"
@@ -7,12 +8,7 @@
 
 namespace Lumenar::Core::Kelm::Gate {
 
-GateRun runModel(std::uint64_t index, std::uint64_t seed, IWindowBackend& backend) {
-    GateModel model = buildModel(index);
-    KelmRuntime runtime = makeKelmRuntime(std::move(model.graph), model.neuron, model.firing, seed,
-                                          model.horizon, &backend);
-    runtime.run();
-
+GateRun collectRun(KelmRuntime& runtime) {
     GateRun run;
     const auto log = runtime.spikeLog();
     run.log.assign(log.begin(), log.end());
@@ -22,6 +18,20 @@ GateRun runModel(std::uint64_t index, std::uint64_t seed, IWindowBackend& backen
     run.profile = runtime.profile();
     run.committed_windows = runtime.commitCount();
     return run;
+}
+
+GateRun runModel(std::uint64_t index, std::uint64_t seed, IWindowBackend& backend) {
+    GateModel model = buildModel(index);
+    KelmRuntime runtime = makeKelmRuntime(std::move(model.graph), model.neuron, model.firing, seed,
+                                          model.horizon, &backend);
+    runtime.run();
+    return collectRun(runtime);
+}
+
+bool equalLogs(const GateRun& a, const GateRun& b) { return a.log == b.log; }
+
+bool equalBits(const Kernel::State& a, const Kernel::State& b) {
+    return std::memcmp(&a, &b, sizeof(Kernel::State)) == 0;
 }
 
 }  // namespace Lumenar::Core::Kelm::Gate

@@ -8,6 +8,10 @@
 #include "kelm/engine/WindowProfile.h"
 #include "kelm/kernel/NeuronModel.h"
 
+namespace Lumenar::Core::Kelm {
+class KelmRuntime;
+}
+
 namespace Lumenar::Core::Kelm::Gate {
 
 /// What one run leaves behind for the comparisons.
@@ -19,7 +23,16 @@ struct GateRun {
     std::uint64_t committed_windows = 0;  ///< calls of the runtime's commit hook
 };
 
+/// What a runtime holds after a run.
+GateRun collectRun(KelmRuntime& runtime);
+
 /// Runs the catalogue's model `index` to its horizon in a runtime with every optional part off.
 GateRun runModel(std::uint64_t index, std::uint64_t seed, IWindowBackend& backend);
+
+/// Whether two logs hold the same spikes in the same order.
+bool equalLogs(const GateRun& a, const GateRun& b);
+
+/// Whether two states hold the same 40 bytes: 0.0 and -0.0 differ, two equal NaNs do not.
+bool equalBits(const Kernel::State& a, const Kernel::State& b);
 
 }  // namespace Lumenar::Core::Kelm::Gate

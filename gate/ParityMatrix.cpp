@@ -1,7 +1,5 @@
 #include "gate/ParityMatrix.h"
 
-#include <cstring>
-
 #include "gate/ModelCatalogue.h"
 #include "kelm/cuda/CudaWindowBackend.h"
 #include "kelm/engine/CpuWindowBackend.h"
@@ -23,10 +21,9 @@ std::string counts(std::uint64_t cpu, std::uint64_t cuda) {
 void compareStates(const GateRun& cpu, const GateRun& cuda, const std::string& label) {
     gateRequire(cpu.states.size() == cuda.states.size(), "different neuron counts" + label);
     for (std::size_t i = 0; i < cpu.states.size(); ++i) {
-        // Bytes, not numbers: 0.0 and -0.0 differ, two equal NaNs do not.
-        gateRequire(std::memcmp(&cpu.states[i], &cuda.states[i], sizeof(Kernel::State)) == 0,
-                    "neuron " + std::to_string(i) + " ended in a different state, bit for bit" +
-                        label);
+        gateRequire(
+            equalBits(cpu.states[i], cuda.states[i]),
+            "neuron " + std::to_string(i) + " ended in a different state, bit for bit" + label);
     }
 }
 
@@ -42,9 +39,9 @@ void compareRuns(const GateRun& cpu, const GateRun& cuda, const std::string& lab
     }
     gateRequire(cpu.hash == cuda.hash, "the log hashes differ" + label);
     compareStates(cpu, cuda, label);
-    gateRequire(cpu.profile.updates == cuda.profile.updates,
-                "neuron update counts differ" + label +
-                    counts(cpu.profile.updates, cuda.profile.updates));
+    gateRequire(
+        cpu.profile.updates == cuda.profile.updates,
+        "neuron update counts differ" + label + counts(cpu.profile.updates, cuda.profile.updates));
     for (const GateRun* run : {&cpu, &cuda}) {
         gateRequire(run->profile.windows == run->committed_windows,
                     "the runtime did not commit every completed window" + label);
@@ -56,11 +53,10 @@ void compareRuns(const GateRun& cpu, const GateRun& cuda, const std::string& lab
 }
 
 void requireExercised(const GateTotals& totals) {
-    gateRequire(totals.runs == matrix_cells,
-                "the parity gate did not cover 20 models x 5 seeds");
-    gateRequire(totals.spikes > vacuous_spikes,
-                "the parity matrix produced only " + std::to_string(totals.spikes) +
-                    " spikes; the gate would be vacuous");
+    gateRequire(totals.runs == matrix_cells, "the parity gate did not cover 20 models x 5 seeds");
+    gateRequire(totals.spikes > vacuous_spikes, "the parity matrix produced only " +
+                                                    std::to_string(totals.spikes) +
+                                                    " spikes; the gate would be vacuous");
     gateRequire(totals.windows > vacuous_windows,
                 "the runs used barely more than one window each, so the windowing is not "
                 "exercised");
@@ -72,8 +68,7 @@ GateTotals runParityMatrix() {
     GateTotals totals;
     for (std::uint64_t model = 0; model < catalogue_size; ++model) {
         for (std::uint64_t seed = first_seed; seed <= last_seed; ++seed) {
-            const std::string label =
-                " (model " + std::to_string(model) + ", seed " + std::to_string(seed) + ")";
+            const std::string label = cellLabel("model", model, seed);
             const GateRun cpu = runModel(model, seed, cpu_backend);
             const GateRun cuda = runModel(model, seed, cuda_backend);
             compareRuns(cpu, cuda, label);
