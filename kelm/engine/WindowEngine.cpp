@@ -144,7 +144,8 @@ void WindowEngine::flushPendingRandomStates() {
 
 bool WindowEngine::offersResidentRun(ModelTime until) const {
     return until == horizon_ && profile_.windows == 0 && log_.empty() && prepare_hook_ == nullptr &&
-           commit_hook_ == nullptr && observer_ == nullptr && !external_events_ && !heterogeneous_;
+           commit_hook_ == nullptr && observer_ == nullptr && observer_events_.empty() &&
+           !external_events_ && !heterogeneous_;
 }
 
 void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
