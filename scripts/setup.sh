@@ -1,0 +1,55 @@
+# shellcheck shell=bash
+# Sourced by the scripts here and by .ci/run: goes to the top of the repository and brings what a
+# build needs. What is missing is installed where that may be done, by root on a system with
+# apt-get; elsewhere it is named, and the script ends with status 1.
+set -euo pipefail
+
+CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.."
+
+has_command() { command -v -- "$1" >/dev/null; }
+has_header() { c++ -E -x c++ -include "$1" /dev/null >/dev/null 2>&1; }
+
+missing_packages=()
+
+# need PACKAGE PROBE...: notes a Debian package whose probe fails.
+need() {
+    "${@:2}" || missing_packages+=("$1")
+}
+
+install_missing() {
+    ((${#missing_packages[@]})) || return 0
+    if ((EUID != 0)) || ! has_command apt-get; then
+        printf 'missing: %s\n' "${missing_packages[*]}"
+        echo 'These are Debian packages. This script installs them when it runs as root on a' \
+            'system with apt-get; here, please install them first.'
+        exit 1
+    fi >&2
+    echo "installing: ${missing_packages[*]}"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get -qq update
+    apt-get -qq -o Dpkg::Use-Pty=0 install --no-install-recommends "${missing_packages[@]}" \
+        </dev/null >/dev/null
+    missing_packages=()
+}
+
+# What every preset needs, the one with the device library apart.
+need_build_tools() {
+    need cmake has_command cmake
+    need ninja-build has_command ninja
+    need g++ has_command c++
+    need libgtest-dev has_header gtest/gtest.h
+    need libbenchmark-dev has_header benchmark/benchmark.h
+}
+
+# Prints where nvcc is, if it is anywhere: toolkits do not put themselves on the PATH.
+find_nvcc() {
+    local candidate
+    for candidate in "${CUDACXX:-}" nvcc "${CUDA_HOME:+$CUDA_HOME/bin/nvcc}" \
+        "${CUDA_PATH:+$CUDA_PATH/bin/nvcc}" /usr/local/cuda/bin/nvcc; do
+        if [[ -n $candidate ]] && command -v -- "$candidate"; then return; fi
+    done
+}
+
+# Empty without nvcc. CMake takes it from CUDACXX.
+nvcc=$(find_nvcc)
+if [[ -n $nvcc ]]; then export CUDACXX=$nvcc; fi
