@@ -30,7 +30,7 @@ std::uint64_t operationCount();
 /// Blocks allocated and not released.
 std::uint64_t liveAllocations();
 
-/// Whether the device is there; it is at the start.
+/// Whether the device is there; it is at the start. On one that is not, every operation fails.
 void setPresent(bool present);
 
 /// Host threads that share the work of a launch, at least 1; as many as there are processors at
