@@ -1,0 +1,32 @@
+#pragma once
+
+#include <bit>
+#include <cstdint>
+
+#include "kelm/core/SplitMix64.h"
+
+namespace Lumenar::Core::Kelm::Testing {
+
+/// Random arguments for tests, made as scripts/reference/kernel.py makes them.
+class Draws {
+public:
+    explicit Draws(std::uint64_t seed) : state_(seed) {}
+
+    std::uint64_t next() {
+        state_ += splitmix_increment;
+        return splitmixOutput(state_);
+    }
+    double between(double low, double end) {
+        return low + (end - low) * (static_cast<double>(next() >> 11) * 0x1p-53);
+    }
+    std::uint64_t below(std::uint64_t end) { return next() % end; }
+    std::int64_t timeBelow(std::uint64_t end) { return static_cast<std::int64_t>(below(end)); }
+    bool oneIn(std::uint64_t count) { return below(count) == 0; }
+    /// A positive double of any magnitude; finite.
+    double positive() { return std::bit_cast<double>(below(0x7ff0000000000000)); }
+
+private:
+    std::uint64_t state_;
+};
+
+}  // namespace Lumenar::Core::Kelm::Testing

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "kelm/core/ModelTime.h"
+#include "kelm/engine/WindowEngine.h"
+#include "kelm/events/Event.h"
+#include "kelm/kernel/NeuronModel.h"
+#include "kelm/network/SynapseGraph.h"
+
+namespace Lumenar::Core::Kelm::Testing {
+
+/// What a generated model may be like.
+struct ModelTraits {
+    std::uint64_t max_neurons = 24;
+    std::int64_t max_windows = 60;
+    bool alike = false;           ///< all neurons have the parameters of neuron 0
+    bool external_events = true;  ///< some inputs are posted before the run
+};
+
+/// A random model, a function of its seed and traits alone: a graph with inhibition, parallel
+/// synapses, self-loops, switched-off synapses and delays of one to many windows; neurons of every
+/// temper, some so hot that most windows see them, some that never fire; inputs from outside, also
+/// several at one instant and at the borders of windows.
+///
+/// Hot neurons without a hard refractory period may exceed what a window can hold, which is then
+/// the model's outcome.
+struct GeneratedModel {
+    std::uint64_t seed = 0;  ///< of the generator; print it on failure
+    std::uint64_t node_count = 0;
+    ModelTime d_min = 0;          ///< ns; the smallest delay
+    bool declares_d_min = false;  ///< else it follows from the synapses
+    std::vector<Synapse> synapses;
+    std::vector<Kernel::Neuron> neurons;
+    std::vector<Kernel::Firing> firings;
+    std::uint64_t run_seed = 0;
+    ModelTime horizon = 0;      ///< ns
+    std::vector<Event> inputs;  ///< from outside, in the order in which they are to be posted
+
+    SynapseGraph graph() const;
+};
+
+GeneratedModel generateModel(std::uint64_t seed, const ModelTraits& traits = {});
+
+/// An engine for the model, before its inputs are posted.
+WindowEngine makeEngine(const GeneratedModel& model, std::unique_ptr<IEventStore> store = nullptr);
+
+/// Posts the model's inputs.
+void postInputs(const GeneratedModel& model, IEventSink& sink);
+
+}  // namespace Lumenar::Core::Kelm::Testing

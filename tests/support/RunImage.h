@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kelm/engine/WindowEngine.h"
+
+namespace Lumenar::Core::Kelm {
+class KelmRuntime;
+}
+
+namespace Lumenar::Core::Kelm::Testing {
+
+/// All that a run has left behind so far.
+struct RunImage {
+    std::vector<Kernel::State> states;
+    std::vector<std::uint64_t> random_states;  ///< raw, of each neuron's stream
+    std::vector<CandidateSlot> candidates;     ///< empty where a run does not show them
+    std::vector<SpikeRecord> log;              ///< in canonical order
+    WindowProfile profile;
+};
+
+RunImage imageOf(WindowEngine& engine);
+RunImage imageOf(KelmRuntime& runtime);
+
+/// Names the first difference of two runs: neuron or place, field, and both bit patterns. Empty
+/// where they are equal to the bit.
+std::string firstDifference(const RunImage& a, const RunImage& b);
+
+/// Runs two engines of one model side by side, window by window, and compares them after each.
+///
+/// A run that throws ends both, and is equal to one that throws the same text in the same window.
+/// Returns the first difference, behind the window that showed it; empty where there is none.
+std::string runSideBySide(WindowEngine& a, IWindowBackend& backend_a, WindowEngine& b,
+                          IWindowBackend& backend_b, ModelTime d_min);
+
+}  // namespace Lumenar::Core::Kelm::Testing
