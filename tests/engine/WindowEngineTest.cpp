@@ -484,7 +484,7 @@ TEST(WindowEngineOffer, IsMadeOnceForAWholeRunThatNobodyTakesPartIn) {
 
 TEST(WindowEngineOffer, IsNotMadeForNeuronsThatDifferNorOnceARunHasBegun) {
     std::vector<Kernel::Firing> firings(2);
-    firings[0].base_rate = firings[1].base_rate = 1e8;
+    for (Kernel::Firing& firing : firings) firing.base_rate = firing.max_rate = 1e8;
     ScriptedBackend backend([](const WindowWork& item, const Kernel::WindowEvent*, ModelTime) {
         return quietResult(item);
     });
@@ -506,7 +506,7 @@ TEST(WindowEngineOffer, IsNotMadeForNeuronsThatDifferNorOnceARunHasBegun) {
 TEST(WindowEngineOffer, EndsTheRunWhereItIsTakenAndIsFollowedByTheLoopWhereNot) {
     for (const bool takes : {true, false}) {
         Kernel::Firing firing;
-        firing.base_rate = 1e8;
+        firing.base_rate = firing.max_rate = 1e8;
         WindowEngine engine(SynapseGraph(2, 10, {}), Kernel::Neuron(), firing, 1, 1000);
         ScriptedBackend backend([](const WindowWork& item, const Kernel::WindowEvent*, ModelTime) {
             return quietResult(item);
