@@ -130,13 +130,17 @@ public:
     }
 };
 
-/// A perturbation that cannot be applied.
+/// A perturbation or an intervention that cannot be applied.
 class InvalidIntervention : public std::invalid_argument {
 public:
     using std::invalid_argument::invalid_argument;
     static constexpr const char* strength = "perturbation strength must be finite";
     static constexpr const char* no_targets = "perturbation names no neuron";
     static constexpr const char* target = "perturbation target is outside the graph";
+    static constexpr const char* mechanism = "intervention names no mechanism";
+    static constexpr const char* gain = "intervention gain must be finite";
+    static constexpr const char* negative_gain =
+        "intervention gain of oscillators and prediction must not be negative";
     static constexpr const char* kind =
         "this KELM runtime step supports activation and inhibition perturbations; phase, synaptic "
         "and forced-spike events need their typed commit handlers";
