@@ -67,6 +67,12 @@ RandomContext::Stream RandomContext::streamFor(std::string_view name, std::uint6
     return stream;
 }
 
+RandomContext::FamilyTable& RandomContext::tableOf(std::string_view name, std::uint64_t index) {
+    FamilyTable& table = families_[family(name).place_];
+    stateOf(table, index);
+    return table;
+}
+
 std::uint64_t& RandomContext::stateOf(FamilyTable& table, std::uint64_t index) {
     if (index < table.dense.size()) return table.dense[index];
     const auto found = table.sparse.find(index);
@@ -122,6 +128,27 @@ void RandomContext::advanceSlowly(FamilyTable& table, std::uint64_t index, std::
 
 void RandomContext::refuseUnreachable() {
     throw std::logic_error("RandomContext raw state is not a reachable batch");
+}
+
+void RandomContext::record(std::string_view name, std::uint64_t index) {
+    tableOf(name, index).tapes.insert_or_assign(index, Tape{Mode::record, {}, 0});
+}
+
+void RandomContext::replay(std::string_view name, std::uint64_t index,
+                           std::span<const std::uint64_t> tape) {
+    std::vector<std::uint64_t> values(tape.begin(), tape.end());
+    tableOf(name, index).tapes.insert_or_assign(index, Tape{Mode::replay, std::move(values), 0});
+}
+
+void RandomContext::stopTape(std::string_view name, std::uint64_t index) {
+    tableOf(name, index).tapes.erase(index);
+}
+
+std::span<const std::uint64_t> RandomContext::tape(std::string_view name, std::uint64_t index) {
+    const FamilyTable& table = tableOf(name, index);
+    const auto taped = table.tapes.find(index);
+    if (taped == table.tapes.end()) return {};
+    return taped->second.values;
 }
 
 void RandomContext::appendStream(Blob& blob, const FamilyTable& table, std::uint64_t index,

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -72,7 +73,8 @@ public:
         return stateOf(table, index);
     }
 
-    /// Moves a stream by one step and returns its value, whatever the stream's mode.
+    /// Moves a stream by one step and returns its value, whatever the stream's mode; a tape is
+    /// neither read nor written.
     std::uint64_t next(Stream stream);
 
     /// Brings stream (name, index) to the raw state `raw`, which must lie at most 10^9 steps ahead.
@@ -93,6 +95,25 @@ public:
         }
         advanceSlowly(table, index, raw);
     }
+
+    /// Records stream (name, index): advanceTo appends each value from here on to a new, empty
+    /// tape. The stream is created if need be; a tape that it had is dropped.
+    void record(std::string_view name, std::uint64_t index);
+
+    /// Checks stream (name, index) against `tape`, shape (value_count): advanceTo compares each
+    /// value from here on with the next one of the tape, from its first, and throws as told there.
+    /// The tape is copied, so it may be a view of a tape of this context. The stream is created if
+    /// need be; a tape that it had is dropped.
+    void replay(std::string_view name, std::uint64_t index, std::span<const std::uint64_t> tape);
+
+    /// Drops the tape of stream (name, index), which then only moves on. The stream itself stays
+    /// where it is, and is created if need be.
+    void stopTape(std::string_view name, std::uint64_t index);
+
+    /// The values that stream (name, index) has recorded, or that it is replayed against; empty for
+    /// a stream without a tape. The stream is created if need be. The view is valid until the
+    /// stream is advanced or given another tape, or the context is assigned to or restored.
+    std::span<const std::uint64_t> tape(std::string_view name, std::uint64_t index);
 
     /// Format "RNDCTX1": tag, seed (8), stream count (4), then the streams ascending by name as
     /// bytes and by index, each: name length (4), name, index (8), state (8), mode (1), cursor (8),
@@ -119,6 +140,8 @@ private:
         std::map<std::uint64_t, Tape> tapes;  ///< of streams that record, replay or have a past
     };
 
+    /// The table that holds stream (name, index), created with the stream if need be.
+    FamilyTable& tableOf(std::string_view name, std::uint64_t index);
     std::uint64_t& stateOf(FamilyTable& table, std::uint64_t index);
     static void insertState(FamilyTable& table, std::uint64_t index, std::uint64_t state);
     void advanceSlowly(FamilyTable& table, std::uint64_t index, std::uint64_t raw);
