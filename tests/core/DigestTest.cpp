@@ -1,0 +1,41 @@
+#include "kelm/core/Digest.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+namespace Lumenar::Core {
+
+// The values of texts were computed with scripts/reference/kernel.py's digest.
+TEST(Digest, GivesTheValuesOfAnotherImplementation) {
+    static_assert(digest("") == 1469598103934665603u);
+    EXPECT_EQ(digest(std::vector<std::uint8_t>{}), 1469598103934665603u);
+    EXPECT_EQ(digest("spontaneous"), 0x607457971493d7d0u);
+    EXPECT_EQ(digest("stimulus"), 0xc9afb507b9b177c7u);
+    // (0x14650fb0739d0383 ^ 0) * 0x100000001b3 modulo 2^64: a zero byte counts.
+    EXPECT_EQ(digest(std::vector<std::uint8_t>{0}), 0x44bd2bd473ccf799u);
+}
+
+TEST(Digest, TakesTheBytesOfATextAsUnsigned) {
+    const std::vector<std::uint8_t> bytes{0xff, 0x80, 0x00, 0x7f};
+    EXPECT_EQ(digest(std::string_view("\xff\x80\0\x7f", 4)), digest(bytes));
+}
+
+TEST(Digest, GoesOnFromWhatCameBefore) {
+    EXPECT_EQ(digestByte(digest("s"), 0x70), digest("sp"));
+}
+
+TEST(Digest, SeesARecordAsItsLittleEndianBytes) {
+    struct Record {
+        std::int64_t time;
+        std::uint64_t neuron;
+    };
+    const std::array records{Record{-2, 0x0102030405060708}};
+    const std::vector<std::uint8_t> bytes{0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,
+                                          0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01};
+    EXPECT_EQ(digestImages(std::span<const Record>(records)), digest(bytes));
+}
+
+}  // namespace Lumenar::Core

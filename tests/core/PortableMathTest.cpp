@@ -1,0 +1,227 @@
+#include "kelm/core/PortableMath.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "kelm/core/Digest.h"
+#include "tests/support/Draws.h"
+#include "tests/support/SameBits.h"
+
+namespace Lumenar::Core::Kelm::Kernel {
+
+using Testing::Draws;
+using Testing::sameBits;
+
+struct Row {
+    std::uint64_t argument, result;
+};
+
+void expectRows(double (*function)(double), const std::vector<Row>& rows) {
+    for (const Row& row : rows) {
+        EXPECT_TRUE(sameBits(function(fromBits(row.argument)), fromBits(row.result)))
+            << "at " << std::hexfloat << fromBits(row.argument) << " (0x" << std::hex
+            << row.argument << ")";
+    }
+}
+
+/// The distance of a result from the exact value, in units of the result's last place.
+double errorInUlps(double result, long double exact) {
+    const int exponent = result == 0 ? -1022 : std::max(std::ilogb(result), -1022);
+    return static_cast<double>(std::fabs(result - exact) / std::ldexp(1.0L, exponent - 52));
+}
+
+/// Whether long double can stand for the exact value.
+constexpr bool long_double_is_longer = std::numeric_limits<long double>::digits >= 64;
+
+double worstError(double (*function)(double), long double (*exact)(long double),
+                  const std::vector<double>& arguments) {
+    double worst = 0.0;
+    for (const double x : arguments) worst = std::max(worst, errorInUlps(function(x), exact(x)));
+    return worst;
+}
+
+std::vector<double> drawn(Draws& draws, double low, double end, int count) {
+    std::vector<double> values;
+    for (int i = 0; i < count; ++i) values.push_back(draws.between(low, end));
+    return values;
+}
+
+std::uint64_t digestOf(double (*function)(double), const std::vector<double>& arguments) {
+    std::vector<double> results;
+    for (const double x : arguments) results.push_back(function(x));
+    return digestImages(std::span<const double>(results));
+}
+
+/// The arguments of scripts/reference/kernel.py.
+struct Arguments {
+    std::vector<double> exp, log, sin;
+
+    Arguments() {
+        Draws draws(1);
+        exp = drawn(draws, -746.0, 711.0, 20000);
+        append(exp, drawn(draws, -2.0, 2.0, 20000));
+        for (int i = 0; i < 20000; ++i) log.push_back(draws.positive());
+        append(log, drawn(draws, 0.5, 2.0, 20000));
+        sin = drawn(draws, -20.0, 20.0, 20000);
+        append(sin, drawn(draws, -1e6, 1e6, 20000));
+    }
+
+private:
+    static void append(std::vector<double>& to, const std::vector<double>& more) {
+        to.insert(to.end(), more.begin(), more.end());
+    }
+};
+
+// Digests of 40000 results each, from a second implementation (scripts/reference/kernel.py).
+TEST(PortableMath, GivesTheBitsOfAnotherImplementation) {
+    const Arguments arguments;
+    EXPECT_EQ(digestOf(kernelExp, arguments.exp), 0x9ecd650c79a4b178U);
+    EXPECT_EQ(digestOf(kernelLog, arguments.log), 0x3bed365b09673c14U);
+    EXPECT_EQ(digestOf(kernelSin, arguments.sin), 0xcdea33be4a63fe26U);
+}
+
+// Rows on both sides of a threshold are from scripts/reference/kernel.py, which looks for arguments
+// whose result would be another one beyond the threshold.
+TEST(PortableMath, ExpGivesTheseBits) {
+    expectRows(kernelExp,
+               {
+                   {bitsOf(1.0), 0x4005bf0a8b14576a},    // one unit above the double nearest to e
+                   {bitsOf(1e-10), 0x3ff000000006df38},  // too small to be reduced: 1 + x
+                   {bitsOf(710.0), 0x7ff0000000000000},
+                   {bitsOf(-745.0), 0x0000000000000001},
+                   {bitsOf(-746.0), 0x0000000000000000},
+                   {bitsOf(0.0), 0x3ff0000000000000},
+                   {bitsOf(-0.0), 0x3ff0000000000000},
+                   {0x7ff0000000000000, 0x7ff0000000000000},
+                   {0xfff0000000000000, 0x0000000000000000},
+                   {0x3e2fffffffffffff, 0x3ff0000001000000},  // 1 + x, and the polynomial
+                   {0x3e30000000000000, 0x3ff0000001000000},
+                   {0xbe2fffffffffffff, 0x3feffffffe000000},
+                   {0xbe30000000000000, 0x3feffffffe000000},
+                   {0x3fd62e4200000000, 0x3ff6a09e0c594ff3},  // unreduced, and k = 1 or -1: all 64
+                   {0x3fd62e4200000005, 0x3ff6a09e0c594ff4},  // bits of the pattern count
+                   {0xbfd62e4200000006, 0x3fe6a09ec0a5290b},
+                   {0x3ff0a2b1ffffffff, 0x4006a09e0d126a08},  // k = 1 or -1, and k computed
+                   {0x3ff0a2b240246a8a, 0x4006a09e67c86302},
+                   {0xbff0a2b23fc964d7, 0x3fd6a09e65b6ce2b},
+                   {0x40862c0000000000, 0x7fe81e9b4b52d0c9},  // scaled by 2^1023 first
+                   {0x40862e42fefa39ef, 0x7fefffffffffff2a},  // the last finite result
+                   {0x40862e42fefa39f0, 0x7ff0000000000000},
+                   {0xc086240000000000, 0x000e6cf6d08897ac},  // subnormal results
+                   {0xc086280000000000, 0x0008bfe55de02338},
+                   {0xc0874910d52d3051, 0x0000000000000001},
+                   {0xc0874910d52d3052, 0x0000000000000000},
+               });
+}
+
+TEST(PortableMath, LogGivesTheseBits) {
+    expectRows(kernelLog,
+               {
+                   {bitsOf(1.0), 0x0000000000000000},
+                   {bitsOf(2.0), 0x3fe62e42fefa39ef},
+                   {0x0000000000000001, 0xc0874385446d71c3},  // the smallest subnormal
+                   {bitsOf(0.0), 0xfff0000000000000},
+                   {bitsOf(-0.0), 0xfff0000000000000},
+                   {bitsOf(-1.0), 0x7ff8000000000000},
+                   {0x8000000000000001, 0x7ff8000000000000},
+                   {0xfff0000000000000, 0x7ff8000000000000},
+                   {0x7ff0000000000000, 0x7ff0000000000000},
+                   {0x3fe6a09bff5c28f0, 0xbfd62e49cad95b66},  // the exponent goes up by one
+                   {0x3fe6a09c00c83fbd, 0xbfd62e49c6d38e55},
+                   {0x3ff6a09bfd70a3c3, 0x3fd62e3c2dacdd3c},
+                   {0x3ff6a09c017e4b23, 0x3fd62e3c3923cc12},
+                   {0x3feffffdc9e26960, 0xbeb1b0ed517ce265},  // the short series begins
+                   {0x3feffffe0cf135da, 0xbeaf30ed9598b41b},
+                   {0x3fefffffffffffff, 0xbca0000000000000},
+                   {0x3ff0000000000001, 0x3cafffffffffffff},
+                   {0x3ff00000f91a2b08, 0x3eaf23446e9c1f72},  // and ends
+                   {0x3ff0000114d5e793, 0x3eb14d5de3810fb6},
+                   {0x4010000080000000, 0x3ff62e437efa37ef},  // the short series with an exponent
+                   {0x400ffffe80000000, 0x3ff62e423efa356f},
+                   {0x000fffffffffffff, 0xc086232bdd7abcd2},  // subnormal, and normal
+                   {0x0010000000000000, 0xc086232bdd7abcd2},
+                   {0x7fefffffffffffff, 0x40862e42fefa39ef},
+               });
+}
+
+TEST(PortableMath, SinGivesTheseBits) {
+    expectRows(kernelSin,
+               {
+                   {0x400921fb54442d18, 0x0000000000000000},  // pi as a double has the sine 0
+                   {bitsOf(1000.0), 0x3fea75cc150a20c5},      // off in the eleventh digit
+                   {0x3ff921fb54442d18, 0x3ff0000000000000},
+                   {0x0000000000000000, 0x0000000000000000},
+                   {0x8000000000000000, 0x0000000000000000},
+                   {0x3fe921fb54442d18, 0x3fe6a09e667f3bcc},  // sine, and cosine of the complement
+                   {0x3fe921fb54442d19, 0x3fe6a09e667f3bce},
+                   {0xbfe921fb54442d19, 0xbfe6a09e667f3bce},
+                   {0x3ff921fb54442d19, 0x3ff0000000000000},  // folded at a right angle
+                   {0xbff921fb54442d18, 0xbff0000000000000},
+                   {0x400921fb54442d17, 0x3cc0000000000000},  // a period begins at pi
+                   {0x400921fb54442d19, 0xbcc0000000000000},
+                   {0xc00921fb54442d18, 0x0000000000000000},
+                   {0x4022d97c7f3321d2, 0x0000000000000000},
+                   {0x401921fb54442d18, 0x0000000000000000},
+                   {0x41cdcd6500000000, 0x3fe1778cb58d9bac},  // 1e9
+                   {0xc30c6bf526340000, 0xbfeb35d1d90d2dd6},  // -1e15
+               });
+}
+
+TEST(PortableMath, ANanComesBackWithItsPayload) {
+    for (const std::uint64_t nan :
+         {0x7ff8000000000000U, 0xfff8000000000000U, 0x7ff8dead0000beefU, 0xfffc000000000001U}) {
+        EXPECT_EQ(bitsOf(kernelExp(fromBits(nan))), nan);
+        EXPECT_EQ(bitsOf(kernelLog(fromBits(nan))), nan);
+        EXPECT_EQ(bitsOf(kernelSin(fromBits(nan))), nan);
+    }
+}
+
+TEST(PortableMath, ASineWhosePeriodsCannotBeCountedIsANan) {
+    const double two_63 = 0x1p63;
+    for (const double x : {two_63 * 6.3, -two_63 * 6.3, 1e300, infinity(), -infinity()}) {
+        EXPECT_EQ(bitsOf(kernelSin(x)), bitsOf(quietNan())) << x;
+    }
+    EXPECT_FALSE(isNan(kernelSin(two_63 * 6.2)));
+    EXPECT_FALSE(isNan(kernelSin(-two_63 * 6.2)));
+}
+
+TEST(PortableMath, ExpAndLogStayWithinAUnitInTheLastPlace) {
+    if constexpr (!long_double_is_longer) GTEST_SKIP() << "long double is no longer than double";
+    const Arguments arguments;
+    std::vector<double> finite;
+    for (const double x : arguments.exp) {
+        if (x < 709.78) finite.push_back(x);
+    }
+    EXPECT_LT(worstError(kernelExp, std::exp, finite), 1.0);
+    EXPECT_LT(worstError(kernelLog, std::log, arguments.log), 1.0);
+}
+
+// The period and the fold are taken with a double for pi; that error belongs to the function. What
+// is left after them must be the sine of the angle to which the argument was brought.
+TEST(PortableMath, SinStaysWithinTwoUnitsAfterItsReduction) {
+    if constexpr (!long_double_is_longer) GTEST_SKIP() << "long double is no longer than double";
+    const double pi = 0x1.921fb54442d18p+1;
+    double worst = 0.0;
+    for (const double x : Arguments().sin) {
+        const double periods = std::trunc(x / (2 * pi) + std::copysign(0.5, x));
+        double angle = x - periods * (2 * pi);
+        if (std::fabs(angle) > pi / 2) angle = std::copysign(pi, angle) - angle;
+        worst =
+            std::max(worst, errorInUlps(kernelSin(x), std::sin(static_cast<long double>(angle))));
+    }
+    EXPECT_LT(worst, 2.0);
+}
+
+TEST(PortableMath, SinIsCloseToTheSineForSmallPhases) {
+    for (const double x : Arguments().sin) {
+        if (std::fabs(x) < 20.0) {
+            ASSERT_NEAR(kernelSin(x), std::sin(x), 2e-15) << x;
+        }
+    }
+}
+
+}  // namespace Lumenar::Core::Kelm::Kernel
