@@ -5,66 +5,99 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "kelm/core/Blob.h"
 #include "kelm/engine/WindowEngine.h"
+#include "kelm/runtime/Homeostasis.h"
+#include "kelm/runtime/ICommitListener.h"
+#include "kelm/runtime/InjectionTrace.h"
+#include "kelm/runtime/InputChannelBank.h"
 #include "kelm/runtime/InputChannelSpec.h"
+#include "kelm/runtime/InterventionState.h"
+#include "kelm/runtime/LearningControl.h"
+#include "kelm/runtime/OscillatorBank.h"
+#include "kelm/runtime/Perturbation.h"
 #include "kelm/runtime/PhaseConfig.h"
+#include "kelm/runtime/PhaseLogEntry.h"
+#include "kelm/runtime/PhaseModulator.h"
 #include "kelm/runtime/PlasticityConfig.h"
+#include "kelm/runtime/PlasticityEngine.h"
+#include "kelm/runtime/PredictionBank.h"
 #include "kelm/runtime/PredictionConfig.h"
+#include "kelm/runtime/Recorder.h"
 #include "kelm/runtime/RecorderConfig.h"
 
 namespace Lumenar::Core::Kelm {
 
-class LearningControl;
-class PredictionBank;
-class Recorder;
-
-/// Told of each window that a runtime has committed.
-class ICommitListener {
-public:
-    virtual ~ICommitListener() = default;
-    /// `window_start`, `window_end`: ns. `spikes`: what the window added, valid during the call.
-    virtual void committed(ModelTime window_start, ModelTime window_end,
-                           std::span<const SpikeRecord> spikes) = 0;
-};
+/// The version that checkpoints carry; a runtime takes those of its own version alone.
+inline constexpr std::string_view engine_version = "2.0.0-beta.1";
 
 /// What a user of the library composes: one engine, and through its three window hooks everything
 /// that is more than spiking neurons. Each part is a slot that may be empty, and a runtime with
 /// all slots empty is complete: its hooks then only count.
 ///
+/// In a window, `prepare` advances the oscillators' coupling and writes each item's drive, from
+/// phase modulation and prediction errors; when the engine has put the results in force, `commit`
+/// passes the window's spikes to plasticity, its proposals through learning control to the graph,
+/// applies homeostasis, and logs the spikes; samples of the recorder follow. Injections and
+/// perturbations are events, posted between runs. All of it runs on the host, in one order, so a
+/// composed run is the same bits on every backend.
+///
 /// Build one with makeKelmRuntime. The engine's hooks refer to the object, so it stays where it
-/// was built: it is neither copied nor moved. After a throw out of run it may only be destroyed.
-/// One thread at a time.
+/// was built: it is neither copied nor moved. Between runs a caller may use its parts, but not set
+/// weights that learning follows behind its back. After a throw out of run it may only be
+/// destroyed. One thread at a time.
 class KelmRuntime : private IWindowPrepare, private IWindowCommit, private IWindowObserver {
 public:
     KelmRuntime(const KelmRuntime&) = delete;
     KelmRuntime& operator=(const KelmRuntime&) = delete;
     ~KelmRuntime() override = default;
 
-    /// Runs to the horizon. Throws what WindowEngine::run and the hooks throw.
+    /// Runs to the horizon. Throws what WindowEngine::run and the parts throw.
     void run();
     /// Runs every window that starts before `until` ns. Throws as above; position() then stays.
     void run(ModelTime until);
 
     /// Injects a value on a named input channel at `time` ns and returns the ids of its events.
-    /// Throws InvalidModality, since this runtime has no input channels.
+    /// Throws InvalidModality without channels, then what the injection trace, if one is set, and
+    /// InputChannelBank::inject throw.
     std::vector<std::uint64_t> inject(const std::string& name, ModelTime time, double value);
 
-    /// The parts of the composition; null for an empty slot.
-    const Recorder* recorder() const { return nullptr; }
-    PredictionBank* prediction() { return nullptr; }
-    const LearningControl* learningControl() const { return nullptr; }
+    /// Acts on neurons directly and returns the ids of the events. Throws as postPerturbation does.
+    std::vector<std::uint64_t> perturb(const Perturbation& perturbation);
+
+    // The parts of the composition; null for an empty slot.
+    Recorder* recorder() { return recorder_.get(); }
+    const Recorder* recorder() const { return recorder_.get(); }
+    PredictionBank* prediction() { return prediction_.get(); }
+    const PredictionBank* prediction() const { return prediction_.get(); }
+    PlasticityEngine* plasticity() { return plasticity_.get(); }
+    const PlasticityEngine* plasticity() const { return plasticity_.get(); }
+    LearningControl* learningControl() { return learning_.get(); }
+    const LearningControl* learningControl() const { return learning_.get(); }
+    InputChannelBank* inputChannels() { return input_channels_.get(); }
+    const InputChannelBank* inputChannels() const { return input_channels_.get(); }
+    OscillatorBank* oscillators() { return oscillators_ ? &*oscillators_ : nullptr; }
+    const OscillatorBank* oscillators() const { return oscillators_ ? &*oscillators_ : nullptr; }
+    /// Gains and switches over the mechanisms; they act from the next window on.
+    InterventionState& interventions() { return interventions_; }
+    const InterventionState& interventions() const { return interventions_; }
 
     /// All spikes so far, by time, then neuron. Valid until the next run.
     std::span<const SpikeRecord> spikeLog() { return engine_.spikeLog(); }
     /// 64-bit digest of spikeLog().
     std::uint64_t logHash() { return engine_.logHash(); }
+    /// Every spike with its oscillators' phases, in the order of commit; empty without a rhythm.
+    std::span<const PhaseLogEntry> phaseLog() const { return phase_log_; }
     WindowProfile profile() const { return engine_.profile(); }
     /// Shape (neurons): each state as of the neuron's last update.
     std::span<const Kernel::State> neuronStates() const { return engine_.states(); }
     /// The raw state of a neuron's random stream. `neuron` must lie in the network.
     std::uint64_t spontaneousState(NodeId neuron) { return engine_.spontaneousState(neuron); }
+    /// The random streams, for recording and replaying one. Valid until a restore.
+    Runtime::RandomContext& randomStreams() { return engine_.randomStreams(); }
     const SynapseGraph& graph() const { return engine_.graph(); }
     SynapseGraph& graph() { return engine_.graph(); }
 
@@ -79,6 +112,19 @@ public:
 
     /// Sets who is told of committed windows; null for nobody. It must outlive the runs.
     void setCommitListener(ICommitListener* listener) { commit_listener_ = listener; }
+    /// Sets what notes every injection that is asked for; null for nothing. It must outlive them.
+    void setInjectionTrace(InjectionTrace* trace) { injection_trace_ = trace; }
+
+    /// The whole run state in one byte sequence; Checkpoint.h holds its grammar. Spikes that wait
+    /// to be counted by a later sample, hooks and callables are not in it. Call it between runs.
+    Blob checkpoint();
+
+    /// Puts a checkpoint in force that a runtime built from the same arguments has written: the run
+    /// goes on as that one would have. False for one that is cut short or forged, or that was
+    /// written under another label, config id, seed or set of parts. The runtime is then as it was,
+    /// unless a nested blob was refused: it may only be destroyed then. Call it between runs.
+    /// Throws IncompatibleCheckpoint, with nothing changed, for another engine version.
+    [[nodiscard]] bool restore(BlobView bytes);
 
 private:
     friend KelmRuntime makeKelmRuntime(
@@ -90,17 +136,37 @@ private:
         std::uint64_t config_id, std::string label);
 
     KelmRuntime(SynapseGraph&& network, const Kernel::Neuron& neuron, const Kernel::Firing& firing,
-                std::uint64_t seed, ModelTime horizon, IWindowBackend& backend,
-                std::unique_ptr<IEventStore> store, std::uint64_t config_id, std::string&& label);
+                std::uint64_t seed, ModelTime horizon, IWindowBackend* backend,
+                std::unique_ptr<IEventStore> store, const PlasticityConfig& plasticity,
+                std::optional<PhaseConfig>&& phase, std::optional<RecorderConfig>&& recorder,
+                std::vector<InputChannelSpec>&& input_channels,
+                std::optional<PredictionConfig>&& prediction, std::uint64_t config_id,
+                std::string&& label);
+
+    void createPlasticity();
+    void createRecorder(RecorderConfig&& config);
+    void createInputChannels(std::vector<InputChannelSpec>&& specs);
+    void createPrediction(PredictionConfig&& config);
+    void createOscillators();
+    void rebuildModulators();
+    void reseedModulated();
 
     void prepare(ModelTime window_start, ModelTime window_end, std::span<WindowWork> work,
                  SynapseGraph& graph) override;
     void commit(ModelTime window_start, ModelTime window_end, std::span<const SpikeRecord> spikes,
                 SynapseGraph& graph) override;
+    void learn(std::span<const SpikeRecord> spikes, ModelTime window_end, SynapseGraph& graph);
+    void logSpikes(std::span<const SpikeRecord> spikes, const SynapseGraph& graph);
     void observe(const Event& event, std::span<const Kernel::State> states,
                  SynapseGraph& graph) override;
     void observe(const Event& event, std::span<const Kernel::State> states,
                  std::span<const ModelTime> candidate_times, SynapseGraph& graph) override;
+
+    struct StoredState;
+    [[nodiscard]] bool readState(BlobReader& in, StoredState& state) const;
+    [[nodiscard]] bool readChannels(BlobReader& in, StoredState& state) const;
+    [[nodiscard]] bool readPrediction(BlobReader& in, StoredState& state) const;
+    [[nodiscard]] bool restoreParts(StoredState& state);
 
     std::uint64_t seed_;
     ModelTime horizon_;
@@ -109,20 +175,41 @@ private:
     ModelTime position_ = 0;
     WindowEngine engine_;
     IWindowBackend* backend_;
+    PlasticityConfig plasticity_config_;
+    std::unique_ptr<PlasticityEngine> plasticity_;
+    std::unique_ptr<LearningControl> learning_;
+    Homeostasis homeostasis_;
+    std::optional<PhaseConfig> phase_config_;
+    std::optional<OscillatorBank> oscillators_;
+    std::vector<PhaseModulator> phase_modulators_;  ///< shape (neurons), or empty
+    std::vector<double> modulation_weight_sum_;     ///< shape (neurons), or empty; at gain 1
+    std::vector<PhaseLogEntry> phase_log_;
+    std::unique_ptr<Recorder> recorder_;
+    std::unique_ptr<InputChannelBank> input_channels_;
+    std::unique_ptr<PredictionBank> prediction_;
+    InterventionState interventions_;
     ICommitListener* commit_listener_ = nullptr;
+    InjectionTrace* injection_trace_ = nullptr;
     std::uint64_t commit_count_ = 0;
+
+    // Scratch of the hooks, kept for its capacity.
+    std::vector<WeightChange> changes_;
+    std::vector<double> sample_values_[4];
 };
 
 /// Builds a runtime in the caller's storage.
 ///
 /// `network`: the graph, taken over. `neuron`, `firing`: the parameters of every neuron. `seed`:
 /// of all random streams. `horizon`: ns. `backend`: borrowed, must outlive the runtime. `store`:
-/// the pending events, or null for the engine's own. `config_id`, `label`: name the configuration
-/// in checkpoints. `plasticity`, `phase`, `recorder`, `input_channels` and `prediction` must stand
-/// at their defaults: a runtime with one of these parts is refused.
+/// the pending events, or null for the engine's own. `plasticity`: its `enabled` decides whether
+/// weights learn. `phase`: oscillators and one list of bindings per neuron. `recorder`: what is
+/// kept; a sample each interval below the horizon. `input_channels`, `prediction`: named lines in
+/// and local errors. `config_id`, `label`: name the configuration in checkpoints.
 ///
-/// Throws std::invalid_argument for a null backend, then the failure class of the first part that
-/// is asked for, then what WindowEngine's constructor throws.
+/// Throws std::invalid_argument for a null backend, then what WindowEngine's constructor and those
+/// of the parts throw, in the order plasticity, recorder, input channels, prediction, phase.
+/// A recorder whose interval cuts the horizon into more than 100 million samples is a
+/// std::invalid_argument.
 KelmRuntime makeKelmRuntime(SynapseGraph network, const Kernel::Neuron& neuron,
                             const Kernel::Firing& firing, std::uint64_t seed, ModelTime horizon,
                             IWindowBackend* backend, std::unique_ptr<IEventStore> store = nullptr,
