@@ -9,6 +9,7 @@
 namespace Lumenar::Core::Kelm {
 
 class SynapseGraph;
+struct ResidentAccess;
 
 /// True when the device runtime reports at least one device. A failure of any kind, a missing
 /// driver among them, counts as none; it never throws.
@@ -38,7 +39,11 @@ public:
                        ModelTime horizon, const Kernel::Neuron& neuron,
                        const Kernel::Firing& firing,
                        const std::span<Kernel::WindowResult>& results) override;
-    /// Declines: every run goes window by window.
+    /// Carries a fresh run through on the device where the network has the shape for it
+    /// (residentEligible), 32768 neurons or more, a horizon of whole windows and a store of the
+    /// engine's own. Declines otherwise, and where the run does not fit the device's buffers or
+    /// meets a fault of the model, which the ordinary loop then reports.
+    /// Throws WindowEngineError for a failed device call; the engine is then as it was.
     bool tryResidentRun(WindowEngine& engine) override;
 
     /// Allocates ahead what a whole run of this network on the device would need, for neurons of
@@ -53,6 +58,7 @@ public:
     std::uint64_t smallWindowCount() const;
 
 private:
+    friend struct ResidentAccess;
     struct DeviceBuffers;
 
     std::unique_ptr<DeviceBuffers> buffers_;

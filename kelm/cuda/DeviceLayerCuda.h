@@ -22,9 +22,10 @@ KELM_DEVICE inline std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t 
                      static_cast<unsigned long long>(amount));
 }
 
-template <class... Arguments>
-void launch(void (*kernel)(Arguments...), std::uint32_t blocks, std::uint32_t block_size,
-            std::type_identity_t<Arguments>... arguments) {
+KELM_DEVICE inline void setFlag(std::uint32_t* flag) { atomicOr(flag, 1U); }
+
+template <auto kernel, class... Arguments>
+void launch(std::uint32_t blocks, std::uint32_t block_size, const Arguments&... arguments) {
     kernel<<<blocks, block_size>>>(arguments...);
 }
 

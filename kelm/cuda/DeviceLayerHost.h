@@ -21,6 +21,10 @@ inline std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t amount) {
     return std::atomic_ref<std::uint64_t>(*counter).fetch_add(amount, std::memory_order_relaxed);
 }
 
+inline void setFlag(std::uint32_t* flag) {
+    std::atomic_ref<std::uint32_t>(*flag).store(1, std::memory_order_relaxed);
+}
+
 /// Runs the threads [first, last) of a launch, each standing at order[i] if there is an order.
 using ThreadRange = void (*)(const void* launch, std::uint64_t first, std::uint64_t last,
                              const std::uint64_t* order);
@@ -31,9 +35,9 @@ void runThreads(ThreadRange range, const void* launch, std::uint64_t thread_coun
 /// A sort or a scan is about to run: throws std::runtime_error where the device fails it.
 void beginLibraryCall();
 
-template <class... Arguments>
-void launch(void (*kernel)(Arguments...), std::uint32_t blocks, std::uint32_t block_size,
-            std::type_identity_t<Arguments>... arguments) {
+/// The kernel is a template argument so that it is inlined into the loop over its threads.
+template <auto kernel, class... Arguments>
+void launch(std::uint32_t blocks, std::uint32_t block_size, const Arguments&... arguments) {
     const auto run_one = [&] { kernel(arguments...); };
     const ThreadRange range = [](const void* launched, std::uint64_t first, std::uint64_t last,
                                  const std::uint64_t* order) {

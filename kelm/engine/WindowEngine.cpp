@@ -97,10 +97,15 @@ void WindowEngine::requireBuildable() {
         throw WindowEngineError(WindowEngineError::parameter_count);
     }
     requireExactFloatingPoint();
-    if (store_ != nullptr) return;
+    pristine_ = store_ == nullptr;
+    if (pristine_) store_ = makeStore();
+}
+
+/// The default store.
+std::unique_ptr<BucketEventStore> WindowEngine::makeStore() {
     const std::optional<ModelTime> d_min = graph_.dMin();
     if (!d_min) throw WindowEngineError(WindowEngineError::no_d_min);
-    store_ = std::make_unique<BucketEventStore>(*d_min, calendar_buckets);
+    return std::make_unique<BucketEventStore>(*d_min, calendar_buckets);
 }
 
 bool WindowEngine::neuronsDiffer() const {
@@ -131,6 +136,7 @@ void WindowEngine::reseedInitialCandidates(std::span<const double> drive_bounds)
     if (profile_.windows != 0 || !log_.empty()) {
         throw WindowEngineError(WindowEngineError::late_reseed);
     }
+    pristine_ = false;
     for (NodeId n = 0; n < graph_.nodeCount(); ++n) drawFirstCandidate(n, drive_bounds[n]);
 }
 
@@ -142,15 +148,35 @@ void WindowEngine::flushPendingRandomStates() {
     pending_random_states_.clear();
 }
 
-bool WindowEngine::offersResidentRun(ModelTime until) const {
+bool WindowEngine::offersWholeRun(ModelTime until) const {
     return until == horizon_ && profile_.windows == 0 && log_.empty() && prepare_hook_ == nullptr &&
            commit_hook_ == nullptr && observer_ == nullptr && observer_events_.empty() &&
            !external_events_ && !heterogeneous_;
 }
 
+bool WindowEngine::isPristine() {
+    return pristine_ && profile_.windows == 0 && log_.empty() &&
+           graph_.dMin() == calendar_->bucketWidth();
+}
+
+void WindowEngine::adoptWholeRun(WholeRun&& run) {
+    auto store = makeStore();
+    if (run.next_window) store->resumeAt(*run.next_window);
+    for (const Event& event : run.pending_events) store->post(event);
+
+    states_ = std::move(run.states);
+    pending_random_states_ = std::move(run.random_states);
+    candidates_ = std::move(run.candidates);
+    log_ = std::move(run.log);
+    log_sorted_ = true;
+    profile_ = run.profile;
+    calendar_ = store.get();
+    store_ = std::move(store);
+}
+
 void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
     requireExactFloatingPoint();
-    if (offersResidentRun(until) && backend.tryResidentRun(*this)) return;
+    if (offersWholeRun(until) && backend.tryResidentRun(*this)) return;
     flushPendingRandomStates();
     if (calendar_ != nullptr) {
         runWindows(*calendar_, backend, until);
@@ -333,6 +359,7 @@ std::uint64_t WindowEngine::post(const Event& event) {
         throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
     }
     external_events_ = true;
+    pristine_ = false;
     return store_->post(event);
 }
 
@@ -413,6 +440,7 @@ bool WindowEngine::restore(BlobView blob) {
     // The last test, and the only step that works on a live object.
     if (!store_->restore(stored_store)) return false;
 
+    pristine_ = false;
     graph_ = std::move(graph);
     states_ = std::move(states);
     random_ = std::move(random);

@@ -10,6 +10,7 @@
 #include "kelm/engine/CandidateSlot.h"
 #include "kelm/engine/IWindowBackend.h"
 #include "kelm/engine/SpikeRecord.h"
+#include "kelm/engine/WholeRun.h"
 #include "kelm/engine/WindowHooks.h"
 #include "kelm/engine/WindowProfile.h"
 #include "kelm/events/IEventStore.h"
@@ -124,14 +125,28 @@ public:
     /// The random streams, for recording and replaying one. Valid until a restore.
     Runtime::RandomContext& randomStreams() {
         flushPendingRandomStates();
+        pristine_ = false;
         return random_;
     }
+
+    /// Whether the engine stands as its construction left it, with a store of its own: a backend
+    /// that knows graph, parameters, seed and horizon then knows all there is. False for good after
+    /// a store was handed in, an event posted, candidates reseeded, streams touched, a snapshot
+    /// restored or a window run, and while the graph's dMin() is not the store's window.
+    bool isPristine();
+    /// Puts a run in force that a backend has carried through to the horizon. To be called from
+    /// tryResidentRun alone, while isPristine() holds. May throw std::bad_alloc, with nothing
+    /// changed.
+    void adoptWholeRun(WholeRun&& run);
 
     const WindowProfile& profile() const { return profile_; }
     const SynapseGraph& graph() const { return graph_; }
     SynapseGraph& graph() { return graph_; }
     std::uint64_t seed() const { return seed_; }
     ModelTime horizon() const { return horizon_; }
+    /// The parameters of neuron 0, which hold for all where isHeterogeneous() is false.
+    const Kernel::Neuron& uniformNeuron() const { return uniform_neuron_; }
+    const Kernel::Firing& uniformFiring() const { return uniform_firing_; }
     /// Whether some neuron's parameters differ from those of neuron 0.
     bool isHeterogeneous() const { return heterogeneous_; }
     /// Whether an event has come in through post.
@@ -147,12 +162,13 @@ private:
                  std::vector<Kernel::Firing>&& firings, std::uint64_t seed, ModelTime horizon,
                  std::unique_ptr<IEventStore>&& store);
 
+    bool offersWholeRun(ModelTime until) const;
     void requireBuildable();
+    std::unique_ptr<BucketEventStore> makeStore();
     bool neuronsDiffer() const;
     void createStreams();
     void drawFirstCandidate(NodeId neuron, double drive_bound);
     void flushPendingRandomStates();
-    bool offersResidentRun(ModelTime until) const;
     template <class Store>
     void runWindows(Store& store, IWindowBackend& backend, ModelTime until);
     void groupByTarget(Window& window) const;
@@ -189,6 +205,7 @@ private:
     std::vector<Event> observer_events_;  ///< declared observations, in the order of EventLess
     std::uint64_t observer_cursor_ = 0;   ///< the first one not yet delivered
     bool external_events_ = false;
+    bool pristine_ = false;  ///< but for windows and dMin(), which isPristine() looks at itself
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -21,4 +21,10 @@ struct Synapse {
     std::uint64_t reserved_d = 0xffffffffffffffff;  ///< carried, not interpreted
 };
 
+/// What a synapse delivers. The weight is negated in single precision before it is widened, so that
+/// one of 0 arrives as -0.0.
+inline double deliveredValue(const Synapse& synapse) {
+    return static_cast<double>(synapse.inhibitory ? -synapse.weight : synapse.weight);
+}
+
 }  // namespace Lumenar::Core::Kelm

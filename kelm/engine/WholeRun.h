@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "kelm/core/ModelTime.h"
+#include "kelm/engine/CandidateSlot.h"
+#include "kelm/engine/SpikeRecord.h"
+#include "kelm/engine/WindowProfile.h"
+#include "kelm/events/Event.h"
+#include "kelm/kernel/NeuronModel.h"
+
+namespace Lumenar::Core::Kelm {
+
+/// The end of a run that a backend has carried through to the horizon by itself.
+struct WholeRun {
+    std::vector<Kernel::State> states;         ///< shape (neurons)
+    std::vector<std::uint64_t> random_states;  ///< shape (neurons)
+    std::vector<CandidateSlot> candidates;     ///< shape (neurons), none with an event
+    std::vector<SpikeRecord> log;              ///< by time, then neuron
+    WindowProfile profile;
+    std::vector<Event> pending_events;  ///< in the order in which they are to be posted
+    /// The next window that the store is to hand out; none if it never handed one out.
+    std::optional<std::int64_t> next_window;
+};
+
+}  // namespace Lumenar::Core::Kelm
