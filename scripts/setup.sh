@@ -32,13 +32,12 @@ install_missing() {
     missing_packages=()
 }
 
-# What every preset needs, the one with the device library apart.
+# What the presets need; nvcc apart, which no package brings.
 need_build_tools() {
     need cmake has_command cmake
     need ninja-build has_command ninja
     need g++ has_command c++
     need libgtest-dev has_header gtest/gtest.h
-    need libbenchmark-dev has_header benchmark/benchmark.h
 }
 
 # Prints where nvcc is, if it is anywhere: toolkits do not put themselves on the PATH.
