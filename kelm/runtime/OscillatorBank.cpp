@@ -1,0 +1,224 @@
+#include "kelm/runtime/OscillatorBank.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+
+#include "kelm/core/Failures.h"
+#include "kelm/core/PortableMath.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+using Kernel::PortableMathConstants::two_pi;
+
+constexpr BlobTag format_tag("KELMOSC2");
+constexpr std::size_t oscillator_bytes = 36;
+constexpr ModelTime second = 1'000'000'000;
+constexpr double ns_per_second = 1e9;
+
+bool isFactor(double value) { return std::isfinite(value) && !(value < 0.0); }
+
+/// fmod(cycles, 1.0) for `cycles` in [0, 2): a remainder is exact, and so is this subtraction.
+double wrapCycle(double cycles) { return cycles >= 1.0 ? cycles - 1.0 : cycles; }
+
+/// The fractional part of `fraction` * `count`, for a fraction in [0, 1), by doubling: the product
+/// itself would lose the fraction's digits to its whole part.
+double fractionalProduct(double fraction, std::uint64_t count) {
+    double sum = 0.0;
+    // A fraction of few bits, such as that of 7.25, soon doubles to nothing.
+    for (; count != 0 && fraction != 0.0; count >>= 1) {
+        if ((count & 1) != 0) sum = wrapCycle(sum + fraction);
+        fraction = wrapCycle(fraction + fraction);
+    }
+    return sum;
+}
+
+/// `x` radians modulo 2 pi. A tiny negative remainder can round up to 2 pi itself.
+double wrapPhase(double x) {
+    const double rest = std::fmod(x, two_pi);
+    return rest < 0.0 ? rest + two_pi : rest;
+}
+
+}  // namespace
+
+double phaseAt(const Oscillator& oscillator, ModelTime time, double offset) {
+    if (!isFactor(oscillator.frequency) || !std::isfinite(oscillator.phase) ||
+        !isFactor(oscillator.amplitude) || !std::isfinite(offset)) {
+        throw InvalidOscillator(InvalidOscillator::parameters);
+    }
+    // Whole seconds contribute the fraction of their cycles alone, the rest of a second all of its.
+    const ModelTime whole = time / second;
+    const ModelTime rest = time - whole * second;
+    const double fraction = std::fmod(oscillator.frequency, 1.0);
+    const double whole_cycles =
+        whole < 0 ? -fractionalProduct(fraction, static_cast<std::uint64_t>(-whole))
+                  : fractionalProduct(fraction, static_cast<std::uint64_t>(whole));
+    const double cycles =
+        (static_cast<double>(rest) / ns_per_second) * oscillator.frequency + whole_cycles;
+    return wrapPhase(std::fmod(cycles, 1.0) * two_pi + (oscillator.phase + offset));
+}
+
+OscillatorBank::OscillatorBank(std::vector<Oscillator> oscillators)
+    : oscillators_(std::move(oscillators)), phase_offsets_(oscillators_.size(), 0.0) {
+    index_.reserve(oscillators_.size());
+    for (std::size_t position = 0; position < oscillators_.size(); ++position) {
+        phaseAt(oscillators_[position], 0, 0.0);  // for its checks
+        if (!index_.emplace(oscillators_[position].id, position).second) {
+            throw InvalidOscillator(InvalidOscillator::duplicate);
+        }
+    }
+}
+
+std::size_t OscillatorBank::indexOf(std::uint32_t id) const {
+    const auto found = index_.find(id);
+    if (found == index_.end()) throw InvalidOscillator(InvalidOscillator::unknown);
+    return found->second;
+}
+
+std::vector<PhaseSample> OscillatorBank::allPhases(ModelTime time) const {
+    std::vector<PhaseSample> samples(oscillators_.size());
+    for (std::size_t position = 0; position < samples.size(); ++position) {
+        samples[position].oscillator = oscillators_[position].id;
+        samples[position].phase = phaseOfPosition(position, time);
+    }
+    return samples;
+}
+
+std::vector<PhaseSample> OscillatorBank::neuronPhases(NodeId neuron, ModelTime time) const {
+    if (neuron >= memberships_.size()) return {};
+    const std::vector<std::uint32_t>& positions = memberships_[neuron];
+    std::vector<PhaseSample> samples(positions.size());
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        samples[i].oscillator = oscillators_[positions[i]].id;
+        samples[i].phase = phaseOfPosition(positions[i], time);
+    }
+    return samples;
+}
+
+void OscillatorBank::setMemberships(std::vector<std::vector<std::uint32_t>> memberships) {
+    // Kept as positions, which fit because ids are unique: a report per spike looks up no id.
+    for (std::vector<std::uint32_t>& list : memberships) {
+        for (std::uint32_t& entry : list) entry = static_cast<std::uint32_t>(indexOf(entry));
+    }
+    memberships_ = std::move(memberships);
+}
+
+void OscillatorBank::configureCoupling(std::vector<OscillatorCoupling> couplings,
+                                       ModelTime period) {
+    if (!couplings.empty() && period < 1) throw InvalidOscillator(InvalidOscillator::period);
+    std::vector<Pull> pulls;
+    std::vector<std::size_t> coupled;
+    pulls.reserve(couplings.size());
+    coupled.reserve(2 * couplings.size());
+    for (const OscillatorCoupling& coupling : couplings) {
+        const std::size_t source = indexOf(coupling.source);
+        const std::size_t target = indexOf(coupling.target);
+        if (!std::isfinite(coupling.strength)) {
+            throw InvalidOscillator(InvalidOscillator::strength);
+        }
+        pulls.push_back({source, target, coupling.strength});
+        coupled.push_back(source);
+        coupled.push_back(target);
+    }
+    std::sort(coupled.begin(), coupled.end());
+    coupled.erase(std::unique(coupled.begin(), coupled.end()), coupled.end());
+
+    couplings_ = std::move(couplings);
+    pulls_ = std::move(pulls);
+    coupled_ = std::move(coupled);
+    coupling_period_ = period;
+    coupling_steps_ = 0;
+}
+
+void OscillatorBank::takeStep(ModelTime now, std::vector<double>& phases,
+                              std::vector<double>& deltas) {
+    phases.resize(oscillators_.size());
+    deltas.assign(oscillators_.size(), 0.0);
+    // Once per oscillator and not per coupling: a bank coupled all to all would ask for each phase
+    // as often as it has oscillators.
+    for (const std::size_t position : coupled_) phases[position] = phaseOfPosition(position, now);
+    const double step_seconds = static_cast<double>(coupling_period_) / ns_per_second;
+    for (const Pull& pull : pulls_) {
+        const double sine = std::sin(phases[pull.source] - phases[pull.target]);
+        deltas[pull.target] = (sine * pull.strength) * step_seconds + deltas[pull.target];
+    }
+    for (std::size_t position = 0; position < phase_offsets_.size(); ++position) {
+        phase_offsets_[position] = wrapPhase(deltas[position] + phase_offsets_[position]);
+    }
+}
+
+void OscillatorBank::advanceCoupling(ModelTime time) {
+    ModelTime now = coupledUntil();
+    if (time < now) throw InvalidOscillator(InvalidOscillator::into_the_past);
+    if (!coupling_enabled_ || couplings_.empty()) return;
+    // Empty until a step is due, which in most windows is never.
+    std::vector<double> phases;
+    std::vector<double> deltas;
+    for (;;) {
+        const ModelTime next = addTime(now, coupling_period_);
+        if (next > time) return;
+        takeStep(now, phases, deltas);
+        ++coupling_steps_;
+        now = next;
+    }
+}
+
+Blob OscillatorBank::snapshot() const {
+    Blob blob;
+    blob.reserve(33 + oscillators_.size() * oscillator_bytes);
+    appendTag(blob, format_tag);
+    appendU64(blob, oscillators_.size());
+    appendI64(blob, coupling_period_);
+    appendU64(blob, coupling_steps_);
+    appendFlag(blob, coupling_enabled_);
+    for (std::size_t position = 0; position < oscillators_.size(); ++position) {
+        const Oscillator& oscillator = oscillators_[position];
+        appendU32(blob, oscillator.id);
+        appendF64(blob, oscillator.frequency);
+        appendF64(blob, oscillator.phase);
+        appendF64(blob, oscillator.amplitude);
+        appendF64(blob, phase_offsets_[position]);
+    }
+    return blob;
+}
+
+bool OscillatorBank::restore(BlobView blob) {
+    BlobReader in(blob);
+    std::uint64_t count = 0;
+    ModelTime period = 0;
+    std::uint64_t steps = 0;
+    bool enabled = false;
+    if (!in.expectTag(format_tag) || !in.readCount(oscillator_bytes, count) ||
+        count != oscillators_.size() || !in.readI64(period) || !in.readU64(steps) ||
+        !in.readFlag(enabled)) {
+        return false;
+    }
+    std::vector<double> offsets(oscillators_.size());
+    for (std::size_t position = 0; position < offsets.size(); ++position) {
+        const Oscillator& live = oscillators_[position];
+        Oscillator stored;
+        if (!in.readU32(stored.id) || !in.readF64(stored.frequency) || !in.readF64(stored.phase) ||
+            !in.readF64(stored.amplitude) || !in.readF64(offsets[position])) {
+            return false;
+        }
+        if (stored.id != live.id || !(stored.frequency == live.frequency) ||
+            !(stored.phase == live.phase) || !(stored.amplitude == live.amplitude) ||
+            !std::isfinite(offsets[position])) {
+            return false;
+        }
+    }
+    if (!in.atEnd() || period < 0 || period != coupling_period_) return false;
+    // The steps' end must stay a valid time.
+    if (period > 0 && steps > static_cast<std::uint64_t>(last_model_time / period)) return false;
+
+    coupling_steps_ = steps;
+    coupling_enabled_ = enabled;
+    phase_offsets_ = std::move(offsets);
+    return true;
+}
+
+}  // namespace Lumenar::Core::Kelm
