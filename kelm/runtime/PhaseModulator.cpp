@@ -1,0 +1,110 @@
+#include "kelm/runtime/PhaseModulator.h"
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+
+#include "kelm/core/Failures.h"
+#include "kelm/core/PortableMath.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+using Kernel::PortableMathConstants::pi;
+using Kernel::PortableMathConstants::pi_2;
+using Kernel::PortableMathConstants::two_pi;
+
+constexpr double ns_per_second = 1e9;
+constexpr std::uint8_t excitatory = 0;
+constexpr std::uint8_t inhibitory = 1;
+
+bool isInert(const PhaseBinding& binding) {
+    return binding.polarity != excitatory && binding.polarity != inhibitory;
+}
+
+/// The largest value of the sine on [theta, theta + span], in radians.
+double sineMaximum(double theta, double span) {
+    if (!(two_pi > span)) return 1.0;
+    const double last = (span + 1e-12) + theta;
+    const double crest = std::ceil((theta - pi_2) / two_pi) * two_pi + pi_2;
+    if (last >= crest) return 1.0;
+    // The kernel's own sine: the bound must hold for what the kernel will compute.
+    const double at_last = Kernel::kernelSin(last);
+    const double at_theta = Kernel::kernelSin(theta);
+    return at_last > at_theta ? at_last : at_theta;
+}
+
+double sineMinimum(double theta, double span) { return -sineMaximum(theta + pi, span); }
+
+}  // namespace
+
+void PhaseModulator::addBinding(const PhaseBinding& binding) {
+    const std::size_t position = bank_->indexOf(binding.oscillator);
+    if (!std::isfinite(binding.strength) || !std::isfinite(binding.phase_offset)) {
+        throw InvalidPhaseModulation(InvalidPhaseModulation::not_finite);
+    }
+    ties_.push_back({binding, position});
+}
+
+void PhaseModulator::setGain(double gain) {
+    if (!std::isfinite(gain) || gain < 0.0) {
+        throw InvalidPhaseModulation(InvalidPhaseModulation::gain);
+    }
+    gain_ = gain;
+}
+
+double PhaseModulator::amplitudeOf(const PhaseBinding& binding,
+                                   const Oscillator& oscillator) const {
+    if (isInert(binding)) return 0.0;
+    return ((binding.polarity == inhibitory ? -gain_ : gain_) * binding.strength) *
+           oscillator.amplitude;
+}
+
+double PhaseModulator::effectiveAmplitude(const PhaseBinding& binding) const {
+    if (isInert(binding)) return 0.0;
+    return amplitudeOf(binding, bank_->oscillator(binding.oscillator));
+}
+
+double PhaseModulator::weightSum() const {
+    double sum = 0.0;
+    for (const Tie& tie : ties_) sum = sum + std::fabs(amplitudeOf(tie));
+    return sum;
+}
+
+double PhaseModulator::intervalBound(ModelTime start, ModelTime end) const {
+    if (end < start) throw InvalidPhaseModulation(InvalidPhaseModulation::backwards);
+    const double seconds = (static_cast<double>(end) - static_cast<double>(start)) / ns_per_second;
+    double sum = 0.0;
+    for (const Tie& tie : ties_) {
+        const double amplitude = amplitudeOf(tie);
+        if (amplitude == 0.0) continue;
+        const double theta = phaseOf(tie, start);
+        const double span = (bank_->oscillators()[tie.position].frequency * two_pi) * seconds;
+        const double extreme =
+            amplitude > 0.0 ? sineMaximum(theta, span) : sineMinimum(theta, span);
+        sum = sum + extreme * amplitude;
+    }
+    return sum;
+}
+
+PhaseDrive PhaseModulator::kernelDrive(ModelTime origin, double bound) const {
+    PhaseDrive drive;
+    drive.origin = origin;
+    drive.bound = bound;
+    for (const Tie& tie : ties_) {
+        const double amplitude = amplitudeOf(tie);
+        if (amplitude == 0.0) continue;
+        if (drive.term_count == max_phase_terms) {
+            throw InvalidPhaseModulation(InvalidPhaseModulation::capacity);
+        }
+        PhaseTerm& term = drive.terms[drive.term_count];
+        term.amplitude = amplitude;
+        term.phase = phaseOf(tie, origin);
+        term.omega = (bank_->oscillators()[tie.position].frequency * two_pi) / ns_per_second;
+        ++drive.term_count;
+    }
+    return drive;
+}
+
+}  // namespace Lumenar::Core::Kelm
