@@ -100,7 +100,6 @@ bool BucketEventStore::take(ModelTime until, std::vector<Event>& events, ModelTi
         if (!skipToOccupied(stop)) return false;
         takeSlot(slotOf(cursor_), events);
         ++cursor_;
-        enterEras();
     }
     std::sort(events.begin(), events.end(), EventLess());
     window_start = (cursor_ - 1) * d_min_;
@@ -114,14 +113,17 @@ void BucketEventStore::start() {
     forEachLive([&](const Event& event) { first = std::min(first, event.time / d_min_); });
     cursor_ = first;
     started_ = true;
-    enterEras();
 }
 
 /// Moves the cursor to the next slot with an entry, dead or alive, but not beyond `stop`. False
 /// where there is none before it.
+///
+/// Eras are entered here, before a window leaves the store, and not when the cursor moves on:
+/// should memory run out on the way, no event has been taken and the next call goes on.
 bool BucketEventStore::skipToOccupied(std::int64_t stop) {
     const auto reach = static_cast<std::int64_t>(bucket_count_);
     while (cursor_ < stop) {
+        enterEras();
         // Of the slots, those from the cursor's to the end of the ring are its own era's buckets;
         // the ones before it belong to the next era, some of which may still wait outside.
         const std::int64_t era = cursor_ / reach;
@@ -134,7 +136,6 @@ bool BucketEventStore::skipToOccupied(std::int64_t stop) {
         if (occupied_count_ == 0 && !eras_.empty()) {
             cursor_ = std::min(std::max(end, eras_.begin()->first * reach), stop);
         }
-        enterEras();
     }
     return false;
 }
@@ -151,7 +152,7 @@ std::int64_t BucketEventStore::firstOccupied(std::int64_t from, std::int64_t to)
     return slot < end_slot ? from + static_cast<std::int64_t>(slot - first_slot) : to;
 }
 
-/// Moves every era that the cursor has entered into the ring, which then reaches over it whole.
+/// Moves every era that the cursor has reached into the ring, which covers what is left of it.
 void BucketEventStore::enterEras() {
     const std::int64_t current = cursor_ / static_cast<std::int64_t>(bucket_count_);
     while (!eras_.empty() && eras_.begin()->first <= current) {

@@ -16,9 +16,9 @@ namespace Lumenar::Core::Kelm {
 ///
 /// The bucket of a time is time / d_min. Bucket b lives in slot b modulo bucket_count, and the ring
 /// reaches from `cursor`, the next bucket to be taken, up to cursor + bucket_count, exclusive.
-/// Events beyond wait in eras, each as long as the ring: an era moves into the ring when the cursor
-/// enters it, so a far event is touched when it is posted and once more, whatever it waits. Which
-/// of the two holds an event shows in overflowPosts() and nowhere else.
+/// Events beyond wait in eras, each as long as the ring: an era moves into the ring when a window
+/// is looked for in it, so a far event is touched when it is posted and once more, whatever it
+/// waits. Which of the two holds an event shows in overflowPosts() and nowhere else.
 ///
 /// A cancelled event stays in its place as a dead entry until its bucket is taken, or until the
 /// dead outnumber the living, when all are swept out. Memory follows the number of pending events.
@@ -52,6 +52,16 @@ public:
     /// looked at.
     [[nodiscard]] bool restore(BlobView blob) override;
 
+    /// ns.
+    ModelTime bucketWidth() const { return d_min_; }
+
+    /// Lets a store that was never used go on at `bucket`, as one that has handed out all windows
+    /// before it. `bucket` must not be negative, nor its time beyond the range of ModelTime.
+    void resumeAt(std::int64_t bucket) {
+        cursor_ = bucket;
+        started_ = true;
+    }
+
     /// How many events have gone beyond the ring's reach when they were posted.
     std::uint64_t overflowPosts() const { return overflow_posts_; }
 
@@ -84,7 +94,7 @@ private:
     std::vector<EventList> ring_;
     std::vector<std::uint64_t> occupied_;  ///< one bit per slot: it holds an entry, dead or alive
     std::uint64_t occupied_count_ = 0;
-    std::map<std::int64_t, EventList> eras_;  ///< by bucket / bucket_count; all behind the cursor's
+    std::map<std::int64_t, EventList> eras_;  ///< by bucket / bucket_count, from the cursor's on
     PendingIds live_;
     std::int64_t cursor_ = 0;
     bool started_ = false;
