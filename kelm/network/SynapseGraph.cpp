@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
+#include <stdexcept>
 #include <utility>
 
 namespace Lumenar::Core::Kelm {
@@ -52,6 +54,10 @@ SynapseGraph::SynapseGraph(std::uint64_t node_count, std::optional<ModelTime> mi
 }
 
 void SynapseGraph::buildRoutes() {
+    // One entry more than there are neurons: it must not wrap around to a table without entries.
+    if (node_count_ >= out_offsets_.max_size()) {
+        throw std::length_error("the network has more neurons than a table can hold");
+    }
     out_offsets_.assign(node_count_ + 1, 0);
     in_offsets_.assign(node_count_ + 1, 0);
     for (EdgeId id = 0; id < edges_.size(); ++id) {
@@ -103,7 +109,30 @@ std::optional<ModelTime> SynapseGraph::dMin() {
 
 void SynapseGraph::setWeight(EdgeId id, float weight) {
     if (!isWeight(weight)) throw InvalidSynapse(InvalidSynapse::weight);
-    edges_[checked(id)].weight = weight;
+    Synapse& synapse = edges_[checked(id)];
+    if (reweighted_.recording) noteReweighted(synapse.target);
+    synapse.weight = weight;
+}
+
+void SynapseGraph::noteReweighted(NodeId target) {
+    if (reweighted_.noted[target] != 0) return;
+    reweighted_.nodes.push_back(target);
+    reweighted_.noted[target] = 1;
+}
+
+void SynapseGraph::takeReweightedTargets(std::vector<NodeId>& targets) {
+    targets.clear();
+    if (!reweighted_.recording) {
+        targets.resize(node_count_);
+        std::iota(targets.begin(), targets.end(), NodeId{0});
+        reweighted_.noted.assign(node_count_, 0);
+        reweighted_.recording = true;
+        return;
+    }
+    targets.assign(reweighted_.nodes.begin(), reweighted_.nodes.end());
+    std::sort(targets.begin(), targets.end());
+    for (const NodeId node : targets) reweighted_.noted[node] = 0;
+    reweighted_.nodes.clear();
 }
 
 Blob SynapseGraph::snapshot() const {
@@ -170,6 +199,7 @@ bool SynapseGraph::restore(BlobView blob) {
     inhibitory_on_ = inhibitory_on != 0;
     routes_stale_ = true;
     d_min_stale_ = true;
+    reweighted_.clear();
     return true;
 }
 

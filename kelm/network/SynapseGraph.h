@@ -17,8 +17,8 @@ namespace Lumenar::Core::Kelm {
 ///
 /// Invariant: every endpoint lies below nodeCount(), every weight is finite and not negative, every
 /// delay is at least 1 and at least the declared smallest delay. Self-loops and parallel synapses
-/// are allowed. Neurons and synapses are never added or removed after construction; weights and
-/// times of last change move.
+/// are allowed. Neurons and synapses are never added or removed after construction; weights, times
+/// of last change and the switches move.
 ///
 /// The routing tables are built when they are first read, so a read may build them and is not
 /// constant. Views are valid until the graph is assigned to or restored. Used by one thread at a
@@ -74,11 +74,28 @@ public:
     bool transmissionEnabled(bool inhibitory) const {
         return inhibitory ? inhibitory_on_ : excitatory_on_;
     }
+    /// Switches a class on or off from the next delivery on; events on their way arrive.
+    void setTransmissionEnabled(bool inhibitory, bool on) {
+        (inhibitory ? inhibitory_on_ : excitatory_on_) = on;
+    }
+    /// Switches one synapse on or off from the next delivery on; events on their way arrive. It
+    /// stays routed and counts for dMin() either way.
+    /// Throws SynapseRoutingViolation for an id outside the network.
+    void setEnabled(EdgeId id, bool on) { edges_[checked(id)].enabled = on; }
 
     /// Sets a weight magnitude from the next delivery on; events on their way keep their value.
     /// Throws InvalidSynapse for a weight that is negative or not finite, then
     /// SynapseRoutingViolation for an id outside the network.
     void setWeight(EdgeId id, float weight);
+
+    /// Fills `targets` with the neurons that a reader of incoming weights has to look at again,
+    /// ascending, each once: at first every neuron, later the targets of all synapses whose weight
+    /// was set since the call before, to whatever value.
+    ///
+    /// The record begins with the first call, so that a graph which nobody asks keeps none, and
+    /// belongs to this object: a copied, moved, assigned or restored graph begins anew. Memory is
+    /// bounded by the neuron count. May throw std::bad_alloc, with the record as it was.
+    void takeReweightedTargets(std::vector<NodeId>& targets);
 
     /// Posts one delivery for each transmitting synapse of `source`, in EdgeId order, for a spike
     /// at `time` ns, and returns their number. A Sink of a final class is called directly.
@@ -95,9 +112,7 @@ public:
             event.source = source;
             event.target = synapse.target;
             event.edge = id;
-            // Negated in single precision, so that a weight of 0 arrives as -0.0.
-            event.value =
-                static_cast<double>(synapse.inhibitory ? -synapse.weight : synapse.weight);
+            event.value = deliveredValue(synapse);
             sink.post(event);
             ++count;
         }
@@ -117,6 +132,26 @@ public:
     [[nodiscard]] bool restore(BlobView blob);
 
 private:
+    /// Which neurons' incoming weights were set. It stays behind when the graph is copied or moved:
+    /// whoever asks another graph has not yet looked at any of its neurons.
+    struct ReweightedTargets {
+        ReweightedTargets() = default;
+        ReweightedTargets(const ReweightedTargets&) noexcept {}
+        ReweightedTargets& operator=(const ReweightedTargets&) noexcept {
+            clear();
+            return *this;
+        }
+        void clear() noexcept {
+            recording = false;
+            nodes.clear();
+            noted.clear();
+        }
+
+        bool recording = false;
+        std::vector<NodeId> nodes;        ///< in the order of the first change
+        std::vector<std::uint8_t> noted;  ///< by NodeId: 1 for a neuron in `nodes`
+    };
+
     std::size_t checked(EdgeId id) const {
         if (id >= edges_.size()) throw SynapseRoutingViolation(SynapseRoutingViolation::edge);
         return static_cast<std::size_t>(id);
@@ -126,6 +161,7 @@ private:
         return {edges.data() + offsets[node], edges.data() + offsets[node + 1]};
     }
     void buildRoutes();
+    void noteReweighted(NodeId target);
 
     std::uint64_t node_count_;
     std::optional<ModelTime> min_delay_;
@@ -142,6 +178,7 @@ private:
     bool d_min_stale_ = true;
     bool excitatory_on_ = true;
     bool inhibitory_on_ = true;
+    ReweightedTargets reweighted_;
 };
 
 }  // namespace Lumenar::Core::Kelm
