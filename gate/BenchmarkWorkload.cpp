@@ -1,5 +1,7 @@
 #include "gate/BenchmarkWorkload.h"
 
+#include <stdexcept>
+
 namespace Lumenar::Core::Kelm::Gate {
 
 namespace {
@@ -11,6 +13,9 @@ constexpr std::uint64_t target_stride = 131;
 
 std::vector<Synapse> buildSynapses(std::uint64_t neuron_count, ModelTime delay) {
     std::vector<Synapse> synapses;
+    if (neuron_count > synapses.max_size() / benchmark_fanout) {
+        throw std::length_error("the benchmark network has more synapses than a list can hold");
+    }
     synapses.reserve(neuron_count * benchmark_fanout);
     for (std::uint64_t i = 0; i < neuron_count; ++i) {
         const std::uint64_t first = target_stride + source_stride * i;

@@ -35,7 +35,7 @@ struct BenchmarkWorkload {
     Kernel::Firing firing;
 };
 
-/// `scale.neuron_count` must be at least 1; nothing else is tested.
+/// Throws std::length_error for more synapses than a list can hold. Nothing else is tested here.
 BenchmarkWorkload buildBenchmarkWorkload(const BenchmarkScale& scale = {});
 
 }  // namespace Lumenar::Core::Kelm::Gate
