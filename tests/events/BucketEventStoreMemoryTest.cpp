@@ -1,0 +1,185 @@
+// What the store allocates and when, and what is left of it when an allocation fails. The program's
+// operator new counts for it.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <new>
+#include <vector>
+
+#include "kelm/events/BucketEventStore.h"
+
+namespace {
+
+std::size_t bytes_in_use = 0;
+std::size_t allocations = 0;
+/// Which of the next allocations fails, from 1; 0 for none.
+std::size_t failing_allocation = 0;
+
+/// Before each allocation stands its length.
+constexpr std::size_t head_bytes = alignof(std::max_align_t);
+
+}  // namespace
+
+void* operator new(std::size_t length) {
+    ++allocations;
+    if (failing_allocation != 0 && --failing_allocation == 0) throw std::bad_alloc();
+    void* memory = std::malloc(length + head_bytes);
+    if (memory == nullptr) throw std::bad_alloc();
+    *static_cast<std::size_t*>(memory) = length;
+    bytes_in_use += length;
+    return static_cast<char*>(memory) + head_bytes;
+}
+
+void operator delete(void* pointer) noexcept {
+    if (pointer == nullptr) return;
+    void* memory = static_cast<char*>(pointer) - head_bytes;
+    bytes_in_use -= *static_cast<std::size_t*>(memory);
+    std::free(memory);
+}
+
+void operator delete(void* pointer, std::size_t) noexcept { operator delete(pointer); }
+
+namespace Lumenar::Core::Kelm {
+namespace {
+
+Event eventAt(ModelTime time) {
+    Event event;
+    event.time = time;
+    return event;
+}
+
+/// A run of a network at constant activity, by its shape: every window's events post deliveries
+/// for the next windows, and each of the neurons replaces a candidate that waits further out.
+class SteadyRun {
+public:
+    SteadyRun() { oneWindow(); }
+
+    void oneWindow() {
+        for (ModelTime i = 0; i < 200; ++i) store_.post(eventAt(now_ + 100 + i * 7));
+        for (ModelTime i = 0; i < 50; ++i) {
+            std::uint64_t& candidate = candidates_[static_cast<std::size_t>(window_ % 20 * 50 + i)];
+            store_.cancel(candidate);
+            candidate = store_.post(eventAt(now_ + 3000 + i * far_apart_));
+        }
+        ++window_;
+        ModelTime start = 0;
+        ASSERT_TRUE(store_.take(last_model_time, events_, start, now_));
+    }
+
+    /// How far the candidates spread, in ns: within the ring of 6400 ns, or far beyond it.
+    void spreadCandidates(ModelTime far_apart) { far_apart_ = far_apart; }
+
+private:
+    BucketEventStore store_{100, 64};
+    std::vector<Event> events_;
+    std::vector<std::uint64_t> candidates_ = std::vector<std::uint64_t>(1000, ~std::uint64_t{0});
+    ModelTime now_ = 0;
+    ModelTime far_apart_ = 10;
+    std::int64_t window_ = 0;
+};
+
+TEST(BucketEventStore, AllocatesNothingAtConstantActivityWithinTheRing) {
+    SteadyRun run;
+    for (int i = 0; i < 2000; ++i) run.oneWindow();
+    const std::size_t before = allocations;
+    for (int i = 0; i < 20000; ++i) run.oneWindow();
+    EXPECT_EQ(allocations, before);
+}
+
+TEST(BucketEventStore, TakesNoMoreMemoryTheLongerItRuns) {
+    SteadyRun run;
+    run.spreadCandidates(100000);
+    std::size_t early = 0;
+    std::size_t late = 0;
+    for (int i = 0; i < 4000; ++i) {
+        run.oneWindow();
+        early = std::max(early, bytes_in_use);
+    }
+    for (int i = 0; i < 36000; ++i) {
+        run.oneWindow();
+        late = std::max(late, bytes_in_use);
+    }
+    EXPECT_LE(late, early);
+}
+
+TEST(BucketEventStore, LosesNothingWhenMemoryRunsOut) {
+    // Every call of a history is tried again when it failed; what comes out must not depend on
+    // which allocation it was. The answer is that of the history in which none fails.
+    const auto history = [](std::size_t failing, bool& failed) {
+        failed = false;
+        std::vector<std::uint64_t> seen;
+        const auto again = [&](auto&& action) {
+            failing_allocation = failing;
+            try {
+                const auto result = action();
+                failing = failing_allocation;
+                failing_allocation = 0;
+                return result;
+            } catch (const std::bad_alloc&) {
+                failing = 0;
+                failing_allocation = 0;
+                failed = true;
+                return action();
+            }
+        };
+        BucketEventStore store(10, 32);
+        const auto takeAll = [&](ModelTime until) {
+            bool given = true;
+            while (given) {
+                std::vector<Event> events;
+                ModelTime start = 0;
+                ModelTime end = 0;
+                given = again([&] { return store.take(until, events, start, end); });
+                seen.push_back(static_cast<std::uint64_t>(start));
+                for (const Event& event : events) seen.push_back(event.id);
+            }
+        };
+        // Far events lie close together while they wait and need more room when they come near.
+        again([&] { return store.post(eventAt(0)); });
+        for (const ModelTime era : {3, 4, 9}) {
+            for (int i = 0; i < 30; ++i) {
+                again([&] { return store.post(eventAt(era * 320 + i * 70 % 320)); });
+            }
+        }
+        takeAll(5 * 320);
+        for (int i = 0; i < 1400; ++i) {
+            // Ids spread over pages, times over the ring and beyond; the dead are swept once.
+            const ModelTime time = 5 * 320 + i * 37 % 2000;
+            const std::uint64_t id = again([&] { return store.post(eventAt(time)); });
+            seen.push_back(id);
+            if (i % 10 != 0) again([&] { return store.cancel(id); });
+        }
+        takeAll(1800);
+        const Blob blob = again([&] { return store.snapshot(); });
+        takeAll(2000);
+        const Blob before = store.snapshot();
+        const auto restoreOrStay = [&] {
+            try {
+                return store.restore(blob);
+            } catch (const std::bad_alloc&) {
+                EXPECT_EQ(store.snapshot(), before);
+                throw;
+            }
+        };
+        EXPECT_TRUE(again(restoreOrStay));
+        EXPECT_EQ(store.snapshot(), blob);
+        takeAll(last_model_time);
+        seen.push_back(store.overflowPosts());
+        return seen;
+    };
+    bool failed = false;
+    const std::vector<std::uint64_t> expected = history(0, failed);
+    ASSERT_FALSE(failed);
+    std::size_t failing = 0;
+    do {
+        ASSERT_EQ(history(++failing, failed), expected) << "allocation " << failing;
+    } while (failed);
+    EXPECT_GT(failing, 50U) << "too few allocations to have met every kind";
+}
+
+}  // namespace
+}  // namespace Lumenar::Core::Kelm
