@@ -24,6 +24,10 @@ constexpr Status success = 0;
 constexpr Status out_of_memory = 2;
 constexpr Status no_device = 100;
 
+/// The largest block that the device gives. Well below what a host can be asked for: filling a block
+/// touches all of it.
+constexpr std::uint64_t max_block_bytes = std::uint64_t{1} << 34;
+
 /// Device threads below which waking the workers costs more than they save.
 constexpr std::uint64_t min_threads_per_worker = 512;
 
@@ -196,7 +200,7 @@ Status deviceName(int, std::string& name) {
 Status allocateBytes(void*& block, std::uint64_t bytes) {
     block = nullptr;
     if (const Status status = emulator().begin(); status != success) return status;
-    if (bytes > static_cast<std::uint64_t>(PTRDIFF_MAX)) return out_of_memory;
+    if (bytes > max_block_bytes) return out_of_memory;
     // Not zeroed, as on a device: what is read before it is written should show.
     block = std::malloc(std::max<std::uint64_t>(bytes, 1));
     if (block == nullptr) return out_of_memory;

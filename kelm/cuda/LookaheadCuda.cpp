@@ -252,7 +252,7 @@ void checkShardLayout(std::uint64_t node_count, std::uint32_t shard_count) {
 }  // namespace
 
 void checkShardLayouts() {
-    for (const std::uint64_t node_count : {1, 7, 100, 100003}) {
+    for (const std::uint64_t node_count : {1U, 7U, 100U, 100003U}) {
         for (const std::uint32_t shard_count : {1U, 2U, 7U, 32U}) {
             if (shard_count <= node_count) checkShardLayout(node_count, shard_count);
         }
