@@ -82,7 +82,7 @@ TEST_F(CudaWindowBackendTest, NeedsADevice) {
 TEST_F(CudaWindowBackendTest, QueriesTheDeviceWithoutThrowing) {
     EXPECT_TRUE(cudaDeviceUsable());
     EXPECT_EQ(cudaDeviceName(), "host emulation");
-    for (const std::uint64_t operation : {0, 1}) {
+    for (const std::uint64_t operation : {0U, 1U}) {
         Emulation::failOperation(operation, 7);
         EXPECT_EQ(cudaDeviceName(), "unknown") << operation;
     }
@@ -123,7 +123,7 @@ TEST_F(CudaWindowBackendTest, CountsWindowsBelow32ItemsAsSmall) {
 
 TEST_F(CudaWindowBackendTest, ComputesBatchesThatDoNotFillABlock) {
     CudaWindowBackend backend;
-    for (const std::size_t items : {1, 127, 128, 129, 1500}) {
+    for (const std::size_t items : {1U, 127U, 128U, 129U, 1500U}) {
         SCOPED_TRACE(items);
         Batch(items, items / 2).runOn(backend);
     }

@@ -35,7 +35,7 @@ std::vector<std::uint64_t> orderOfLaunch(std::uint32_t blocks) {
     std::vector<std::uint64_t> runs(threads);
     std::vector<std::uint64_t> places(threads);
     std::uint64_t next = 0;
-    Device::launch(noteOrder, blocks, block_size, runs.data(), places.data(), &next);
+    Device::launch<noteOrder>(blocks, block_size, runs.data(), places.data(), &next);
     EXPECT_EQ(Device::lastStatus(), 0);
     EXPECT_EQ(runs, std::vector<std::uint64_t>(threads, 1));
     EXPECT_EQ(next, threads);
@@ -94,7 +94,7 @@ TEST_F(EmulatedDevice, AddsAtomically) {
     constexpr std::size_t threads = std::size_t{blocks} * block_size;
     std::vector<std::uint64_t> seen(threads, threads);
     std::uint64_t sum = 0;
-    Device::launch(countAll, blocks, block_size, &sum, seen.data());
+    Device::launch<countAll>(blocks, block_size, &sum, seen.data());
     EXPECT_EQ(sum, 3 * threads);
     std::sort(seen.begin(), seen.end());
     for (std::size_t i = 0; i < threads; ++i) ASSERT_EQ(seen[i], i);
@@ -170,7 +170,7 @@ TEST_F(EmulatedDevice, FailsTheOperationThatItIsTold) {
     // A launch reports through the last status, which is then forgotten.
     std::vector<std::uint64_t> seen(block_size);
     Emulation::failOperation(0, 9);
-    Device::launch(countAll, 1, block_size, &word, seen.data());
+    Device::launch<countAll>(1, block_size, &word, seen.data());
     EXPECT_EQ(word, 5);
     EXPECT_EQ(Device::lastStatus(), 9);
     EXPECT_EQ(Device::lastStatus(), 0);

@@ -124,7 +124,9 @@ TEST_F(GateDriverTest, StopsAtTheFirstStepThatThrows) {
         SCOPED_TRACE(order[failing]);
         const Outcome outcome = runWith({"--benchmark", "--benchmark"}, order[failing]);
         EXPECT_EQ(outcome.status, 1);
-        EXPECT_EQ(outcome.steps, Steps(order.begin(), order.begin() + failing + 1));
+        const Steps expected(order.begin(),
+                             order.begin() + static_cast<std::ptrdiff_t>(failing) + 1);
+        EXPECT_EQ(outcome.steps, expected);
         const bool before_device = failing < steps_without_device.size();
         const bool benchmark = order[failing] == "benchmark";
         EXPECT_EQ(outcome.out, (before_device ? "" : device_line) + (benchmark ? "report\n" : ""));

@@ -1,16 +1,20 @@
 # Installs the build folder BUILD under a scratch prefix in SCRATCH, and there configures, builds and
-# runs the project in SOURCE against it, with the compiler COMPILER and the flags FLAGS.
+# runs the project in SOURCE against it, with the compiler COMPILER and, if there are
+# any, the sanitizers SANITIZE.
 
 cmake_minimum_required(VERSION 3.25)
 
 file(REMOVE_RECURSE ${SCRATCH})
 set(prefix ${SCRATCH}/prefix)
 set(user ${SCRATCH}/user)
+if(SANITIZE)
+    set(flags -fsanitize=${SANITIZE})
+endif()
 execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD} --prefix ${prefix} --config ${CONFIG}
     OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
 execute_process(COMMAND ${CMAKE_COMMAND} -S ${SOURCE} -B ${user} -G ${GENERATOR}
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=${CONFIG} -DCMAKE_CXX_COMPILER=${COMPILER}
-    -DCMAKE_CXX_FLAGS=${FLAGS} -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
+    -DCMAKE_CXX_FLAGS=${flags} -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
     COMMAND_ERROR_IS_FATAL ANY)
 execute_process(COMMAND ${CMAKE_COMMAND} --build ${user} --config ${CONFIG}
     COMMAND_ERROR_IS_FATAL ANY)
