@@ -42,6 +42,17 @@ public:
         "no usable CUDA device; the CPU/GPU parity gate cannot be evaluated on this machine";
     static constexpr const char* resident_dimensions =
         "invalid resident CUDA preparation dimensions";
+    static constexpr const char* recurrence_dimensions = "invalid resident recurrence dimensions";
+    static constexpr const char* recurrence_fanout = "resident recurrence requires fixed fan-out";
+    static constexpr const char* recurrence_edges =
+        "resident recurrence requires enabled d_min edges";
+    static constexpr const char* shard_dimensions = "invalid CUDA shard queue benchmark dimensions";
+    static constexpr const char* shard_overflow = "CUDA shard queue benchmark size overflow";
+    static constexpr const char* shard_fanout = "CUDA shard benchmark requires fixed fan-out";
+    static constexpr const char* shard_lost = "CUDA shard count lost fan-out events";
+    static constexpr const char* shard_order = "CUDA shard queue is not canonical";
+    static constexpr const char* shard_physics = "CUDA shard neuron physics differs from CPU";
+    static constexpr const char* shard_routing = "CUDA shard queue routing mismatch";
     /// A failed call of the device runtime: `what` names the call, `reason` is the runtime's text.
     static std::string device(const std::string& what, const std::string& reason) {
         return "CUDA " + what + ": " + reason;
@@ -96,6 +107,17 @@ class InvalidLearningControl : public std::invalid_argument {
 public:
     using std::invalid_argument::invalid_argument;
     static constexpr const char* group_query = "group query outside the network";
+    static constexpr const char* group_neuron =
+        "learning group set for a neuron outside the network";
+    static constexpr const char* group = "learning group id must be below 1048576";
+    static constexpr const char* fast_tau = "fast weight time constant must be positive";
+    static constexpr const char* consolidation_rate = "consolidation rate must be in [0, 1]";
+    static constexpr const char* journal_mode = "unknown journal mode";
+    static constexpr const char* journal_rate = "journal rate must be in (0, 1]";
+    static constexpr const char* weight_cap = "weight cap must be finite and >= 0";
+    static constexpr const char* freeze = "learning freeze index must be below 3";
+    static constexpr const char* size = "learning control and graph differ in size";
+    static constexpr const char* gate_order = "learning gate moved back in time";
 };
 
 /// An event whose declared cause no recorder has seen.
@@ -221,6 +243,7 @@ public:
     static constexpr const char* amplitudes_negative = "plasticity amplitudes must be non-negative";
     static constexpr const char* into_the_past = "plasticity trace advanced into the past";
     static constexpr const char* cap = "homeostasis cap must be finite and > 0";
+    static constexpr const char* neuron_count = "plasticity neuron count does not match graph";
 };
 
 }  // namespace Lumenar::Core::Kelm
