@@ -4,6 +4,8 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
+#include <string_view>
 #include <vector>
 
 namespace Lumenar::Core {
@@ -23,9 +25,7 @@ TEST(Digest, TakesTheBytesOfATextAsUnsigned) {
     EXPECT_EQ(digest(std::string_view("\xff\x80\0\x7f", 4)), digest(bytes));
 }
 
-TEST(Digest, GoesOnFromWhatCameBefore) {
-    EXPECT_EQ(digestByte(digest("s"), 0x70), digest("sp"));
-}
+TEST(Digest, GoesOnFromWhatCameBefore) { EXPECT_EQ(digestByte(digest("s"), 0x70), digest("sp")); }
 
 TEST(Digest, SeesARecordAsItsLittleEndianBytes) {
     struct Record {

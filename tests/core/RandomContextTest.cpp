@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -20,7 +21,7 @@ using Values = std::vector<std::uint64_t>;
 constexpr std::uint64_t increment = 0x9e3779b97f4a7c15;
 constexpr const char* unreachable = "RandomContext raw state is not a reachable batch";
 
-/// One stream as a blob holds it, and the name length to write where it is to lie.
+/// One stream as a blob holds it.
 struct StreamImage {
     std::string name;
     std::uint64_t index = 0;

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <initializer_list>
 #include <string>
@@ -243,14 +245,20 @@ TEST(NextCandidate, TakesTheLeastNormalNumberForADrawOfZero) {
     EXPECT_EQ(candidate.time, 7 + std::llround(708.3964185322641 / 2.0 * 1e9));
 }
 
-// With a draw of zero the wait is 708.3964185322641 s over the bound: 9e18 ns at 7.871e-8 per s.
+// With a draw of zero the wait is 708.3964185322641 s over the bound.
 TEST(NextCandidate, DropsAWaitOf9e18AndMore) {
-    for (const bool longer : {false, true}) {
+    const double rate = 708.3964185322641 / 9e9;
+    ASSERT_EQ(708.3964185322641 / rate * 1e9, 9e18);
+    struct Case {
+        double base_rate;
+        bool found;
+    };
+    for (const Case& c : {Case{7.88e-8, true}, Case{rate, false}, Case{7.87e-8, false}}) {
         std::uint64_t rng = before_zero;
-        const Firing firing{.base_rate = longer ? 7.87e-8 : 7.88e-8, .gain = 0.0};
+        const Firing firing{.base_rate = c.base_rate, .gain = 0.0};
         const Candidate candidate = nextCandidate({}, {}, firing, 0, last_model_time, 0.0, rng);
-        EXPECT_EQ(candidate.found, !longer);
-        EXPECT_EQ(candidate.bound, firing.base_rate);
+        EXPECT_EQ(candidate.found, c.found) << c.base_rate;
+        EXPECT_EQ(candidate.bound, c.base_rate);
         EXPECT_EQ(rng, 0U);
     }
 }
