@@ -695,8 +695,7 @@ private:
                   "clear resident fire overflow");
         checkCuda(Device::clear(sections.counters.metrics, 32), "clear resident metrics");
         Device::launch<initializeResidentNeurons>(neuronBlocks(), block_size, node_count_,
-                                                  sections.neurons, sections.results, neuron_,
-                                                  firing_, horizon_);
+                                                  sections.neurons, neuron_, firing_, horizon_);
         checkCuda(Device::lastStatus(), "launch resident initialization");
         checkCuda(Device::synchronise(), "synchronise resident initialization");
         return sections;
@@ -746,19 +745,19 @@ private:
         Device::launch<processResidentWindow>(
             neuronBlocks(), block_size, node_count_, sections_.window_events, arrivals_,
             sections_.target_offsets, sections_.target_counts, sections_.neurons, sections_.results,
-            sections_.counters, sections_.fire_log, arena_.fire_capacity, window_end, horizon_,
-            neuron_, firing_);
+            sections_.fanout_counts, sections_.counters, sections_.fire_log, arena_.fire_capacity,
+            window_end, horizon_, neuron_, firing_);
         checkCuda(Device::lastStatus(), "process resident window");
     }
 
     void countArrivals() {
         Device::launch<countResidentFanout>(neuronBlocks(), block_size, node_count_, fanout_,
-                                            sections_.results, sections_.fanout_counts);
+                                            sections_.fanout_counts);
         checkCuda(Device::lastStatus(), "count resident fan-out");
         checkCuda(Device::clear(sections_.target_counts, node_count_ * sizeof(std::uint64_t)),
                   "clear resident target counts");
         Device::launch<countResidentTargets>(neuronBlocks(), block_size, node_count_, fanout_,
-                                             sections_.csr_targets, sections_.results,
+                                             sections_.csr_targets, sections_.fanout_counts,
                                              sections_.target_counts);
         checkCuda(Device::lastStatus(), "count resident targets");
     }
@@ -779,11 +778,11 @@ private:
     void emitArrivals() {
         checkCuda(Device::clear(sections_.target_cursors, node_count_ * sizeof(std::uint64_t)),
                   "clear resident target cursors");
-        Device::launch<emitResidentFanout>(neuronBlocks(), block_size, node_count_, fanout_,
-                                           sections_.csr_targets, sections_.csr_values,
-                                           sections_.results, sections_.fanout_offsets,
-                                           sections_.target_offsets, sections_.target_cursors,
-                                           sequence_base_, window_, sections_.next_bucket);
+        Device::launch<emitResidentFanout>(
+            neuronBlocks(), block_size, node_count_, fanout_, sections_.csr_targets,
+            sections_.csr_values, sections_.results, sections_.fanout_counts,
+            sections_.fanout_offsets, sections_.target_offsets, sections_.target_cursors,
+            sequence_base_, window_, sections_.next_bucket);
         checkCuda(Device::lastStatus(), "emit resident fan-out");
         Device::launch<sortResidentTargetSegments>(neuronBlocks(), block_size, node_count_,
                                                    sections_.target_offsets,

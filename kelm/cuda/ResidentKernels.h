@@ -6,11 +6,12 @@
 // target_offsets[t] on, target_counts[t] of them, in the order of ShardArrivalLess.
 //
 // Bytes moved per window, for n neurons of fan-out f, A arrivals and U neurons with something to
-// do: every neuron costs 8 bytes of pending time, 16 of its segment (where there are arrivals) and
-// 3 reads of 4 bytes from its result; the two counts are cleared and written (24), scanned (32) and
-// read again (16). A neuron with something to do moves its state, generator, candidate and result:
-// 400 bytes. An arrival is written once (48), moved within its segment if need be, converted (72)
-// and read (24), and costs two atomic additions and 16 bytes of the fan-out table.
+// do: every neuron costs 8 bytes of pending time, 8 of its segment's length where there are
+// arrivals, 40 of its emitted arrivals (written, multiplied, read twice) and 24 of its received
+// ones (cleared, read), and 32 of the two scans. A neuron with something to do moves its state,
+// generator, candidate and result: 280 bytes. An arrival is written once (48), moved within its
+// segment if need be, converted (72) and read (24), and costs two atomic additions and 16 bytes of
+// the fan-out table.
 
 #include <cstdint>
 
@@ -45,8 +46,8 @@ struct ResidentCounters {
 
 /// Zero state and first candidate of each neuron: the draw with which every run begins.
 KELM_KERNEL initializeResidentNeurons(std::uint64_t node_count, ResidentNeurons neurons,
-                                      Kernel::WindowResult* results, Kernel::Neuron neuron,
-                                      Kernel::Firing firing, ModelTime horizon) {
+                                      Kernel::Neuron neuron, Kernel::Firing firing,
+                                      ModelTime horizon) {
     const std::uint64_t i = Device::threadIndex();
     if (i >= node_count) return;
     const Kernel::State zero;
@@ -57,8 +58,6 @@ KELM_KERNEL initializeResidentNeurons(std::uint64_t node_count, ResidentNeurons 
     neurons.random[i] = rng;
     neurons.pending_times[i] = first.found ? first.time : no_time;
     neurons.pending_rates[i] = first.bound;
-    // A neuron writes its result only in windows in which it has something to do.
-    results[i].spike_count = 0;
 }
 
 /// Logs a neuron's spikes of a window, or says that they did not fit.
@@ -77,22 +76,22 @@ KELM_DEVICE inline void logResidentSpikes(std::uint64_t neuron, const Kernel::Wi
     }
 }
 
-/// One window of each neuron. A neuron with neither an arrival nor a due candidate is left alone,
-/// as a run that goes event by event leaves it.
+/// One window of each neuron, and its number of spikes. A neuron with neither an arrival nor a due
+/// candidate is left alone, as a run that goes event by event leaves it; so is its result.
 KELM_KERNEL processResidentWindow(std::uint64_t node_count, const Kernel::WindowEvent* events,
                                   std::uint64_t arrival_count, const std::uint64_t* target_offsets,
                                   const std::uint64_t* target_counts, ResidentNeurons neurons,
-                                  Kernel::WindowResult* results, ResidentCounters counters,
-                                  DeviceFire* fire_log, std::uint64_t fire_capacity,
-                                  ModelTime window_end, ModelTime horizon, Kernel::Neuron neuron,
-                                  Kernel::Firing firing) {
+                                  Kernel::WindowResult* results, std::uint64_t* spike_counts,
+                                  ResidentCounters counters, DeviceFire* fire_log,
+                                  std::uint64_t fire_capacity, ModelTime window_end,
+                                  ModelTime horizon, Kernel::Neuron neuron, Kernel::Firing firing) {
     const std::uint64_t i = Device::threadIndex();
     if (i >= node_count) return;
     const std::uint64_t events_here = arrival_count == 0 ? 0 : target_counts[i];
     const ModelTime pending = neurons.pending_times[i];
     const bool due = pending >= 0 && pending < window_end;
     if (events_here == 0 && !due) {
-        if (results[i].spike_count != 0) results[i].spike_count = 0;
+        spike_counts[i] = 0;
         return;
     }
     if (due) {
@@ -109,6 +108,7 @@ KELM_KERNEL processResidentWindow(std::uint64_t node_count, const Kernel::Window
     neurons.pending_times[i] = result.next_candidate;
     neurons.pending_rates[i] = result.next_bound;
     results[i] = result;
+    spike_counts[i] = static_cast<std::uint64_t>(result.spike_count);
     if (result.bound_violation || result.spike_overflow) Device::setFlag(counters.model_fault);
     if (result.updates != 0) Device::fetchAdd(&counters.metrics[0], result.updates);
     if (result.candidates != 0) Device::fetchAdd(&counters.metrics[1], result.candidates);
@@ -118,26 +118,23 @@ KELM_KERNEL processResidentWindow(std::uint64_t node_count, const Kernel::Window
     }
 }
 
-/// The arrivals that each source emits in this window.
+/// Turns the number of spikes of each source into the number of arrivals that it emits.
 KELM_KERNEL countResidentFanout(std::uint64_t node_count, std::uint64_t fanout,
-                                const Kernel::WindowResult* results, std::uint64_t* counts) {
+                                std::uint64_t* counts) {
     const std::uint64_t i = Device::threadIndex();
     if (i >= node_count) return;
-    counts[i] = static_cast<std::uint64_t>(results[i].spike_count) * fanout;
+    counts[i] *= fanout;
 }
 
 /// The arrivals that each target receives in the next window, on counts that start at 0.
 KELM_KERNEL countResidentTargets(std::uint64_t node_count, std::uint64_t fanout,
                                  const std::uint64_t* csr_targets,
-                                 const Kernel::WindowResult* results,
-                                 std::uint64_t* target_counts) {
+                                 const std::uint64_t* fanout_counts, std::uint64_t* target_counts) {
     const std::uint64_t i = Device::threadIndex();
-    if (i >= node_count) return;
-    const std::int32_t spikes = results[i].spike_count;
-    if (spikes < 1 || fanout == 0) return;
+    if (i >= node_count || fanout_counts[i] == 0) return;
+    const std::uint64_t spikes = fanout_counts[i] / fanout;
     for (std::uint64_t k = 0; k < fanout; ++k) {
-        Device::fetchAdd(&target_counts[csr_targets[i * fanout + k]],
-                         static_cast<std::uint64_t>(spikes));
+        Device::fetchAdd(&target_counts[csr_targets[i * fanout + k]], spikes);
     }
 }
 
@@ -146,13 +143,13 @@ KELM_KERNEL countResidentTargets(std::uint64_t node_count, std::uint64_t fanout,
 KELM_KERNEL emitResidentFanout(std::uint64_t node_count, std::uint64_t fanout,
                                const std::uint64_t* csr_targets, const double* csr_values,
                                const Kernel::WindowResult* results,
+                               const std::uint64_t* fanout_counts,
                                const std::uint64_t* fanout_offsets,
                                const std::uint64_t* target_offsets, std::uint64_t* target_cursors,
                                std::uint64_t sequence_base, ModelTime delay, ShardArrival* bucket) {
     const std::uint64_t i = Device::threadIndex();
-    if (i >= node_count) return;
+    if (i >= node_count || fanout_counts[i] == 0) return;
     const std::int32_t spikes = results[i].spike_count;
-    if (spikes < 1 || fanout == 0) return;
     std::uint64_t sequence = sequence_base + fanout_offsets[i];
     for (std::int32_t s = 0; s < spikes; ++s) {
         for (std::uint64_t k = 0; k < fanout; ++k) {
