@@ -1,0 +1,59 @@
+#include "gate/BenchmarkWorkload.h"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <limits>
+#include <stdexcept>
+#include <vector>
+
+namespace Lumenar::Core::Kelm::Gate {
+
+namespace {
+
+TEST(BenchmarkWorkload, HasTheNetworkThatReportsSpeakOf) {
+    const BenchmarkWorkload workload = buildBenchmarkWorkload();
+    EXPECT_EQ(workload.neuron_count, 100000U);
+    EXPECT_EQ(workload.min_delay, 1000000);
+    EXPECT_EQ(workload.horizon, 200000000);
+    ASSERT_EQ(workload.synapses.size(), 1600000U);
+
+    // Worked out by hand from 131 + 7 * source + 131 * place, modulo 100000.
+    struct Case {
+        std::size_t edge;
+        NodeId source, target;
+    };
+    for (const Case& c : {Case{0, 0, 131}, Case{15, 0, 2096}, Case{16, 1, 138},
+                          Case{1599984, 99999, 124}, Case{1599999, 99999, 2089}}) {
+        SCOPED_TRACE(c.edge);
+        EXPECT_EQ(workload.synapses[c.edge].source, c.source);
+        EXPECT_EQ(workload.synapses[c.edge].target, c.target);
+        EXPECT_EQ(workload.synapses[c.edge].weight, 0.02F);
+        EXPECT_EQ(workload.synapses[c.edge].delay, 1000000);
+    }
+}
+
+TEST(BenchmarkWorkload, LeadsAsManySynapsesIntoEachNeuronAsOutOfIt) {
+    for (const std::uint64_t neuron_count : {1000U, 100000U}) {
+        SCOPED_TRACE(neuron_count);
+        BenchmarkScale scale;
+        scale.neuron_count = neuron_count;
+        std::vector<std::uint64_t> incoming(neuron_count);
+        for (const Synapse& synapse : buildBenchmarkWorkload(scale).synapses) {
+            ASSERT_LT(synapse.target, neuron_count);
+            ++incoming[synapse.target];
+        }
+        EXPECT_EQ(incoming, std::vector<std::uint64_t>(neuron_count, 16));
+    }
+}
+
+TEST(BenchmarkWorkload, RefusesMoreSynapsesThanAListCanHold) {
+    BenchmarkScale scale;
+    // Sixteen times this wraps around to sixteen.
+    scale.neuron_count = std::numeric_limits<std::uint64_t>::max() / 16 + 2;
+    EXPECT_THROW(buildBenchmarkWorkload(scale), std::length_error);
+}
+
+}  // namespace
+
+}  // namespace Lumenar::Core::Kelm::Gate
