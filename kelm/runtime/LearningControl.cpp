@@ -26,12 +26,10 @@ double clampTo(double value, double low, double high) {
 }
 
 /// One of how many entries a sampled journal keeps; 0 and 1 both mean every entry. A restored rate
-/// may be anything: where the quotient is no 64-bit integer, only the very first entry is kept.
+/// may be anything: where its inverse is no 64-bit integer, only the very first entry is kept.
 std::uint64_t strideOf(double rate) {
-    constexpr double limit = 0x1p63;
-    const double quotient = 1.0 / rate;
-    if (!(quotient >= -limit && quotient < limit)) return std::uint64_t{1} << 63;
-    return static_cast<std::uint64_t>(std::llround(quotient));
+    if (!(std::fabs(rate) > 0x1p-63)) return std::uint64_t{1} << 63;
+    return static_cast<std::uint64_t>(std::llround(1.0 / rate));
 }
 
 bool readAnyFlag(BlobReader& in, bool& value) {
@@ -214,7 +212,8 @@ void LearningControl::fade(SynapseGraph& graph, ModelTime window_end,
         }
         if (interval != factor_interval) {
             factor_interval = interval;
-            factor = std::exp(-interval / static_cast<double>(fast_.tau));
+            // Only a restored time constant can be 0: the limit, without the division.
+            factor = fast_.tau == 0 ? 0.0 : std::exp(-interval / static_cast<double>(fast_.tau));
         }
         SynapseLearningState faded = state;
         faded.fast = factor * state.fast;

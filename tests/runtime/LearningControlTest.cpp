@@ -137,19 +137,6 @@ TEST(LearningControl, AddsAProposalToTheLastingPartAndWritesTheCappedWeight) {
     }
 }
 
-TEST(LearningControl, TheLastingPartKeepsWhatTheWeightRoundsAway) {
-    Learner learner;
-    const double delta = 1e-9;  // below the last place of a float near 0.5
-    double slow = 0.5;
-    for (int i = 0; i < 100; ++i) {
-        learner.apply({proposal(0, delta)});
-        slow = delta + slow;
-    }
-    EXPECT_TRUE(sameBits(learner.control.synapseStates()[0].slow, slow));
-    EXPECT_TRUE(sameBits(weightOf(learner.graph, 0), narrowed(slow)));
-    EXPECT_NE(weightOf(learner.graph, 0), 0.5);
-}
-
 TEST(LearningControl, AWeightMovedByAnotherIsTakenUpByTheLastingPart) {
     Learner learner;
     learner.control.setFastWeights(true, 500 * millisecond, 0.0);
