@@ -61,6 +61,16 @@ void appendImages(Blob& blob, std::span<const Record> records) {
     static_assert(std::is_trivially_copyable_v<Record>);
     appendBytes(blob, records.data(), records.size_bytes());
 }
+/// A sequence: a 64-bit count, then that many records.
+template <class Record>
+void appendSequence(Blob& blob, std::span<const Record> records) {
+    appendU64(blob, records.size());
+    appendImages(blob, records);
+}
+template <class Record>
+void appendSequence(Blob& blob, const std::vector<Record>& records) {
+    appendSequence(blob, std::span<const Record>(records));
+}
 /// A blob inside a blob, behind its length.
 inline void appendNested(Blob& blob, BlobView inner) {
     appendU64(blob, inner.size());
@@ -127,6 +137,16 @@ public:
         records.resize(static_cast<std::size_t>(count));
         return count == 0 || read(records.data(), records.size() * sizeof(Record));
     }
+    /// A sequence of records, as appendSequence writes it. False as above. Gaps come in as they
+    /// stand; a reader that hands the records on clears them.
+    template <class Record>
+    [[nodiscard]] bool readSequence(std::vector<Record>& records) {
+        const std::size_t before = cursor_;
+        std::uint64_t count = 0;
+        if (readU64(count) && readImages(count, records)) return true;
+        cursor_ = before;
+        return false;
+    }
     /// A count of items of at least `item_bytes` each. False for a count that the remaining bytes
     /// cannot hold, so that it may size storage at once.
     [[nodiscard]] bool readCount(std::size_t item_bytes, std::uint64_t& count) {
@@ -147,5 +167,11 @@ private:
     BlobView bytes_;
     std::size_t cursor_ = 0;
 };
+
+/// Zeroes a gap of a record that was read.
+template <std::size_t size>
+void clearGap(std::uint8_t (&gap)[size]) {
+    std::memset(gap, 0, size);
+}
 
 }  // namespace Lumenar::Core

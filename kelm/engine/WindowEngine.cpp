@@ -305,7 +305,7 @@ std::uint64_t WindowEngine::declareObserverEvent(const Event& event) {
     Event declared = event;
     // Above every id that a store gives out.
     declared.id = first_observation_id + observer_events_.size();
-    std::fill(std::begin(declared.gap), std::end(declared.gap), std::uint8_t{0});
+    clearGap(declared.gap);
     observer_events_.insert(
         std::upper_bound(observer_events_.begin(), observer_events_.end(), declared, EventLess()),
         declared);
@@ -382,16 +382,13 @@ Blob WindowEngine::snapshot() {
     flushPendingRandomStates();
     Blob blob;
     appendTag(blob, format_tag);
-    appendU64(blob, states_.size());
-    appendImages<Kernel::State>(blob, states_);
+    appendSequence(blob, states_);
     appendNested(blob, random_.snapshot());
     appendImages<CandidateSlot>(blob, candidates_);
-    appendU64(blob, log_.size());
-    appendImages<SpikeRecord>(blob, spikeLog());
+    appendSequence(blob, spikeLog());
     appendImage(blob, profile_);
     appendNested(blob, graph_.snapshot());
-    appendU64(blob, observer_events_.size());
-    appendImages<Event>(blob, observer_events_);
+    appendSequence(blob, observer_events_);
     appendU64(blob, observer_cursor_);
     appendNested(blob, store_->snapshot());
     return blob;
@@ -414,29 +411,24 @@ bool WindowEngine::restore(BlobView blob) {
     const Runtime::RandomContext::Family spontaneous = random.family(spontaneous_name);
 
     std::vector<CandidateSlot> candidates;
-    std::uint64_t log_count = 0;
     std::vector<SpikeRecord> log;
     WindowProfile profile;
     BlobView stored_graph;
-    if (!in.readImages(candidates_.size(), candidates) || !in.readU64(log_count) ||
-        !in.readImages(log_count, log) || !in.readImage(profile) || !in.readNested(stored_graph)) {
+    if (!in.readImages(candidates_.size(), candidates) || !in.readSequence(log) ||
+        !in.readImage(profile) || !in.readNested(stored_graph)) {
         return false;
     }
     SynapseGraph graph = graph_;
     if (!graph.restore(stored_graph)) return false;
 
-    std::uint64_t observation_count = 0;
     std::vector<Event> observations;
     std::uint64_t cursor = 0;
     BlobView stored_store;
-    if (!in.readU64(observation_count) || !in.readImages(observation_count, observations) ||
-        !in.readU64(cursor) || cursor > observation_count || !in.readNested(stored_store) ||
-        !in.atEnd()) {
+    if (!in.readSequence(observations) || !in.readU64(cursor) || cursor > observations.size() ||
+        !in.readNested(stored_store) || !in.atEnd()) {
         return false;
     }
-    for (Event& observation : observations) {
-        std::fill(std::begin(observation.gap), std::end(observation.gap), std::uint8_t{0});
-    }
+    for (Event& observation : observations) clearGap(observation.gap);
     // The last test, and the only step that works on a live object.
     if (!store_->restore(stored_store)) return false;
 

@@ -49,7 +49,7 @@ std::uint64_t BucketEventStore::post(const Event& event) {
 
     Event stored = event;
     stored.id = next_id_;
-    std::fill(std::begin(stored.gap), std::end(stored.gap), std::uint8_t{0});
+    clearGap(stored.gap);
     // Whatever can fail comes before the first change.
     live_.reserve(stored.id);
     place(stored, bucket);
@@ -276,7 +276,7 @@ bool BucketEventStore::restore(BlobView blob) {
         if (!in.readView(sizeof(Event), image)) return false;
         Event event;
         std::memcpy(&event, image.data(), sizeof(Event));
-        std::fill(std::begin(event.gap), std::end(event.gap), std::uint8_t{0});
+        clearGap(event.gap);
         const std::int64_t bucket = event.time / d_min_;
         if (event.id >= header.next_id || event.time < 0) return false;
         if (header.started && bucket < header.cursor) return false;

@@ -1,7 +1,5 @@
 #include "kelm/runtime/Checkpoint.h"
 
-#include <iterator>
-
 #include "kelm/core/Failures.h"
 
 namespace Lumenar::Core::Kelm::Checkpoint {
@@ -30,23 +28,9 @@ bool readString(BlobReader& in, std::string& text) {
     return true;
 }
 
-template <class Record>
-void appendSequence(Blob& blob, const std::vector<Record>& records) {
-    appendU64(blob, records.size());
-    appendImages<Record>(blob, records);
-}
-
-template <class Record>
-bool readSequence(BlobReader& in, std::vector<Record>& records) {
-    std::uint64_t count = 0;
-    return in.readU64(count) && in.readImages(count, records);
-}
-
 bool readPhases(BlobReader& in, std::vector<PhaseSample>& phases) {
-    if (!readSequence(in, phases)) return false;
-    for (PhaseSample& phase : phases) {
-        std::fill(std::begin(phase.gap), std::end(phase.gap), std::uint8_t{0});
-    }
+    if (!in.readSequence(phases)) return false;
+    for (PhaseSample& phase : phases) clearGap(phase.gap);
     return true;
 }
 
@@ -139,8 +123,8 @@ void appendSamples(Blob& blob, std::span<const RecordedSample> samples) {
 
 bool readSamples(BlobReader& in, std::vector<RecordedSample>& samples) {
     return readItems(in, min_sample_bytes, samples, [&](RecordedSample& sample) {
-        return in.readI64(sample.time) && readSequence(in, sample.membrane) &&
-               readSequence(in, sample.oscillator_phases) && in.readU64(sample.active_synapses);
+        return in.readI64(sample.time) && in.readSequence(sample.membrane) &&
+               in.readSequence(sample.oscillator_phases) && in.readU64(sample.active_synapses);
     });
 }
 
@@ -175,8 +159,8 @@ bool readSampleExtension(BlobReader& in, std::vector<RecordedSample>& samples) {
     if (!in.readU64(tag) || tag != extension_tag) return false;
     if (!in.readCount(min_extension_bytes, count) || count != samples.size()) return false;
     for (RecordedSample& sample : samples) {
-        if (!readSequence(in, sample.adaptation) || !readSequence(in, sample.refractory_left) ||
-            !readSequence(in, sample.next_candidate) || !readSequence(in, sample.spike_counts)) {
+        if (!in.readSequence(sample.adaptation) || !in.readSequence(sample.refractory_left) ||
+            !in.readSequence(sample.next_candidate) || !in.readSequence(sample.spike_counts)) {
             return false;
         }
     }
@@ -198,7 +182,7 @@ bool readInterventions(BlobReader& in, InterventionState& interventions) {
         if (!in.readU8(byte)) return false;
         off = byte != 0;
     }
-    return readSequence(in, interventions.intervention_log);
+    return in.readSequence(interventions.intervention_log);
 }
 
 }  // namespace Lumenar::Core::Kelm::Checkpoint

@@ -240,7 +240,10 @@ void KelmRuntime::observe(const Event& event, std::span<const Kernel::State> sta
     context.refractory_left =
         sampled(SampleKind::refractory_left, sample_values_[2], [&](NodeId n) {
             const ModelTime end = states[n].refractory_until;
-            return end > event.time ? static_cast<double>(end - event.time) : 0.0;
+            if (end <= event.time) return 0.0;
+            // Unsigned: of two times of a restored run the difference may leave ModelTime.
+            return static_cast<double>(static_cast<std::uint64_t>(end) -
+                                       static_cast<std::uint64_t>(event.time));
         });
     context.next_candidate = sampled(SampleKind::next_candidate, sample_values_[3], [&](NodeId n) {
         return n < candidate_times.size() ? static_cast<double>(candidate_times[n]) : -1.0;
@@ -276,8 +279,7 @@ Blob KelmRuntime::checkpoint() {
     appendU64(blob, prediction_ ? prediction_->channels().size() : 0);
     if (prediction_) {
         for (const double precision : prediction_->precisions()) appendF64(blob, precision);
-        appendU64(blob, prediction_->observations().size());
-        appendImages<Observation>(blob, prediction_->observations());
+        appendSequence(blob, prediction_->observations());
         appendF64(blob, prediction_->reservedA());
         appendF64(blob, prediction_->reservedB());
     }
@@ -371,10 +373,8 @@ bool KelmRuntime::readPrediction(BlobReader& in, StoredState& state) const {
     }
     // The file has no flag for these: whether they are there is a matter of the configuration.
     if (!prediction_) return true;
-    std::uint64_t observations = 0;
-    return in.readImages(count, state.precisions) && in.readU64(observations) &&
-           in.readImages(observations, state.observations) && in.readF64(state.reserved_a) &&
-           in.readF64(state.reserved_b);
+    return in.readImages(count, state.precisions) && in.readSequence(state.observations) &&
+           in.readF64(state.reserved_a) && in.readF64(state.reserved_b);
 }
 
 /// Puts what was read in force, the parts that can still refuse first.

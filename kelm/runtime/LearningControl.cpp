@@ -4,7 +4,6 @@
 #include <cmath>
 #include <utility>
 
-#include "kelm/core/BlobSequence.h"
 #include "kelm/core/Failures.h"
 
 namespace Lumenar::Core::Kelm {
@@ -301,9 +300,9 @@ bool LearningControl::restore(BlobView blob) {
 }
 
 bool LearningControl::readFrom(BlobReader& in) {
-    if (!in.expectTag(format_tag) || !readSequence(in, group_of_) || !readSequence(in, synapses_) ||
-        !readGroupSwitches(in) || !readSequence(in, journal_) ||
-        !readSequence(in, modulator_history_) || !readSequence(in, pending_edges_) ||
+    if (!in.expectTag(format_tag) || !in.readSequence(group_of_) || !in.readSequence(synapses_) ||
+        !readGroupSwitches(in) || !in.readSequence(journal_) ||
+        !in.readSequence(modulator_history_) || !in.readSequence(pending_edges_) ||
         !readSettings(in) || !in.atEnd()) {
         return false;
     }
@@ -320,7 +319,7 @@ bool LearningControl::readFrom(BlobReader& in) {
 }
 
 bool LearningControl::readGroupSwitches(BlobReader& in) {
-    if (!readSequence(in, group_enabled_)) return false;
+    if (!in.readSequence(group_enabled_)) return false;
     for (std::uint8_t& enabled : group_enabled_) enabled = enabled != 0 ? 1 : 0;
     return true;
 }
@@ -332,7 +331,7 @@ bool LearningControl::readSettings(BlobReader& in) {
     if (!readAnyFlag(in, fast_enabled) || !in.readView(sizeof(fast_.gap), gap) ||
         !in.readI64(fast_.tau) || !in.readF64(fast_.consolidation_rate) ||
         !readAnyFlag(in, restrict_groups_) || !readAnyFlag(in, reserved_flag_) ||
-        !readSequence(in, allowed_groups_) || !in.readU8(mode) || !in.readF64(journal_rate_) ||
+        !in.readSequence(allowed_groups_) || !in.readU8(mode) || !in.readF64(journal_rate_) ||
         !in.readF64(weight_cap_) || !readAnyFlag(in, learning_enabled_)) {
         return false;
     }

@@ -61,6 +61,12 @@ public:
     /// its list; empty for a neuron without a list. Throws as phaseOf does.
     std::vector<PhaseSample> neuronPhases(NodeId neuron, ModelTime time) const;
 
+    /// The first of neuronPhases, in radians, or 0.0 where there is none. Throws as phaseOf does.
+    double firstPhase(NodeId neuron, ModelTime time) const {
+        if (neuron >= memberships_.size() || memberships_[neuron].empty()) return 0.0;
+        return phaseOfPosition(memberships_[neuron].front(), time);
+    }
+
     /// Sets which oscillators are reported for a neuron: one list of ids per neuron, by NodeId. The
     /// table may be shorter than the network and is not part of a snapshot.
     /// Throws InvalidOscillator for an unknown id; the old table then stays.

@@ -5,7 +5,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "kelm/core/BlobSequence.h"
 #include "kelm/core/Failures.h"
 #include "kelm/runtime/OscillatorBank.h"
 #include "kelm/runtime/PhaseSample.h"
@@ -91,9 +90,7 @@ void PlasticityEngine::advance(SpikeTrace& trace, ModelTime time) const {
 
 /// The phase that a proposal carries: of the first oscillator reported for the neuron, in radians.
 double PlasticityEngine::phaseOf(NodeId neuron, ModelTime time) const {
-    if (bank_ == nullptr) return 0.0;
-    const std::vector<PhaseSample> phases = bank_->neuronPhases(neuron, time);
-    return phases.empty() ? 0.0 : phases.front().phase;
+    return bank_ == nullptr ? 0.0 : bank_->firstPhase(neuron, time);
 }
 
 void PlasticityEngine::processSpike(const SpikeRecord& spike, SynapseGraph& graph) {
@@ -217,10 +214,10 @@ bool PlasticityEngine::restore(BlobView blob) {
     std::vector<SpikeTrace> traces;
     std::vector<SpikeRecord> spikes;
     std::vector<WeightChange> changes;
-    if (!in.expectTag(format_tag) || !readSequence(in, traces)) return false;
+    if (!in.expectTag(format_tag) || !in.readSequence(traces)) return false;
     const std::uint64_t neuron_count = traces_.size();
     if (traces.size() != neuron_count) return false;
-    if (!readSequence(in, spikes) || !readSequence(in, changes) || !in.atEnd()) return false;
+    if (!in.readSequence(spikes) || !in.readSequence(changes) || !in.atEnd()) return false;
     for (const SpikeRecord& spike : spikes) {
         if (spike.neuron >= neuron_count) return false;
     }
