@@ -62,6 +62,9 @@ constexpr std::uint32_t blocksFor(std::uint64_t range, std::uint32_t block_size)
 //   std::uint64_t threadIndex()                 the calling thread's index in its launch
 //   std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t amount)
 //                                               atomic; returns the value before
+//   void accumulate(std::uint64_t* counter, std::uint64_t amount)
+//                                               atomic as well, for a sum that no thread of the
+//                                               launch reads
 //   void setFlag(std::uint32_t* flag)           atomic; the flag is 1 from then on
 //   void launch<kernel>(blocks, block_size, arguments...)
 //                                               starts blocks * block_size threads

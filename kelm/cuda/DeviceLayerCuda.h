@@ -22,6 +22,10 @@ KELM_DEVICE inline std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t 
                      static_cast<unsigned long long>(amount));
 }
 
+KELM_DEVICE inline void accumulate(std::uint64_t* counter, std::uint64_t amount) {
+    static_cast<void>(fetchAdd(counter, amount));
+}
+
 KELM_DEVICE inline void setFlag(std::uint32_t* flag) { atomicOr(flag, 1U); }
 
 template <auto kernel, class... Arguments>

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <numeric>
 
 #define KELM_KERNEL static void
@@ -19,6 +20,43 @@ inline std::uint64_t threadIndex() { return emulated_thread_index; }
 
 inline std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t amount) {
     return std::atomic_ref<std::uint64_t>(*counter).fetch_add(amount, std::memory_order_relaxed);
+}
+
+/// What the device threads that one host thread plays have added to a few counters: the host
+/// threads meet at a counter once a launch, not once a device thread.
+class PendingSums {
+public:
+    void add(std::uint64_t* counter, std::uint64_t amount) {
+        Sum& sum = sums_[reinterpret_cast<std::uintptr_t>(counter) / sizeof(*counter) % size];
+        if (sum.counter != counter) {
+            flush(sum);
+            sum.counter = counter;
+        }
+        sum.amount += amount;
+    }
+    void flushAll() {
+        for (Sum& sum : sums_) flush(sum);
+    }
+
+private:
+    static constexpr std::size_t size = 8;
+
+    struct Sum {
+        std::uint64_t* counter = nullptr;
+        std::uint64_t amount = 0;
+    };
+
+    static void flush(Sum& sum) {
+        if (sum.counter != nullptr) fetchAdd(sum.counter, sum.amount);
+        sum = {};
+    }
+
+    Sum sums_[size];
+};
+extern constinit thread_local PendingSums pending_sums;
+
+inline void accumulate(std::uint64_t* counter, std::uint64_t amount) {
+    pending_sums.add(counter, amount);
 }
 
 inline void setFlag(std::uint32_t* flag) {
@@ -46,6 +84,7 @@ void launch(std::uint32_t blocks, std::uint32_t block_size, const Arguments&... 
             emulated_thread_index = order == nullptr ? i : order[i];
             run();
         }
+        pending_sums.flushAll();
     };
     runThreads(range, &run_one, static_cast<std::uint64_t>(blocks) * block_size);
 }

@@ -17,6 +17,7 @@
 namespace Lumenar::Core::Kelm::Device {
 
 constinit thread_local std::uint64_t emulated_thread_index = 0;
+constinit thread_local PendingSums pending_sums;
 
 namespace {
 

@@ -14,6 +14,7 @@ constexpr Status no_device = 100;
 }  // namespace
 
 constinit thread_local std::uint64_t emulated_thread_index = 0;
+constinit thread_local PendingSums pending_sums;
 
 const char* statusText(Status status) {
     return status == 0 ? "no error" : "this program was built without CUDA";
