@@ -6,9 +6,11 @@
 #include <optional>
 #include <string>
 
+#include "kelm/core/Failures.h"
 #include "kelm/cuda/CudaWindowBackend.h"
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/engine/WindowEngine.h"
+#include "kelm/runtime/KelmRuntime.h"
 #include "tests/support/EmulatedDeviceFixture.h"
 #include "tests/support/GeneratedModel.h"
 #include "tests/support/RunImage.h"
@@ -50,6 +52,38 @@ TEST_F(BackendParityTest, HoldsOnSmallModelsInAnyThreadOrder) {
     }
     EXPECT_GT(windows_, 5000);
     EXPECT_GT(spikes_, 10'000);
+}
+
+TEST_F(BackendParityTest, HoldsForARuntimeWithEveryPartOff) {
+    ModelTraits traits;
+    traits.alike = true;
+    traits.external_events = false;
+    for (std::uint64_t seed = 500; seed < 560; ++seed) {
+        SCOPED_TRACE("model seed " + std::to_string(seed));
+        const GeneratedModel model = generateModel(seed, traits);
+        WindowEngine engine = makeEngine(model);
+        CpuWindowBackend cpu;
+        CudaWindowBackend cuda;
+        try {
+            engine.run(cpu);
+        } catch (const WindowEngineError&) {
+            continue;  // a hot model
+        }
+        const RunImage expected = imageOf(engine);
+        for (IWindowBackend* backend :
+             {static_cast<IWindowBackend*>(&cpu), static_cast<IWindowBackend*>(&cuda)}) {
+            SCOPED_TRACE(backend->name());
+            KelmRuntime runtime = makeKelmRuntime(model.graph(), model.neurons[0], model.firings[0],
+                                                  model.run_seed, model.horizon, backend);
+            runtime.run(model.horizon / 2);
+            runtime.run();
+            EXPECT_EQ(firstDifference(expected, imageOf(runtime)), "");
+            EXPECT_EQ(runtime.commitCount(), expected.profile.windows);
+            EXPECT_EQ(runtime.position(), model.horizon);
+        }
+        spikes_ += expected.log.size();
+    }
+    EXPECT_GT(spikes_, 1000);
 }
 
 TEST_F(BackendParityTest, HoldsOnLargeModelsForAnyNumberOfHostThreads) {

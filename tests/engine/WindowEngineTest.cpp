@@ -4,6 +4,7 @@
 
 #include <bit>
 #include <cfenv>
+#include <cstring>
 #include <limits>
 #include <optional>
 #include <stdexcept>
@@ -247,6 +248,53 @@ TEST(WindowEngineRun, GivesTheBackendOneItemANeuronWithItsEventsInStoreOrder) {
     EXPECT_EQ(backend.horizon_seen, 1000);
     EXPECT_EQ(backend.firing_seen, silentFiring());
     EXPECT_EQ(engine.profile(), (WindowProfile{1, 5, 0, 0, 0}));
+}
+
+/// Compares every item of a run with what the engine shows before the window.
+class ItemChecker : public IWindowPrepare {
+public:
+    ItemChecker(const GeneratedModel& model, WindowEngine& engine)
+        : model_(model), engine_(engine) {}
+
+    void prepare(ModelTime, ModelTime, std::span<WindowWork> work, SynapseGraph&) override {
+        for (const WindowWork& item : work) {
+            const NodeId n = item.neuron;
+            const CandidateSlot& slot = engine_.candidates()[n];
+            ASSERT_EQ(std::memcmp(&item.state, &engine_.states()[n], sizeof item.state), 0);
+            ASSERT_EQ(item.parameters, model_.neurons[n]);
+            ASSERT_EQ(item.firing, model_.firings[n]);
+            ASSERT_EQ(item.rng, engine_.spontaneousState(n));
+            ASSERT_EQ(item.pending_time, slot.time);
+            ASSERT_EQ(item.pending_bound, slot.rate);
+            ++items;
+        }
+    }
+
+    std::uint64_t items = 0;
+
+private:
+    const GeneratedModel& model_;
+    WindowEngine& engine_;
+};
+
+TEST(WindowEngineRun, GivesEachItemWhatIsItsNeurons) {
+    std::uint64_t items = 0;
+    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+        SCOPED_TRACE("model seed " + std::to_string(seed));
+        const GeneratedModel model = generateModel(seed);
+        WindowEngine engine = makeEngine(model);
+        postInputs(model, engine);
+        ItemChecker checker(model, engine);
+        engine.setHooks(&checker, nullptr, nullptr);
+        CpuWindowBackend cpu;
+        try {
+            engine.run(cpu);
+        } catch (const WindowEngineError&) {
+            // A hot model; the windows before count.
+        }
+        items += checker.items;
+    }
+    EXPECT_GT(items, 1000);
 }
 
 TEST(WindowEngineRun, TakesWindowsWholeAndSkipsEmptyOnes) {
