@@ -45,24 +45,36 @@ inline void exclusiveScan(const std::uint64_t* in, std::uint64_t count, std::uin
 inline const char* statusText(Status status) {
     return cudaGetErrorString(static_cast<cudaError_t>(status));
 }
-inline Status deviceCount(int& count) { return cudaGetDeviceCount(&count); }
-inline Status currentDevice(int& device) { return cudaGetDevice(&device); }
+
+/// A failed call also leaves its status with the runtime, where the next launch's caller would take
+/// it for that launch's own.
+inline Status settled(cudaError_t status) {
+    if (status != cudaSuccess) static_cast<void>(cudaGetLastError());
+    return status;
+}
+
+inline Status deviceCount(int& count) { return settled(cudaGetDeviceCount(&count)); }
+inline Status currentDevice(int& device) { return settled(cudaGetDevice(&device)); }
 inline Status deviceName(int device, std::string& name) {
     cudaDeviceProp properties;
-    const cudaError_t status = cudaGetDeviceProperties(&properties, device);
+    const Status status = settled(cudaGetDeviceProperties(&properties, device));
     if (status == cudaSuccess) name = properties.name;
     return status;
 }
-inline Status allocateBytes(void*& block, std::uint64_t bytes) { return cudaMalloc(&block, bytes); }
-inline Status releaseBlock(void* block) { return cudaFree(block); }
+inline Status allocateBytes(void*& block, std::uint64_t bytes) {
+    return settled(cudaMalloc(&block, bytes));
+}
+inline Status releaseBlock(void* block) { return settled(cudaFree(block)); }
 inline Status upload(void* device, const void* host, std::uint64_t bytes) {
-    return cudaMemcpy(device, host, bytes, cudaMemcpyHostToDevice);
+    return settled(cudaMemcpy(device, host, bytes, cudaMemcpyHostToDevice));
 }
 inline Status download(void* host, const void* device, std::uint64_t bytes) {
-    return cudaMemcpy(host, device, bytes, cudaMemcpyDeviceToHost);
+    return settled(cudaMemcpy(host, device, bytes, cudaMemcpyDeviceToHost));
 }
-inline Status clear(void* device, std::uint64_t bytes) { return cudaMemset(device, 0, bytes); }
+inline Status clear(void* device, std::uint64_t bytes) {
+    return settled(cudaMemset(device, 0, bytes));
+}
 inline Status lastStatus() { return cudaGetLastError(); }
-inline Status synchronise() { return cudaDeviceSynchronize(); }
+inline Status synchronise() { return settled(cudaDeviceSynchronize()); }
 
 }  // namespace Lumenar::Core::Kelm::Device

@@ -25,8 +25,8 @@ constexpr Status success = 0;
 constexpr Status out_of_memory = 2;
 constexpr Status no_device = 100;
 
-/// The largest block that the device gives. Well below what a host can be asked for: filling a block
-/// touches all of it.
+/// The largest block that the device gives. Well below what a host can be asked for: filling a
+/// block touches all of it.
 constexpr std::uint64_t max_block_bytes = std::uint64_t{1} << 34;
 
 /// Device threads below which waking the workers costs more than they save.
