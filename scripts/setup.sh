@@ -36,7 +36,7 @@ install_missing() {
 need_build_tools() {
     need cmake has_command cmake
     need ninja-build has_command ninja
-    need g++ has_command c++
+    need g++ has_command g++
     need libgtest-dev has_header gtest/gtest.h
 }
 
