@@ -21,8 +21,8 @@ namespace Lumenar::Core::Kelm {
 /// of last change and the switches move.
 ///
 /// The routing tables are built when they are first read, so a read may build them and is not
-/// constant. Views are valid until the graph is assigned to or restored. Used by one thread at a
-/// time.
+/// constant. Views are valid until the graph is assigned to or restored. A graph that was moved
+/// from may only be assigned to or destroyed. Used by one thread at a time.
 class SynapseGraph {
 public:
     /// Takes over the synapses; a synapse's EdgeId is its place in the list.

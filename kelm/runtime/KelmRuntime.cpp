@@ -12,7 +12,7 @@ namespace Lumenar::Core::Kelm {
 namespace {
 
 /// More samples than this are a mistake of units, not a plan.
-constexpr ModelTime max_samples = 100'000'000;
+constexpr ModelTime max_samples = 10'000'000;
 
 /// What each neuron's drive may miss of its bound by rounding, per unit of its weights plus one.
 constexpr double bound_margin = 1e-10;

@@ -208,7 +208,7 @@ private:
 ///
 /// Throws std::invalid_argument for a null backend, then what WindowEngine's constructor and those
 /// of the parts throw, in the order plasticity, recorder, input channels, prediction, phase.
-/// A recorder whose interval cuts the horizon into more than 100 million samples is a
+/// A recorder whose interval cuts the horizon into more than 10 million samples is a
 /// std::invalid_argument.
 KelmRuntime makeKelmRuntime(SynapseGraph network, const Kernel::Neuron& neuron,
                             const Kernel::Firing& firing, std::uint64_t seed, ModelTime horizon,

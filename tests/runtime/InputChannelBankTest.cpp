@@ -45,7 +45,7 @@ void expectStats(const InputChannelStats& stats, const InputChannelStats& expect
 }
 
 TEST(InputChannelBank, RefusesAChannelForItsFirstFaultAndKeepsNothingOfIt) {
-    // Each specification has the faults of all rows below it, as far as they go together.
+    // Each channel has the faults of all rows below it, as far as they go together.
     struct Case {
         const char* text;
         InputChannelSpec spec;
