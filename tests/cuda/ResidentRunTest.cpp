@@ -162,7 +162,7 @@ ResidentModel livelyModel() {
     model.horizon = 20'000'000;
     model.run_seed = 3;
     for (NodeId n = 0; n < model.node_count; ++n) {
-        for (const NodeId step : {1, 5}) {
+        for (const NodeId step : {1U, 5U}) {
             Synapse synapse;
             synapse.source = n;
             synapse.target = (n + step) % model.node_count;
