@@ -25,6 +25,8 @@ public:
         "the window engine needs a positive horizon";
     static constexpr const char* parameter_count =
         "per-neuron parameter count does not match graph";
+    static constexpr const char* negative_hazard =
+        "a neuron with a negative rate and a negative ceiling has a negative hazard";
     static constexpr const char* no_d_min = "the graph has no d_min, so no window can be formed";
     static constexpr const char* modulation_bounds =
         "initial modulation bounds do not match neurons";

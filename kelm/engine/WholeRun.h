@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "kelm/core/ModelTime.h"
-#include "kelm/engine/CandidateSlot.h"
 #include "kelm/engine/SpikeRecord.h"
 #include "kelm/engine/WindowProfile.h"
+#include "kelm/events/CandidateSlot.h"
 #include "kelm/events/Event.h"
 #include "kelm/kernel/NeuronModel.h"
 

@@ -1,13 +1,16 @@
 #include "kelm/engine/WindowEngine.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <limits>
+#include <type_traits>
 #include <utility>
 
 #include "kelm/core/Digest.h"
 #include "kelm/core/Failures.h"
 #include "kelm/core/FloatingPointEnvironment.h"
+#include "kelm/engine/TargetOrder.h"
 #include "kelm/events/BucketEventStore.h"
 
 namespace Lumenar::Core::Kelm {
@@ -15,6 +18,10 @@ namespace Lumenar::Core::Kelm {
 namespace {
 
 constexpr std::uint64_t calendar_buckets = 4096;
+
+/// How many events ahead a window's memory is asked for: far enough for it to come, near enough for
+/// it to stay.
+constexpr std::size_t prefetch_distance = 8;
 constexpr const char* spontaneous_name = "spontaneous";
 constexpr std::uint64_t first_observation_id = 0x7fffffffffffffff;
 constexpr BlobTag format_tag("KELMWEN3");
@@ -31,22 +38,14 @@ std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index) {
 
 /// Working storage of one run, cleared but not released from window to window.
 struct WindowEngine::Window {
-    struct TargetOrder {
-        NodeId target;
-        std::uint32_t index;  ///< of the event in `taken`
-
-        bool operator<(const TargetOrder& other) const {
-            return target != other.target ? target < other.target : index < other.index;
-        }
-    };
-
     ModelTime start = 0;
     ModelTime end = 0;
-    std::vector<Event> taken;  ///< by time, then id
-    std::vector<TargetOrder> order;
-    std::vector<Kernel::WindowEvent> events;  ///< grouped by target
-    std::vector<WindowWork> work;             ///< ascending by neuron
-    std::vector<Kernel::WindowResult> results;
+    std::vector<Event> taken;
+    TargetOrder order;
+    std::vector<Kernel::WindowEvent> events;    ///< grouped by target
+    std::vector<WindowWork> work;               ///< ascending by neuron; item_count are in use
+    std::vector<Kernel::WindowResult> results;  ///< as many are in use
+    std::size_t item_count = 0;
     std::size_t log_mark = 0;  ///< length of the log before this window
     std::vector<SpikeRecord> new_spikes;
     std::vector<Kernel::State> shadow_states;  ///< of an observation, shape (neurons)
@@ -68,9 +67,11 @@ WindowEngine::WindowEngine(Assembled, SynapseGraph&& graph, std::vector<Kernel::
     if (!firings_.empty()) uniform_firing_ = firings_[0];
     requireBuildable();
     heterogeneous_ = neuronsDiffer();
+    alike_ = neuronsHaveEqualBits();
     calendar_ = dynamic_cast<BucketEventStore*>(store_.get());
     states_.resize(graph_.nodeCount());
     candidates_.resize(graph_.nodeCount());
+    if (calendar_ != nullptr) calendar_->holdCandidates(candidates_);
     createStreams();
     // In NodeId order: it fixes the order of candidates at equal times.
     for (NodeId n = 0; n < graph_.nodeCount(); ++n) drawFirstCandidate(n, 0.0);
@@ -96,6 +97,13 @@ void WindowEngine::requireBuildable() {
     if (neurons_.size() != graph_.nodeCount() || firings_.size() != graph_.nodeCount()) {
         throw WindowEngineError(WindowEngineError::parameter_count);
     }
+    for (const Kernel::Firing& firing : firings_) {
+        // A negative rate under a negative ceiling would be a bound below 0, which marks candidates
+        // that are to be drawn anew: such a neuron would be drawn anew in every nanosecond.
+        if (firing.base_rate * firing.rate_scale < 0.0 && firing.max_rate < 0.0) {
+            throw WindowEngineError(WindowEngineError::negative_hazard);
+        }
+    }
     requireExactFloatingPoint();
     pristine_ = store_ == nullptr;
     if (pristine_) store_ = makeStore();
@@ -115,6 +123,17 @@ bool WindowEngine::neuronsDiffer() const {
     return false;
 }
 
+/// Equal numbers can be other bits: 0.0 and -0.0.
+bool WindowEngine::neuronsHaveEqualBits() const {
+    for (std::size_t i = 1; i < neurons_.size(); ++i) {
+        if (std::memcmp(&neurons_[i], &neurons_[0], sizeof(Kernel::Neuron)) != 0 ||
+            std::memcmp(&firings_[i], &firings_[0], sizeof(Kernel::Firing)) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
 void WindowEngine::createStreams() {
     for (NodeId n = 0; n < graph_.nodeCount(); ++n) random_.rawState(spontaneous_, n);
     for (const char* name : single_streams) random_.streamFor(name, 0);
@@ -126,7 +145,12 @@ void WindowEngine::drawFirstCandidate(NodeId neuron, double drive_bound) {
     const Kernel::Candidate first = Kernel::nextCandidate(
         states_[neuron], neurons_[neuron], firings_[neuron], 0, horizon_, drive_bound, rng);
     random_.advanceTo(spontaneous_, neuron, rng);
-    scheduleCandidate(*store_, neuron, first.found ? first.time : no_time, first.bound);
+    const ModelTime time = first.found ? first.time : no_time;
+    if (calendar_ != nullptr) {
+        calendar_->scheduleCandidate(neuron, time, first.bound);
+    } else {
+        scheduleCandidate(*store_, neuron, time, first.bound);
+    }
 }
 
 void WindowEngine::reseedInitialCandidates(std::span<const double> drive_bounds) {
@@ -155,12 +179,13 @@ bool WindowEngine::offersWholeRun(ModelTime until) const {
 }
 
 bool WindowEngine::isPristine() {
-    return pristine_ && profile_.windows == 0 && log_.empty() &&
+    return pristine_ && alike_ && profile_.windows == 0 && log_.empty() &&
            graph_.dMin() == calendar_->bucketWidth();
 }
 
 void WindowEngine::adoptWholeRun(WholeRun&& run) {
     auto store = makeStore();
+    store->holdCandidates(run.candidates);
     if (run.next_window) store->resumeAt(*run.next_window);
     for (const Event& event : run.pending_events) store->post(event);
 
@@ -185,20 +210,31 @@ void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
     }
 }
 
+/// The next window's events; those of one neuron are put in order later.
+template <class Store>
+bool WindowEngine::takeWindow(Store& store, ModelTime until, Window& window) {
+    if constexpr (std::is_same_v<Store, BucketEventStore>) {
+        return store.takeUnordered(until, window.taken, window.start, window.end);
+    } else {
+        return store.take(until, window.taken, window.start, window.end);
+    }
+}
+
 template <class Store>
 void WindowEngine::runWindows(Store& store, IWindowBackend& backend, ModelTime until) {
     Window window;
-    while (store.take(until, window.taken, window.start, window.end)) {
+    while (takeWindow(store, until, window)) {
         deliverObservations(window, window.start, false);
         window.log_mark = log_.size();
         groupByTarget(window);
         buildWork(window);
-        window.results.resize(window.work.size());
+        if (window.results.size() < window.item_count) window.results.resize(window.item_count);
+        const std::span<WindowWork> work(window.work.data(), window.item_count);
         if (prepare_hook_ != nullptr) {
-            prepare_hook_->prepare(window.start, window.end, window.work, graph_);
+            prepare_hook_->prepare(window.start, window.end, work, graph_);
         }
-        backend.processWindow(window.work, window.events, window.end, horizon_, uniform_neuron_,
-                              uniform_firing_, window.results);
+        backend.processWindow(work, window.events, window.end, horizon_, uniform_neuron_,
+                              uniform_firing_, {window.results.data(), window.item_count});
         ++profile_.windows;
         profile_.deliveries += window.taken.size();
         commitWindow(store, window);
@@ -214,40 +250,62 @@ void WindowEngine::runWindows(Store& store, IWindowBackend& backend, ModelTime u
 }
 
 void WindowEngine::groupByTarget(Window& window) const {
-    if (window.taken.size() > std::numeric_limits<std::uint32_t>::max()) {
+    const std::size_t count = window.taken.size();
+    if (count > std::numeric_limits<std::uint32_t>::max()) {
         throw WindowEngineError(WindowEngineError::window_too_large);
     }
-    window.order.clear();
-    for (std::uint32_t i = 0; i < window.taken.size(); ++i) {
-        window.order.push_back({window.taken[i].target, i});
+    std::vector<TargetKey>& keys = window.order.keys();
+    keys.resize(count);
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const NodeId target = window.taken[i].target;
+        // A store that was handed in may hold anything.
+        if (target >= graph_.nodeCount()) {
+            throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
+        }
+        keys[i] = {target, i};
     }
-    // The index makes the key total: events of one target keep their order of time and id.
-    std::sort(window.order.begin(), window.order.end());
-    // A store that was handed in may hold anything.
-    if (!window.order.empty() && window.order.back().target >= graph_.nodeCount()) {
-        throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
-    }
+    window.order.sort(graph_.nodeCount());
+}
+
+/// Fills in what the window gives an item; parameters and drive are there already, see buildWork.
+void WindowEngine::fillItem(WindowWork& item, NodeId neuron) {
+    item.neuron = neuron;
+    item.state = states_[neuron];
+    item.rng = random_.rawState(spontaneous_, neuron);
+    item.pending_time = candidates_[neuron].time;
+    item.pending_bound = candidates_[neuron].rate;
 }
 
 void WindowEngine::buildWork(Window& window) {
-    window.work.clear();
-    window.events.clear();
-    const std::size_t count = window.order.size();
-    for (std::size_t first = 0; first < count;) {
-        const NodeId n = window.order[first].target;
-        WindowWork& item = window.work.emplace_back();
-        item.neuron = n;
-        item.state = states_[n];
-        item.parameters = neurons_[n];
-        item.firing = firings_[n];
-        item.rng = random_.rawState(spontaneous_, n);
-        item.pending_time = candidates_[n].time;
-        item.pending_bound = candidates_[n].rate;
-        item.first_event = static_cast<std::uint32_t>(window.events.size());
-        std::size_t end = first;
-        for (; end < count && window.order[end].target == n; ++end) {
-            const Event& event = window.taken[window.order[end].index];
-            Kernel::WindowEvent& entry = window.events.emplace_back();
+    const std::vector<TargetKey>& keys = window.order.keys();
+    const std::size_t count = keys.size();
+    window.events.resize(count);
+    // Items stay from window to window. Parameters that are alike for all neurons are in them from
+    // their making, and so is the empty drive, unless a hook may have changed either.
+    const bool fresh = !alike_ || prepare_hook_ != nullptr;
+    std::size_t items = 0;
+    for (std::size_t first = 0; first < count; ++items) {
+        const NodeId n = keys[first].target;
+        if (items == window.work.size()) {
+            WindowWork& item = window.work.emplace_back();
+            item.parameters = uniform_neuron_;
+            item.firing = uniform_firing_;
+        }
+        WindowWork& item = window.work[items];
+        if (fresh) {
+            item.parameters = neurons_[n];
+            item.firing = firings_[n];
+            item.drive = PhaseDrive();
+        }
+        fillItem(item, n);
+        item.first_event = static_cast<std::uint32_t>(first);
+        std::size_t end = first + 1;
+        while (end < count && keys[end].target == n) ++end;
+        if (end - first > 1) sortByTime(window, first, end);
+        for (std::size_t i = first; i < end; ++i) {
+            if (i + prefetch_distance < count) prefetchFor(window, keys[i + prefetch_distance]);
+            const Event& event = window.taken[keys[i].index];
+            Kernel::WindowEvent& entry = window.events[i];
             entry.time = event.time;
             entry.value = event.value;
             entry.wake_only = event.kind == EventKind::candidate;
@@ -255,13 +313,45 @@ void WindowEngine::buildWork(Window& window) {
         item.event_count = static_cast<std::uint32_t>(end - first);
         first = end;
     }
+    window.item_count = items;
+}
+
+/// Puts the events of one neuron, keys [first, end), in the order of time and id.
+void WindowEngine::sortByTime(Window& window, std::size_t first, std::size_t end) {
+    const auto keys = window.order.keys().begin();
+    std::sort(keys + static_cast<std::ptrdiff_t>(first), keys + static_cast<std::ptrdiff_t>(end),
+              [&](const TargetKey& a, const TargetKey& b) {
+                  return EventLess()(window.taken[a.index], window.taken[b.index]);
+              });
+}
+
+/// Asks for what the commit of later items needs: their neurons' slots, and where they fired the
+/// synapses that deliver, whose place must be known first.
+void WindowEngine::prefetchCommit(const Window& window, std::size_t item) const {
+    const std::size_t far = item + 2 * prefetch_distance;
+    if (far < window.item_count && window.results[far].spike_count != 0) {
+        graph_.prefetchRoute(window.work[far].neuron);
+    }
+    const std::size_t near = item + prefetch_distance;
+    if (near >= window.item_count) return;
+    const NodeId n = window.work[near].neuron;
+    __builtin_prefetch(&states_[n], 1);
+    __builtin_prefetch(&candidates_[n], 1);
+    if (window.results[near].spike_count != 0) graph_.prefetchSynapses(n);
+}
+
+void WindowEngine::prefetchFor(const Window& window, const TargetKey& key) const {
+    __builtin_prefetch(&window.taken[key.index]);
+    __builtin_prefetch(&states_[key.target]);
+    __builtin_prefetch(&candidates_[key.target]);
 }
 
 /// Puts a window's results in force, in ascending NodeId and within a neuron in ascending time. The
 /// sequence of calls into the store, and so every new id, is a function of the results alone.
 template <class Store>
 void WindowEngine::commitWindow(Store& store, Window& window) {
-    for (std::size_t i = 0; i < window.work.size(); ++i) {
+    for (std::size_t i = 0; i < window.item_count; ++i) {
+        prefetchCommit(window, i);
         const NodeId n = window.work[i].neuron;
         const Kernel::WindowResult& result = window.results[i];
         if (result.bound_violation) throw WindowEngineError(WindowEngineError::bound_violation);
@@ -285,6 +375,10 @@ void WindowEngine::commitWindow(Store& store, Window& window) {
 /// handed out is past cancelling, which does no harm.
 template <class Store>
 void WindowEngine::scheduleCandidate(Store& store, NodeId neuron, ModelTime time, double rate) {
+    if constexpr (std::is_same_v<Store, BucketEventStore>) {
+        store.scheduleCandidate(neuron, time, rate);
+        return;
+    }
     CandidateSlot& slot = candidates_[neuron];
     if (slot.event_id != no_event) store.cancel(slot.event_id);
     slot.rate = rate;
@@ -339,7 +433,7 @@ void WindowEngine::deliverObservations(Window& window, ModelTime limit, bool ins
 /// put back to its state before the window by its item. The random draws repeat, because an item
 /// holds the generator as it stood.
 void WindowEngine::shadowRun(Window& window, ModelTime time) {
-    for (const WindowWork& item : window.work) {
+    for (const WindowWork& item : std::span(window.work.data(), window.item_count)) {
         const Kernel::WindowEvent* events = window.events.data() + item.first_event;
         std::uint32_t count = 0;
         while (count < item.event_count && events[count].time < time) ++count;
@@ -429,8 +523,11 @@ bool WindowEngine::restore(BlobView blob) {
         return false;
     }
     for (Event& observation : observations) clearGap(observation.gap);
-    // The last test, and the only step that works on a live object.
-    if (!store_->restore(stored_store)) return false;
+    // The last test, and the only step that works on a live object. The candidates keep their place
+    // in memory when the table is moved.
+    const bool restored = calendar_ != nullptr ? calendar_->restore(stored_store, candidates)
+                                               : store_->restore(stored_store);
+    if (!restored) return false;
 
     pristine_ = false;
     graph_ = std::move(graph);

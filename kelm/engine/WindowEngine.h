@@ -7,12 +7,12 @@
 
 #include "kelm/core/Blob.h"
 #include "kelm/core/RandomContext.h"
-#include "kelm/engine/CandidateSlot.h"
 #include "kelm/engine/IWindowBackend.h"
 #include "kelm/engine/SpikeRecord.h"
 #include "kelm/engine/WholeRun.h"
 #include "kelm/engine/WindowHooks.h"
 #include "kelm/engine/WindowProfile.h"
+#include "kelm/events/CandidateSlot.h"
 #include "kelm/events/IEventStore.h"
 #include "kelm/kernel/NeuronModel.h"
 #include "kelm/network/SynapseGraph.h"
@@ -20,6 +20,7 @@
 namespace Lumenar::Core::Kelm {
 
 class BucketEventStore;
+struct TargetKey;
 
 /// The raw state with which neuron `index`'s random stream starts under `seed`.
 std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index);
@@ -45,7 +46,8 @@ public:
     /// `store`: the pending events, or null for a calendar of the graph's dMin() and 4096 buckets;
     /// a given store is not tested against the graph.
     /// Throws WindowEngineError for a horizon below 1, for a count that differs from the graph's,
-    /// and without a store for a graph without dMin(), in this order. Throws std::runtime_error in
+    /// for a neuron whose rate and ceiling are both negative, and without a store for a graph
+    /// without dMin(), in this order. Throws std::runtime_error in
     /// a floating-point environment that rounds otherwise than to nearest or flushes subnormals.
     WindowEngine(SynapseGraph graph, std::vector<Kernel::Neuron> neurons,
                  std::vector<Kernel::Firing> firings, std::uint64_t seed, ModelTime horizon,
@@ -129,10 +131,11 @@ public:
         return random_;
     }
 
-    /// Whether the engine stands as its construction left it, with a store of its own: a backend
-    /// that knows graph, parameters, seed and horizon then knows all there is. False for good after
-    /// a store was handed in, an event posted, candidates reseeded, streams touched, a snapshot
-    /// restored or a window run, and while the graph's dMin() is not the store's window.
+    /// Whether the engine stands as its construction left it, with a store of its own and neurons
+    /// whose parameters have the same bits: a backend that knows graph, parameters, seed and
+    /// horizon then knows all there is. False for good after a store was handed in, an event
+    /// posted, candidates reseeded, streams touched, a snapshot restored or a window run, and while
+    /// the graph's dMin() is not the store's window.
     bool isPristine();
     /// Puts a run in force that a backend has carried through to the horizon. To be called from
     /// tryResidentRun alone, while isPristine() holds. May throw std::bad_alloc, with nothing
@@ -166,13 +169,20 @@ private:
     void requireBuildable();
     std::unique_ptr<BucketEventStore> makeStore();
     bool neuronsDiffer() const;
+    bool neuronsHaveEqualBits() const;
     void createStreams();
     void drawFirstCandidate(NodeId neuron, double drive_bound);
     void flushPendingRandomStates();
     template <class Store>
     void runWindows(Store& store, IWindowBackend& backend, ModelTime until);
+    template <class Store>
+    bool takeWindow(Store& store, ModelTime until, Window& window);
+    static void sortByTime(Window& window, std::size_t first, std::size_t end);
     void groupByTarget(Window& window) const;
     void buildWork(Window& window);
+    void fillItem(WindowWork& item, NodeId neuron);
+    void prefetchCommit(const Window& window, std::size_t item) const;
+    void prefetchFor(const Window& window, const TargetKey& key) const;
     template <class Store>
     void commitWindow(Store& store, Window& window);
     template <class Store>
@@ -187,6 +197,7 @@ private:
     std::vector<Kernel::Neuron> neurons_;
     std::vector<Kernel::Firing> firings_;
     bool heterogeneous_ = false;
+    bool alike_ = true;  ///< all neurons' parameters have the same bits
     std::uint64_t seed_;
     ModelTime horizon_;
     std::unique_ptr<IEventStore> store_;

@@ -33,7 +33,7 @@ struct BucketEventStore::Header {
 };
 
 BucketEventStore::BucketEventStore(ModelTime d_min, std::uint64_t bucket_count)
-    : d_min_(d_min), bucket_count_(bucket_count) {
+    : d_min_(d_min), bucket_count_(bucket_count), candidates_(d_min, bucket_count) {
     if (d_min < 1) throw InvalidLookahead(InvalidLookahead::d_min);
     if (bucket_count < 4) throw InvalidLookahead(InvalidLookahead::bucket_count);
     ring_.resize(bucket_count);
@@ -73,13 +73,27 @@ void BucketEventStore::place(const Event& event, std::int64_t bucket) {
 
 void BucketEventStore::appendToRing(const Event& event, std::int64_t bucket) {
     const std::uint64_t slot = slotOf(bucket);
-    EventList& list = ring_[slot];
-    const bool was_empty = list.isEmpty();
-    pool_.append(list, event);
-    if (was_empty) {
-        occupied_[slot / 64] |= std::uint64_t{1} << (slot % 64);
-        ++occupied_count_;
+    pool_.append(ring_[slot], event);
+    noteEntry(slot);
+}
+
+void BucketEventStore::scheduleCandidate(NodeId neuron, ModelTime time, double rate) {
+    CandidateSlot& slot = candidates_.slots()[neuron];
+    if (candidates_.isPending(neuron)) {
+        candidates_.cancel(neuron);
+    } else if (slot.event_id != no_event) {
+        // Handed out already, or, in a forged state, somebody else's event.
+        cancel(slot.event_id);
     }
+    slot.rate = rate;
+    slot.time = time;
+    slot.event_id = no_event;
+    if (time < 0) return;
+    const std::int64_t bucket = time / d_min_;
+    if (started_ && bucket < cursor_) throw LookaheadViolation(LookaheadViolation::processed);
+    if (candidates_.schedule(neuron, bucket, cursor_)) noteEntry(slotOf(bucket));
+    if (beyondReach(bucket)) ++overflow_posts_;
+    slot.event_id = next_id_++;
 }
 
 bool BucketEventStore::cancel(std::uint64_t id) {
@@ -91,8 +105,15 @@ bool BucketEventStore::cancel(std::uint64_t id) {
 
 bool BucketEventStore::take(ModelTime until, std::vector<Event>& events, ModelTime& window_start,
                             ModelTime& window_end) {
+    if (!takeUnordered(until, events, window_start, window_end)) return false;
+    std::sort(events.begin(), events.end(), EventLess());
+    return true;
+}
+
+bool BucketEventStore::takeUnordered(ModelTime until, std::vector<Event>& events,
+                                     ModelTime& window_start, ModelTime& window_end) {
     events.clear();
-    if (live_count_ == 0) return false;
+    if (pendingCount() == 0) return false;
     if (!started_) start();
     // The first bucket that starts at `until` or later.
     const std::int64_t stop = until <= 0 ? 0 : (until - 1) / d_min_ + 1;
@@ -101,7 +122,6 @@ bool BucketEventStore::take(ModelTime until, std::vector<Event>& events, ModelTi
         takeSlot(slotOf(cursor_), events);
         ++cursor_;
     }
-    std::sort(events.begin(), events.end(), EventLess());
     window_start = (cursor_ - 1) * d_min_;
     window_end = window_start + d_min_;
     return true;
@@ -133,8 +153,11 @@ bool BucketEventStore::skipToOccupied(std::int64_t stop) {
         const std::int64_t found = firstOccupied(cursor_, end);
         cursor_ = found;
         if (found < end) return true;
-        if (occupied_count_ == 0 && !eras_.empty()) {
-            cursor_ = std::min(std::max(end, eras_.begin()->first * reach), stop);
+        if (occupied_count_ == 0 && (!eras_.empty() || candidates_.hasEras())) {
+            std::int64_t next = last_model_time;
+            if (!eras_.empty()) next = eras_.begin()->first * reach;
+            if (candidates_.hasEras()) next = std::min(next, candidates_.firstEraBucket());
+            cursor_ = std::min(std::max(end, next), stop);
         }
     }
     return false;
@@ -156,7 +179,7 @@ std::int64_t BucketEventStore::firstOccupied(std::int64_t from, std::int64_t to)
 void BucketEventStore::enterEras() {
     const std::int64_t current = cursor_ / static_cast<std::int64_t>(bucket_count_);
     while (!eras_.empty() && eras_.begin()->first <= current) {
-        EventList& list = eras_.begin()->second;
+        ChunkList<Event>& list = eras_.begin()->second;
         while (!list.isEmpty()) {
             // Room first: an event that has left its era must not be lost.
             pool_.reserveChunks(1);
@@ -169,26 +192,55 @@ void BucketEventStore::enterEras() {
         }
         eras_.erase(eras_.begin());
     }
+    candidates_.enterEras(cursor_, [&](std::uint64_t slot) { noteEntry(slot); });
 }
 
 /// Moves the living events of the cursor's slot to `events` and empties the slot.
 void BucketEventStore::takeSlot(std::uint64_t slot, std::vector<Event>& events) {
-    EventList& list = ring_[slot];
+    if (cursor_ >= last_model_time / d_min_) requireTimeOfWindow(slot);
+    ChunkList<Event>& list = ring_[slot];
     std::uint64_t entries = 0;
-    EventPool::forEach(list, [&](const Event& event) {
+    list.forEach([&](const Event& event) {
         ++entries;
         if (live_.contains(event.id)) events.push_back(event);
     });
-    if (!events.empty() && cursor_ >= last_model_time / d_min_) {
+    const std::size_t taken = events.size();
+    try {
+        candidates_.take(
+            cursor_, [&](std::size_t count) { events.reserve(taken + count); },
+            [&](NodeId neuron) {
+                events.push_back(candidateEvent(neuron, candidates_.slots()[neuron]));
+            },
+            [&](std::uint64_t entered) { noteEntry(entered); });
+    } catch (...) {
         events.clear();
-        throw TimeOverflow(TimeOverflow::out_of_range);
+        throw;
     }
-    for (const Event& event : events) live_.erase(event.id);
-    live_count_ -= events.size();
-    dead_count_ -= entries - events.size();
+    for (std::size_t i = 0; i < taken; ++i) live_.erase(events[i].id);
+    live_count_ -= taken;
+    dead_count_ -= entries - taken;
     pool_.clear(list);
     occupied_[slot / 64] &= ~(std::uint64_t{1} << (slot % 64));
     --occupied_count_;
+}
+
+/// Throws where the window of the cursor's bucket holds something and ends beyond the range of
+/// time.
+void BucketEventStore::requireTimeOfWindow(std::uint64_t slot) const {
+    bool holds = candidates_.isDue(cursor_);
+    ring_[slot].forEach([&](const Event& event) { holds |= live_.contains(event.id); });
+    if (holds) throw TimeOverflow(TimeOverflow::out_of_range);
+}
+
+Event BucketEventStore::candidateEvent(NodeId neuron, const CandidateSlot& slot) {
+    Event event;
+    event.time = slot.time;
+    event.id = slot.event_id;
+    event.kind = EventKind::candidate;
+    event.source = neuron;
+    event.target = neuron;
+    event.value = slot.rate;
+    return event;
 }
 
 void BucketEventStore::sweepDeadEntries() {
@@ -196,9 +248,11 @@ void BucketEventStore::sweepDeadEntries() {
     pool_.reserveChunks(1);
     for (std::uint64_t word = 0; word < occupied_.size(); ++word) {
         for (std::uint64_t bits = occupied_[word]; bits != 0; bits &= bits - 1) {
-            EventList& list = ring_[word * 64 + static_cast<std::uint64_t>(std::countr_zero(bits))];
+            const std::uint64_t slot =
+                word * 64 + static_cast<std::uint64_t>(std::countr_zero(bits));
+            ChunkList<Event>& list = ring_[slot];
             sweepList(list);
-            if (!list.isEmpty()) continue;
+            if (!list.isEmpty() || candidates_.holdsSlot(slot)) continue;
             occupied_[word] &= ~(bits & -bits);
             --occupied_count_;
         }
@@ -209,8 +263,8 @@ void BucketEventStore::sweepDeadEntries() {
     }
 }
 
-void BucketEventStore::sweepList(EventList& list) {
-    EventList kept;
+void BucketEventStore::sweepList(ChunkList<Event>& list) {
+    ChunkList<Event> kept;
     while (!list.isEmpty()) {
         const Event event = pool_.takeAny(list);
         if (live_.contains(event.id)) {
@@ -227,13 +281,17 @@ void BucketEventStore::forEachLive(Visit visit) const {
     const auto visit_live = [&](const Event& event) {
         if (live_.contains(event.id)) visit(event);
     };
-    for (const EventList& list : ring_) EventPool::forEach(list, visit_live);
-    for (const auto& [era, list] : eras_) EventPool::forEach(list, visit_live);
+    for (const ChunkList<Event>& list : ring_) list.forEach(visit_live);
+    for (const auto& [era, list] : eras_) list.forEach(visit_live);
+    const std::span<const CandidateSlot> slots = candidates_.slots();
+    for (NodeId neuron = 0; neuron < slots.size(); ++neuron) {
+        if (candidates_.isPending(neuron)) visit(candidateEvent(neuron, slots[neuron]));
+    }
 }
 
 Blob BucketEventStore::snapshot() {
     std::vector<Event> events;
-    events.reserve(live_count_);
+    events.reserve(pendingCount());
     forEachLive([&](const Event& event) { events.push_back(event); });
     std::sort(events.begin(), events.end(), EventLess());
 
@@ -257,7 +315,22 @@ bool BucketEventStore::readHeader(BlobReader& in, Header& header) {
            in.readCount(sizeof(Event), header.event_count);
 }
 
-bool BucketEventStore::restore(BlobView blob) {
+/// Keeps an event as the candidate of its neuron's slot, if that is what it is.
+bool BucketEventStore::claimCandidate(const Event& event, std::int64_t bucket) {
+    if (event.kind != EventKind::candidate || event.target >= candidates_.slots().size()) {
+        return false;
+    }
+    const CandidateSlot& slot = candidates_.slots()[event.target];
+    const Event expected = candidateEvent(event.target, slot);
+    if (candidates_.isPending(event.target) || std::memcmp(&event, &expected, sizeof(Event)) != 0) {
+        return false;
+    }
+    if (candidates_.schedule(event.target, bucket, cursor_)) noteEntry(slotOf(bucket));
+    if (beyondReach(bucket)) ++overflow_posts_;
+    return true;
+}
+
+bool BucketEventStore::restore(BlobView blob, std::span<CandidateSlot> slots) {
     BlobReader in(blob);
     Header header;
     if (!readHeader(in, header)) return false;
@@ -271,6 +344,8 @@ bool BucketEventStore::restore(BlobView blob) {
     restored.cursor_ = header.cursor;
     restored.started_ = header.started;
     restored.next_id_ = header.next_id;
+    restored.candidates_.attach(slots);
+    PendingIds claimed;
     for (std::uint64_t i = 0; i < header.event_count; ++i) {
         BlobView image;
         if (!in.readView(sizeof(Event), image)) return false;
@@ -280,7 +355,12 @@ bool BucketEventStore::restore(BlobView blob) {
         const std::int64_t bucket = event.time / d_min_;
         if (event.id >= header.next_id || event.time < 0) return false;
         if (header.started && bucket < header.cursor) return false;
-        if (restored.live_.contains(event.id)) return false;
+        if (restored.live_.contains(event.id) || claimed.contains(event.id)) return false;
+        if (restored.claimCandidate(event, bucket)) {
+            claimed.reserve(event.id);
+            claimed.insert(event.id);
+            continue;
+        }
         restored.live_.reserve(event.id);
         restored.place(event, bucket);
         restored.live_.insert(event.id);

@@ -2,9 +2,11 @@
 
 #include <cstdint>
 #include <map>
+#include <span>
 #include <vector>
 
-#include "kelm/events/EventPool.h"
+#include "kelm/events/CandidateCalendar.h"
+#include "kelm/events/ChunkPool.h"
 #include "kelm/events/IEventStore.h"
 #include "kelm/events/PendingIds.h"
 
@@ -36,12 +38,27 @@ public:
 
     bool cancel(std::uint64_t id) override;
 
-    bool isEmpty() override { return live_count_ == 0; }
+    bool isEmpty() override { return pendingCount() == 0; }
 
     /// Throws TimeOverflow where the window's end lies beyond the range of ModelTime; the window
     /// is then still in the store.
     bool take(ModelTime until, std::vector<Event>& events, ModelTime& window_start,
               ModelTime& window_end) override;
+
+    /// take without the order within the window: by bucket alone.
+    bool takeUnordered(ModelTime until, std::vector<Event>& events, ModelTime& window_start,
+                       ModelTime& window_end);
+
+    /// Keeps the candidates of a network in `slots`, shape (neurons), none of which may hold an
+    /// event: one candidate per neuron, scheduled by scheduleCandidate. The slots are the caller's
+    /// and must stay where they are until others are given. Ids, order and snapshot are those of
+    /// candidates that are cancelled and posted as events.
+    void holdCandidates(std::span<CandidateSlot> slots) { candidates_.attach(slots); }
+
+    /// Replaces a neuron's candidate: cancels the event in its slot, if that is still pending, and
+    /// posts one for `time` ns, drawn under `rate`, unless the time is negative.
+    /// Throws LookaheadViolation as post does; the slot is then without an event.
+    void scheduleCandidate(NodeId neuron, ModelTime time, double rate);
 
     /// Format "KELMBKT1": tag, d_min (8), bucket_count (8), cursor (8), started (1), next_id (8),
     /// event count (8), then the pending events as images of 64 bytes, by time and id.
@@ -50,7 +67,11 @@ public:
     /// False for a blob that is cut short, forged, of another format, or of a store with another
     /// d_min or bucket_count; the store is then as it was. Bytes behind the last event are not
     /// looked at.
-    [[nodiscard]] bool restore(BlobView blob) override;
+    [[nodiscard]] bool restore(BlobView blob) override { return restore(blob, {}); }
+
+    /// The same, and keeps candidates in `slots` from then on as holdCandidates does: a candidate
+    /// in the blob that is the event of its neuron's slot is kept there.
+    [[nodiscard]] bool restore(BlobView blob, std::span<CandidateSlot> slots);
 
     /// ns.
     ModelTime bucketWidth() const { return d_min_; }
@@ -62,11 +83,17 @@ public:
         started_ = true;
     }
 
+    /// Entries that candidates in slots have in the calendar; a few per neuron at most, whatever
+    /// has come and gone.
+    std::uint64_t wakeUps() const { return candidates_.wakeUps(); }
+
     /// How many events have gone beyond the ring's reach when they were posted.
     std::uint64_t overflowPosts() const { return overflow_posts_; }
 
 private:
     struct Header;
+
+    std::uint64_t pendingCount() const { return live_count_ + candidates_.pendingCount(); }
 
     std::uint64_t slotOf(std::int64_t bucket) const {
         return static_cast<std::uint64_t>(bucket) % bucket_count_;
@@ -80,26 +107,37 @@ private:
     void appendToRing(const Event& event, std::int64_t bucket);
     void start();
     bool skipToOccupied(std::int64_t stop);
+    void requireTimeOfWindow(std::uint64_t slot) const;
+    void noteEntry(std::uint64_t slot) {
+        const std::uint64_t bit = std::uint64_t{1} << (slot % 64);
+        if ((occupied_[slot / 64] & bit) != 0) return;
+        occupied_[slot / 64] |= bit;
+        ++occupied_count_;
+    }
+    bool claimCandidate(const Event& event, std::int64_t bucket);
+    static Event candidateEvent(NodeId neuron, const CandidateSlot& slot);
     std::int64_t firstOccupied(std::int64_t from, std::int64_t to) const;
     void enterEras();
     void takeSlot(std::uint64_t slot, std::vector<Event>& events);
     void sweepDeadEntries();
-    void sweepList(EventList& list);
+    void sweepList(ChunkList<Event>& list);
     template <class Visit>
     void forEachLive(Visit visit) const;
 
     ModelTime d_min_;
     std::uint64_t bucket_count_;
-    EventPool pool_;
-    std::vector<EventList> ring_;
+    ChunkPool<Event> pool_;
+    std::vector<ChunkList<Event>> ring_;
     std::vector<std::uint64_t> occupied_;  ///< one bit per slot: it holds an entry, dead or alive
     std::uint64_t occupied_count_ = 0;
-    std::map<std::int64_t, EventList> eras_;  ///< by bucket / bucket_count, from the cursor's on
+    std::map<std::int64_t, ChunkList<Event>>
+        eras_;  ///< by bucket / bucket_count, from the cursor's on
+    CandidateCalendar candidates_;
     PendingIds live_;
     std::int64_t cursor_ = 0;
     bool started_ = false;
     std::uint64_t next_id_ = 0;
-    std::uint64_t live_count_ = 0;
+    std::uint64_t live_count_ = 0;  ///< pending events, candidates in slots apart
     std::uint64_t dead_count_ = 0;
     std::uint64_t overflow_posts_ = 0;
 };

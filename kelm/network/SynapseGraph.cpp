@@ -53,45 +53,39 @@ SynapseGraph::SynapseGraph(std::uint64_t node_count, std::optional<ModelTime> mi
     routed_count_ = edges_.size();
 }
 
-void SynapseGraph::buildRoutes() {
+/// Lists the routed synapses by one of their ends. Ascending EdgeId within a list: it fixes the
+/// order of deliveries, and with it the ids of events.
+void SynapseGraph::buildRoutes(Routes& routes, NodeId Synapse::*end) {
     // One entry more than there are neurons: it must not wrap around to a table without entries.
-    if (node_count_ >= out_offsets_.max_size()) {
+    if (node_count_ >= routes.offsets.max_size()) {
         throw std::length_error("the network has more neurons than a table can hold");
     }
-    out_offsets_.assign(node_count_ + 1, 0);
-    in_offsets_.assign(node_count_ + 1, 0);
+    // Each list is filled from its beginning, which moves its offset to its end: to where the next
+    // one's offset stood.
+    routes.offsets.assign(node_count_ + 1, 0);
+    for (EdgeId id = 0; id < edges_.size(); ++id) {
+        if (routed_[id] != 0) ++routes.offsets[edges_[id].*end];
+    }
+    std::uint64_t sum = 0;
+    for (std::uint64_t& offset : routes.offsets) sum += std::exchange(offset, sum);
+    routes.edges.resize(routed_count_);
+    bool ascending = true;
     for (EdgeId id = 0; id < edges_.size(); ++id) {
         if (routed_[id] == 0) continue;
-        ++out_offsets_[edges_[id].source + 1];
-        ++in_offsets_[edges_[id].target + 1];
+        const std::uint64_t place = routes.offsets[edges_[id].*end]++;
+        routes.edges[place] = id;
+        ascending = ascending && place == id;
     }
-    for (std::uint64_t node = 0; node < node_count_; ++node) {
-        out_offsets_[node + 1] += out_offsets_[node];
-        in_offsets_[node + 1] += in_offsets_[node];
-    }
-    out_edges_.resize(routed_count_);
-    in_edges_.resize(routed_count_);
-    std::vector<std::uint64_t> out_cursors(out_offsets_.begin(), out_offsets_.end() - 1);
-    std::vector<std::uint64_t> in_cursors(in_offsets_.begin(), in_offsets_.end() - 1);
-    // Ascending EdgeId: it fixes the order of deliveries, and with it the ids of events.
-    for (EdgeId id = 0; id < edges_.size(); ++id) {
-        if (routed_[id] == 0) continue;
-        out_edges_[out_cursors[edges_[id].source]++] = id;
-        in_edges_[in_cursors[edges_[id].target]++] = id;
-    }
-    routes_stale_ = false;
-    ++rebuilds_;
+    std::copy_backward(routes.offsets.begin(), routes.offsets.end() - 1, routes.offsets.end());
+    routes.offsets[0] = 0;
+    routes.ascending = ascending;
+    if (!out_.built && !in_.built) ++rebuilds_;
+    routes.built = true;
 }
 
-std::span<const std::uint64_t> SynapseGraph::outOffsets() {
-    if (routes_stale_) buildRoutes();
-    return out_offsets_;
-}
+std::span<const std::uint64_t> SynapseGraph::outOffsets() { return outRoutes().offsets; }
 
-std::span<const EdgeId> SynapseGraph::outEdges() {
-    if (routes_stale_) buildRoutes();
-    return out_edges_;
-}
+std::span<const EdgeId> SynapseGraph::outEdges() { return outRoutes().edges; }
 
 std::optional<ModelTime> SynapseGraph::dMin() {
     if (min_delay_) return min_delay_;
@@ -197,7 +191,8 @@ bool SynapseGraph::restore(BlobView blob) {
     routed_ = std::move(routed);
     excitatory_on_ = excitatory_on != 0;
     inhibitory_on_ = inhibitory_on != 0;
-    routes_stale_ = true;
+    out_.built = false;
+    in_.built = false;
     d_min_stale_ = true;
     reweighted_.clear();
     return true;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -40,8 +41,7 @@ public:
     /// Throws SynapseRoutingViolation for a node outside the network.
     std::span<const EdgeId> outgoing(NodeId node) {
         if (node >= node_count_) throw SynapseRoutingViolation(SynapseRoutingViolation::source);
-        if (routes_stale_) buildRoutes();
-        return listOf(node, out_offsets_, out_edges_);
+        return outRoutes().of(node);
     }
     /// The synapses that enter `node`, ascending by EdgeId.
     /// Throws SynapseRoutingViolation for a node outside the network.
@@ -49,8 +49,8 @@ public:
         if (node >= node_count_) {
             throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
         }
-        if (routes_stale_) buildRoutes();
-        return listOf(node, in_offsets_, in_edges_);
+        if (!in_.built) buildRoutes(in_, &Synapse::target);
+        return in_.of(node);
     }
     /// Shape (nodeCount() + 1): neuron n's outgoing list is outEdges() from entry n to entry n + 1.
     std::span<const std::uint64_t> outOffsets();
@@ -97,6 +97,22 @@ public:
     /// bounded by the neuron count. May throw std::bad_alloc, with the record as it was.
     void takeReweightedTargets(std::vector<NodeId>& targets);
 
+    /// Hints that deliver from `source` comes soon: first its place in the routes, later its first
+    /// synapses. Do nothing but ask for memory; `source` must lie in the network.
+    void prefetchRoute(NodeId source) const {
+        if (out_.built) __builtin_prefetch(&out_.offsets[source]);
+    }
+    void prefetchSynapses(NodeId source) const {
+        if (!out_.built) return;
+        const std::uint64_t first = out_.offsets[source];
+        if (!out_.ascending) {
+            __builtin_prefetch(&out_.edges[first]);
+            return;
+        }
+        const std::uint64_t count = std::min(out_.offsets[source + 1] - first, prefetched_synapses);
+        for (std::uint64_t i = 0; i < count; ++i) __builtin_prefetch(&edges_[first + i]);
+    }
+
     /// Posts one delivery for each transmitting synapse of `source`, in EdgeId order, for a spike
     /// at `time` ns, and returns their number. A Sink of a final class is called directly.
     /// Throws SynapseRoutingViolation for a source outside the network, TimeOverflow for a delivery
@@ -104,7 +120,11 @@ public:
     template <class Sink>
     std::uint64_t deliver(NodeId source, ModelTime time, Sink& sink) {
         std::uint64_t count = 0;
-        for (const EdgeId id : outgoing(source)) {
+        const std::span<const EdgeId> ids = outgoing(source);
+        const std::uint64_t first = out_.offsets[source];
+        for (std::uint64_t i = 0; i < ids.size(); ++i) {
+            // A graph in source order says without a look where its synapses are.
+            const EdgeId id = out_.ascending ? first + i : ids[i];
             const Synapse& synapse = edges_[id];
             if (!synapse.enabled || !transmissionEnabled(synapse.inhibitory)) continue;
             Event event;
@@ -132,6 +152,9 @@ public:
     [[nodiscard]] bool restore(BlobView blob);
 
 private:
+    /// As many as a processor fetches at once without losing some.
+    static constexpr std::uint64_t prefetched_synapses = 16;
+
     /// Which neurons' incoming weights were set. It stays behind when the graph is copied or moved:
     /// whoever asks another graph has not yet looked at any of its neurons.
     struct ReweightedTargets {
@@ -156,11 +179,23 @@ private:
         if (id >= edges_.size()) throw SynapseRoutingViolation(SynapseRoutingViolation::edge);
         return static_cast<std::size_t>(id);
     }
-    static std::span<const EdgeId> listOf(NodeId node, const std::vector<std::uint64_t>& offsets,
-                                          const std::vector<EdgeId>& edges) {
-        return {edges.data() + offsets[node], edges.data() + offsets[node + 1]};
+    /// The routed synapses by one of their ends, in compressed sparse rows.
+    struct Routes {
+        std::vector<std::uint64_t> offsets;  ///< shape (neurons + 1)
+        std::vector<EdgeId> edges;           ///< shape (routed synapses)
+        bool built = false;
+        bool ascending = false;  ///< entry i is synapse i: a graph given in this order
+
+        std::span<const EdgeId> of(NodeId node) const {
+            return {edges.data() + offsets[node], edges.data() + offsets[node + 1]};
+        }
+    };
+
+    const Routes& outRoutes() {
+        if (!out_.built) buildRoutes(out_, &Synapse::source);
+        return out_;
     }
-    void buildRoutes();
+    void buildRoutes(Routes& routes, NodeId Synapse::*end);
     void noteReweighted(NodeId target);
 
     std::uint64_t node_count_;
@@ -168,13 +203,10 @@ private:
     std::vector<Synapse> edges_;
     std::vector<std::uint8_t> routed_;  ///< 1 for an edge in the routing tables
     std::uint64_t routed_count_ = 0;
-    std::vector<std::uint64_t> out_offsets_;
-    std::vector<EdgeId> out_edges_;
-    std::vector<std::uint64_t> in_offsets_;
-    std::vector<EdgeId> in_edges_;
+    Routes out_;
+    Routes in_;  ///< built when it is first asked for: only learning asks
     std::optional<ModelTime> derived_d_min_;
     std::uint64_t rebuilds_ = 0;
-    bool routes_stale_ = true;
     bool d_min_stale_ = true;
     bool excitatory_on_ = true;
     bool inhibitory_on_ = true;

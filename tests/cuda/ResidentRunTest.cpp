@@ -252,6 +252,23 @@ TEST_F(ResidentRunTest, IsDeclinedForAStoreThatWasHandedIn) {
     EXPECT_EQ(device.declined(), 1);
 }
 
+TEST_F(ResidentRunTest, IsDeclinedForNeuronsThatAreEqualInNumberAlone) {
+    const ResidentModel model = livelyModel();
+    const auto make = [&] {
+        std::vector<Kernel::Neuron> neurons(model.node_count, model.neuron);
+        neurons[5].reset_value = -0.0;
+        return WindowEngine(model.graph(), neurons,
+                            std::vector<Kernel::Firing>(model.node_count, model.firing),
+                            model.run_seed, model.horizon);
+    };
+    WindowEngine offered = make();
+    WindowEngine ordinary = make();
+    ASSERT_FALSE(offered.isHeterogeneous());
+    UnlimitedBackend device;
+    EXPECT_EQ(offeredAgainstOrdinary(offered, device, ordinary, model.d_min), "");
+    EXPECT_EQ(device.declined(), 1);
+}
+
 TEST_F(ResidentRunTest, LeavesModelFaultsToTheOrdinaryLoop) {
     ResidentModel model = livelyModel();
     // Neurons without a refractory period that would fire far more than eight times in a window,

@@ -1,0 +1,106 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace Lumenar::Core::Kelm {
+
+/// A run of records in chunks, in no meaningful order. Only the pool that filled it can empty it.
+template <class Record>
+struct ChunkList {
+    static constexpr std::uint32_t chunk_records = 15;
+
+    struct Chunk {
+        Record records[chunk_records];
+        Chunk* next = nullptr;
+    };
+
+    Chunk* head = nullptr;         ///< all chunks behind the head are full
+    std::uint32_t head_count = 0;  ///< records in the head
+
+    bool isEmpty() const { return head == nullptr; }
+
+    /// Calls visit(record) for each record.
+    template <class Visit>
+    void forEach(Visit visit) const {
+        std::uint32_t count = head_count;
+        for (const Chunk* chunk = head; chunk != nullptr; chunk = chunk->next) {
+            for (std::uint32_t i = 0; i < count; ++i) visit(chunk->records[i]);
+            count = chunk_records;
+        }
+    }
+};
+
+/// Storage of records in chunks that lists share: a list that was once long gives its memory to the
+/// others when it has been emptied. Holds the most that was ever in use at one time.
+template <class Record>
+class ChunkPool {
+public:
+    using List = ChunkList<Record>;
+    using Chunk = typename List::Chunk;
+
+    /// Makes room for `count` chunks beyond those in use. May throw std::bad_alloc.
+    void reserveChunks(std::size_t count) {
+        while (free_count_ < count) addBlock();
+    }
+
+    /// Adds a copy of `record` to `list`. May throw std::bad_alloc, with the list as it was, unless
+    /// a chunk is reserved.
+    void append(List& list, const Record& record) {
+        if (list.head == nullptr || list.head_count == List::chunk_records) {
+            reserveChunks(1);
+            Chunk* chunk = free_;
+            free_ = chunk->next;
+            --free_count_;
+            chunk->next = list.head;
+            list.head = chunk;
+            list.head_count = 0;
+        }
+        list.head->records[list.head_count++] = record;
+    }
+
+    /// Takes one record out of a list that is not empty.
+    Record takeAny(List& list) {
+        const Record record = list.head->records[--list.head_count];
+        if (list.head_count == 0) {
+            Chunk* emptied = list.head;
+            list.head = emptied->next;
+            list.head_count = list.head == nullptr ? 0 : List::chunk_records;
+            release(emptied);
+        }
+        return record;
+    }
+
+    /// Empties the list.
+    void clear(List& list) noexcept {
+        while (list.head != nullptr) {
+            Chunk* chunk = list.head;
+            list.head = chunk->next;
+            release(chunk);
+        }
+        list.head_count = 0;
+    }
+
+private:
+    void addBlock() {
+        blocks_.reserve(blocks_.size() + 1);
+        const std::size_t count = next_block_chunks_;
+        blocks_.push_back(std::make_unique<Chunk[]>(count));
+        for (std::size_t i = count; i-- > 0;) release(&blocks_.back()[i]);
+        if (next_block_chunks_ < 256) next_block_chunks_ *= 2;
+    }
+    void release(Chunk* chunk) noexcept {
+        chunk->next = free_;
+        free_ = chunk;
+        ++free_count_;
+    }
+
+    std::vector<std::unique_ptr<Chunk[]>> blocks_;
+    std::size_t next_block_chunks_ = 4;  ///< small at first: many stores are small
+    Chunk* free_ = nullptr;
+    std::size_t free_count_ = 0;
+};
+
+}  // namespace Lumenar::Core::Kelm
