@@ -131,6 +131,7 @@ bool BucketEventStore::takeUnordered(ModelTime until, std::vector<Event>& events
 void BucketEventStore::start() {
     std::int64_t first = last_model_time;
     forEachLive([&](const Event& event) { first = std::min(first, event.time / d_min_); });
+    candidates_.startAt(first, [&](std::uint64_t slot) { noteEntry(slot); });
     cursor_ = first;
     started_ = true;
 }

@@ -48,6 +48,13 @@ public:
     /// std::bad_alloc, with nothing changed.
     bool schedule(NodeId neuron, std::int64_t bucket, std::int64_t cursor);
 
+    /// Moves every pending candidate's wake-up from before bucket `cursor` to the candidate's own,
+    /// calling entered(slot) for each slot that it fills: for a store that sets out at `cursor`,
+    /// where candidates that were replaced have been the first. May throw std::bad_alloc; a call
+    /// for the same bucket then goes on.
+    template <class Entered>
+    void startAt(std::int64_t cursor, Entered entered);
+
     bool holdsSlot(std::uint64_t slot) const {
         return slot < ring_.size() && !ring_[slot].isEmpty();
     }
@@ -98,6 +105,18 @@ private:
     std::uint64_t pending_count_ = 0;
     std::uint64_t wake_count_ = 0;  ///< wake-ups in ring and eras
 };
+
+template <class Entered>
+void CandidateCalendar::startAt(std::int64_t cursor, Entered entered) {
+    for (NodeId neuron = 0; neuron < slots_.size(); ++neuron) {
+        if (wake_buckets_[neuron] >= cursor) continue;
+        if (pending_[neuron] == 0) {
+            wake_buckets_[neuron] = no_bucket;
+        } else if (insert(neuron, bucketOf(neuron), cursor)) {
+            entered(slotOf(bucketOf(neuron)));
+        }
+    }
+}
 
 template <class Entered>
 void CandidateCalendar::enterEras(std::int64_t cursor, Entered entered) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/events/BucketEventStore.h"
@@ -48,7 +49,8 @@ struct Pair {
     std::unique_ptr<WindowEngine> with_plain;
 };
 
-Pair makePair(const GeneratedModel& model, std::uint64_t buckets) {
+/// `reseeds`: how often all first candidates are drawn anew.
+Pair makePair(const GeneratedModel& model, std::uint64_t buckets, std::uint64_t reseeds) {
     auto calendar = std::make_unique<BucketEventStore>(model.d_min, buckets);
     auto plain = std::make_unique<PlainStore>(model.d_min, buckets);
     Pair pair{calendar.get(), plain.get(), nullptr, nullptr};
@@ -58,6 +60,11 @@ Pair makePair(const GeneratedModel& model, std::uint64_t buckets) {
     pair.with_plain =
         std::make_unique<WindowEngine>(model.graph(), model.neurons, model.firings, model.run_seed,
                                        model.horizon, std::move(plain));
+    for (; reseeds != 0; --reseeds) {
+        const std::vector<double> bounds(model.node_count, 0.1 * static_cast<double>(reseeds));
+        pair.with_calendar->reseedInitialCandidates(bounds);
+        pair.with_plain->reseedInitialCandidates(bounds);
+    }
     postInputs(model, *pair.with_calendar);
     postInputs(model, *pair.with_plain);
     return pair;
@@ -82,7 +89,7 @@ TEST(CandidateCalendar, LeavesTheBytesOfCandidatesThatAreEvents) {
         const GeneratedModel model = generateModel(seed);
         // Rings that most candidates lie beyond, and one that holds the run.
         const std::uint64_t buckets = draws.oneIn(4) ? 4096 : 4 + draws.below(12);
-        Pair pair = makePair(model, buckets);
+        Pair pair = makePair(model, buckets, draws.below(3));
         ASSERT_EQ(pair.with_calendar->snapshot(), pair.with_plain->snapshot());
         for (ModelTime until = 0; until < model.horizon;) {
             until += model.d_min;
@@ -94,7 +101,7 @@ TEST(CandidateCalendar, LeavesTheBytesOfCandidatesThatAreEvents) {
             ASSERT_EQ(pair.calendar->overflowPosts(), pair.plain->inner().overflowPosts());
             if (!draws.oneIn(8)) continue;
             // Both go on in fresh engines, where the candidates come out of a blob.
-            Pair fresh = makePair(model, buckets);
+            Pair fresh = makePair(model, buckets, draws.below(3));
             ASSERT_TRUE(fresh.with_calendar->restore(bytes));
             ASSERT_TRUE(fresh.with_plain->restore(bytes));
             pair = std::move(fresh);
