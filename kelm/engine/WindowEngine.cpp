@@ -46,7 +46,8 @@ struct WindowEngine::Window {
     std::vector<WindowWork> work;               ///< ascending by neuron; item_count are in use
     std::vector<Kernel::WindowResult> results;  ///< as many are in use
     std::size_t item_count = 0;
-    std::size_t log_mark = 0;  ///< length of the log before this window
+    bool hook_had_items = false;  ///< a prepare hook may have changed them, now or before
+    std::size_t log_mark = 0;     ///< length of the log before this window
     std::vector<SpikeRecord> new_spikes;
     std::vector<Kernel::State> shadow_states;  ///< of an observation, shape (neurons)
     std::vector<ModelTime> candidate_times;    ///< of an observation, shape (neurons)
@@ -282,7 +283,8 @@ void WindowEngine::buildWork(Window& window) {
     window.events.resize(count);
     // Items stay from window to window. Parameters that are alike for all neurons are in them from
     // their making, and so is the empty drive, unless a hook may have changed either.
-    const bool fresh = !alike_ || prepare_hook_ != nullptr;
+    window.hook_had_items = window.hook_had_items || prepare_hook_ != nullptr;
+    const bool fresh = !alike_ || window.hook_had_items;
     std::size_t items = 0;
     for (std::size_t first = 0; first < count; ++items) {
         const NodeId n = keys[first].target;
