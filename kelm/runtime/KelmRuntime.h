@@ -122,7 +122,8 @@ public:
     /// Puts a checkpoint in force that a runtime built from the same arguments has written: the run
     /// goes on as that one would have. False for one that is cut short or forged, or that was
     /// written under another label, config id, seed or set of parts. The runtime is then as it was,
-    /// unless a nested blob was refused: it may only be destroyed then. Call it between runs.
+    /// unless a nested blob or a value of a channel was refused: it may only be destroyed then.
+    /// Call it between runs.
     /// Throws IncompatibleCheckpoint, with nothing changed, for another engine version.
     [[nodiscard]] bool restore(BlobView bytes);
 
