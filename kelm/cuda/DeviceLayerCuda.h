@@ -16,6 +16,9 @@ KELM_DEVICE inline std::uint64_t threadIndex() {
     return static_cast<std::uint64_t>(blockIdx.x) * blockDim.x + threadIdx.x;
 }
 
+inline constexpr std::uint64_t lookahead = 0;
+KELM_DEVICE inline void prefetch(const void*) {}
+
 KELM_DEVICE inline std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t amount) {
     static_assert(sizeof(unsigned long long) == sizeof(std::uint64_t));
     return atomicAdd(reinterpret_cast<unsigned long long*>(counter),

@@ -8,7 +8,9 @@
 #include <cstddef>
 #include <numeric>
 
-#define KELM_KERNEL static void
+// A kernel becomes the body of the loop over its threads: called out of line, every thread would
+// copy the arguments.
+#define KELM_KERNEL [[gnu::always_inline]] static inline void
 #define KELM_DEVICE
 
 namespace Lumenar::Core::Kelm::Device {
@@ -17,6 +19,10 @@ namespace Lumenar::Core::Kelm::Device {
 extern constinit thread_local std::uint64_t emulated_thread_index;
 
 inline std::uint64_t threadIndex() { return emulated_thread_index; }
+
+/// Threads of neighbouring indices mostly run one after the other.
+inline constexpr std::uint64_t lookahead = 24;
+inline void prefetch(const void* address) { __builtin_prefetch(address); }
 
 inline std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t amount) {
     return std::atomic_ref<std::uint64_t>(*counter).fetch_add(amount, std::memory_order_relaxed);
@@ -76,10 +82,11 @@ void beginLibraryCall();
 /// The kernel is a template argument so that it is inlined into the loop over its threads.
 template <auto kernel, class... Arguments>
 void launch(std::uint32_t blocks, std::uint32_t block_size, const Arguments&... arguments) {
-    const auto run_one = [&] { kernel(arguments...); };
+    const auto run_one = [=] { kernel(arguments...); };
     const ThreadRange range = [](const void* launched, std::uint64_t first, std::uint64_t last,
                                  const std::uint64_t* order) {
-        const auto& run = *static_cast<const decltype(run_one)*>(launched);
+        // A copy of its own, which no thread's stores can reach: it stays in registers.
+        const auto run = *static_cast<const decltype(run_one)*>(launched);
         for (std::uint64_t i = first; i < last; ++i) {
             emulated_thread_index = order == nullptr ? i : order[i];
             run();

@@ -268,15 +268,17 @@ struct FanoutTable {
     std::vector<double> values;  ///< as the graph delivers them
 };
 
-/// Throws WindowEngineError with `fanout_text` for the first neuron of another fan-out, and with
-/// `edge_text` for the first synapse that `accepts` refuses.
+/// What keeps a network from having a fan-out table.
+enum class FanoutFault { none, fanout, edge };
+
+/// Fills `table`, up to the first neuron of another fan-out or the first synapse that `accepts`
+/// refuses.
 template <class Accepts>
-FanoutTable buildFanoutTable(SynapseGraph& graph, std::uint64_t fanout, const char* fanout_text,
-                             const char* edge_text, Accepts accepts) {
-    FanoutTable table;
+FanoutFault buildFanoutTable(SynapseGraph& graph, std::uint64_t fanout, FanoutTable& table,
+                             Accepts accepts) {
     for (NodeId node = 0; node < graph.nodeCount(); ++node) {
         const std::span<const EdgeId> edges = graph.outgoing(node);
-        if (edges.size() != fanout) throw WindowEngineError(fanout_text);
+        if (edges.size() != fanout) return FanoutFault::fanout;
         if (node == 0) {
             // The network holds as many synapses, if the rest is as this one.
             const std::uint64_t entries = std::min(graph.nodeCount() * fanout, graph.edgeCount());
@@ -285,12 +287,21 @@ FanoutTable buildFanoutTable(SynapseGraph& graph, std::uint64_t fanout, const ch
         }
         for (const EdgeId id : edges) {
             const Synapse& synapse = graph.edge(id);
-            if (!accepts(synapse)) throw WindowEngineError(edge_text);
+            if (!accepts(synapse)) return FanoutFault::edge;
             table.targets.push_back(synapse.target);
             table.values.push_back(deliveredValue(synapse));
         }
     }
-    return table;
+    return FanoutFault::none;
+}
+
+/// Builds the table of a network that runs whole on the device in windows of `window` ns.
+FanoutFault buildResidentTable(SynapseGraph& graph, std::uint64_t fanout, ModelTime window,
+                               FanoutTable& table) {
+    return buildFanoutTable(graph, fanout, table, [&](const Synapse& synapse) {
+        return synapse.enabled && graph.transmissionEnabled(synapse.inhibitory) &&
+               synapse.delay == window;
+    });
 }
 
 std::vector<std::uint64_t> initialRandomStates(std::uint64_t seed, std::uint64_t node_count) {
@@ -354,8 +365,10 @@ public:
           results_(node_count_, "alloc shard results"),
           processed_targets_(1, "alloc processed target count"),
           queue_(arrivals_, "alloc shard queues") {
-        table_ = buildFanoutTable(graph, fanout, WindowEngineError::shard_fanout, nullptr,
-                                  [](const Synapse&) { return true; });
+        if (buildFanoutTable(graph, fanout, table_, [](const Synapse&) { return true; }) !=
+            FanoutFault::none) {
+            throw WindowEngineError(WindowEngineError::shard_fanout);
+        }
         random_states_ = initialRandomStates(1, node_count_);
     }
 
@@ -628,20 +641,33 @@ private:
 /// One whole run on the device.
 class ResidentRecurrence {
 public:
-    /// Takes the arena and uploads the network.
-    ResidentRecurrence(CudaWindowBackend& backend, SynapseGraph& graph, std::uint64_t fanout,
-                       std::uint32_t shards, const Kernel::Neuron& neuron,
+    /// The size of what a run needs. Throws WindowEngineError for dimensions that are refused.
+    static ResidentArena requireArena(std::uint64_t node_count, std::uint64_t fanout,
+                                      std::uint32_t shards, ModelTime window, ModelTime horizon) {
+        if (node_count == 0 || fanout == 0 || shards == 0 || shards > node_count || window < 1 ||
+            horizon < 1 || horizon > last_model_time - window) {
+            throw WindowEngineError(WindowEngineError::recurrence_dimensions);
+        }
+        const std::optional<ResidentArena> arena = ResidentArena::of(node_count, fanout);
+        if (!arena) throw WindowEngineError(WindowEngineError::recurrence_dimensions);
+        return *arena;
+    }
+
+    /// Takes the arena and uploads the network. `start`: when the run was asked for.
+    ResidentRecurrence(std::chrono::steady_clock::time_point start, const ResidentArena& arena,
+                       CudaWindowBackend& backend, const FanoutTable& table,
+                       std::uint64_t node_count, std::uint64_t fanout, const Kernel::Neuron& neuron,
                        const Kernel::Firing& firing, ModelTime window, ModelTime horizon,
                        std::uint64_t seed)
-        : start_(std::chrono::steady_clock::now()),
-          node_count_(graph.nodeCount()),
+        : start_(start),
+          node_count_(node_count),
           fanout_(fanout),
           neuron_(neuron),
           firing_(firing),
           window_(window),
           horizon_(horizon),
-          arena_(requireArena(node_count_, fanout, shards, window, horizon)),
-          sections_(prepare(backend, graph, seed)) {}
+          arena_(arena),
+          sections_(prepare(backend, table, seed)) {}
 
     /// `limit_quiet`: whether a run that is mostly quiet ends early, as if it did not fit.
     ResidentRun run(bool limit_quiet) {
@@ -660,25 +686,8 @@ public:
     }
 
 private:
-    static ResidentArena requireArena(std::uint64_t node_count, std::uint64_t fanout,
-                                      std::uint32_t shards, ModelTime window, ModelTime horizon) {
-        if (node_count == 0 || fanout == 0 || shards == 0 || shards > node_count || window < 1 ||
-            horizon < 1 || horizon > last_model_time - window) {
-            throw WindowEngineError(WindowEngineError::recurrence_dimensions);
-        }
-        const std::optional<ResidentArena> arena = ResidentArena::of(node_count, fanout);
-        if (!arena) throw WindowEngineError(WindowEngineError::recurrence_dimensions);
-        return *arena;
-    }
-
-    ResidentSections prepare(CudaWindowBackend& backend, SynapseGraph& graph,
+    ResidentSections prepare(CudaWindowBackend& backend, const FanoutTable& table,
                              std::uint64_t seed) const {
-        const FanoutTable table = buildFanoutTable(
-            graph, fanout_, WindowEngineError::recurrence_fanout,
-            WindowEngineError::recurrence_edges, [&](const Synapse& synapse) {
-                return synapse.enabled && graph.transmissionEnabled(synapse.inhibitory) &&
-                       synapse.delay == window_;
-            });
         const std::vector<std::uint64_t> random = initialRandomStates(seed, node_count_);
         const ResidentSections sections(arena_, ResidentAccess::arena(backend, arena_.bytes));
         checkCuda(Device::upload(sections.csr_targets, table.targets.data(),
@@ -935,7 +944,20 @@ ResidentRun runResidentRecurrence(CudaWindowBackend& backend, SynapseGraph& grap
                                   std::uint64_t fanout, std::uint32_t shards,
                                   const Kernel::Neuron& neuron, const Kernel::Firing& firing,
                                   ModelTime window, ModelTime horizon, std::uint64_t seed) {
-    return ResidentRecurrence(backend, graph, fanout, shards, neuron, firing, window, horizon, seed)
+    const auto start = std::chrono::steady_clock::now();
+    const ResidentArena arena =
+        ResidentRecurrence::requireArena(graph.nodeCount(), fanout, shards, window, horizon);
+    FanoutTable table;
+    switch (buildResidentTable(graph, fanout, window, table)) {
+        case FanoutFault::fanout:
+            throw WindowEngineError(WindowEngineError::recurrence_fanout);
+        case FanoutFault::edge:
+            throw WindowEngineError(WindowEngineError::recurrence_edges);
+        case FanoutFault::none:
+            break;
+    }
+    return ResidentRecurrence(start, arena, backend, table, graph.nodeCount(), fanout, neuron,
+                              firing, window, horizon, seed)
         .run(false);
 }
 
@@ -947,9 +969,11 @@ bool residentEligible(SynapseGraph& graph, std::string* reason) {
 
 bool tryResidentRunFrom(CudaWindowBackend& backend, WindowEngine& engine,
                         std::uint64_t min_neurons) {
+    const auto start = std::chrono::steady_clock::now();
     SynapseGraph& graph = engine.graph();
-    if (!engine.isPristine() || engine.isHeterogeneous() || graph.nodeCount() < min_neurons ||
-        !residentEligible(graph, nullptr)) {
+    const std::uint64_t node_count = graph.nodeCount();
+    if (!engine.isPristine() || engine.isHeterogeneous() || node_count == 0 ||
+        node_count < min_neurons) {
         return false;
     }
     const ModelTime window = *graph.dMin();
@@ -957,13 +981,19 @@ bool tryResidentRunFrom(CudaWindowBackend& backend, WindowEngine& engine,
     // The device stops at the last whole window, and its times are sums without a check.
     if (horizon % window != 0 || horizon > last_model_time - window) return false;
 
+    // The table is built where residentEligible would say yes, in one walk over the synapses.
     const std::uint64_t fanout = graph.outgoing(0).size();
-    backend.prepareResident(graph, fanout);
-    const auto shards =
-        static_cast<std::uint32_t>(std::min(graph.nodeCount(), max_resident_shards));
-    ResidentRun run = ResidentRecurrence(backend, graph, fanout, shards, engine.uniformNeuron(),
-                                         engine.uniformFiring(), window, horizon, engine.seed())
-                          .run(true);
+    FanoutTable table;
+    if (fanout == 0 || buildResidentTable(graph, fanout, window, table) != FanoutFault::none) {
+        return false;
+    }
+    const auto shards = static_cast<std::uint32_t>(std::min(node_count, max_resident_shards));
+    const ResidentArena arena =
+        ResidentRecurrence::requireArena(node_count, fanout, shards, window, horizon);
+    ResidentRun run =
+        ResidentRecurrence(start, arena, backend, table, node_count, fanout, engine.uniformNeuron(),
+                           engine.uniformFiring(), window, horizon, engine.seed())
+            .run(true);
     if (!isComplete(run, engine)) return false;
     engine.adoptWholeRun(wholeRunOf(std::move(run), window, horizon));
     return true;

@@ -9,9 +9,9 @@
 // do: every neuron costs 8 bytes of pending time, 8 of its segment's length where there are
 // arrivals, 40 of its emitted arrivals (written, multiplied, read twice) and 24 of its received
 // ones (cleared, read), and 32 of the two scans. A neuron with something to do moves its state,
-// generator, candidate and result: 280 bytes. An arrival is written once (48), moved within its
-// segment if need be, converted (72) and read (24), and costs two atomic additions and 16 bytes of
-// the fan-out table.
+// generator and candidate, 130 bytes, and its result (152) where it fired. An arrival is written
+// once (48), moved within its segment if need be, converted (72) and read (24), and costs two
+// atomic additions and 16 bytes of the fan-out table.
 
 #include <cstdint>
 
@@ -77,7 +77,7 @@ KELM_DEVICE inline void logResidentSpikes(std::uint64_t neuron, const Kernel::Wi
 }
 
 /// One window of each neuron, and its number of spikes. A neuron with neither an arrival nor a due
-/// candidate is left alone, as a run that goes event by event leaves it; so is its result.
+/// candidate is left alone, as a run that goes event by event leaves it.
 KELM_KERNEL processResidentWindow(std::uint64_t node_count, const Kernel::WindowEvent* events,
                                   std::uint64_t arrival_count, const std::uint64_t* target_offsets,
                                   const std::uint64_t* target_counts, ResidentNeurons neurons,
@@ -87,9 +87,24 @@ KELM_KERNEL processResidentWindow(std::uint64_t node_count, const Kernel::Window
                                   ModelTime horizon, Kernel::Neuron neuron, Kernel::Firing firing) {
     const std::uint64_t i = Device::threadIndex();
     if (i >= node_count) return;
-    const std::uint64_t events_here = arrival_count == 0 ? 0 : target_counts[i];
+    const auto eventsOf = [&](std::uint64_t n) {
+        return arrival_count == 0 ? std::uint64_t{0} : target_counts[n];
+    };
+    const auto isDue = [&](std::uint64_t n) {
+        return neurons.pending_times[n] >= 0 && neurons.pending_times[n] < window_end;
+    };
+    if constexpr (Device::lookahead != 0) {
+        const std::uint64_t later = i + Device::lookahead;
+        if (later < node_count && (eventsOf(later) != 0 || isDue(later))) {
+            Device::prefetch(&neurons.states[later]);
+            Device::prefetch(&neurons.random[later]);
+            Device::prefetch(&neurons.pending_rates[later]);
+            if (eventsOf(later) != 0) Device::prefetch(events + target_offsets[later]);
+        }
+    }
+    const std::uint64_t events_here = eventsOf(i);
     const ModelTime pending = neurons.pending_times[i];
-    const bool due = pending >= 0 && pending < window_end;
+    const bool due = isDue(i);
     if (events_here == 0 && !due) {
         spike_counts[i] = 0;
         return;
@@ -107,7 +122,8 @@ KELM_KERNEL processResidentWindow(std::uint64_t node_count, const Kernel::Window
     neurons.random[i] = result.rng;
     neurons.pending_times[i] = result.next_candidate;
     neurons.pending_rates[i] = result.next_bound;
-    results[i] = result;
+    // Nobody looks at the result of a neuron that did not fire.
+    if (result.spike_count != 0) results[i] = result;
     spike_counts[i] = static_cast<std::uint64_t>(result.spike_count);
     if (result.bound_violation || result.spike_overflow) Device::setFlag(counters.model_fault);
     if (result.updates != 0) Device::accumulate(&counters.metrics[0], result.updates);
