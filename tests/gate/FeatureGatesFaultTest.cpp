@@ -1,0 +1,125 @@
+// The feature steps over a device that computes wrongly. This program brings a device backend of
+// its own, which is the CPU backend with a fault planted in it, so that every comparison can be
+// seen to fail.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "gate/FeatureGates.h"
+#include "kelm/cuda/CudaWindowBackend.h"
+#include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/engine/WindowEngine.h"
+#include "tests/support/ExpectThrows.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+/// Called with each result of the device of a window that ends at `window_end` ns.
+std::function<void(NodeId neuron, ModelTime window_end, Kernel::WindowResult& result)> tamper;
+
+}  // namespace
+
+struct CudaWindowBackend::DeviceBuffers {
+    CpuWindowBackend cpu;
+};
+
+CudaWindowBackend::CudaWindowBackend() : buffers_(std::make_unique<DeviceBuffers>()) {}
+CudaWindowBackend::~CudaWindowBackend() = default;
+
+void CudaWindowBackend::processWindow(const std::span<const WindowWork>& work,
+                                      const std::span<const Kernel::WindowEvent>& events,
+                                      ModelTime window_end, ModelTime horizon,
+                                      const Kernel::Neuron& neuron, const Kernel::Firing& firing,
+                                      const std::span<Kernel::WindowResult>& results) {
+    buffers_->cpu.processWindow(work, events, window_end, horizon, neuron, firing, results);
+    for (std::size_t i = 0; i < work.size(); ++i) tamper(work[i].neuron, window_end, results[i]);
+}
+
+bool CudaWindowBackend::tryResidentRun(WindowEngine&) { return false; }
+bool cudaDeviceUsable() { return true; }
+std::string cudaDeviceName() { return "a device that computes wrongly"; }
+
+namespace Gate {
+
+namespace {
+
+using Testing::expectThrows;
+
+constexpr ModelTime last_window_end = 20'000'000;
+
+void dropASpike(NodeId, ModelTime, Kernel::WindowResult& result) {
+    if (result.spike_count != 0) --result.spike_count;
+}
+void delayASpike(NodeId, ModelTime window_end, Kernel::WindowResult& result) {
+    if (window_end == last_window_end && result.spike_count != 0) ++result.spike_times[0];
+}
+/// In the last window, so that nothing but the state comes to differ.
+void turnABit(NodeId, ModelTime window_end, Kernel::WindowResult& result) {
+    if (window_end == last_window_end) result.state.membrane = -result.state.membrane;
+}
+void breakABound(NodeId, ModelTime, Kernel::WindowResult& result) { result.bound_violation = true; }
+void nothing(NodeId, ModelTime, Kernel::WindowResult&) {}
+
+TEST(FeatureGatesOverAFaultyDevice, TellTheFirstDifference) {
+    struct Case {
+        void (*step)();
+        void (*fault)(NodeId, ModelTime, Kernel::WindowResult&);
+        const char* message;
+    };
+    for (const Case& c : {
+             Case{checkRestore, dropASpike,
+                  "kelmgate: a snapshot/restore in the middle changed the number of spikes "
+                  "(model 0, seed 1)"},
+             Case{checkRestore, turnABit,
+                  "kelmgate: the resumed run ended in a different neuron state (model 0, seed 1)"},
+             Case{checkPlasticity, dropASpike,
+                  "kelmgate: the total weight change differs between backends (model 0, seed 1)"},
+             Case{checkPhase, delayASpike,
+                  "kelmgate: phase-modulated event logs differ (phase model 0, seed 1)"},
+             Case{checkPhase, turnABit,
+                  "kelmgate: phase-modulated neuron state differs (phase model 0, seed 1)"},
+             Case{checkPhase, breakABound,
+                  "KELM hazard upper bound underestimated lambda (phase model 0, seed 1) on CUDA"},
+             Case{checkComposed, dropASpike,
+                  "kelmgate: composed runtime logs differ between CPU and CUDA"},
+             Case{checkComposed, turnABit,
+                  "kelmgate: composed runtime state differs between CPU and CUDA"},
+         }) {
+        SCOPED_TRACE(c.message);
+        tamper = c.fault;
+        expectThrows<std::runtime_error>(c.step, c.message);
+    }
+}
+
+TEST(FeatureGatesOverAFaultyDevice, NameTheSpikeThatDiverged) {
+    tamper = delayASpike;
+    try {
+        checkRestore();
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const std::runtime_error& failure) {
+        const std::string text = failure.what();
+        // The first cell whose last window has a spike.
+        EXPECT_TRUE(
+            text.starts_with("kelmgate: the resumed run diverged from the reference at spike "))
+            << text;
+        EXPECT_NE(text.find(" (model 0, seed "), std::string::npos) << text;
+    }
+}
+
+TEST(FeatureGatesOverAFaultyDevice, PassWhereItDoesNothingWrong) {
+    tamper = nothing;
+    for (void (*const step)() : {checkRestore, checkPlasticity, checkPhase, checkComposed}) {
+        EXPECT_NO_THROW(step());
+    }
+}
+
+}  // namespace
+
+}  // namespace Gate
+
+}  // namespace Lumenar::Core::Kelm
