@@ -60,9 +60,10 @@ constexpr std::uint32_t blocksFor(std::uint64_t range, std::uint32_t block_size)
 //   KELM_KERNEL name(arguments) {...}           a kernel: trivially copyable arguments, by value
 //   KELM_DEVICE                                 marks a helper of kernels
 //   std::uint64_t threadIndex()                 the calling thread's index in its launch
-//   constexpr std::uint64_t lookahead           how many threads ahead a thread asks for memory
-//   with void prefetch(const void* address)          this; 0 where the device hides latency by
-//   itself std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t amount)
+//   constexpr std::uint64_t lookahead           how many threads ahead a thread asks for memory;
+//                                               0 where the device hides latency by itself
+//   void prefetch(const void* address)          asks for memory without reading it
+//   std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t amount)
 //                                               atomic; returns the value before
 //   void accumulate(std::uint64_t* counter, std::uint64_t amount)
 //                                               atomic as well, for a sum that no thread of the

@@ -90,21 +90,19 @@ KELM_KERNEL processResidentWindow(std::uint64_t node_count, const Kernel::Window
     const auto eventsOf = [&](std::uint64_t n) {
         return arrival_count == 0 ? std::uint64_t{0} : target_counts[n];
     };
-    const auto isDue = [&](std::uint64_t n) {
-        return neurons.pending_times[n] >= 0 && neurons.pending_times[n] < window_end;
-    };
     if constexpr (Device::lookahead != 0) {
+        // Whether that neuron's candidate is due is its own thread's to read: it may be writing it.
         const std::uint64_t later = i + Device::lookahead;
-        if (later < node_count && (eventsOf(later) != 0 || isDue(later))) {
+        if (later < node_count && eventsOf(later) != 0) {
             Device::prefetch(&neurons.states[later]);
             Device::prefetch(&neurons.random[later]);
             Device::prefetch(&neurons.pending_rates[later]);
-            if (eventsOf(later) != 0) Device::prefetch(events + target_offsets[later]);
+            Device::prefetch(events + target_offsets[later]);
         }
     }
     const std::uint64_t events_here = eventsOf(i);
     const ModelTime pending = neurons.pending_times[i];
-    const bool due = isDue(i);
+    const bool due = pending >= 0 && pending < window_end;
     if (events_here == 0 && !due) {
         spike_counts[i] = 0;
         return;
