@@ -2,67 +2,42 @@
 
 #include <algorithm>
 #include <cstring>
-#include <sstream>
 #include <stdexcept>
-#include <utility>
 
 namespace Lumenar::Core::Kelm::Testing {
 
 namespace {
 
-/// Steps over the bytes and notes where fields end.
-class Walk {
-public:
-    explicit Walk(BlobView bytes) : bytes_(bytes) {}
-
-    void skip(std::uint64_t bytes) {
-        if (bytes > bytes_.size() - at_) throw std::runtime_error("the bytes end too early");
-        at_ += bytes;
+/// Takes an item off `grammar` and, where it is `there`, steps over its bytes. An item is a number
+/// of bytes; "?" and an item that is there where a byte is 1; "*" and one that comes as often as a
+/// count says; or items in brackets.
+void skip(BlobView bytes, std::size_t& at, std::string_view& grammar, bool there) {
+    const auto take = [&](std::uint64_t count) {
+        if (count > bytes.size() - at) throw std::runtime_error("the bytes end too early");
+        at += count;
+        return at - count;
+    };
+    const char kind = grammar.front();
+    if (const std::size_t digits = grammar.find_first_not_of("0123456789"); digits != 0) {
+        const std::uint64_t count = std::stoull(std::string(grammar.substr(0, digits)));
+        if (there) take(count);
+        return grammar.remove_prefix(std::min(digits, grammar.size()));
     }
-    std::uint64_t readNumber() {
-        const std::size_t at = at_;
-        skip(8);
-        return numberAt(bytes_, at);
+    grammar.remove_prefix(1);
+    if (kind == '(') {
+        for (; grammar.front() != ')'; grammar.remove_prefix(grammar.front() == ' ')) {
+            skip(bytes, at, grammar, there);
+        }
+        return grammar.remove_prefix(1);
     }
-    /// A count and that many items of one size.
-    void skipSequence(std::uint64_t item_bytes) { skip(readNumber() * item_bytes); }
-    void skipCause() {
-        const std::size_t at = at_;
-        skip(1);
-        if (bytes_[at] != 0) skip(8);
+    std::uint64_t times = 0;
+    if (there) times = kind == '*' ? numberAt(bytes, take(8)) : bytes[take(1)];
+    const std::string_view repeated = grammar;
+    for (skip(bytes, at, grammar, false); times != 0; --times) {
+        std::string_view again = repeated;
+        skip(bytes, at, again, true);
     }
-    /// The field that ends here.
-    void end(std::string_view name) {
-        fields_.push_back({name, begin_, at_});
-        begin_ = at_;
-    }
-
-    void fixed(std::string_view name, std::uint64_t bytes) {
-        skip(bytes);
-        end(name);
-    }
-    void sequence(std::string_view name, std::uint64_t item_bytes) {
-        skipSequence(item_bytes);
-        end(name);
-    }
-    /// A count and that many items, each stepped over by `skip_item`.
-    template <class SkipItem>
-    void items(std::string_view name, SkipItem skip_item) {
-        for (std::uint64_t left = readNumber(); left != 0; --left) skip_item();
-        end(name);
-    }
-
-    std::vector<BlobLayout::Field> finish() {
-        if (at_ != bytes_.size()) throw std::runtime_error("the bytes end too late");
-        return std::move(fields_);
-    }
-
-private:
-    BlobView bytes_;
-    std::size_t begin_ = 0;
-    std::size_t at_ = 0;
-    std::vector<BlobLayout::Field> fields_;
-};
+}
 
 }  // namespace
 
@@ -72,81 +47,43 @@ std::uint64_t numberAt(BlobView bytes, std::size_t offset) {
     return number;
 }
 
-Blob withNumberAt(BlobView bytes, std::size_t offset, std::uint64_t number) {
-    Blob changed(bytes.begin(), bytes.end());
-    std::memcpy(changed.data() + offset, &number, 8);
-    return changed;
+Blob withNumberAt(Blob bytes, std::size_t offset, std::uint64_t number) {
+    std::memcpy(bytes.data() + offset, &number, 8);
+    return bytes;
 }
 
-BlobLayout BlobLayout::ofCheckpoint(BlobView bytes, bool has_prediction) {
-    constexpr std::uint64_t phase_bytes = 16;
-    Walk walk(bytes);
-    walk.fixed("magic", 8);
-    walk.sequence("engine version", 1);
-    walk.sequence("label", 1);
-    walk.fixed("config id", 8);
-    walk.fixed("seed", 8);
-    walk.fixed("position", 8);
-    for (const char* part : {"engine", "plasticity", "learning", "oscillators"}) {
-        walk.sequence(part, 1);
+/// Fields behind those that are there, each as "name:item;".
+void BlobLayout::walk(std::string_view grammar) {
+    while (!grammar.empty()) {
+        const std::size_t colon = grammar.find(':');
+        std::size_t at = fields_.empty() ? 0 : fields_.back().end;
+        Field field{std::string(grammar.substr(0, colon)), at, 0};
+        grammar.remove_prefix(colon + 1);
+        skip(bytes_, at, grammar, true);
+        grammar.remove_prefix(1);
+        field.end = at;
+        fields_.push_back(std::move(field));
     }
-    walk.items("phase log", [&] {
-        walk.skip(16);
-        walk.skipSequence(phase_bytes);
-    });
-    walk.items("spikes", [&] {
-        walk.skip(20);
-        walk.skipSequence(phase_bytes);
-        walk.skipCause();
-    });
-    walk.items("samples", [&] {
-        walk.skip(8);
-        walk.skipSequence(8);
-        walk.skipSequence(8);
-        walk.skip(8);
-    });
-    walk.items("causes", [&] {
-        walk.skip(8);
-        walk.skipCause();
-    });
-    walk.sequence("channels", 41);
-    const std::uint64_t error_channels = walk.readNumber();
-    walk.end("prediction count");
-    if (has_prediction) {
-        walk.fixed("precisions", 8 * error_channels);
-        walk.sequence("observations", 48);
-        walk.fixed("reserved pair", 16);
-    }
-    walk.fixed("gains", 72);
-    walk.fixed("switches", 9);
-    walk.sequence("intervention log", 8);
-    walk.fixed("commit count", 8);
-    walk.fixed("extension tag", 8);
-    walk.items("extension", [&] {
-        for (int list = 0; list < 4; ++list) walk.skipSequence(8);
-    });
-    BlobLayout layout;
-    layout.fields_ = walk.finish();
-    return layout;
 }
 
-BlobLayout BlobLayout::ofEngine(BlobView bytes) {
-    Walk walk(bytes);
-    walk.fixed("tag", 8);
-    const std::uint64_t neurons = walk.readNumber();
-    walk.end("state count");
-    walk.fixed("states", 40 * neurons);
-    walk.sequence("random", 1);
-    walk.fixed("candidates", 24 * neurons);
-    walk.sequence("log", 16);
-    walk.fixed("profile", 40);
-    walk.sequence("graph", 1);
-    walk.sequence("observations", 64);
-    walk.fixed("observer cursor", 8);
-    walk.sequence("store", 1);
-    BlobLayout layout;
-    layout.fields_ = walk.finish();
-    return layout;
+BlobLayout::BlobLayout(Blob bytes, Format format) : bytes_(std::move(bytes)) {
+    const bool is_checkpoint = format == Format::checkpoint;
+    if (is_checkpoint) {
+        walk("magic:8;engine version:*1;label:*1;config id:8;seed:8;position:8;engine:8;");
+    }
+    walk("tag:8;states:*40;random:*1;");
+    walk("candidates:" + std::to_string(24 * number("states")) + ";");
+    walk("log:*16;profile:40;graph:*1;moments:*64;moment cursor:8;store:*1;");
+    if (is_checkpoint) {
+        walk(
+            "plasticity:*1;learning:*1;oscillators:*1;phase log:*(16 *16);spikes:*(20 *16 ?8);"
+            "samples:*(8 *8 *8 8);causes:*(8 ?8);channels:*41;precisions:*8;");
+        if (number("precisions") != 0) walk("observations:*48;reserved pair:16;");
+        walk(
+            "gains:72;switches:9;intervention log:*8;commit count:8;extension tag:8;"
+            "extension:*(*8 *8 *8 *8);");
+    }
+    if (fields_.back().end != bytes_.size()) throw std::runtime_error("the bytes end too late");
 }
 
 const BlobLayout::Field& BlobLayout::field(std::string_view name) const {
@@ -156,37 +93,35 @@ const BlobLayout::Field& BlobLayout::field(std::string_view name) const {
     return *found;
 }
 
-BlobView BlobLayout::nested(BlobView bytes, std::string_view name) const {
-    const Field& place = field(name);
-    return bytes.subspan(place.begin + 8, place.end - place.begin - 8);
-}
-
-std::uint64_t BlobLayout::number(BlobView bytes, std::string_view name) const {
-    return numberAt(bytes, field(name).begin);
+std::uint64_t BlobLayout::number(std::string_view name) const {
+    return numberAt(bytes_, begin(name));
 }
 
 std::string BlobLayout::place(std::size_t offset) const {
     for (const Field& field : fields_) {
         if (offset >= field.end) continue;
-        return "field " + std::string(field.name) + ", byte " +
-               std::to_string(offset - field.begin);
+        return "field " + field.name + ", byte " + std::to_string(offset - field.begin);
     }
     return "behind the last field";
 }
 
-std::string firstCheckpointDifference(BlobView a, BlobView b, bool has_prediction) {
+std::vector<Blob> BlobLayout::withForgedCounts(std::string_view name) const {
+    std::vector<Blob> forgeries;
+    const std::uint64_t count = number(name);
+    for (const std::uint64_t forged :
+         {count + 1, count - 1, std::uint64_t{1} << 40, std::uint64_t{1} << 60,
+          (std::uint64_t{1} << 63) + count, ~std::uint64_t{0}}) {
+        forgeries.push_back(withNumberAt(bytes_, begin(name), forged));
+    }
+    return forgeries;
+}
+
+std::string firstCheckpointDifference(const Blob& a, const Blob& b) {
     const auto [at, other] = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
     if (at == a.end() && other == b.end()) return {};
     const auto offset = static_cast<std::size_t>(at - a.begin());
-    const BlobLayout layout = BlobLayout::ofCheckpoint(a, has_prediction);
-    std::ostringstream text;
-    text << layout.place(offset) << " (" << a.size() << " vs " << b.size() << " bytes in all)";
-    const BlobLayout::Field& engine = layout.field("engine");
-    if (offset >= engine.begin + 8 && offset < engine.end) {
-        const BlobView nested = layout.nested(a, "engine");
-        text << ": " << BlobLayout::ofEngine(nested).place(offset - engine.begin - 8);
-    }
-    return text.str();
+    return BlobLayout(a, BlobLayout::Format::checkpoint).place(offset) + " (" +
+           std::to_string(a.size()) + " vs " + std::to_string(b.size()) + " bytes in all)";
 }
 
 }  // namespace Lumenar::Core::Kelm::Testing

@@ -19,33 +19,36 @@ std::string text(const std::vector<std::uint64_t>& ids) {
     return line;
 }
 
-}  // namespace
-
-/// Times and rates are chosen per window, so that windows of any length see something happen. Every
-/// draw is a statement of its own where there are several: the order of captures is not fixed.
-class ComposedModel::Generator {
+/// Times and rates are chosen per window, so that windows of any length see something happen. The
+/// order of captures is not fixed, that of a braced list is: several draws stand in the latter, or
+/// in statements of their own.
+class Generator {
 public:
-    Generator(ComposedModel& model, const ComposedTraits& traits)
-        : model_(model), draws_(~model.network_.seed), max_stops_(traits.max_stops) {}
+    Generator(ComposedModel& model, std::uint64_t max_stops)
+        : model_(model), draws_(~model.network.seed), max_stops_(max_stops) {}
 
     void generate() {
-        model_.config_id_ = draws_.next();
-        model_.label_ = "composed " + std::to_string(model_.seed());
-        model_.gate_period_ = windows(0.5, 4.0);
-        model_.has_third_factor_ = draws_.oneIn(3);
+        model_.config_id = draws_.next();
+        model_.label = "composed " + std::to_string(model_.network.seed);
+        model_.gate_period = windows(0.5, 4.0);
+        model_.has_third_factor = draws_.oneIn(3);
         generatePlasticity();
         generatePhase();
-        generateRecorder();
+        const ModelTime interval = draws_.oneIn(4) ? dMin() : windows(0.3, 3.0);
+        model_.recorder = {
+            !draws_.oneIn(5),
+            !draws_.oneIn(4),
+            interval,
+            {SampleKind::membrane, SampleKind::oscillator_phases, SampleKind::active_synapses,
+             SampleKind::adaptation, SampleKind::refractory_left, SampleKind::next_candidate}};
         generateChannels();
-        generatePrediction();
         generateSettings();
-        generateStops();
+        generateSteps();
     }
 
 private:
-    ModelTime dMin() const { return model_.network_.d_min; }
-    std::uint64_t neuronCount() const { return model_.network_.node_count; }
-    NodeId anyNeuron() { return draws_.below(neuronCount()); }
+    ModelTime dMin() const { return model_.network.d_min; }
+    NodeId anyNeuron() { return draws_.below(model_.network.node_count); }
     double perSecond(double per_window) const {
         return per_window * 1e9 / static_cast<double>(dMin());
     }
@@ -54,207 +57,134 @@ private:
     }
     std::vector<NodeId> someNeurons() {
         std::vector<NodeId> neurons;
-        for (NodeId n = 0; n < neuronCount(); ++n) {
+        for (NodeId n = 0; n < model_.network.node_count; ++n) {
             if (draws_.oneIn(3)) neurons.push_back(n);
         }
         if (neurons.empty()) neurons.push_back(anyNeuron());
         return neurons;
     }
 
-    PlasticityRule rule(PlasticityRuleKind kind) {
-        PlasticityRule rule;
-        rule.kind = kind;
-        rule.a_potentiation = draws_.between(0.0, 0.1);
-        rule.a_depression = draws_.between(0.0, 0.1);
-        rule.a_coincidence = draws_.between(0.0, 0.05);
-        rule.scale = draws_.between(0.5, 2.0);
-        return rule;
-    }
-
     void generatePlasticity() {
-        PlasticityConfig& config = model_.plasticity_;
+        const auto rule = [&](PlasticityRuleKind kind) {
+            return PlasticityRule{kind, draws_.between(0.0, 0.1), draws_.between(0.0, 0.1),
+                                  draws_.between(0.0, 0.05), draws_.between(0.5, 2.0)};
+        };
+        PlasticityConfig& config = model_.plasticity;
         config.enabled = true;
-        config.trace.tau_pre = windows(1.0, 30.0);
-        config.trace.tau_post = draws_.oneIn(2) ? config.trace.tau_pre : windows(1.0, 30.0);
-        config.trace.tau_coincidence = windows(1.0, 60.0);
-        const bool swapped = draws_.oneIn(2);
-        config.excitatory =
-            rule(swapped ? PlasticityRuleKind::coincidence : PlasticityRuleKind::pair);
-        config.inhibitory =
-            rule(swapped ? PlasticityRuleKind::pair : PlasticityRuleKind::coincidence);
-        config.homeostasis.enabled = !draws_.oneIn(4);
-        config.homeostasis.cap = draws_.between(0.2, 0.8);
+        config.trace = {windows(1.0, 30.0), windows(1.0, 30.0), windows(1.0, 60.0), 1e-15};
+        if (draws_.oneIn(2)) config.trace.tau_post = config.trace.tau_pre;
+        config.excitatory = rule(PlasticityRuleKind::pair);
+        config.inhibitory = rule(PlasticityRuleKind::coincidence);
+        if (draws_.oneIn(2)) std::swap(config.excitatory, config.inhibitory);
+        config.homeostasis = {!draws_.oneIn(4), draws_.between(0.2, 0.8)};
     }
 
     std::uint32_t anyOscillator() {
-        return model_.phase_.oscillators[draws_.below(model_.phase_.oscillators.size())].id;
+        return model_.phase.oscillators[draws_.below(model_.phase.oscillators.size())].id;
     }
 
     void generatePhase() {
-        PhaseConfig& phase = model_.phase_;
+        PhaseConfig& phase = model_.phase;
         const std::uint64_t count = 1 + draws_.below(4);
         for (std::uint64_t i = 0; i < count; ++i) {
-            Oscillator oscillator;
-            oscillator.id = static_cast<std::uint32_t>(draws_.next() << 2 | i);
-            oscillator.frequency = draws_.oneIn(8) ? 0.0 : perSecond(draws_.between(0.01, 1.5));
-            oscillator.phase = draws_.between(-7.0, 7.0);
-            oscillator.amplitude = draws_.oneIn(6) ? 0.0 : draws_.between(0.2, 1.5);
-            phase.oscillators.push_back(oscillator);
+            phase.oscillators.push_back(
+                {static_cast<std::uint32_t>(draws_.next() << 2 | i),
+                 draws_.oneIn(8) ? 0.0 : perSecond(draws_.between(0.01, 1.5)),
+                 draws_.between(-7.0, 7.0), draws_.oneIn(6) ? 0.0 : draws_.between(0.2, 1.5)});
         }
         phase.coupling_period = windows(0.2, 3.0);
         for (std::uint64_t i = 0; i <= 2 * count; ++i) {
             phase.couplings.push_back(
                 {anyOscillator(), anyOscillator(), perSecond(draws_.between(-1.0, 1.0))});
         }
-        for (NodeId n = 0; n < neuronCount(); ++n) {
-            phase.bindings.push_back(bindings());
+        for (NodeId n = 0; n < model_.network.node_count; ++n) {
+            std::vector<PhaseBinding>& bindings = phase.bindings.emplace_back();
+            // Up to eight with an effect, which is as many as a neuron takes, and some without.
+            for (std::uint64_t left = draws_.below(9); left != 0; --left) {
+                bindings.push_back({anyOscillator(), static_cast<std::uint8_t>(draws_.below(2)),
+                                    draws_.between(-0.3, 0.3), draws_.between(-4.0, 4.0)});
+                if (draws_.oneIn(4)) bindings.push_back({anyOscillator(), 7, 1.0, 0.0});
+            }
             if (n >= 2 && draws_.oneIn(4)) continue;  // the table may end before the network does
-            model_.memberships_.resize(n + 1);
+            model_.memberships.resize(n + 1);
             for (std::uint64_t left = draws_.below(3); left != 0; --left) {
-                model_.memberships_[n].push_back(anyOscillator());
+                model_.memberships[n].push_back(anyOscillator());
             }
         }
     }
 
-    /// Up to eight with an effect, which is as many as a neuron takes, and some without.
-    std::vector<PhaseBinding> bindings() {
-        std::vector<PhaseBinding> list;
-        if (draws_.oneIn(5)) return list;
-        for (std::uint64_t left = draws_.below(9); left != 0; --left) {
-            list.push_back({anyOscillator(), static_cast<std::uint8_t>(draws_.below(2)),
-                            draws_.between(-0.3, 0.3), draws_.between(-4.0, 4.0)});
-            if (draws_.oneIn(4)) list.push_back({anyOscillator(), 7, 1.0, 0.0});
-        }
-        return list;
-    }
-
-    void generateRecorder() {
-        RecorderConfig& recorder = model_.recorder_;
-        recorder.record_spikes = !draws_.oneIn(5);
-        recorder.causal = !draws_.oneIn(4);
-        recorder.sample_interval = draws_.oneIn(4) ? dMin() : windows(0.3, 3.0);
-        recorder.sample_kinds = {SampleKind::membrane,        SampleKind::oscillator_phases,
-                                 SampleKind::active_synapses, SampleKind::adaptation,
-                                 SampleKind::refractory_left, SampleKind::next_candidate};
-    }
-
     void generateChannels() {
-        const std::uint64_t count = 2 + draws_.below(3);
-        for (std::uint64_t i = 0; i < count; ++i) {
-            InputChannelSpec spec;
-            spec.name = "channel " + std::to_string(i);
-            spec.modality = static_cast<std::uint8_t>(i);
-            spec.targets = someNeurons();
-            spec.delay = draws_.oneIn(2) ? 0 : windows(0.1, 4.0);
-            spec.gain = draws_.between(-1.5, 1.5);
-            model_.channels_.push_back(std::move(spec));
+        for (std::uint64_t i = 2 + draws_.below(3); i != 0; --i) {
+            model_.channels.push_back({"channel " + std::to_string(i), static_cast<std::uint8_t>(i),
+                                       someNeurons(), draws_.oneIn(2) ? 0 : windows(0.1, 4.0),
+                                       draws_.between(-1.5, 1.5)});
         }
-    }
-
-    void generatePrediction() {
-        PredictionConfig& prediction = model_.prediction_;
-        const std::uint64_t count = 1 + draws_.below(3);
-        for (std::uint64_t i = 0; i < count; ++i) {
-            ErrorChannel channel;
-            channel.name = "error " + std::to_string(i);
-            channel.targets = someNeurons();
-            channel.targets.push_back(anyNeuron());
-            channel.precision = draws_.between(0.0, 2.0);
-            channel.strength = draws_.between(-0.6, 0.6);
-            channel.clamp = draws_.between(0.1, 1.5);
-            prediction.channels.push_back(std::move(channel));
+        for (std::uint64_t i = 1 + draws_.below(3); i != 0; --i) {
+            model_.prediction.channels.push_back(
+                {"error " + std::to_string(i), someNeurons(), draws_.between(0.0, 2.0),
+                 draws_.between(-0.6, 0.6), draws_.between(0.1, 1.5)});
         }
-        if (draws_.oneIn(2)) return;
-        prediction.predictors.resize(count);
-        prediction.predictors[0] =
-            Predictor{PredictorKind::explicit_readout, {anyNeuron()}, {0.5}, 0.1};
     }
 
     void act(std::function<std::string(KelmRuntime&)> action) {
-        model_.steps_.push_back({std::nullopt, std::move(action)});
+        model_.steps.push_back({std::nullopt, std::move(action)});
     }
     /// An action without an answer.
-    template <class Action>
-    void set(Action action) {
-        act([action](KelmRuntime& runtime) {
+    void set(std::function<void(KelmRuntime&)> action) {
+        act([action = std::move(action)](KelmRuntime& runtime) {
             action(runtime);
             return std::string("done");
         });
     }
-    void runTo(ModelTime until) { model_.steps_.push_back({until, {}}); }
 
     /// What is set once, before the run, and travels in checkpoints from there on.
     void generateSettings() {
-        if (!draws_.oneIn(6)) {
-            set([](KelmRuntime& runtime) { runtime.oscillators()->setCouplingEnabled(true); });
-        }
-        set([taped = anyNeuron()](KelmRuntime& runtime) {
-            runtime.randomStreams().record("spontaneous", taped);
+        if (!draws_.oneIn(6))
+            set([](KelmRuntime& r) { r.oscillators()->setCouplingEnabled(true); });
+        set([taped = anyNeuron()](KelmRuntime& r) {
+            r.randomStreams().record("spontaneous", taped);
         });
-        set([cap = draws_.between(0.5, 1.5)](KelmRuntime& runtime) {
-            runtime.learningControl()->setWeightCap(cap);
+        set([cap = draws_.between(0.5, 1.5)](KelmRuntime& r) {
+            r.learningControl()->setWeightCap(cap);
         });
-        for (const NodeId neuron : someNeurons()) {
-            set([neuron](KelmRuntime& runtime) {
-                runtime.learningControl()->setGroup(neuron, static_cast<std::uint32_t>(neuron % 3));
+        for (const NodeId n : someNeurons()) {
+            set([n](KelmRuntime& r) {
+                r.learningControl()->setGroup(n, static_cast<std::uint32_t>(n % 3));
             });
         }
-        if (!draws_.oneIn(3)) setFastWeights();
-        setJournal();
+        setLearning();
     }
 
-    void setFastWeights() {
-        const bool on = !draws_.oneIn(4);
+    void setLearning() {
+        const bool fast = !draws_.oneIn(4);
         const ModelTime tau = windows(0.5, 20.0);
         const double rate = draws_.oneIn(2) ? 0.0 : draws_.between(0.0, 0.5);
-        set([=](KelmRuntime& runtime) {
-            runtime.learningControl()->setFastWeights(on, tau, rate);
-        });
-    }
-
-    void setJournal() {
         const auto mode = static_cast<JournalMode>(draws_.below(3));
-        set([mode, rate = draws_.between(0.05, 1.0)](KelmRuntime& runtime) {
-            runtime.learningControl()->setJournal(mode, rate);
+        set([=, share = draws_.between(0.05, 1.0)](KelmRuntime& r) {
+            r.learningControl()->setFastWeights(fast, tau, rate);
+            r.learningControl()->setJournal(mode, share);
         });
     }
 
-    void generateStops() {
-        std::vector<ModelTime> stops;
+    void generateSteps() {
+        const ModelTime horizon = model_.network.horizon;
+        std::vector<ModelTime> stops = {horizon};
         for (std::uint64_t left = draws_.below(max_stops_ + 1); left != 0; --left) {
-            ModelTime stop = draws_.timeBelow(static_cast<std::uint64_t>(model_.network_.horizon));
+            ModelTime stop = draws_.timeBelow(static_cast<std::uint64_t>(horizon));
             if (draws_.oneIn(3)) stop = stop / dMin() * dMin();
             stops.push_back(stop);
         }
         std::sort(stops.begin(), stops.end());
-        generateActions(0);
+        void (Generator::*const actions[])(ModelTime) = {
+            &Generator::inject,  &Generator::inject,    &Generator::report,
+            &Generator::perturb, &Generator::intervene, &Generator::turnASwitch};
+        ModelTime now = 0;
         for (const ModelTime stop : stops) {
-            runTo(stop);
-            generateActions(stop);
-        }
-        runTo(model_.network_.horizon);
-    }
-
-    void generateActions(ModelTime now) {
-        for (std::uint64_t left = draws_.below(8); left != 0; --left) {
-            switch (draws_.below(6)) {
-                case 0:
-                case 1:
-                    inject(now);
-                    break;
-                case 2:
-                    report(now);
-                    break;
-                case 3:
-                    perturb(now);
-                    break;
-                case 4:
-                    intervene();
-                    break;
-                default:
-                    turnASwitch();
-                    break;
+            for (std::uint64_t left = draws_.below(8); left != 0; --left) {
+                (this->*actions[draws_.below(std::size(actions))])(now);
             }
+            model_.steps.push_back({stop, {}});
+            now = stop;
         }
     }
 
@@ -267,18 +197,17 @@ private:
     }
 
     void inject(ModelTime now) {
-        const std::string name = model_.channels_[draws_.below(model_.channels_.size())].name;
+        const std::string name = model_.channels[draws_.below(model_.channels.size())].name;
         const ModelTime time = momentNear(now);
         const double value = draws_.between(-1.5, 1.5);
         act([=](KelmRuntime& runtime) { return text(runtime.inject(name, time, value)); });
     }
 
     void report(ModelTime now) {
-        const std::size_t channel = draws_.below(model_.prediction_.channels.size());
+        const std::size_t channel = draws_.below(model_.prediction.channels.size());
+        const double precision = draws_.between(0.0, 3.0);
         if (draws_.oneIn(5)) {
-            set([channel, precision = draws_.between(0.0, 3.0)](KelmRuntime& runtime) {
-                runtime.prediction()->setPrecision(channel, precision);
-            });
+            set([=](KelmRuntime& r) { r.prediction()->setPrecision(channel, precision); });
         }
         const double observed = draws_.between(-2.0, 2.0);
         const double predicted = draws_.between(-2.0, 2.0);
@@ -288,79 +217,52 @@ private:
     }
 
     void perturb(ModelTime now) {
-        Perturbation perturbation;
-        perturbation.cause = draws_.next();
-        perturbation.time = momentNear(now);
-        perturbation.kind = static_cast<PerturbationKind>(draws_.below(2));
-        perturbation.strength = draws_.between(-1.0, 1.5);
-        perturbation.targets = someNeurons();
-        if (draws_.oneIn(8)) perturbation.targets.push_back(neuronCount());
-        act([perturbation](KelmRuntime& runtime) { return text(runtime.perturb(perturbation)); });
+        Perturbation perturbation{draws_.next(), momentNear(now),
+                                  static_cast<PerturbationKind>(draws_.below(2)),
+                                  draws_.between(-1.0, 1.5), someNeurons()};
+        if (draws_.oneIn(8)) perturbation.targets.push_back(model_.network.node_count);
+        act([=](KelmRuntime& runtime) { return text(runtime.perturb(perturbation)); });
     }
 
-    void intervene() {
+    void intervene(ModelTime) {
         const std::size_t mechanism = draws_.below(InterventionState::mechanism_count);
-        set([mechanism, entry = draws_.next()](KelmRuntime& runtime) {
-            runtime.interventions().note(entry);
-            runtime.interventions().setOff(mechanism, entry % 3 == 0);
-        });
         // Candidates on their way were drawn under the bound of their day. A gain that only falls
         // keeps every bound true, so none of these models may end in a bound violation.
         const bool falls = mechanism == InterventionState::oscillators ||
                            mechanism == InterventionState::prediction;
         const double factor = draws_.oneIn(8) ? 0.0 : draws_.between(0.3, falls ? 1.0 : 2.0);
-        set([mechanism, factor, falls](KelmRuntime& runtime) {
+        set([=, entry = draws_.next()](KelmRuntime& runtime) {
             InterventionState& state = runtime.interventions();
+            state.note(entry);
+            state.setOff(mechanism, entry % 3 == 0);
             state.setGain(mechanism, falls ? state.mechanism_gain[mechanism] * factor : factor);
         });
     }
 
-    void turnASwitch() {
+    void turnASwitch(ModelTime) {
         const bool on = draws_.oneIn(2);
         const auto number = static_cast<std::uint32_t>(draws_.below(3));
-        const std::string channel = model_.channels_[0].name;
-        switch (draws_.below(8)) {
-            case 0:
-                set([=](KelmRuntime& runtime) {
-                    runtime.inputChannels()->setConnected(channel, on);
-                });
-                break;
-            case 1:
-                set([=, gain = draws_.between(-2.0, 2.0)](KelmRuntime& runtime) {
-                    runtime.inputChannels()->setGain(channel, gain);
-                });
-                break;
-            case 2:
-                set([=](KelmRuntime& runtime) {
-                    runtime.learningControl()->setFrozen(number, on);
-                });
-                break;
-            case 3:
-                set([=](KelmRuntime& runtime) {
-                    runtime.learningControl()->setGroupEnabled(number, on);
-                });
-                break;
-            case 4:
-                set([=](KelmRuntime& runtime) {
-                    if (on) return runtime.learningControl()->allowAllGroups();
-                    runtime.learningControl()->allowOnlyGroups({number, 7, 0});
-                });
-                break;
-            case 5:
-                draws_.oneIn(2) ? setFastWeights() : setJournal();
-                break;
-            case 6:
-                set([=](KelmRuntime& runtime) {
-                    runtime.graph().setTransmissionEnabled(number == 0, on);
-                });
-                break;
-            default:
-                set([=, edge = draws_.next()](KelmRuntime& runtime) {
-                    SynapseGraph& graph = runtime.graph();
-                    if (graph.edgeCount() != 0) graph.setEnabled(edge % graph.edgeCount(), on);
-                });
-                break;
-        }
+        const double gain = draws_.between(-2.0, 2.0);
+        const std::uint64_t edge = draws_.next();
+        const std::string channel = model_.channels[0].name;
+        const std::function<void(KelmRuntime&)> switches[] = {
+            [=](KelmRuntime& r) { r.inputChannels()->setConnected(channel, on); },
+            [=](KelmRuntime& r) { r.inputChannels()->setGain(channel, gain); },
+            [=](KelmRuntime& r) { r.learningControl()->setFrozen(number, on); },
+            [=](KelmRuntime& r) { r.learningControl()->setGroupEnabled(number, on); },
+            [=](KelmRuntime& r) {
+                r.learningControl()->allowOnlyGroups({number, 7, 0});
+            },
+            [=](KelmRuntime& r) { r.learningControl()->allowAllGroups(); },
+            [=](KelmRuntime& r) { r.graph().setTransmissionEnabled(number == 0, on); },
+            [=](KelmRuntime& r) {
+                if (const EdgeId count = r.graph().edgeCount())
+                    r.graph().setEnabled(edge % count, on);
+            },
+        };
+        const std::uint64_t chosen = draws_.below(std::size(switches) + 1);
+        if (chosen == std::size(switches)) return setLearning();
+        set(switches[chosen]);
     }
 
     ComposedModel& model_;
@@ -368,21 +270,24 @@ private:
     std::uint64_t max_stops_;
 };
 
-ComposedModel::ComposedModel(std::uint64_t seed, const ComposedTraits& traits)
-    : network_(generateModel(seed, {traits.max_neurons, traits.max_windows, true, false})) {
-    Generator(*this, traits).generate();
+}  // namespace
+
+ComposedModel generateComposedModel(std::uint64_t seed, const ComposedTraits& traits) {
+    ComposedModel model;
+    model.network = generateModel(seed, {traits.max_neurons, traits.max_windows, true, false});
+    Generator(model, traits.max_stops).generate();
+    return model;
 }
 
 std::unique_ptr<KelmRuntime> ComposedModel::build(IWindowBackend& backend, bool recorded) const {
-    std::unique_ptr<KelmRuntime> runtime(new KelmRuntime(
-        makeKelmRuntime(network_.graph(), network_.neurons[0], network_.firings[0],
-                        network_.run_seed, network_.horizon, &backend, nullptr, plasticity_, phase_,
-                        recorded ? std::optional(recorder_) : std::nullopt, channels_, prediction_,
-                        config_id_, label_)));
-    runtime->oscillators()->setMemberships(memberships_);
+    std::unique_ptr<KelmRuntime> runtime(new KelmRuntime(makeKelmRuntime(
+        network.graph(), network.neurons[0], network.firings[0], network.run_seed, network.horizon,
+        &backend, nullptr, plasticity, phase, recorded ? std::optional(recorder) : std::nullopt,
+        channels, prediction, config_id, label)));
+    runtime->oscillators()->setMemberships(memberships);
     runtime->learningControl()->setModulator(
-        [period = gate_period_](ModelTime window_end) { return window_end / period % 4 != 3; });
-    if (has_third_factor_) {
+        [period = gate_period](ModelTime window_end) { return window_end / period % 4 != 3; });
+    if (has_third_factor) {
         runtime->plasticity()->setChangeHook([](const WeightChangeContext& context) {
             return 1.0 - 0.1 * context.pre_phase + 0.05 * context.post_phase;
         });
@@ -390,23 +295,18 @@ std::unique_ptr<KelmRuntime> ComposedModel::build(IWindowBackend& backend, bool 
     return runtime;
 }
 
-ComposedModel::Outcome ComposedModel::perform(std::size_t step, KelmRuntime& runtime) const {
-    const Step& chosen = steps_[step];
-    try {
-        if (!chosen.until) return {chosen.act(runtime)};
-        runtime.run(*chosen.until);
-        return {"ran to " + std::to_string(*chosen.until)};
-    } catch (const std::exception& failure) {
-        return {failure.what(), chosen.until.has_value()};
-    }
-}
-
-bool ComposedModel::performAll(std::size_t first, std::size_t end, KelmRuntime& runtime,
-                               std::vector<std::string>& outcomes) const {
-    for (std::size_t step = first; step < end; ++step) {
-        const Outcome outcome = perform(step, runtime);
-        outcomes.push_back(outcome.text);
-        if (outcome.ends_run) return false;
+bool ComposedModel::perform(std::size_t first, std::size_t end, KelmRuntime& runtime,
+                            std::vector<std::string>& outcomes) const {
+    for (std::size_t i = first; i < end; ++i) {
+        const Step& step = steps[i];
+        try {
+            if (step.until) runtime.run(*step.until);
+            outcomes.push_back(step.until ? "ran to " + std::to_string(*step.until)
+                                          : step.act(runtime));
+        } catch (const std::exception& failure) {
+            outcomes.emplace_back(failure.what());
+            if (step.until) return false;
+        }
     }
     return true;
 }
@@ -414,7 +314,7 @@ bool ComposedModel::performAll(std::size_t first, std::size_t end, KelmRuntime& 
 std::string firstDifference(KelmRuntime& a, KelmRuntime& b) {
     const std::string difference = firstDifference(imageOf(a), imageOf(b));
     if (!difference.empty()) return difference;
-    return firstCheckpointDifference(a.checkpoint(), b.checkpoint(), a.prediction() != nullptr);
+    return firstCheckpointDifference(a.checkpoint(), b.checkpoint());
 }
 
 }  // namespace Lumenar::Core::Kelm::Testing

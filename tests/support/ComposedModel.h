@@ -21,7 +21,7 @@ struct ComposedTraits {
 };
 
 /// A random runtime with every part on at once, and what its caller does with it: a function of its
-/// seed and traits alone.
+/// network's seed and traits alone.
 ///
 /// The network is a GeneratedModel whose neurons are alike. Several oscillators pull on each other
 /// and on most neurons; excitatory and inhibitory synapses learn by different rules, through
@@ -32,53 +32,38 @@ struct ComposedTraits {
 /// settings, injections, reports, perturbations and interventions, some of which are refused. A
 /// step depends on the runtime alone, so the steps can be shared out among runtimes that hand a
 /// checkpoint on.
-class ComposedModel {
-public:
-    /// What a step came to: ids of events, or the text of what was thrown.
-    struct Outcome {
-        std::string text;
-        bool ends_run = false;  ///< a run threw: the runtime may only be destroyed
+struct ComposedModel {
+    struct Step {
+        std::optional<ModelTime> until;                ///< ns, in a step that runs
+        std::function<std::string(KelmRuntime&)> act;  ///< empty in a step that runs
     };
 
-    explicit ComposedModel(std::uint64_t seed, const ComposedTraits& traits = {});
-
-    std::uint64_t seed() const { return network_.seed; }
-    const GeneratedModel& network() const { return network_; }
+    GeneratedModel network;
+    PlasticityConfig plasticity;
+    PhaseConfig phase;
+    RecorderConfig recorder;
+    std::vector<InputChannelSpec> channels;
+    PredictionConfig prediction;
+    std::vector<std::vector<std::uint32_t>> memberships;
+    ModelTime gate_period = 0;  ///< ns
+    bool has_third_factor = false;
+    std::uint64_t config_id = 0;
+    std::string label;
+    std::vector<Step> steps;
 
     /// A runtime for the model at time 0, with what no checkpoint carries: memberships, the gate
     /// and, in some models, a third factor of learning. Without `recorded` nobody looks on, which
     /// is to change nothing else.
     std::unique_ptr<KelmRuntime> build(IWindowBackend& backend, bool recorded = true) const;
 
-    std::size_t stepCount() const { return steps_.size(); }
-    /// Where a step that runs the runtime ends in ns; no value for one that acts.
-    std::optional<ModelTime> endOf(std::size_t step) const { return steps_[step].until; }
-    Outcome perform(std::size_t step, KelmRuntime& runtime) const;
-    /// Performs the steps from `first` to `end`, exclusive, as far as the run does not end before,
-    /// and appends their outcomes. False where it ended.
-    bool performAll(std::size_t first, std::size_t end, KelmRuntime& runtime,
-                    std::vector<std::string>& outcomes) const;
-
-private:
-    struct Step {
-        std::optional<ModelTime> until;
-        std::function<std::string(KelmRuntime&)> act;  ///< empty in a step that runs
-    };
-    class Generator;
-
-    GeneratedModel network_;
-    PlasticityConfig plasticity_;
-    PhaseConfig phase_;
-    std::vector<std::vector<std::uint32_t>> memberships_;
-    RecorderConfig recorder_;
-    std::vector<InputChannelSpec> channels_;
-    PredictionConfig prediction_;
-    ModelTime gate_period_ = 0;  ///< ns
-    bool has_third_factor_ = false;
-    std::uint64_t config_id_ = 0;
-    std::string label_;
-    std::vector<Step> steps_;
+    /// Performs the steps from `first` to `end`, exclusive, and appends what each came to: ids of
+    /// events, or the text of what was thrown. False where a run threw, which is the end: such a
+    /// runtime may only be destroyed.
+    bool perform(std::size_t first, std::size_t end, KelmRuntime& runtime,
+                 std::vector<std::string>& outcomes) const;
 };
+
+ComposedModel generateComposedModel(std::uint64_t seed, const ComposedTraits& traits = {});
 
 /// Names the first difference of two runtimes of one model between runs, down to the bytes of their
 /// checkpoints; empty where there is none.
