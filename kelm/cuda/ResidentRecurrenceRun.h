@@ -23,8 +23,8 @@ namespace Lumenar::Core::Kelm {
 namespace {
 
 /// A run that goes on so much longer without anything happening belongs to the ordinary loop, which
-/// skips empty windows at no cost.
-constexpr std::uint64_t quiet_steps = 65536;
+/// skips empty windows at no cost. A quiet step looks at every neuron, so few are tried.
+constexpr std::uint64_t quiet_steps = 1024;
 constexpr std::uint64_t quiet_steps_per_busy = 16;
 
 /// The sections of a resident arena as pointers.

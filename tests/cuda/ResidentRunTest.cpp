@@ -309,8 +309,11 @@ TEST_F(ResidentRunTest, GivesUpOnARunInWhichAlmostNothingHappens) {
     WindowEngine offered = model.engine();
     WindowEngine ordinary = model.engine();
     UnlimitedBackend device;
+    const std::uint64_t before = Emulation::operationCount();
     EXPECT_EQ(offeredAgainstOrdinary(offered, device, ordinary, model.d_min), "");
     EXPECT_EQ(device.declined(), 1);
+    // Eight or so a step, and some for the few windows of the ordinary loop.
+    EXPECT_LT(Emulation::operationCount() - before, 20'000);
 }
 
 TEST_F(ResidentRunTest, NeedsAsManyNeuronsAsTheLimitSays) {
