@@ -161,6 +161,7 @@ void WindowEngine::reseedInitialCandidates(std::span<const double> drive_bounds)
     if (profile_.windows != 0 || !log_.empty()) {
         throw WindowEngineError(WindowEngineError::late_reseed);
     }
+    flushPendingRandomStates();
     pristine_ = false;
     for (NodeId n = 0; n < graph_.nodeCount(); ++n) drawFirstCandidate(n, drive_bounds[n]);
 }
@@ -180,7 +181,7 @@ bool WindowEngine::offersWholeRun(ModelTime until) const {
 }
 
 bool WindowEngine::isPristine() {
-    return pristine_ && alike_ && profile_.windows == 0 && log_.empty() &&
+    return pristine_ && alike_ && offersWholeRun(horizon_) &&
            graph_.dMin() == calendar_->bucketWidth();
 }
 

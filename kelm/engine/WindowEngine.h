@@ -131,11 +131,12 @@ public:
         return random_;
     }
 
-    /// Whether the engine stands as its construction left it, with a store of its own and neurons
-    /// whose parameters have the same bits: a backend that knows graph, parameters, seed and
-    /// horizon then knows all there is. False for good after a store was handed in, an event
-    /// posted, candidates reseeded, streams touched, a snapshot restored or a window run, and while
-    /// the graph's dMin() is not the store's window.
+    /// Whether the engine stands as its construction left it, with a store of its own, neurons
+    /// whose parameters have the same bits and nobody to look on: a backend that knows graph,
+    /// parameters, seed and horizon then knows all there is. False for good after a store was
+    /// handed in, an event posted, candidates reseeded, streams touched, a snapshot restored or a
+    /// window run, and while there is a hook or an observation, or the graph's dMin() is not the
+    /// store's window.
     bool isPristine();
     /// Puts a run in force that a backend has carried through to the horizon. To be called from
     /// tryResidentRun alone, while isPristine() holds. May throw std::bad_alloc, with nothing

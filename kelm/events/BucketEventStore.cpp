@@ -91,6 +91,10 @@ void BucketEventStore::scheduleCandidate(NodeId neuron, ModelTime time, double r
     if (time < 0) return;
     const std::int64_t bucket = time / d_min_;
     if (started_ && bucket < cursor_) throw LookaheadViolation(LookaheadViolation::processed);
+    if (!isTimeOfWindow(bucket)) {
+        slot.event_id = post(candidateEvent(neuron, slot));
+        return;
+    }
     if (candidates_.schedule(neuron, bucket, cursor_)) noteEntry(slotOf(bucket));
     if (beyondReach(bucket)) ++overflow_posts_;
     slot.event_id = next_id_++;
@@ -198,7 +202,7 @@ void BucketEventStore::enterEras() {
 
 /// Moves the living events of the cursor's slot to `events` and empties the slot.
 void BucketEventStore::takeSlot(std::uint64_t slot, std::vector<Event>& events) {
-    if (cursor_ >= last_model_time / d_min_) requireTimeOfWindow(slot);
+    if (!isTimeOfWindow(cursor_)) requireEmpty(slot);
     ChunkList<Event>& list = ring_[slot];
     std::uint64_t entries = 0;
     list.forEach([&](const Event& event) {
@@ -225,10 +229,9 @@ void BucketEventStore::takeSlot(std::uint64_t slot, std::vector<Event>& events) 
     --occupied_count_;
 }
 
-/// Throws where the window of the cursor's bucket holds something and ends beyond the range of
-/// time.
-void BucketEventStore::requireTimeOfWindow(std::uint64_t slot) const {
-    bool holds = candidates_.isDue(cursor_);
+/// Throws where the cursor's slot, whose window ends beyond the range of time, holds something.
+void BucketEventStore::requireEmpty(std::uint64_t slot) const {
+    bool holds = false;
     ring_[slot].forEach([&](const Event& event) { holds |= live_.contains(event.id); });
     if (holds) throw TimeOverflow(TimeOverflow::out_of_range);
 }
@@ -318,7 +321,8 @@ bool BucketEventStore::readHeader(BlobReader& in, Header& header) {
 
 /// Keeps an event as the candidate of its neuron's slot, if that is what it is.
 bool BucketEventStore::claimCandidate(const Event& event, std::int64_t bucket) {
-    if (event.kind != EventKind::candidate || event.target >= candidates_.slots().size()) {
+    if (event.kind != EventKind::candidate || event.target >= candidates_.slots().size() ||
+        !isTimeOfWindow(bucket)) {
         return false;
     }
     const CandidateSlot& slot = candidates_.slots()[event.target];

@@ -107,7 +107,10 @@ private:
     void appendToRing(const Event& event, std::int64_t bucket);
     void start();
     bool skipToOccupied(std::int64_t stop);
-    void requireTimeOfWindow(std::uint64_t slot) const;
+    /// Whether a bucket's window ends within the range of time. One that does not is never handed
+    /// out, and no candidate is kept for it in a slot.
+    bool isTimeOfWindow(std::int64_t bucket) const { return bucket < last_model_time / d_min_; }
+    void requireEmpty(std::uint64_t slot) const;
     void noteEntry(std::uint64_t slot) {
         const std::uint64_t bit = std::uint64_t{1} << (slot % 64);
         if ((occupied_[slot / 64] & bit) != 0) return;

@@ -78,14 +78,4 @@ void CandidateCalendar::sweep(std::int64_t cursor) {
     }
 }
 
-bool CandidateCalendar::isDue(std::int64_t cursor) const {
-    bool due = false;
-    if (!holdsSlot(slotOf(cursor))) return due;
-    ring_[slotOf(cursor)].forEach([&](NodeId neuron) {
-        due |=
-            wake_buckets_[neuron] == cursor && pending_[neuron] != 0 && bucketOf(neuron) == cursor;
-    });
-    return due;
-}
-
 }  // namespace Lumenar::Core::Kelm

@@ -21,7 +21,8 @@ namespace Lumenar::Core::Kelm {
 /// than that of its candidate, and is put off if the candidate has moved on. A wake-up that is no
 /// longer its neuron's is passed over.
 ///
-/// Borrows the slots. A slot's event_id is no_event or that of the pending candidate.
+/// Borrows the slots, and reads of them no more than the time. Buckets lie below the last one of
+/// model time.
 class CandidateCalendar {
 public:
     /// What a ring does not reach waits in eras of `bucket_count` buckets.
@@ -68,8 +69,6 @@ public:
     template <class Entered>
     void enterEras(std::int64_t cursor, Entered entered);
 
-    /// Whether a candidate is pending in bucket `cursor`.
-    bool isDue(std::int64_t cursor) const;
     /// Empties the slot of bucket `cursor`: calls room(count) with the number of candidates that
     /// are pending in it, then due(neuron) for each, which then is not pending any longer, and
     /// before all that entered(slot) for each slot into which a neuron has been put off. due must

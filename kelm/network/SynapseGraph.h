@@ -106,7 +106,7 @@ public:
         if (!out_.built) return;
         const std::uint64_t first = out_.offsets[source];
         if (!out_.ascending) {
-            __builtin_prefetch(&out_.edges[first]);
+            __builtin_prefetch(out_.edges.data() + first);
             return;
         }
         const std::uint64_t count = std::min(out_.offsets[source + 1] - first, prefetched_synapses);
