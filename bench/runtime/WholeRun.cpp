@@ -2,27 +2,22 @@
 // process of its own, so that its peak memory is its own, and the cases of one call take turns, so
 // that a busy machine slows all of them alike. Times are medians over the turns.
 
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <exception>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "bench/runtime/Figures.h"
+#include "bench/runtime/MeasuringProcess.h"
+#include "bench/runtime/OptionText.h"
+#include "bench/runtime/WorkRecorder.h"
 #include "gate/BenchmarkWorkload.h"
 #include "gate/TimedBackend.h"
 #include "kelm/engine/CpuWindowBackend.h"
@@ -34,7 +29,8 @@ namespace Lumenar::Core::Kelm {
 namespace {
 
 constexpr const char* usage_text =
-    "usage: kelm-whole-run [option value[,value...]]...\n"
+    "usage: kelm-whole-run [--floor] [option value[,value...]]...\n"
+    "  --floor        repeats the kernel's part of each run by itself and compares\n"
     "  --neurons      neurons of the network\n"
     "  --base-rate    spikes/s of a neuron without drive\n"
     "  --d-min        ns; length of a window and delay of every synapse\n"
@@ -55,6 +51,7 @@ ModelTime endOf(const Case& c) { return c.until != 0 ? c.until : c.scale.horizon
 struct Options {
     std::vector<Case> cases = std::vector<Case>(1);
     int repetitions = 5;
+    bool floor = false;
 };
 
 /// What one run reports to the process that asked for it, as bytes.
@@ -66,20 +63,12 @@ struct Measurement {
     std::uint64_t spikes = 0;
     std::uint64_t log_hash = 0;
     WindowProfile profile;
-    std::uint64_t peak_bytes = 0;  ///< resident, of the whole process
+    double floor_seconds = 0.0;     ///< processor time of the kernel's part by itself, if asked for
+    std::uint64_t floor_items = 0;  ///< work items of the run
 };
-static_assert(std::is_trivially_copyable_v<Measurement>);
 
-template <class Value>
-Value parsePositive(std::string_view text) {
-    Value value = 0;
-    const char* const end = text.data() + text.size();
-    const std::from_chars_result result = std::from_chars(text.data(), end, value);
-    if (result.ec != std::errc() || result.ptr != end || !(value > 0)) {
-        throw std::invalid_argument("not a positive number: '" + std::string(text) + "'");
-    }
-    return value;
-}
+/// The measurements of one case, a turn each.
+using Turns = std::vector<Measured<Measurement>>;
 
 /// What an option sets in a case.
 struct Setting {
@@ -110,16 +99,6 @@ const Setting& settingOf(std::string_view option) {
     throw std::invalid_argument("unknown option " + std::string(option));
 }
 
-std::vector<std::string_view> splitAtCommas(std::string_view text) {
-    std::vector<std::string_view> parts;
-    while (true) {
-        const std::size_t comma = text.find(',');
-        parts.push_back(text.substr(0, comma));
-        if (comma == std::string_view::npos) return parts;
-        text.remove_prefix(comma + 1);
-    }
-}
-
 /// A list shorter than the cases that there are, or that it makes, must be a single value.
 void applyToCases(std::vector<Case>& cases, const Setting& setting,
                   const std::vector<std::string_view>& values) {
@@ -134,42 +113,39 @@ void applyToCases(std::vector<Case>& cases, const Setting& setting,
 
 Options parseOptions(const std::vector<std::string_view>& arguments) {
     Options options;
-    for (std::size_t i = 0; i < arguments.size(); i += 2) {
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
         const std::string_view option = arguments[i];
-        if (i + 1 == arguments.size()) {
+        if (option == "--floor") {
+            options.floor = true;
+            continue;
+        }
+        if (++i == arguments.size()) {
             throw std::invalid_argument(std::string(option) + " lacks its value");
         }
         if (option == "--repeat") {
-            options.repetitions = parsePositive<int>(arguments[i + 1]);
+            options.repetitions = parsePositive<int>(arguments[i]);
         } else {
-            applyToCases(options.cases, settingOf(option), splitAtCommas(arguments[i + 1]));
+            applyToCases(options.cases, settingOf(option), splitAtCommas(arguments[i]));
         }
     }
     return options;
 }
 
-double secondsBetween(std::chrono::steady_clock::time_point start,
-                      std::chrono::steady_clock::time_point end) {
-    return std::chrono::duration<double>(end - start).count();
-}
-
-double processorSeconds() {
-    timespec time = {};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
-Measurement measure(const Case& c) {
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point setup_start = Clock::now();
+KelmRuntime makeRuntime(const Case& c, IWindowBackend& backend) {
     Gate::BenchmarkWorkload workload = Gate::buildBenchmarkWorkload(c.scale);
+    // The synapses are handed over, not copied: the peak is that of a program with one network.
+    return makeKelmRuntime(
+        SynapseGraph(workload.neuron_count, workload.min_delay, std::move(workload.synapses)),
+        workload.neuron, workload.firing, Gate::benchmark_seed, workload.horizon, &backend,
+        std::make_unique<BucketEventStore>(workload.min_delay, c.buckets));
+}
+
+Measurement measureRun(const Case& c) {
+    using Clock = std::chrono::steady_clock;
     CpuWindowBackend cpu;
     Gate::TimedBackend backend(cpu);
-    // The synapses are handed over, not copied: the peak is that of a program with one network.
-    SynapseGraph graph(workload.neuron_count, workload.min_delay, std::move(workload.synapses));
-    KelmRuntime runtime = makeKelmRuntime(
-        std::move(graph), workload.neuron, workload.firing, Gate::benchmark_seed, workload.horizon,
-        &backend, std::make_unique<BucketEventStore>(workload.min_delay, c.buckets));
+    const Clock::time_point setup_start = Clock::now();
+    KelmRuntime runtime = makeRuntime(c, backend);
 
     const Clock::time_point start = Clock::now();
     const double cpu_start = processorSeconds();
@@ -188,62 +164,31 @@ Measurement measure(const Case& c) {
     return result;
 }
 
-/// The child's side of a measurement: it leaves through _exit, so that nothing that the parent has
-/// prepared is flushed or destroyed twice.
-[[noreturn]] void reportTo(int pipe_end, const Case& c) {
-    try {
-        const Measurement result = measure(c);
-        const bool written = write(pipe_end, &result, sizeof(result)) == sizeof(result);
-        _exit(written ? EXIT_SUCCESS : EXIT_FAILURE);
-    } catch (const std::exception& failure) {
-        std::fprintf(stderr, "kelm-whole-run: %s\n", failure.what());
-        _exit(EXIT_FAILURE);
+/// Runs the case once more, with a record of its work, and repeats the kernel's part of it.
+void measureFloor(const Case& c, Measurement& result) {
+    WorkRecorder recorder;
+    {
+        KelmRuntime runtime = makeRuntime(c, recorder);
+        runtime.run(endOf(c));
+        if (runtime.logHash() != result.log_hash) {
+            throw std::runtime_error("the recorded run differs from the measured one");
+        }
     }
+    result.floor_items = recorder.itemCount();
+    result.floor_seconds = recorder.replay();
 }
 
-Measurement measureInChild(const Case& c) {
-    int ends[2] = {};
-    if (pipe(ends) != 0) throw std::runtime_error("no pipe to a measuring process");
-    const pid_t child = fork();
-    if (child < 0) throw std::runtime_error("no measuring process");
-    if (child == 0) reportTo(ends[1], c);
-    close(ends[1]);
-    Measurement result;
-    // A pipe hands over so few bytes in one piece.
-    const bool complete = read(ends[0], &result, sizeof(result)) == sizeof(result);
-    close(ends[0]);
-    int status = 0;
-    rusage usage = {};
-    while (wait4(child, &status, 0, &usage) < 0 && errno == EINTR) {
-    }
-    if (!complete || status != 0) throw std::runtime_error("a measuring process failed");
-    result.peak_bytes = static_cast<std::uint64_t>(usage.ru_maxrss) * 1024;
+Measurement measure(const Case& c, bool floor) {
+    Measurement result = measureRun(c);
+    if (floor) measureFloor(c, result);
     return result;
 }
 
-/// A figure over all turns of a case.
-struct Spread {
-    double least;
-    double median;
-    double greatest;
-};
-
-template <class Field>
-Spread spreadOf(const std::vector<Measurement>& turns, Field Measurement::*field) {
-    std::vector<double> values;
-    for (const Measurement& turn : turns) values.push_back(static_cast<double>(turn.*field));
-    std::sort(values.begin(), values.end());
-    const double upper = values[values.size() / 2];
-    const double lower = values[(values.size() - 1) / 2];
-    return {values.front(), (lower + upper) / 2, values.back()};
+Spread spreadOf(const Turns& turns, double Measurement::*field) {
+    return spreadOver(turns, [=](const auto& turn) { return turn.result.*field; });
 }
 
-double perUnit(double value, std::uint64_t units) {
-    return units == 0 ? 0.0 : value / static_cast<double>(units);
-}
-
-/// What is compared between cases. Time is processor time: a run has one thread, and others who
-/// use the machine do not count in it.
+/// What is compared between cases. Time is processor time.
 struct Summary {
     double cpu_seconds;
     double ns_per_delivery;
@@ -251,16 +196,17 @@ struct Summary {
     double peak_mib;
 };
 
-Summary summarise(const std::vector<Measurement>& turns) {
-    const WindowProfile& profile = turns.front().profile;
+Summary summarise(const Turns& turns) {
+    const WindowProfile& profile = turns.front().result.profile;
     const double seconds = spreadOf(turns, &Measurement::cpu_seconds).median;
+    const double peak_bytes =
+        spreadOver(turns, [](const auto& turn) { return turn.peak_bytes; }).median;
     return {seconds, perUnit(seconds * 1e9, profile.deliveries),
-            perUnit(seconds * 1e6, profile.windows),
-            spreadOf(turns, &Measurement::peak_bytes).median / 1048576.0};
+            perUnit(seconds * 1e6, profile.windows), peak_bytes / mebibyte};
 }
 
-void printCase(const Case& c, const std::vector<Measurement>& turns, const Summary& summary) {
-    const Measurement& first = turns.front();
+void printCase(const Case& c, const Turns& turns, const Summary& summary) {
+    const Measurement& first = turns.front().result;
     const Spread cpu = spreadOf(turns, &Measurement::cpu_seconds);
     const double wall = spreadOf(turns, &Measurement::seconds).median;
     const double backend = spreadOf(turns, &Measurement::backend_seconds).median;
@@ -278,8 +224,22 @@ void printCase(const Case& c, const std::vector<Measurement>& turns, const Summa
         "setup %.3f s\n",
         cpu.median, cpu.least, cpu.greatest, wall, 100.0 * backend / wall,
         spreadOf(turns, &Measurement::setup_seconds).median);
-    std::printf("  %.1f ns a delivery, %.3f us a window, peak %.1f MiB\n\n",
-                summary.ns_per_delivery, summary.us_per_window, summary.peak_mib);
+    std::printf("  %.1f ns a delivery, %.3f us a window, peak %.1f MiB\n", summary.ns_per_delivery,
+                summary.us_per_window, summary.peak_mib);
+}
+
+/// The ratio is taken within each turn: a run and its floor lie side by side in time.
+void printFloor(const Turns& turns) {
+    const std::uint64_t items = turns.front().result.floor_items;
+    const Spread floor = spreadOf(turns, &Measurement::floor_seconds);
+    const Spread ratio = spreadOver(turns, [](const auto& turn) {
+        return turn.result.cpu_seconds / turn.result.floor_seconds;
+    });
+    std::printf("  floor: %" PRIu64
+                " items in %.3f s processor (%.3f to %.3f), %.1f ns an item; "
+                "run / floor %.2f (%.2f to %.2f)\n",
+                items, floor.median, floor.least, floor.greatest,
+                perUnit(floor.median * 1e9, items), ratio.median, ratio.least, ratio.greatest);
 }
 
 void printRatios(std::size_t index, const Summary& summary, const Summary& base) {
@@ -290,12 +250,13 @@ void printRatios(std::size_t index, const Summary& summary, const Summary& base)
 }
 
 void runAll(const Options& options) {
-    std::vector<std::vector<Measurement>> turns(options.cases.size());
+    std::vector<Turns> turns(options.cases.size());
     for (int turn = 0; turn < options.repetitions; ++turn) {
         for (std::size_t i = 0; i < options.cases.size(); ++i) {
-            turns[i].push_back(measureInChild(options.cases[i]));
-            const Measurement& first = turns[i].front();
-            const Measurement& last = turns[i].back();
+            turns[i].push_back(measureInChild<Measurement>(
+                [&] { return measure(options.cases[i], options.floor); }));
+            const Measurement& first = turns[i].front().result;
+            const Measurement& last = turns[i].back().result;
             if (last.log_hash != first.log_hash || !(last.profile == first.profile)) {
                 throw std::runtime_error("two runs of one case differ");
             }
@@ -305,6 +266,8 @@ void runAll(const Options& options) {
     for (std::size_t i = 0; i < turns.size(); ++i) {
         summaries.push_back(summarise(turns[i]));
         printCase(options.cases[i], turns[i], summaries[i]);
+        if (options.floor) printFloor(turns[i]);
+        std::printf("\n");
     }
     for (std::size_t i = 1; i < summaries.size(); ++i) {
         printRatios(i, summaries[i], summaries[0]);

@@ -1,6 +1,8 @@
 #include "kelm/runtime/Homeostasis.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <span>
 
 #include "kelm/core/Failures.h"
@@ -8,6 +10,9 @@
 namespace Lumenar::Core::Kelm {
 
 namespace {
+
+/// As many as a processor fetches at once without losing some.
+constexpr std::size_t prefetched_synapses = 16;
 
 void requireCap(double cap) {
     if (!std::isfinite(cap) || !(cap > 0.0)) throw InvalidPlasticity(InvalidPlasticity::cap);
@@ -27,6 +32,14 @@ bool scaleNeuron(SynapseGraph& graph, NodeId neuron, double cap) {
         graph.setWeight(id, static_cast<float>(weight * factor));
     }
     return true;
+}
+
+/// Asks for the first of the synapses that enter a neuron, which lie anywhere.
+void prefetchIncoming(SynapseGraph& graph, NodeId neuron) {
+    const std::span<const EdgeId> list = graph.incoming(neuron);
+    for (const EdgeId id : list.first(std::min(list.size(), prefetched_synapses))) {
+        __builtin_prefetch(&graph.edge(id));
+    }
 }
 
 std::uint64_t scaleNetwork(SynapseGraph& graph, double cap) {
@@ -58,8 +71,9 @@ std::uint64_t Homeostasis::apply(SynapseGraph& graph, const HomeostasisConfig& c
     // A neuron's sum reads its own incoming weights alone, so the neurons left out would come out
     // as they did the last time: not scaled.
     std::uint64_t scaled = 0;
-    for (const NodeId neuron : targets_) {
-        if (scaleNeuron(graph, neuron, config.cap)) ++scaled;
+    for (std::size_t i = 0; i < targets_.size(); ++i) {
+        if (i + 1 < targets_.size()) prefetchIncoming(graph, targets_[i + 1]);
+        if (scaleNeuron(graph, targets_[i], config.cap)) ++scaled;
     }
     return scaled;
 }

@@ -35,13 +35,16 @@ KelmRuntime::KelmRuntime(SynapseGraph&& network, const Kernel::Neuron& neuron,
       backend_(backend),
       plasticity_config_(plasticity),
       phase_config_(std::move(phase)) {
-    engine_.setHooks(this, this, this);
     if (plasticity_config_.enabled) createPlasticity();
     if (recorder) createRecorder(std::move(*recorder));
     if (!input_channels.empty()) createInputChannels(std::move(input_channels));
     if (prediction) createPrediction(std::move(*prediction));
     if (phase_config_) createOscillators();
-    if (oscillators_ || prediction_) reseedModulated();
+    const bool modulated = oscillators_ || prediction_;
+    // An engine with a prepare hook fills every item anew, which costs more than the hook: one that
+    // would leave the items alone is not set.
+    engine_.setHooks(modulated ? this : nullptr, this, this);
+    if (modulated) reseedModulated();
 }
 
 KelmRuntime makeKelmRuntime(SynapseGraph network, const Kernel::Neuron& neuron,
@@ -156,11 +159,7 @@ std::vector<std::uint64_t> KelmRuntime::perturb(const Perturbation& perturbation
 
 void KelmRuntime::prepare(ModelTime window_start, ModelTime window_end, std::span<WindowWork> work,
                           SynapseGraph&) {
-    if (oscillators_) {
-        oscillators_->advanceCoupling(window_start);
-    } else if (!prediction_) {
-        return;
-    }
+    if (oscillators_) oscillators_->advanceCoupling(window_start);
     const double phase_gain = interventions_.mechanism_gain[InterventionState::oscillators];
     const double error_gain = interventions_.mechanism_gain[InterventionState::prediction];
     for (WindowWork& item : work) {

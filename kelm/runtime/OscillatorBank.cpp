@@ -63,7 +63,9 @@ double phaseAt(const Oscillator& oscillator, ModelTime time, double offset) {
 }
 
 OscillatorBank::OscillatorBank(std::vector<Oscillator> oscillators)
-    : oscillators_(std::move(oscillators)), phase_offsets_(oscillators_.size(), 0.0) {
+    : oscillators_(std::move(oscillators)),
+      phase_offsets_(oscillators_.size(), 0.0),
+      answers_(oscillators_.size()) {
     index_.reserve(oscillators_.size());
     for (std::size_t position = 0; position < oscillators_.size(); ++position) {
         phaseAt(oscillators_[position], 0, 0.0);  // for its checks
@@ -146,6 +148,7 @@ void OscillatorBank::takeStep(ModelTime now, std::vector<double>& phases,
         const double sine = std::sin(phases[pull.source] - phases[pull.target]);
         deltas[pull.target] = (sine * pull.strength) * step_seconds + deltas[pull.target];
     }
+    forgetAnswers();
     for (std::size_t position = 0; position < phase_offsets_.size(); ++position) {
         phase_offsets_[position] = wrapPhase(deltas[position] + phase_offsets_[position]);
     }
@@ -218,6 +221,7 @@ bool OscillatorBank::restore(BlobView blob) {
     coupling_steps_ = steps;
     coupling_enabled_ = enabled;
     phase_offsets_ = std::move(offsets);
+    forgetAnswers();
     return true;
 }
 

@@ -32,7 +32,8 @@ double phaseAt(const Oscillator& oscillator, ModelTime time, double offset);
 /// couplingSteps() * couplingPeriod(), is a valid ModelTime. Oscillators keep their positions for
 /// the bank's whole life. Coupling starts disabled.
 ///
-/// Used by one thread at a time; queries write nothing.
+/// Used by one thread at a time: a query keeps its answer, as every neuron of a window asks for the
+/// same few phases.
 class OscillatorBank {
 public:
     /// Takes over the oscillators, which keep their order. Throws InvalidOscillator for the first
@@ -53,7 +54,12 @@ public:
     }
     /// The same without looking an id up. `position` must lie in the bank.
     double phaseOfPosition(std::size_t position, ModelTime time) const {
-        return phaseAt(oscillators_[position], time, phase_offsets_[position]);
+        Answer& last = answers_[position];
+        if (!last.holds || last.time != time) {
+            // Only an answer is kept, so a throw leaves the one before.
+            last = {time, phaseAt(oscillators_[position], time, phase_offsets_[position]), true};
+        }
+        return last.phase;
     }
     /// The phases of all oscillators at `time` ns, in bank order. Throws as phaseOf does.
     std::vector<PhaseSample> allPhases(ModelTime time) const;
@@ -119,6 +125,14 @@ private:
         double strength;
     };
 
+    /// The last phase that was asked for.
+    struct Answer {
+        ModelTime time = 0;
+        double phase = 0.0;
+        bool holds = false;  ///< under the present offset
+    };
+
+    void forgetAnswers() { answers_.assign(oscillators_.size(), Answer()); }
     ModelTime coupledUntil() const {
         return static_cast<ModelTime>(coupling_steps_) * coupling_period_;
     }
@@ -127,6 +141,7 @@ private:
     std::vector<Oscillator> oscillators_;
     std::unordered_map<std::uint32_t, std::size_t> index_;  ///< id to position, never walked
     std::vector<double> phase_offsets_;
+    mutable std::vector<Answer> answers_;                  ///< by position
     std::vector<std::vector<std::uint32_t>> memberships_;  ///< positions, per neuron
     std::vector<OscillatorCoupling> couplings_;
     std::vector<Pull> pulls_;           ///< one per coupling

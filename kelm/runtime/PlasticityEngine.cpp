@@ -15,6 +15,9 @@ namespace {
 
 constexpr BlobTag format_tag("KELMPLS1");
 
+/// As many as a processor fetches at once without losing some.
+constexpr std::size_t prefetched_synapses = 16;
+
 void requireTraces(const TraceConfig& trace) {
     if (trace.tau_pre < 1 || trace.tau_post < 1 || trace.tau_coincidence < 1) {
         throw InvalidPlasticity(InvalidPlasticity::windows);
@@ -93,6 +96,16 @@ double PlasticityEngine::phaseOf(NodeId neuron, ModelTime time) const {
     return bank_ == nullptr ? 0.0 : bank_->firstPhase(neuron, time);
 }
 
+/// At the head of each block of a neuron's synapses, asks for the traces at their other ends, which
+/// lie anywhere: one wait for many of them, instead of one each.
+void PlasticityEngine::prefetchPartners(const SynapseGraph& graph, std::span<const EdgeId> ids,
+                                        std::size_t place, NodeId Synapse::*end) const {
+    if (place % prefetched_synapses != 0) return;
+    for (const EdgeId id : ids.subspan(place, std::min(prefetched_synapses, ids.size() - place))) {
+        __builtin_prefetch(&traces_[graph.edge(id).*end], 1);
+    }
+}
+
 void PlasticityEngine::processSpike(const SpikeRecord& spike, SynapseGraph& graph) {
     const auto [time, neuron] = spike;
     SpikeTrace& own = traces_[neuron];
@@ -103,23 +116,27 @@ void PlasticityEngine::processSpike(const SpikeRecord& spike, SynapseGraph& grap
         own.coincidence += 1.0;
     }
     const double phase = phaseOf(neuron, time);
-    for (const EdgeId id : graph.outgoing(neuron)) {
-        const Synapse& synapse = graph.edge(id);
+    const auto outgoing = graph.outgoing(neuron);
+    for (std::size_t i = 0; i < outgoing.size(); ++i) {
+        prefetchPartners(graph, outgoing, i, &Synapse::target);
+        const Synapse& synapse = graph.edge(outgoing[i]);
         if (!synapse.enabled) continue;
         SpikeTrace& other = traces_[synapse.target];
         advance(other, time);
         const bool product = ruleOf(synapse).kind == PlasticityRuleKind::coincidence;
         const double factor = product ? own.coincidence * other.coincidence : other.post;
-        propose(id, synapse, time, PlasticitySide::source, factor, phase);
+        propose(outgoing[i], synapse, time, PlasticitySide::source, factor, phase);
     }
-    for (const EdgeId id : graph.incoming(neuron)) {
-        const Synapse& synapse = graph.edge(id);
+    const auto incoming = graph.incoming(neuron);
+    for (std::size_t i = 0; i < incoming.size(); ++i) {
+        prefetchPartners(graph, incoming, i, &Synapse::source);
+        const Synapse& synapse = graph.edge(incoming[i]);
         if (!synapse.enabled) continue;
         SpikeTrace& other = traces_[synapse.source];
         advance(other, time);
         const bool product = ruleOf(synapse).kind == PlasticityRuleKind::coincidence;
         const double factor = product ? own.coincidence * other.coincidence : other.pre;
-        propose(id, synapse, time, PlasticitySide::target, factor, phase);
+        propose(incoming[i], synapse, time, PlasticitySide::target, factor, phase);
     }
     // Behind the loops: a spike does not pair with itself across a synapse onto its own neuron.
     own.pre += 1.0;

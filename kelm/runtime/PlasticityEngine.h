@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <span>
@@ -9,6 +10,7 @@
 #include "kelm/core/Blob.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/engine/SpikeRecord.h"
+#include "kelm/network/Synapse.h"
 #include "kelm/network/SynapseGraph.h"
 #include "kelm/runtime/PlasticityConfig.h"
 #include "kelm/runtime/WeightChange.h"
@@ -87,6 +89,8 @@ private:
         return synapse.inhibitory ? inhibitory_ : excitatory_;
     }
     void advance(SpikeTrace& trace, ModelTime time) const;
+    void prefetchPartners(const SynapseGraph& graph, std::span<const EdgeId> ids, std::size_t place,
+                          NodeId Synapse::*end) const;
     void processSpike(const SpikeRecord& spike, SynapseGraph& graph);
     void propose(EdgeId edge, const Synapse& synapse, ModelTime time, PlasticitySide side,
                  double factor, double spike_phase);

@@ -125,6 +125,7 @@ bool PredictionBank::restoreState(std::span<const double> precisions,
     reserved_a_ = reserved_a;
     reserved_b_ = reserved_b;
     drive_terms_.assign(channels_.size(), 0.0);
+    ++version_;
     latest_.assign(channels_.size(), std::nullopt);
     for (std::size_t place = 0; place < observations_.size(); ++place) enforce(place);
     return true;
@@ -138,6 +139,7 @@ void PredictionBank::enforce(std::size_t place) {
     const Observation& seen = observations_[place];
     latest_[seen.channel] = place;
     drive_terms_[seen.channel] = seen.weighted_error * channels_[seen.channel].strength;
+    ++version_;
 }
 
 }  // namespace Lumenar::Core::Kelm

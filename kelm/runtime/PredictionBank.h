@@ -39,12 +39,12 @@ static_assert(offsetof(Observation, time) == 40);
 /// predictor record beside it. A channel's index is its place in the order of addition; channels
 /// are never removed. All reports are kept, in the order in which they came. Predictors are stored
 /// and validated, but nothing evaluates them: the reporter supplies the prediction. Views are valid
-/// until the bank is changed.
+/// until the bank is changed. One thread at a time, queries included.
 class PredictionBank {
 public:
     /// A bank without channels, for a network of `neuron_count` neurons.
     explicit PredictionBank(std::uint64_t neuron_count)
-        : channels_of_(neuron_count), bounds_(neuron_count, 0.0) {}
+        : channels_of_(neuron_count), bounds_(neuron_count, 0.0), drives_(neuron_count) {}
 
     /// Adds a channel with an empty predictor and returns its index.
     /// Throws InvalidPrediction, with the bank as it was, for a target outside the network; an
@@ -76,10 +76,10 @@ public:
     /// What the reports so far add to a neuron's drive: the sum, in index order, over the channels
     /// that reach it. 0 for a neuron outside the network.
     double errorDrive(NodeId neuron) const {
-        double sum = 0.0;
-        if (neuron >= channels_of_.size()) return sum;
-        for (const std::size_t channel : channels_of_[neuron]) sum += drive_terms_[channel];
-        return sum;
+        if (neuron >= drives_.size()) return 0.0;
+        Drive& drive = drives_[neuron];
+        if (drive.version != version_) drive = {sumOfTerms(neuron), version_};
+        return drive.sum;
     }
 
     /// An upper bound of a neuron's drive for any report: the sum, in index order, of strength
@@ -107,6 +107,17 @@ public:
                                     double reserved_b);
 
 private:
+    /// A neuron's drive as it was under some version of the reports.
+    struct Drive {
+        double sum = 0.0;
+        std::uint64_t version = 0;  ///< 0: never asked for
+    };
+
+    double sumOfTerms(NodeId neuron) const {
+        double sum = 0.0;
+        for (const std::size_t channel : channels_of_[neuron]) sum += drive_terms_[channel];
+        return sum;
+    }
     void requireChannel(std::size_t index) const;
     /// Puts the observation at `place` in force.
     void enforce(std::size_t place);
@@ -124,6 +135,10 @@ private:
     /// Shape (channels). 0 before the first report, which alters no sum: one that starts at 0.0
     /// never comes to -0.0.
     std::vector<double> drive_terms_;
+    /// Shape (neurons). Summed when a neuron is first asked for after a report: reports are many,
+    /// windows ask for the same sums until the next one.
+    mutable std::vector<Drive> drives_;
+    std::uint64_t version_ = 1;                       ///< of drive_terms_
     std::vector<std::optional<std::size_t>> latest_;  ///< shape (channels): places in observations_
     std::set<std::string> names_;
 };

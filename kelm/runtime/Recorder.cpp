@@ -40,11 +40,11 @@ void Recorder::recordSpikeEvent(NodeId neuron, ModelTime time, Cause cause,
         spike.phases = context.oscillators->neuronPhases(neuron, time);
     }
     if (selects(SampleKind::spike_counts)) {
-        if (neuron >= uncounted_.max_size()) {
+        if (neuron >= counts_.max_size()) {
             throw std::out_of_range("recorder spike neuron is out of range");
         }
-        growUncounted(neuron + 1);
-        uncounted_[neuron].insert(time);
+        growCounts(neuron + 1);
+        uncounted_.push_back({time, neuron});
     }
     if (config_.record_spikes) spikes_.push_back(std::move(spike));
 }
@@ -70,11 +70,8 @@ void Recorder::recordObservation(const Event& event, const SampleContext& contex
     if (selects(SampleKind::active_synapses)) sample.active_synapses = context.active_synapses;
     // Last, because it uses the spikes up.
     if (selects(SampleKind::spike_counts)) {
-        growUncounted(context.neuron_count);
-        sample.spike_counts.reserve(uncounted_.size());
-        for (UncountedSpikes& spikes : uncounted_) {
-            sample.spike_counts.push_back(static_cast<double>(spikes.takeUpTo(event.time)));
-        }
+        growCounts(context.neuron_count);
+        sample.spike_counts = countSpikes(event.time);
     }
     samples_.push_back(std::move(sample));
 }
@@ -98,31 +95,25 @@ void Recorder::restoreState(std::vector<RecordedSpike> spikes, std::vector<Recor
     causes_ = std::move(map);
 }
 
-void Recorder::UncountedSpikes::insert(ModelTime time) {
-    const auto live = times.begin() + static_cast<std::ptrdiff_t>(first);
-    times.insert(std::upper_bound(live, times.end(), time), time);
-}
-
-std::size_t Recorder::UncountedSpikes::takeUpTo(ModelTime time) {
-    const auto live = times.begin() + static_cast<std::ptrdiff_t>(first);
-    const auto taken = static_cast<std::size_t>(std::upper_bound(live, times.end(), time) - live);
-    first += taken;
-    // At least as many die as move, so a time is moved once on average.
-    if (first >= times.size() - first) {
-        times.erase(times.begin(), times.begin() + static_cast<std::ptrdiff_t>(first));
-        first = 0;
-    }
-    return taken;
-}
-
 void Recorder::requireKnown(Cause cause) const {
     if (cause.present && !causes_.contains(cause.id)) {
         throw BrokenCausalTrace(BrokenCausalTrace::unknown_cause);
     }
 }
 
-void Recorder::growUncounted(std::uint64_t neuron_count) {
-    if (uncounted_.size() < neuron_count) uncounted_.resize(neuron_count);
+void Recorder::growCounts(std::uint64_t neuron_count) {
+    if (counts_.size() < neuron_count) counts_.resize(neuron_count);
+}
+
+std::vector<double> Recorder::countSpikes(ModelTime time) {
+    // Before a spike is taken out: memory may run out here.
+    std::vector<double> next(counts_.size());
+    std::erase_if(uncounted_, [&](const SpikeRecord& spike) {
+        if (spike.time > time) return false;
+        counts_[spike.neuron] += 1.0;
+        return true;
+    });
+    return std::exchange(counts_, std::move(next));
 }
 
 }  // namespace Lumenar::Core::Kelm

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kelm/core/ModelTime.h"
+#include "kelm/engine/SpikeRecord.h"
 #include "kelm/events/Event.h"
 #include "kelm/runtime/PhaseSample.h"
 #include "kelm/runtime/RecorderConfig.h"
@@ -104,25 +105,19 @@ public:
                       std::span<const CauseEntry> causes);
 
 private:
-    /// One neuron's spike times that no sample has counted yet, ascending, behind a dead front: to
-    /// erase the front at every sample would move a long tail again and again.
-    struct UncountedSpikes {
-        std::vector<ModelTime> times;
-        std::size_t first = 0;
-
-        void insert(ModelTime time);
-        /// Takes out all times at or before `time` and returns their number.
-        std::size_t takeUpTo(ModelTime time);
-    };
-
     void requireKnown(Cause cause) const;
-    void growUncounted(std::uint64_t neuron_count);
+    void growCounts(std::uint64_t neuron_count);
+    /// The spike counts of a sample at `time` ns: takes out the uncounted spikes up to then.
+    std::vector<double> countSpikes(ModelTime time);
 
     RecorderConfig config_;
     std::uint32_t selected_ = 0;  ///< a bit per SampleKind
     std::vector<RecordedSpike> spikes_;
     std::vector<RecordedSample> samples_;
-    std::vector<UncountedSpikes> uncounted_;  ///< shape (neurons seen); for spike counts alone
+    // For spike counts alone. One list, and not one a neuron, each of which would ask for memory: a
+    // sample leaves no more behind than the spikes of its own window.
+    std::vector<SpikeRecord> uncounted_;  ///< spikes that no sample has counted yet
+    std::vector<double> counts_;          ///< shape (neurons seen), all 0: those of the next sample
     std::unordered_map<std::uint64_t, Cause> causes_;
 };
 

@@ -30,31 +30,23 @@ namespace Emulation = Device::Emulation;
 /// the models; they hold on either backend, and on the device in any thread order.
 class FeatureGatesTest : public EmulatedDeviceTest {
 protected:
+    /// Gives `check` a maker of runtimes on each backend in turn.
     template <class Check>
-    void onEachBackend(Check check) {
+    static void onEachBackend(Check check) {
+        CpuWindowBackend cpu;
         CudaWindowBackend cuda;
-        IWindowBackend* const backends[] = {&cpu_, &cuda, &cuda};
+        IWindowBackend* const backends[] = {&cpu, &cuda, &cuda};
         for (std::uint64_t i = 0; i < std::size(backends); ++i) {
             SCOPED_TRACE("backend " + std::to_string(i));
             Emulation::permuteThreads(i);
-            check(backends[i]);
+            check([&](std::uint64_t index, std::uint64_t seed, const PlasticityConfig& plasticity,
+                      auto... parts) {
+                GateModel model = buildModel(index);
+                return makeKelmRuntime(std::move(model.graph), model.neuron, model.firing, seed,
+                                       model.horizon, backends[i], nullptr, plasticity, parts...);
+            });
         }
     }
-
-    /// A runtime for a model of the catalogue.
-    static KelmRuntime make(std::uint64_t index, std::uint64_t seed, IWindowBackend* backend,
-                            const PlasticityConfig& plasticity = {},
-                            std::optional<PhaseConfig> phase = {},
-                            std::optional<RecorderConfig> recorder = {},
-                            std::vector<InputChannelSpec> channels = {},
-                            std::optional<PredictionConfig> prediction = {}) {
-        GateModel model = buildModel(index);
-        return makeKelmRuntime(std::move(model.graph), model.neuron, model.firing, seed,
-                               model.horizon, backend, nullptr, plasticity, std::move(phase),
-                               std::move(recorder), std::move(channels), std::move(prediction));
-    }
-
-    CpuWindowBackend cpu_;
 };
 
 TEST_F(FeatureGatesTest, PassInAnyThreadOrderAndPassOnWhatTheDeviceThrows) {
@@ -79,8 +71,8 @@ TEST_F(FeatureGatesTest, PassInAnyThreadOrderAndPassOnWhatTheDeviceThrows) {
 }
 
 TEST_F(FeatureGatesTest, AKnownCheckpointInTheMiddleOfARun) {
-    onEachBackend([](IWindowBackend* backend) {
-        KelmRuntime runtime = make(0, 1, backend);
+    onEachBackend([](auto make) {
+        KelmRuntime runtime = make(0, 1, {});
         runtime.run(10'000'000);
         const BlobLayout layout(runtime.checkpoint(), BlobLayout::Format::checkpoint);
         EXPECT_EQ(layout.bytes().size(), 2155);
@@ -98,10 +90,10 @@ TEST_F(FeatureGatesTest, KnownPlasticRuns) {
     config.excitatory = {PlasticityRuleKind::pair, 0.01, 0.012, 0.01, 1.0};
     config.inhibitory = config.excitatory;
     config.enabled = true;
-    onEachBackend([&](IWindowBackend* backend) {
+    onEachBackend([&](auto make) {
         for (const std::uint64_t model : {0U, 3U}) {
             SCOPED_TRACE("model " + std::to_string(model));
-            KelmRuntime runtime = make(model, 1, backend, config);
+            KelmRuntime runtime = make(model, 1, config);
             runtime.run();
             double total_change = 0.0;
             for (const JournalEntry& entry : runtime.learningControl()->journal()) {
@@ -120,20 +112,18 @@ TEST_F(FeatureGatesTest, KnownPlasticRuns) {
 
 TEST_F(FeatureGatesTest, KnownPhaseRuns) {
     struct Case {
-        std::uint64_t model;
-        std::uint64_t seed;
-        std::uint64_t hash;
+        std::uint64_t model, seed, hash;
         WindowProfile profile;
     };
     for (const Case& c : {Case{0, 1, 0x61c1834374b393d0, {20, 121, 43, 23, 21}},
                           Case{3, 2, 0x4e0d95644998eaef, {20, 348, 234, 48, 48}}}) {
         SCOPED_TRACE("phase model " + std::to_string(c.model));
-        onEachBackend([&](IWindowBackend* backend) {
+        onEachBackend([&](auto make) {
             PhaseConfig phase{{{0, static_cast<double>(c.model) + 7.0, 0.2, 1.0}}, {}, {}, 0};
             for (std::uint64_t i = 0; i < buildModel(c.model).graph.nodeCount(); ++i) {
                 phase.bindings.push_back({{0, 0, static_cast<double>(i % 3) * 0.03 + 0.2, 0.1}});
             }
-            KelmRuntime runtime = make(c.model, c.seed, backend, {}, phase);
+            KelmRuntime runtime = make(c.model, c.seed, {}, std::optional(phase));
             runtime.run();
             EXPECT_EQ(runtime.spikeLog().size(), c.profile.accepted);
             EXPECT_EQ(runtime.logHash(), c.hash);
@@ -146,10 +136,11 @@ TEST_F(FeatureGatesTest, AKnownComposedRunAndItsCheckpoint) {
     ErrorChannel position{"visual.position", {}, 1.0, 0.6, 1.0};
     position.targets.resize(buildModel(3).graph.nodeCount());
     std::iota(position.targets.begin(), position.targets.end(), NodeId{0});
-    onEachBackend([&](IWindowBackend* backend) {
+    onEachBackend([&](auto make) {
         KelmRuntime runtime = make(
-            3, 7, backend, {}, {}, RecorderConfig{true, true, 2'000'000, {SampleKind::membrane}},
-            {{"vision", 0, {0, 2, 4}, 250'000, 0.8}}, PredictionConfig{{position}, {}});
+            3, 7, {}, std::nullopt, RecorderConfig{true, true, 2'000'000, {SampleKind::membrane}},
+            std::vector{InputChannelSpec{"vision", 0, {0, 2, 4}, 250'000, 0.8}},
+            PredictionConfig{{position}, {}});
         runtime.inject("vision", 3'000'000, 0.5);
         runtime.prediction()->observeValue(0, 1.0, 0.0, 3'000'000);
         runtime.perturb({17, 5'000'000, PerturbationKind::activation, 0.4, {1}});

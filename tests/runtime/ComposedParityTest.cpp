@@ -3,8 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <iterator>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,64 +33,55 @@ protected:
         return outcomes;
     }
 
-    static bool isFinished(const ComposedModel& model, const std::vector<std::string>& outcomes) {
-        return outcomes.back() == "ran to " + std::to_string(model.network.horizon);
-    }
-
     /// Compares two runs that came to the outcomes `left` and `right`. False, with a failure, where
-    /// they differ. Counts what has happened, to show that the models do not idle.
-    bool agree(const ComposedModel& model, KelmRuntime& a, const std::vector<std::string>& left,
-               KelmRuntime& b, const std::vector<std::string>& right) {
+    /// they differ.
+    bool agree(KelmRuntime& a, const std::vector<std::string>& left, KelmRuntime& b,
+               const std::vector<std::string>& right) {
         EXPECT_EQ(left, right);
         EXPECT_NE(left.back(), "KELM hazard upper bound underestimated lambda");
+        EXPECT_EQ(firstDifference(imageOf(a), imageOf(b)), "");
         // A run that has thrown has no checkpoint, and one that nobody watches has another.
-        const bool finished = isFinished(model, left);
-        const bool watched = a.recorder() != nullptr && b.recorder() != nullptr;
-        EXPECT_EQ(
-            finished && watched ? firstDifference(a, b) : firstDifference(imageOf(a), imageOf(b)),
-            "");
-        EXPECT_EQ(a.logHash(), b.logHash());
-        if (finished) {
+        if (left.back().starts_with("ran to ")) {
+            ++finished_;
             EXPECT_EQ(a.plasticity()->snapshot(), b.plasticity()->snapshot());
             EXPECT_EQ(a.learningControl()->snapshot(), b.learningControl()->snapshot());
             EXPECT_EQ(a.oscillators()->snapshot(), b.oscillators()->snapshot());
-            EXPECT_EQ(a.graph().snapshot(), b.graph().snapshot());
+            EXPECT_EQ(b.recorder() != nullptr ? firstDifference(a, b) : "", "");
         }
-        const auto is_refusal = [](const auto& text) { return text.starts_with("KELM event ins"); };
-        const std::uint64_t counts[] = {
-            finished ? 10U : 0U,
-            a.profile().accepted,
-            a.learningControl()->journal().size(),
-            a.recorder()->samples().size(),
-            a.learningControl()->modulatorHistory().size(),
-            a.oscillators()->couplingSteps(),
-            10U * static_cast<std::uint64_t>(std::ranges::count_if(left, is_refusal))};
-        for (std::size_t i = 0; i < std::size(counts); ++i) totals_[i] += counts[i];
+        for (const std::string& text : left) refusals_ += text.starts_with("KELM event inserted");
+        happenings_[0] += a.profile().accepted;
+        happenings_[1] += a.learningControl()->journal().size();
+        happenings_[2] += a.recorder()->samples().size();
+        happenings_[3] += a.learningControl()->modulatorHistory().size();
+        happenings_[4] += a.oscillators()->couplingSteps();
         return !HasFailure();
     }
 
+    /// The models must not idle.
     void expectLively() const {
-        const std::uint64_t least[] = {9, 20, 20, 5, 1, 5, 1};
-        for (std::size_t i = 0; i < std::size(least); ++i) {
-            EXPECT_GT(totals_[i], least[i] * seeds) << "count " << i;
-        }
+        EXPECT_GT(10 * finished_, 9 * seeds);
+        EXPECT_GT(10 * refusals_, seeds);
+        for (const std::uint64_t count : happenings_) EXPECT_GT(count, 5 * seeds);
     }
 
-    static constexpr std::uint64_t seeds = 120;
+    static constexpr std::uint64_t seeds = 150;
     CpuWindowBackend cpu_;
     CudaWindowBackend cuda_;
-    std::uint64_t totals_[7] = {};
+    std::uint64_t finished_ = 0, refusals_ = 0;
+    std::uint64_t happenings_[5] = {};
 };
 
-TEST_F(ComposedParityTest, HoldsBetweenTheBackendsInAnyThreadOrder) {
+TEST_F(ComposedParityTest, HoldsBetweenTheBackendsInAnyThreadOrderAndWithoutAWatcher) {
     for (std::uint64_t seed = 1; seed <= seeds; ++seed) {
         SCOPED_TRACE("composed model seed " + std::to_string(seed));
         Emulation::permuteThreads(seed % 4 == 0 ? std::nullopt : std::optional(seed));
         const ComposedModel model = generateComposedModel(seed);
         const auto reference = model.build(cpu_);
         const auto device = model.build(cuda_);
+        const auto unwatched = model.build(cpu_, false);
         const std::vector<std::string> outcomes = runWhole(model, *reference);
-        if (!agree(model, *reference, outcomes, *device, runWhole(model, *device))) break;
+        if (!agree(*reference, outcomes, *device, runWhole(model, *device))) break;
+        if (!agree(*reference, outcomes, *unwatched, runWhole(model, *unwatched))) break;
     }
     expectLively();
 }
@@ -141,22 +131,10 @@ TEST_F(ComposedParityTest, HoldsBetweenARunAtOnceAndOneThatFreshObjectsCarryOn) 
             }
             if (!model.perform(step, step + 1, *pieces, pieced)) break;
         }
-        if (!agree(model, *whole, outcomes, *pieces, pieced)) break;
+        if (!agree(*whole, outcomes, *pieces, pieced)) break;
     }
     expectLively();
     EXPECT_GT(cuts, 3 * seeds);
-}
-
-TEST_F(ComposedParityTest, HoldsBetweenARunThatIsWatchedAndOneThatIsNot) {
-    for (std::uint64_t seed = 2001; seed <= 2000 + seeds; ++seed) {
-        SCOPED_TRACE("composed model seed " + std::to_string(seed));
-        const ComposedModel model = generateComposedModel(seed);
-        const auto watched = model.build(cpu_);
-        const auto unwatched = model.build(cpu_, false);
-        const std::vector<std::string> outcomes = runWhole(model, *watched);
-        if (!agree(model, *watched, outcomes, *unwatched, runWhole(model, *unwatched))) break;
-    }
-    expectLively();
 }
 
 }  // namespace

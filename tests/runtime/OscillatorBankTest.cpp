@@ -418,6 +418,31 @@ TEST(OscillatorBlob, CarriesARunOverToABankOfTheSameConfiguration) {
     }
 }
 
+TEST(OscillatorBank, AnswersUnderThePresentOffsetsWhateverWasAskedBefore) {
+    OscillatorBank bank = coupledBank();
+    bank.setCouplingEnabled(true);
+    const Blob start = bank.snapshot();
+    const auto expectPresentPhases = [&] {
+        for (const ModelTime time : {ModelTime{0}, second / 3, second / 3, ModelTime{0}}) {
+            for (std::size_t position = 0; position < bank.oscillators().size(); ++position) {
+                ASSERT_TRUE(sameBits(
+                    bank.phaseOfPosition(position, time),
+                    phaseAt(bank.oscillators()[position], time, bank.phaseOffsets()[position])))
+                    << "oscillator " << position << " at " << time;
+            }
+        }
+    };
+    expectPresentPhases();
+    for (int step = 1; step <= 3; ++step) {
+        SCOPED_TRACE("step " + std::to_string(step));
+        bank.advanceCoupling(step * bank.couplingPeriod());
+        expectPresentPhases();
+    }
+    ASSERT_NE(bank.snapshot(), start);
+    ASSERT_TRUE(bank.restore(start));
+    expectPresentPhases();
+}
+
 TEST(OscillatorBlob, IsRefusedCutShortOrChangedInWhatIsConfiguration) {
     OscillatorBank bank = steppedBank();
     bank.advanceCoupling(second);

@@ -105,17 +105,6 @@ std::string BlobLayout::place(std::size_t offset) const {
     return "behind the last field";
 }
 
-std::vector<Blob> BlobLayout::withForgedCounts(std::string_view name) const {
-    std::vector<Blob> forgeries;
-    const std::uint64_t count = number(name);
-    for (const std::uint64_t forged :
-         {count + 1, count - 1, std::uint64_t{1} << 40, std::uint64_t{1} << 60,
-          (std::uint64_t{1} << 63) + count, ~std::uint64_t{0}}) {
-        forgeries.push_back(withNumberAt(bytes_, begin(name), forged));
-    }
-    return forgeries;
-}
-
 std::string firstCheckpointDifference(const Blob& a, const Blob& b) {
     const auto [at, other] = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
     if (at == a.end() && other == b.end()) return {};

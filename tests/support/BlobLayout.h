@@ -39,8 +39,6 @@ public:
     std::uint64_t number(std::string_view name) const;
     /// "field <name>, byte <offset in it>".
     std::string place(std::size_t offset) const;
-    /// The bytes with that number replaced, by each of those that a forger would try first.
-    std::vector<Blob> withForgedCounts(std::string_view name) const;
 
 private:
     void walk(std::string_view grammar);

@@ -28,19 +28,15 @@ public:
         : model_(model), draws_(~model.network.seed), max_stops_(max_stops) {}
 
     void generate() {
-        model_.config_id = draws_.next();
-        model_.label = "composed " + std::to_string(model_.network.seed);
         model_.gate_period = windows(0.5, 4.0);
         model_.has_third_factor = draws_.oneIn(3);
         generatePlasticity();
         generatePhase();
         const ModelTime interval = draws_.oneIn(4) ? dMin() : windows(0.3, 3.0);
-        model_.recorder = {
-            !draws_.oneIn(5),
-            !draws_.oneIn(4),
-            interval,
-            {SampleKind::membrane, SampleKind::oscillator_phases, SampleKind::active_synapses,
-             SampleKind::adaptation, SampleKind::refractory_left, SampleKind::next_candidate}};
+        model_.recorder = {!draws_.oneIn(5), !draws_.oneIn(4), interval, {}};
+        for (int i = 0; i < 6; ++i) {
+            model_.recorder.sample_kinds.push_back(static_cast<SampleKind>(i));
+        }
         generateChannels();
         generateSettings();
         generateSteps();
@@ -131,27 +127,20 @@ private:
     }
     /// An action without an answer.
     void set(std::function<void(KelmRuntime&)> action) {
-        act([action = std::move(action)](KelmRuntime& runtime) {
-            action(runtime);
-            return std::string("done");
-        });
+        act([=](KelmRuntime& runtime) { return action(runtime), "done"; });
     }
 
     /// What is set once, before the run, and travels in checkpoints from there on.
     void generateSettings() {
-        if (!draws_.oneIn(6))
-            set([](KelmRuntime& r) { r.oscillators()->setCouplingEnabled(true); });
-        set([taped = anyNeuron()](KelmRuntime& r) {
+        const bool coupled = !draws_.oneIn(6);
+        const NodeId taped = anyNeuron();
+        const double cap = draws_.between(0.5, 1.5);
+        set([=, grouped = someNeurons()](KelmRuntime& r) {
+            r.oscillators()->setCouplingEnabled(coupled);
             r.randomStreams().record("spontaneous", taped);
-        });
-        set([cap = draws_.between(0.5, 1.5)](KelmRuntime& r) {
             r.learningControl()->setWeightCap(cap);
+            for (const NodeId n : grouped) r.learningControl()->setGroup(n, n % 3 != 0 ? 1 : 0);
         });
-        for (const NodeId n : someNeurons()) {
-            set([n](KelmRuntime& r) {
-                r.learningControl()->setGroup(n, static_cast<std::uint32_t>(n % 3));
-            });
-        }
         setLearning();
     }
 
@@ -199,29 +188,27 @@ private:
     void inject(ModelTime now) {
         const std::string name = model_.channels[draws_.below(model_.channels.size())].name;
         const ModelTime time = momentNear(now);
-        const double value = draws_.between(-1.5, 1.5);
-        act([=](KelmRuntime& runtime) { return text(runtime.inject(name, time, value)); });
+        act([=, value = draws_.between(-1.5, 1.5)](KelmRuntime& runtime) {
+            return text(runtime.inject(name, time, value));
+        });
     }
 
     void report(ModelTime now) {
         const std::size_t channel = draws_.below(model_.prediction.channels.size());
         const double precision = draws_.between(0.0, 3.0);
-        if (draws_.oneIn(5)) {
-            set([=](KelmRuntime& r) { r.prediction()->setPrecision(channel, precision); });
-        }
         const double observed = draws_.between(-2.0, 2.0);
-        const double predicted = draws_.between(-2.0, 2.0);
-        set([=](KelmRuntime& runtime) {
-            runtime.prediction()->observeValue(channel, observed, predicted, now);
+        set([=, is_new = draws_.oneIn(5)](KelmRuntime& runtime) {
+            if (is_new) runtime.prediction()->setPrecision(channel, precision);
+            runtime.prediction()->observeValue(channel, observed, -0.5, now);
         });
     }
 
     void perturb(ModelTime now) {
-        Perturbation perturbation{draws_.next(), momentNear(now),
-                                  static_cast<PerturbationKind>(draws_.below(2)),
-                                  draws_.between(-1.0, 1.5), someNeurons()};
-        if (draws_.oneIn(8)) perturbation.targets.push_back(model_.network.node_count);
-        act([=](KelmRuntime& runtime) { return text(runtime.perturb(perturbation)); });
+        Perturbation hit{draws_.next(), momentNear(now),
+                         static_cast<PerturbationKind>(draws_.below(2)), draws_.between(-1.0, 1.5),
+                         someNeurons()};
+        if (draws_.oneIn(8)) hit.targets.push_back(model_.network.node_count);
+        act([=](KelmRuntime& runtime) { return text(runtime.perturb(hit)); });
     }
 
     void intervene(ModelTime) {
@@ -283,7 +270,7 @@ std::unique_ptr<KelmRuntime> ComposedModel::build(IWindowBackend& backend, bool 
     std::unique_ptr<KelmRuntime> runtime(new KelmRuntime(makeKelmRuntime(
         network.graph(), network.neurons[0], network.firings[0], network.run_seed, network.horizon,
         &backend, nullptr, plasticity, phase, recorded ? std::optional(recorder) : std::nullopt,
-        channels, prediction, config_id, label)));
+        channels, prediction, network.seed, "composed")));
     runtime->oscillators()->setMemberships(memberships);
     runtime->learningControl()->setModulator(
         [period = gate_period](ModelTime window_end) { return window_end / period % 4 != 3; });

@@ -47,11 +47,10 @@ struct ComposedModel {
     std::vector<std::vector<std::uint32_t>> memberships;
     ModelTime gate_period = 0;  ///< ns
     bool has_third_factor = false;
-    std::uint64_t config_id = 0;
-    std::string label;
     std::vector<Step> steps;
 
-    /// A runtime for the model at time 0, with what no checkpoint carries: memberships, the gate
+    /// A runtime for the model at time 0, labelled "composed" and with its seed as configuration
+    /// id; with what no checkpoint carries: memberships, the gate
     /// and, in some models, a third factor of learning. Without `recorded` nobody looks on, which
     /// is to change nothing else.
     std::unique_ptr<KelmRuntime> build(IWindowBackend& backend, bool recorded = true) const;

@@ -1,0 +1,28 @@
+#include "bench/runtime/AllocationCount.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+std::uint64_t count = 0;  // runs have one thread
+
+}  // namespace
+
+// The other forms of the library end in these.
+void* operator new(std::size_t size) {
+    ++count;
+    if (void* memory = std::malloc(size != 0 ? size : 1)) return memory;
+    throw std::bad_alloc();
+}
+
+void operator delete(void* memory) noexcept { std::free(memory); }
+
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
+namespace Lumenar::Core::Kelm {
+
+std::uint64_t allocationCount() { return count; }
+
+}  // namespace Lumenar::Core::Kelm

@@ -1,0 +1,98 @@
+#include "bench/runtime/WorkRecorder.h"
+
+#include <bit>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+#include "bench/runtime/Figures.h"
+#include "kelm/core/SplitMix64.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+template <class Record>
+bool equalBytes(const Record& a, const Record& b) {
+    return std::memcmp(&a, &b, sizeof(Record)) == 0;
+}
+
+void computeAll(std::span<const WindowWork> work, const Kernel::WindowEvent* events,
+                ModelTime window_end, ModelTime horizon, Kernel::WindowResult* results) {
+    for (std::size_t i = 0; i < work.size(); ++i) {
+        results[i] = Kernel::processWindow(work[i], events, window_end, horizon);
+    }
+}
+
+}  // namespace
+
+void WorkRecorder::processWindow(const std::span<const WindowWork>& work,
+                                 const std::span<const Kernel::WindowEvent>& events,
+                                 ModelTime window_end, ModelTime horizon,
+                                 const Kernel::Neuron& neuron, const Kernel::Firing& firing,
+                                 const std::span<Kernel::WindowResult>& results) {
+    neuron_ = neuron;
+    firing_ = firing;
+    horizon_ = horizon;
+    Window window{window_end, {}, {events.begin(), events.end()}};
+    window.items.reserve(work.size());
+    for (const WindowWork& item : work) {
+        if (!equalBytes(item.parameters, neuron) || !equalBytes(item.firing, firing) ||
+            !equalBytes(item.drive, PhaseDrive())) {
+            throw std::runtime_error("only work of equal neurons without a drive is recorded");
+        }
+        window.items.push_back({item.state, item.rng, item.pending_time, item.pending_bound,
+                                item.first_event, item.event_count});
+    }
+    windows_.push_back(std::move(window));
+    computeAll(work, events.data(), window_end, horizon, results.data());
+    sum_ = mix(sum_, results);
+}
+
+std::uint64_t WorkRecorder::itemCount() const {
+    std::uint64_t count = 0;
+    for (const Window& window : windows_) count += window.items.size();
+    return count;
+}
+
+double WorkRecorder::replay() const {
+    std::vector<WindowWork> work;
+    std::vector<Kernel::WindowEvent> events;
+    std::vector<Kernel::WindowResult> results;
+    std::uint64_t sum = 0;
+    double seconds = 0.0;
+    for (const Window& window : windows_) {
+        events.assign(window.events.begin(), window.events.end());
+        work.clear();
+        for (const Item& item : window.items) {
+            WindowWork& entry = work.emplace_back();
+            entry.state = item.state;
+            entry.parameters = neuron_;
+            entry.firing = firing_;
+            entry.rng = item.rng;
+            entry.pending_time = item.pending_time;
+            entry.pending_bound = item.pending_bound;
+            entry.first_event = item.first_event;
+            entry.event_count = item.event_count;
+        }
+        if (results.size() < work.size()) results.resize(work.size());
+        const double start = processorSeconds();
+        computeAll(work, events.data(), window.end, horizon_, results.data());
+        seconds += processorSeconds() - start;
+        sum = mix(sum, {results.data(), work.size()});
+    }
+    if (sum != sum_) throw std::runtime_error("a replay differs from its run");
+    return seconds;
+}
+
+/// Any difference between two walks reaches the generator's state, the candidate or the membrane.
+std::uint64_t WorkRecorder::mix(std::uint64_t sum, std::span<const Kernel::WindowResult> results) {
+    for (const Kernel::WindowResult& result : results) {
+        sum = splitmixOutput(sum ^ result.rng);
+        sum = splitmixOutput(sum ^ static_cast<std::uint64_t>(result.next_candidate));
+        sum = splitmixOutput(sum ^ std::bit_cast<std::uint64_t>(result.state.membrane));
+    }
+    return sum;
+}
+
+}  // namespace Lumenar::Core::Kelm
