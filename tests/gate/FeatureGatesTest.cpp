@@ -74,7 +74,7 @@ TEST_F(FeatureGatesTest, AKnownCheckpointInTheMiddleOfARun) {
     onEachBackend([](auto make) {
         KelmRuntime runtime = make(0, 1, {});
         runtime.run(10'000'000);
-        const BlobLayout layout(runtime.checkpoint(), BlobLayout::Format::checkpoint);
+        const BlobLayout layout(runtime.checkpoint());
         EXPECT_EQ(layout.bytes().size(), 2155);
         EXPECT_EQ(layout.number("position"), 10'000'000);
         EXPECT_EQ(layout.number("commit count"), 10);
@@ -149,7 +149,7 @@ TEST_F(FeatureGatesTest, AKnownComposedRunAndItsCheckpoint) {
         EXPECT_EQ(runtime.logHash(), 0x1d0bf4ccc12d586e);
         EXPECT_EQ(runtime.profile(), (WindowProfile{20, 272, 285, 61, 57}));
 
-        const BlobLayout layout(runtime.checkpoint(), BlobLayout::Format::checkpoint);
+        const BlobLayout layout(runtime.checkpoint());
         EXPECT_EQ(layout.bytes().size(), 8964);
         const std::pair<const char*, std::uint64_t> counts[] = {
             {"spikes", 57},  {"samples", 9},      {"causes", 9},

@@ -66,23 +66,19 @@ void BlobLayout::walk(std::string_view grammar) {
     }
 }
 
-BlobLayout::BlobLayout(Blob bytes, Format format) : bytes_(std::move(bytes)) {
-    const bool is_checkpoint = format == Format::checkpoint;
-    if (is_checkpoint) {
-        walk("magic:8;engine version:*1;label:*1;config id:8;seed:8;position:8;engine:8;");
-    }
-    walk("tag:8;states:*40;random:*1;");
+BlobLayout::BlobLayout(Blob checkpoint) : bytes_(std::move(checkpoint)) {
+    walk(
+        "magic:8;engine version:*1;label:*1;config id:8;seed:8;position:8;engine:8;tag:8;"
+        "states:*40;random:*1;");
     walk("candidates:" + std::to_string(24 * number("states")) + ";");
-    walk("log:*16;profile:40;graph:*1;moments:*64;moment cursor:8;store:*1;");
-    if (is_checkpoint) {
-        walk(
-            "plasticity:*1;learning:*1;oscillators:*1;phase log:*(16 *16);spikes:*(20 *16 ?8);"
-            "samples:*(8 *8 *8 8);causes:*(8 ?8);channels:*41;precisions:*8;");
-        if (number("precisions") != 0) walk("observations:*48;reserved pair:16;");
-        walk(
-            "gains:72;switches:9;intervention log:*8;commit count:8;extension tag:8;"
-            "extension:*(*8 *8 *8 *8);");
-    }
+    walk(
+        "log:*16;profile:40;graph:*1;moments:*64;moment cursor:8;store:*1;plasticity:*1;"
+        "learning:*1;oscillators:*1;phase log:*(16 *16);spikes:*(20 *16 ?8);"
+        "samples:*(8 *8 *8 8);causes:*(8 ?8);channels:*41;precisions:*8;");
+    if (number("precisions") != 0) walk("observations:*48;reserved pair:16;");
+    walk(
+        "gains:72;switches:9;intervention log:*8;commit count:8;extension tag:8;"
+        "extension:*(*8 *8 *8 *8);");
     if (fields_.back().end != bytes_.size()) throw std::runtime_error("the bytes end too late");
 }
 
@@ -109,8 +105,8 @@ std::string firstCheckpointDifference(const Blob& a, const Blob& b) {
     const auto [at, other] = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
     if (at == a.end() && other == b.end()) return {};
     const auto offset = static_cast<std::size_t>(at - a.begin());
-    return BlobLayout(a, BlobLayout::Format::checkpoint).place(offset) + " (" +
-           std::to_string(a.size()) + " vs " + std::to_string(b.size()) + " bytes in all)";
+    return BlobLayout(a).place(offset) + " (" + std::to_string(a.size()) + " vs " +
+           std::to_string(b.size()) + " bytes in all)";
 }
 
 }  // namespace Lumenar::Core::Kelm::Testing

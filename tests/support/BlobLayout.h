@@ -22,13 +22,11 @@ public:
         std::size_t end;
     };
 
-    enum class Format { engine, checkpoint };
-
     BlobLayout() = default;
-    /// Of an engine's snapshot or a runtime's checkpoint, which has the fields of the engine's in
-    /// place; a prediction bank has at least one error channel. Throws std::runtime_error for bytes
-    /// that end too early or too late.
-    BlobLayout(Blob bytes, Format format);
+    /// Of a runtime's checkpoint, with the fields of the engine's snapshot in place; a prediction
+    /// bank has at least one error channel. Throws std::runtime_error for bytes that end too early
+    /// or too late.
+    explicit BlobLayout(Blob checkpoint);
 
     const Blob& bytes() const { return bytes_; }
     const std::vector<Field>& fields() const { return fields_; }

@@ -230,7 +230,8 @@ private:
         const bool on = draws_.oneIn(2);
         const auto number = static_cast<std::uint32_t>(draws_.below(3));
         const double gain = draws_.between(-2.0, 2.0);
-        const std::uint64_t edge = draws_.next();
+        const std::uint64_t edges = model_.network.synapses.size();
+        const EdgeId edge = edges == 0 ? 0 : draws_.below(edges);
         const std::string channel = model_.channels[0].name;
         const std::function<void(KelmRuntime&)> switches[] = {
             [=](KelmRuntime& r) { r.inputChannels()->setConnected(channel, on); },
@@ -238,18 +239,14 @@ private:
             [=](KelmRuntime& r) { r.learningControl()->setFrozen(number, on); },
             [=](KelmRuntime& r) { r.learningControl()->setGroupEnabled(number, on); },
             [=](KelmRuntime& r) {
-                r.learningControl()->allowOnlyGroups({number, 7, 0});
+                r.learningControl()->allowOnlyGroups(std::vector{number, 7U});
             },
             [=](KelmRuntime& r) { r.learningControl()->allowAllGroups(); },
             [=](KelmRuntime& r) { r.graph().setTransmissionEnabled(number == 0, on); },
-            [=](KelmRuntime& r) {
-                if (const EdgeId count = r.graph().edgeCount())
-                    r.graph().setEnabled(edge % count, on);
-            },
+            [=](KelmRuntime& r) { r.graph().setEnabled(edge, on); },
         };
         const std::uint64_t chosen = draws_.below(std::size(switches) + 1);
-        if (chosen == std::size(switches)) return setLearning();
-        set(switches[chosen]);
+        chosen == std::size(switches) ? setLearning() : set(switches[chosen]);
     }
 
     ComposedModel& model_;
