@@ -2,21 +2,19 @@
 
 #include <algorithm>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "kelm/core/Failures.h"
 #include "kelm/engine/CpuWindowBackend.h"
-#include "kelm/engine/WindowEngine.h"
 #include "kelm/events/BucketEventStore.h"
 #include "tests/engine/ScriptedBackend.h"
 #include "tests/support/Draws.h"
 #include "tests/support/ExpectThrows.h"
 #include "tests/support/GeneratedModel.h"
-#include "tests/support/KeepingObserver.h"
 #include "tests/support/SameBits.h"
 
-// That looking changes nothing is shown by composed runs, watched and unwatched.
+// That looking changes nothing is shown by composed runs, watched and unwatched; that a restored
+// run shows what is left, and nothing twice, by their cuts.
 
 namespace Lumenar::Core::Kelm {
 
@@ -24,16 +22,44 @@ namespace {
 
 using namespace Testing;
 
-/// Adds a constant drive to every item.
-class ConstantDrive : public IWindowPrepare {
+/// Keeps everything that it is shown.
+class KeepingObserver : public IWindowObserver {
 public:
-    explicit ConstantDrive(double value) : value_(value) {}
-    void prepare(ModelTime, ModelTime, std::span<WindowWork> work, SynapseGraph&) override {
-        for (WindowWork& item : work) item.drive.base = item.drive.bound = value_;
+    struct Sight {
+        Event event;
+        std::vector<Kernel::State> states;
+        std::vector<ModelTime> candidate_times;
+    };
+
+    void observe(const Event&, std::span<const Kernel::State>, SynapseGraph&) override {
+        ADD_FAILURE() << "the engine calls the other form";
+    }
+    void observe(const Event& event, std::span<const Kernel::State> states,
+                 std::span<const ModelTime> candidate_times, SynapseGraph&) override {
+        sights.push_back({event,
+                          {states.begin(), states.end()},
+                          {candidate_times.begin(), candidate_times.end()}});
+        if (leaves_after_first != nullptr) leaves_after_first->setHooks(nullptr, nullptr, nullptr);
     }
 
-private:
-    double value_;
+    std::vector<Sight> sights;
+    WindowEngine* leaves_after_first = nullptr;
+};
+
+/// An observation at `time` ns.
+Event observationAt(ModelTime time) {
+    Event event;
+    event.time = time;
+    event.kind = EventKind::observation;
+    return event;
+}
+
+/// Adds a constant drive to every item.
+struct ConstantDrive : IWindowPrepare {
+    void prepare(ModelTime, ModelTime, std::span<WindowWork> work, SynapseGraph&) override {
+        for (WindowWork& item : work) item.drive.base = item.drive.bound = value;
+    }
+    double value = 0.25;
 };
 
 /// Two silent neurons without leak in windows of 10 ns: the membrane of neuron 0 counts its inputs,
@@ -54,14 +80,9 @@ protected:
         for (const ModelTime time : times) engine.declareObserverEvent(observationAt(time));
     }
 
-    static Kernel::Neuron countingNeuron() {
-        Kernel::Neuron neuron;
-        neuron.non_leaky = true;
-        return neuron;
-    }
-
     KeepingObserver observer;
-    WindowEngine engine{SynapseGraph(2, 10, {}), countingNeuron(), Kernel::Firing{0.0}, 1, 100};
+    WindowEngine engine{SynapseGraph(2, 10, {}), Kernel::Neuron{.non_leaky = true},
+                        Kernel::Firing{.base_rate = 0.0}, 1, 100};
     CpuWindowBackend cpu;
 };
 
@@ -73,9 +94,10 @@ TEST_F(ObservationTest, ShowsEachDeclaredMomentOnceAsOfItsTime) {
     declare(times);
     engine.run(cpu);
     engine.run(cpu);
-    ASSERT_EQ(observer.times, times);
+    ASSERT_EQ(observer.sights.size(), times.size());
     for (std::size_t i = 0; i < times.size(); ++i) {
         const KeepingObserver::Sight& sight = observer.sights[i];
+        EXPECT_EQ(sight.event.time, times[i]);
         EXPECT_EQ(sight.states[0].membrane, inputs[i]) << "at " << times[i];
         for (NodeId n = 0; n < 2; ++n) EXPECT_EQ(sight.states[n].last_update, times[i]);
         EXPECT_EQ(sight.candidate_times, (std::vector<ModelTime>{no_time, no_time}));
@@ -86,23 +108,23 @@ TEST_F(ObservationTest, ShowsEachDeclaredMomentOnceAsOfItsTime) {
 }
 
 TEST_F(ObservationTest, ComesInOrderOfTimeAndThenOfDeclaration) {
-    std::uint64_t index = 0;
+    const std::uint64_t first_id = 9223372036854775807U;  // above every id of a store
+    Event event = observationAt(0);
+    event.id = 77;
+    event.gap[3] = 1;
     for (const ModelTime time : {18, 5, 18, 50, 5, 18}) {
-        Event event = observationAt(time);
-        event.id = 77;
-        event.cause = 9;
-        event.gap[3] = 1;
-        // Above every id of a store, by order of declaration.
-        EXPECT_EQ(engine.declareObserverEvent(event), 9223372036854775807U + index++);
+        event.time = time;
+        EXPECT_EQ(engine.declareObserverEvent(event), first_id + event.cause);
+        ++event.cause;
     }
     engine.run(cpu);
-    const std::uint64_t order[] = {1, 4, 0, 2, 5, 3};
-    for (std::size_t i = 0; i < 6; ++i) {
-        const Event& event = observer.sights.at(i).event;
-        EXPECT_EQ(event.id, 9223372036854775807U + order[i]);
-        EXPECT_EQ(event.cause, 9);
-        EXPECT_EQ(event.gap[3], 0);
+    std::vector<std::uint64_t> order;
+    for (const KeepingObserver::Sight& sight : observer.sights) {
+        order.push_back(sight.event.cause);
+        EXPECT_EQ(sight.event.id, first_id + order.back());
+        EXPECT_EQ(sight.event.gap[3], 0);
     }
+    EXPECT_EQ(order, (std::vector<std::uint64_t>{1, 4, 0, 2, 5, 3}));
 }
 
 TEST_F(ObservationTest, WaitsForTheRunAndForAnObserver) {
@@ -130,7 +152,7 @@ TEST_F(ObservationTest, WaitsForTheRunAndForAnObserver) {
 }
 
 TEST_F(ObservationTest, MayTakeTheHooksAwayInTheMiddleOfARun) {
-    ConstantDrive driving(0.25);
+    ConstantDrive driving;
     engine.setHooks(&driving, nullptr, &observer);
     observer.leaves_after_first = &engine;
     declare({15, 16});
@@ -140,15 +162,15 @@ TEST_F(ObservationTest, MayTakeTheHooksAwayInTheMiddleOfARun) {
         return quietResult(item);
     });
     engine.run(backend);
-    EXPECT_EQ(observer.times, (std::vector<ModelTime>{15}));
+    EXPECT_EQ(observer.sights.size(), 1);
     // Nothing of the hook's stays in the items.
     EXPECT_EQ(drives, (std::vector<double>{0.25, 0.0}));
 }
 
 TEST_F(ObservationTest, EndsTheRunWhereItsRepetitionBreaksABound) {
     // A backend that lies: it leaves a candidate of far too low a bound pending.
-    WindowEngine hot(SynapseGraph(1, 10, {}), Kernel::Neuron(),
-                     Kernel::Firing{1e8, 4.0, 0.0, 1.0, 1.0, 1e9}, 1, 100);
+    WindowEngine hot(SynapseGraph(1, 10, {}), Kernel::Neuron(), Kernel::Firing{.base_rate = 1e8}, 1,
+                     100);
     hot.setHooks(nullptr, nullptr, &observer);
     ScriptedBackend liar([](const WindowWork& item, const Kernel::WindowEvent*, ModelTime end) {
         Kernel::WindowResult result = quietResult(item);
@@ -175,21 +197,21 @@ TEST_F(ObservationTest, ShowsWhatAnEngineShowsThatStopsAtThatMoment) {
         // In shorter windows several deliveries meet at one instant, whose order is the ids'.
         if (model.d_min < 250'000) continue;
         Draws draws(seed);
-        ConstantDrive driving(draws.oneIn(2) ? 0.0 : 0.4);
+        ConstantDrive driving;
+        if (draws.oneIn(2)) driving.value = 0.0;
         KeepingObserver seen;
         WindowEngine watched = makeEngine(model);
         WindowEngine stopping = makeEngine(model, std::make_unique<BucketEventStore>(1, 4096));
         watched.setHooks(&driving, nullptr, &seen);
         stopping.setHooks(&driving, nullptr, nullptr);
         for (WindowEngine* const each : {&watched, &stopping}) {
-            each->reseedInitialCandidates(std::vector<double>(model.node_count, 0.4));
+            each->reseedInitialCandidates(std::vector<double>(model.node_count, 0.25));
             postInputs(model, *each);
         }
         for (int i = 0; i < 14; ++i) {
-            const ModelTime time = draws.timeBelow(static_cast<std::uint64_t>(model.horizon));
-            const bool at_border = draws.oneIn(4);
-            watched.declareObserverEvent(
-                observationAt(time - (at_border ? time % model.d_min : 0)));
+            ModelTime time = draws.timeBelow(static_cast<std::uint64_t>(model.horizon));
+            if (draws.oneIn(4)) time -= time % model.d_min;
+            watched.declareObserverEvent(observationAt(time));
         }
         try {
             watched.run(cpu);
