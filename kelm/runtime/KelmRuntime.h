@@ -46,9 +46,9 @@ inline constexpr std::string_view engine_version = "2.0.0-beta.1";
 /// composed run is the same bits on every backend.
 ///
 /// Build one with makeKelmRuntime. The engine's hooks refer to the object, so it stays where it
-/// was built: it is neither copied nor moved. Between runs a caller may use its parts, but not set
-/// weights that learning follows behind its back. After a throw out of run it may only be
-/// destroyed. One thread at a time.
+/// was built: it is neither copied nor moved. Between runs a caller may use its parts; learning
+/// takes up a weight that was set in the graph at the synapse's next change. After a throw out of
+/// run it may only be destroyed. One thread at a time.
 class KelmRuntime : private IWindowPrepare, private IWindowCommit, private IWindowObserver {
 public:
     KelmRuntime(const KelmRuntime&) = delete;

@@ -252,6 +252,40 @@ TEST_F(ResidentRunTest, IsDeclinedForAStoreThatWasHandedIn) {
     EXPECT_EQ(device.declined(), 1);
 }
 
+TEST_F(ResidentRunTest, IsDeclinedForAnEngineThatSomebodyLooksAt) {
+    struct Hook final : IWindowCommit {
+        void commit(ModelTime, ModelTime, std::span<const SpikeRecord>, SynapseGraph&) override {}
+    };
+    const ResidentModel model = livelyModel();
+    CudaWindowBackend backend;
+    Hook hook;
+    WindowEngine hooked = model.engine();
+    hooked.setHooks(nullptr, &hook, nullptr);
+    EXPECT_FALSE(tryResidentRunFrom(backend, hooked, 1));
+    WindowEngine observed = model.engine();
+    observed.declareObserverEvent(Event());
+    EXPECT_FALSE(tryResidentRunFrom(backend, observed, 1));
+}
+
+TEST_F(ResidentRunTest, LeavesStreamsThatCandidatesCanBeDrawnFromAnew) {
+    // A run in which nothing happens may still be followed by new first candidates.
+    ResidentModel model = livelyModel();
+    model.firing.base_rate = 1e-6;
+    UnlimitedBackend device;
+    CpuWindowBackend cpu;
+    WindowEngine offered = model.engine();
+    WindowEngine ordinary = model.engine();
+    offered.run(device);
+    ordinary.run(cpu);
+    ASSERT_EQ(device.accepted(), 1);
+    const std::vector<double> bounds(model.node_count, 25.0);
+    offered.reseedInitialCandidates(bounds);
+    ordinary.reseedInitialCandidates(bounds);
+    offered.run(device);
+    ordinary.run(cpu);
+    EXPECT_EQ(firstDifference(imageOf(ordinary), imageOf(offered)), "");
+}
+
 TEST_F(ResidentRunTest, IsDeclinedForNeuronsThatAreEqualInNumberAlone) {
     const ResidentModel model = livelyModel();
     const auto make = [&] {
