@@ -1,6 +1,7 @@
 #include "kelm/cuda/EmulatedDevice.h"
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
@@ -55,13 +56,15 @@ public:
         {
             const std::lock_guard lock(mutex_);
             job_ = {range, launch, thread_count, order, shares};
-            ++generation_;
             running_ = static_cast<unsigned>(threads_.size());
+            ++generation_;
         }
         wake_.notify_all();
         runShare(job_, 0);
+        const auto finished = [&] { return running_ == 0; };
+        if (spinUntil(finished)) return;
         std::unique_lock lock(mutex_);
-        done_.wait(lock, [&] { return running_ == 0; });
+        done_.wait(lock, finished);
     }
 
 private:
@@ -81,25 +84,43 @@ private:
         job.range(job.launch, first, last, job.order);
     }
 
+    /// Launches follow one another within microseconds, less than a sleeping thread takes to wake.
+    template <class Condition>
+    static bool spinUntil(Condition condition) {
+        for (int i = 0; i < spins; ++i) {
+            if (condition()) return true;
+#if defined(__x86_64__)
+            __builtin_ia32_pause();
+#endif
+        }
+        return condition();
+    }
+
     void start() {
         while (threads_.size() + 1 < count_) {
             const auto share = static_cast<unsigned>(threads_.size() + 1);
             // It must not run a launch that ended before it was born.
-            threads_.emplace_back([this, share, seen = generation_] { serve(share, seen); });
+            threads_.emplace_back([this, share, seen = generation_.load()] { serve(share, seen); });
         }
     }
 
     void serve(unsigned share, std::uint64_t seen) {
-        std::unique_lock lock(mutex_);
         while (true) {
-            wake_.wait(lock, [&] { return stopping_ || generation_ != seen; });
-            if (stopping_) return;
-            seen = generation_;
-            const Job job = job_;
-            lock.unlock();
+            const auto called = [&] { return stopping_ || generation_ != seen; };
+            spinUntil(called);
+            Job job;
+            {
+                std::unique_lock lock(mutex_);
+                wake_.wait(lock, called);
+                if (stopping_) return;
+                seen = generation_;
+                job = job_;
+            }
             runShare(job, share);
-            lock.lock();
-            if (--running_ == 0) done_.notify_one();
+            if (--running_ == 0) {
+                const std::lock_guard lock(mutex_);
+                done_.notify_one();
+            }
         }
     }
 
@@ -120,9 +141,11 @@ private:
     std::condition_variable wake_;
     std::condition_variable done_;
     Job job_;
-    std::uint64_t generation_ = 0;
-    unsigned running_ = 0;
-    bool stopping_ = false;
+    std::atomic<std::uint64_t> generation_ = 0;
+    std::atomic<unsigned> running_ = 0;
+    std::atomic<bool> stopping_ = false;
+
+    static constexpr int spins = 4000;
 };
 
 struct Emulator {
