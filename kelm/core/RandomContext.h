@@ -73,6 +73,12 @@ public:
         return stateOf(table, index);
     }
 
+    /// Hints that a stream of the family is asked for soon.
+    void prefetch(Family family, std::uint64_t index) const {
+        const FamilyTable& table = families_[family.place_];
+        if (index < table.dense.size()) __builtin_prefetch(&table.dense[index], 1);
+    }
+
     /// Moves a stream by one step and returns its value, whatever the stream's mode; a tape is
     /// neither read nor written.
     std::uint64_t next(Stream stream);

@@ -340,6 +340,7 @@ void WindowEngine::prefetchCommit(const Window& window, std::size_t item) const 
     const NodeId n = window.work[near].neuron;
     __builtin_prefetch(&states_[n], 1);
     __builtin_prefetch(&candidates_[n], 1);
+    if (calendar_ != nullptr) calendar_->prefetchCandidate(n);
     if (window.results[near].spike_count != 0) graph_.prefetchSynapses(n);
 }
 
@@ -347,6 +348,7 @@ void WindowEngine::prefetchFor(const Window& window, const TargetKey& key) const
     __builtin_prefetch(&window.taken[key.index]);
     __builtin_prefetch(&states_[key.target]);
     __builtin_prefetch(&candidates_[key.target]);
+    random_.prefetch(spontaneous_, key.target);
 }
 
 /// Puts a window's results in force, in ascending NodeId and within a neuron in ascending time. The

@@ -60,6 +60,9 @@ public:
     /// Throws LookaheadViolation as post does; the slot is then without an event.
     void scheduleCandidate(NodeId neuron, ModelTime time, double rate);
 
+    /// Hints that scheduleCandidate for `neuron` comes soon.
+    void prefetchCandidate(NodeId neuron) const { candidates_.prefetch(neuron); }
+
     /// Format "KELMBKT1": tag, d_min (8), bucket_count (8), cursor (8), started (1), next_id (8),
     /// event count (8), then the pending events as images of 64 bytes, by time and id.
     Blob snapshot() override;

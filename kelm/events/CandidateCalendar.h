@@ -39,6 +39,12 @@ public:
 
     std::uint64_t wakeUps() const { return wake_count_; }
 
+    /// Hints that a neuron's candidate is scheduled soon.
+    void prefetch(NodeId neuron) const {
+        __builtin_prefetch(&wake_buckets_[neuron], 1);
+        __builtin_prefetch(&pending_[neuron], 1);
+    }
+
     /// Takes a neuron's candidate back, if it is pending.
     void cancel(NodeId neuron) noexcept {
         pending_count_ -= pending_[neuron];
