@@ -7,6 +7,7 @@
 
 #include "bench/runtime/Figures.h"
 #include "kelm/core/SplitMix64.h"
+#include "kelm/engine/CpuWindowBackend.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -15,13 +16,6 @@ namespace {
 template <class Record>
 bool equalBytes(const Record& a, const Record& b) {
     return std::memcmp(&a, &b, sizeof(Record)) == 0;
-}
-
-void computeAll(std::span<const WindowWork> work, const Kernel::WindowEvent* events,
-                ModelTime window_end, ModelTime horizon, Kernel::WindowResult* results) {
-    for (std::size_t i = 0; i < work.size(); ++i) {
-        results[i] = Kernel::processWindow(work[i], events, window_end, horizon);
-    }
 }
 
 }  // namespace
@@ -45,7 +39,7 @@ void WorkRecorder::processWindow(const std::span<const WindowWork>& work,
                                 item.first_event, item.event_count});
     }
     windows_.push_back(std::move(window));
-    computeAll(work, events.data(), window_end, horizon, results.data());
+    processItems(work, events, window_end, horizon, results);
     sum_ = mix(sum_, results);
 }
 
@@ -77,7 +71,7 @@ double WorkRecorder::replay() const {
         }
         if (results.size() < work.size()) results.resize(work.size());
         const double start = processorSeconds();
-        computeAll(work, events.data(), window.end, horizon_, results.data());
+        processItems(work, events, window.end, horizon_, results);
         seconds += processorSeconds() - start;
         sum = mix(sum, {results.data(), work.size()});
     }

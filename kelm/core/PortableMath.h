@@ -96,42 +96,33 @@ static_assert(bitsOf(c5) == 0x3e21ee9ebdb4b1c4 && bitsOf(c6) == 0x3da8fae9be8838
 
 }  // namespace PortableMathConstants
 
-/// e to the x. Infinity above 709.78, +0.0 below -745.13, a NaN unchanged; within one unit in the
-/// last place of the exact value.
-KELM_HD inline double kernelExp(double x) {
+/// 2 to the k, for a k that a double's exponent can hold.
+KELM_HD constexpr double powerOfTwo(std::int32_t k) {
+    return fromBits(static_cast<std::uint64_t>(k + 1023) << 52);
+}
+
+/// The k with x = k * ln2 + r and |r| at most about ln2 / 2, for a finite x of magnitude pattern
+/// `a`. Selections rather than branches: arguments are as good as random to a processor.
+KELM_HD inline std::int32_t exponentOf(double x, std::uint64_t a) {
     using namespace PortableMathConstants;
-    if (isNan(x)) return x;
-    if (x > exp_overflow) return infinity();
-    if (x < exp_underflow) return 0.0;
-    const std::uint64_t a = bitsOf(x) & 0x7fffffffffffffff;
-    if (a < 0x3e30000000000000) return x + 1.0;
+    constexpr std::uint64_t half = bitsOf(0.5);
+    const double rounding = fromBits(half | (bitsOf(x) & 0x8000000000000000));
+    const auto nearest = static_cast<std::int32_t>(x * inv_ln2 + rounding);
+    const std::int32_t unit = x > 0 ? 1 : -1;
+    const std::int32_t k = a < 0x3ff0a2b200000000 ? unit : nearest;
+    return a > 0x3fd62e4200000000 ? k : 0;
+}
 
-    // x = k * ln2 + r with |r| at most about ln2 / 2.
-    std::int32_t k = 0;
-    double hi = 0.0;
-    double lo = 0.0;
-    double r = x;
-    if (a > 0x3fd62e4200000000) {
-        if (a < 0x3ff0a2b200000000) {
-            if (x > 0) {
-                hi = x - ln2_hi;
-                lo = ln2_lo;
-                k = 1;
-            } else {
-                hi = x + ln2_hi;
-                lo = -ln2_lo;
-                k = -1;
-            }
-        } else {
-            const double half = x > 0 ? 0.5 : -0.5;
-            k = static_cast<std::int32_t>(x * inv_ln2 + half);
-            const double t = static_cast<double>(k);
-            hi = x - t * ln2_hi;
-            lo = t * ln2_lo;
-        }
-        r = hi - lo;
-    }
-
+/// e to the x, divided by 2 to the k: of k = exponentOf(x).
+///
+/// A k of 0 needs no case of its own. The terms with k are then exact zeros, q / (2 - c) is minus
+/// q / (c - 2), and neither is 0 where |x| is at least 2^-28.
+KELM_HD inline double expOfRemainder(double x, std::int32_t k) {
+    using namespace PortableMathConstants;
+    const double t = static_cast<double>(k);
+    const double hi = x - t * ln2_hi;
+    const double lo = t * ln2_lo;
+    const double r = hi - lo;
     const double z = r * r;
     double p = z * e5;
     p = p - e4;
@@ -144,9 +135,18 @@ KELM_HD inline double kernelExp(double x) {
     p = p * z;
     const double c = r - p;
     const double q = c * r;
-    if (k == 0) return 1.0 - (q / (c - 2.0) - r);
-    double y = 1.0 - ((lo - q / (2.0 - c)) - hi);
+    return 1.0 - ((lo - q / (2.0 - c)) - hi);
+}
 
+/// kernelExp of all that is not of ordinary size.
+KELM_HD inline double expOfExtreme(double x, std::uint64_t a) {
+    using namespace PortableMathConstants;
+    if (isNan(x)) return x;
+    if (x > exp_overflow) return infinity();
+    if (x < exp_underflow) return 0.0;
+    if (a < 0x3e30000000000000) return x + 1.0;
+    std::int32_t k = exponentOf(x, a);
+    double y = expOfRemainder(x, k);
     // Results near the ends of the range are scaled in steps that a double's exponent can hold.
     if (k > 1023) {
         y = y * two_1023;
@@ -165,24 +165,27 @@ KELM_HD inline double kernelExp(double x) {
             if (k < -1022) k = -1022;
         }
     }
-    return y * fromBits(static_cast<std::uint64_t>(k + 1023) << 52);
+    return y * powerOfTwo(k);
 }
 
-/// Natural logarithm. Negative infinity for a zero of either sign, the quiet NaN for a negative
-/// number, infinity and NaN unchanged; subnormals are exact arguments like any other.
-KELM_HD inline double kernelLog(double x) {
-    using namespace PortableMathConstants;
-    if (isNan(x)) return x;
-    if (x == 0.0) return -infinity();
-    std::uint64_t bits = bitsOf(x);
-    if (bits >> 63) return quietNan();
-    if (static_cast<std::int32_t>(bits >> 32) >= 0x7ff00000) return x;
+/// e to the x. Infinity above 709.78, +0.0 below -745.13, a NaN unchanged; within one unit in the
+/// last place of the exact value.
+KELM_HD inline double kernelExp(double x) {
+    // One test for the ordinary sizes, 2^-28 to 708, whose results need no scaling in steps.
+    constexpr std::uint64_t least = 0x3e30000000000000;
+    constexpr std::uint64_t end = bitsOf(708.0);
+    const std::uint64_t a = bitsOf(x) & 0x7fffffffffffffff;
+    if (a - least >= end - least) return expOfExtreme(x, a);
+    const std::int32_t k = exponentOf(x, a);
+    return expOfRemainder(x, k) * powerOfTwo(k);
+}
 
-    std::int32_t e = 0;
-    if (static_cast<std::int32_t>(bits >> 32) < 0x100000) {
-        bits = bitsOf(x * two_54);
-        e = -54;
-    }
+/// kernelLog of the positive normal number with pattern `bits` times 2^e.
+///
+/// Behind the series near 1 a k of 0 needs no case of its own: the terms with k are then exact
+/// zeros, and 0 - (a - f) is f - a to the bit.
+KELM_HD inline double logOfNormal(std::uint64_t bits, std::int32_t e) {
+    using namespace PortableMathConstants;
     // x = w * 2^k with w between about sqrt(1/2) and sqrt(2).
     const auto h = static_cast<std::uint32_t>(bits >> 32);
     const std::uint32_t m = h & 0xfffff;
@@ -212,8 +215,20 @@ KELM_HD inline double kernelLog(double x) {
     const double t2 = (((v * l7 + l5) * v + l3) * v + l1) * z;
     const double t1 = ((v * l6 + l4) * v + l2) * v;
     const double remainder = ((t2 + t1) + g) * s;
-    if (k == 0) return f - (g - remainder);
     return d * ln2_hi - ((g - (d * ln2_lo + remainder)) - f);
+}
+
+/// Natural logarithm. Negative infinity for a zero of either sign, the quiet NaN for a negative
+/// number, infinity and NaN unchanged; subnormals are exact arguments like any other.
+KELM_HD inline double kernelLog(double x) {
+    constexpr std::uint64_t least_normal = 0x0010000000000000;
+    const std::uint64_t bits = bitsOf(x);
+    if (bits - least_normal < bitsOf(infinity()) - least_normal) return logOfNormal(bits, 0);
+    if (isNan(x)) return x;
+    if (x == 0.0) return -infinity();
+    if (bits >> 63) return quietNan();
+    if (x == infinity()) return x;
+    return logOfNormal(bitsOf(x * PortableMathConstants::two_54), -54);
 }
 
 /// Sine of x radians. The reduction is one subtraction in double precision, so the error grows

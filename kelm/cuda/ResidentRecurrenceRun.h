@@ -100,6 +100,7 @@ public:
           fanout_(fanout),
           neuron_(neuron),
           firing_(firing),
+          terms_(Kernel::modelTerms(neuron, firing)),
           window_(window),
           horizon_(horizon),
           arena_(arena),
@@ -140,7 +141,8 @@ private:
                   "clear resident fire overflow");
         checkCuda(Device::clear(sections.counters.metrics, 32), "clear resident metrics");
         Device::launch<initializeResidentNeurons>(neuronBlocks(), block_size, node_count_,
-                                                  sections.neurons, neuron_, firing_, horizon_);
+                                                  sections.neurons, neuron_, firing_, terms_,
+                                                  horizon_);
         checkCuda(Device::lastStatus(), "launch resident initialization");
         checkCuda(Device::synchronise(), "synchronise resident initialization");
         return sections;
@@ -191,7 +193,7 @@ private:
             neuronBlocks(), block_size, node_count_, sections_.window_events, arrivals_,
             sections_.target_offsets, sections_.target_counts, sections_.neurons, sections_.results,
             sections_.fanout_counts, sections_.counters, sections_.fire_log, arena_.fire_capacity,
-            window_end, horizon_, neuron_, firing_);
+            window_end, horizon_, neuron_, firing_, terms_);
         checkCuda(Device::lastStatus(), "process resident window");
     }
 
@@ -306,6 +308,7 @@ private:
     std::uint64_t fanout_;
     Kernel::Neuron neuron_;
     Kernel::Firing firing_;
+    Kernel::ModelTerms terms_;
     ModelTime window_;
     ModelTime horizon_;
     ResidentArena arena_;

@@ -32,6 +32,7 @@ public:
           arrivals_(requireSize(node_count_, fanout, source_events, shard_count)),
           neuron_(neuron),
           firing_(firing),
+          terms_(Kernel::modelTerms(neuron, firing)),
           window_end_(window_end),
           horizon_(horizon),
           counts_(shard_count, "alloc shard counts"),
@@ -151,7 +152,7 @@ private:
         Device::launch<processShardTargets>(blocks(), block_size, queue_.data(), events_.data(),
                                             arrivals_, states_.data(), random_.data(),
                                             results_.data(), processed_targets_.data(), window_end_,
-                                            horizon_, neuron_, firing_);
+                                            horizon_, neuron_, firing_, terms_);
         checkCuda(Device::lastStatus(), "launch shard target processing");
         checkCuda(Device::synchronise(), "synchronise shard fan-out");
     }
@@ -184,9 +185,9 @@ private:
             // A target that the network does not have is a fault of the route.
             if (target >= node_count_) throw WindowEngineError(WindowEngineError::shard_routing);
             const Kernel::WindowResult expected = Kernel::processWindow(
-                Kernel::State(), random_states_[target], neuron_, firing_, events.data() + first,
-                static_cast<std::uint32_t>(end - first), window_end_, horizon_, PhaseDrive(),
-                no_time, 0.0);
+                Kernel::State(), random_states_[target], neuron_, firing_, terms_,
+                events.data() + first, static_cast<std::uint32_t>(end - first), window_end_,
+                horizon_, PhaseDrive(), no_time, 0.0);
             if (!samePhysics(expected, results[target])) {
                 throw WindowEngineError(WindowEngineError::shard_physics);
             }
@@ -231,6 +232,7 @@ private:
     std::uint64_t arrivals_;
     Kernel::Neuron neuron_;
     Kernel::Firing firing_;
+    Kernel::ModelTerms terms_;
     ModelTime window_end_;
     ModelTime horizon_;
     FanoutTable table_;

@@ -1,15 +1,38 @@
 #include "kelm/engine/CpuWindowBackend.h"
 
+#include <cstring>
+
 namespace Lumenar::Core::Kelm {
+
+namespace {
+
+/// By their bytes: equal numbers can be other bits, and a NaN equals nothing.
+bool haveEqualParameters(const WindowWork& a, const WindowWork& b) {
+    return std::memcmp(&a.parameters, &b.parameters, sizeof(Kernel::Neuron)) == 0 &&
+           std::memcmp(&a.firing, &b.firing, sizeof(Kernel::Firing)) == 0;
+}
+
+}  // namespace
+
+void processItems(std::span<const WindowWork> work, std::span<const Kernel::WindowEvent> events,
+                  ModelTime window_end, ModelTime horizon,
+                  std::span<Kernel::WindowResult> results) {
+    Kernel::ModelTerms terms;
+    for (std::size_t i = 0; i < work.size(); ++i) {
+        const WindowWork& item = work[i];
+        if (i == 0 || !haveEqualParameters(item, work[i - 1])) {
+            terms = Kernel::modelTerms(item.parameters, item.firing);
+        }
+        results[i] = Kernel::processWindow(item, terms, events.data(), window_end, horizon);
+    }
+}
 
 void CpuWindowBackend::processWindow(const std::span<const WindowWork>& work,
                                      const std::span<const Kernel::WindowEvent>& events,
                                      ModelTime window_end, ModelTime horizon, const Kernel::Neuron&,
                                      const Kernel::Firing&,
                                      const std::span<Kernel::WindowResult>& results) {
-    for (std::size_t i = 0; i < work.size(); ++i) {
-        results[i] = Kernel::processWindow(work[i], events.data(), window_end, horizon);
-    }
+    processItems(work, events, window_end, horizon, results);
 }
 
 bool CpuWindowBackend::tryResidentRun(WindowEngine&) { return false; }

@@ -4,6 +4,11 @@
 
 namespace Lumenar::Core::Kelm {
 
+/// Walks work items one after the other on the calling thread: the reference computation, for
+/// backends on a processor. Arguments as in IWindowBackend::processWindow.
+void processItems(std::span<const WindowWork> work, std::span<const Kernel::WindowEvent> events,
+                  ModelTime window_end, ModelTime horizon, std::span<Kernel::WindowResult> results);
+
 /// The reference backend: the kernel in a loop on the calling thread. It holds no state, so one
 /// object may serve any number of engines, one after the other.
 class CpuWindowBackend final : public IWindowBackend {

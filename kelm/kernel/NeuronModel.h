@@ -83,6 +83,34 @@ static_assert(offsetof(Firing, max_rate) == 40);
 static_assert(offsetof(Firing, spare_flag) == 48);
 static_assert(offsetof(Firing, gap) == 49);
 
+/// What follows from a neuron's parameters alone: computed once for any number of walks of neurons
+/// with these parameters.
+struct ModelTerms {
+    bool silent = true;                ///< no hazard, whatever the drive
+    bool membrane_falls = false;       ///< a positive membrane trace decays
+    double rate = 0.0;                 ///< spikes/s; hazard at zero net drive less threshold
+    double cap = 0.0;                  ///< largest exponent of the hazard
+    double margin = 0.0;               ///< of a drive's bound, for traces clipped later
+    double membrane_constant = 0.0;    ///< 1/ns
+    double adaptation_constant = 0.0;  ///< 1/ns
+    double constant_difference = 0.0;  ///< 1/ns, of the two
+};
+
+KELM_HD inline ModelTerms modelTerms(const Neuron& neuron, const Firing& firing) {
+    ModelTerms terms;
+    terms.silent = firing.base_rate == 0 || firing.rate_scale == 0;
+    terms.rate = firing.base_rate * firing.rate_scale;
+    terms.cap = terms.silent ? 0.0 : kernelLog(firing.max_rate / terms.rate);
+    // Each trace may be clipped by up to epsilon later than the bound saw it.
+    const double twice = (firing.adaptation_weight + 1.0) + (firing.adaptation_weight + 1.0);
+    terms.margin = twice * neuron.trace_epsilon;
+    terms.membrane_constant = 1.0 / static_cast<double>(neuron.tau_membrane);
+    terms.adaptation_constant = 1.0 / static_cast<double>(neuron.tau_adaptation);
+    terms.constant_difference = terms.membrane_constant - terms.adaptation_constant;
+    terms.membrane_falls = !neuron.non_leaky && neuron.tau_membrane > 0;
+    return terms;
+}
+
 /// Elapsed ns as a decay sees them. Both ends are rounded before the subtraction: past 2^53 ns
 /// the exact difference would round differently.
 KELM_HD inline double decayInterval(ModelTime from, ModelTime to) {
@@ -111,12 +139,16 @@ KELM_HD inline Traces tracesAfter(const State& state, const Neuron& neuron, doub
             decayTrace(state.adaptation, interval, neuron.tau_adaptation, neuron.trace_epsilon)};
 }
 
-/// Moves both traces, and last_update, to `time` in ns.
-KELM_HD inline void advanceTraces(State& state, const Neuron& neuron, ModelTime time) {
-    const Traces traces = tracesAfter(state, neuron, decayInterval(state.last_update, time));
+/// Puts traces that hold at `time` ns into the state.
+KELM_HD inline void setTraces(State& state, const Traces& traces, ModelTime time) {
     state.membrane = traces.membrane;
     state.adaptation = traces.adaptation;
     state.last_update = time;
+}
+
+/// Moves both traces, and last_update, to `time` in ns.
+KELM_HD inline void advanceTraces(State& state, const Neuron& neuron, ModelTime time) {
+    setTraces(state, tracesAfter(state, neuron, decayInterval(state.last_update, time)), time);
 }
 
 /// The traces' part of the net drive at `time` ns; the state stays as it is.
@@ -129,24 +161,30 @@ KELM_HD inline double netDriveAt(const State& state, const Neuron& neuron, const
 
 /// The hazard in spikes/s for a net drive less threshold of `x`: an exponential escape rate. The
 /// ceiling acts on the exponent, so the hazard at the ceiling can miss max_rate in the last places.
-KELM_HD inline double hazardOf(const Firing& firing, double x) {
-    if (firing.base_rate == 0) return 0.0;
-    if (firing.rate_scale == 0) return 0.0;
-    const double rate = firing.base_rate * firing.rate_scale;
+KELM_HD inline double hazardOf(const Firing& firing, const ModelTerms& terms, double x) {
+    if (terms.silent) return 0.0;
     const double exponent = x * firing.gain;
-    const double cap = kernelLog(firing.max_rate / rate);
     // A comparison, not a library minimum: a NaN operand settles in favour of the cap.
-    return kernelExp(exponent < cap ? exponent : cap) * rate;
+    return kernelExp(exponent < terms.cap ? exponent : terms.cap) * terms.rate;
+}
+KELM_HD inline double hazardOf(const Firing& firing, double x) {
+    return hazardOf(firing, modelTerms(Neuron(), firing), x);
 }
 
-/// The hazard in spikes/s at `time` ns under an external drive; the state stays as it is.
-KELM_HD inline double hazardAt(const State& state, const Neuron& neuron, const Firing& firing,
-                               ModelTime time, double drive) {
+/// The hazard in spikes/s at `time` ns, at which the traces hold, under an external drive.
+KELM_HD inline double hazardAt(const State& state, const Traces& traces, const Neuron& neuron,
+                               const Firing& firing, const ModelTerms& terms, ModelTime time,
+                               double drive) {
     if (neuron.hard_refractory && time < state.refractory_until) return 0.0;
-    const Traces traces = tracesAfter(state, neuron, decayInterval(state.last_update, time));
-    return hazardOf(firing,
+    return hazardOf(firing, terms,
                     ((traces.membrane - traces.adaptation * firing.adaptation_weight) + drive) -
                         firing.threshold);
+}
+
+KELM_HD inline double hazardAt(const State& state, const Neuron& neuron, const Firing& firing,
+                               ModelTime time, double drive) {
+    return hazardAt(state, tracesAfter(state, neuron, decayInterval(state.last_update, time)),
+                    neuron, firing, modelTerms(neuron, firing), time, drive);
 }
 
 /// The larger of two drives; a NaN operand settles in favour of `b`.
@@ -158,19 +196,30 @@ KELM_HD inline double largerDrive(double a, double b) { return a > b ? a : b; }
 /// extremum, which is sampled at the integer instants on both sides because candidates fall on
 /// integers.
 KELM_HD inline double netDriveBound(const State& state, const Neuron& neuron, const Firing& firing,
-                                    ModelTime start, ModelTime to) {
+                                    const ModelTerms& terms, ModelTime start, ModelTime to) {
     const Traces traces = tracesAfter(state, neuron, decayInterval(state.last_update, start));
     const double weighted = traces.adaptation * firing.adaptation_weight;
     double bound = (traces.membrane - weighted) + 0.0;
+    // A positive membrane trace that is known here and has nothing beside it only falls: kernelExp
+    // of a number not above 0 is at most 1, so a later value is not above this one. (An infinite
+    // one can become a NaN.)
+    if (terms.membrane_falls && start == state.last_update && traces.membrane > 0 &&
+        traces.membrane < infinity() && traces.adaptation == 0 && weighted == 0) {
+        return bound;
+    }
     bound = largerDrive(bound, netDriveAt(state, neuron, firing, to));
 
     if (neuron.non_leaky || traces.membrane == 0 || weighted == 0) return bound;
-    const double k1 = 1.0 / static_cast<double>(neuron.tau_membrane);
-    const double k2 = 1.0 / static_cast<double>(neuron.tau_adaptation);
+    const double k1 = terms.membrane_constant;
+    const double k2 = terms.adaptation_constant;
     if (k1 == k2) return bound;
     const double ratio = (traces.membrane * k1) / (weighted * k2);
     if (!(ratio > 0)) return bound;
-    const double shift = kernelLog(ratio) / (k1 - k2);
+    // The extremum lies before the start where the logarithm and the difference differ in sign,
+    // which is known without the logarithm.
+    const double difference = terms.constant_difference;
+    if (difference > 0 ? ratio <= 1 : ratio >= 1) return bound;
+    const double shift = kernelLog(ratio) / difference;
     if (isNotFinite(shift) || !(shift > 0)) return bound;
     const double first = static_cast<double>(start);
     const double extremum = first + shift;
@@ -186,16 +235,19 @@ KELM_HD inline double netDriveBound(const State& state, const Neuron& neuron, co
 /// An upper bound in spikes/s of the hazard on [from, to], in ns, for an external drive of at most
 /// `drive_bound`. 0.0 where no spike is possible.
 KELM_HD inline double hazardUpperBound(const State& state, const Neuron& neuron,
-                                       const Firing& firing, ModelTime from, ModelTime to,
-                                       double drive_bound) {
+                                       const Firing& firing, const ModelTerms& terms,
+                                       ModelTime from, ModelTime to, double drive_bound) {
     ModelTime start = from;
     if (neuron.hard_refractory && state.refractory_until > from) start = state.refractory_until;
     if (start > to) return 0.0;
-    const double drive = netDriveBound(state, neuron, firing, start, to);
-    // Each trace may be clipped by up to epsilon later than the bound saw it.
-    const double twice = (firing.adaptation_weight + 1.0) + (firing.adaptation_weight + 1.0);
-    return hazardOf(firing,
-                    ((twice * neuron.trace_epsilon + drive) + drive_bound) - firing.threshold);
+    const double drive = netDriveBound(state, neuron, firing, terms, start, to);
+    return hazardOf(firing, terms, ((terms.margin + drive) + drive_bound) - firing.threshold);
+}
+KELM_HD inline double hazardUpperBound(const State& state, const Neuron& neuron,
+                                       const Firing& firing, ModelTime from, ModelTime to,
+                                       double drive_bound) {
+    return hazardUpperBound(state, neuron, firing, modelTerms(neuron, firing), from, to,
+                            drive_bound);
 }
 
 /// An input of `value` at the instant to which the state has been advanced.

@@ -174,13 +174,14 @@ KELM_HD inline ModelTime waitingTime(double wait) {
 /// at most `drive_bound`. Moves `rng` by one step exactly where a bound other than 0 was obtained.
 /// A candidate lies at least 1 ns behind the instant that it is drawn from.
 KELM_HD inline Candidate nextCandidate(const State& state, const Neuron& neuron,
-                                       const Firing& firing, ModelTime from, ModelTime limit,
-                                       double drive_bound, std::uint64_t& rng) {
+                                       const Firing& firing, const ModelTerms& terms,
+                                       ModelTime from, ModelTime limit, double drive_bound,
+                                       std::uint64_t& rng) {
     Candidate result;
     ModelTime start = from;
     if (neuron.hard_refractory && state.refractory_until > from) start = state.refractory_until;
     if (start >= limit) return result;
-    const double bound = hazardUpperBound(state, neuron, firing, start, limit, drive_bound);
+    const double bound = hazardUpperBound(state, neuron, firing, terms, start, limit, drive_bound);
     if (bound == 0) return result;
     result.bound = bound;
     double u = drawUniform(rng);
@@ -198,12 +199,20 @@ KELM_HD inline Candidate nextCandidate(const State& state, const Neuron& neuron,
     return result;
 }
 
+KELM_HD inline Candidate nextCandidate(const State& state, const Neuron& neuron,
+                                       const Firing& firing, ModelTime from, ModelTime limit,
+                                       double drive_bound, std::uint64_t& rng) {
+    return nextCandidate(state, neuron, firing, modelTerms(neuron, firing), from, limit,
+                         drive_bound, rng);
+}
+
 /// A hazard above its bound by more than this factor is a fault of the bound, not of rounding.
 inline constexpr double bound_tolerance = 1.000000000001;
 static_assert(bitsOf(bound_tolerance) == 0x3ff0000000001198);
 
 /// Walks one neuron through the window that ends at `window_end`, exclusive.
 ///
+/// `terms`: modelTerms of the neuron's parameters.
 /// `events`: shape (event_count), ascending by (time, id); only those before window_end are taken.
 /// `horizon`: exclusive end of the run in ns. `pending_time`, `pending_bound`: the candidate from
 /// earlier windows. At one instant an input comes before a candidate, which it replaces.
@@ -212,10 +221,10 @@ static_assert(bitsOf(bound_tolerance) == 0x3ff0000000001198);
 /// bound check and before the next bound.
 KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
                                           const Neuron& neuron, const Firing& firing,
-                                          const WindowEvent* events, std::uint32_t event_count,
-                                          ModelTime window_end, ModelTime horizon,
-                                          const PhaseDrive& drive, ModelTime pending_time,
-                                          double pending_bound) {
+                                          const ModelTerms& terms, const WindowEvent* events,
+                                          std::uint32_t event_count, ModelTime window_end,
+                                          ModelTime horizon, const PhaseDrive& drive,
+                                          ModelTime pending_time, double pending_bound) {
     WindowResult result;
     result.state = state;
     result.rng = rng;
@@ -227,8 +236,8 @@ KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
     const bool modulated = drive.term_count > 0;
     const ModelTime limit = modulated ? window_end : horizon;
     const auto redraw = [&](ModelTime from) {
-        const Candidate next =
-            nextCandidate(result.state, neuron, firing, from, limit, drive.bound, result.rng);
+        const Candidate next = nextCandidate(result.state, neuron, firing, terms, from, limit,
+                                             drive.bound, result.rng);
         bound = next.bound;
         if (next.found) {
             candidate = next.time;
@@ -253,13 +262,15 @@ KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
             ++result.updates;
             ++result.candidates;
             const ModelTime time = candidate;
-            const double hazard =
-                hazardAt(result.state, neuron, firing, time, phaseDriveAt(drive, time));
+            const Traces traces =
+                tracesAfter(result.state, neuron, decayInterval(result.state.last_update, time));
+            const double hazard = hazardAt(result.state, traces, neuron, firing, terms, time,
+                                           phaseDriveAt(drive, time));
             if (hazard > bound * bound_tolerance) {
                 result.bound_violation = true;
                 return result;
             }
-            advanceTraces(result.state, neuron, time);
+            setTraces(result.state, traces, time);
             const double u = drawUniform(result.rng);
             const double ratio = bound == 0 ? 0.0 : hazard / bound;
             if (ratio > u) {
@@ -292,12 +303,29 @@ KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
     return result;
 }
 
-/// The walk of a work item; `events` is the event array of the item's window.
-KELM_HD inline WindowResult processWindow(const WindowWork& item, const WindowEvent* events,
-                                          ModelTime window_end, ModelTime horizon) {
-    return processWindow(item.state, item.rng, item.parameters, item.firing,
+KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
+                                          const Neuron& neuron, const Firing& firing,
+                                          const WindowEvent* events, std::uint32_t event_count,
+                                          ModelTime window_end, ModelTime horizon,
+                                          const PhaseDrive& drive, ModelTime pending_time,
+                                          double pending_bound) {
+    return processWindow(state, rng, neuron, firing, modelTerms(neuron, firing), events,
+                         event_count, window_end, horizon, drive, pending_time, pending_bound);
+}
+
+/// The walk of a work item; `events` is the event array of the item's window, `terms` are those of
+/// the item's parameters.
+KELM_HD inline WindowResult processWindow(const WindowWork& item, const ModelTerms& terms,
+                                          const WindowEvent* events, ModelTime window_end,
+                                          ModelTime horizon) {
+    return processWindow(item.state, item.rng, item.parameters, item.firing, terms,
                          events + item.first_event, item.event_count, window_end, horizon,
                          item.drive, item.pending_time, item.pending_bound);
+}
+KELM_HD inline WindowResult processWindow(const WindowWork& item, const WindowEvent* events,
+                                          ModelTime window_end, ModelTime horizon) {
+    return processWindow(item, modelTerms(item.parameters, item.firing), events, window_end,
+                         horizon);
 }
 
 }  // namespace Kernel
