@@ -334,6 +334,7 @@ void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
             item.drive = PhaseDrive();
         }
         fillItem(item, n);
+        if (candidateDue(n, window.end)) graph_.prefetchSynapses(n);
         const std::size_t end = events.orderTarget(first);
         item.first_event = static_cast<std::uint32_t>(first - part);
         item.event_count = static_cast<std::uint32_t>(end - first);
@@ -347,9 +348,6 @@ void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
             entry.wake_only = event.kind == EventKind::candidate;
         }
         first = end;
-    }
-    for (const WindowWork& item : std::span(window.work.data(), items)) {
-        if (candidateDue(item.neuron, window.end)) graph_.prefetchSynapses(item.neuron);
     }
     window.built = first;
     window.item_count = items;

@@ -96,14 +96,16 @@ private:
         return bucket / static_cast<std::int64_t>(bucket_count_);
     }
     std::int64_t bucketOf(NodeId neuron) const { return slots_[neuron].time / d_min_; }
-    /// Asks for what is known of the next neurons of a list, which lie anywhere: one wait for all.
-    /// Returns their number.
-    std::uint32_t prefetchHead(const ChunkList<NodeId>& list) const {
-        for (const NodeId neuron : std::span(list.head->records, list.head_count)) {
+    /// Asks for what is known of the neurons in the chunk behind a list's head, which lie anywhere,
+    /// and for the chunk behind that.
+    void prefetchBehind(const ChunkList<NodeId>& list) const {
+        const auto* chunk = list.head->next;
+        if (chunk == nullptr) return;
+        if (chunk->next != nullptr) chunk->next->prefetch();
+        for (const NodeId neuron : chunk->records) {
             prefetch(neuron);
             prefetchLine(&slots_[neuron].time);
         }
-        return list.head_count;
     }
     /// Puts a wake-up into the ring, which is told by true, or into its era.
     bool insert(NodeId neuron, std::int64_t bucket, std::int64_t cursor);
@@ -160,13 +162,15 @@ void CandidateCalendar::take(std::int64_t cursor, Room room, Due due, Entered en
     ChunkList<NodeId>& list = ring_[slotOf(cursor)];
     ChunkList<NodeId> found;
     std::size_t count = 0;
-    std::uint32_t asked_for = 0;
+    const void* asked_head = nullptr;
     try {
         while (!list.isEmpty()) {
             // With one chunk in hand no list here runs out: it takes what the others give back.
             pool_.reserveChunks(1);
-            if (asked_for == 0) asked_for = prefetchHead(list);
-            --asked_for;
+            if (list.head != asked_head) {
+                asked_head = list.head;
+                prefetchBehind(list);
+            }
             const NodeId neuron = pool_.takeAny(list);
             if (wake_buckets_[neuron] == cursor && pending_[neuron] != 0) {
                 const std::int64_t bucket = bucketOf(neuron);
