@@ -296,7 +296,7 @@ bool WindowEngine::candidateDue(NodeId neuron, ModelTime end) const {
 /// synapses lie in a second step, and in a third, see buildWork, for the synapses.
 inline void WindowEngine::prefetchItem(const Window& window, std::size_t event) const {
     if (event >= window.events.size()) return;
-    prefetchLine(&window.events.eventAt(event));
+    window.events.prefetch(event);
     const NodeId n = window.events.targetAt(event);
     // Both ends: every other state lies across two lines.
     prefetchLine(&states_[n]);
@@ -341,11 +341,11 @@ void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
         if (window.item_events.size() < end - part) window.item_events.resize(2 * (end - part));
         for (std::size_t i = first; i < end; ++i) {
             prefetchItem(window, i + prefetch_distance);
-            const Event& event = events.eventAt(i);
+            const WindowEvents::Input input = events.inputAt(i);
             Kernel::WindowEvent& entry = window.item_events[i - part];
-            entry.time = event.time;
-            entry.value = event.value;
-            entry.wake_only = event.kind == EventKind::candidate;
+            entry.time = input.time;
+            entry.value = input.value;
+            entry.wake_only = input.wake_only;
         }
         first = end;
     }

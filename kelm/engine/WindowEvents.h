@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kelm/core/Failures.h"
+#include "kelm/core/Prefetch.h"
 #include "kelm/events/BucketEventStore.h"
 
 namespace Lumenar::Core::Kelm {
@@ -22,6 +23,14 @@ namespace Lumenar::Core::Kelm {
 /// to window; the events are the store's.
 class WindowEvents {
 public:
+    /// What a neuron's work has to know of an event.
+    struct Input {
+        ModelTime time;
+        std::uint64_t id;
+        double value;
+        bool wake_only;
+    };
+
     explicit WindowEvents(std::uint64_t node_count) : node_count_(node_count) {}
 
     /// Begins a window of at most `places` events.
@@ -38,13 +47,14 @@ public:
         chunks_.reserve(places / chunk_places + 1);
         outside_ = false;
     }
-    /// The events added next lie in `events`; all chunks but the last of a list are full.
-    void addChunk(std::span<const Event> events) { chunks_.push_back(events.data()); }
-    void add(const Event& event) {
-        outside_ = outside_ || event.target >= node_count_;
-        const std::size_t chunk = chunks_.size() - 1;
-        const auto place = chunk * chunk_places + static_cast<std::size_t>(&event - chunks_[chunk]);
-        keys_.push_back(event.target << place_bits_ | place);
+    /// The events added next lie in this chunk.
+    void addChunk(std::span<const Event> events) { chunks_.push_back({events.data(), nullptr}); }
+    void addChunk(std::span<const PackedDelivery> deliveries) {
+        chunks_.push_back({nullptr, deliveries.data()});
+    }
+    void add(const Event& event) { addKey(event.target, &event - chunks_.back().events); }
+    void add(const PackedDelivery& delivery) {
+        addKey(delivery.target, &delivery - chunks_.back().deliveries);
     }
     /// The same for a window that was copied out of its store.
     void addAll(std::span<const Event> events) {
@@ -75,7 +85,16 @@ public:
 
     std::size_t size() const { return keys_.size(); }
     NodeId targetAt(std::size_t i) const { return keys_[i] >> place_bits_; }
-    const Event& eventAt(std::size_t i) const { return eventOf(keys_[i]); }
+    Input inputAt(std::size_t i) const { return inputOf(keys_[i]); }
+    void prefetch(std::size_t i) const {
+        const std::uint64_t place = placeOf(keys_[i]);
+        const Chunk& chunk = chunks_[place / chunk_places];
+        if (chunk.deliveries != nullptr) {
+            prefetchLine(chunk.deliveries + place % chunk_places);
+        } else {
+            prefetchLine(chunk.events + place % chunk_places);
+        }
+    }
 
     /// The end of the events that have the target of event `first`, which are put in the order of
     /// EventLess.
@@ -87,7 +106,9 @@ public:
             std::sort(begin + static_cast<std::ptrdiff_t>(first),
                       begin + static_cast<std::ptrdiff_t>(end),
                       [this](std::uint64_t a, std::uint64_t b) {
-                          return EventLess()(eventOf(a), eventOf(b));
+                          const Input x = inputOf(a);
+                          const Input y = inputOf(b);
+                          return x.time != y.time ? x.time < y.time : x.id < y.id;
                       });
         }
         return end;
@@ -103,9 +124,29 @@ private:
         return static_cast<int>(std::bit_width(count == 0 ? 0 : count - 1));
     }
 
-    const Event& eventOf(std::uint64_t key) const {
-        const std::uint64_t place = key & ((std::uint64_t{1} << place_bits_) - 1);
-        return chunks_[place / chunk_places][place % chunk_places];
+    struct Chunk {
+        const Event* events;  ///< or null
+        const PackedDelivery* deliveries;
+    };
+
+    void addKey(NodeId target, std::ptrdiff_t place_in_chunk) {
+        outside_ = outside_ || target >= node_count_;
+        const std::uint64_t place =
+            (chunks_.size() - 1) * chunk_places + static_cast<std::uint64_t>(place_in_chunk);
+        keys_.push_back(target << place_bits_ | place);
+    }
+    std::uint64_t placeOf(std::uint64_t key) const {
+        return key & ((std::uint64_t{1} << place_bits_) - 1);
+    }
+    Input inputOf(std::uint64_t key) const {
+        const std::uint64_t place = placeOf(key);
+        const Chunk& chunk = chunks_[place / chunk_places];
+        if (chunk.deliveries != nullptr) {
+            const PackedDelivery& delivery = chunk.deliveries[place % chunk_places];
+            return {delivery.time, delivery.id, static_cast<double>(delivery.value), false};
+        }
+        const Event& event = chunk.events[place % chunk_places];
+        return {event.time, event.id, event.value, event.kind == EventKind::candidate};
     }
 
     void sortByDigit(int shift, int bits) {
@@ -127,7 +168,7 @@ private:
     int target_bits_ = 0;
     int place_bits_ = 0;
     bool outside_ = false;
-    std::vector<const Event*> chunks_;  ///< place p is entry p % chunk_places of p / chunk_places
+    std::vector<Chunk> chunks_;  ///< place p is entry p % chunk_places of p / chunk_places
     std::vector<std::uint64_t> keys_;
     std::vector<std::uint64_t> other_;
 };

@@ -18,6 +18,9 @@ constexpr BlobTag format_tag("KELMBKT1");
 /// more is forged.
 constexpr std::uint64_t max_next_id = std::uint64_t{1} << 40;
 
+const Event& unpackedEvent(const Event& event) { return event; }
+Event unpackedEvent(const PackedDelivery& delivery) { return delivery.unpacked(); }
+
 }  // namespace
 
 struct BucketEventStore::Header {
@@ -63,18 +66,14 @@ std::uint64_t BucketEventStore::postSlowly(const Event& event) {
 void BucketEventStore::place(const Event& event, std::int64_t bucket) {
     if (beyondReach(bucket)) {
         pool_.reserveChunks(1);
-        const std::int64_t era = bucket / static_cast<std::int64_t>(bucket_count_);
-        pool_.append(eras_[era], event);
+        delivery_pool_.reserveChunks(1);
+        append(eras_[bucket / static_cast<std::int64_t>(bucket_count_)], event);
         ++overflow_posts_;
     } else {
-        appendToRing(event, bucket);
+        const std::uint64_t slot = slotOf(bucket);
+        append(ring_[slot], event);
+        noteEntry(slot);
     }
-}
-
-void BucketEventStore::appendToRing(const Event& event, std::int64_t bucket) {
-    const std::uint64_t slot = slotOf(bucket);
-    pool_.append(ring_[slot], event);
-    noteEntry(slot);
 }
 
 void BucketEventStore::scheduleCandidate(NodeId neuron, ModelTime time, double rate) {
@@ -113,7 +112,9 @@ bool BucketEventStore::take(ModelTime until, std::vector<Event>& events, ModelTi
         std::vector<Event>& events;
         void begin(std::size_t places) { events.reserve(places); }
         void addChunk(std::span<const Event>) {}
+        void addChunk(std::span<const PackedDelivery>) {}
         void add(const Event& event) { events.push_back(event); }
+        void add(const PackedDelivery& delivery) { events.push_back(delivery.unpacked()); }
     };
     events.clear();
     Copies copies{events};
@@ -171,35 +172,46 @@ std::int64_t BucketEventStore::firstOccupied(std::int64_t from, std::int64_t to)
     return slot < end_slot ? from + static_cast<std::int64_t>(slot - first_slot) : to;
 }
 
+/// Empties a list of an era into the slots that its entries belong to.
+template <class Record>
+void BucketEventStore::moveIntoRing(ChunkPool<Record>& pool, ChunkList<Record>& list,
+                                    ChunkList<Record> Bucket::*member) {
+    while (!list.isEmpty()) {
+        // Room first: an event that has left its era must not be lost.
+        pool.reserveChunks(1);
+        const Record record = pool.takeAny(list);
+        if (live_.contains(record.id)) {
+            const std::uint64_t slot = slotOf(record.time / d_min_);
+            pool.append(ring_[slot].*member, record);
+            noteEntry(slot);
+        } else {
+            --dead_count_;
+        }
+    }
+}
+
 /// Moves every era that the cursor has reached into the ring, which covers what is left of it.
 void BucketEventStore::enterEras() {
     const std::int64_t current = cursor_ / static_cast<std::int64_t>(bucket_count_);
     while (!eras_.empty() && eras_.begin()->first <= current) {
-        ChunkList<Event>& list = eras_.begin()->second;
-        while (!list.isEmpty()) {
-            // Room first: an event that has left its era must not be lost.
-            pool_.reserveChunks(1);
-            const Event event = pool_.takeAny(list);
-            if (live_.contains(event.id)) {
-                appendToRing(event, event.time / d_min_);
-            } else {
-                --dead_count_;
-            }
-        }
+        Bucket& era = eras_.begin()->second;
+        moveIntoRing(pool_, era.events, &Bucket::events);
+        moveIntoRing(delivery_pool_, era.deliveries, &Bucket::deliveries);
         eras_.erase(eras_.begin());
     }
     candidates_.enterEras(cursor_, [&](std::uint64_t slot) { noteEntry(slot); });
 }
 
 void BucketEventStore::dropHandedOut() {
-    pool_.clear(handed_out_);
+    pool_.clear(handed_out_.events);
+    delivery_pool_.clear(handed_out_.deliveries);
     pool_.clear(woken_);
 }
 
 /// Throws where the cursor's slot, whose window ends beyond the range of time, holds something.
 void BucketEventStore::requireEmpty(std::uint64_t slot) const {
     bool holds = false;
-    ring_[slot].forEach([&](const Event& event) { holds |= live_.contains(event.id); });
+    ring_[slot].forEach([&](const auto& record) { holds |= live_.contains(record.id); });
     if (holds) throw TimeOverflow(TimeOverflow::out_of_range);
 }
 
@@ -218,29 +230,35 @@ void BucketEventStore::sweepDeadEntries() {
     recent_ = {};
     // With one chunk in hand no list runs out: it gives back a chunk for each that it fills anew.
     pool_.reserveChunks(1);
+    delivery_pool_.reserveChunks(1);
     for (std::uint64_t word = 0; word < occupied_.size(); ++word) {
         for (std::uint64_t bits = occupied_[word]; bits != 0; bits &= bits - 1) {
             const std::uint64_t slot =
                 word * 64 + static_cast<std::uint64_t>(std::countr_zero(bits));
-            ChunkList<Event>& list = ring_[slot];
-            sweepList(list);
-            if (!list.isEmpty() || candidates_.holdsSlot(slot)) continue;
+            sweepBucket(ring_[slot]);
+            if (!ring_[slot].isEmpty() || candidates_.holdsSlot(slot)) continue;
             occupied_[word] &= ~(bits & -bits);
             --occupied_count_;
         }
     }
     for (auto era = eras_.begin(); era != eras_.end();) {
-        sweepList(era->second);
+        sweepBucket(era->second);
         era = era->second.isEmpty() ? eras_.erase(era) : std::next(era);
     }
 }
 
-void BucketEventStore::sweepList(ChunkList<Event>& list) {
-    ChunkList<Event> kept;
+void BucketEventStore::sweepBucket(Bucket& bucket) {
+    sweepList(pool_, bucket.events);
+    sweepList(delivery_pool_, bucket.deliveries);
+}
+
+template <class Record>
+void BucketEventStore::sweepList(ChunkPool<Record>& pool, ChunkList<Record>& list) {
+    ChunkList<Record> kept;
     while (!list.isEmpty()) {
-        const Event event = pool_.takeAny(list);
-        if (live_.contains(event.id)) {
-            pool_.append(kept, event);
+        const Record record = pool.takeAny(list);
+        if (live_.contains(record.id)) {
+            pool.append(kept, record);
         } else {
             --dead_count_;
         }
@@ -250,11 +268,11 @@ void BucketEventStore::sweepList(ChunkList<Event>& list) {
 
 template <class Visit>
 void BucketEventStore::forEachLive(Visit visit) const {
-    const auto visit_live = [&](const Event& event) {
-        if (live_.contains(event.id)) visit(event);
+    const auto visit_live = [&](const auto& record) {
+        if (live_.contains(record.id)) visit(unpackedEvent(record));
     };
-    for (const ChunkList<Event>& list : ring_) list.forEach(visit_live);
-    for (const auto& [era, list] : eras_) list.forEach(visit_live);
+    for (const Bucket& bucket : ring_) bucket.forEach(visit_live);
+    for (const auto& [era, bucket] : eras_) bucket.forEach(visit_live);
     const std::span<const CandidateSlot> slots = candidates_.slots();
     for (NodeId neuron = 0; neuron < slots.size(); ++neuron) {
         if (candidates_.isPending(neuron)) visit(candidateEvent(neuron, slots[neuron]));

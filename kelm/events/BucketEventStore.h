@@ -8,6 +8,7 @@
 #include "kelm/events/CandidateCalendar.h"
 #include "kelm/events/ChunkPool.h"
 #include "kelm/events/IEventStore.h"
+#include "kelm/events/PackedDelivery.h"
 #include "kelm/events/PendingIds.h"
 
 namespace Lumenar::Core::Kelm {
@@ -42,12 +43,10 @@ public:
         }
         // Whatever can fail comes before the first change.
         live_.reserve(next_id_);
-        Event& stored = pool_.append(*recent_.list, event);
-        clearGap(stored.gap);
-        stored.id = next_id_++;
-        live_.insert(stored.id);
+        append(*recent_.bucket, event) = next_id_;
+        live_.insert(next_id_);
         ++live_count_;
-        return stored.id;
+        return next_id_++;
     }
 
     bool cancel(std::uint64_t id) override;
@@ -61,15 +60,16 @@ public:
 
     /// take without the order within the window and without copies. Calls window.begin(places)
     /// with the number of places in which the events lie, which may throw, with the window still
-    /// in the store; then for each chunk of places window.addChunk(events), and for each event in
-    /// it that is pending window.add(event), neither of which may throw. A window whose events were
-    /// all cancelled is passed over, and begin called again for the next one.
-    /// The events stay where they lie until the next window is asked for.
+    /// in the store; then for each chunk of places window.addChunk(records), and for each record in
+    /// it that is pending window.add(record), neither of which may throw. Records are of type Event
+    /// or PackedDelivery. A window whose events were all cancelled is passed over, and begin called
+    /// again for the next one. The records stay where they lie until the next window is asked for.
     template <class Window>
     bool takeWindow(ModelTime until, Window& window, ModelTime& window_start,
                     ModelTime& window_end);
 
     static constexpr std::size_t chunk_places = ChunkList<Event>::chunk_records;
+    static_assert(chunk_places == ChunkList<PackedDelivery>::chunk_records);
 
     /// Keeps the candidates of a network in `slots`, shape (neurons), none of which may hold an
     /// event: one candidate per neuron, scheduled by scheduleCandidate. The slots are the caller's
@@ -122,12 +122,27 @@ private:
     /// Dead entries below this number are not worth a sweep.
     static constexpr std::uint64_t min_sweep = 1024;
 
+    /// The entries of a slot of the ring, or of an era: deliveries packed, where they can be.
+    struct Bucket {
+        ChunkList<Event> events;
+        ChunkList<PackedDelivery> deliveries;
+
+        bool isEmpty() const { return events.isEmpty() && deliveries.isEmpty(); }
+        std::size_t size() const { return events.size() + deliveries.size(); }
+        /// Calls visit(record) for each entry, of either type.
+        template <class Visit>
+        void forEach(Visit visit) const {
+            events.forEach(visit);
+            deliveries.forEach(visit);
+        }
+    };
+
     /// The bucket of the last post, whose times are those from start on: most posts go where the
-    /// one before has gone. Its list holds an entry; width is 0 where there is none.
+    /// one before has gone. It holds an entry; width is 0 where there is none.
     struct RecentBucket {
         ModelTime start = 0;
         std::uint64_t width = 0;
-        ChunkList<Event>* list = nullptr;
+        Bucket* bucket = nullptr;
     };
 
     std::uint64_t pendingCount() const { return live_count_ + candidates_.pendingCount(); }
@@ -141,8 +156,16 @@ private:
     }
     static bool readHeader(BlobReader& in, Header& header);
     std::uint64_t postSlowly(const Event& event);
+    /// Returns the place of the event's id.
+    std::uint64_t& append(Bucket& bucket, const Event& event) {
+        if (PackedDelivery::holds(event)) {
+            return delivery_pool_.append(bucket.deliveries, PackedDelivery::packed(event)).id;
+        }
+        Event& stored = pool_.append(bucket.events, event);
+        clearGap(stored.gap);
+        return stored.id;
+    }
     void place(const Event& event, std::int64_t bucket);
-    void appendToRing(const Event& event, std::int64_t bucket);
     void start();
     bool skipToOccupied(std::int64_t stop);
     /// Whether a bucket's window ends within the range of time. One that does not is never handed
@@ -163,20 +186,25 @@ private:
     std::uint64_t takeSlot(Window& window);
     void dropHandedOut();
     void sweepDeadEntries();
-    void sweepList(ChunkList<Event>& list);
+    void sweepBucket(Bucket& bucket);
+    template <class Record>
+    void sweepList(ChunkPool<Record>& pool, ChunkList<Record>& list);
+    template <class Record>
+    void moveIntoRing(ChunkPool<Record>& pool, ChunkList<Record>& list,
+                      ChunkList<Record> Bucket::*member);
     template <class Visit>
     void forEachLive(Visit visit) const;
 
     ModelTime d_min_;
     std::uint64_t bucket_count_;
     ChunkPool<Event> pool_;
-    std::vector<ChunkList<Event>> ring_;
+    ChunkPool<PackedDelivery> delivery_pool_;
+    std::vector<Bucket> ring_;
     std::vector<std::uint64_t> occupied_;  ///< one bit per slot: it holds an entry, dead or alive
     std::uint64_t occupied_count_ = 0;
-    std::map<std::int64_t, ChunkList<Event>>
-        eras_;                     ///< by bucket / bucket_count, from the cursor's on
-    ChunkList<Event> handed_out_;  ///< the last window's events
-    ChunkList<Event> woken_;       ///< the last window's candidates out of slots
+    std::map<std::int64_t, Bucket> eras_;  ///< by bucket / bucket_count, from the cursor's on
+    Bucket handed_out_;                    ///< the last window's entries
+    ChunkList<Event> woken_;               ///< the last window's candidates out of slots
     CandidateCalendar candidates_;
     PendingIds live_;
     std::int64_t cursor_ = 0;
@@ -212,11 +240,12 @@ template <class Window>
 std::uint64_t BucketEventStore::takeSlot(Window& window) {
     const std::uint64_t slot = slotOf(cursor_);
     if (!isTimeOfWindow(cursor_)) requireEmpty(slot);
-    ChunkList<Event>& list = ring_[slot];
+    Bucket& bucket = ring_[slot];
     const auto begin = [&](std::size_t candidate_count) {
         const std::size_t chunks = (candidate_count + chunk_places - 1) / chunk_places;
         pool_.reserveChunks(chunks);
-        window.begin((list.chunk_count + chunks) * chunk_places);
+        window.begin((bucket.events.chunk_count + bucket.deliveries.chunk_count + chunks) *
+                     chunk_places);
     };
     if (candidates_.holdsSlot(slot)) {
         candidates_.take(
@@ -235,21 +264,23 @@ std::uint64_t BucketEventStore::takeSlot(Window& window) {
         for (const Event& event : events) window.add(event);
     });
     std::uint64_t dead = 0;
-    list.forEachChunk([&](std::span<const Event> events) {
-        window.addChunk(events);
-        for (const Event& event : events) {
-            if (live_.erase(event.id)) {
-                window.add(event);
+    const auto hand_out = [&](auto records) {
+        window.addChunk(records);
+        for (const auto& record : records) {
+            if (live_.erase(record.id)) {
+                window.add(record);
             } else {
                 ++dead;
             }
         }
-    });
-    const std::uint64_t taken = list.size() - dead;
+    };
+    bucket.events.forEachChunk(hand_out);
+    bucket.deliveries.forEachChunk(hand_out);
+    const std::uint64_t taken = bucket.size() - dead;
     live_count_ -= taken;
     dead_count_ -= dead;
-    handed_out_ = list;
-    list = {};
+    handed_out_ = bucket;
+    bucket = {};
     occupied_[slot / 64] &= ~(std::uint64_t{1} << (slot % 64));
     --occupied_count_;
     return taken + woken_.size();

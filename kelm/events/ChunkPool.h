@@ -16,8 +16,7 @@ struct ChunkList {
     static constexpr std::uint32_t chunk_records = 16;
 
     struct Chunk {
-        /// Records as large as a cache line lie in one each.
-        alignas(sizeof(Record) % 64 == 0 ? 64 : alignof(Record)) Record records[chunk_records];
+        alignas(64) Record records[chunk_records];  ///< none lies across two cache lines
         Chunk* next = nullptr;
 
         void prefetch() const {
