@@ -17,13 +17,6 @@ bool equalBytes(const Record& a, const Record& b) {
     return std::memcmp(&a, &b, sizeof(Record)) == 0;
 }
 
-void computeAll(std::span<const WindowWork> work, const Kernel::WindowEvent* events,
-                ModelTime window_end, ModelTime horizon, Kernel::WindowResult* results) {
-    for (std::size_t i = 0; i < work.size(); ++i) {
-        results[i] = Kernel::processWindow(work[i], events, window_end, horizon);
-    }
-}
-
 }  // namespace
 
 void WorkRecorder::processWindow(const std::span<const WindowWork>& work,
@@ -45,7 +38,7 @@ void WorkRecorder::processWindow(const std::span<const WindowWork>& work,
                                 item.first_event, item.event_count});
     }
     windows_.push_back(std::move(window));
-    computeAll(work, events.data(), window_end, horizon, results.data());
+    backend_.processWindow(work, events, window_end, horizon, neuron, firing, results);
     sum_ = mix(sum_, results);
 }
 
@@ -55,7 +48,7 @@ std::uint64_t WorkRecorder::itemCount() const {
     return count;
 }
 
-double WorkRecorder::replay() const {
+double WorkRecorder::replay() {
     std::vector<WindowWork> work;
     std::vector<Kernel::WindowEvent> events;
     std::vector<Kernel::WindowResult> results;
@@ -77,7 +70,8 @@ double WorkRecorder::replay() const {
         }
         if (results.size() < work.size()) results.resize(work.size());
         const double start = processorSeconds();
-        computeAll(work, events.data(), window.end, horizon_, results.data());
+        backend_.processWindow(work, events, window.end, horizon_, neuron_, firing_,
+                               std::span(results.data(), work.size()));
         seconds += processorSeconds() - start;
         sum = mix(sum, {results.data(), work.size()});
     }

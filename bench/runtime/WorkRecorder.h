@@ -7,13 +7,16 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Computes windows as the CPU backend does and keeps what each of them was given, so that the
-/// kernel's part of a whole run can be repeated by itself: the floor under the time of that run.
+/// Computes windows with another backend and keeps what each of them was given, so that the
+/// backend's part of a whole run can be repeated by itself: the floor under the time of that run.
 ///
 /// For networks of equal neurons without modulation, whose parameters and empty drives are kept
 /// once: 80 bytes an item and 24 an event.
 class WorkRecorder final : public IWindowBackend {
 public:
+    /// `backend` must outlive the recorder.
+    explicit WorkRecorder(IWindowBackend& backend) : backend_(backend) {}
+
     const char* name() override { return "recorder"; }
     /// Throws std::runtime_error for an item with other parameters, or with a drive.
     void processWindow(const std::span<const WindowWork>& work,
@@ -25,11 +28,11 @@ public:
 
     std::uint64_t itemCount() const;
 
-    /// Calls Kernel::processWindow for every item that was recorded, in the order of the run, and
+    /// Lets the backend compute every window that was recorded, in the order of the run, and
     /// returns the processor time spent in it, s. A window's items are laid out as the engine lays
-    /// them out before the clock starts, so that they are where a run would find them.
-    /// Throws std::runtime_error where the results are not those of the run.
-    double replay() const;
+    /// them out before the clock starts, so that they are where a run would find them. Throws
+    /// std::runtime_error where the results are not those of the run.
+    double replay();
 
 private:
     struct Item {
@@ -48,6 +51,7 @@ private:
 
     static std::uint64_t mix(std::uint64_t sum, std::span<const Kernel::WindowResult> results);
 
+    IWindowBackend& backend_;
     Kernel::Neuron neuron_;
     Kernel::Firing firing_;
     ModelTime horizon_ = 0;
