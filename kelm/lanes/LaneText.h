@@ -188,7 +188,8 @@ KELM_LANE_INLINE Doubles larger(Doubles a, Doubles b) { return select(a > b, a, 
 
 /// Kernel::netDriveBound. `last`, `start`: ns, rounded.
 ///
-/// Where both terms are positive and the membrane decays faster, the interior extremum is a
+/// Where both terms are positive (as a positive weight, adaptation and ratio make them) and the
+/// membrane decays faster, the interior extremum is a
 /// minimum, and what is sampled there cannot exceed the drive at the start. This holds of the
 /// rounded values too under the conditions of minimumAdaptation (LaneCpuBackend.cpp) and with
 /// x := ratio - 1 of at least 1/64. Let W be the weighted adaptation, S the sum of both terms at
@@ -214,8 +215,8 @@ KELM_LANE_INLINE Doubles netDriveBound(TraceLanes state, Doubles last, Doubles s
     if (constants.non_leaky || !adapted || k1 == k2) return bound;
     const Doubles ratio = (traces.membrane * k1) / (weighted * k2);
     Mask inside = (traces.membrane != 0.0) & (weighted != 0.0) & (ratio > 0.0);
-    const Mask minimum = (ratio >= 1.0 + 0x1p-6) & (traces.membrane > 0.0) & ~moved &
-                         (traces.adaptation >= constants.minimum_adaptation);
+    const Mask minimum =
+        (ratio >= 1.0 + 0x1p-6) & (traces.adaptation >= constants.minimum_adaptation) & ~moved;
     inside = inside & ~minimum;
     // The logarithm has the sign of ratio - 1; the shift must be positive.
     inside = inside & (k1 > k2 ? Mask(ratio > 1.0) : Mask(ratio < 1.0));
