@@ -18,6 +18,7 @@ public:
                        const Kernel::Firing& firing,
                        const std::span<Kernel::WindowResult>& results) override;
     bool tryResidentRun(WindowEngine&) override { return false; }
+    std::size_t partItems() const override { return inner_->partItems(); }
 
     /// Time spent in the wrapped backend's processWindow so far, s.
     double seconds() const { return seconds_; }

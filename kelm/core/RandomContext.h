@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "kelm/core/Blob.h"
+#include "kelm/core/Prefetch.h"
 #include "kelm/core/SplitMix64.h"
 
 namespace Lumenar::Core::Runtime {
@@ -76,7 +77,7 @@ public:
     /// Hints that a stream of the family is asked for soon.
     void prefetch(Family family, std::uint64_t index) const {
         const FamilyTable& table = families_[family.place_];
-        if (index < table.dense.size()) __builtin_prefetch(&table.dense[index], 1);
+        if (index < table.dense.size()) Kelm::prefetchLine(&table.dense[index]);
     }
 
     /// Moves a stream by one step and returns its value, whatever the stream's mode; a tape is

@@ -39,7 +39,7 @@ FanoutFault buildFanoutTable(SynapseGraph& graph, std::uint64_t fanout, FanoutTa
             table.values.reserve(entries);
         }
         for (const EdgeId id : edges) {
-            const Synapse& synapse = graph.edge(id);
+            const Synapse synapse = graph.edge(id);
             if (!accepts(synapse)) return FanoutFault::edge;
             table.targets.push_back(synapse.target);
             table.values.push_back(deliveredValue(synapse));

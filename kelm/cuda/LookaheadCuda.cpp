@@ -263,7 +263,7 @@ const char* residentObstacle(SynapseGraph& graph) {
         const std::span<const EdgeId> edges = graph.outgoing(node);
         if (edges.size() != fanout) return "resident CUDA requires uniform fan-out";
         for (const EdgeId id : edges) {
-            const Synapse& synapse = graph.edge(id);
+            const Synapse synapse = graph.edge(id);
             if (!synapse.enabled || !graph.transmissionEnabled(synapse.inhibitory)) {
                 return "resident CUDA does not yet support disabled edges";
             }

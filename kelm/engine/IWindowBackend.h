@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <limits>
 #include <span>
 
 #include "kelm/core/ModelTime.h"
@@ -28,10 +30,10 @@ public:
     /// A text that is valid for the life of the program.
     virtual const char* name() = 0;
 
-    /// Computes one window.
+    /// Computes one window, or a part of one (see partItems).
     ///
-    /// `work`: shape (n), ascending by neuron. `events`: all events of the window; item i owns
-    /// event_count entries from its first_event on. `window_end`, `horizon`: ns, exclusive.
+    /// `work`: shape (n), ascending by neuron. `events`: all their events; item i owns event_count
+    /// entries from its first_event on. `window_end`, `horizon`: ns, exclusive.
     /// `neuron`, `firing`: the engine's uniform parameters. `results`: shape (n), written.
     virtual void processWindow(const std::span<const WindowWork>& work,
                                const std::span<const Kernel::WindowEvent>& events,
@@ -43,6 +45,13 @@ public:
     /// nothing tells it from one that ran window by window. False, which is always legal: nothing
     /// has changed, and the engine goes on window by window with this same backend.
     virtual bool tryResidentRun(WindowEngine& engine) = 0;
+
+    static constexpr std::size_t whole_window = std::numeric_limits<std::size_t>::max();
+
+    /// The most items that a call is to be given, at least 1. A backend that names a number never
+    /// throws, and the engine may then build, compute and commit a window part by part, so that
+    /// what a part touches is still in the processor's caches when it is committed.
+    virtual std::size_t partItems() const { return whole_window; }
 };
 
 }  // namespace Lumenar::Core::Kelm

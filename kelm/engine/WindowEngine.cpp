@@ -3,14 +3,14 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <limits>
 #include <type_traits>
 #include <utility>
 
 #include "kelm/core/Digest.h"
 #include "kelm/core/Failures.h"
 #include "kelm/core/FloatingPointEnvironment.h"
-#include "kelm/engine/TargetOrder.h"
+#include "kelm/core/Prefetch.h"
+#include "kelm/engine/WindowEvents.h"
 #include "kelm/events/BucketEventStore.h"
 
 namespace Lumenar::Core::Kelm {
@@ -21,7 +21,7 @@ constexpr std::uint64_t calendar_buckets = 4096;
 
 /// How many events ahead a window's memory is asked for: far enough for it to come, near enough for
 /// it to stay.
-constexpr std::size_t prefetch_distance = 8;
+constexpr std::size_t prefetch_distance = 16;
 constexpr const char* spontaneous_name = "spontaneous";
 constexpr std::uint64_t first_observation_id = 0x7fffffffffffffff;
 constexpr BlobTag format_tag("KELMWEN3");
@@ -38,14 +38,19 @@ std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index) {
 
 /// Working storage of one run, cleared but not released from window to window.
 struct WindowEngine::Window {
+    explicit Window(std::uint64_t node_count) : events(node_count) {}
+
     ModelTime start = 0;
     ModelTime end = 0;
-    std::vector<Event> taken;
-    TargetOrder order;
-    std::vector<Kernel::WindowEvent> events;    ///< grouped by target
-    std::vector<WindowWork> work;               ///< ascending by neuron; item_count are in use
-    std::vector<Kernel::WindowResult> results;  ///< as many are in use
+    std::vector<Event> taken;  ///< from a store that does not hand out its own storage
+    WindowEvents events;
+    std::size_t built = 0;  ///< events whose items have been built
+    // Of the part that is in work, or of the window.
+    std::vector<WindowWork> work;                  ///< ascending by neuron; item_count are in use
+    std::vector<Kernel::WindowResult> results;     ///< as many are in use
+    std::vector<Kernel::WindowEvent> item_events;  ///< grouped by item; item_event_count in use
     std::size_t item_count = 0;
+    std::size_t item_event_count = 0;
     bool hook_had_items = false;  ///< a prepare hook may have changed them, now or before
     std::size_t log_mark = 0;     ///< length of the log before this window
     std::vector<SpikeRecord> new_spikes;
@@ -212,34 +217,47 @@ void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
     }
 }
 
-/// The next window's events; those of one neuron are put in order later.
+/// The next window's events by target; those of one neuron are put in order later.
 template <class Store>
 bool WindowEngine::takeWindow(Store& store, ModelTime until, Window& window) {
     if constexpr (std::is_same_v<Store, BucketEventStore>) {
-        return store.takeUnordered(until, window.taken, window.start, window.end);
+        if (!store.takeWindow(until, window.events, window.start, window.end)) return false;
     } else {
-        return store.take(until, window.taken, window.start, window.end);
+        if (!store.take(until, window.taken, window.start, window.end)) return false;
+        window.events.addAll(window.taken);
     }
+    // A store that was handed in, or one out of a blob, may hold anything.
+    if (window.events.reachesOutside()) {
+        throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
+    }
+    window.events.sortByTarget();
+    window.built = 0;
+    return true;
 }
 
 template <class Store>
 void WindowEngine::runWindows(Store& store, IWindowBackend& backend, ModelTime until) {
-    Window window;
+    Window window(graph_.nodeCount());
     while (takeWindow(store, until, window)) {
         deliverObservations(window, window.start, false);
         window.log_mark = log_.size();
-        groupByTarget(window);
-        buildWork(window);
-        if (window.results.size() < window.item_count) window.results.resize(window.item_count);
-        const std::span<WindowWork> work(window.work.data(), window.item_count);
-        if (prepare_hook_ != nullptr) {
-            prepare_hook_->prepare(window.start, window.end, work, graph_);
+        const std::size_t part_items = partItems(window, backend);
+        while (window.built < window.events.size()) {
+            const bool first_part = window.built == 0;
+            buildWork(window, part_items);
+            const std::span<WindowWork> work(window.work.data(), window.item_count);
+            if (prepare_hook_ != nullptr) {
+                prepare_hook_->prepare(window.start, window.end, work, graph_);
+            }
+            backend.processWindow(work, {window.item_events.data(), window.item_event_count},
+                                  window.end, horizon_, uniform_neuron_, uniform_firing_,
+                                  {window.results.data(), window.item_count});
+            if (first_part) {
+                ++profile_.windows;
+                profile_.deliveries += window.events.size();
+            }
+            commitItems(store, window);
         }
-        backend.processWindow(work, window.events, window.end, horizon_, uniform_neuron_,
-                              uniform_firing_, {window.results.data(), window.item_count});
-        ++profile_.windows;
-        profile_.deliveries += window.taken.size();
-        commitWindow(store, window);
         if (commit_hook_ != nullptr) {
             // A copy: the hook may look at the log, which sorts it.
             window.new_spikes.assign(log_.begin() + static_cast<std::ptrdiff_t>(window.log_mark),
@@ -251,22 +269,12 @@ void WindowEngine::runWindows(Store& store, IWindowBackend& backend, ModelTime u
     deliverObservations(window, until, false);
 }
 
-void WindowEngine::groupByTarget(Window& window) const {
-    const std::size_t count = window.taken.size();
-    if (count > std::numeric_limits<std::uint32_t>::max()) {
-        throw WindowEngineError(WindowEngineError::window_too_large);
-    }
-    std::vector<TargetKey>& keys = window.order.keys();
-    keys.resize(count);
-    for (std::uint32_t i = 0; i < count; ++i) {
-        const NodeId target = window.taken[i].target;
-        // A store that was handed in may hold anything.
-        if (target >= graph_.nodeCount()) {
-            throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
-        }
-        keys[i] = {target, i};
-    }
-    window.order.sort(graph_.nodeCount());
+/// How many items are built, computed and committed at a time. No item reads what another's commit
+/// writes, so parts leave the same as the whole; but a hook before the backend and an observation
+/// inside the window have to see all items.
+std::size_t WindowEngine::partItems(const Window& window, IWindowBackend& backend) const {
+    if (prepare_hook_ != nullptr || observationDue(window.end)) return IWindowBackend::whole_window;
+    return std::max<std::size_t>(backend.partItems(), 1);
 }
 
 /// Fills in what the window gives an item; parameters and drive are there already, see buildWork.
@@ -278,21 +286,46 @@ void WindowEngine::fillItem(WindowWork& item, NodeId neuron) {
     item.pending_bound = candidates_[neuron].rate;
 }
 
-void WindowEngine::buildWork(Window& window) {
-    const std::vector<TargetKey>& keys = window.order.keys();
-    const std::size_t count = keys.size();
-    window.events.resize(count);
+/// Whether a neuron will probably fire before `end`.
+bool WindowEngine::candidateDue(NodeId neuron, ModelTime end) const {
+    const ModelTime time = candidates_[neuron].time;
+    return time >= 0 && time < end;
+}
+
+/// Asks for all that an item needs until its commit, once its first event is near: for where its
+/// synapses lie in a second step, and in a third, see buildWork, for the synapses.
+inline void WindowEngine::prefetchItem(const Window& window, std::size_t event) const {
+    if (event >= window.events.size()) return;
+    prefetchLine(&window.events.eventAt(event));
+    const NodeId n = window.events.targetAt(event);
+    // Both ends: every other state lies across two lines.
+    prefetchLine(&states_[n]);
+    prefetchLine(&states_[n].hazard_bound);
+    prefetchLine(&candidates_[n]);
+    prefetchLine(&candidates_[n].event_id);
+    random_.prefetch(spontaneous_, n);
+    if (calendar_ != nullptr) calendar_->prefetchCandidate(n);
+    const NodeId nearer = window.events.targetAt(event - prefetch_distance / 2);
+    if (candidateDue(nearer, window.end)) graph_.prefetchRoute(nearer);
+}
+
+/// Builds the next items, `item_limit` at most.
+void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
+    WindowEvents& events = window.events;
+    const std::size_t part = window.built;
     // Items stay from window to window. Parameters that are alike for all neurons are in them from
     // their making, and so is the empty drive, unless a hook may have changed either.
     window.hook_had_items = window.hook_had_items || prepare_hook_ != nullptr;
     const bool fresh = !alike_ || window.hook_had_items;
     std::size_t items = 0;
-    for (std::size_t first = 0; first < count; ++items) {
-        const NodeId n = keys[first].target;
+    std::size_t first = part;
+    for (; first < events.size() && items < item_limit; ++items) {
+        const NodeId n = events.targetAt(first);
         if (items == window.work.size()) {
             WindowWork& item = window.work.emplace_back();
             item.parameters = uniform_neuron_;
             item.firing = uniform_firing_;
+            window.results.emplace_back();
         }
         WindowWork& item = window.work[items];
         if (fresh) {
@@ -301,62 +334,34 @@ void WindowEngine::buildWork(Window& window) {
             item.drive = PhaseDrive();
         }
         fillItem(item, n);
-        item.first_event = static_cast<std::uint32_t>(first);
-        std::size_t end = first + 1;
-        while (end < count && keys[end].target == n) ++end;
-        if (end - first > 1) sortByTime(window, first, end);
+        const std::size_t end = events.orderTarget(first);
+        item.first_event = static_cast<std::uint32_t>(first - part);
+        item.event_count = static_cast<std::uint32_t>(end - first);
+        if (window.item_events.size() < end - part) window.item_events.resize(2 * (end - part));
         for (std::size_t i = first; i < end; ++i) {
-            if (i + prefetch_distance < count) prefetchFor(window, keys[i + prefetch_distance]);
-            const Event& event = window.taken[keys[i].index];
-            Kernel::WindowEvent& entry = window.events[i];
+            prefetchItem(window, i + prefetch_distance);
+            const Event& event = events.eventAt(i);
+            Kernel::WindowEvent& entry = window.item_events[i - part];
             entry.time = event.time;
             entry.value = event.value;
             entry.wake_only = event.kind == EventKind::candidate;
         }
-        item.event_count = static_cast<std::uint32_t>(end - first);
         first = end;
     }
-    window.item_count = items;
-}
-
-/// Puts the events of one neuron, keys [first, end), in the order of time and id.
-void WindowEngine::sortByTime(Window& window, std::size_t first, std::size_t end) {
-    const auto keys = window.order.keys().begin();
-    std::sort(keys + static_cast<std::ptrdiff_t>(first), keys + static_cast<std::ptrdiff_t>(end),
-              [&](const TargetKey& a, const TargetKey& b) {
-                  return EventLess()(window.taken[a.index], window.taken[b.index]);
-              });
-}
-
-/// Asks for what the commit of later items needs: their neurons' slots, and where they fired the
-/// synapses that deliver, whose place must be known first.
-void WindowEngine::prefetchCommit(const Window& window, std::size_t item) const {
-    const std::size_t far = item + 2 * prefetch_distance;
-    if (far < window.item_count && window.results[far].spike_count != 0) {
-        graph_.prefetchRoute(window.work[far].neuron);
+    for (const WindowWork& item : std::span(window.work.data(), items)) {
+        if (candidateDue(item.neuron, window.end)) graph_.prefetchSynapses(item.neuron);
     }
-    const std::size_t near = item + prefetch_distance;
-    if (near >= window.item_count) return;
-    const NodeId n = window.work[near].neuron;
-    __builtin_prefetch(&states_[n], 1);
-    __builtin_prefetch(&candidates_[n], 1);
-    if (calendar_ != nullptr) calendar_->prefetchCandidate(n);
-    if (window.results[near].spike_count != 0) graph_.prefetchSynapses(n);
+    window.built = first;
+    window.item_count = items;
+    window.item_event_count = first - part;
 }
 
-void WindowEngine::prefetchFor(const Window& window, const TargetKey& key) const {
-    __builtin_prefetch(&window.taken[key.index]);
-    __builtin_prefetch(&states_[key.target]);
-    __builtin_prefetch(&candidates_[key.target]);
-    random_.prefetch(spontaneous_, key.target);
-}
-
-/// Puts a window's results in force, in ascending NodeId and within a neuron in ascending time. The
-/// sequence of calls into the store, and so every new id, is a function of the results alone.
+/// Puts the results of a window, or of a part, in force: in ascending NodeId and within a neuron in
+/// ascending time. The sequence of calls into the store, and so every new id, is a function of the
+/// results alone.
 template <class Store>
-void WindowEngine::commitWindow(Store& store, Window& window) {
+void WindowEngine::commitItems(Store& store, const Window& window) {
     for (std::size_t i = 0; i < window.item_count; ++i) {
-        prefetchCommit(window, i);
         const NodeId n = window.work[i].neuron;
         const Kernel::WindowResult& result = window.results[i];
         if (result.bound_violation) throw WindowEngineError(WindowEngineError::bound_violation);
@@ -439,7 +444,7 @@ void WindowEngine::deliverObservations(Window& window, ModelTime limit, bool ins
 /// holds the generator as it stood.
 void WindowEngine::shadowRun(Window& window, ModelTime time) {
     for (const WindowWork& item : std::span(window.work.data(), window.item_count)) {
-        const Kernel::WindowEvent* events = window.events.data() + item.first_event;
+        const Kernel::WindowEvent* events = window.item_events.data() + item.first_event;
         std::uint32_t count = 0;
         while (count < item.event_count && events[count].time < time) ++count;
         const Kernel::WindowResult result = Kernel::processWindow(

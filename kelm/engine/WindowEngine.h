@@ -20,7 +20,6 @@
 namespace Lumenar::Core::Kelm {
 
 class BucketEventStore;
-struct TargetKey;
 
 /// The raw state with which neuron `index`'s random stream starts under `seed`.
 std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index);
@@ -178,14 +177,13 @@ private:
     void runWindows(Store& store, IWindowBackend& backend, ModelTime until);
     template <class Store>
     bool takeWindow(Store& store, ModelTime until, Window& window);
-    static void sortByTime(Window& window, std::size_t first, std::size_t end);
-    void groupByTarget(Window& window) const;
-    void buildWork(Window& window);
+    std::size_t partItems(const Window& window, IWindowBackend& backend) const;
+    void buildWork(Window& window, std::size_t item_limit);
     void fillItem(WindowWork& item, NodeId neuron);
-    void prefetchCommit(const Window& window, std::size_t item) const;
-    void prefetchFor(const Window& window, const TargetKey& key) const;
+    bool candidateDue(NodeId neuron, ModelTime end) const;
+    void prefetchItem(const Window& window, std::size_t event) const;
     template <class Store>
-    void commitWindow(Store& store, Window& window);
+    void commitItems(Store& store, const Window& window);
     template <class Store>
     void scheduleCandidate(Store& store, NodeId neuron, ModelTime time, double rate);
     bool observationDue(ModelTime limit) const;

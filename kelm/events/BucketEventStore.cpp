@@ -18,9 +18,6 @@ constexpr BlobTag format_tag("KELMBKT1");
 /// more is forged.
 constexpr std::uint64_t max_next_id = std::uint64_t{1} << 40;
 
-/// Dead entries below this number are not worth a sweep.
-constexpr std::uint64_t min_sweep = 1024;
-
 }  // namespace
 
 struct BucketEventStore::Header {
@@ -40,7 +37,7 @@ BucketEventStore::BucketEventStore(ModelTime d_min, std::uint64_t bucket_count)
     occupied_.resize(bucket_count / 64 + 1);
 }
 
-std::uint64_t BucketEventStore::post(const Event& event) {
+std::uint64_t BucketEventStore::postSlowly(const Event& event) {
     const std::int64_t bucket = event.time / d_min_;
     if (event.time < 0 || (started_ && bucket < cursor_)) {
         throw LookaheadViolation(LookaheadViolation::processed);
@@ -56,6 +53,9 @@ std::uint64_t BucketEventStore::post(const Event& event) {
     live_.insert(stored.id);
     ++next_id_;
     ++live_count_;
+    if (!beyondReach(bucket)) {
+        recent_ = {bucket * d_min_, static_cast<std::uint64_t>(d_min_), &ring_[slotOf(bucket)]};
+    }
     return stored.id;
 }
 
@@ -109,25 +109,16 @@ bool BucketEventStore::cancel(std::uint64_t id) {
 
 bool BucketEventStore::take(ModelTime until, std::vector<Event>& events, ModelTime& window_start,
                             ModelTime& window_end) {
-    if (!takeUnordered(until, events, window_start, window_end)) return false;
-    std::sort(events.begin(), events.end(), EventLess());
-    return true;
-}
-
-bool BucketEventStore::takeUnordered(ModelTime until, std::vector<Event>& events,
-                                     ModelTime& window_start, ModelTime& window_end) {
+    struct Copies {
+        std::vector<Event>& events;
+        void begin(std::size_t places) { events.reserve(places); }
+        void addChunk(std::span<const Event>) {}
+        void add(const Event& event) { events.push_back(event); }
+    };
     events.clear();
-    if (pendingCount() == 0) return false;
-    if (!started_) start();
-    // The first bucket that starts at `until` or later.
-    const std::int64_t stop = until <= 0 ? 0 : (until - 1) / d_min_ + 1;
-    while (events.empty()) {
-        if (!skipToOccupied(stop)) return false;
-        takeSlot(slotOf(cursor_), events);
-        ++cursor_;
-    }
-    window_start = (cursor_ - 1) * d_min_;
-    window_end = window_start + d_min_;
+    Copies copies{events};
+    if (!takeWindow(until, copies, window_start, window_end)) return false;
+    std::sort(events.begin(), events.end(), EventLess());
     return true;
 }
 
@@ -200,33 +191,9 @@ void BucketEventStore::enterEras() {
     candidates_.enterEras(cursor_, [&](std::uint64_t slot) { noteEntry(slot); });
 }
 
-/// Moves the living events of the cursor's slot to `events` and empties the slot.
-void BucketEventStore::takeSlot(std::uint64_t slot, std::vector<Event>& events) {
-    if (!isTimeOfWindow(cursor_)) requireEmpty(slot);
-    ChunkList<Event>& list = ring_[slot];
-    std::uint64_t entries = 0;
-    list.forEach([&](const Event& event) {
-        ++entries;
-        if (live_.contains(event.id)) events.push_back(event);
-    });
-    const std::size_t taken = events.size();
-    try {
-        candidates_.take(
-            cursor_, [&](std::size_t count) { events.reserve(taken + count); },
-            [&](NodeId neuron) {
-                events.push_back(candidateEvent(neuron, candidates_.slots()[neuron]));
-            },
-            [&](std::uint64_t entered) { noteEntry(entered); });
-    } catch (...) {
-        events.clear();
-        throw;
-    }
-    for (std::size_t i = 0; i < taken; ++i) live_.erase(events[i].id);
-    live_count_ -= taken;
-    dead_count_ -= entries - taken;
-    pool_.clear(list);
-    occupied_[slot / 64] &= ~(std::uint64_t{1} << (slot % 64));
-    --occupied_count_;
+void BucketEventStore::dropHandedOut() {
+    pool_.clear(handed_out_);
+    pool_.clear(woken_);
 }
 
 /// Throws where the cursor's slot, whose window ends beyond the range of time, holds something.
@@ -248,6 +215,7 @@ Event BucketEventStore::candidateEvent(NodeId neuron, const CandidateSlot& slot)
 }
 
 void BucketEventStore::sweepDeadEntries() {
+    recent_ = {};
     // With one chunk in hand no list runs out: it gives back a chunk for each that it fills anew.
     pool_.reserveChunks(1);
     for (std::uint64_t word = 0; word < occupied_.size(); ++word) {

@@ -34,7 +34,21 @@ public:
 
     /// Takes a copy of the event and gives it the next id.
     /// Throws LookaheadViolation for a time in a window already handed out, or before 0.
-    std::uint64_t post(const Event& event) override;
+    std::uint64_t post(const Event& event) override {
+        const auto offset =
+            static_cast<std::uint64_t>(event.time) - static_cast<std::uint64_t>(recent_.start);
+        if (offset >= recent_.width || dead_count_ > live_count_ + min_sweep) {
+            return postSlowly(event);
+        }
+        // Whatever can fail comes before the first change.
+        live_.reserve(next_id_);
+        Event& stored = pool_.append(*recent_.list, event);
+        clearGap(stored.gap);
+        stored.id = next_id_++;
+        live_.insert(stored.id);
+        ++live_count_;
+        return stored.id;
+    }
 
     bool cancel(std::uint64_t id) override;
 
@@ -45,9 +59,17 @@ public:
     bool take(ModelTime until, std::vector<Event>& events, ModelTime& window_start,
               ModelTime& window_end) override;
 
-    /// take without the order within the window: by bucket alone.
-    bool takeUnordered(ModelTime until, std::vector<Event>& events, ModelTime& window_start,
-                       ModelTime& window_end);
+    /// take without the order within the window and without copies. Calls window.begin(places)
+    /// with the number of places in which the events lie, which may throw, with the window still
+    /// in the store; then for each chunk of places window.addChunk(events), and for each event in
+    /// it that is pending window.add(event), neither of which may throw. A window whose events were
+    /// all cancelled is passed over, and begin called again for the next one.
+    /// The events stay where they lie until the next window is asked for.
+    template <class Window>
+    bool takeWindow(ModelTime until, Window& window, ModelTime& window_start,
+                    ModelTime& window_end);
+
+    static constexpr std::size_t chunk_places = ChunkList<Event>::chunk_records;
 
     /// Keeps the candidates of a network in `slots`, shape (neurons), none of which may hold an
     /// event: one candidate per neuron, scheduled by scheduleCandidate. The slots are the caller's
@@ -84,6 +106,7 @@ public:
     void resumeAt(std::int64_t bucket) {
         cursor_ = bucket;
         started_ = true;
+        recent_ = {};
     }
 
     /// Entries that candidates in slots have in the calendar; a few per neuron at most, whatever
@@ -96,6 +119,17 @@ public:
 private:
     struct Header;
 
+    /// Dead entries below this number are not worth a sweep.
+    static constexpr std::uint64_t min_sweep = 1024;
+
+    /// The bucket of the last post, whose times are those from start on: most posts go where the
+    /// one before has gone. Its list holds an entry; width is 0 where there is none.
+    struct RecentBucket {
+        ModelTime start = 0;
+        std::uint64_t width = 0;
+        ChunkList<Event>* list = nullptr;
+    };
+
     std::uint64_t pendingCount() const { return live_count_ + candidates_.pendingCount(); }
 
     std::uint64_t slotOf(std::int64_t bucket) const {
@@ -106,6 +140,7 @@ private:
         return static_cast<std::uint64_t>(bucket - cursor_) >= bucket_count_;
     }
     static bool readHeader(BlobReader& in, Header& header);
+    std::uint64_t postSlowly(const Event& event);
     void place(const Event& event, std::int64_t bucket);
     void appendToRing(const Event& event, std::int64_t bucket);
     void start();
@@ -124,7 +159,9 @@ private:
     static Event candidateEvent(NodeId neuron, const CandidateSlot& slot);
     std::int64_t firstOccupied(std::int64_t from, std::int64_t to) const;
     void enterEras();
-    void takeSlot(std::uint64_t slot, std::vector<Event>& events);
+    template <class Window>
+    std::uint64_t takeSlot(Window& window);
+    void dropHandedOut();
     void sweepDeadEntries();
     void sweepList(ChunkList<Event>& list);
     template <class Visit>
@@ -137,7 +174,9 @@ private:
     std::vector<std::uint64_t> occupied_;  ///< one bit per slot: it holds an entry, dead or alive
     std::uint64_t occupied_count_ = 0;
     std::map<std::int64_t, ChunkList<Event>>
-        eras_;  ///< by bucket / bucket_count, from the cursor's on
+        eras_;                     ///< by bucket / bucket_count, from the cursor's on
+    ChunkList<Event> handed_out_;  ///< the last window's events
+    ChunkList<Event> woken_;       ///< the last window's candidates out of slots
     CandidateCalendar candidates_;
     PendingIds live_;
     std::int64_t cursor_ = 0;
@@ -146,6 +185,74 @@ private:
     std::uint64_t live_count_ = 0;  ///< pending events, candidates in slots apart
     std::uint64_t dead_count_ = 0;
     std::uint64_t overflow_posts_ = 0;
+    RecentBucket recent_;
 };
+
+template <class Window>
+bool BucketEventStore::takeWindow(ModelTime until, Window& window, ModelTime& window_start,
+                                  ModelTime& window_end) {
+    dropHandedOut();
+    if (pendingCount() == 0) return false;
+    recent_ = {};
+    if (!started_) start();
+    // The first bucket that starts at `until` or later.
+    const std::int64_t stop = until <= 0 ? 0 : (until - 1) / d_min_ + 1;
+    for (std::uint64_t taken = 0; taken == 0; ++cursor_) {
+        dropHandedOut();
+        if (!skipToOccupied(stop)) return false;
+        taken = takeSlot(window);
+    }
+    window_start = (cursor_ - 1) * d_min_;
+    window_end = window_start + d_min_;
+    return true;
+}
+
+/// Empties the cursor's slot into `window` and returns the number of its events.
+template <class Window>
+std::uint64_t BucketEventStore::takeSlot(Window& window) {
+    const std::uint64_t slot = slotOf(cursor_);
+    if (!isTimeOfWindow(cursor_)) requireEmpty(slot);
+    ChunkList<Event>& list = ring_[slot];
+    const auto begin = [&](std::size_t candidate_count) {
+        const std::size_t chunks = (candidate_count + chunk_places - 1) / chunk_places;
+        pool_.reserveChunks(chunks);
+        window.begin((list.chunk_count + chunks) * chunk_places);
+    };
+    if (candidates_.holdsSlot(slot)) {
+        candidates_.take(
+            cursor_, begin,
+            [&](NodeId neuron) {
+                pool_.append(woken_, candidateEvent(neuron, candidates_.slots()[neuron]));
+            },
+            [&](std::uint64_t entered) { noteEntry(entered); });
+    } else {
+        begin(0);
+    }
+
+    // From here on nothing can fail.
+    woken_.forEachChunk([&](std::span<const Event> events) {
+        window.addChunk(events);
+        for (const Event& event : events) window.add(event);
+    });
+    std::uint64_t dead = 0;
+    list.forEachChunk([&](std::span<const Event> events) {
+        window.addChunk(events);
+        for (const Event& event : events) {
+            if (live_.erase(event.id)) {
+                window.add(event);
+            } else {
+                ++dead;
+            }
+        }
+    });
+    const std::uint64_t taken = list.size() - dead;
+    live_count_ -= taken;
+    dead_count_ -= dead;
+    handed_out_ = list;
+    list = {};
+    occupied_[slot / 64] &= ~(std::uint64_t{1} << (slot % 64));
+    --occupied_count_;
+    return taken + woken_.size();
+}
 
 }  // namespace Lumenar::Core::Kelm

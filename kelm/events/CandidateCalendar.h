@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kelm/core/ModelTime.h"
+#include "kelm/core/Prefetch.h"
 #include "kelm/events/CandidateSlot.h"
 #include "kelm/events/ChunkPool.h"
 
@@ -41,8 +42,8 @@ public:
 
     /// Hints that a neuron's candidate is scheduled soon.
     void prefetch(NodeId neuron) const {
-        __builtin_prefetch(&wake_buckets_[neuron], 1);
-        __builtin_prefetch(&pending_[neuron], 1);
+        prefetchLine(&wake_buckets_[neuron]);
+        prefetchLine(&pending_[neuron]);
     }
 
     /// Takes a neuron's candidate back, if it is pending.
@@ -95,6 +96,15 @@ private:
         return bucket / static_cast<std::int64_t>(bucket_count_);
     }
     std::int64_t bucketOf(NodeId neuron) const { return slots_[neuron].time / d_min_; }
+    /// Asks for what is known of the next neurons of a list, which lie anywhere: one wait for all.
+    /// Returns their number.
+    std::uint32_t prefetchHead(const ChunkList<NodeId>& list) const {
+        for (const NodeId neuron : std::span(list.head->records, list.head_count)) {
+            prefetch(neuron);
+            prefetchLine(&slots_[neuron].time);
+        }
+        return list.head_count;
+    }
     /// Puts a wake-up into the ring, which is told by true, or into its era.
     bool insert(NodeId neuron, std::int64_t bucket, std::int64_t cursor);
     void sweep(std::int64_t cursor);
@@ -150,10 +160,13 @@ void CandidateCalendar::take(std::int64_t cursor, Room room, Due due, Entered en
     ChunkList<NodeId>& list = ring_[slotOf(cursor)];
     ChunkList<NodeId> found;
     std::size_t count = 0;
+    std::uint32_t asked_for = 0;
     try {
         while (!list.isEmpty()) {
             // With one chunk in hand no list here runs out: it takes what the others give back.
             pool_.reserveChunks(1);
+            if (asked_for == 0) asked_for = prefetchHead(list);
+            --asked_for;
             const NodeId neuron = pool_.takeAny(list);
             if (wake_buckets_[neuron] == cursor && pending_[neuron] != 0) {
                 const std::int64_t bucket = bucketOf(neuron);

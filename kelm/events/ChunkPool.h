@@ -3,33 +3,56 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <vector>
+
+#include "kelm/core/Prefetch.h"
 
 namespace Lumenar::Core::Kelm {
 
 /// A run of records in chunks, in no meaningful order. Only the pool that filled it can empty it.
 template <class Record>
 struct ChunkList {
-    static constexpr std::uint32_t chunk_records = 15;
+    static constexpr std::uint32_t chunk_records = 16;
 
     struct Chunk {
-        Record records[chunk_records];
+        /// Records as large as a cache line lie in one each.
+        alignas(sizeof(Record) % 64 == 0 ? 64 : alignof(Record)) Record records[chunk_records];
         Chunk* next = nullptr;
+
+        void prefetch() const {
+            for (std::size_t byte = 0; byte < sizeof(Chunk); byte += 64) {
+                prefetchLine(reinterpret_cast<const char*>(this) + byte);
+            }
+        }
     };
 
-    Chunk* head = nullptr;         ///< all chunks behind the head are full
-    std::uint32_t head_count = 0;  ///< records in the head
+    Chunk* head = nullptr;          ///< all chunks behind the head are full
+    std::uint32_t head_count = 0;   ///< records in the head
+    std::uint32_t chunk_count = 0;  ///< the head included
 
     bool isEmpty() const { return head == nullptr; }
+    std::size_t size() const {
+        return isEmpty() ? 0 : (chunk_count - std::size_t{1}) * chunk_records + head_count;
+    }
 
+    /// Calls visit(records) for the records of each chunk, with the next one asked for: chunks lie
+    /// anywhere.
+    template <class Visit>
+    void forEachChunk(Visit visit) const {
+        std::uint32_t count = head_count;
+        for (const Chunk* chunk = head; chunk != nullptr; chunk = chunk->next) {
+            if (chunk->next != nullptr) chunk->next->prefetch();
+            visit(std::span<const Record>(chunk->records, count));
+            count = chunk_records;
+        }
+    }
     /// Calls visit(record) for each record.
     template <class Visit>
     void forEach(Visit visit) const {
-        std::uint32_t count = head_count;
-        for (const Chunk* chunk = head; chunk != nullptr; chunk = chunk->next) {
-            for (std::uint32_t i = 0; i < count; ++i) visit(chunk->records[i]);
-            count = chunk_records;
-        }
+        forEachChunk([&](std::span<const Record> records) {
+            for (const Record& record : records) visit(record);
+        });
     }
 };
 
@@ -46,19 +69,11 @@ public:
         while (free_count_ < count) addBlock();
     }
 
-    /// Adds a copy of `record` to `list`. May throw std::bad_alloc, with the list as it was, unless
-    /// a chunk is reserved.
-    void append(List& list, const Record& record) {
-        if (list.head == nullptr || list.head_count == List::chunk_records) {
-            reserveChunks(1);
-            Chunk* chunk = free_;
-            free_ = chunk->next;
-            --free_count_;
-            chunk->next = list.head;
-            list.head = chunk;
-            list.head_count = 0;
-        }
-        list.head->records[list.head_count++] = record;
+    /// Adds a copy of `record` to `list` and returns it, in its place for now. May throw
+    /// std::bad_alloc, with the list as it was, unless a chunk is reserved.
+    Record& append(List& list, const Record& record) {
+        if (list.head == nullptr || list.head_count == List::chunk_records) addChunk(list);
+        return list.head->records[list.head_count++] = record;
     }
 
     /// Takes one record out of a list that is not empty.
@@ -67,6 +82,7 @@ public:
         if (list.head_count == 0) {
             Chunk* emptied = list.head;
             list.head = emptied->next;
+            --list.chunk_count;
             list.head_count = list.head == nullptr ? 0 : List::chunk_records;
             release(emptied);
         }
@@ -81,9 +97,22 @@ public:
             release(chunk);
         }
         list.head_count = 0;
+        list.chunk_count = 0;
     }
 
 private:
+    void addChunk(List& list) {
+        reserveChunks(1);
+        Chunk* chunk = free_;
+        free_ = chunk->next;
+        --free_count_;
+        chunk->next = list.head;
+        list.head = chunk;
+        list.head_count = 0;
+        ++list.chunk_count;
+        // The next one to be filled, by whichever list.
+        if (free_ != nullptr) free_->prefetch();
+    }
     void addBlock() {
         blocks_.reserve(blocks_.size() + 1);
         const std::size_t count = next_block_chunks_;

@@ -36,8 +36,9 @@ void PendingIds::addPage(std::uint64_t number) {
     while (table_[i] != no_page) i = (i + 1) & mask;
     table_[i] = place;
 
-    const std::uint32_t before = lookUp(newest_);
+    const std::uint32_t before = newest_place_;
     newest_ = number;
+    newest_place_ = place;
     if (before != no_page && before != place && pages_[before].count == 0) removePage(before);
 }
 

@@ -17,12 +17,17 @@ public:
     /// Makes room for `id`, so that insert of it cannot fail. May throw std::bad_alloc, with
     /// nothing changed.
     void reserve(std::uint64_t id) {
-        if (pageOf(id) == no_page) addPage(id / page_bits);
+        const std::uint64_t number = id / page_bits;
+        if (number == newest_ && newest_place_ != no_page) return;
+        if (pageOf(id) == no_page) addPage(number);
     }
 
     /// Adds an id that reserve was called for and that is not in.
     void insert(std::uint64_t id) noexcept {
-        Page& page = pages_[pageOf(id)];
+        // Ids come in their order: the newest page is found without a look-up, whatever page was
+        // asked for in between.
+        const bool newest = id / page_bits == newest_ && newest_place_ != no_page;
+        Page& page = pages_[newest ? newest_place_ : pageOf(id)];
         page.words[wordOf(id)] |= bitOf(id);
         ++page.count;
     }
@@ -81,10 +86,11 @@ private:
     void grow();
 
     std::vector<Page> pages_;
-    std::vector<std::uint32_t> free_;   ///< places in pages_ that hold no page
-    std::vector<std::uint32_t> table_;  ///< places by hash of the number, or no_page
-    unsigned shift_ = 64;               ///< 64 less the binary logarithm of the table's size
-    std::uint64_t newest_ = 0;          ///< number of the page begun last
+    std::vector<std::uint32_t> free_;       ///< places in pages_ that hold no page
+    std::vector<std::uint32_t> table_;      ///< places by hash of the number, or no_page
+    unsigned shift_ = 64;                   ///< 64 less the binary logarithm of the table's size
+    std::uint64_t newest_ = 0;              ///< number of the page begun last
+    std::uint32_t newest_place_ = no_page;  ///< of that page
     mutable std::uint32_t recent_ = no_page;
 };
 

@@ -40,22 +40,23 @@ bool readSynapse(BlobReader& in, Synapse& synapse, bool& routed) {
 
 SynapseGraph::SynapseGraph(std::uint64_t node_count, std::optional<ModelTime> min_delay,
                            std::vector<Synapse> edges)
-    : node_count_(node_count), min_delay_(min_delay), edges_(std::move(edges)) {
+    : node_count_(node_count), min_delay_(min_delay) {
     if (min_delay_ && *min_delay_ < 1) {
         throw InvalidSynapse(InvalidSynapse::min_delay_not_positive);
     }
-    for (const Synapse& synapse : edges_) {
+    synapses_.reserve(edges.size());
+    for (const Synapse& synapse : edges) {
         if (const char* fault = faultOf(synapse, node_count_, min_delay_)) {
             throw InvalidSynapse(fault);
         }
+        synapses_.append(synapse, true);
     }
-    routed_.assign(edges_.size(), 1);
-    routed_count_ = edges_.size();
+    routed_count_ = synapses_.size();
 }
 
 /// Lists the routed synapses by one of their ends. Ascending EdgeId within a list: it fixes the
 /// order of deliveries, and with it the ids of events.
-void SynapseGraph::buildRoutes(Routes& routes, NodeId Synapse::*end) {
+void SynapseGraph::buildRoutes(Routes& routes, End end) {
     // One entry more than there are neurons: it must not wrap around to a table without entries.
     if (node_count_ >= routes.offsets.max_size()) {
         throw std::length_error("the network has more neurons than a table can hold");
@@ -63,37 +64,47 @@ void SynapseGraph::buildRoutes(Routes& routes, NodeId Synapse::*end) {
     // Each list is filled from its beginning, which moves its offset to its end: to where the next
     // one's offset stood.
     routes.offsets.assign(node_count_ + 1, 0);
-    for (EdgeId id = 0; id < edges_.size(); ++id) {
-        if (routed_[id] != 0) ++routes.offsets[edges_[id].*end];
+    routes.edges = {};
+    routes.ascending = routed_count_ == synapses_.size();
+    NodeId last = 0;
+    for (EdgeId id = 0; id < synapses_.size(); ++id) {
+        if (!synapses_.isRouted(id)) continue;
+        const NodeId node = (synapses_.*end)(id);
+        ++routes.offsets[node];
+        routes.ascending = routes.ascending && node >= last;
+        last = node;
     }
     std::uint64_t sum = 0;
     for (std::uint64_t& offset : routes.offsets) sum += std::exchange(offset, sum);
-    routes.edges.resize(routed_count_);
-    bool ascending = true;
-    for (EdgeId id = 0; id < edges_.size(); ++id) {
-        if (routed_[id] == 0) continue;
-        const std::uint64_t place = routes.offsets[edges_[id].*end]++;
-        routes.edges[place] = id;
-        ascending = ascending && place == id;
+    if (!routes.ascending) {
+        routes.edges.resize(routed_count_);
+        for (EdgeId id = 0; id < synapses_.size(); ++id) {
+            if (!synapses_.isRouted(id)) continue;
+            routes.edges[routes.offsets[(synapses_.*end)(id)]++] = id;
+        }
+        std::copy_backward(routes.offsets.begin(), routes.offsets.end() - 1, routes.offsets.end());
+        routes.offsets[0] = 0;
     }
-    std::copy_backward(routes.offsets.begin(), routes.offsets.end() - 1, routes.offsets.end());
-    routes.offsets[0] = 0;
-    routes.ascending = ascending;
     if (!out_.built && !in_.built) ++rebuilds_;
     routes.built = true;
 }
 
+void SynapseGraph::listAscending(Routes& routes) {
+    routes.edges.resize(routed_count_);
+    std::iota(routes.edges.begin(), routes.edges.end(), EdgeId{0});
+}
+
 std::span<const std::uint64_t> SynapseGraph::outOffsets() { return outRoutes().offsets; }
 
-std::span<const EdgeId> SynapseGraph::outEdges() { return outRoutes().edges; }
+std::span<const EdgeId> SynapseGraph::outEdges() { return listed(outRoutes()).edges; }
 
 std::optional<ModelTime> SynapseGraph::dMin() {
     if (min_delay_) return min_delay_;
     if (d_min_stale_) {
         derived_d_min_.reset();
-        for (EdgeId id = 0; id < edges_.size(); ++id) {
-            if (routed_[id] == 0) continue;
-            const ModelTime delay = edges_[id].delay;
+        for (EdgeId id = 0; id < synapses_.size(); ++id) {
+            if (!synapses_.isRouted(id)) continue;
+            const ModelTime delay = synapses_[id].delay;
             derived_d_min_ = derived_d_min_ ? std::min(*derived_d_min_, delay) : delay;
         }
         d_min_stale_ = false;
@@ -103,9 +114,9 @@ std::optional<ModelTime> SynapseGraph::dMin() {
 
 void SynapseGraph::setWeight(EdgeId id, float weight) {
     if (!isWeight(weight)) throw InvalidSynapse(InvalidSynapse::weight);
-    Synapse& synapse = edges_[checked(id)];
-    if (reweighted_.recording) noteReweighted(synapse.target);
-    synapse.weight = weight;
+    checked(id);
+    if (reweighted_.recording) noteReweighted(synapses_.target(id));
+    synapses_.setWeight(id, weight);
 }
 
 void SynapseGraph::noteReweighted(NodeId target) {
@@ -131,16 +142,16 @@ void SynapseGraph::takeReweightedTargets(std::vector<NodeId>& targets) {
 
 Blob SynapseGraph::snapshot() const {
     Blob blob;
-    blob.reserve(35 + edges_.size() * edge_bytes);
+    blob.reserve(35 + synapses_.size() * edge_bytes);
     appendTag(blob, format_tag);
     appendU64(blob, node_count_);
     appendFlag(blob, min_delay_.has_value());
     appendI64(blob, min_delay_.value_or(0));
     appendFlag(blob, excitatory_on_);
     appendFlag(blob, inhibitory_on_);
-    appendU64(blob, edges_.size());
-    for (EdgeId id = 0; id < edges_.size(); ++id) {
-        const Synapse& synapse = edges_[id];
+    appendU64(blob, synapses_.size());
+    for (EdgeId id = 0; id < synapses_.size(); ++id) {
+        const Synapse synapse = synapses_[id];
         appendU64(blob, synapse.source);
         appendU64(blob, synapse.target);
         appendF32(blob, synapse.weight);
@@ -152,7 +163,7 @@ Blob SynapseGraph::snapshot() const {
         appendFlag(blob, synapse.enabled);
         appendU32(blob, synapse.reserved_c);
         appendU64(blob, synapse.reserved_d);
-        appendU8(blob, routed_[id]);
+        appendFlag(blob, synapses_.isRouted(id));
     }
     return blob;
 }
@@ -175,20 +186,22 @@ bool SynapseGraph::restore(BlobView blob) {
     if (has_min_delay) min_delay = stored_min_delay;
     if (min_delay && *min_delay < 1) return false;
 
-    std::vector<Synapse> edges(edge_count);
-    std::vector<std::uint8_t> routed(edge_count);
+    SynapseTable synapses;
+    synapses.reserve(edge_count);
+    std::uint64_t routed_count = 0;
     for (EdgeId id = 0; id < edge_count; ++id) {
-        bool is_routed = false;
-        if (!readSynapse(in, edges[id], is_routed)) return false;
-        if (faultOf(edges[id], node_count_, min_delay) != nullptr) return false;
-        routed[id] = is_routed ? 1 : 0;
+        Synapse synapse;
+        bool routed = false;
+        if (!readSynapse(in, synapse, routed)) return false;
+        if (faultOf(synapse, node_count_, min_delay) != nullptr) return false;
+        synapses.append(synapse, routed);
+        if (routed) ++routed_count;
     }
     if (!in.atEnd()) return false;
 
     min_delay_ = min_delay;
-    routed_count_ = static_cast<std::uint64_t>(std::count(routed.begin(), routed.end(), 1));
-    edges_ = std::move(edges);
-    routed_ = std::move(routed);
+    routed_count_ = routed_count;
+    synapses_ = std::move(synapses);
     excitatory_on_ = excitatory_on != 0;
     inhibitory_on_ = inhibitory_on != 0;
     out_.built = false;

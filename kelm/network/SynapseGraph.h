@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -9,8 +8,10 @@
 #include "kelm/core/Blob.h"
 #include "kelm/core/Failures.h"
 #include "kelm/core/ModelTime.h"
+#include "kelm/core/Prefetch.h"
 #include "kelm/events/IEventStore.h"
 #include "kelm/network/Synapse.h"
+#include "kelm/network/SynapseTable.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -21,12 +22,14 @@ namespace Lumenar::Core::Kelm {
 /// are allowed. Neurons and synapses are never added or removed after construction; weights, times
 /// of last change and the switches move.
 ///
-/// The routing tables are built when they are first read, so a read may build them and is not
-/// constant. Views are valid until the graph is assigned to or restored. A graph that was moved
-/// from may only be assigned to or destroyed. Used by one thread at a time.
+/// The synapses lie in columns, 20 bytes each while they are as usual, and a graph given in the
+/// order of sources needs no outgoing lists to deliver. The routing tables are built when they are
+/// first read, so a read may build them and is not constant. Views are valid until the graph is
+/// assigned to or restored. A graph that was moved from may only be assigned to or destroyed. Used
+/// by one thread at a time.
 class SynapseGraph {
 public:
-    /// Takes over the synapses; a synapse's EdgeId is its place in the list.
+    /// Takes the synapses; a synapse's EdgeId is its place in the list.
     /// `min_delay`: declared smallest delay in ns, or none.
     /// Throws InvalidSynapse for a min_delay below 1, then for the first synapse that breaks the
     /// invariant: endpoints, weight, delay, in this order.
@@ -34,14 +37,14 @@ public:
                  std::vector<Synapse> edges);
 
     std::uint64_t nodeCount() const { return node_count_; }
-    std::uint64_t edgeCount() const { return edges_.size(); }
+    std::uint64_t edgeCount() const { return synapses_.size(); }
     std::uint64_t routedCount() const { return routed_count_; }
 
     /// The synapses that leave `node`, ascending by EdgeId.
     /// Throws SynapseRoutingViolation for a node outside the network.
     std::span<const EdgeId> outgoing(NodeId node) {
         if (node >= node_count_) throw SynapseRoutingViolation(SynapseRoutingViolation::source);
-        return outRoutes().of(node);
+        return listed(outRoutes()).of(node);
     }
     /// The synapses that enter `node`, ascending by EdgeId.
     /// Throws SynapseRoutingViolation for a node outside the network.
@@ -49,8 +52,8 @@ public:
         if (node >= node_count_) {
             throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
         }
-        if (!in_.built) buildRoutes(in_, &Synapse::target);
-        return in_.of(node);
+        if (!in_.built) buildRoutes(in_, &SynapseTable::target);
+        return listed(in_).of(node);
     }
     /// Shape (nodeCount() + 1): neuron n's outgoing list is outEdges() from entry n to entry n + 1.
     std::span<const std::uint64_t> outOffsets();
@@ -65,10 +68,13 @@ public:
     std::uint64_t rebuilds() const { return rebuilds_; }
 
     /// Each throws SynapseRoutingViolation for an id outside the network.
-    const Synapse& edge(EdgeId id) const { return edges_[checked(id)]; }
-    bool isRouted(EdgeId id) const { return routed_[checked(id)] != 0; }
-    ModelTime lastChange(EdgeId id) const { return edges_[checked(id)].last_change; }
-    ModelTime& lastChange(EdgeId id) { return edges_[checked(id)].last_change; }
+    Synapse edge(EdgeId id) const { return synapses_[checked(id)]; }
+    NodeId source(EdgeId id) const { return synapses_.source(checked(id)); }
+    NodeId target(EdgeId id) const { return synapses_.target(checked(id)); }
+    bool isRouted(EdgeId id) const { return synapses_.isRouted(checked(id)); }
+    ModelTime lastChange(EdgeId id) const { return synapses_.lastChange(checked(id)); }
+    /// The first call may throw std::bad_alloc, with nothing changed.
+    ModelTime& lastChange(EdgeId id) { return synapses_.lastChange(checked(id)); }
 
     /// Whether synapses of a class, excitatory or inhibitory, transmit.
     bool transmissionEnabled(bool inhibitory) const {
@@ -81,7 +87,7 @@ public:
     /// Switches one synapse on or off from the next delivery on; events on their way arrive. It
     /// stays routed and counts for dMin() either way.
     /// Throws SynapseRoutingViolation for an id outside the network.
-    void setEnabled(EdgeId id, bool on) { edges_[checked(id)].enabled = on; }
+    void setEnabled(EdgeId id, bool on) { synapses_.setEnabled(checked(id), on); }
 
     /// Sets a weight magnitude from the next delivery on; events on their way keep their value.
     /// Throws InvalidSynapse for a weight that is negative or not finite, then
@@ -100,18 +106,19 @@ public:
     /// Hints that deliver from `source` comes soon: first its place in the routes, later its first
     /// synapses. Do nothing but ask for memory; `source` must lie in the network.
     void prefetchRoute(NodeId source) const {
-        if (out_.built) __builtin_prefetch(&out_.offsets[source]);
+        if (out_.built) prefetchLine(&out_.offsets[source]);
     }
     void prefetchSynapses(NodeId source) const {
         if (!out_.built) return;
         const std::uint64_t first = out_.offsets[source];
-        if (!out_.ascending) {
-            __builtin_prefetch(out_.edges.data() + first);
-            return;
+        if (out_.ascending) {
+            synapses_.prefetchRange(first, out_.offsets[source + 1]);
+        } else {
+            prefetchLine(out_.edges.data() + first);
         }
-        const std::uint64_t count = std::min(out_.offsets[source + 1] - first, prefetched_synapses);
-        for (std::uint64_t i = 0; i < count; ++i) __builtin_prefetch(&edges_[first + i]);
     }
+    /// Hints that a synapse is read soon; `id` must lie in the network.
+    void prefetchEdge(EdgeId id) const { synapses_.prefetch(id); }
 
     /// Posts one delivery for each transmitting synapse of `source`, in EdgeId order, for a spike
     /// at `time` ns, and returns their number. A Sink of a final class is called directly.
@@ -119,13 +126,13 @@ public:
     /// beyond the range of ModelTime; the deliveries before it stay posted.
     template <class Sink>
     std::uint64_t deliver(NodeId source, ModelTime time, Sink& sink) {
+        if (source >= node_count_) throw SynapseRoutingViolation(SynapseRoutingViolation::source);
+        const Routes& routes = outRoutes();
         std::uint64_t count = 0;
-        const std::span<const EdgeId> ids = outgoing(source);
-        const std::uint64_t first = out_.offsets[source];
-        for (std::uint64_t i = 0; i < ids.size(); ++i) {
-            // A graph in source order says without a look where its synapses are.
-            const EdgeId id = out_.ascending ? first + i : ids[i];
-            const Synapse& synapse = edges_[id];
+        const std::uint64_t end = routes.offsets[source + 1];
+        for (std::uint64_t i = routes.offsets[source]; i < end; ++i) {
+            const EdgeId id = routes.ascending ? i : routes.edges[i];
+            const Synapse synapse = synapses_[id];
             if (!synapse.enabled || !transmissionEnabled(synapse.inhibitory)) continue;
             Event event;
             event.time = addTime(time, synapse.delay);
@@ -152,9 +159,6 @@ public:
     [[nodiscard]] bool restore(BlobView blob);
 
 private:
-    /// As many as a processor fetches at once without losing some.
-    static constexpr std::uint64_t prefetched_synapses = 16;
-
     /// Which neurons' incoming weights were set. It stays behind when the graph is copied or moved:
     /// whoever asks another graph has not yet looked at any of its neurons.
     struct ReweightedTargets {
@@ -176,32 +180,40 @@ private:
     };
 
     std::size_t checked(EdgeId id) const {
-        if (id >= edges_.size()) throw SynapseRoutingViolation(SynapseRoutingViolation::edge);
+        if (id >= synapses_.size()) throw SynapseRoutingViolation(SynapseRoutingViolation::edge);
         return static_cast<std::size_t>(id);
     }
     /// The routed synapses by one of their ends, in compressed sparse rows.
     struct Routes {
         std::vector<std::uint64_t> offsets;  ///< shape (neurons + 1)
-        std::vector<EdgeId> edges;           ///< shape (routed synapses)
+        std::vector<EdgeId> edges;           ///< shape (routed synapses), see ascending
         bool built = false;
-        bool ascending = false;  ///< entry i is synapse i: a graph given in this order
+        /// Entry i is synapse i: a graph given in this order. The list is then left out until
+        /// somebody wants to read it.
+        bool ascending = false;
 
         std::span<const EdgeId> of(NodeId node) const {
             return {edges.data() + offsets[node], edges.data() + offsets[node + 1]};
         }
     };
 
-    const Routes& outRoutes() {
-        if (!out_.built) buildRoutes(out_, &Synapse::source);
+    Routes& outRoutes() {
+        if (!out_.built) buildRoutes(out_, &SynapseTable::source);
         return out_;
     }
-    void buildRoutes(Routes& routes, NodeId Synapse::*end);
+    using End = NodeId (SynapseTable::*)(EdgeId) const;
+    void buildRoutes(Routes& routes, End end);
+    /// The routes, with their list.
+    const Routes& listed(Routes& routes) {
+        if (routes.edges.size() != routed_count_) listAscending(routes);
+        return routes;
+    }
+    void listAscending(Routes& routes);
     void noteReweighted(NodeId target);
 
     std::uint64_t node_count_;
     std::optional<ModelTime> min_delay_;
-    std::vector<Synapse> edges_;
-    std::vector<std::uint8_t> routed_;  ///< 1 for an edge in the routing tables
+    SynapseTable synapses_;
     std::uint64_t routed_count_ = 0;
     Routes out_;
     Routes in_;  ///< built when it is first asked for: only learning asks

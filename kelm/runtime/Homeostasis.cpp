@@ -38,7 +38,7 @@ bool scaleNeuron(SynapseGraph& graph, NodeId neuron, double cap) {
 void prefetchIncoming(SynapseGraph& graph, NodeId neuron) {
     const std::span<const EdgeId> list = graph.incoming(neuron);
     for (const EdgeId id : list.first(std::min(list.size(), prefetched_synapses))) {
-        __builtin_prefetch(&graph.edge(id));
+        graph.prefetchEdge(id);
     }
 }
 

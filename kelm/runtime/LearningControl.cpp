@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "kelm/core/Failures.h"
+#include "kelm/core/Prefetch.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -137,7 +138,7 @@ LearningStatistics LearningControl::applyChanges(SynapseGraph& graph,
         if (!graph.isRouted(change.edge)) continue;
         if (stopped) {
             ++statistics.frozen_out;
-        } else if (!neuronAdmitted(graph.edge(change.edge).target)) {
+        } else if (!neuronAdmitted(graph.target(change.edge))) {
             ++statistics.blocked_by_group;
         } else if (!gate_open) {
             ++statistics.gated;
@@ -202,8 +203,8 @@ void LearningControl::fade(SynapseGraph& graph, ModelTime window_end,
         // In the order of first touch, which is none in memory.
         if (i + prefetch_distance < pending_edges_.size()) {
             const EdgeId later = pending_edges_[i + prefetch_distance];
-            __builtin_prefetch(&synapses_[later], 1);
-            __builtin_prefetch(&graph.edge(later), 1);
+            prefetchLine(&synapses_[later]);
+            graph.prefetchEdge(later);
         }
         const EdgeId edge = pending_edges_[i];
         const SynapseLearningState& state = synapses_[edge];

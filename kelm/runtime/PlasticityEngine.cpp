@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "kelm/core/Failures.h"
+#include "kelm/core/Prefetch.h"
 #include "kelm/runtime/OscillatorBank.h"
 #include "kelm/runtime/PhaseSample.h"
 
@@ -99,10 +100,10 @@ double PlasticityEngine::phaseOf(NodeId neuron, ModelTime time) const {
 /// At the head of each block of a neuron's synapses, asks for the traces at their other ends, which
 /// lie anywhere: one wait for many of them, instead of one each.
 void PlasticityEngine::prefetchPartners(const SynapseGraph& graph, std::span<const EdgeId> ids,
-                                        std::size_t place, NodeId Synapse::*end) const {
+                                        std::size_t place, End end) const {
     if (place % prefetched_synapses != 0) return;
     for (const EdgeId id : ids.subspan(place, std::min(prefetched_synapses, ids.size() - place))) {
-        __builtin_prefetch(&traces_[graph.edge(id).*end], 1);
+        prefetchLine(&traces_[(graph.*end)(id)]);
     }
 }
 
@@ -118,8 +119,8 @@ void PlasticityEngine::processSpike(const SpikeRecord& spike, SynapseGraph& grap
     const double phase = phaseOf(neuron, time);
     const auto outgoing = graph.outgoing(neuron);
     for (std::size_t i = 0; i < outgoing.size(); ++i) {
-        prefetchPartners(graph, outgoing, i, &Synapse::target);
-        const Synapse& synapse = graph.edge(outgoing[i]);
+        prefetchPartners(graph, outgoing, i, &SynapseGraph::target);
+        const Synapse synapse = graph.edge(outgoing[i]);
         if (!synapse.enabled) continue;
         SpikeTrace& other = traces_[synapse.target];
         advance(other, time);
@@ -129,8 +130,8 @@ void PlasticityEngine::processSpike(const SpikeRecord& spike, SynapseGraph& grap
     }
     const auto incoming = graph.incoming(neuron);
     for (std::size_t i = 0; i < incoming.size(); ++i) {
-        prefetchPartners(graph, incoming, i, &Synapse::source);
-        const Synapse& synapse = graph.edge(incoming[i]);
+        prefetchPartners(graph, incoming, i, &SynapseGraph::source);
+        const Synapse synapse = graph.edge(incoming[i]);
         if (!synapse.enabled) continue;
         SpikeTrace& other = traces_[synapse.source];
         advance(other, time);

@@ -89,8 +89,9 @@ private:
         return synapse.inhibitory ? inhibitory_ : excitatory_;
     }
     void advance(SpikeTrace& trace, ModelTime time) const;
+    using End = NodeId (SynapseGraph::*)(EdgeId) const;
     void prefetchPartners(const SynapseGraph& graph, std::span<const EdgeId> ids, std::size_t place,
-                          NodeId Synapse::*end) const;
+                          End end) const;
     void processSpike(const SpikeRecord& spike, SynapseGraph& graph);
     void propose(EdgeId edge, const Synapse& synapse, ModelTime time, PlasticitySide side,
                  double factor, double spike_phase);
