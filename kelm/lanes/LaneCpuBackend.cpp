@@ -158,9 +158,6 @@ public:
     }
 
 private:
-    static constexpr std::size_t cache_line = 64;
-    static constexpr std::size_t prefetched_items = 8;
-
     /// What a walk needs between its steps and the vectors do not.
     struct Walk {
         std::size_t item;
@@ -183,26 +180,11 @@ private:
         return !driven && equalBytes(item.parameters, neuron_) && equalBytes(item.firing, firing_);
     }
 
-    /// Asks ahead for the lines of an item that a walk reads and of its result. A pass over items
-    /// computes too little for each of them to hide the wait for memory.
-    void prefetch(std::size_t index) const {
-        if (index >= work_.size()) return;
-        const auto* item = reinterpret_cast<const char*>(&work_[index]);
-        constexpr std::size_t read_bytes = offsetof(WindowWork, drive) + offsetof(PhaseDrive, gap);
-        for (std::size_t at = 0; at < read_bytes; at += cache_line) __builtin_prefetch(item + at);
-        __builtin_prefetch(item + read_bytes - 1);
-        const auto* result = reinterpret_cast<const char*>(&results_[index]);
-        for (std::size_t at = 0; at < sizeof(Kernel::WindowResult); at += cache_line) {
-            __builtin_prefetch(result + at, 1);
-        }
-    }
-
     /// Puts the next item that has a step for the vectors into `place`; deals with those that have
     /// none on the way. False where no item is left.
     bool fill(int place) {
         while (next_item_ < work_.size()) {
             const std::size_t index = next_item_++;
-            prefetch(index + prefetched_items);
             const WindowWork& item = work_[index];
             if (!suitsLanes(item)) {
                 walkOrdinarily(index);

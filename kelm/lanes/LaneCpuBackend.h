@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <span>
 
 #include "kelm/engine/IWindowBackend.h"
@@ -36,8 +37,12 @@ public:
                        const Kernel::Firing& firing,
                        const std::span<Kernel::WindowResult>& results) override;
     bool tryResidentRun(WindowEngine&) override { return false; }
+    std::size_t partItems() const override { return part_items; }
 
 private:
+    /// Enough for the vectors to be full most of the time, and little enough for the second cache.
+    static constexpr std::size_t part_items = 256;
+
     const Lanes::LaneKernels* kernels_;  ///< null where there are none
 };
 
