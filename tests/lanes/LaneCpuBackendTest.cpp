@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
+#include <cstddef>
 #include <limits>
 #include <span>
 #include <string>
@@ -186,8 +186,8 @@ Call drawCall(std::uint64_t seed, bool strange) {
 std::vector<Kernel::WindowResult> compute(IWindowBackend& backend, const Call& call) {
     std::vector<Kernel::WindowResult> results(call.work.size());
     // Results that are not written, or only in part, shall show.
-    std::memset(static_cast<void*>(results.data()), 0x5a,
-                results.size() * sizeof(Kernel::WindowResult));
+    const std::span<std::byte> bytes = std::as_writable_bytes(std::span(results));
+    std::fill(bytes.begin(), bytes.end(), std::byte{0x5a});
     backend.processWindow(call.work, call.events, call.window_end, call.horizon, call.neuron,
                           call.firing, results);
     return results;
