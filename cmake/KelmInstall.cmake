@@ -8,7 +8,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/kelmConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/kelmConfig.cmake ${PROJECT_BINARY_DIR}/kelmConfigVersion.cmake
     DESTINATION ${package_dir})
 
-set(installed_targets kelm)
+set(installed_targets kelm kelm_lanes)
 if(KELM_HAVE_CUDA)
     list(APPEND installed_targets kelm_cuda)
 endif()

@@ -1,4 +1,4 @@
-// Measures whole runs of the benchmark network on the CPU backend. Each run takes place in a child
+// Measures whole runs of the benchmark network on a CPU backend. Each run takes place in a child
 // process of its own, so that its peak memory is its own, and the cases of one call take turns, so
 // that a busy machine slows all of them alike. Times are medians over the turns.
 
@@ -22,6 +22,8 @@
 #include "gate/TimedBackend.h"
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/events/BucketEventStore.h"
+#include "kelm/lanes/LaneCpuBackend.h"
+#include "kelm/lanes/LaneKernels.h"
 #include "kelm/runtime/KelmRuntime.h"
 
 namespace Lumenar::Core::Kelm {
@@ -31,6 +33,7 @@ namespace {
 constexpr const char* usage_text =
     "usage: kelm-whole-run [--floor] [option value[,value...]]...\n"
     "  --floor        repeats the kernel's part of each run by itself and compares\n"
+    "  --lanes        vectors of the lane backend: avx2 or avx512; none for the CPU backend\n"
     "  --neurons      neurons of the network\n"
     "  --base-rate    spikes/s of a neuron without drive\n"
     "  --d-min        ns; length of a window and delay of every synapse\n"
@@ -44,6 +47,8 @@ struct Case {
     Gate::BenchmarkScale scale;
     ModelTime until = 0;           ///< ns, or 0 for the horizon
     std::uint64_t buckets = 4096;  ///< of the event store's ring
+    /// Null for the CPU backend.
+    const Lanes::LaneKernels* lanes = nullptr;
 };
 
 ModelTime endOf(const Case& c) { return c.until != 0 ? c.until : c.scale.horizon; }
@@ -70,6 +75,14 @@ struct Measurement {
 /// The measurements of one case, a turn each.
 using Turns = std::vector<Measured<Measurement>>;
 
+const Lanes::LaneKernels* laneKernelsOf(std::string_view text) {
+    if (text == "none") return nullptr;
+    for (const Lanes::LaneKernels* kernels : Lanes::availableKernels()) {
+        if (text == kernels->name) return kernels;
+    }
+    throw std::invalid_argument("this processor has no vectors named " + std::string(text));
+}
+
 /// What an option sets in a case.
 struct Setting {
     std::string_view option;
@@ -90,6 +103,7 @@ constexpr Setting settings[] = {
     {"--until", [](Case& c, std::string_view text) { c.until = parsePositive<ModelTime>(text); }},
     {"--buckets",
      [](Case& c, std::string_view text) { c.buckets = parsePositive<std::uint64_t>(text); }},
+    {"--lanes", [](Case& c, std::string_view text) { c.lanes = laneKernelsOf(text); }},
 };
 
 const Setting& settingOf(std::string_view option) {
@@ -140,10 +154,15 @@ KelmRuntime makeRuntime(const Case& c, IWindowBackend& backend) {
         std::make_unique<BucketEventStore>(workload.min_delay, c.buckets));
 }
 
+std::unique_ptr<IWindowBackend> makeBackend(const Case& c) {
+    if (c.lanes == nullptr) return std::make_unique<CpuWindowBackend>();
+    return std::make_unique<LaneCpuBackend>(*c.lanes);
+}
+
 Measurement measureRun(const Case& c) {
     using Clock = std::chrono::steady_clock;
-    CpuWindowBackend cpu;
-    Gate::TimedBackend backend(cpu);
+    const std::unique_ptr<IWindowBackend> plain = makeBackend(c);
+    Gate::TimedBackend backend(*plain);
     const Clock::time_point setup_start = Clock::now();
     KelmRuntime runtime = makeRuntime(c, backend);
 
@@ -166,7 +185,8 @@ Measurement measureRun(const Case& c) {
 
 /// Runs the case once more, with a record of its work, and repeats the kernel's part of it.
 void measureFloor(const Case& c, Measurement& result) {
-    WorkRecorder recorder;
+    const std::unique_ptr<IWindowBackend> backend = makeBackend(c);
+    WorkRecorder recorder(*backend);
     {
         KelmRuntime runtime = makeRuntime(c, recorder);
         runtime.run(endOf(c));
@@ -211,9 +231,9 @@ void printCase(const Case& c, const Turns& turns, const Summary& summary) {
     const double wall = spreadOf(turns, &Measurement::seconds).median;
     const double backend = spreadOf(turns, &Measurement::backend_seconds).median;
     std::printf("%" PRIu64 " neurons, %g spikes/s, d_min %" PRId64 " ns, run to %" PRId64
-                " of %" PRId64 " ns, %" PRIu64 " buckets\n",
+                " of %" PRId64 " ns, %" PRIu64 " buckets, lanes %s\n",
                 c.scale.neuron_count, c.scale.base_rate, c.scale.min_delay, endOf(c),
-                c.scale.horizon, c.buckets);
+                c.scale.horizon, c.buckets, c.lanes == nullptr ? "none" : c.lanes->name);
     std::printf("  %" PRIu64 " spikes, %" PRIu64 " deliveries in %" PRIu64
                 " windows (%.1f each), log hash 0x%016" PRIx64 "\n",
                 first.spikes, first.profile.deliveries, first.profile.windows,
@@ -242,6 +262,24 @@ void printFloor(const Turns& turns) {
                 perUnit(floor.median * 1e9, items), ratio.median, ratio.least, ratio.greatest);
 }
 
+/// Whether two cases are one run to the last bit, whatever store and backend it has.
+bool sameRun(const Case& a, const Case& b) {
+    return a.scale.neuron_count == b.scale.neuron_count && a.scale.base_rate == b.scale.base_rate &&
+           a.scale.min_delay == b.scale.min_delay && a.scale.horizon == b.scale.horizon &&
+           endOf(a) == endOf(b);
+}
+
+/// The ratio of two floors is taken within each turn.
+void printFloorRatio(std::size_t index, const Turns& turns, const Turns& base) {
+    std::vector<double> ratios;
+    for (std::size_t i = 0; i < turns.size(); ++i) {
+        ratios.push_back(turns[i].result.floor_seconds / base[i].result.floor_seconds);
+    }
+    const Spread ratio = spreadOver(ratios, [](double value) { return value; });
+    std::printf("case %zu to case 1: floor %.3f (%.3f to %.3f)\n", index + 1, ratio.median,
+                ratio.least, ratio.greatest);
+}
+
 void printRatios(std::size_t index, const Summary& summary, const Summary& base) {
     std::printf(
         "case %zu to case 1: time %.2f, memory %.2f, time a delivery %.3f, time a window %.3f\n",
@@ -260,6 +298,10 @@ void runAll(const Options& options) {
             if (last.log_hash != first.log_hash || !(last.profile == first.profile)) {
                 throw std::runtime_error("two runs of one case differ");
             }
+            if (sameRun(options.cases[i], options.cases[0]) &&
+                last.log_hash != turns[0].front().result.log_hash) {
+                throw std::runtime_error("two cases of one run differ");
+            }
         }
     }
     std::vector<Summary> summaries;
@@ -271,6 +313,7 @@ void runAll(const Options& options) {
     }
     for (std::size_t i = 1; i < summaries.size(); ++i) {
         printRatios(i, summaries[i], summaries[0]);
+        if (options.floor) printFloorRatio(i, turns[i], turns[0]);
     }
 }
 

@@ -1,5 +1,6 @@
 #include "bench/runtime/WorkRecorder.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <stdexcept>
@@ -7,7 +8,6 @@
 
 #include "bench/runtime/Figures.h"
 #include "kelm/core/SplitMix64.h"
-#include "kelm/engine/CpuWindowBackend.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -39,7 +39,7 @@ void WorkRecorder::processWindow(const std::span<const WindowWork>& work,
                                 item.first_event, item.event_count});
     }
     windows_.push_back(std::move(window));
-    processItems(work, events, window_end, horizon, results);
+    backend_.processWindow(work, events, window_end, horizon, neuron, firing, results);
     sum_ = mix(sum_, results);
 }
 
@@ -49,31 +49,39 @@ std::uint64_t WorkRecorder::itemCount() const {
     return count;
 }
 
-double WorkRecorder::replay() const {
+double WorkRecorder::replay() {
     std::vector<WindowWork> work;
     std::vector<Kernel::WindowEvent> events;
-    std::vector<Kernel::WindowResult> results;
+    std::vector<Kernel::WindowResult> results(part_items);
     std::uint64_t sum = 0;
     double seconds = 0.0;
     for (const Window& window : windows_) {
-        events.assign(window.events.begin(), window.events.end());
-        work.clear();
-        for (const Item& item : window.items) {
-            WindowWork& entry = work.emplace_back();
-            entry.state = item.state;
-            entry.parameters = neuron_;
-            entry.firing = firing_;
-            entry.rng = item.rng;
-            entry.pending_time = item.pending_time;
-            entry.pending_bound = item.pending_bound;
-            entry.first_event = item.first_event;
-            entry.event_count = item.event_count;
+        for (std::size_t part = 0; part < window.items.size(); part += part_items) {
+            const std::span items =
+                std::span(window.items)
+                    .subspan(part, std::min(part_items, window.items.size() - part));
+            const std::uint32_t first_event = items.front().first_event;
+            const std::uint32_t end_event = items.back().first_event + items.back().event_count;
+            events.assign(window.events.begin() + first_event, window.events.begin() + end_event);
+            work.clear();
+            for (const Item& item : items) {
+                WindowWork& entry = work.emplace_back();
+                entry.state = item.state;
+                entry.parameters = neuron_;
+                entry.firing = firing_;
+                entry.rng = item.rng;
+                entry.pending_time = item.pending_time;
+                entry.pending_bound = item.pending_bound;
+                entry.first_event = item.first_event - first_event;
+                entry.event_count = item.event_count;
+            }
+            const std::span part_results(results.data(), work.size());
+            const double start = processorSeconds();
+            backend_.processWindow(work, events, window.end, horizon_, neuron_, firing_,
+                                   part_results);
+            seconds += processorSeconds() - start;
+            sum = mix(sum, part_results);
         }
-        if (results.size() < work.size()) results.resize(work.size());
-        const double start = processorSeconds();
-        processItems(work, events, window.end, horizon_, results);
-        seconds += processorSeconds() - start;
-        sum = mix(sum, {results.data(), work.size()});
     }
     if (sum != sum_) throw std::runtime_error("a replay differs from its run");
     return seconds;

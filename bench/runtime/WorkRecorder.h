@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -7,13 +8,16 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Computes windows as the CPU backend does and keeps what each of them was given, so that the
-/// kernel's part of a whole run can be repeated by itself: the floor under the time of that run.
+/// Computes windows with another backend and keeps what each of them was given, so that the
+/// backend's part of a whole run can be repeated by itself: the floor under the time of that run.
 ///
 /// For networks of equal neurons without modulation, whose parameters and empty drives are kept
 /// once: 80 bytes an item and 24 an event.
 class WorkRecorder final : public IWindowBackend {
 public:
+    /// `backend` must outlive the recorder.
+    explicit WorkRecorder(IWindowBackend& backend) : backend_(backend) {}
+
     const char* name() override { return "recorder"; }
     /// Throws std::runtime_error for an item with other parameters, or with a drive.
     void processWindow(const std::span<const WindowWork>& work,
@@ -25,13 +29,16 @@ public:
 
     std::uint64_t itemCount() const;
 
-    /// Calls Kernel::processWindow for every item that was recorded, in the order of the run, and
+    /// Lets the backend compute every window that was recorded, in the order of the run, and
     /// returns the processor time spent in it, s. A window's items are laid out as the engine lays
-    /// them out before the clock starts, so that they are where a run would find them.
-    /// Throws std::runtime_error where the results are not those of the run.
-    double replay() const;
+    /// them out before the clock starts, so that they are where a run would find them. Throws
+    /// std::runtime_error where the results are not those of the run.
+    double replay();
 
 private:
+    /// Some parts of the engine's: looking at the clock must not count.
+    static constexpr std::size_t part_items = 256;
+
     struct Item {
         Kernel::State state;
         std::uint64_t rng;
@@ -48,6 +55,7 @@ private:
 
     static std::uint64_t mix(std::uint64_t sum, std::span<const Kernel::WindowResult> results);
 
+    IWindowBackend& backend_;
     Kernel::Neuron neuron_;
     Kernel::Firing firing_;
     ModelTime horizon_ = 0;

@@ -11,6 +11,7 @@
 #include "kelm/cuda/CudaWindowBackend.h"
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/engine/WindowEngine.h"
+#include "kelm/lanes/LaneCpuBackend.h"
 #include "tests/support/GeneratedModel.h"
 #include "tests/support/RunImage.h"
 
@@ -46,6 +47,7 @@ Backends timed() {
 
 constexpr Implementation implementations[] = {
     {"Cpu", "cpu", plain<CpuWindowBackend>},
+    {"CpuLanes", "cpu-lanes", plain<LaneCpuBackend>},
     {"Cuda", "cuda", plain<CudaWindowBackend>},
     {"TimedCpu", "cpu", timed<CpuWindowBackend>},
     {"TimedCuda", "cuda", timed<CudaWindowBackend>},

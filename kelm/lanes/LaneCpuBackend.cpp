@@ -1,0 +1,390 @@
+#include "kelm/lanes/LaneCpuBackend.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+#include "kelm/lanes/LaneKernels.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace Lanes {
+
+#if defined(KELM_LANES_X86)
+extern const LaneKernels avx2_kernels;
+extern const LaneKernels avx512_kernels;
+#endif
+
+std::span<const LaneKernels* const> availableKernels() {
+#if defined(KELM_LANES_X86)
+    static constexpr const LaneKernels* by_width[] = {&avx2_kernels, &avx512_kernels};
+    static const std::size_t count = [] {
+        if (!__builtin_cpu_supports("avx2")) return std::size_t{0};
+        const bool wide = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
+                          __builtin_cpu_supports("avx512vl");
+        return wide ? std::size_t{2} : std::size_t{1};
+    }();
+    return {by_width, count};
+#else
+    return {};
+#endif
+}
+
+}  // namespace Lanes
+
+namespace {
+
+using Lanes::LaneBlock;
+using Lanes::LaneConstants;
+using Lanes::LaneKernels;
+
+/// Times up to here keep half a nanosecond as a double, which the truncation in lanes relies on.
+constexpr ModelTime greatest_horizon = ModelTime{1} << 51;
+
+/// The least adaptation trace for which a minimum of the net drive may be passed over without a
+/// sample (the reasoning stands at the lanes' netDriveBound), or infinity.
+double minimumAdaptation(const Kernel::Neuron& neuron, const Kernel::Firing& firing) {
+    const ModelTime membrane = neuron.tau_membrane;
+    const ModelTime adaptation = neuron.tau_adaptation;
+    if (membrane < (1 << 17) || membrane > (1 << 30)) return Kernel::infinity();
+    if (adaptation < membrane + membrane / 16 || adaptation > membrane * 1024) {
+        return Kernel::infinity();
+    }
+    // Far from where products leave the normal numbers.
+    if (!(firing.adaptation_weight >= 0x1p-60 && firing.adaptation_weight <= 0x1p60)) {
+        return Kernel::infinity();
+    }
+    if (!(neuron.trace_epsilon <= 1.0)) return Kernel::infinity();
+    return std::max(neuron.trace_epsilon * 0x1p27, 0x1p-900);
+}
+
+LaneConstants constantsOf(const Kernel::Neuron& neuron, const Kernel::Firing& firing,
+                          ModelTime horizon) {
+    LaneConstants c{};
+    c.tau_membrane = static_cast<double>(neuron.tau_membrane);
+    c.tau_adaptation = static_cast<double>(neuron.tau_adaptation);
+    c.membrane_rate = 1.0 / c.tau_membrane;
+    c.adaptation_rate = 1.0 / c.tau_adaptation;
+    c.input_coupling = neuron.input_coupling;
+    c.trace_epsilon = neuron.trace_epsilon;
+    c.adaptation_weight = firing.adaptation_weight;
+    c.threshold = firing.threshold;
+    c.gain = firing.gain;
+    c.rate = firing.base_rate * firing.rate_scale;
+    c.cap = Kernel::kernelLog(firing.max_rate / c.rate);
+    const double twice = (firing.adaptation_weight + 1.0) + (firing.adaptation_weight + 1.0);
+    c.margin = twice * neuron.trace_epsilon;
+    c.horizon_rounded = static_cast<double>(horizon);
+    c.horizon = horizon;
+    c.minimum_adaptation = minimumAdaptation(neuron, firing);
+    c.hard_refractory = neuron.hard_refractory;
+    c.non_leaky = neuron.non_leaky;
+    return c;
+}
+
+/// Equality byte for byte, in words that the compiler compares in vectors without a call.
+template <class Record>
+bool equalBytes(const Record& a, const Record& b) {
+    static_assert(std::is_trivially_copyable_v<Record> && sizeof(Record) % 8 == 0);
+    std::uint64_t difference = 0;
+    for (std::size_t at = 0; at < sizeof(Record); at += 8) {
+        std::uint64_t word_a;
+        std::uint64_t word_b;
+        std::memcpy(&word_a, reinterpret_cast<const std::uint8_t*>(&a) + at, 8);
+        std::memcpy(&word_b, reinterpret_cast<const std::uint8_t*>(&b) + at, 8);
+        difference |= word_a ^ word_b;
+    }
+    return difference == 0;
+}
+
+/// All fields that a walk adds to, and the gaps. One assignment of a whole record makes a string
+/// instruction of it, which takes longer to start than the rest of an item's loading.
+void clear(Kernel::WindowResult& result) {
+    result.spike_count = 0;
+    for (std::uint8_t& gap : result.count_gap) gap = 0;
+    for (ModelTime& time : result.spike_times) time = 0;
+    result.updates = 0;
+    result.candidates = 0;
+    result.accepted = 0;
+    result.spike_overflow = false;
+    result.bound_violation = false;
+    for (std::uint8_t& gap : result.gap) gap = 0;
+}
+
+/// The walks of one call. A block holds one step of each walk that is under way; a walk that ends
+/// hands its place to the next item at once, so that the vectors stay full until the items run out.
+class BlockWalk {
+public:
+    BlockWalk(const LaneKernels& kernels, std::span<const WindowWork> work,
+              const Kernel::WindowEvent* events, ModelTime window_end, ModelTime horizon,
+              const Kernel::Neuron& neuron, const Kernel::Firing& firing,
+              Kernel::WindowResult* results)
+        : kernels_(kernels),
+          work_(work),
+          events_(events),
+          window_end_(window_end),
+          horizon_(horizon),
+          neuron_(neuron),
+          firing_(firing),
+          results_(results),
+          constants_(constantsOf(neuron, firing, horizon)) {}
+
+    void run() {
+        while (count_ < Lanes::block_walks && fill(count_)) ++count_;
+        while (count_ > 0) {
+            kernels_.advance(block_, count_, constants_);
+            for (int place = 0; place < count_; ++place) {
+                if (walks_[place].at_candidate) evaluateCandidate(place);
+            }
+            kernels_.redraw(block_, count_, constants_);
+            for (int place = 0; place < count_;) {
+                takeCandidate(place);
+                if (findStep(place)) {
+                    ++place;
+                    continue;
+                }
+                finish(place);
+                if (fill(place)) {
+                    ++place;
+                } else {
+                    // The last place moves here; if it lies behind this one, its turn comes next.
+                    --count_;
+                    movePlace(count_, place);
+                }
+            }
+        }
+    }
+
+private:
+    /// What a walk needs between its steps and the vectors do not.
+    struct Walk {
+        std::size_t item;
+        const Kernel::WindowEvent* event;  ///< the next one
+        const Kernel::WindowEvent* events_end;
+        ModelTime candidate;
+        double bound;
+        bool at_candidate;  ///< the step is the candidate's, not an input's
+        bool given_up;      ///< left to the ordinary walk
+    };
+
+    void walkOrdinarily(std::size_t item) {
+        results_[item] = Kernel::processWindow(work_[item], events_, window_end_, horizon_);
+    }
+
+    bool suitsLanes(const WindowWork& item) const {
+        const PhaseDrive& drive = item.drive;
+        const bool driven = (static_cast<std::uint64_t>(drive.term_count) |
+                             Kernel::bitsOf(drive.base) | Kernel::bitsOf(drive.bound)) != 0;
+        return !driven && equalBytes(item.parameters, neuron_) && equalBytes(item.firing, firing_);
+    }
+
+    /// Puts the next item that has a step for the vectors into `place`; deals with those that have
+    /// none on the way. False where no item is left.
+    bool fill(int place) {
+        while (next_item_ < work_.size()) {
+            const std::size_t index = next_item_++;
+            const WindowWork& item = work_[index];
+            if (!suitsLanes(item)) {
+                walkOrdinarily(index);
+                continue;
+            }
+            clear(results_[index]);
+            const Kernel::WindowEvent* events = events_ + item.first_event;
+            walks_[place] = {
+                index, events, events + item.event_count, item.pending_time, item.pending_bound,
+                false, false};
+            block_.membrane[place] = item.state.membrane;
+            block_.adaptation[place] = item.state.adaptation;
+            block_.last_update[place] = static_cast<double>(item.state.last_update);
+            block_.step_time[place] = item.state.last_update;
+            block_.refractory_until[place] = item.state.refractory_until;
+            block_.refractory[place] = static_cast<double>(item.state.refractory_until);
+            block_.rng[place] = item.rng;
+            if (findStep(place)) return true;
+            finish(place);
+        }
+        return false;
+    }
+
+    /// Sets the step that comes next at `place`. False where the walk has none left, or none that
+    /// the vectors may take.
+    bool findStep(int place) {
+        Walk& walk = walks_[place];
+        if (walk.given_up) return false;
+        while (true) {
+            const bool has_event = walk.event != walk.events_end && walk.event->time < window_end_;
+            const ModelTime event_time = has_event ? walk.event->time : window_end_;
+            walk.at_candidate = walk.candidate >= 0 && walk.candidate < event_time;
+            if (walk.at_candidate) {
+                // A marker, or a negative bound that bad parameters have made look like one.
+                if (walk.bound < 0) return giveUp(walk);
+                setStep(place, walk.candidate, 0.0);
+                return true;
+            }
+            if (!has_event) return false;
+            const Kernel::WindowEvent& event = *walk.event;
+            ++walk.event;
+            if (event.wake_only) continue;
+            if (event.time < 0) return giveUp(walk);
+            setStep(place, event.time, event.value);
+            return true;
+        }
+    }
+
+    static bool giveUp(Walk& walk) {
+        walk.given_up = true;
+        return false;
+    }
+
+    void setStep(int place, ModelTime time, double value) {
+        const Walk& walk = walks_[place];
+        ++results_[walk.item].updates;
+        block_.step_time[place] = time;
+        block_.time[place] = static_cast<double>(time);
+        block_.value[place] = value;
+        block_.is_input[place] = walk.at_candidate ? 0 : -1;
+    }
+
+    /// The kernel's treatment of a due candidate, once the traces stand at its instant: the hazard
+    /// asks for no others. Few steps are candidates, and they go their own ways.
+    void evaluateCandidate(int place) {
+        Walk& walk = walks_[place];
+        Kernel::WindowResult& result = results_[walk.item];
+        ++result.candidates;
+        const ModelTime time = walk.candidate;
+        double hazard = 0.0;
+        if (!neuron_.hard_refractory || time >= block_.refractory_until[place]) {
+            const double weighted = block_.adaptation[place] * firing_.adaptation_weight;
+            const double x = ((block_.membrane[place] - weighted) + 0.0) - firing_.threshold;
+            const double exponent = x * firing_.gain;
+            hazard = Kernel::kernelExp(exponent < constants_.cap ? exponent : constants_.cap) *
+                     constants_.rate;
+        }
+        // After a fault the result holds the state before it: the ordinary walk knows it.
+        if (hazard > walk.bound * Kernel::bound_tolerance) {
+            giveUp(walk);
+            return;
+        }
+        const double u = Kernel::drawUniform(block_.rng[place]);
+        const double ratio = walk.bound == 0 ? 0.0 : hazard / walk.bound;
+        if (!(ratio > u)) return;
+        if (result.spike_count >= Kernel::max_window_spikes) {
+            giveUp(walk);
+            return;
+        }
+        ++result.accepted;
+        result.spike_times[result.spike_count] = time;
+        ++result.spike_count;
+        block_.membrane[place] = neuron_.reset_value;
+        block_.adaptation[place] = neuron_.adaptation_increment + block_.adaptation[place];
+        block_.refractory_until[place] = Kernel::refractoryEnd(neuron_.refractory_period, time);
+        block_.refractory[place] = static_cast<double>(block_.refractory_until[place]);
+    }
+
+    /// Kernel::nextCandidate from the waiting time on.
+    void takeCandidate(int place) {
+        Walk& walk = walks_[place];
+        walk.bound = block_.bound[place];
+        walk.candidate = no_time;
+        // Which of two NaNs an operation passes on is not fixed, so vectors may choose otherwise.
+        if (Kernel::isNan(block_.membrane[place] + block_.adaptation[place] + walk.bound)) {
+            giveUp(walk);
+            return;
+        }
+        if (walk.bound == 0) return;
+        const double wait = block_.wait[place];
+        if (Kernel::isNotFinite(wait) || wait >= 9e18) return;
+        const ModelTime step = Kernel::waitingTime(wait);
+        const ModelTime start = block_.start[place];
+        if (static_cast<std::uint64_t>(step) >=
+            static_cast<std::uint64_t>(horizon_) - static_cast<std::uint64_t>(start)) {
+            return;
+        }
+        walk.candidate = start + step;
+    }
+
+    void finish(int place) {
+        const Walk& walk = walks_[place];
+        if (walk.given_up) {
+            walkOrdinarily(walk.item);
+            return;
+        }
+        Kernel::WindowResult& result = results_[walk.item];
+        result.state.membrane = block_.membrane[place];
+        result.state.adaptation = block_.adaptation[place];
+        result.state.last_update = block_.step_time[place];
+        result.state.refractory_until = block_.refractory_until[place];
+        result.state.hazard_bound = walk.bound;
+        result.rng = block_.rng[place];
+        result.next_candidate = walk.candidate;
+        result.next_bound = walk.bound;
+    }
+
+    void movePlace(int from, int to) {
+        walks_[to] = walks_[from];
+        block_.membrane[to] = block_.membrane[from];
+        block_.adaptation[to] = block_.adaptation[from];
+        block_.last_update[to] = block_.last_update[from];
+        block_.time[to] = block_.time[from];
+        block_.step_time[to] = block_.step_time[from];
+        block_.value[to] = block_.value[from];
+        block_.is_input[to] = block_.is_input[from];
+        block_.refractory[to] = block_.refractory[from];
+        block_.refractory_until[to] = block_.refractory_until[from];
+        block_.rng[to] = block_.rng[from];
+        block_.start[to] = block_.start[from];
+        block_.bound[to] = block_.bound[from];
+        block_.wait[to] = block_.wait[from];
+    }
+
+    const LaneKernels& kernels_;
+    const std::span<const WindowWork> work_;
+    const Kernel::WindowEvent* const events_;
+    const ModelTime window_end_;
+    const ModelTime horizon_;
+    const Kernel::Neuron neuron_;
+    const Kernel::Firing firing_;
+    Kernel::WindowResult* const results_;
+    const LaneConstants constants_;
+    std::size_t next_item_ = 0;
+    int count_ = 0;         ///< places in use, from 0 on
+    LaneBlock block_ = {};  // places that were never used are computed as well
+    Walk walks_[Lanes::block_walks];
+};
+
+/// Whether the vectors can serve a call at all. A rate of 0 ends a draw before the generator moves.
+bool lanesCanServe(const Kernel::Firing& firing, ModelTime horizon) {
+    return firing.base_rate != 0 && firing.rate_scale != 0 && horizon >= 0 &&
+           horizon <= greatest_horizon;
+}
+
+}  // namespace
+
+LaneCpuBackend::LaneCpuBackend() {
+    const auto kernels = Lanes::availableKernels();
+    kernels_ = kernels.empty() ? nullptr : kernels.back();
+}
+
+const char* LaneCpuBackend::instructionSet() const {
+    return kernels_ == nullptr ? "none" : kernels_->name;
+}
+
+void LaneCpuBackend::processWindow(const std::span<const WindowWork>& work,
+                                   const std::span<const Kernel::WindowEvent>& events,
+                                   ModelTime window_end, ModelTime horizon,
+                                   const Kernel::Neuron& neuron, const Kernel::Firing& firing,
+                                   const std::span<Kernel::WindowResult>& results) {
+    if (kernels_ != nullptr && lanesCanServe(firing, horizon)) {
+        BlockWalk(*kernels_, work, events.data(), window_end, horizon, neuron, firing,
+                  results.data())
+            .run();
+        return;
+    }
+    for (std::size_t i = 0; i < work.size(); ++i) {
+        results[i] = Kernel::processWindow(work[i], events.data(), window_end, horizon);
+    }
+}
+
+}  // namespace Lumenar::Core::Kelm

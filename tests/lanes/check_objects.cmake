@@ -1,0 +1,20 @@
+# Looks at the objects that hold vector instructions. They may define nothing that the linker could
+# take instead of a definition for every processor, and no multiplication may be joined to a sum.
+#
+# cmake -DNM=... -DOBJDUMP=... -DOBJECTS=... -P check_objects.cmake
+
+foreach(object IN LISTS OBJECTS)
+    execute_process(COMMAND ${NM} --defined-only ${object} OUTPUT_VARIABLE symbols
+        COMMAND_ERROR_IS_FATAL ANY)
+    if(symbols MATCHES "[^\n]* [WVu] [^\n]*")
+        message(FATAL_ERROR "${object} shares a definition: ${CMAKE_MATCH_0}")
+    endif()
+    execute_process(COMMAND ${OBJDUMP} -d ${object} OUTPUT_VARIABLE text
+        COMMAND_ERROR_IS_FATAL ANY)
+    if(NOT text MATCHES "vmulpd")
+        message(FATAL_ERROR "${object} holds no vector text")
+    endif()
+    if(text MATCHES "[^\n]*vfn?m(add|sub)[^\n]*")
+        message(FATAL_ERROR "${object} contracts: ${CMAKE_MATCH_0}")
+    endif()
+endforeach()
