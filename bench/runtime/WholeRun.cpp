@@ -1,6 +1,6 @@
-// Measures whole runs of the benchmark network on the CPU backend. Each run takes place in a child
-// process of its own, so that its peak memory is its own, and the cases of one call take turns, so
-// that a busy machine slows all of them alike. Times are medians over the turns.
+// Measures whole runs of the benchmark network on the host's backends. Each run takes place in a
+// child process of its own, so that its peak memory is its own, and the cases of one call take
+// turns, so that a busy machine slows all of them alike. Times are medians over the turns.
 
 #include <chrono>
 #include <cinttypes>
@@ -23,6 +23,9 @@
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/events/BucketEventStore.h"
 #include "kelm/runtime/KelmRuntime.h"
+#ifdef KELM_HAVE_THREADS
+#include "kelm/threads/ThreadedCpuBackend.h"
+#endif
 
 namespace Lumenar::Core::Kelm {
 
@@ -37,6 +40,7 @@ constexpr const char* usage_text =
     "  --horizon      ns; candidates are drawn up to here\n"
     "  --until        ns; the run ends here (default: the horizon)\n"
     "  --buckets      slots of the event store's ring\n"
+    "  --threads      threads of the backend, or 0 for the CPU backend (default)\n"
     "  --repeat       measured runs of each case\n"
     "An option with several values makes as many cases; one with a single value holds for all.\n";
 
@@ -44,7 +48,15 @@ struct Case {
     Gate::BenchmarkScale scale;
     ModelTime until = 0;           ///< ns, or 0 for the horizon
     std::uint64_t buckets = 4096;  ///< of the event store's ring
+    std::uint64_t threads = 0;     ///< of ThreadedCpuBackend, or 0 for CpuWindowBackend
 };
+
+/// Whether two cases must leave the same log and counters.
+bool sameModel(const Case& a, const Case& b) {
+    return a.scale.neuron_count == b.scale.neuron_count && a.scale.base_rate == b.scale.base_rate &&
+           a.scale.min_delay == b.scale.min_delay && a.scale.horizon == b.scale.horizon &&
+           a.until == b.until;
+}
 
 ModelTime endOf(const Case& c) { return c.until != 0 ? c.until : c.scale.horizon; }
 
@@ -90,6 +102,10 @@ constexpr Setting settings[] = {
     {"--until", [](Case& c, std::string_view text) { c.until = parsePositive<ModelTime>(text); }},
     {"--buckets",
      [](Case& c, std::string_view text) { c.buckets = parsePositive<std::uint64_t>(text); }},
+    {"--threads",
+     [](Case& c, std::string_view text) {
+         c.threads = text == "0" ? 0 : parsePositive<std::uint64_t>(text);
+     }},
 };
 
 const Setting& settingOf(std::string_view option) {
@@ -140,10 +156,19 @@ KelmRuntime makeRuntime(const Case& c, IWindowBackend& backend) {
         std::make_unique<BucketEventStore>(workload.min_delay, c.buckets));
 }
 
+std::unique_ptr<IWindowBackend> makeBackend(const Case& c) {
+    if (c.threads == 0) return std::make_unique<CpuWindowBackend>();
+#ifdef KELM_HAVE_THREADS
+    return std::make_unique<ThreadedCpuBackend>(c.threads);
+#else
+    throw std::invalid_argument("this build has no threaded backend");
+#endif
+}
+
 Measurement measureRun(const Case& c) {
     using Clock = std::chrono::steady_clock;
-    CpuWindowBackend cpu;
-    Gate::TimedBackend backend(cpu);
+    const std::unique_ptr<IWindowBackend> inner = makeBackend(c);
+    Gate::TimedBackend backend(*inner);
     const Clock::time_point setup_start = Clock::now();
     KelmRuntime runtime = makeRuntime(c, backend);
 
@@ -188,9 +213,11 @@ Spread spreadOf(const Turns& turns, double Measurement::*field) {
     return spreadOver(turns, [=](const auto& turn) { return turn.result.*field; });
 }
 
-/// What is compared between cases. Time is processor time.
+/// What is compared between cases. Time is processor time, of all threads, where it is not said.
 struct Summary {
     double cpu_seconds;
+    double wall_seconds;
+    double backend_wall_seconds;
     double ns_per_delivery;
     double us_per_window;
     double peak_mib;
@@ -201,19 +228,22 @@ Summary summarise(const Turns& turns) {
     const double seconds = spreadOf(turns, &Measurement::cpu_seconds).median;
     const double peak_bytes =
         spreadOver(turns, [](const auto& turn) { return turn.peak_bytes; }).median;
-    return {seconds, perUnit(seconds * 1e9, profile.deliveries),
-            perUnit(seconds * 1e6, profile.windows), peak_bytes / mebibyte};
+    return {seconds,
+            spreadOf(turns, &Measurement::seconds).median,
+            spreadOf(turns, &Measurement::backend_seconds).median,
+            perUnit(seconds * 1e9, profile.deliveries),
+            perUnit(seconds * 1e6, profile.windows),
+            peak_bytes / mebibyte};
 }
 
 void printCase(const Case& c, const Turns& turns, const Summary& summary) {
     const Measurement& first = turns.front().result;
     const Spread cpu = spreadOf(turns, &Measurement::cpu_seconds);
-    const double wall = spreadOf(turns, &Measurement::seconds).median;
-    const double backend = spreadOf(turns, &Measurement::backend_seconds).median;
+    const double wall = summary.wall_seconds;
     std::printf("%" PRIu64 " neurons, %g spikes/s, d_min %" PRId64 " ns, run to %" PRId64
-                " of %" PRId64 " ns, %" PRIu64 " buckets\n",
+                " of %" PRId64 " ns, %" PRIu64 " buckets, %" PRIu64 " threads\n",
                 c.scale.neuron_count, c.scale.base_rate, c.scale.min_delay, endOf(c),
-                c.scale.horizon, c.buckets);
+                c.scale.horizon, c.buckets, c.threads);
     std::printf("  %" PRIu64 " spikes, %" PRIu64 " deliveries in %" PRIu64
                 " windows (%.1f each), log hash 0x%016" PRIx64 "\n",
                 first.spikes, first.profile.deliveries, first.profile.windows,
@@ -222,7 +252,7 @@ void printCase(const Case& c, const Turns& turns, const Summary& summary) {
     std::printf(
         "  %.3f s processor (%.3f to %.3f), %.3f s wall, of it %.1f %% in the backend; "
         "setup %.3f s\n",
-        cpu.median, cpu.least, cpu.greatest, wall, 100.0 * backend / wall,
+        cpu.median, cpu.least, cpu.greatest, wall, 100.0 * summary.backend_wall_seconds / wall,
         spreadOf(turns, &Measurement::setup_seconds).median);
     std::printf("  %.1f ns a delivery, %.3f us a window, peak %.1f MiB\n", summary.ns_per_delivery,
                 summary.us_per_window, summary.peak_mib);
@@ -242,11 +272,30 @@ void printFloor(const Turns& turns) {
                 perUnit(floor.median * 1e9, items), ratio.median, ratio.least, ratio.greatest);
 }
 
-void printRatios(std::size_t index, const Summary& summary, const Summary& base) {
+/// Wall times are compared within each turn, where two cases lie side by side in time.
+void printRatios(std::size_t index, const std::vector<Turns>& turns,
+                 const std::vector<Summary>& summaries) {
+    const Summary& summary = summaries[index];
+    const Summary& base = summaries[0];
+    const auto wallRatio = [&](double Measurement::*field) {
+        std::vector<double> ratios;
+        for (std::size_t turn = 0; turn < turns[index].size(); ++turn) {
+            ratios.push_back(turns[index][turn].result.*field / (turns[0][turn].result.*field));
+        }
+        return Kelm::spreadOf(std::move(ratios));
+    };
+    const Spread wall = wallRatio(&Measurement::seconds);
+    const Spread backend = wallRatio(&Measurement::backend_seconds);
     std::printf(
-        "case %zu to case 1: time %.2f, memory %.2f, time a delivery %.3f, time a window %.3f\n",
+        "case %zu to case 1: time %.2f, memory %.2f, time a delivery %.3f, time a window %.3f; "
+        "wall %.2f (%.2f to %.2f), in the backend %.2f (%.2f to %.2f)\n",
         index + 1, summary.cpu_seconds / base.cpu_seconds, summary.peak_mib / base.peak_mib,
-        summary.ns_per_delivery / base.ns_per_delivery, summary.us_per_window / base.us_per_window);
+        summary.ns_per_delivery / base.ns_per_delivery, summary.us_per_window / base.us_per_window,
+        wall.median, wall.least, wall.greatest, backend.median, backend.least, backend.greatest);
+}
+
+void requireEqual(const Measurement& a, const Measurement& b, const char* what) {
+    if (a.log_hash != b.log_hash || !(a.profile == b.profile)) throw std::runtime_error(what);
 }
 
 void runAll(const Options& options) {
@@ -255,10 +304,11 @@ void runAll(const Options& options) {
         for (std::size_t i = 0; i < options.cases.size(); ++i) {
             turns[i].push_back(measureInChild<Measurement>(
                 [&] { return measure(options.cases[i], options.floor); }));
-            const Measurement& first = turns[i].front().result;
-            const Measurement& last = turns[i].back().result;
-            if (last.log_hash != first.log_hash || !(last.profile == first.profile)) {
-                throw std::runtime_error("two runs of one case differ");
+            requireEqual(turns[i].back().result, turns[i].front().result,
+                         "two runs of one case differ");
+            if (sameModel(options.cases[i], options.cases[0])) {
+                requireEqual(turns[i].back().result, turns[0].front().result,
+                             "two backends or rings differ on one model");
             }
         }
     }
@@ -270,7 +320,7 @@ void runAll(const Options& options) {
         std::printf("\n");
     }
     for (std::size_t i = 1; i < summaries.size(); ++i) {
-        printRatios(i, summaries[i], summaries[0]);
+        printRatios(i, turns, summaries);
     }
 }
 
