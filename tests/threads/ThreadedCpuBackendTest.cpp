@@ -14,8 +14,6 @@
 #include <vector>
 
 #include <tbb/global_control.h>
-#include <tbb/parallel_for.h>
-#include <tbb/task_group.h>
 #if defined(__SSE2__)
 #include <xmmintrin.h>
 #endif
@@ -236,21 +234,6 @@ public:
 private:
     std::fenv_t saved_;
 };
-
-TEST_F(ThreadedCpuBackendTest, ComputesAllOfAWindowInsideATaskGroupThatIsCancelled) {
-    ThreadedCpuBackend backend(2, 0);
-    const Window window(1000);
-    std::vector<Kernel::WindowResult> results;
-    tbb::task_group_context group;
-    tbb::parallel_for(
-        0, 1,
-        [&](int) {
-            group.cancel_group_execution();
-            results = window.compute(backend);
-        },
-        group);
-    EXPECT_TRUE(equalBytes(results, window.compute(cpu_)));
-}
 
 // A worker that was born in a strange environment, or left in one by other work, must not compute
 // a window in it.
