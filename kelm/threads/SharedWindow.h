@@ -34,10 +34,7 @@ public:
     /// For at most `threads` threads, and at least one item.
     SharedWindow(const Task& task, std::size_t threads);
 
-    /// Not more than there are threads or items.
-    std::size_t rangeCount() const { return range_count_; }
-
-    /// Computes what is left of range `own`, then of the others.
+    /// Computes what is left of the range of thread `own`, counted from 0, then of the others.
     void drain(std::size_t own);
 
     /// To be called once every drain() has returned.

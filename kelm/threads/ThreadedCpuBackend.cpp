@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include <tbb/info.h>
+#include <tbb/global_control.h>
 #include <tbb/parallel_for.h>
 #include <tbb/partitioner.h>
 #include <tbb/task_arena.h>
@@ -16,13 +16,15 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-std::size_t threadCount(std::uint64_t threads) {
-    if (threads > ThreadedCpuBackend::max_threads) {
+std::size_t threadCount(std::uint64_t asked) {
+    if (asked > ThreadedCpuBackend::max_threads) {
         throw InvalidThreadCount(
-            InvalidThreadCount::tooMany(threads, ThreadedCpuBackend::max_threads));
+            InvalidThreadCount::tooMany(asked, ThreadedCpuBackend::max_threads));
     }
-    if (threads != 0) return static_cast<std::size_t>(threads);
-    return static_cast<std::size_t>(std::max(tbb::info::default_concurrency(), 1));
+    // oneTBB would lend no more than that either, and complain on the error stream.
+    const std::size_t lent = std::max<std::size_t>(
+        tbb::global_control::active_value(tbb::global_control::max_allowed_parallelism), 1);
+    return asked == 0 ? lent : std::min(static_cast<std::size_t>(asked), lent);
 }
 
 }  // namespace
@@ -58,8 +60,8 @@ void ThreadedCpuBackend::processWindow(const std::span<const WindowWork>& work,
                                     tbb::task_group_context::fp_settings);
     arena_->arena.execute([&] {
         tbb::parallel_for(
-            std::size_t{0}, window.rangeCount(), [&](std::size_t own) { window.drain(own); },
-            tbb::simple_partitioner(), context);
+            std::size_t{0}, std::min(threads_, work.size()),
+            [&](std::size_t own) { window.drain(own); }, tbb::simple_partitioner(), context);
     });
     window.finish();
 }

@@ -14,25 +14,26 @@ namespace Lumenar::Core::Kelm {
 ///
 /// The threads are the calling one and workers of oneTBB, which the whole program shares and which
 /// sleep between windows. They are a permission, not a promise: a window waits for no worker that
-/// is busy elsewhere or still waking, and oneTBB lends no more than there are processors unless
-/// the program allows it by tbb::global_control. Workers compute in the floating-point environment
-/// that the calling thread has at the call, rounding and flush bits, whatever their own is.
+/// is busy elsewhere or still waking, and there are no more of them than processors, or than the
+/// program has set by tbb::global_control when the backend is made. Workers compute in the
+/// floating-point environment that the calling thread has at the call, rounding and flush bits,
+/// whatever their own is.
 ///
 /// One backend may serve any number of engines, one after the other or from several threads at
 /// once, which then share its threads. It must not be destroyed during a call.
 class ThreadedCpuBackend final : public IWindowBackend {
 public:
-    /// Items below which a window is not worth waking a worker. One that has gone to sleep takes
-    /// some 15 us to arrive, in which the calling thread does 120 items by itself: on two threads a
-    /// window of 256 breaks even, and one of 512 takes four fifths of its time (bench/README.md).
-    /// Below that the gain would not be worth a second processor.
+    /// Items below which a window is not worth waking a worker. On two threads a window takes half
+    /// its time and some 18 us more, since the worker sleeps and must be woken: 256 items break
+    /// even, and 512 take four fifths (measured in bench/README.md). Less than that would not be
+    /// worth a second processor.
     static constexpr std::size_t default_threshold = 512;
     static constexpr std::uint64_t max_threads = 1024;
 
     /// `threads`: the most threads that compute one window, the calling one included; 0 for as
-    /// many as this process may run on, and 1 for the calling thread alone. `threshold`: windows
-    /// of fewer items stay on the calling thread, where they cost what they cost in
-    /// CpuWindowBackend.
+    /// many as there may be, and 1 for the calling thread alone. `threshold`: windows of fewer
+    /// items stay on the calling thread and cost what they cost in CpuWindowBackend; 0 and 1 share
+    /// out every window that can be.
     /// Throws InvalidThreadCount for more than max_threads.
     explicit ThreadedCpuBackend(std::uint64_t threads = 0,
                                 std::size_t threshold = default_threshold);
@@ -49,7 +50,7 @@ public:
                        const std::span<Kernel::WindowResult>& results) override;
     bool tryResidentRun(WindowEngine& engine) override;
 
-    /// What 0 became, or what was asked for.
+    /// What was asked for, or as many as there may be where that is less or was 0.
     std::size_t threads() const { return threads_; }
 
 private:

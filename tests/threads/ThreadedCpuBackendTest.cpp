@@ -47,7 +47,7 @@ std::string labelOf(const Sharing& sharing) {
 }
 
 constexpr Sharing sharings[] = {
-    {1, 0}, {2, 0}, {3, 1}, {8, 0}, {0, 1}, {2, ThreadedCpuBackend::default_threshold},
+    {1, 0}, {2, 0}, {3, 1}, {8, 0}, {0, 1}, {2, ThreadedCpuBackend::default_threshold}, {100, 0},
 };
 
 /// Items that cost unequal work: idle ones, walks of many candidates, faults of the model.
@@ -110,7 +110,7 @@ protected:
 
 private:
     // More workers than processors, so that a machine with few of them mixes their work as well.
-    tbb::global_control workers_{tbb::global_control::max_allowed_parallelism, 8};
+    tbb::global_control workers_{tbb::global_control::max_allowed_parallelism, 100};
 };
 
 TEST_F(ThreadedCpuBackendTest, ComputesWindowsOfAnySizeWithTheirFaults) {
@@ -280,9 +280,14 @@ TEST_F(ThreadedCpuBackendTest, NamesItselfAndDeclinesWholeRuns) {
     EXPECT_EQ(firstDifference(before, imageOf(engine)), "");
 }
 
-TEST_F(ThreadedCpuBackendTest, TakesTheMachinesThreadsForNoneAndRefusesTooMany) {
-    EXPECT_GE(ThreadedCpuBackend().threads(), 1);
+TEST_F(ThreadedCpuBackendTest, TakesWhatThereMayBeForNoneOrMoreAndRefusesTooMany) {
     EXPECT_EQ(ThreadedCpuBackend(5).threads(), 5);
+    {
+        const tbb::global_control three(tbb::global_control::max_allowed_parallelism, 3);
+        EXPECT_EQ(ThreadedCpuBackend().threads(), 3);
+        EXPECT_EQ(ThreadedCpuBackend(2).threads(), 2);
+        EXPECT_EQ(ThreadedCpuBackend(1024).threads(), 3);
+    }
     expectThrows<InvalidThreadCount>([] { ThreadedCpuBackend backend(1025); },
                                      "a backend takes at most 1024 threads, not 1025");
     expectThrows<InvalidThreadCount>(
