@@ -9,8 +9,8 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Processor time of this process so far, s. Runs have one thread, and others who use the machine
-/// do not count in it.
+/// Processor time of this process so far, s, over all its threads. Others who use the machine do
+/// not count in it.
 inline double processorSeconds() {
     timespec time = {};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);

@@ -1,6 +1,6 @@
-// Measures whole runs of the benchmark network on a CPU backend. Each run takes place in a child
-// process of its own, so that its peak memory is its own, and the cases of one call take turns, so
-// that a busy machine slows all of them alike. Times are medians over the turns.
+// Measures whole runs of the benchmark network on the host's backends. Each run takes place in a
+// child process of its own, so that its peak memory is its own, and the cases of one call take
+// turns, so that a busy machine slows all of them alike. Times are medians over the turns.
 
 #include <chrono>
 #include <cinttypes>
@@ -25,6 +25,9 @@
 #include "kelm/lanes/LaneCpuBackend.h"
 #include "kelm/lanes/LaneKernels.h"
 #include "kelm/runtime/KelmRuntime.h"
+#ifdef KELM_HAVE_THREADS
+#include "kelm/threads/ThreadedCpuBackend.h"
+#endif
 
 namespace Lumenar::Core::Kelm {
 
@@ -40,16 +43,24 @@ constexpr const char* usage_text =
     "  --horizon      ns; candidates are drawn up to here\n"
     "  --until        ns; the run ends here (default: the horizon)\n"
     "  --buckets      slots of the event store's ring\n"
+    "  --threads      threads of the backend, or 0 for the CPU backend (default)\n"
     "  --repeat       measured runs of each case\n"
     "An option with several values makes as many cases; one with a single value holds for all.\n";
 
 struct Case {
     Gate::BenchmarkScale scale;
-    ModelTime until = 0;           ///< ns, or 0 for the horizon
-    std::uint64_t buckets = 4096;  ///< of the event store's ring
-    /// Null for the CPU backend.
-    const Lanes::LaneKernels* lanes = nullptr;
+    ModelTime until = 0;                        ///< ns, or 0 for the horizon
+    std::uint64_t buckets = 4096;               ///< of the event store's ring
+    const Lanes::LaneKernels* lanes = nullptr;  ///< of LaneCpuBackend, or null
+    std::uint64_t threads = 0;                  ///< of ThreadedCpuBackend, or 0
 };
+
+/// Whether two cases must leave the same log and counters.
+bool sameModel(const Case& a, const Case& b) {
+    return a.scale.neuron_count == b.scale.neuron_count && a.scale.base_rate == b.scale.base_rate &&
+           a.scale.min_delay == b.scale.min_delay && a.scale.horizon == b.scale.horizon &&
+           a.until == b.until;
+}
 
 ModelTime endOf(const Case& c) { return c.until != 0 ? c.until : c.scale.horizon; }
 
@@ -104,6 +115,13 @@ constexpr Setting settings[] = {
     {"--buckets",
      [](Case& c, std::string_view text) { c.buckets = parsePositive<std::uint64_t>(text); }},
     {"--lanes", [](Case& c, std::string_view text) { c.lanes = laneKernelsOf(text); }},
+    {"--threads",
+     [](Case& c, std::string_view text) {
+         c.threads = text == "0" ? 0 : parsePositive<std::uint64_t>(text);
+#ifndef KELM_HAVE_THREADS
+         if (c.threads != 0) throw std::invalid_argument("this build has no threaded backend");
+#endif
+     }},
 };
 
 const Setting& settingOf(std::string_view option) {
@@ -154,15 +172,19 @@ KelmRuntime makeRuntime(const Case& c, IWindowBackend& backend) {
         std::make_unique<BucketEventStore>(workload.min_delay, c.buckets));
 }
 
+/// The CPU backend, where the case names no other; lanes come before threads.
 std::unique_ptr<IWindowBackend> makeBackend(const Case& c) {
-    if (c.lanes == nullptr) return std::make_unique<CpuWindowBackend>();
-    return std::make_unique<LaneCpuBackend>(*c.lanes);
+    if (c.lanes != nullptr) return std::make_unique<LaneCpuBackend>(*c.lanes);
+#ifdef KELM_HAVE_THREADS
+    if (c.threads != 0) return std::make_unique<ThreadedCpuBackend>(c.threads);
+#endif
+    return std::make_unique<CpuWindowBackend>();
 }
 
 Measurement measureRun(const Case& c) {
     using Clock = std::chrono::steady_clock;
-    const std::unique_ptr<IWindowBackend> plain = makeBackend(c);
-    Gate::TimedBackend backend(*plain);
+    const std::unique_ptr<IWindowBackend> inner = makeBackend(c);
+    Gate::TimedBackend backend(*inner);
     const Clock::time_point setup_start = Clock::now();
     KelmRuntime runtime = makeRuntime(c, backend);
 
@@ -208,9 +230,11 @@ Spread spreadOf(const Turns& turns, double Measurement::*field) {
     return spreadOver(turns, [=](const auto& turn) { return turn.result.*field; });
 }
 
-/// What is compared between cases. Time is processor time.
+/// What is compared between cases. Time is processor time, of all threads, where it is not said.
 struct Summary {
     double cpu_seconds;
+    double wall_seconds;
+    double backend_wall_seconds;
     double ns_per_delivery;
     double us_per_window;
     double peak_mib;
@@ -221,19 +245,22 @@ Summary summarise(const Turns& turns) {
     const double seconds = spreadOf(turns, &Measurement::cpu_seconds).median;
     const double peak_bytes =
         spreadOver(turns, [](const auto& turn) { return turn.peak_bytes; }).median;
-    return {seconds, perUnit(seconds * 1e9, profile.deliveries),
-            perUnit(seconds * 1e6, profile.windows), peak_bytes / mebibyte};
+    return {seconds,
+            spreadOf(turns, &Measurement::seconds).median,
+            spreadOf(turns, &Measurement::backend_seconds).median,
+            perUnit(seconds * 1e9, profile.deliveries),
+            perUnit(seconds * 1e6, profile.windows),
+            peak_bytes / mebibyte};
 }
 
 void printCase(const Case& c, const Turns& turns, const Summary& summary) {
     const Measurement& first = turns.front().result;
     const Spread cpu = spreadOf(turns, &Measurement::cpu_seconds);
-    const double wall = spreadOf(turns, &Measurement::seconds).median;
-    const double backend = spreadOf(turns, &Measurement::backend_seconds).median;
+    const double wall = summary.wall_seconds;
     std::printf("%" PRIu64 " neurons, %g spikes/s, d_min %" PRId64 " ns, run to %" PRId64
-                " of %" PRId64 " ns, %" PRIu64 " buckets, lanes %s\n",
+                " of %" PRId64 " ns, %" PRIu64 " buckets, lanes %s, %" PRIu64 " threads\n",
                 c.scale.neuron_count, c.scale.base_rate, c.scale.min_delay, endOf(c),
-                c.scale.horizon, c.buckets, c.lanes == nullptr ? "none" : c.lanes->name);
+                c.scale.horizon, c.buckets, c.lanes == nullptr ? "none" : c.lanes->name, c.threads);
     std::printf("  %" PRIu64 " spikes, %" PRIu64 " deliveries in %" PRIu64
                 " windows (%.1f each), log hash 0x%016" PRIx64 "\n",
                 first.spikes, first.profile.deliveries, first.profile.windows,
@@ -242,7 +269,7 @@ void printCase(const Case& c, const Turns& turns, const Summary& summary) {
     std::printf(
         "  %.3f s processor (%.3f to %.3f), %.3f s wall, of it %.1f %% in the backend; "
         "setup %.3f s\n",
-        cpu.median, cpu.least, cpu.greatest, wall, 100.0 * backend / wall,
+        cpu.median, cpu.least, cpu.greatest, wall, 100.0 * summary.backend_wall_seconds / wall,
         spreadOf(turns, &Measurement::setup_seconds).median);
     std::printf("  %.1f ns a delivery, %.3f us a window, peak %.1f MiB\n", summary.ns_per_delivery,
                 summary.us_per_window, summary.peak_mib);
@@ -262,13 +289,6 @@ void printFloor(const Turns& turns) {
                 perUnit(floor.median * 1e9, items), ratio.median, ratio.least, ratio.greatest);
 }
 
-/// Whether two cases are one run to the last bit, whatever store and backend it has.
-bool sameRun(const Case& a, const Case& b) {
-    return a.scale.neuron_count == b.scale.neuron_count && a.scale.base_rate == b.scale.base_rate &&
-           a.scale.min_delay == b.scale.min_delay && a.scale.horizon == b.scale.horizon &&
-           endOf(a) == endOf(b);
-}
-
 /// The ratio of two floors is taken within each turn.
 void printFloorRatio(std::size_t index, const Turns& turns, const Turns& base) {
     std::vector<double> ratios;
@@ -280,11 +300,30 @@ void printFloorRatio(std::size_t index, const Turns& turns, const Turns& base) {
                 ratio.least, ratio.greatest);
 }
 
-void printRatios(std::size_t index, const Summary& summary, const Summary& base) {
+/// Wall times are compared within each turn, where two cases lie side by side in time.
+void printRatios(std::size_t index, const std::vector<Turns>& turns,
+                 const std::vector<Summary>& summaries) {
+    const Summary& summary = summaries[index];
+    const Summary& base = summaries[0];
+    const auto wallRatio = [&](double Measurement::*field) {
+        std::vector<double> ratios;
+        for (std::size_t turn = 0; turn < turns[index].size(); ++turn) {
+            ratios.push_back(turns[index][turn].result.*field / (turns[0][turn].result.*field));
+        }
+        return Kelm::spreadOf(std::move(ratios));
+    };
+    const Spread wall = wallRatio(&Measurement::seconds);
+    const Spread backend = wallRatio(&Measurement::backend_seconds);
     std::printf(
-        "case %zu to case 1: time %.2f, memory %.2f, time a delivery %.3f, time a window %.3f\n",
+        "case %zu to case 1: time %.2f, memory %.2f, time a delivery %.3f, time a window %.3f; "
+        "wall %.2f (%.2f to %.2f), in the backend %.2f (%.2f to %.2f)\n",
         index + 1, summary.cpu_seconds / base.cpu_seconds, summary.peak_mib / base.peak_mib,
-        summary.ns_per_delivery / base.ns_per_delivery, summary.us_per_window / base.us_per_window);
+        summary.ns_per_delivery / base.ns_per_delivery, summary.us_per_window / base.us_per_window,
+        wall.median, wall.least, wall.greatest, backend.median, backend.least, backend.greatest);
+}
+
+void requireEqual(const Measurement& a, const Measurement& b, const char* what) {
+    if (a.log_hash != b.log_hash || !(a.profile == b.profile)) throw std::runtime_error(what);
 }
 
 void runAll(const Options& options) {
@@ -293,14 +332,11 @@ void runAll(const Options& options) {
         for (std::size_t i = 0; i < options.cases.size(); ++i) {
             turns[i].push_back(measureInChild<Measurement>(
                 [&] { return measure(options.cases[i], options.floor); }));
-            const Measurement& first = turns[i].front().result;
-            const Measurement& last = turns[i].back().result;
-            if (last.log_hash != first.log_hash || !(last.profile == first.profile)) {
-                throw std::runtime_error("two runs of one case differ");
-            }
-            if (sameRun(options.cases[i], options.cases[0]) &&
-                last.log_hash != turns[0].front().result.log_hash) {
-                throw std::runtime_error("two cases of one run differ");
+            requireEqual(turns[i].back().result, turns[i].front().result,
+                         "two runs of one case differ");
+            if (sameModel(options.cases[i], options.cases[0])) {
+                requireEqual(turns[i].back().result, turns[0].front().result,
+                             "two backends or rings differ on one model");
             }
         }
     }
@@ -312,7 +348,7 @@ void runAll(const Options& options) {
         std::printf("\n");
     }
     for (std::size_t i = 1; i < summaries.size(); ++i) {
-        printRatios(i, summaries[i], summaries[0]);
+        printRatios(i, turns, summaries);
         if (options.floor) printFloorRatio(i, turns[i], turns[0]);
     }
 }

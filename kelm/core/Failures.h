@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 
@@ -102,6 +103,16 @@ public:
     using std::invalid_argument::invalid_argument;
     static constexpr const char* shard_count = "CUDA shard count must be in [1, node count]";
     static constexpr const char* node = "CUDA shard node is outside the network";
+};
+
+/// A number of threads that a backend refuses.
+class InvalidThreadCount : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static std::string tooMany(std::uint64_t threads, std::uint64_t most) {
+        return "a backend takes at most " + std::to_string(most) + " threads, not " +
+               std::to_string(threads);
+    }
 };
 
 /// A setting or query that learning control refuses.

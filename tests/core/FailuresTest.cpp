@@ -30,6 +30,7 @@ TEST(Failures, EachClassIsSeenByACatchOfItsKind) {
     EXPECT_TRUE((isPlain<InvalidLookahead, Argument>()));
     EXPECT_TRUE((isPlain<LookaheadViolation, Logic>()));
     EXPECT_TRUE((isPlain<InvalidShardLayout, Argument>()));
+    EXPECT_TRUE((isPlain<InvalidThreadCount, Argument>()));
     EXPECT_TRUE((isPlain<InvalidLearningControl, Argument>()));
     EXPECT_TRUE((isPlain<BrokenCausalTrace, Logic>()));
     EXPECT_TRUE((isPlain<InvalidPrediction, Argument>()));

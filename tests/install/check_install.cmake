@@ -1,6 +1,6 @@
 # Installs the build folder BUILD under a scratch prefix in SCRATCH, and there configures, builds and
 # runs the project in SOURCE against it, with the compiler COMPILER and, if there are
-# any, the sanitizers SANITIZE.
+# any, the sanitizers SANITIZE. THREADS tells whether the package has the threaded backend.
 
 cmake_minimum_required(VERSION 3.25)
 
@@ -14,9 +14,15 @@ execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD} --prefix ${prefix} -
     OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
 execute_process(COMMAND ${CMAKE_COMMAND} -S ${SOURCE} -B ${user} -G ${GENERATOR}
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=${CONFIG} -DCMAKE_CXX_COMPILER=${COMPILER}
-    -DCMAKE_CXX_FLAGS=${flags} -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
+    -DCMAKE_CXX_FLAGS=${flags} -DTHREADS=${THREADS} -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
     COMMAND_ERROR_IS_FATAL ANY)
 execute_process(COMMAND ${CMAKE_COMMAND} --build ${user} --config ${CONFIG}
     COMMAND_ERROR_IS_FATAL ANY)
-find_program(program user PATHS ${user} ${user}/${CONFIG} NO_DEFAULT_PATH REQUIRED)
-execute_process(COMMAND ${program} COMMAND_ERROR_IS_FATAL ANY)
+set(programs user)
+if(THREADS)
+    list(APPEND programs threads_user)
+endif()
+foreach(name ${programs})
+    find_program(program_${name} ${name} PATHS ${user} ${user}/${CONFIG} NO_DEFAULT_PATH REQUIRED)
+    execute_process(COMMAND ${program_${name}} COMMAND_ERROR_IS_FATAL ANY)
+endforeach()

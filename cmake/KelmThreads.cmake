@@ -1,0 +1,15 @@
+# Finds out whether the threaded backend is built. Sets KELM_HAVE_THREADS and KELM_THREADS_SUMMARY.
+
+set(KELM_HAVE_THREADS OFF)
+set(KELM_THREADS_SUMMARY "off")
+if(NOT KELM_THREADS STREQUAL "OFF")
+    find_package(TBB 2021 CONFIG QUIET COMPONENTS tbb)
+    if(TBB_FOUND)
+        set(KELM_HAVE_THREADS ON)
+        set(KELM_THREADS_SUMMARY "on (oneTBB ${TBB_VERSION})")
+    elseif(KELM_THREADS STREQUAL "ON")
+        message(FATAL_ERROR "KELM_THREADS is ON, but no oneTBB from 2021 on was found")
+    else()
+        message(STATUS "No oneTBB was found: kelm_threads is left out")
+    endif()
+endif()

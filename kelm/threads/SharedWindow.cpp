@@ -1,0 +1,58 @@
+#include "kelm/threads/SharedWindow.h"
+
+#include <algorithm>
+
+#include "kelm/engine/CpuWindowBackend.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+/// Items of one piece, at most: 64 of them take some 8 us, so that drawing a piece is lost in them,
+/// and a thread that comes last to a window lets the others wait for no more than that.
+constexpr std::size_t max_piece = 64;
+
+/// Pieces of a range in smaller windows: items differ in cost, and workers come late.
+constexpr std::size_t pieces_per_range = 4;
+
+}  // namespace
+
+SharedWindow::SharedWindow(const Task& task, std::size_t threads)
+    : task_(task),
+      range_count_(std::min({threads, task.work.size(), max_ranges})),
+      piece_(std::clamp<std::size_t>(task.work.size() / (range_count_ * pieces_per_range), 1,
+                                     max_piece)) {
+    const std::size_t size = task.work.size() / range_count_;
+    const std::size_t longer = task.work.size() % range_count_;
+    std::size_t first = 0;
+    for (std::size_t i = 0; i < range_count_; ++i) {
+        ranges_[i].next.store(first, std::memory_order_relaxed);
+        first += size + (i < longer ? 1 : 0);
+        ranges_[i].end = first;
+    }
+    // A pool of threads orders all this too; said here, it holds whatever the pool's is made of.
+    returned_.store(0, std::memory_order_release);
+}
+
+void SharedWindow::drain(std::size_t own) {
+    (void)returned_.load(std::memory_order_acquire);
+    for (std::size_t i = 0; i < range_count_; ++i) drainRange(ranges_[(own + i) % range_count_]);
+    returned_.fetch_add(1, std::memory_order_release);
+}
+
+void SharedWindow::finish() const { (void)returned_.load(std::memory_order_acquire); }
+
+void SharedWindow::drainRange(Range& range) {
+    CpuWindowBackend reference;
+    // Looked at before it is drawn from, so that late helpers leave the line where it is.
+    while (range.next.load(std::memory_order_relaxed) < range.end) {
+        const std::size_t first = range.next.fetch_add(piece_, std::memory_order_relaxed);
+        if (first >= range.end) return;
+        const std::size_t size = std::min(piece_, range.end - first);
+        reference.processWindow(task_.work.subspan(first, size), task_.events, task_.window_end,
+                                task_.horizon, task_.neuron, task_.firing,
+                                task_.results.subspan(first, size));
+    }
+}
+
+}  // namespace Lumenar::Core::Kelm

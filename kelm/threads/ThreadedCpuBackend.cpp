@@ -1,0 +1,71 @@
+#include "kelm/threads/ThreadedCpuBackend.h"
+
+#include <algorithm>
+
+#include <tbb/global_control.h>
+#include <tbb/parallel_for.h>
+#include <tbb/partitioner.h>
+#include <tbb/task_arena.h>
+#include <tbb/task_group.h>
+
+#include "kelm/core/Failures.h"
+#include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/threads/SharedWindow.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+std::size_t threadCount(std::uint64_t asked) {
+    if (asked > ThreadedCpuBackend::max_threads) {
+        throw InvalidThreadCount(
+            InvalidThreadCount::tooMany(asked, ThreadedCpuBackend::max_threads));
+    }
+    // oneTBB would lend no more than that either, and complain on the error stream.
+    const std::size_t lent = std::max<std::size_t>(
+        tbb::global_control::active_value(tbb::global_control::max_allowed_parallelism), 1);
+    return asked == 0 ? lent : std::min(static_cast<std::size_t>(asked), lent);
+}
+
+}  // namespace
+
+struct ThreadedCpuBackend::Arena {
+    explicit Arena(std::size_t threads) : arena(static_cast<int>(threads)) { arena.initialize(); }
+
+    tbb::task_arena arena;
+};
+
+ThreadedCpuBackend::ThreadedCpuBackend(std::uint64_t threads, std::size_t threshold)
+    : threads_(threadCount(threads)),
+      threshold_(threshold),
+      arena_(threads_ > 1 ? std::make_unique<Arena>(threads_) : nullptr) {}
+
+ThreadedCpuBackend::~ThreadedCpuBackend() = default;
+
+void ThreadedCpuBackend::processWindow(const std::span<const WindowWork>& work,
+                                       const std::span<const Kernel::WindowEvent>& events,
+                                       ModelTime window_end, ModelTime horizon,
+                                       const Kernel::Neuron& neuron, const Kernel::Firing& firing,
+                                       const std::span<Kernel::WindowResult>& results) {
+    if (arena_ == nullptr || work.size() < threshold_ || work.size() < 2) {
+        CpuWindowBackend().processWindow(work, events, window_end, horizon, neuron, firing,
+                                         results);
+        return;
+    }
+    SharedWindow window({work, events, window_end, horizon, neuron, firing, results}, threads_);
+    // Isolated: no cancelled task group around the call may cut the window short. The calling
+    // thread's floating-point environment, which the engine has tested, goes along: workers would
+    // otherwise compute in the one that the arena was made in.
+    tbb::task_group_context context(tbb::task_group_context::isolated,
+                                    tbb::task_group_context::fp_settings);
+    arena_->arena.execute([&] {
+        tbb::parallel_for(
+            std::size_t{0}, std::min(threads_, work.size()),
+            [&](std::size_t own) { window.drain(own); }, tbb::simple_partitioner(), context);
+    });
+    window.finish();
+}
+
+bool ThreadedCpuBackend::tryResidentRun(WindowEngine&) { return false; }
+
+}  // namespace Lumenar::Core::Kelm
