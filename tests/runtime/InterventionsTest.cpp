@@ -77,6 +77,8 @@ TEST(InterventionState, StartsNeutralAndTakesWhatEachMechanismCanBear) {
         state.setGain(m, gain);
         state.setOff(m, true);
         EXPECT_TRUE(state.mechanism_gain[m] == gain && state.mechanism_off[m]);
+        state.setOff(m, false);
+        EXPECT_FALSE(state.mechanism_off[m]);
     }
 }
 

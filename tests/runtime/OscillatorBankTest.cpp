@@ -180,7 +180,8 @@ TEST(OscillatorCoupling, TakesTheSameStepsHoweverItIsAdvancedAndAsked) {
         twin.phaseOf(0, time);  // under offsets that are not yet restored
         ASSERT_TRUE(twin.restore(bank.snapshot()));
         bank = twin;
-        bank.phaseOf(0, time);  // before the steps up to then
+        // Before the steps up to then.
+        ASSERT_TRUE(sameBits(bank.phaseOf(0, time), phaseAt(oscillators[0], time, offsets[0])));
         bank.advanceCoupling(time);
         for (; now + period <= time; now += period) {
             // All phases are read before one is moved.
