@@ -17,7 +17,7 @@
 #include "tests/support/ComposedModel.h"
 #include "tests/support/Draws.h"
 #include "tests/support/ExpectThrows.h"
-#include "tests/support/NaiveEventStore.h"
+#include "tests/support/PlainStore.h"
 #include "tests/support/RunImage.h"
 
 namespace Lumenar::Core::Kelm {
@@ -132,8 +132,12 @@ TEST_F(CheckpointTest, HoldsASnapshotForAnEngineOfTheNetwork) {
     ASSERT_TRUE(other.restore(fresh));
     EXPECT_FALSE(other.isPristine());
     // A store that refuses leaves the engine alone.
+    struct RefusingStore final : PlainStore {
+        using PlainStore::PlainStore;
+        bool restore(BlobView) override { return false; }
+    };
     WindowEngine foreign =
-        makeEngine(model.network, std::make_unique<NaiveEventStore>(model.network.d_min));
+        makeEngine(model.network, std::make_unique<RefusingStore>(model.network.d_min, 16));
     const RunImage before = imageOf(foreign);
     EXPECT_FALSE(foreign.restore(snapshot.first(snapshot.size() - 1)));
     EXPECT_EQ(firstDifference(imageOf(foreign), before), "");
@@ -195,12 +199,19 @@ TEST_F(CheckpointTest, GapsAndFlagsComeBackAsZeroAndOne) {
     dirty[entry + 24 + 4] = 0xff;
     dirty[layout.begin("moments") + 8 + 17] = 0xff;
     // The second channel's: count, an item of 41 bytes, gain.
-    std::vector<std::size_t> flags = {layout.begin("channels") + 8 + 41 + 8};
-    for (std::size_t i = 0; i < 9; ++i) flags.push_back(layout.begin("switches") + i);
-    for (const std::size_t flag : flags) dirty[flag] = bytes[flag] == 1 ? 0x40 : 0;
+    const std::size_t connected = layout.begin("channels") + 8 + 41 + 8;
+    dirty[connected] = bytes[connected] == 1 ? 0x40 : 0;
     const auto fresh = model.build(cpu);
     ASSERT_TRUE(fresh->restore(dirty));
     EXPECT_EQ(firstCheckpointDifference(bytes, fresh->checkpoint()), "");
+
+    const std::size_t switches = layout.begin("switches");
+    for (std::size_t i = 0; i < 9; ++i) dirty[switches + i] = i % 2 == 0 ? 2 : 0;
+    ASSERT_TRUE(fresh->restore(dirty));
+    for (std::size_t i = 0; i < 9; ++i) {
+        EXPECT_EQ(fresh->interventions().mechanism_off[i], i % 2 == 0) << i;
+        EXPECT_EQ(fresh->checkpoint()[switches + i], i % 2 == 0 ? 1 : 0) << i;
+    }
 }
 
 TEST_F(CheckpointTest, WithAnyByteChangedIsRefusedOrRuns) {
