@@ -74,12 +74,15 @@ TEST(RandomContext, AStreamStartsWhereItsSeedNameAndIndexSay) {
 }
 
 TEST(RandomContext, StepsAsPublishedAndLeavesATapeAloneWhateverTheMode) {
+    const Values tape{17, 18};
     for (std::uint8_t mode = 0; mode <= 2; ++mode) {
-        RandomContext context = contextOf({{"learning", 3, start, mode, 1, {17, 18}}});
+        RandomContext context = contextOf({{"learning", 3, start, mode, 1, tape}});
         const RandomContext::Stream stream = context.streamFor("learning", 3);
         for (const std::uint64_t value : published) EXPECT_EQ(context.next(stream), value);
-        EXPECT_EQ(context.snapshot(),
-                  blobOf(9182, {{"learning", 3, stepped(5), mode, 1, {17, 18}}}));
+        EXPECT_EQ(context.snapshot(), blobOf(9182, {{"learning", 3, stepped(5), mode, 1, tape}}));
+        if (mode != 0) continue;
+        context.advanceTo("learning", 3, stepped(7));  // past both values of its stopped tape
+        EXPECT_EQ(context.snapshot(), blobOf(9182, {{"learning", 3, stepped(7), 0, 1, tape}}));
     }
 }
 
@@ -169,15 +172,19 @@ TEST(RandomContext, TapeOperationsCreateTheStreamAndAStoppedTapeLeavesNoTrace) {
         [](RandomContext& context) { EXPECT_TRUE(context.tape("stimulus", 6).empty()); },
     };
     const std::uint64_t state = RandomContext::deriveStreamState(8, "stimulus", 6);
+    const std::uint64_t other = RandomContext::deriveStreamState(8, "stimulus", 7);
     for (std::size_t i = 0; i < 4; ++i) {
         SCOPED_TRACE(i);
         const auto mode = static_cast<std::uint8_t>(i % 3);
         RandomContext context(8);
+        context.record("stimulus", 7);
         operations[i](context);
-        EXPECT_EQ(context.snapshot(), blobOf(8, {{"stimulus", 6, state, mode}}));
+        EXPECT_EQ(context.snapshot(),
+                  blobOf(8, {{"stimulus", 6, state, mode}, {"stimulus", 7, other, 1}}));
         context.stopTape("stimulus", 6);
         context.advanceTo("stimulus", 6, state + increment);
-        EXPECT_EQ(context.snapshot(), blobOf(8, {{"stimulus", 6, state + increment}}));
+        EXPECT_EQ(context.snapshot(),
+                  blobOf(8, {{"stimulus", 6, state + increment}, {"stimulus", 7, other, 1}}));
     }
 }
 

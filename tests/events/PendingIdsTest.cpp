@@ -33,10 +33,6 @@ TEST(PendingIds, AgreeWithASetOverRandomIds) {
                     << "seed " << seed << " step " << step << " id " << id;
             }
         }
-        for (std::uint64_t place = 0; place < 1500; ++place) {
-            ASSERT_EQ(ids.contains(place * stride), expected.contains(place * stride))
-                << "seed " << seed << " id " << place * stride;
-        }
     }
 }
 
