@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <limits>
+#include <utility>
 #include <vector>
-
-#include "tests/support/SameBits.h"
 
 namespace Lumenar::Core {
 
@@ -16,6 +16,17 @@ struct Image {
     bool flag = false;
     std::uint8_t gap[7] = {};
 };
+
+using Read = std::function<bool(BlobReader&)>;
+
+/// Whether a read says yes and gives these bytes.
+template <class Value>
+Read gives(bool (BlobReader::*read)(Value&), Value expected) {
+    return [=](BlobReader& in) {
+        Value value{};
+        return (in.*read)(value) && std::memcmp(&value, &expected, sizeof value) == 0;
+    };
+}
 
 TEST(Blob, WritesEachFieldLittleEndianWithItsWidthAndReadsWhatFits) {
     const Blob expected{'R',  'N',  'D',  'C',  'T',  'X',  '1',  0,  // a tag, filled up with zero
@@ -43,40 +54,33 @@ TEST(Blob, WritesEachFieldLittleEndianWithItsWidthAndReadsWhatFits) {
     appendImage(blob, Image{3, true, {}});
     EXPECT_EQ(blob, expected);
 
-    const std::vector<std::size_t> ends{8, 9, 10, 11, 15, 23, 31, 35, 43, 45, 61};
+    const std::vector<std::pair<std::size_t, Read>> fields{
+        {8, [](BlobReader& in) { return in.expectTag(BlobTag("RNDCTX1")); }},
+        {9, gives(&BlobReader::readU8, std::uint8_t{0xa1})},
+        {10, gives(&BlobReader::readFlag, true)},
+        {11, gives(&BlobReader::readFlag, false)},
+        {15, gives(&BlobReader::readU32, std::uint32_t{0x01020304})},
+        {23, gives(&BlobReader::readU64, std::uint64_t{0x1112131415161718})},
+        {31, gives(&BlobReader::readI64, std::int64_t{-2})},
+        {35, gives(&BlobReader::readF32, 1.0F)},
+        {43, gives(&BlobReader::readF64, -0.0)},
+        {45,
+         [](BlobReader& in) {
+             BlobView view;
+             return in.readView(2, view) && view[1] == 'b';
+         }},
+        {61, gives(&BlobReader::readImage<Image>, Image{3, true, {}})},
+    };
     for (std::size_t length = 0; length <= blob.size(); ++length) {
         SCOPED_TRACE(length);
         BlobReader in(BlobView(blob).first(length));
-        std::uint8_t u8 = 0;
-        bool yes = false;
-        bool no = true;
-        std::uint32_t u32 = 0;
-        std::uint64_t u64 = 0;
-        std::int64_t i64 = 0;
-        float f32 = 0.0F;
-        double f64 = 0.0;
-        BlobView view;
-        Image image;
-        const std::function<bool()> reads[] = {
-            [&] { return in.expectTag(BlobTag("RNDCTX1")); },
-            [&] { return in.readU8(u8) && u8 == 0xa1; },
-            [&] { return in.readFlag(yes) && yes; },
-            [&] { return in.readFlag(no) && !no; },
-            [&] { return in.readU32(u32) && u32 == 0x01020304; },
-            [&] { return in.readU64(u64) && u64 == 0x1112131415161718; },
-            [&] { return in.readI64(i64) && i64 == -2; },
-            [&] { return in.readF32(f32) && f32 == 1.0F; },
-            [&] { return in.readF64(f64) && Kelm::Testing::sameBits(f64, -0.0); },
-            [&] { return in.readView(2, view) && view[1] == 'b'; },
-            [&] { return in.readImage(image) && image.time == 3 && image.flag; },
-        };
-        // A read that does not fit says no and moves nothing.
-        std::size_t end = 0;
-        for (std::size_t i = 0; i < ends.size() && end == (i == 0 ? 0 : ends[i - 1]); ++i) {
-            EXPECT_EQ(reads[i](), ends[i] <= length);
-            if (ends[i] <= length) end = ends[i];
-            EXPECT_EQ(in.remaining(), length - end);
-            EXPECT_EQ(in.atEnd(), length == end);
+        std::size_t begin = 0;
+        for (const auto& [end, read] : fields) {
+            EXPECT_EQ(read(in), end <= length);
+            EXPECT_EQ(in.remaining(), length - (end <= length ? end : begin));
+            EXPECT_EQ(in.atEnd(), in.remaining() == 0);
+            begin = end;
+            if (end > length) break;  // a read that does not fit says no and moves nothing
         }
     }
 }
