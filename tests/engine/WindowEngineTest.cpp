@@ -16,7 +16,6 @@
 #include "kelm/engine/CpuWindowBackend.h"
 #include "tests/engine/ScriptedBackend.h"
 #include "tests/support/ExpectThrows.h"
-#include "tests/support/GeneratedModel.h"
 #include "tests/support/PlainStore.h"
 #include "tests/support/RunImage.h"
 
@@ -151,28 +150,6 @@ TEST(WindowEngineRun, TakesWindowsWholeAndSkipsEmptyOnes) {
     }
     // What lies at the horizon is never run.
     EXPECT_EQ(engine.profile(), (WindowProfile{5, 7, 0, 0, 0}));
-}
-
-TEST(WindowEngineRun, IsTheSameInPieces) {
-    for (std::uint64_t seed = 1; seed <= 60; ++seed) {
-        SCOPED_TRACE("model seed " + std::to_string(seed));
-        const GeneratedModel model = generateModel(seed);
-        WindowEngine whole = makeEngine(model);
-        WindowEngine pieces = makeEngine(model);
-        postInputs(model, whole);
-        postInputs(model, pieces);
-        CpuWindowBackend cpu;
-        const std::string fault = failureOf(whole, cpu, model.horizon);
-        std::string found;
-        for (ModelTime until = 0; until < model.horizon && found.empty();
-             until += 1 + until / 3 + model.d_min / 3) {
-            found = failureOf(pieces, cpu, until);
-            pieces.spikeLog();
-        }
-        if (found.empty()) found = failureOf(pieces, cpu, model.horizon);
-        EXPECT_EQ(found, fault);
-        EXPECT_EQ(firstDifference(imageOf(whole), imageOf(pieces)), "");
-    }
 }
 
 TEST(WindowEngineRun, StopsAtTheFirstFlaggedResultAndCommitsNothingWhereTheBackendThrows) {

@@ -25,29 +25,24 @@ TEST(TimedBackend, AddsUpEveryWindowThatDoesNotThrowAndTakesNoWholeRun) {
     slow.takes_whole_runs = true;
     TimedBackend timed(slow);
     EXPECT_STREQ(timed.name(), "scripted");
-    EXPECT_EQ(timed.seconds(), 0.0);
-
-    Kernel::Firing firing;
-    firing.base_rate = 1e6;
-    WindowEngine engine(SynapseGraph(1, 10, {}), Kernel::Neuron(), firing, 1, 1'000'000);
-    engine.run(timed);
-    EXPECT_EQ(slow.windows, 1);
-    EXPECT_EQ(slow.offers, 0);
-    EXPECT_EQ(engine.spikeLog().size(), 1);
-    const double first = timed.seconds();
-    EXPECT_GT(first, 0.0);
-    const auto runAnother = [&] {
-        Event event;
-        event.time = 900'000 + 10 * slow.windows;
-        engine.post(event);
+    WindowEngine engine(SynapseGraph(1, 10, {}), Kernel::Neuron(), Kernel::Firing{.base_rate = 1e6},
+                        1, 1'000'000);
+    double before = timed.seconds();
+    EXPECT_EQ(before, 0.0);
+    for (int window = 1; window <= 3; ++window) {
         engine.run(timed);
-    };
-    runAnother();
-    const double second = timed.seconds();
-    EXPECT_GT(second, first);
+        EXPECT_EQ(slow.windows, window);
+        EXPECT_GT(timed.seconds(), before);
+        before = timed.seconds();
+        Event event;
+        event.time = 900'000 + 10 * window;
+        engine.post(event);
+    }
+    EXPECT_EQ(slow.offers, 0);
+    EXPECT_EQ(engine.spikeLog().size(), 3);
     fails = true;
-    EXPECT_THROW(runAnother(), Fault);
-    EXPECT_EQ(timed.seconds(), second);
+    EXPECT_THROW(engine.run(timed), Fault);
+    EXPECT_EQ(timed.seconds(), before);
 }
 
 }  // namespace
