@@ -68,7 +68,7 @@ TEST(BucketEventStore, RefusesACalendarThatCannotBeFormed) {
 
 TEST(BucketEventStore, CrossesAGapOfAnyLengthWithoutWalkingIt) {
     BucketEventStore store(1, 4);
-    constexpr ModelTime far = last_model_time - 5;
+    constexpr ModelTime far = last_model_time - 2;  // in the last era of all
     store.post(eventAt(2));
     store.post(eventAt(far));
     store.cancel(store.post(eventAt(far / 2)));
@@ -171,13 +171,17 @@ TEST(BucketEventStore, DoesNotLookAtGapsNorAtBytesBehindTheLastEvent) {
 TEST(BucketEventStore, RefusesTruncatedAndForgedSnapshotsAndStaysAsItWas) {
     const Blob blob = storeOfTwo().snapshot();
     ASSERT_EQ(blob.size(), 49 + 2 * 64);
+    BucketEventStore emptied = storeOfTwo();
+    emptied.cancel(1);
+    emptied.cancel(3);
+    const Blob idle = emptied.snapshot();
     // The tag, d_min, the ring, the cursor, the flag at 32, next_id, the count, events from 49 on.
     const std::pair<const char*, Blob> forgeries[] = {
         {"another tag", withValueAt(blob, 7, '2')},
         {"another width", withValueAt(blob, 8, 11L)},
         {"another ring", withValueAt(blob, 16, 8L)},
         {"a negative cursor", withValueAt(blob, 24, -1L)},
-        {"a cursor behind all time", withValueAt(blob, 24, last_model_time)},
+        {"a cursor behind all time", withValueAt(idle, 24, last_model_time / 10 + 2)},
         {"a cursor behind an event", withValueAt(blob, 24, 4L)},
         {"a flag of 2", withValueAt(blob, 32, '\2')},
         {"a cursor that moved before the start", withValueAt(blob, 32, false)},
