@@ -65,7 +65,9 @@ TEST(SynapseGraphBlob, ReplacesAllButTheNeuronCount) {
     EXPECT_TRUE(graph.outgoing(1).empty());
     EXPECT_EQ(graph.incoming(1).front(), 1U);
     // The delay behind a has-flag of 0 is not looked at.
-    ASSERT_TRUE(graph.restore(withValueAt(withValueAt(blob, 16, false), 17, -9L)));
+    blob = withValueAt(withValueAt(blob, 16, false), 17, -9L);
+    ASSERT_TRUE(graph.restore(withValueAt(blob, 25, '\2')));
+    EXPECT_TRUE(graph.transmissionEnabled(false));
     EXPECT_EQ(graph.dMin(), 0x0102030405060708) << "the smallest that is routed";
 }
 
