@@ -197,25 +197,6 @@ TEST(WindowProcessing, AHazardAboveItsBoundStopsTheWalkBeforeAnythingMoves) {
     }
 }
 
-TEST(WindowProcessing, AnItemTakesItsOwnSliceOfTheWindowsEvents) {
-    Walk walk = twoInputs();
-    walk.drive.base = 0.125;
-    std::vector<WindowEvent> events{{.time = 1, .value = 9.0}, {.time = 2, .value = 9.0}};
-    events.insert(events.end(), walk.events.begin(), walk.events.end());
-    events.push_back({.time = 1500001, .value = 9.0});
-    WindowWork item;
-    item.state = walk.state;
-    item.firing = walk.firing;
-    item.rng = walk.rng;
-    item.first_event = 2;
-    item.event_count = 2;
-    item.pending_time = walk.pending_time;
-    item.drive = walk.drive;
-    EXPECT_EQ(difference(processWindow(item, events.data(), walk.window_end, walk.horizon),
-                         walk.result()),
-              "");
-}
-
 /// The walk a second time, as a list of numbered steps with jumps between them.
 class StepByStep {
 public:
