@@ -57,8 +57,8 @@ TEST(PendingIds, HoldMemoryForWhatIsPendingAndNotForWhatWasIssued) {
     std::size_t settled = 0;
     add(ids, next++);  // one that waits through it all
     for (int round = 0; round < 20000; ++round) {
-        // Up to 3000 in the air, finishing in the order of posting, to the last one.
-        while (pending.size() < 3000) {
+        // Up to 3001 in the air, finishing in the order of posting, to the last one.
+        while (pending.size() < 3001) {
             add(ids, next);
             pending.push_back(next++);
         }
