@@ -143,6 +143,16 @@ TEST_F(ResidentRunTest, IsDeclinedWhereTheDeviceCouldNotEndAsTheOrdinaryLoop) {
          }},
         {"a state restored from before the run", as_it_is,
          [](WindowEngine& e) { ASSERT_TRUE(e.restore(e.snapshot())); }},
+        {"a graph of longer delays restored before the run", as_it_is,
+         [](WindowEngine& e) {
+             std::vector<Synapse> longer;
+             for (EdgeId id = 0; id < e.graph().edgeCount(); ++id) {
+                 longer.push_back(e.graph().edge(id));
+                 longer.back().delay *= 2;
+             }
+             const SynapseGraph other(e.graph().nodeCount(), std::nullopt, longer);
+             ASSERT_TRUE(e.graph().restore(other.snapshot()));
+         }},
         {"a commit hook", as_it_is, [](WindowEngine& e) { e.setHooks(nullptr, &hook, nullptr); }},
         {"a declared observation", as_it_is,
          [](WindowEngine& e) { e.declareObserverEvent(Event()); }},
