@@ -17,6 +17,7 @@
 #include "tests/support/ComposedModel.h"
 #include "tests/support/Draws.h"
 #include "tests/support/ExpectThrows.h"
+#include "tests/support/ForgedBlobs.h"
 #include "tests/support/PlainStore.h"
 #include "tests/support/RunImage.h"
 
@@ -151,7 +152,7 @@ TEST_F(CheckpointTest, OfAnotherVersionIsThrownOut) {
     const auto restore = [&] { EXPECT_FALSE(fresh->restore(forged)); };
     expectThrows<IncompatibleCheckpoint>(
         restore, "checkpoint engine_version '2.0.0-beta.2' is incompatible with '2.0.0-beta.1'");
-    forged = withNumberAt(bytes, 8, 0);
+    forged = withValueAt(bytes, 8, 0UL);
     expectThrows<IncompatibleCheckpoint>(
         restore, "checkpoint engine_version '' is incompatible with '2.0.0-beta.1'");
     EXPECT_EQ(fresh->checkpoint(), before);
@@ -174,19 +175,19 @@ TEST_F(CheckpointTest, IsRefusedUnderAnotherIdentityAndWithCountsThatItsBytesCan
         for (const std::uint64_t forged :
              {count + 1, count - 1, std::uint64_t{1} << 40, std::uint64_t{1} << 60,
               (std::uint64_t{1} << 63) + count, ~std::uint64_t{0}}) {
-            expectRefused(withNumberAt(bytes, layout.begin(field), forged));
+            expectRefused(withValueAt(bytes, layout.begin(field), forged));
         }
     }
-    expectRefused(withNumberAt(bytes, layout.begin("moment cursor"), layout.number("moments") + 1));
+    expectRefused(withValueAt(bytes, layout.begin("moment cursor"), layout.number("moments") + 1));
     // The seed of the nested streams, behind their length and tag.
-    expectRefused(withNumberAt(bytes, layout.begin("random") + 16, model.network.run_seed + 1));
+    expectRefused(withValueAt(bytes, layout.begin("random") + 16, model.network.run_seed + 1));
 }
 
 TEST_F(CheckpointTest, WithAChannelThatCannotBeIsRefused) {
     for (const Blob& forged :
-         {withNumberAt(bytes, layout.begin("channels") + 8, ~0ULL),         // NaN
-          withNumberAt(bytes, layout.begin("precisions") + 8, 9ULL << 60),  // < 0
-          withNumberAt(bytes, layout.begin("observations") + 8, 1000)}) {
+         {withValueAt(bytes, layout.begin("channels") + 8, ~0ULL),         // NaN
+          withValueAt(bytes, layout.begin("precisions") + 8, 9ULL << 60),  // < 0
+          withValueAt(bytes, layout.begin("observations") + 8, 1000UL)}) {
         EXPECT_FALSE(model.build(cpu)->restore(forged));
     }
 }
