@@ -2,14 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <limits>
-#include <string>
+#include <utility>
 #include <vector>
-
-#include "tests/support/SameBits.h"
 
 namespace Lumenar::Core {
 
@@ -19,7 +17,28 @@ struct Image {
     std::uint8_t gap[7] = {};
 };
 
-TEST(Blob, AppendsEachFieldLittleEndianWithItsWidthAndNothingElse) {
+using Read = std::function<bool(BlobReader&)>;
+
+/// Whether a read says yes and gives these bytes.
+template <class Value>
+Read gives(bool (BlobReader::*read)(Value&), Value expected) {
+    return [=](BlobReader& in) {
+        Value value{};
+        return (in.*read)(value) && std::memcmp(&value, &expected, sizeof value) == 0;
+    };
+}
+
+TEST(Blob, WritesEachFieldLittleEndianWithItsWidthAndReadsWhatFits) {
+    const Blob expected{'R',  'N',  'D',  'C',  'T',  'X',  '1',  0,  // a tag, filled up with zero
+                        0xa1, 1,    0,                                // bytes and flags
+                        0x04, 0x03, 0x02, 0x01,                       // 32 bits
+                        0x18, 0x17, 0x16, 0x15, 0x14, 0x13, 0x12, 0x11,  // 64 bits
+                        0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,  // two's complement
+                        0,    0,    0x80, 0x3f,                          // 1.0 in single precision
+                        0,    0,    0,    0,    0,    0,    0,    0x80,  // -0.0 keeps its sign
+                        'a',  'b',                                       // raw bytes
+                        3,    0,    0,    0,    0,    0,    0,    0,     // a record with its gap
+                        1,    0,    0,    0,    0,    0,    0,    0};
     Blob blob;
     appendTag(blob, BlobTag("RNDCTX1"));
     appendU8(blob, 0xa1);
@@ -33,87 +52,52 @@ TEST(Blob, AppendsEachFieldLittleEndianWithItsWidthAndNothingElse) {
     appendBytes(blob, "ab", 2);
     appendBytes(blob, nullptr, 0);
     appendImage(blob, Image{3, true, {}});
-    const Blob expected{'R',  'N',  'D',  'C',  'T',  'X',  '1',  0,  // a tag, filled up with zero
-                        0xa1, 1,    0,                                // bytes and flags
-                        0x04, 0x03, 0x02, 0x01,                       // 32 bits
-                        0x18, 0x17, 0x16, 0x15, 0x14, 0x13, 0x12, 0x11,  // 64 bits
-                        0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,  // two's complement
-                        0,    0,    0x80, 0x3f,                          // 1.0 in single precision
-                        0,    0,    0,    0,    0,    0,    0,    0x80,  // -0.0 keeps its sign
-                        'a',  'b',                                       // raw bytes
-                        3,    0,    0,    0,    0,    0,    0,    0,     // a record with its gap
-                        1,    0,    0,    0,    0,    0,    0,    0};
     EXPECT_EQ(blob, expected);
-}
 
-TEST(Blob, DoublesReadBackToTheBit) {
-    for (const std::uint64_t bits : std::vector<std::uint64_t>{
-             0x8000000000000000u, 0x0000000000000001u, 0x7ff0000000000000u, 0xfff0000000000000u,
-             0x7ff8000000000000u, 0xfff8dead0000beefu, 0x3fb999999999999au}) {
-        Blob blob;
-        appendF64(blob, std::bit_cast<double>(bits));
-        double read = 0.0;
-        ASSERT_TRUE(BlobReader(blob).readF64(read));
-        EXPECT_TRUE(Kelm::Testing::sameBits(read, std::bit_cast<double>(bits)));
-    }
-}
-
-/// A read of one value, which says yes where the value came with what was there.
-template <class Value>
-std::function<bool(BlobReader&)> reading(bool (BlobReader::*read)(Value&)) {
-    return [read](BlobReader& in) {
-        Value value{};
-        return (in.*read)(value) && value != Value{};
+    const std::vector<std::pair<std::size_t, Read>> fields{
+        {8, [](BlobReader& in) { return in.expectTag(BlobTag("RNDCTX1")); }},
+        {9, gives(&BlobReader::readU8, std::uint8_t{0xa1})},
+        {10, gives(&BlobReader::readFlag, true)},
+        {11, gives(&BlobReader::readFlag, false)},
+        {15, gives(&BlobReader::readU32, std::uint32_t{0x01020304})},
+        {23, gives(&BlobReader::readU64, std::uint64_t{0x1112131415161718})},
+        {31, gives(&BlobReader::readI64, std::int64_t{-2})},
+        {35, gives(&BlobReader::readF32, 1.0F)},
+        {43, gives(&BlobReader::readF64, -0.0)},
+        {45,
+         [](BlobReader& in) {
+             BlobView view;
+             return in.readView(2, view) && view[1] == 'b';
+         }},
+        {61, gives(&BlobReader::readImage<Image>, Image{3, true, {}})},
     };
-}
-
-TEST(Blob, AReadThatDoesNotFitSaysNoAndMovesNothing) {
-    struct Field {
-        const char* name;
-        std::size_t width;
-        std::function<bool(BlobReader&)> read;
-    };
-    const auto view = [](BlobReader& in) {
-        BlobView bytes;
-        return in.readView(3, bytes) && bytes.size() == 3 && bytes[0] == 1;
-    };
-    const auto tag = [](BlobReader& in) { return in.expectTag(BlobTag("\x01")); };
-    const std::vector<Field> fields{
-        {"u8", 1, reading(&BlobReader::readU8)},
-        {"flag", 1, reading(&BlobReader::readFlag)},
-        {"u32", 4, reading(&BlobReader::readU32)},
-        {"u64", 8, reading(&BlobReader::readU64)},
-        {"i64", 8, reading(&BlobReader::readI64)},
-        {"f32", 4, reading(&BlobReader::readF32)},
-        {"f64", 8, reading(&BlobReader::readF64)},
-        {"view", 3, view},
-        {"tag", 8, tag},
-    };
-    for (const Field& field : fields) {
-        for (std::size_t length = 0; length <= field.width; ++length) {
-            SCOPED_TRACE(std::string(field.name) + " from " + std::to_string(length) + " bytes");
-            // One byte in front, so that the field is not aligned and does not start at 0.
-            Blob blob(1 + field.width, 0);
-            blob[1] = 1;
-            blob.resize(1 + length);
-            BlobReader in(blob);
-            std::uint8_t front = 0;
-            ASSERT_TRUE(in.readU8(front));
-            const bool fits = length == field.width;
-            EXPECT_EQ(field.read(in), fits);
-            EXPECT_EQ(in.remaining(), fits ? 0 : length);
+    for (std::size_t length = 0; length <= blob.size(); ++length) {
+        SCOPED_TRACE(length);
+        BlobReader in(BlobView(blob).first(length));
+        std::size_t begin = 0;
+        for (const auto& [end, read] : fields) {
+            EXPECT_EQ(read(in), end <= length);
+            EXPECT_EQ(in.remaining(), length - (end <= length ? end : begin));
             EXPECT_EQ(in.atEnd(), in.remaining() == 0);
+            begin = end;
+            if (end > length) break;  // a read that does not fit says no and moves nothing
         }
     }
 }
 
-TEST(Blob, AFlagIsZeroOrOne) {
-    const Blob blob{2};
-    BlobReader in(blob);
+TEST(Blob, RefusesFlagsAndTagsThatDifferInAnyBit) {
+    const Blob two{2};
+    BlobReader in(two);
     bool flag = false;
     EXPECT_FALSE(in.readFlag(flag));
     EXPECT_FALSE(flag);
     EXPECT_EQ(in.remaining(), 1U);
+    for (std::size_t i = 0; i < 8; ++i) {
+        Blob blob;
+        appendTag(blob, BlobTag("KELMWEN3"));
+        blob[i] ^= 0x20;
+        EXPECT_FALSE(BlobReader(blob).expectTag(BlobTag("KELMWEN3"))) << "byte " << i;
+    }
 }
 
 TEST(Blob, ACountIsAcceptedOnlyIfItsItemsCanFollow) {
@@ -129,7 +113,6 @@ TEST(Blob, ACountIsAcceptedOnlyIfItsItemsCanFollow) {
              Case{"just enough", 3, 8, 24, true},
              Case{"more than enough", 3, 8, 30, true},
              Case{"one byte short", 3, 8, 23, false},
-             Case{"one item, nothing behind", 1, 8, 0, false},
              Case{"a product that would wrap to 0", std::uint64_t{1} << 61, 8, 64, false},
              Case{"the largest count of bytes", huge, 1, 64, false},
          }) {
@@ -141,35 +124,9 @@ TEST(Blob, ACountIsAcceptedOnlyIfItsItemsCanFollow) {
         std::uint64_t count = 0;
         EXPECT_EQ(in.readCount(c.item_bytes, count), c.accepted);
         EXPECT_EQ(in.remaining(), c.bytes_behind + (c.accepted ? 0 : 8));
-        if (c.accepted) {
-            EXPECT_EQ(count, c.count);
-        }
-    }
-    const Blob cut(7, 0);
-    std::uint64_t count = 0;
-    EXPECT_FALSE(BlobReader(cut).readCount(1, count));
-}
-
-TEST(Blob, AViewLongerThanTheRestIsRefusedWhateverItsLength) {
-    const Blob blob(16, 7);
-    BlobReader in(blob);
-    BlobView view;
-    EXPECT_FALSE(in.readView(17, view));
-    EXPECT_FALSE(in.readView(std::numeric_limits<std::uint64_t>::max(), view));
-    ASSERT_TRUE(in.readView(16, view));
-    EXPECT_EQ(view.data(), blob.data()) << "a view owns no bytes";
-    EXPECT_TRUE(in.atEnd());
-    EXPECT_TRUE(in.readView(0, view));
-}
-
-TEST(Blob, ATagIsComparedInAllItsBytes) {
-    const BlobTag tag("KELMWEN3");
-    for (std::size_t i = 0; i < 8; ++i) {
-        Blob blob;
-        appendTag(blob, tag);
-        EXPECT_TRUE(BlobReader(blob).expectTag(tag));
-        blob[i] ^= 0x20;
-        EXPECT_FALSE(BlobReader(blob).expectTag(tag)) << "byte " << i;
+        EXPECT_TRUE(!c.accepted || count == c.count);
+        BlobView view;
+        EXPECT_FALSE(in.readView(huge, view));
     }
 }
 

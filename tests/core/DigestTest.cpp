@@ -18,16 +18,10 @@ TEST(Digest, GivesTheValuesOfAnotherImplementation) {
     EXPECT_EQ(digest("stimulus"), 0xc9afb507b9b177c7u);
     // (0x14650fb0739d0383 ^ 0) * 0x100000001b3 modulo 2^64: a zero byte counts.
     EXPECT_EQ(digest(std::vector<std::uint8_t>{0}), 0x44bd2bd473ccf799u);
+    EXPECT_EQ(digestByte(digest("spontaneou"), 's'), 0x607457971493d7d0u);
 }
 
-TEST(Digest, TakesTheBytesOfATextAsUnsigned) {
-    const std::vector<std::uint8_t> bytes{0xff, 0x80, 0x00, 0x7f};
-    EXPECT_EQ(digest(std::string_view("\xff\x80\0\x7f", 4)), digest(bytes));
-}
-
-TEST(Digest, GoesOnFromWhatCameBefore) { EXPECT_EQ(digestByte(digest("s"), 0x70), digest("sp")); }
-
-TEST(Digest, SeesARecordAsItsLittleEndianBytes) {
+TEST(Digest, SeesATextAndARecordAsTheirUnsignedBytes) {
     struct Record {
         std::int64_t time;
         std::uint64_t neuron;
@@ -36,6 +30,9 @@ TEST(Digest, SeesARecordAsItsLittleEndianBytes) {
     const std::vector<std::uint8_t> bytes{0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,
                                           0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01};
     EXPECT_EQ(digestImages(std::span<const Record>(records)), digest(bytes));
+    EXPECT_EQ(digest(std::string_view(
+                  "\xfe\xff\xff\xff\xff\xff\xff\xff\x08\x07\x06\x05\x04\x03\x02\x01")),
+              digest(bytes));
 }
 
 }  // namespace Lumenar::Core

@@ -5,13 +5,11 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "kelm/core/Failures.h"
-#include "kelm/cuda/LookaheadCudaTesting.h"
-#include "kelm/cuda/ResidentArena.h"
 #include "kelm/engine/CpuWindowBackend.h"
-#include "kelm/engine/WindowEngine.h"
 #include "tests/support/EmulatedDeviceFixture.h"
 #include "tests/support/ExpectThrows.h"
 #include "tests/support/GeneratedModel.h"
@@ -22,64 +20,47 @@ namespace Lumenar::Core::Kelm {
 namespace {
 
 using namespace Testing;
-namespace Emulation = Device::Emulation;
 
-using Texts = std::vector<std::string>;
-
-constexpr ModelTime window_end = 1'000'000;
-constexpr ModelTime horizon = 50'000'000;
-
-/// A window of `item_count` neurons with pending candidates, the first of which get an input each.
-class Batch {
-public:
-    explicit Batch(std::size_t item_count, std::size_t event_count = 1)
-        : work_(item_count), events_(event_count) {
-        for (std::size_t i = 0; i < event_count; ++i) {
-            events_[i].time = static_cast<ModelTime>(1000 * i + 17);
-            events_[i].value = 0.5;
-        }
-        for (std::size_t i = 0; i < item_count; ++i) {
-            work_[i].neuron = i;
-            work_[i].rng = i;
-            work_[i].firing.base_rate = 500.0;
-            work_[i].pending_time = static_cast<ModelTime>(300 * i);
-            work_[i].pending_bound = 600.0;
-            work_[i].first_event = static_cast<std::uint32_t>(i < event_count ? i : 0);
-            work_[i].event_count = i < event_count ? 1 : 0;
-        }
-    }
-
-    /// Runs it on `backend` and compares the results with the kernel's own.
-    void runOn(CudaWindowBackend& backend) const {
-        std::vector<Kernel::WindowResult> results(work_.size());
-        backend.processWindow(work_, events_, window_end, horizon, {}, {}, results);
-        for (std::size_t i = 0; i < work_.size(); ++i) {
-            const Kernel::WindowResult expected =
-                Kernel::processWindow(work_[i], events_.data(), window_end, horizon);
-            ASSERT_EQ(std::memcmp(&results[i], &expected, sizeof expected), 0) << "item " << i;
-        }
-    }
-
-private:
-    std::vector<WindowWork> work_;
-    std::vector<Kernel::WindowEvent> events_;
+/// A window of some neurons, the first of which get an input each.
+struct Batch {
+    std::size_t items, events;
 };
 
-class CudaWindowBackendTest : public EmulatedDeviceTest {};
-
-TEST_F(CudaWindowBackendTest, NeedsADevice) {
-    const char* const text =
-        "no usable CUDA device; the CPU/GPU parity gate cannot be evaluated on this machine";
-    Emulation::setPresent(false);
-    expectThrows<WindowEngineError>([] { CudaWindowBackend backend; }, text);
-    Emulation::setPresent(true);
-    // A driver that cannot be asked counts as no device.
-    Emulation::failOperation(0, 999);
-    expectThrows<WindowEngineError>([] { CudaWindowBackend backend; }, text);
-    EXPECT_NO_THROW(CudaWindowBackend());
+/// Runs it on `backend` and compares the results with the kernel's own.
+void run(CudaWindowBackend& backend, const Batch& batch) {
+    constexpr ModelTime window_end = 1'000'000;
+    constexpr ModelTime horizon = 50'000'000;
+    std::vector<WindowWork> work(batch.items);
+    std::vector<Kernel::WindowEvent> events(batch.events);
+    for (std::uint32_t i = 0; i < batch.items; ++i) {
+        work[i].neuron = work[i].rng = i;
+        work[i].firing.base_rate = 500.0;
+        work[i].pending_time = 300 * i;
+        work[i].pending_bound = 600.0;
+        if (i >= batch.events) continue;
+        events[i].time = 1000 * i + 17;
+        events[i].value = 0.5;
+        work[i].first_event = i;
+        work[i].event_count = 1;
+    }
+    std::vector<Kernel::WindowResult> results(batch.items);
+    backend.processWindow(work, events, window_end, horizon, {}, {}, results);
+    for (std::size_t i = 0; i < batch.items; ++i) {
+        const Kernel::WindowResult expected =
+            Kernel::processWindow(work[i], events.data(), window_end, horizon);
+        ASSERT_EQ(std::memcmp(&results[i], &expected, sizeof expected), 0) << "item " << i;
+    }
 }
 
-TEST_F(CudaWindowBackendTest, QueriesTheDeviceWithoutThrowing) {
+class CudaBackend : public EmulatedDeviceTest {};
+
+TEST_F(CudaBackend, NeedsADeviceAndNamesIt) {
+    const auto build = [] { CudaWindowBackend backend; };
+    const char* const text =
+        "no usable CUDA device; the CPU/GPU parity gate cannot be evaluated on this machine";
+    // A driver that cannot be asked counts as no device.
+    Emulation::failOperation(0, 999);
+    expectThrows<WindowEngineError>(build, text);
     EXPECT_TRUE(cudaDeviceUsable());
     EXPECT_EQ(cudaDeviceName(), "host emulation");
     for (const std::uint64_t operation : {0U, 1U}) {
@@ -89,125 +70,100 @@ TEST_F(CudaWindowBackendTest, QueriesTheDeviceWithoutThrowing) {
     Emulation::setPresent(false);
     EXPECT_FALSE(cudaDeviceUsable());
     EXPECT_EQ(cudaDeviceName(), "unknown");
+    expectThrows<WindowEngineError>(build, text);
 }
 
-TEST_F(CudaWindowBackendTest, NamesTheCallThatFailed) {
-    EXPECT_NO_THROW(checkCuda(0, "nothing"));
-    expectThrows<WindowEngineError>([] { checkCuda(2, "alloc moon"); },
-                                    "CUDA alloc moon: out of memory");
-    expectThrows<WindowEngineError>([] { checkCuda(719, "synchronise"); },
-                                    "CUDA synchronise: emulated device failure");
-}
-
-TEST_F(CudaWindowBackendTest, TouchesNoDeviceForAnEmptyBatch) {
-    CudaWindowBackend backend;
-    const std::uint64_t before = Emulation::operationCount();
-    Batch(0).runOn(backend);
-    EXPECT_EQ(Emulation::operationCount(), before);
-    EXPECT_EQ(backend.windowCount(), 0);
-}
-
-TEST_F(CudaWindowBackendTest, CountsWindowsBelow32ItemsAsSmall) {
-    CudaWindowBackend backend;
-    struct Case {
-        std::size_t items;
-        std::uint64_t windows, small_windows;
-    };
-    for (const Case& c : {Case{31, 1, 1}, Case{32, 2, 1}, Case{1, 3, 2}, Case{0, 3, 2}}) {
-        SCOPED_TRACE(c.items);
-        Batch(c.items).runOn(backend);
-        EXPECT_EQ(backend.windowCount(), c.windows);
-        EXPECT_EQ(backend.smallWindowCount(), c.small_windows);
+TEST_F(CudaBackend, EqualsTheReferenceInAnyThreadOrderOnAnyNumberOfHostThreads) {
+    std::uint64_t windows = 0;
+    std::uint64_t spikes = 0;
+    for (std::uint64_t seed = 1; seed <= 212; ++seed) {
+        SCOPED_TRACE("model seed " + std::to_string(seed));
+        // Host threads share launches of many device threads only.
+        const bool large = seed > 200;
+        const GeneratedModel model = generateModel(seed, {large ? 6000U : 24U, large ? 8 : 60});
+        if (large) Emulation::setWorkers(static_cast<unsigned>(1 + seed / 2 % 4));
+        Emulation::permuteThreads(seed % 2 == 0 ? std::nullopt : std::optional(seed));
+        WindowEngine reference = makeEngine(model);
+        WindowEngine engine = makeEngine(model);
+        postInputs(model, reference);
+        postInputs(model, engine);
+        CpuWindowBackend cpu;
+        CudaWindowBackend cuda;
+        EXPECT_EQ(runSideBySide(reference, cpu, engine, cuda, model.d_min), "");
+        windows += engine.profile().windows;
+        spikes += engine.profile().accepted;
     }
+    EXPECT_GT(windows, 5000);
+    EXPECT_GT(spikes, 20'000);
 }
 
-TEST_F(CudaWindowBackendTest, ComputesBatchesThatDoNotFillABlock) {
+TEST_F(CudaBackend, CountsWindowsAndThoseBelow32ItemsAndSkipsEmptyOnes) {
     CudaWindowBackend backend;
-    for (const std::size_t items : {1U, 127U, 128U, 129U, 1500U}) {
+    std::uint64_t windows = 0;
+    std::uint64_t small_windows = 0;
+    for (const std::size_t items : {31U, 32U, 1U, 0U, 127U, 128U, 129U}) {
+        windows += items == 0 ? 0 : 1;
+        small_windows += items == 31 || items == 1 ? 1 : 0;
         SCOPED_TRACE(items);
-        Batch(items, items / 2).runOn(backend);
+        const std::uint64_t before = Emulation::operationCount();
+        run(backend, {items, items / 2});
+        EXPECT_EQ(backend.windowCount(), windows);
+        EXPECT_EQ(backend.smallWindowCount(), small_windows);
+        EXPECT_EQ(Emulation::operationCount() == before, items == 0);
     }
 }
 
 // Each list holds every device operation of the batch, in its order: what is not in it did not
 // happen. So the lists also tell that buffers grow to exactly what is needed, and only then.
-TEST_F(CudaWindowBackendTest, ReportsAFailureOfEachOperationAndGivesAllBack) {
-    const Texts copies_and_launch = {"upload work", "upload events", "launch", "synchronise",
-                                     "download results"};
-    const Texts new_items = {"free work", "free results", "alloc work", "alloc results"};
-    const Texts new_events = {"free events", "alloc events"};
+TEST_F(CudaBackend, ReportsAFailureOfEachOperationAndGivesAllBack) {
     struct Case {
         const char* fact;
         std::optional<Batch> before;
         Batch batch;
-        std::vector<Texts> operations;
+        const char* growth;
     };
     for (const Case& c : {
-             Case{"first batch",
-                  std::nullopt,
-                  Batch(5, 3),
-                  {{"alloc work", "alloc results", "alloc events"}, copies_and_launch}},
-             Case{"first batch without events",
-                  std::nullopt,
-                  Batch(5, 0),
-                  {{"alloc work", "alloc results", "alloc events", "upload work", "launch",
-                    "synchronise", "download results"}}},
-             Case{"no events where there is room",
-                  Batch(5, 3),
-                  Batch(5, 0),
-                  {{"upload work", "launch", "synchronise", "download results"}}},
-             Case{"as large as ever", Batch(5, 3), Batch(5, 3), {copies_and_launch}},
-             Case{"smaller", Batch(5, 3), Batch(4, 2), {copies_and_launch}},
-             Case{"one item more", Batch(5, 3), Batch(6, 3), {new_items, copies_and_launch}},
-             Case{"one event more", Batch(5, 3), Batch(5, 4), {new_events, copies_and_launch}},
-             Case{"one event where there was none", Batch(5, 0), Batch(5, 1), {copies_and_launch}},
-             Case{"two events where there was none",
-                  Batch(5, 0),
-                  Batch(5, 2),
-                  {new_events, copies_and_launch}},
-             Case{"more of both",
-                  Batch(5, 3),
-                  Batch(6, 4),
-                  {new_items, new_events, copies_and_launch}},
+             Case{"first batch", std::nullopt, Batch{5, 3},
+                  "alloc work,alloc results,alloc events,"},
+             Case{"first batch, no events", std::nullopt, Batch{5, 0},
+                  "alloc work,alloc results,alloc events,"},
+             Case{"no events where there is room", Batch{5, 3}, Batch{5, 0}, ""},
+             Case{"as large as ever", Batch{5, 3}, Batch{5, 3}, ""},
+             Case{"an event more", Batch{5, 3}, Batch{5, 4}, "free events,alloc events,"},
+             Case{"one event where there was none", Batch{5, 0}, Batch{5, 1}, ""},
+             Case{"two where there was none", Batch{5, 0}, Batch{5, 2},
+                  "free events,alloc events,"},
+             Case{"an item and an event more", Batch{5, 3}, Batch{6, 4},
+                  "free work,free results,alloc work,alloc results,free events,alloc events,"},
          }) {
         SCOPED_TRACE(c.fact);
-        Texts expected;
-        for (const Texts& group : c.operations) {
-            for (const std::string& what : group) {
-                expected.push_back("CUDA " + what + ": out of memory");
-            }
-        }
         const auto arrange = [&] {
-            // The one before is destroyed first, and must have left nothing.
-            EXPECT_EQ(Emulation::liveAllocations(), 0);
             auto backend = std::make_unique<CudaWindowBackend>();
-            if (c.before) c.before->runOn(*backend);
+            if (c.before) run(*backend, *c.before);
             return backend;
         };
-        EXPECT_EQ(failuresOf(arrange, [&](auto& backend) { c.batch.runOn(*backend); }), expected);
+        const auto act = [&](auto& backend) {
+            try {
+                run(*backend, c.batch);
+            } catch (const WindowEngineError&) {
+                run(*backend, c.before.value_or(c.batch));  // it can be used again
+                throw;
+            }
+        };
+        const std::string events = c.batch.events != 0 ? "upload events," : "";
+        EXPECT_EQ(failuresOf(arrange, act),
+                  outOfMemory(std::string(c.growth) + "upload work," + events +
+                              "launch,synchronise,download results"));
     }
 }
 
-TEST_F(CudaWindowBackendTest, CanTryAgainAfterAFailure) {
-    for (std::uint64_t operation = 0; operation < 11; ++operation) {
-        SCOPED_TRACE(operation);
-        CudaWindowBackend backend;
-        Batch(5, 3).runOn(backend);
-        Emulation::failOperation(operation, 2);
-        EXPECT_THROW(Batch(6, 4).runOn(backend), WindowEngineError);
-        Batch(5, 3).runOn(backend);
-        Batch(6, 4).runOn(backend);
-    }
-}
-
-TEST_F(CudaWindowBackendTest, IsDestroyedQuietlyWhereReleasesFail) {
-    const SynapseGraph graph(3, 10, {});
+TEST_F(CudaBackend, IsDestroyedQuietlyWhereReleasesFail) {
     for (std::uint64_t operation = 0; operation < 4; ++operation) {
         SCOPED_TRACE(operation);
         {
             CudaWindowBackend backend;
-            Batch(5, 3).runOn(backend);
-            backend.prepareResident(graph, 2);
+            run(backend, {5, 3});
+            backend.prepareResident(SynapseGraph(3, 10, {}), 2);
             EXPECT_EQ(Emulation::liveAllocations(), 4);
             Emulation::failOperation(operation, 7);
         }
@@ -215,81 +171,41 @@ TEST_F(CudaWindowBackendTest, IsDestroyedQuietlyWhereReleasesFail) {
     }
 }
 
-TEST_F(CudaWindowBackendTest, PreparesTheResidentArenaOnceForEachNewSize) {
-    const SynapseGraph small(3, 10, {});
-    const SynapseGraph large(4, 10, {});
-    const auto prepared = [](const SynapseGraph& graph) {
-        return [&graph] {
-            auto backend = std::make_unique<CudaWindowBackend>();
-            backend->prepareResident(graph, 2);
-            return backend;
-        };
+TEST_F(CudaBackend, PreparesTheResidentArenaOnceForEachNewSize) {
+    const auto failuresOfThree = [](std::optional<std::uint64_t> before) {
+        return failuresOf(
+            [&] {
+                auto backend = std::make_unique<CudaWindowBackend>();
+                if (before) backend->prepareResident(SynapseGraph(*before, 10, {}), 2);
+                return backend;
+            },
+            [](auto& backend) {
+                try {
+                    backend->prepareResident(SynapseGraph(3, 10, {}), 2);
+                } catch (const WindowEngineError&) {
+                    backend->prepareResident(SynapseGraph(2, 10, {}), 2);  // it can be used again
+                    EXPECT_EQ(Emulation::liveAllocations(), 1);
+                    throw;
+                }
+            });
     };
-    const auto prepareLarge = [&](auto& backend) { backend->prepareResident(large, 2); };
-    const auto none = [] { return std::make_unique<CudaWindowBackend>(); };
-    EXPECT_EQ(failuresOf(none, prepareLarge), (Texts{"CUDA alloc resident arena: out of memory"}));
-    EXPECT_EQ(failuresOf(prepared(small), prepareLarge),
-              (Texts{"CUDA free resident arena: out of memory",
-                     "CUDA alloc resident arena: out of memory"}));
-    EXPECT_EQ(failuresOf(prepared(large), prepareLarge), Texts());
-    EXPECT_EQ(
-        failuresOf(prepared(large), [&](auto& backend) { backend->prepareResident(small, 2); }),
-        Texts());
+    EXPECT_EQ(failuresOfThree(std::nullopt), outOfMemory("alloc resident arena"));
+    EXPECT_EQ(failuresOfThree(2), outOfMemory("free resident arena,alloc resident arena"));
+    EXPECT_EQ(failuresOfThree(3), outOfMemory(""));
+    EXPECT_EQ(failuresOfThree(4), outOfMemory(""));
 }
 
-TEST_F(CudaWindowBackendTest, RefusesResidentDimensionsThatHoldNothing) {
+TEST_F(CudaBackend, RefusesResidentDimensionsThatHoldNothing) {
     CudaWindowBackend backend;
-    const char* const text = "invalid resident CUDA preparation dimensions";
-    const std::uint64_t before = Emulation::operationCount();
-    expectThrows<WindowEngineError>([&] { backend.prepareResident(SynapseGraph(0, 10, {}), 1); },
-                                    text);
-    expectThrows<WindowEngineError>([&] { backend.prepareResident(SynapseGraph(1, 10, {}), 0); },
-                                    text);
-    expectThrows<WindowEngineError>(
-        [&] { backend.prepareResident(SynapseGraph(3, 10, {}), ~std::uint64_t{0}); }, text);
-    EXPECT_EQ(Emulation::operationCount(), before);
-    expectThrows<WindowEngineError>(
-        [&] { backend.prepareResident(SynapseGraph(3, 10, {}), std::uint64_t{1} << 55); },
-        "CUDA alloc resident arena: out of memory");
-}
-
-TEST_F(CudaWindowBackendTest, LeavesAnEngineAsItStoodBeforeTheWindowThatFailed) {
-    const GeneratedModel model = generateModel(3);
-    WindowEngine reference = makeEngine(model);
-    postInputs(model, reference);
-    CpuWindowBackend cpu;
-    reference.run(cpu, model.horizon / 2);
-    const RunImage expected = imageOf(reference);
-    ASSERT_FALSE(expected.log.empty());
-
-    std::uint64_t failures = 0;
-    for (std::uint64_t operation = 0;; ++operation) {
-        SCOPED_TRACE(operation);
-        CudaWindowBackend backend;
-        WindowEngine engine = makeEngine(model);
-        postInputs(model, engine);
-        engine.run(backend, model.horizon / 2);
-        ASSERT_EQ(firstDifference(expected, imageOf(engine)), "");
-        struct FirstWindowOnly : IWindowCommit {
-            struct Reached {};
-            void commit(ModelTime, ModelTime, std::span<const SpikeRecord>,
-                        SynapseGraph&) override {
-                throw Reached();
-            }
-        } first_window_only;
-        engine.setHooks(nullptr, &first_window_only, nullptr);
-        Emulation::failOperation(operation, 719);
-        try {
-            engine.run(backend);
-        } catch (const FirstWindowOnly::Reached&) {
-            break;
-        } catch (const WindowEngineError&) {
-            ++failures;
-        }
-        EXPECT_EQ(firstDifference(expected, imageOf(engine)), "");
-    }
-    // Copies, launch, wait and copy back at the least.
-    EXPECT_GE(failures, 5);
+    const auto refuse = [&](std::uint64_t node_count, std::uint64_t fanout, const char* text) {
+        const SynapseGraph graph(node_count, 10, {});
+        expectThrows<WindowEngineError>([&] { backend.prepareResident(graph, fanout); }, text);
+    };
+    const char* const dimensions = "invalid resident CUDA preparation dimensions";
+    refuse(0, 1, dimensions);
+    refuse(1, 0, dimensions);
+    refuse(3, ~std::uint64_t{0}, dimensions);
+    refuse(3, std::uint64_t{1} << 55, "CUDA alloc resident arena: out of memory");
 }
 
 }  // namespace

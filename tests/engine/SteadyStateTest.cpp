@@ -8,26 +8,23 @@
 
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/engine/WindowEngine.h"
+#include "tests/support/GeneratedModel.h"
 
 namespace {
 
 std::uint64_t allocation_count = 0;
 
-void* countedAllocation(std::size_t size) {
+}  // namespace
+
+// Arrays are allocated through these as well.
+void* operator new(std::size_t size) {
     ++allocation_count;
     void* block = std::malloc(size == 0 ? 1 : size);
     if (block == nullptr) throw std::bad_alloc();
     return block;
 }
-
-}  // namespace
-
-void* operator new(std::size_t size) { return countedAllocation(size); }
-void* operator new[](std::size_t size) { return countedAllocation(size); }
 void operator delete(void* block) noexcept { std::free(block); }
-void operator delete[](void* block) noexcept { std::free(block); }
 void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
 
 namespace Lumenar::Core::Kelm {
 
@@ -39,35 +36,22 @@ public:
     void commit(ModelTime, ModelTime, std::span<const SpikeRecord>, SynapseGraph&) override {}
 };
 
-/// A ring in which some spikes travel further than a calendar's ring reaches.
-SynapseGraph busyRing(std::uint64_t node_count, ModelTime d_min) {
-    std::vector<Synapse> synapses;
-    for (NodeId n = 0; n < node_count; ++n) {
-        for (NodeId step = 1; step <= 4; ++step) {
-            Synapse synapse;
-            synapse.source = n;
-            synapse.target = (n + step) % node_count;
-            synapse.weight = 0.2F;
-            synapse.inhibitory = step % 2 == 0;
-            synapse.delay = step == 4 ? 4500 * d_min : static_cast<ModelTime>(step) * d_min;
-            synapses.push_back(synapse);
-        }
-    }
-    return SynapseGraph(node_count, d_min, std::move(synapses));
-}
-
 TEST(WindowEngineSteadyState, AllocatesNothingWindowByWindow) {
     constexpr ModelTime d_min = 1'000'000;
-    constexpr ModelTime warm_up = 20'000 * d_min;
-    constexpr ModelTime horizon = 60'000 * d_min;
+    Testing::GeneratedModel model = Testing::ringModel(40, 4, d_min, 60'000);
+    for (Synapse& synapse : model.synapses) {
+        // Some spikes travel further than a calendar's ring reaches.
+        const NodeId step = (synapse.target + 40 - synapse.source) % 40;
+        synapse.delay = step == 4 ? 4500 * d_min : static_cast<ModelTime>(step) * d_min;
+    }
     Kernel::Firing firing;
     firing.base_rate = 40.0;
     firing.gain = 1.0;
-    WindowEngine engine(busyRing(40, d_min), Kernel::Neuron(), firing, 5, horizon);
+    WindowEngine engine(model.graph(), Kernel::Neuron(), firing, 5, model.horizon);
     CountingHook hook;
     engine.setHooks(nullptr, &hook, nullptr);
     CpuWindowBackend cpu;
-    engine.run(cpu, warm_up);
+    engine.run(cpu, 20'000 * d_min);
     const WindowProfile warm = engine.profile();
     const std::uint64_t before = allocation_count;
     engine.run(cpu);

@@ -7,84 +7,59 @@
 #include <bit>
 #include <cstdint>
 #include <exception>
-#include <initializer_list>
-#include <iterator>
+#include <map>
 #include <optional>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "kelm/events/BucketEventStore.h"
+#include "tests/support/SameImages.h"
 
 namespace Lumenar::Core::Kelm {
 namespace {
 
-/// A ring of vectors, one vector for all that is beyond it, and one bit for every id ever issued.
-/// It walks one bucket at a time and goes through everything beyond the ring at each step.
+/// Nothing but the pending events by their ids, all of which it goes through at each question.
 class PlainCalendar {
 public:
     struct Refused : std::exception {};
 
     PlainCalendar(ModelTime d_min, std::uint64_t bucket_count)
-        : d_min_(d_min), bucket_count_(bucket_count), ring_(bucket_count) {}
+        : d_min_(d_min), bucket_count_(bucket_count) {}
 
-    std::uint64_t post(const Event& event) {
-        const std::int64_t bucket = event.time / d_min_;
-        if (started_ && bucket < cursor_) throw Refused();
-        Event stored = event;
-        stored.id = next_id_++;
-        live_.push_back(true);
-        ++live_count_;
-        place(stored, bucket);
-        return stored.id;
+    std::uint64_t post(Event event) {
+        if (started_ && event.time / d_min_ < cursor_) throw Refused();
+        event.id = next_id_++;
+        std::fill(std::begin(event.gap), std::end(event.gap), std::uint8_t{0});
+        overflow_posts_ += isBeyondReach(event);
+        live_[event.id] = event;
+        return event.id;
     }
-
-    bool cancel(std::uint64_t id) {
-        if (id >= next_id_ || !live_[id]) return false;
-        live_[id] = false;
-        --live_count_;
-        return true;
-    }
-
-    bool isEmpty() const { return live_count_ == 0; }
+    bool cancel(std::uint64_t id) { return live_.erase(id) == 1; }
 
     bool take(ModelTime until, std::vector<Event>& events, ModelTime& window_start,
               ModelTime& window_end) {
         events.clear();
-        if (live_count_ == 0) return false;
-        if (!started_) {
-            std::int64_t first = last_model_time;
-            for (const Event& event : liveEvents()) first = std::min(first, event.time / d_min_);
-            cursor_ = first;
-            started_ = true;
-            moveOverflow();
-        }
+        const std::vector<Event> pending = liveEvents();
+        if (pending.empty()) return false;
+        const std::int64_t next = pending[0].time / d_min_;
+        if (!started_) cursor_ = next;
+        started_ = true;
+        while (cursor_ < next && cursor_ * d_min_ < until) ++cursor_;
         if (cursor_ * d_min_ >= until) return false;
-        while (true) {
-            events.clear();
-            std::vector<Event>& slot = ring_[slotOf(cursor_)];
-            for (const Event& event : slot) {
-                if (!live_[event.id]) continue;
-                events.push_back(event);
-                live_[event.id] = false;
-                --live_count_;
-            }
-            slot.clear();
-            ++cursor_;
-            moveOverflow();
-            if (!events.empty()) break;
-            if (live_count_ == 0) return false;
-            if (cursor_ * d_min_ >= until) return false;
+        for (const Event& event : pending) {
+            if (event.time / d_min_ != next) continue;
+            events.push_back(event);
+            live_.erase(event.id);
         }
-        sort(events);
-        window_start = (cursor_ - 1) * d_min_;
+        window_start = cursor_ * d_min_;
         window_end = window_start + d_min_;
+        ++cursor_;
         return true;
     }
 
-    std::vector<std::uint8_t> snapshot() const {
-        const std::vector<Event> events = liveEvents();
-        std::vector<std::uint8_t> bytes = {'K', 'E', 'L', 'M', 'B', 'K', 'T', '1'};
+    Blob snapshot() const {
+        Blob bytes = {'K', 'E', 'L', 'M', 'B', 'K', 'T', '1'};
         const auto write = [&bytes](std::uint64_t value, int width = 8) {
             for (int i = 0; i < width; ++i) bytes.push_back((value >> (8 * i)) & 0xff);
         };
@@ -93,12 +68,11 @@ public:
         write(static_cast<std::uint64_t>(cursor_));
         write(started_ ? 1 : 0, 1);
         write(next_id_);
-        write(events.size());
-        for (const Event& event : events) {
+        write(live_.size());
+        for (const Event& event : liveEvents()) {
             write(static_cast<std::uint64_t>(event.time));
             write(event.id);
-            write(static_cast<std::uint8_t>(event.kind), 1);
-            write(0, 7);
+            write(static_cast<std::uint8_t>(event.kind));
             write(event.source);
             write(event.target);
             write(event.edge);
@@ -107,98 +81,35 @@ public:
         }
         return bytes;
     }
-
-    /// For bytes that a snapshot of a calendar of this shape has written.
-    void restore(const std::vector<std::uint8_t>& bytes) {
-        std::size_t at = 8;
-        const auto read = [&bytes, &at](std::size_t width = 8) {
-            std::uint64_t value = 0;
-            for (std::size_t i = 0; i < width; ++i) {
-                value |= std::uint64_t{bytes.at(at + i)} << (8 * i);
-            }
-            at += width;
-            return value;
-        };
-        if (static_cast<ModelTime>(read()) != d_min_ || read() != bucket_count_) throw Refused();
-        for (std::vector<Event>& slot : ring_) slot.clear();
-        overflow_.clear();
-        cursor_ = static_cast<std::int64_t>(read());
-        started_ = read(1) != 0;
-        next_id_ = read();
-        live_.assign(next_id_, false);
-        live_count_ = 0;
+    /// What restoring it does: the posts beyond the reach are counted anew.
+    void recount() {
         overflow_posts_ = 0;
-        const std::uint64_t count = read();
-        for (std::uint64_t i = 0; i < count; ++i) {
-            Event event;
-            event.time = static_cast<ModelTime>(read());
-            event.id = read();
-            event.kind = static_cast<EventKind>(read(1));
-            read(7);
-            event.source = read();
-            event.target = read();
-            event.edge = read();
-            event.value = std::bit_cast<double>(read());
-            event.cause = read();
-            live_.at(event.id) = true;
-            ++live_count_;
-            place(event, event.time / d_min_);
-        }
+        for (const Event& event : liveEvents()) overflow_posts_ += isBeyondReach(event);
     }
 
+    /// By time, then by id.
+    std::vector<Event> liveEvents() const {
+        std::vector<Event> events;
+        for (const auto& [id, event] : live_) events.push_back(event);
+        std::ranges::stable_sort(events, {}, &Event::time);
+        return events;
+    }
+    bool isEmpty() const { return live_.empty(); }
     std::uint64_t overflowPosts() const { return overflow_posts_; }
     std::int64_t cursor() const { return cursor_; }
     std::uint64_t nextId() const { return next_id_; }
 
-    std::vector<Event> liveEvents() const {
-        std::vector<Event> events;
-        for (const std::vector<Event>& slot : ring_) gather(slot, events);
-        gather(overflow_, events);
-        sort(events);
-        return events;
-    }
-
 private:
-    std::size_t slotOf(std::int64_t bucket) const {
-        return static_cast<std::uint64_t>(bucket) % bucket_count_;
-    }
-    std::int64_t reachEnd() const { return cursor_ + static_cast<std::int64_t>(bucket_count_); }
-
-    void place(const Event& event, std::int64_t bucket) {
-        if (bucket >= reachEnd()) {
-            overflow_.push_back(event);
-            ++overflow_posts_;
-        } else {
-            ring_[slotOf(bucket)].push_back(event);
-        }
-    }
-    void moveOverflow() {
-        std::vector<Event> stays;
-        for (const Event& event : overflow_) {
-            const std::int64_t bucket = event.time / d_min_;
-            (bucket < reachEnd() ? ring_[slotOf(bucket)] : stays).push_back(event);
-        }
-        overflow_ = stays;
-    }
-    void gather(const std::vector<Event>& from, std::vector<Event>& events) const {
-        std::copy_if(from.begin(), from.end(), std::back_inserter(events),
-                     [this](const Event& event) { return live_[event.id]; });
-    }
-    static void sort(std::vector<Event>& events) {
-        std::sort(events.begin(), events.end(), [](const Event& a, const Event& b) {
-            return a.time < b.time || (a.time == b.time && a.id < b.id);
-        });
+    bool isBeyondReach(const Event& event) const {
+        return event.time / d_min_ >= cursor_ + static_cast<std::int64_t>(bucket_count_);
     }
 
     ModelTime d_min_;
     std::uint64_t bucket_count_;
-    std::vector<std::vector<Event>> ring_;
-    std::vector<Event> overflow_;
-    std::vector<bool> live_;
+    std::map<std::uint64_t, Event> live_;
     std::int64_t cursor_ = 0;
     bool started_ = false;
     std::uint64_t next_id_ = 0;
-    std::uint64_t live_count_ = 0;
     std::uint64_t overflow_posts_ = 0;
 };
 
@@ -214,25 +125,13 @@ public:
           plain_(d_min_, bucket_count_) {}
 
     std::string step() {
-        switch (below(12)) {
-            case 0:
-            case 1:
-            case 2:
-            case 3:
-                return post();
-            case 4:
-                return cancelOne();
-            case 5:
-                return cancelBucket();
-            case 6:
-                return below(4) == 0 ? cancelAll() : post();
-            case 7:
-                return below(40) == 0 ? churn() : post();
-            case 8:
-                return restore();
-            default:
-                return take();
-        }
+        const std::uint64_t die = below(480);
+        if (die < 1) return churn();
+        if (die < 10) return cancelAll();
+        if (die < 50) return cancelBucket();
+        if (die < 90) return cancelOne();
+        if (die < 130) return restore();
+        return die < 250 ? take() : post();
     }
 
     /// Where the two differ, or an empty text.
@@ -253,20 +152,14 @@ private:
     /// Buckets ahead of the cursor; below 0 only for an event that must be refused.
     std::int64_t anyDistance() {
         const auto ring = static_cast<std::int64_t>(bucket_count_);
-        switch (below(16)) {
-            case 0:
-                return -1 - static_cast<std::int64_t>(below(3));
-            case 1:
-            case 2:
-                return ring - 1 + static_cast<std::int64_t>(below(3));
-            case 3:
-            case 4:
-                return static_cast<std::int64_t>(below(20 * bucket_count_));
-            case 5:
-                return below(8) == 0 ? static_cast<std::int64_t>(below(3000)) : 0;
-            default:
-                return static_cast<std::int64_t>(below(bucket_count_));
-        }
+        const auto some = static_cast<std::int64_t>(below(3));
+        const std::int64_t distances[] = {-1 - some, ring - 1 + some, 0,
+                                          static_cast<std::int64_t>(below(20 * bucket_count_)),
+                                          static_cast<std::int64_t>(below(3000))};
+        const std::uint64_t die = below(128);
+        if (die < 1) return distances[4];
+        if (die < 40) return distances[die % 4];
+        return static_cast<std::int64_t>(below(bucket_count_));
     }
     ModelTime anyTime() {
         const std::int64_t bucket = std::max<std::int64_t>(plain_.cursor() + anyDistance(), 0);
@@ -356,24 +249,18 @@ private:
                    "result of take");
         expectSame(bounds[0], expected_bounds[0], "start of the window");
         expectSame(bounds[1], expected_bounds[1], "end of the window");
-        const auto same = [](const Event& a, const Event& b) {
-            return a.time == b.time && a.id == b.id && a.kind == b.kind && a.source == b.source &&
-                   a.target == b.target && a.edge == b.edge && a.cause == b.cause &&
-                   std::bit_cast<std::uint64_t>(a.value) == std::bit_cast<std::uint64_t>(b.value);
-        };
-        expectSame(std::equal(found.begin(), found.end(), expected.begin(), expected.end(), same),
-                   true, "events of the window");
+        expectSame(bool(Testing::sameImages<Event>(found, expected)), true, "events");
         return "take until " + std::to_string(until);
     }
 
     /// Back to an earlier moment, or to this one in a new store.
     std::string restore() {
-        const bool back = below(3) == 0 && !remembered_.empty();
-        const std::vector<std::uint8_t> bytes = back ? remembered_ : plain_.snapshot();
+        const bool back = below(3) == 0 && remembered_;
+        if (back) plain_ = *remembered_;
         if (below(2) == 0) store_ = BucketEventStore(d_min_, bucket_count_);
-        expectSame(store_.restore(bytes), true, "result of restore");
-        plain_.restore(bytes);
-        if (below(4) == 0) remembered_ = bytes;
+        expectSame(store_.restore(plain_.snapshot()), true, "result of restore");
+        plain_.recount();
+        if (below(4) == 0) remembered_ = plain_;
         return back ? "restore an earlier state" : "restore";
     }
 
@@ -382,7 +269,7 @@ private:
     std::uint64_t bucket_count_;
     BucketEventStore store_;
     PlainCalendar plain_;
-    std::vector<std::uint8_t> remembered_;
+    std::optional<PlainCalendar> remembered_;
     std::string difference_;
 };
 

@@ -24,7 +24,6 @@ namespace Lumenar::Core::Kelm::Gate {
 namespace {
 
 using namespace Testing;
-namespace Emulation = Device::Emulation;
 
 /// The features on catalogue models. The values of whole runs are those that are documented for
 /// the models; they hold on either backend, and on the device in any thread order.

@@ -2,12 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
 #include <cstdint>
-#include <optional>
 #include <span>
-#include <string>
 #include <vector>
 
 #include "kelm/core/Digest.h"
@@ -103,27 +99,17 @@ TEST(NeuronModel, ATraceDecaysAndDiesOnceItIsBelowEpsilon) {
     }
 }
 
-TEST(NeuronModel, ADecayRoundsBothInstantsBeforeItSubtracts) {
-    constexpr ModelTime two_53 = ModelTime{1} << 53;
-    EXPECT_EQ(decayInterval(two_53 + 1, two_53 + 3), 4.0);  // 2^53 and 2^53 + 4
-    EXPECT_EQ(decayInterval(two_53, two_53 + 1), 0.0);
-}
-
-TEST(NeuronModel, AMembraneThatDoesNotLeakKeepsItsTraceWhileTheAdaptationFades) {
+TEST(NeuronModel, AHardRefractoryTimeEndsAtItsInstantAndASoftOneHasNoEffect) {
     Subject s;
-    s.state = {.membrane = 2.0, .adaptation = 1.0};
-    s.neuron.non_leaky = true;
-    s.neuron.tau_adaptation = 10000000;
-    EXPECT_TRUE(
-        sameBits(netDriveAt(s.state, s.neuron, s.firing, 10000000), 2.0 - 0.36787944117144233));
-    advanceTraces(s.state, s.neuron, 10000000);
-    EXPECT_TRUE(sameBits(s.state.membrane, 2.0));
-    EXPECT_TRUE(sameBits(s.state.adaptation, 0.36787944117144233));
-    EXPECT_EQ(s.state.last_update, 10000000);
-}
-
-TEST(NeuronModel, ANetDriveIsNeverANegativeZero) {
-    Subject s;
+    s.state.refractory_until = 100;
+    EXPECT_EQ(s.hazardAt(99, 0.0), 0.0);
+    EXPECT_EQ(s.hazardAt(100, 0.0), 0.5);
+    EXPECT_EQ(s.boundOn(0, 99, 0.0), 0.0);
+    EXPECT_TRUE(sameBits(s.boundOn(0, 100, 0.0), fromBits(0x3fe0000000000048)));
+    s.neuron.hard_refractory = false;
+    EXPECT_EQ(s.hazardAt(99, 0.0), 0.5);
+    EXPECT_GT(s.boundOn(0, 99, 0.0), 0.0);
+    // The traces' part of a drive is never a negative zero.
     s.state.membrane = -0.0;
     EXPECT_TRUE(sameBits(netDriveAt(s.state, s.neuron, s.firing, 0), 0.0));
 }
@@ -141,131 +127,44 @@ TEST(NeuronModel, TheHazardIsExponentialUpToItsCeiling) {
     EXPECT_TRUE(isNan(hazardOf({.base_rate = -1.0}, 0.0))) << "no candidate can follow from it";
 }
 
-TEST(NeuronModel, AHardRefractoryTimeEndsAtItsInstantAndASoftOneHasNoEffect) {
-    Subject s;
-    s.state.refractory_until = 100;
-    EXPECT_EQ(s.hazardAt(99, 0.0), 0.0);
-    EXPECT_EQ(s.hazardAt(100, 0.0), 0.5);
-    s.neuron.hard_refractory = false;
-    EXPECT_EQ(s.hazardAt(99, 0.0), 0.5);
-}
-
-TEST(NeuronModel, TheExternalDriveAndTheThresholdShiftTheHazard) {
-    Subject s;
-    s.state = {.membrane = 1.0, .adaptation = 0.5};
-    s.firing = {.base_rate = 1.0, .gain = 2.0, .threshold = 0.25, .adaptation_weight = 0.5};
-    // 2 * (1 - 0.5 * 0.5 + 0.5 - 0.25) = 2, and e^2 as the kernel's own exponential has it.
-    EXPECT_TRUE(sameBits(s.hazardAt(0, 0.5), kernelExp(2.0)));
-}
-
-TEST(NeuronModel, AnInputScalesWithTheMembraneByItsCoupling) {
-    State state{.membrane = 2.0};
-    applyInput(state, {.input_coupling = 0.25}, 4.0);
-    EXPECT_EQ(state.membrane, 8.0);  // 2 * 0.25 * 4 + 4 + 2
-    applyInput(state, {}, -3.0);
-    EXPECT_EQ(state.membrane, 5.0);
-    EXPECT_EQ(state.last_update, 0);
-}
-
-TEST(NeuronModel, ASpikeResetsAdaptsAndStartsARefractoryTimeOfEitherKind) {
-    for (const bool hard : {false, true}) {
+TEST(NeuronModel, ASpikeResetsAdaptsAndStartsARefractoryTimeThatStaysInRange) {
+    struct Case {
+        ModelTime period, time, until;
+    };
+    for (const Case& c : {Case{30, 70, 100}, Case{last_model_time, 1000, last_model_time},
+                          Case{first_model_time, -1000, first_model_time}}) {
         State state{.membrane = 3.0, .adaptation = 0.5, .last_update = 70};
-        applySpike(state,
-                   {.refractory_period = 30,
-                    .adaptation_increment = 0.25,
-                    .reset_value = -1.0,
-                    .hard_refractory = hard},
-                   70);
+        const Neuron neuron{
+            .refractory_period = c.period, .adaptation_increment = 0.25, .reset_value = -1.0};
+        applySpike(state, neuron, c.time);
         EXPECT_EQ(state.membrane, -1.0);
         EXPECT_EQ(state.adaptation, 0.75);
-        EXPECT_EQ(state.refractory_until, 100);
+        EXPECT_EQ(state.refractory_until, c.until);
         EXPECT_EQ(state.last_update, 70);
     }
 }
 
-TEST(NeuronModel, ARefractoryTimeBeyondTheRangeStaysAtItsEnd) {
-    State state;
-    applySpike(state, {.refractory_period = last_model_time}, 1000);
-    EXPECT_EQ(state.refractory_until, last_model_time);
-    applySpike(state, {.refractory_period = first_model_time}, -1000);
-    EXPECT_EQ(state.refractory_until, first_model_time);
-}
-
-TEST(NeuronModel, TheBoundOfARestingNeuronIsItsHazardAndTheShareOfEpsilon) {
-    const Subject s;
-    EXPECT_TRUE(sameBits(s.boundOn(0, 1000000, 0.0), fromBits(0x3fe0000000000048)));
-}
-
-TEST(NeuronModel, TheBoundIsZeroWhereNoSpikeIsPossible) {
-    Subject s;
-    s.state.refractory_until = 1001;
-    EXPECT_EQ(s.boundOn(0, 1000, 0.0), 0.0);
-    EXPECT_GT(s.boundOn(0, 1001, 0.0), 0.0);
-    s.neuron.hard_refractory = false;
-    EXPECT_GT(s.boundOn(0, 1000, 0.0), 0.0);
-    s.firing.base_rate = 0.0;
-    EXPECT_EQ(s.boundOn(0, 1000, 0.0), 0.0);
-}
-
-/// The instant of the drive's extremum, by calculus: m k1 e^(-k1 t) = w a k2 e^(-k2 t).
-std::optional<ModelTime> extremumOf(const Subject& s) {
-    if (s.neuron.non_leaky) return std::nullopt;
-    const long double k1 = 1.0L / static_cast<long double>(s.neuron.tau_membrane);
-    const long double k2 = 1.0L / static_cast<long double>(s.neuron.tau_adaptation);
-    const long double ratio =
-        s.state.membrane * k1 / (s.state.adaptation * s.firing.adaptation_weight * k2);
-    if (k1 == k2 || !(ratio > 0)) return std::nullopt;
-    const long double shift = std::log(ratio) / (k1 - k2);
-    if (!(std::fabs(shift) < 1e15L)) return std::nullopt;
-    return s.state.last_update + static_cast<ModelTime>(std::floor(shift));
-}
-
 // The bound is what makes thinning correct: not below any hazard of the interval, but for the
-// margin that the walk allows for rounding, and no further above the largest one than its share of
-// epsilon. A generous bound would cost candidates without end.
-TEST(NeuronModel, TheBoundHoldsAtEveryInstantAndIsTight) {
-    constexpr double tolerance = 1.000000000001;
-    int extrema = 0;
+// margin that the walk allows for rounding.
+TEST(NeuronModel, TheBoundHoldsAtEveryInstant) {
     for (std::uint64_t seed = 0; seed < 4000; ++seed) {
-        SCOPED_TRACE("seed " + std::to_string(seed));
         Draws draws(seed);
         Subject s = drawSubject(draws);
-        if (s.neuron.trace_epsilon == 1e-15) {
-            s.firing.adaptation_weight = draws.between(-2.0, 3.0);
-        }
+        if (s.neuron.trace_epsilon == 1e-15) s.firing.adaptation_weight = draws.between(-2.0, 3.0);
         if (draws.oneIn(10)) s.neuron.tau_adaptation = s.neuron.tau_membrane;
         if (draws.oneIn(4)) s.state.last_update = draws.timeBelow(1000);
         const ModelTime from = s.state.last_update + draws.timeBelow(100000);
         const ModelTime to = from + 1 + draws.timeBelow(std::uint64_t{1} << (10 + draws.below(20)));
         s.state.refractory_until = from - 50000 + draws.timeBelow(100000);
-        const ModelTime start =
-            s.neuron.hard_refractory ? std::max(from, s.state.refractory_until) : from;
-        if (start > to) continue;
-        const double drive_bound = draws.between(-1.0, 1.0);
-        const double bound = s.boundOn(from, to, drive_bound);
-
-        std::vector<ModelTime> instants{from, start, start + 1, to - 1, to};
-        for (int i = 0; i < 40; ++i) {
-            instants.push_back(start + draws.timeBelow(static_cast<std::uint64_t>(to - start) + 1));
+        const double drive = draws.between(-1.0, 1.0);
+        const double limit = s.boundOn(from, to, drive) * 1.000000000001;
+        for (int i = 0; i < 60; ++i) {
+            const ModelTime time =
+                from + draws.timeBelow(static_cast<std::uint64_t>(to - from) + 1);
+            ASSERT_LE(s.hazardAt(time, drive), limit) << "seed " << seed << " at " << time;
+            ASSERT_LE(s.hazardAt(time, drive - 0.5), limit) << "seed " << seed << " at " << time;
         }
-        if (const auto extremum = extremumOf(s)) {
-            if (start < *extremum && *extremum + 1 < to) ++extrema;
-            for (ModelTime around = -1; around <= 2; ++around)
-                instants.push_back(*extremum + around);
-        }
-        double largest = 0.0;
-        for (const ModelTime time : instants) {
-            if (time < start || time > to) continue;
-            const double hazard = s.hazardAt(time, drive_bound);
-            largest = std::max(largest, hazard);
-            ASSERT_LE(hazard, bound * tolerance) << "at " << time;
-            ASSERT_LE(s.hazardAt(time, drive_bound - 0.5), bound * tolerance) << "at " << time;
-        }
-        const double margin = s.firing.gain * 3 * (std::fabs(s.firing.adaptation_weight) + 1) *
-                              s.neuron.trace_epsilon;
-        ASSERT_LE(bound, largest * std::exp(margin) * (1 + 1e-9));
     }
-    EXPECT_GT(extrema, 200) << "too few intervals held an extremum";
 }
 
 }  // namespace Lumenar::Core::Kelm::Kernel

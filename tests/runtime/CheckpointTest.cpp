@@ -17,7 +17,8 @@
 #include "tests/support/ComposedModel.h"
 #include "tests/support/Draws.h"
 #include "tests/support/ExpectThrows.h"
-#include "tests/support/NaiveEventStore.h"
+#include "tests/support/ForgedBlobs.h"
+#include "tests/support/PlainStore.h"
 #include "tests/support/RunImage.h"
 
 namespace Lumenar::Core::Kelm {
@@ -132,8 +133,12 @@ TEST_F(CheckpointTest, HoldsASnapshotForAnEngineOfTheNetwork) {
     ASSERT_TRUE(other.restore(fresh));
     EXPECT_FALSE(other.isPristine());
     // A store that refuses leaves the engine alone.
+    struct RefusingStore final : PlainStore {
+        using PlainStore::PlainStore;
+        bool restore(BlobView) override { return false; }
+    };
     WindowEngine foreign =
-        makeEngine(model.network, std::make_unique<NaiveEventStore>(model.network.d_min));
+        makeEngine(model.network, std::make_unique<RefusingStore>(model.network.d_min, 16));
     const RunImage before = imageOf(foreign);
     EXPECT_FALSE(foreign.restore(snapshot.first(snapshot.size() - 1)));
     EXPECT_EQ(firstDifference(imageOf(foreign), before), "");
@@ -147,7 +152,7 @@ TEST_F(CheckpointTest, OfAnotherVersionIsThrownOut) {
     const auto restore = [&] { EXPECT_FALSE(fresh->restore(forged)); };
     expectThrows<IncompatibleCheckpoint>(
         restore, "checkpoint engine_version '2.0.0-beta.2' is incompatible with '2.0.0-beta.1'");
-    forged = withNumberAt(bytes, 8, 0);
+    forged = withValueAt(bytes, 8, 0UL);
     expectThrows<IncompatibleCheckpoint>(
         restore, "checkpoint engine_version '' is incompatible with '2.0.0-beta.1'");
     EXPECT_EQ(fresh->checkpoint(), before);
@@ -170,19 +175,19 @@ TEST_F(CheckpointTest, IsRefusedUnderAnotherIdentityAndWithCountsThatItsBytesCan
         for (const std::uint64_t forged :
              {count + 1, count - 1, std::uint64_t{1} << 40, std::uint64_t{1} << 60,
               (std::uint64_t{1} << 63) + count, ~std::uint64_t{0}}) {
-            expectRefused(withNumberAt(bytes, layout.begin(field), forged));
+            expectRefused(withValueAt(bytes, layout.begin(field), forged));
         }
     }
-    expectRefused(withNumberAt(bytes, layout.begin("moment cursor"), layout.number("moments") + 1));
+    expectRefused(withValueAt(bytes, layout.begin("moment cursor"), layout.number("moments") + 1));
     // The seed of the nested streams, behind their length and tag.
-    expectRefused(withNumberAt(bytes, layout.begin("random") + 16, model.network.run_seed + 1));
+    expectRefused(withValueAt(bytes, layout.begin("random") + 16, model.network.run_seed + 1));
 }
 
 TEST_F(CheckpointTest, WithAChannelThatCannotBeIsRefused) {
     for (const Blob& forged :
-         {withNumberAt(bytes, layout.begin("channels") + 8, ~0ULL),         // NaN
-          withNumberAt(bytes, layout.begin("precisions") + 8, 9ULL << 60),  // < 0
-          withNumberAt(bytes, layout.begin("observations") + 8, 1000)}) {
+         {withValueAt(bytes, layout.begin("channels") + 8, ~0ULL),         // NaN
+          withValueAt(bytes, layout.begin("precisions") + 8, 9ULL << 60),  // < 0
+          withValueAt(bytes, layout.begin("observations") + 8, 1000UL)}) {
         EXPECT_FALSE(model.build(cpu)->restore(forged));
     }
 }
@@ -195,12 +200,19 @@ TEST_F(CheckpointTest, GapsAndFlagsComeBackAsZeroAndOne) {
     dirty[entry + 24 + 4] = 0xff;
     dirty[layout.begin("moments") + 8 + 17] = 0xff;
     // The second channel's: count, an item of 41 bytes, gain.
-    std::vector<std::size_t> flags = {layout.begin("channels") + 8 + 41 + 8};
-    for (std::size_t i = 0; i < 9; ++i) flags.push_back(layout.begin("switches") + i);
-    for (const std::size_t flag : flags) dirty[flag] = bytes[flag] == 1 ? 0x40 : 0;
+    const std::size_t connected = layout.begin("channels") + 8 + 41 + 8;
+    dirty[connected] = bytes[connected] == 1 ? 0x40 : 0;
     const auto fresh = model.build(cpu);
     ASSERT_TRUE(fresh->restore(dirty));
     EXPECT_EQ(firstCheckpointDifference(bytes, fresh->checkpoint()), "");
+
+    const std::size_t switches = layout.begin("switches");
+    for (std::size_t i = 0; i < 9; ++i) dirty[switches + i] = i % 2 == 0 ? 2 : 0;
+    ASSERT_TRUE(fresh->restore(dirty));
+    for (std::size_t i = 0; i < 9; ++i) {
+        EXPECT_EQ(fresh->interventions().mechanism_off[i], i % 2 == 0) << i;
+        EXPECT_EQ(fresh->checkpoint()[switches + i], i % 2 == 0 ? 1 : 0) << i;
+    }
 }
 
 TEST_F(CheckpointTest, WithAnyByteChangedIsRefusedOrRuns) {

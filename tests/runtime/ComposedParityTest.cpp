@@ -22,7 +22,6 @@ namespace Lumenar::Core::Kelm {
 namespace {
 
 using namespace Testing;
-namespace Emulation = Device::Emulation;
 
 class ComposedParityTest : public EmulatedDeviceTest {
 protected:

@@ -47,11 +47,6 @@ std::uint64_t numberAt(BlobView bytes, std::size_t offset) {
     return number;
 }
 
-Blob withNumberAt(Blob bytes, std::size_t offset, std::uint64_t number) {
-    std::memcpy(bytes.data() + offset, &number, 8);
-    return bytes;
-}
-
 /// Fields behind those that are there, each as "name:item;".
 void BlobLayout::walk(std::string_view grammar) {
     while (!grammar.empty()) {

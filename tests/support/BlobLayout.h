@@ -29,7 +29,6 @@ public:
     explicit BlobLayout(Blob checkpoint);
 
     const Blob& bytes() const { return bytes_; }
-    const std::vector<Field>& fields() const { return fields_; }
     /// Throws std::runtime_error for a field that is not there.
     const Field& field(std::string_view name) const;
     std::size_t begin(std::string_view name) const { return field(name).begin; }
@@ -47,8 +46,6 @@ private:
 
 /// The 64-bit number at `offset`.
 std::uint64_t numberAt(BlobView bytes, std::size_t offset);
-/// The bytes with the 64-bit number at `offset` replaced.
-Blob withNumberAt(Blob bytes, std::size_t offset, std::uint64_t number);
 
 /// Names the first difference of two checkpoints; empty where they are equal.
 std::string firstCheckpointDifference(const Blob& a, const Blob& b);

@@ -2,6 +2,7 @@
 
 #include <bit>
 #include <cstdint>
+#include <initializer_list>
 
 #include "kelm/core/SplitMix64.h"
 
@@ -21,7 +22,16 @@ public:
     }
     std::uint64_t below(std::uint64_t end) { return next() % end; }
     std::int64_t timeBelow(std::uint64_t end) { return static_cast<std::int64_t>(below(end)); }
+    /// In [low, last].
+    std::int64_t timeBetween(std::int64_t low, std::int64_t last) {
+        return low + timeBelow(static_cast<std::uint64_t>(last - low) + 1);
+    }
     bool oneIn(std::uint64_t count) { return below(count) == 0; }
+    bool chance(unsigned percent) { return below(100) < percent; }
+    template <class T>
+    T oneOf(std::initializer_list<T> values) {
+        return values.begin()[below(values.size())];
+    }
     /// A positive double of any magnitude; finite.
     double positive() { return std::bit_cast<double>(below(0x7ff0000000000000)); }
 

@@ -3,10 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <exception>
+#include <functional>
+#include <limits>
 #include <string>
 #include <typeinfo>
+#include <vector>
 
 namespace Lumenar::Core::Kelm::Testing {
+
+// What is refused wherever a number is to be finite.
+inline constexpr double not_a_number = std::numeric_limits<double>::quiet_NaN();
+inline constexpr double infinity = std::numeric_limits<double>::infinity();
 
 /// Expects `call` to throw an `Error`, of exactly this class, with exactly this text.
 template <class Error, class Call>
@@ -19,6 +26,23 @@ void expectThrows(Call&& call, const std::string& text) {
         return;
     }
     ADD_FAILURE() << "nothing was thrown, expected: " << text;
+}
+
+/// A call that is to be refused, and the text of its refusal.
+struct Refusal {
+    std::string text;
+    std::function<void()> call;
+};
+
+/// Expects each call to throw an `Error` with its text. `expectUnchanged` runs behind each.
+template <class Error>
+void expectRefusals(
+    const std::vector<Refusal>& refusals, const std::function<void()>& expectUnchanged = [] {}) {
+    for (const Refusal& refusal : refusals) {
+        SCOPED_TRACE(refusal.text);
+        expectThrows<Error>(refusal.call, refusal.text);
+        expectUnchanged();
+    }
 }
 
 }  // namespace Lumenar::Core::Kelm::Testing

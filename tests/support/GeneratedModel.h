@@ -18,6 +18,10 @@ struct ModelTraits {
     std::int64_t max_windows = 60;
     bool alike = false;           ///< all neurons have the parameters of neuron 0
     bool external_events = true;  ///< some inputs are posted before the run
+    /// The same number of synapses from every neuron, each one window long, and a horizon of whole
+    /// windows. Alike and without external events, it is of the one shape that runs whole on a
+    /// device.
+    bool resident = false;
 };
 
 /// A random model, a function of its seed and traits alone: a graph with inhibition, parallel
@@ -40,9 +44,16 @@ struct GeneratedModel {
     std::vector<Event> inputs;  ///< from outside, in the order in which they are to be posted
 
     SynapseGraph graph() const;
+    /// Synapses a neuron, where it is the same for all.
+    std::uint64_t fanout() const { return synapses.size() / node_count; }
 };
 
 GeneratedModel generateModel(std::uint64_t seed, const ModelTraits& traits = {});
+
+/// Default neurons, each with synapses to its `fanout` successors on a ring, every second of them
+/// inhibitory and all one window long. It runs whole on a device.
+GeneratedModel ringModel(std::uint64_t node_count, std::uint64_t fanout, ModelTime d_min,
+                         std::int64_t windows);
 
 /// An engine for the model, before its inputs are posted.
 WindowEngine makeEngine(const GeneratedModel& model, std::unique_ptr<IEventStore> store = nullptr);

@@ -1,11 +1,10 @@
 #include "tests/support/RunImage.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <exception>
-#include <iomanip>
 #include <sstream>
-#include <string_view>
 
 #include "kelm/runtime/KelmRuntime.h"
 
@@ -13,42 +12,64 @@ namespace Lumenar::Core::Kelm::Testing {
 
 namespace {
 
-/// Collects the first difference that it is shown.
-class FirstDifference {
-public:
-    void compare(std::string_view what, std::uint64_t index, std::string_view field,
-                 std::uint64_t a, std::uint64_t b) {
-        if (a == b || !text_.empty()) return;
-        std::ostringstream text;
-        text << what << ' ' << index << ", " << field << ": 0x" << std::hex << std::setfill('0')
-             << std::setw(16) << a << " vs 0x" << std::setw(16) << b;
-        text_ = text.str();
-    }
-    void compare(std::string_view what, std::uint64_t index, std::string_view field, std::int64_t a,
-                 std::int64_t b) {
-        compare(what, index, field, std::bit_cast<std::uint64_t>(a),
-                std::bit_cast<std::uint64_t>(b));
-    }
-    void compare(std::string_view what, std::uint64_t index, std::string_view field, double a,
-                 double b) {
-        compare(what, index, field, std::bit_cast<std::uint64_t>(a),
-                std::bit_cast<std::uint64_t>(b));
-    }
-
-    const std::string& text() const { return text_; }
-
-private:
-    std::string text_;
-};
-
 template <class Run>
-void fillRandomStates(Run& run, RunImage& image) {
-    for (NodeId n = 0; n < image.states.size(); ++n) {
+RunImage imageOf(Run& run, std::span<const Kernel::State> states,
+                 std::span<const CandidateSlot> candidates) {
+    RunImage image{{states.begin(), states.end()}, {}, {}, {}, run.profile()};
+    for (NodeId n = 0; n < states.size(); ++n) {
         image.random_states.push_back(run.spontaneousState(n));
     }
+    image.candidates.assign(candidates.begin(), candidates.end());
+    image.log.assign(run.spikeLog().begin(), run.spikeLog().end());
+    return image;
 }
 
-/// The text of what a run threw, or none.
+/// Compares records word by word. `fields` names the words of one.
+template <class Record>
+std::string difference(const char* what, const std::vector<Record>& a, const std::vector<Record>& b,
+                       const std::array<const char*, sizeof(Record) / 8>& fields) {
+    using Words = std::array<std::uint64_t, sizeof(Record) / 8>;
+    std::ostringstream text;
+    for (std::size_t i = 0; i < std::min(a.size(), b.size()); ++i) {
+        const auto [x, y] = std::pair(std::bit_cast<Words>(a[i]), std::bit_cast<Words>(b[i]));
+        if (x == y) continue;
+        const auto at = static_cast<std::size_t>(
+            std::mismatch(x.begin(), x.end(), y.begin()).first - x.begin());
+        text << what << ' ' << i << ", " << fields[at] << ": 0x" << std::hex << x[at] << " vs 0x"
+             << y[at];
+        return text.str();
+    }
+    if (a.size() != b.size()) text << what << " count: " << a.size() << " vs " << b.size();
+    return text.str();
+}
+
+}  // namespace
+
+RunImage imageOf(WindowEngine& engine) {
+    return imageOf(engine, engine.states(), engine.candidates());
+}
+
+RunImage imageOf(KelmRuntime& runtime) { return imageOf(runtime, runtime.neuronStates(), {}); }
+
+std::string firstDifference(const RunImage& a, const RunImage& b) {
+    const bool hidden = a.candidates.empty() || b.candidates.empty();
+    const std::vector<CandidateSlot> none;
+    for (const std::string& found : {
+             difference(
+                 "neuron", a.states, b.states,
+                 {"membrane", "adaptation", "last_update", "refractory_until", "hazard_bound"}),
+             difference("neuron", a.random_states, b.random_states, {"random state"}),
+             difference("neuron", hidden ? none : a.candidates, hidden ? none : b.candidates,
+                        {"candidate time", "candidate rate", "candidate event"}),
+             difference("spike", a.log, b.log, {"time", "neuron"}),
+             difference("run", std::vector{a.profile}, std::vector{b.profile},
+                        {"windows", "deliveries", "updates", "candidates", "accepted"}),
+         }) {
+        if (!found.empty()) return found;
+    }
+    return {};
+}
+
 std::string failureOf(WindowEngine& engine, IWindowBackend& backend, ModelTime until) {
     try {
         engine.run(backend, until);
@@ -56,61 +77,6 @@ std::string failureOf(WindowEngine& engine, IWindowBackend& backend, ModelTime u
         return failure.what();
     }
     return {};
-}
-
-}  // namespace
-
-RunImage imageOf(WindowEngine& engine) {
-    RunImage image;
-    image.states.assign(engine.states().begin(), engine.states().end());
-    fillRandomStates(engine, image);
-    image.candidates.assign(engine.candidates().begin(), engine.candidates().end());
-    image.log.assign(engine.spikeLog().begin(), engine.spikeLog().end());
-    image.profile = engine.profile();
-    return image;
-}
-
-RunImage imageOf(KelmRuntime& runtime) {
-    RunImage image;
-    image.states.assign(runtime.neuronStates().begin(), runtime.neuronStates().end());
-    fillRandomStates(runtime, image);
-    image.log.assign(runtime.spikeLog().begin(), runtime.spikeLog().end());
-    image.profile = runtime.profile();
-    return image;
-}
-
-std::string firstDifference(const RunImage& a, const RunImage& b) {
-    FirstDifference first;
-    first.compare("run", 0, "neuron count", a.states.size(), b.states.size());
-    for (std::size_t n = 0; n < std::min(a.states.size(), b.states.size()); ++n) {
-        const Kernel::State& left = a.states[n];
-        const Kernel::State& right = b.states[n];
-        first.compare("neuron", n, "membrane", left.membrane, right.membrane);
-        first.compare("neuron", n, "adaptation", left.adaptation, right.adaptation);
-        first.compare("neuron", n, "last_update", left.last_update, right.last_update);
-        first.compare("neuron", n, "refractory_until", left.refractory_until,
-                      right.refractory_until);
-        first.compare("neuron", n, "hazard_bound", left.hazard_bound, right.hazard_bound);
-        first.compare("neuron", n, "random state", a.random_states[n], b.random_states[n]);
-    }
-    for (std::size_t n = 0; n < std::min(a.candidates.size(), b.candidates.size()); ++n) {
-        const CandidateSlot& left = a.candidates[n];
-        const CandidateSlot& right = b.candidates[n];
-        first.compare("neuron", n, "candidate time", left.time, right.time);
-        first.compare("neuron", n, "candidate rate", left.rate, right.rate);
-        first.compare("neuron", n, "candidate event", left.event_id, right.event_id);
-    }
-    for (std::size_t i = 0; i < std::min(a.log.size(), b.log.size()); ++i) {
-        first.compare("spike", i, "time", a.log[i].time, b.log[i].time);
-        first.compare("spike", i, "neuron", a.log[i].neuron, b.log[i].neuron);
-    }
-    first.compare("run", 0, "spike count", a.log.size(), b.log.size());
-    first.compare("run", 0, "windows", a.profile.windows, b.profile.windows);
-    first.compare("run", 0, "deliveries", a.profile.deliveries, b.profile.deliveries);
-    first.compare("run", 0, "updates", a.profile.updates, b.profile.updates);
-    first.compare("run", 0, "candidates", a.profile.candidates, b.profile.candidates);
-    first.compare("run", 0, "accepted", a.profile.accepted, b.profile.accepted);
-    return first.text();
 }
 
 std::string runSideBySide(WindowEngine& a, IWindowBackend& backend_a, WindowEngine& b,
@@ -123,8 +89,8 @@ std::string runSideBySide(WindowEngine& a, IWindowBackend& backend_a, WindowEngi
         if (failure_a != failure_b) {
             return place + "thrown: '" + failure_a + "' vs '" + failure_b + "'";
         }
-        const std::string difference = firstDifference(imageOf(a), imageOf(b));
-        if (!difference.empty()) return place + difference;
+        const std::string found = firstDifference(imageOf(a), imageOf(b));
+        if (!found.empty()) return place + found;
         if (!failure_a.empty()) break;
     }
     return {};

@@ -28,6 +28,9 @@ RunImage imageOf(KelmRuntime& runtime);
 /// where they are equal to the bit.
 std::string firstDifference(const RunImage& a, const RunImage& b);
 
+/// The text of what a run until `until` ns throws, or none.
+std::string failureOf(WindowEngine& engine, IWindowBackend& backend, ModelTime until);
+
 /// Runs two engines of one model side by side, window by window, and compares them after each.
 ///
 /// A run that throws ends both, and is equal to one that throws the same text in the same window.

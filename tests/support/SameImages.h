@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdint>
+#include <cstddef>
 #include <span>
 #include <type_traits>
 
@@ -14,19 +14,14 @@ template <class Record>
 ::testing::AssertionResult sameImages(std::span<const Record> actual,
                                       std::span<const Record> expected) {
     static_assert(std::is_trivially_copyable_v<Record>);
-    if (actual.size() != expected.size()) {
-        return ::testing::AssertionFailure()
-               << actual.size() << " records instead of " << expected.size();
-    }
-    for (std::size_t i = 0; i < actual.size(); ++i) {
-        const auto* a = reinterpret_cast<const std::uint8_t*>(&actual[i]);
-        const auto* b = reinterpret_cast<const std::uint8_t*>(&expected[i]);
-        const auto [at, other] = std::mismatch(a, a + sizeof(Record), b);
-        if (at == a + sizeof(Record)) continue;
-        return ::testing::AssertionFailure() << "record " << i << " differs at offset " << at - a
-                                             << ": " << +*at << " instead of " << +*other;
-    }
-    return ::testing::AssertionSuccess();
+    const auto a = std::as_bytes(actual);
+    const auto b = std::as_bytes(expected);
+    const auto same = std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin();
+    const auto at = static_cast<std::size_t>(same);
+    if (at == a.size() && at == b.size()) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure()
+           << actual.size() << " records for " << expected.size() << ", equal up to record "
+           << at / sizeof(Record) << ", offset " << at % sizeof(Record);
 }
 
 }  // namespace Lumenar::Core::Kelm::Testing

@@ -1,0 +1,161 @@
+// What learning makes of a window's spikes: plasticity, learning control and homeostasis, one
+// behind the other as a runtime calls them, against their rules in the plainest form.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kelm/runtime/Homeostasis.h"
+#include "tests/support/Draws.h"
+#include "tests/support/PlainLearning.h"
+#include "tests/support/SameImages.h"
+
+namespace Lumenar::Core::Kelm {
+namespace {
+
+using namespace Testing;
+
+using Kind = PlasticityRuleKind;
+using Contexts = std::vector<WeightChangeContext>;
+
+constexpr ModelTime millisecond = 1'000'000;
+
+/// Loops, parallel synapses and neurons without a synapse; some that are disabled or not routed.
+SynapseGraph drawGraph(Draws& draws, std::uint64_t neurons) {
+    std::vector<Synapse> edges(1 + draws.below(30), Synapse{.delay = millisecond});
+    for (Synapse& edge : edges) {
+        edge.source = draws.below(neurons);
+        edge.target = draws.below(neurons);
+        edge.weight = static_cast<float>(draws.below(9)) / 8.0F;  // a mean may be just a cap
+        edge.inhibitory = draws.oneIn(3);
+        edge.enabled = !draws.oneIn(6);
+    }
+    SynapseGraph graph(neurons, std::nullopt, edges);
+    Blob stored = graph.snapshot();  // a synapse's last byte tells whether it is routed
+    for (std::size_t i = 0; i < edges.size(); ++i) stored[97 + 63 * i] = !draws.oneIn(8);
+    EXPECT_TRUE(graph.restore(stored));
+    return graph;
+}
+
+void drawSettings(Draws& draws, LearningControl& control, std::uint64_t neurons) {
+    const auto group = static_cast<std::uint32_t>(draws.below(4));
+    control.setGroup(draws.below(neurons), group);
+    control.setGroupEnabled(3 - group, draws.oneIn(2));
+    if (draws.oneIn(3)) control.allowOnlyGroups({2, group, 0});
+    if (draws.oneIn(3)) control.allowAllGroups();
+    control.setLearningEnabled(!draws.oneIn(6));
+    for (std::uint32_t i = 0; i < 3; ++i) control.setFrozen(i, draws.oneIn(8));
+    control.setWeightCap(draws.between(0.2, 2.0));
+    const double rate = std::vector{1.0, 0.4, 0.25, 5e-18}[draws.below(4)];
+    control.setJournal(static_cast<JournalMode>(draws.below(3)), rate);
+    const double share = std::vector{0.0, 0.25, 1.0}[draws.below(3)];
+    const ModelTime tau = 1 + draws.timeBelow(5 * millisecond);
+    control.setFastWeights(!draws.oneIn(3), tau, share);
+}
+
+/// Notes what it is asked for, and answers 0 at times.
+PlasticityEngine::ChangeHook thirdFactor(Contexts& seen) {
+    return [&seen](const WeightChangeContext& context) {
+        seen.push_back(context);
+        return context.factor - 1.0;
+    };
+}
+
+TEST(LearningChain, AgreesToTheBitWithThePlainRules) {
+    OscillatorBank bank({{7, 3.0, 0.5, 1.0}, {9, 11.0, 0.25, 1.0}});
+    bank.setMemberships({{9, 7}, {7}, {}, {7, 9}});
+    const PlasticityRule rules[] = {
+        {}, {Kind::pair, 0.3, 0.25, 0.5, 0.75}, {Kind::coincidence, 0.5, 0.5, 0.1, 0.75}};
+    for (std::uint64_t seed = 1; seed <= 60; ++seed) {
+        Draws draws(seed);
+        const std::uint64_t neurons = 1 + draws.below(6);
+        SynapseGraph graph = drawGraph(draws, neurons);
+        TraceConfig config;
+        if (draws.oneIn(2)) config.tau_post = 3'000'000;
+        if (draws.oneIn(2)) config.tau_coincidence = 3'000'000;
+        // A trace of one spike comes to exactly this at times.
+        if (draws.oneIn(2)) config.epsilon = std::exp(-250'001.0 / 3e6);
+        const PlasticityRule& excitatory = rules[draws.below(3)];
+        const PlasticityRule& inhibitory = rules[1 + draws.below(2)];
+        PlasticityEngine engine(neurons, config, excitatory, inhibitory);
+        LearningControl control(neurons, graph.edgeCount());
+        Homeostasis homeostasis;
+        HomeostasisConfig cap{false, 0.5};
+        PlainLearning plain{control, bank, config, {excitatory, inhibitory}, graph};
+        Contexts seen[2];
+        const bool hooked = draws.oneIn(2);
+        if (hooked) plain.hook = thirdFactor(seen[0]);
+        std::vector<ModulatorSample> history;
+        int asked = 0;
+        const auto isOpenAt = [](ModelTime window_end) { return window_end % 3 != 0; };
+        // Past 2^53 ns the difference of two rounded times is not the rounded difference.
+        ModelTime start = seed % 3 == 0 ? (ModelTime{1} << 60) + 1 : 0;
+        for (int window = 0; window < 60; ++window) {
+            SCOPED_TRACE("seed " + std::to_string(seed) + ", window " + std::to_string(window));
+            start += (1 + draws.timeBelow(3)) * millisecond;
+            const ModelTime end = start + millisecond;
+            if (draws.oneIn(6)) drawSettings(draws, control, neurons);
+            // At few times, and one spike twice, so that every tie occurs.
+            std::vector<SpikeRecord> spikes(draws.below(8));
+            for (SpikeRecord& spike : spikes) {
+                spike = {start + draws.timeBelow(4) * 250'001, draws.below(neurons)};
+                engine.recordSpike(spike.neuron, spike.time);
+            }
+            // Everything goes on from its own blob, under its own hooks.
+            PlasticityEngine next_engine(neurons, config, excitatory, inhibitory);
+            LearningControl next_control(neurons, graph.edgeCount());
+            const bool gated = seed % 2 == 0 && window < 50;
+            const bool open = !gated || isOpenAt(end);
+            next_engine.setBank(&bank);
+            if (hooked) next_engine.setChangeHook(thirdFactor(seen[1]));
+            if (gated) {
+                next_control.setModulator([&](ModelTime at) {
+                    ++asked;
+                    return isOpenAt(at);
+                });
+            }
+            ASSERT_TRUE(next_engine.restore(engine.snapshot()));
+            ASSERT_TRUE(next_control.restore(control.snapshot()));
+            engine = std::move(next_engine);
+            control = std::move(next_control);
+            if (gated && (history.empty() || (history.back().open != 0) != open)) {
+                history.push_back({end, open, {}});
+            }
+
+            std::vector<WeightChange> changes(3);  // what it held before must not show
+            engine.takeChanges(graph, changes);
+            ASSERT_TRUE(sameImages<WeightChange>(changes, plain.takeChanges(spikes)));
+            ASSERT_TRUE(sameImages<SpikeTrace>(engine.traces(), plain.traces));
+            ASSERT_TRUE(sameImages<WeightChangeContext>(seen[1], seen[0]));
+
+            // One more of no spike's making, perhaps for a synapse that is not routed.
+            changes.emplace_back().edge = draws.below(graph.edgeCount());
+            changes.back().time = end - draws.timeBelow(millisecond);
+            changes.back().delta = draws.oneIn(4) ? 0.0 : draws.between(-0.4, 0.5);
+            const LearningStatistics counts = plain.applyChanges(changes, end, open);
+            ASSERT_EQ(control.applyChanges(graph, changes, end), counts);
+            ASSERT_TRUE(sameImages<JournalEntry>(control.journal(), plain.journal));
+            ASSERT_TRUE(sameImages<SynapseLearningState>(control.synapseStates(), plain.states));
+            ASSERT_TRUE(sameImages<ModulatorSample>(control.modulatorHistory(), history));
+            ASSERT_TRUE(sameImages<EdgeId>(control.pendingEdges(), plain.pending));
+
+            cap.enabled = draws.oneIn(3);
+            if (draws.oneIn(20)) cap.cap = static_cast<double>(1 + draws.below(6)) / 8.0;
+            // A new one meets a graph that was asked before.
+            if (draws.oneIn(20)) homeostasis = Homeostasis();
+            SynapseGraph whole = graph;
+            const std::uint64_t scaled = cap.enabled ? plain.scale(cap.cap) : 0;
+            ASSERT_EQ(homeostasis.apply(graph, cap), scaled);
+            ASSERT_EQ(applyHomeostasis(whole, cap), scaled);
+            ASSERT_EQ(graph.snapshot(), plain.graph.snapshot());
+            ASSERT_EQ(whole.snapshot(), plain.graph.snapshot());
+        }
+        ASSERT_EQ(asked, seed % 2 == 0 ? 50 : 0) << "the gate is asked once a window";
+    }
+}
+
+}  // namespace
+}  // namespace Lumenar::Core::Kelm
