@@ -22,6 +22,7 @@ constexpr std::uint64_t calendar_buckets = 4096;
 /// How many events ahead a window's memory is asked for: far enough for it to come, near enough for
 /// it to stay.
 constexpr std::size_t prefetch_distance = 16;
+constexpr std::size_t commit_distance = 8;
 constexpr const char* spontaneous_name = "spontaneous";
 constexpr std::uint64_t first_observation_id = 0x7fffffffffffffff;
 constexpr BlobTag format_tag("KELMWEN3");
@@ -359,7 +360,15 @@ void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
 /// results alone.
 template <class Store>
 void WindowEngine::commitItems(Store& store, const Window& window) {
+    // Most of those that fired were expected to; the others' synapses are asked for now.
+    const auto prefetch_fired = [&](std::size_t i) {
+        if (i < window.item_count && window.results[i].spike_count != 0) {
+            graph_.prefetchSynapses(window.work[i].neuron);
+        }
+    };
+    for (std::size_t i = 0; i < commit_distance; ++i) prefetch_fired(i);
     for (std::size_t i = 0; i < window.item_count; ++i) {
+        prefetch_fired(i + commit_distance);
         const NodeId n = window.work[i].neuron;
         const Kernel::WindowResult& result = window.results[i];
         if (result.bound_violation) throw WindowEngineError(WindowEngineError::bound_violation);

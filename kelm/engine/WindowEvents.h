@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <limits>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "kelm/core/Failures.h"
@@ -71,16 +72,12 @@ public:
     /// Puts the events in the order of their targets.
     void sortByTarget() {
         // Clearing and summing the digit counts costs as much as sorting this many keys otherwise.
-        if (keys_.size() < min_digit_sorted || target_bits_ > 4 * max_digit_bits) {
+        if (keys_.size() < min_digit_sorted || target_bits_ > max_passes * max_digit_bits) {
             std::sort(keys_.begin(), keys_.end());
             return;
         }
         const int passes = std::max(1, (target_bits_ + max_digit_bits - 1) / max_digit_bits);
-        const int digit_bits = (target_bits_ + passes - 1) / passes;
-        other_.resize(keys_.size());
-        for (int pass = 0; pass < passes; ++pass) {
-            sortByDigit(place_bits_ + pass * digit_bits, digit_bits);
-        }
+        sortByDigits(passes, (target_bits_ + passes - 1) / passes);
     }
 
     std::size_t size() const { return keys_.size(); }
@@ -101,23 +98,16 @@ public:
     std::size_t orderTarget(std::size_t first) {
         std::size_t end = first + 1;
         while (end < size() && targetAt(end) == targetAt(first)) ++end;
-        if (end - first > 1) {
-            const auto begin = keys_.begin();
-            std::sort(begin + static_cast<std::ptrdiff_t>(first),
-                      begin + static_cast<std::ptrdiff_t>(end),
-                      [this](std::uint64_t a, std::uint64_t b) {
-                          const Input x = inputOf(a);
-                          const Input y = inputOf(b);
-                          return x.time != y.time ? x.time < y.time : x.id < y.id;
-                      });
-        }
+        if (end - first > 1) orderByTime(first, end);
         return end;
     }
 
 private:
     static constexpr std::size_t chunk_places = BucketEventStore::chunk_places;
     static constexpr std::size_t min_digit_sorted = 256;
-    static constexpr int max_digit_bits = 11;
+    static constexpr std::size_t max_inserted = 16;
+    static constexpr int max_digit_bits = 10;
+    static constexpr int max_passes = 4;
 
     /// Bits of an integer below `count`.
     static int widthOf(std::uint64_t count) {
@@ -135,6 +125,28 @@ private:
             (chunks_.size() - 1) * chunk_places + static_cast<std::uint64_t>(place_in_chunk);
         keys_.push_back(target << place_bits_ | place);
     }
+    /// Few events mostly: put in one by one, in order.
+    void orderByTime(std::size_t first, std::size_t end) {
+        const auto earlier = [this](std::uint64_t a, std::uint64_t b) {
+            const Input x = inputOf(a);
+            const Input y = inputOf(b);
+            return x.time != y.time ? x.time < y.time : x.id < y.id;
+        };
+        const auto begin = keys_.begin();
+        if (end - first > max_inserted) {
+            std::sort(begin + static_cast<std::ptrdiff_t>(first),
+                      begin + static_cast<std::ptrdiff_t>(end), earlier);
+            return;
+        }
+        for (std::size_t i = first + 1; i < end; ++i) {
+            const std::uint64_t key = keys_[i];
+            std::size_t place = i;
+            for (; place > first && earlier(key, keys_[place - 1]); --place) {
+                keys_[place] = keys_[place - 1];
+            }
+            keys_[place] = key;
+        }
+    }
     std::uint64_t placeOf(std::uint64_t key) const {
         return key & ((std::uint64_t{1} << place_bits_) - 1);
     }
@@ -149,19 +161,38 @@ private:
         return {event.time, event.id, event.value, event.kind == EventKind::candidate};
     }
 
-    void sortByDigit(int shift, int bits) {
-        const std::uint64_t mask = (std::uint64_t{1} << bits) - 1;
-        std::array<std::uint32_t, std::size_t{1} << max_digit_bits> starts;
-        std::fill_n(starts.begin(), mask + 1, 0);
-        for (const std::uint64_t key : keys_) ++starts[key >> shift & mask];
+    using Starts = std::array<std::uint32_t, std::size_t{1} << max_digit_bits>;
+
+    /// Where the keys of each digit start, from how many there are of each.
+    static void sumUp(Starts& counts, std::uint64_t digits) {
         std::uint32_t sum = 0;
-        for (std::size_t digit = 0; digit <= mask; ++digit) {
-            const std::uint32_t count = starts[digit];
-            starts[digit] = sum;
-            sum += count;
+        for (std::uint64_t digit = 0; digit < digits; ++digit) {
+            sum += std::exchange(counts[digit], sum);
         }
-        for (const std::uint64_t key : keys_) other_[starts[key >> shift & mask]++] = key;
-        keys_.swap(other_);
+    }
+
+    void sortByDigits(int passes, int digit_bits) {
+        const std::uint64_t digits = std::uint64_t{1} << digit_bits;
+        const std::uint64_t mask = digits - 1;
+        // All passes count at once: the digits of a key do not depend on where it is.
+        std::array<Starts, max_passes> starts;
+        for (int pass = 0; pass < passes; ++pass) {
+            std::fill_n(starts[static_cast<std::size_t>(pass)].begin(), digits, 0);
+        }
+        for (const std::uint64_t key : keys_) {
+            std::uint64_t rest = key >> place_bits_;
+            for (int pass = 0; pass < passes; ++pass, rest >>= digit_bits) {
+                ++starts[static_cast<std::size_t>(pass)][rest & mask];
+            }
+        }
+        other_.resize(keys_.size());
+        for (int pass = 0; pass < passes; ++pass) {
+            Starts& places = starts[static_cast<std::size_t>(pass)];
+            sumUp(places, digits);
+            const int shift = place_bits_ + pass * digit_bits;
+            for (const std::uint64_t key : keys_) other_[places[key >> shift & mask]++] = key;
+            keys_.swap(other_);
+        }
     }
 
     std::uint64_t node_count_;

@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 #include <iterator>
+#include <limits>
 #include <utility>
 
 #include "kelm/core/Failures.h"
@@ -36,6 +37,10 @@ BucketEventStore::BucketEventStore(ModelTime d_min, std::uint64_t bucket_count)
     : d_min_(d_min), bucket_count_(bucket_count), candidates_(d_min, bucket_count) {
     if (d_min < 1) throw InvalidLookahead(InvalidLookahead::d_min);
     if (bucket_count < 4) throw InvalidLookahead(InvalidLookahead::bucket_count);
+    window_buckets_ = last_model_time / d_min;
+    const auto width = static_cast<std::uint64_t>(d_min);
+    constexpr std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
+    reach_ns_ = bucket_count > most / width ? most : bucket_count * width;
     ring_.resize(bucket_count);
     occupied_.resize(bucket_count / 64 + 1);
 }
@@ -88,14 +93,19 @@ void BucketEventStore::scheduleCandidate(NodeId neuron, ModelTime time, double r
     slot.time = time;
     slot.event_id = no_event;
     if (time < 0) return;
-    const std::int64_t bucket = time / d_min_;
-    if (started_ && bucket < cursor_) throw LookaheadViolation(LookaheadViolation::processed);
-    if (!isTimeOfWindow(bucket)) {
+    // In times instead of buckets: most candidates are drawn anew before they fall due, and a
+    // division for each is what their scheduling would mostly take. The cursor is at most one
+    // behind the last bucket of time, so its time fits without a sign.
+    const auto width = static_cast<std::uint64_t>(d_min_);
+    const auto at = static_cast<std::uint64_t>(time);
+    const std::uint64_t cursor_time = static_cast<std::uint64_t>(cursor_) * width;
+    if (started_ && at < cursor_time) throw LookaheadViolation(LookaheadViolation::processed);
+    if (at >= static_cast<std::uint64_t>(window_buckets_) * width) {
         slot.event_id = post(candidateEvent(neuron, slot));
         return;
     }
-    if (candidates_.schedule(neuron, bucket, cursor_)) noteEntry(slotOf(bucket));
-    if (beyondReach(bucket)) ++overflow_posts_;
+    if (candidates_.schedule(neuron, cursor_)) noteEntry(slotOf(time / d_min_));
+    if (at - cursor_time >= reach_ns_) ++overflow_posts_;
     slot.event_id = next_id_++;
 }
 
@@ -316,7 +326,7 @@ bool BucketEventStore::claimCandidate(const Event& event, std::int64_t bucket) {
     if (candidates_.isPending(event.target) || std::memcmp(&event, &expected, sizeof(Event)) != 0) {
         return false;
     }
-    if (candidates_.schedule(event.target, bucket, cursor_)) noteEntry(slotOf(bucket));
+    if (candidates_.schedule(event.target, cursor_)) noteEntry(slotOf(bucket));
     if (beyondReach(bucket)) ++overflow_posts_;
     return true;
 }

@@ -170,7 +170,7 @@ private:
     bool skipToOccupied(std::int64_t stop);
     /// Whether a bucket's window ends within the range of time. One that does not is never handed
     /// out, and no candidate is kept for it in a slot.
-    bool isTimeOfWindow(std::int64_t bucket) const { return bucket < last_model_time / d_min_; }
+    bool isTimeOfWindow(std::int64_t bucket) const { return bucket < window_buckets_; }
     void requireEmpty(std::uint64_t slot) const;
     void noteEntry(std::uint64_t slot) {
         const std::uint64_t bit = std::uint64_t{1} << (slot % 64);
@@ -197,6 +197,8 @@ private:
 
     ModelTime d_min_;
     std::uint64_t bucket_count_;
+    std::int64_t window_buckets_ = 0;  ///< see isTimeOfWindow
+    std::uint64_t reach_ns_ = 0;       ///< of the ring, or as much as there is
     ChunkPool<Event> pool_;
     ChunkPool<PackedDelivery> delivery_pool_;
     std::vector<Bucket> ring_;

@@ -35,15 +35,9 @@ bool CandidateCalendar::insert(NodeId neuron, std::int64_t bucket, std::int64_t 
     return reached;
 }
 
-bool CandidateCalendar::schedule(NodeId neuron, std::int64_t bucket, std::int64_t cursor) {
-    bool entered = false;
-    if (bucket < wake_buckets_[neuron]) {
-        if (wake_count_ > 2 * slots_.size() + min_sweep) sweep(cursor);
-        entered = insert(neuron, bucket, cursor);
-    }
-    pending_[neuron] = 1;
-    ++pending_count_;
-    return entered;
+bool CandidateCalendar::wakeEarlier(NodeId neuron, std::int64_t cursor) {
+    if (wake_count_ > 2 * slots_.size() + min_sweep) sweep(cursor);
+    return insert(neuron, bucketOf(neuron), cursor);
 }
 
 /// Leaves one wake-up of each neuron. One that is woken early again and again can have any number.

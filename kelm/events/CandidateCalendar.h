@@ -51,10 +51,18 @@ public:
         pending_count_ -= pending_[neuron];
         pending_[neuron] = 0;
     }
-    /// Schedules the candidate that stands in a neuron's slot, which is not pending, for `bucket`,
-    /// a bucket at or behind `cursor`. True where a wake-up has been put into the ring. May throw
+    /// Schedules the candidate that stands in a neuron's slot, which is not pending; its bucket
+    /// lies at or behind `cursor`. True where a wake-up has been put into the ring. May throw
     /// std::bad_alloc, with nothing changed.
-    bool schedule(NodeId neuron, std::int64_t bucket, std::int64_t cursor);
+    bool schedule(NodeId neuron, std::int64_t cursor) {
+        // Whether the candidate's bucket comes before that of the wake-up, without a division.
+        const std::int64_t wake = wake_buckets_[neuron];
+        const bool earlier = wake == no_bucket || slots_[neuron].time < wake * d_min_;
+        const bool entered = earlier && wakeEarlier(neuron, cursor);
+        pending_[neuron] = 1;
+        ++pending_count_;
+        return entered;
+    }
 
     /// Moves every pending candidate's wake-up from before bucket `cursor` to the candidate's own,
     /// calling entered(slot) for each slot that it fills: for a store that sets out at `cursor`,
@@ -109,6 +117,7 @@ private:
     }
     /// Puts a wake-up into the ring, which is told by true, or into its era.
     bool insert(NodeId neuron, std::int64_t bucket, std::int64_t cursor);
+    bool wakeEarlier(NodeId neuron, std::int64_t cursor);
     void sweep(std::int64_t cursor);
 
     ModelTime d_min_;

@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "kelm/core/LargePages.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/core/Prefetch.h"
 #include "kelm/network/Synapse.h"
@@ -151,7 +152,7 @@ private:
         rarities_.emplace_back(synapse);
     }
 
-    std::vector<Transmission> transmissions_;
+    LargeArray<Transmission> transmissions_;
     std::vector<std::uint32_t> sources_;
     std::vector<ModelTime> changes_;  ///< empty while no synapse was ever changed
     std::vector<Rarity> rarities_;    ///< empty while no synapse needs one

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstddef>
+#include <limits>
+#include <memory>
+#include <new>
+#include <vector>
+
+namespace Lumenar::Core::Kelm {
+
+/// Asks the system to back `bytes` bytes at `address` with large pages. A hint: where it is not
+/// followed, or not understood, nothing else changes.
+void adviseLargePages(void* address, std::size_t bytes) noexcept;
+
+/// Storage for large arrays that are read in no order: with pages of 4 KiB nearly every read of one
+/// would also miss the table of pages. Small arrays come from the ordinary allocator.
+template <class T>
+struct LargePageAllocator {
+    using value_type = T;
+
+    LargePageAllocator() = default;
+    template <class U>
+    LargePageAllocator(const LargePageAllocator<U>&) noexcept {}
+
+    T* allocate(std::size_t count) {
+        if (count > std::numeric_limits<std::size_t>::max() / sizeof(T)) {
+            throw std::bad_array_new_length();
+        }
+        const std::size_t bytes = count * sizeof(T);
+        if (bytes < min_bytes) return std::allocator<T>().allocate(count);
+        void* address = ::operator new(bytes, std::align_val_t(page_bytes));
+        adviseLargePages(address, bytes);
+        return static_cast<T*>(address);
+    }
+    void deallocate(T* address, std::size_t count) noexcept {
+        if (count * sizeof(T) < min_bytes) {
+            std::allocator<T>().deallocate(address, count);
+        } else {
+            ::operator delete(address, std::align_val_t(page_bytes));
+        }
+    }
+
+    friend bool operator==(const LargePageAllocator&, const LargePageAllocator&) { return true; }
+
+private:
+    static constexpr std::size_t page_bytes = std::size_t{2} << 20;
+    static constexpr std::size_t min_bytes = 2 * page_bytes;
+};
+
+template <class T>
+using LargeArray = std::vector<T, LargePageAllocator<T>>;
+
+}  // namespace Lumenar::Core::Kelm
