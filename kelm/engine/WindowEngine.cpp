@@ -75,6 +75,10 @@ WindowEngine::WindowEngine(Assembled, SynapseGraph&& graph, std::vector<Kernel::
     requireBuildable();
     heterogeneous_ = neuronsDiffer();
     alike_ = neuronsHaveEqualBits();
+    if (alike_) {
+        neurons_ = {};
+        firings_ = {};
+    }
     calendar_ = dynamic_cast<BucketEventStore*>(store_.get());
     states_.resize(graph_.nodeCount());
     candidates_.resize(graph_.nodeCount());
@@ -150,7 +154,7 @@ void WindowEngine::createStreams() {
 void WindowEngine::drawFirstCandidate(NodeId neuron, double drive_bound) {
     std::uint64_t rng = random_.rawState(spontaneous_, neuron);
     const Kernel::Candidate first = Kernel::nextCandidate(
-        states_[neuron], neurons_[neuron], firings_[neuron], 0, horizon_, drive_bound, rng);
+        states_[neuron], neuronOf(neuron), firingOf(neuron), 0, horizon_, drive_bound, rng);
     random_.advanceTo(spontaneous_, neuron, rng);
     const ModelTime time = first.found ? first.time : no_time;
     if (calendar_ != nullptr) {
@@ -330,8 +334,8 @@ void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
         }
         WindowWork& item = window.work[items];
         if (fresh) {
-            item.parameters = neurons_[n];
-            item.firing = firings_[n];
+            item.parameters = neuronOf(n);
+            item.firing = firingOf(n);
             item.drive = PhaseDrive();
         }
         fillItem(item, n);
@@ -439,7 +443,7 @@ void WindowEngine::deliverObservations(Window& window, ModelTime limit, bool ins
                        [](const CandidateSlot& slot) { return slot.time; });
         if (inside) shadowRun(window, observation.time);
         for (NodeId n = 0; n < window.shadow_states.size(); ++n) {
-            Kernel::advanceTraces(window.shadow_states[n], neurons_[n], observation.time);
+            Kernel::advanceTraces(window.shadow_states[n], neuronOf(n), observation.time);
         }
         observer_->observe(observation, window.shadow_states, window.candidate_times, graph_);
     }

@@ -168,6 +168,12 @@ private:
     bool offersWholeRun(ModelTime until) const;
     void requireBuildable();
     std::unique_ptr<BucketEventStore> makeStore();
+    const Kernel::Neuron& neuronOf(NodeId n) const {
+        return alike_ ? uniform_neuron_ : neurons_[n];
+    }
+    const Kernel::Firing& firingOf(NodeId n) const {
+        return alike_ ? uniform_firing_ : firings_[n];
+    }
     bool neuronsDiffer() const;
     bool neuronsHaveEqualBits() const;
     void createStreams();
@@ -193,8 +199,8 @@ private:
     SynapseGraph graph_;
     Kernel::Neuron uniform_neuron_;
     Kernel::Firing uniform_firing_;
-    std::vector<Kernel::Neuron> neurons_;
-    std::vector<Kernel::Firing> firings_;
+    std::vector<Kernel::Neuron> neurons_;  ///< empty where all are alike
+    std::vector<Kernel::Firing> firings_;  ///< empty where all are alike
     bool heterogeneous_ = false;
     bool alike_ = true;  ///< all neurons' parameters have the same bits
     std::uint64_t seed_;

@@ -1,0 +1,111 @@
+#include "kelm/network/SynapseTable.h"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cstdint>
+#include <vector>
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+constexpr NodeId wide_node = std::uint64_t{1} << 32;
+constexpr ModelTime long_delay = ModelTime{1} << 61;
+
+bool sameSynapse(const Synapse& a, const Synapse& b) {
+    return a.source == b.source && a.target == b.target &&
+           std::bit_cast<std::uint32_t>(a.weight) == std::bit_cast<std::uint32_t>(b.weight) &&
+           a.delay == b.delay && a.inhibitory == b.inhibitory && a.reserved_a == b.reserved_a &&
+           a.reserved_b == b.reserved_b && a.last_change == b.last_change &&
+           a.enabled == b.enabled && a.reserved_c == b.reserved_c && a.reserved_d == b.reserved_d;
+}
+
+/// Synapses at both sides of every border between what is usual and what is not.
+std::vector<Synapse> strangeSynapses() {
+    Synapse usual;
+    usual.source = wide_node - 1;
+    usual.target = wide_node - 1;
+    usual.delay = long_delay - 1;
+    usual.weight = -0.0F;
+    std::vector<Synapse> synapses(10, usual);
+    synapses[1].source = wide_node;
+    synapses[2].target = 0xffffffffffffffff;
+    synapses[3].delay = long_delay;
+    synapses[4].delay = last_model_time;
+    synapses[5].reserved_a = 1;
+    synapses[6].reserved_b = -1;
+    synapses[7].reserved_c = 0;
+    synapses[8].reserved_d = 7;
+    synapses[9].last_change = -3;
+    for (std::size_t i = 0; i < synapses.size(); ++i) {
+        synapses[i].inhibitory = i % 2 == 0;
+        synapses[i].enabled = i % 3 != 0;
+    }
+    return synapses;
+}
+
+}  // namespace
+
+TEST(SynapseTable, GivesBackWhatWentInWhateverCameBefore) {
+    const std::vector<Synapse> kinds = strangeSynapses();
+    for (std::size_t start = 0; start < kinds.size(); ++start) {
+        SynapseTable table;
+        for (std::size_t i = 0; i < kinds.size(); ++i) {
+            const std::size_t kind = (start + i) % kinds.size();
+            table.append(kinds[kind], kind % 4 != 0);
+            for (std::size_t id = 0; id <= i; ++id) {
+                const Synapse& expected = kinds[(start + id) % kinds.size()];
+                ASSERT_TRUE(sameSynapse(table[id], expected)) << start << ", " << i << ", " << id;
+                ASSERT_EQ(table.source(id), expected.source);
+                ASSERT_EQ(table.target(id), expected.target);
+                ASSERT_EQ(table.isRouted(id), (start + id) % kinds.size() % 4 != 0);
+            }
+        }
+    }
+}
+
+TEST(SynapseTable, ChangesOneFieldOfOneSynapse) {
+    for (const bool strange : {false, true}) {
+        std::vector<Synapse> synapses(3);
+        synapses[0].delay = 5;
+        if (strange) synapses[2].reserved_b = 9;
+        SynapseTable table;
+        for (const Synapse& synapse : synapses) table.append(synapse, true);
+        table.setWeight(1, 0.5F);
+        table.setEnabled(1, false);
+        table.lastChange(1) = 77;
+        synapses[1].weight = 0.5F;
+        synapses[1].enabled = false;
+        synapses[1].last_change = 77;
+        for (EdgeId id = 0; id < 3; ++id) {
+            EXPECT_TRUE(sameSynapse(table[id], synapses[id])) << strange << ", " << id;
+        }
+        table.setEnabled(1, true);
+        EXPECT_TRUE(table[1].enabled);
+    }
+}
+
+// Large enough for storage in large pages.
+TEST(SynapseTable, GrowsAndIsCopiedAtAnySize) {
+    constexpr EdgeId count = 600000;
+    SynapseTable table;
+    for (EdgeId id = 0; id < count; ++id) {
+        Synapse synapse;
+        synapse.source = id / 7;
+        synapse.target = id % 1001;
+        synapse.delay = static_cast<ModelTime>(id + 1);
+        table.append(synapse, true);
+    }
+    const SynapseTable copy = table;
+    table = SynapseTable();
+    ASSERT_EQ(copy.size(), count);
+    for (EdgeId id = 0; id < count; ++id) {
+        const Synapse synapse = copy[id];
+        ASSERT_TRUE(synapse.source == id / 7 && synapse.target == id % 1001 &&
+                    synapse.delay == static_cast<ModelTime>(id + 1))
+            << id;
+    }
+}
+
+}  // namespace Lumenar::Core::Kelm
