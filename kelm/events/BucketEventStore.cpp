@@ -54,7 +54,6 @@ std::uint64_t BucketEventStore::postSlowly(const Event& event) {
 
     Event stored = event;
     stored.id = next_id_;
-    clearGap(stored.gap);
     // Whatever can fail comes before the first change.
     live_.reserve(stored.id);
     place(stored, bucket);

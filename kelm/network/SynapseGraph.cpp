@@ -52,6 +52,9 @@ SynapseGraph::SynapseGraph(std::uint64_t node_count, std::optional<ModelTime> mi
         synapses_.append(synapse, true);
     }
     routed_count_ = synapses_.size();
+    // Now, and not when the expression ends in which the graph is made: it is the larger part of
+    // what a large network ever takes.
+    std::vector<Synapse>().swap(edges);
 }
 
 /// Lists the routed synapses by one of their ends. Ascending EdgeId within a list: it fixes the
