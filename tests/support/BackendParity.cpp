@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <iterator>
 #include <limits>
 #include <span>
 
@@ -18,16 +17,11 @@ namespace Lumenar::Core::Kelm::Testing {
 
 namespace {
 
-ModelTime timeBefore(Draws& draws, ModelTime end) {
-    return draws.timeBelow(static_cast<std::uint64_t>(end));
-}
-
 /// A value that no model should hold.
 double strangeValue(Draws& draws) {
     constexpr double infinity = std::numeric_limits<double>::infinity();
     constexpr double nan = std::numeric_limits<double>::quiet_NaN();
-    const double values[] = {nan, -nan, infinity, -infinity, -1.0, 1e308, -1e308, 5e-324, -0.0};
-    return values[draws.below(std::size(values))];
+    return draws.oneOf({nan, -nan, infinity, -infinity, -1.0, 1e308, -1e308, 5e-324, -0.0});
 }
 
 /// Parameters around the defaults, or of any kind that the formulas tell apart. `strange`: some
@@ -56,16 +50,6 @@ void drawParameters(Draws& draws, bool strange, DrawnCall& call) {
     if (draws.oneIn(8)) firing.max_rate = draws.between(1.0, 400.0);
     if (draws.oneIn(16)) firing.base_rate = 0.0;
     if (!strange) return;
-    double* const values[] = {&neuron.adaptation_increment,
-                              &neuron.input_coupling,
-                              &neuron.reset_value,
-                              &neuron.trace_epsilon,
-                              &firing.base_rate,
-                              &firing.gain,
-                              &firing.threshold,
-                              &firing.adaptation_weight,
-                              &firing.rate_scale,
-                              &firing.max_rate};
     if (draws.oneIn(4)) {
         firing.base_rate *= 1e7;
         firing.max_rate = 1e12;
@@ -73,7 +57,10 @@ void drawParameters(Draws& draws, bool strange, DrawnCall& call) {
     }
     if (draws.oneIn(4)) neuron.tau_membrane = -draws.timeBelow(3);
     if (draws.oneIn(4)) neuron.refractory_period = -draws.timeBelow(1'000'000);
-    *values[draws.below(std::size(values))] = strangeValue(draws);
+    *draws.oneOf({&neuron.adaptation_increment, &neuron.input_coupling, &neuron.reset_value,
+                  &neuron.trace_epsilon, &firing.base_rate, &firing.gain, &firing.threshold,
+                  &firing.adaptation_weight, &firing.rate_scale, &firing.max_rate}) =
+        strangeValue(draws);
 }
 
 double drawTrace(Draws& draws) {
@@ -83,28 +70,26 @@ double drawTrace(Draws& draws) {
 }
 
 WindowWork drawItem(Draws& draws, bool strange, DrawnCall& call) {
-    const ModelTime window = call.window;
-    const ModelTime begin = call.window_end - window;
+    const ModelTime window = call.window, begin = call.window_end - window;
     WindowWork item;
     item.parameters = call.neuron;
     item.firing = call.firing;
     item.state.membrane = drawTrace(draws);
     item.state.adaptation = drawTrace(draws);
-    item.state.last_update = draws.oneIn(4) ? begin : timeBefore(draws, begin + 2);
+    item.state.last_update = draws.oneIn(4) ? begin : draws.timeBetween(0, begin + 1);
     item.state.refractory_until =
         draws.oneIn(2) ? 0 : item.state.last_update + draws.timeBelow(3'000'000);
-    item.state.hazard_bound = draws.between(0.0, 100.0);
     item.rng = draws.next();
     item.pending_time = draws.oneIn(2)   ? no_time
-                        : draws.oneIn(2) ? begin + timeBefore(draws, window)
-                                         : call.window_end + timeBefore(draws, window);
+                        : draws.oneIn(2) ? begin + draws.timeBetween(0, window - 1)
+                                         : call.window_end + draws.timeBetween(0, window - 1);
     // Often below the hazard that the candidate will have: a violation.
     item.pending_bound = draws.oneIn(40) ? 0.0 : draws.between(0.0, 2000.0);
     if (draws.oneIn(40)) item.pending_bound = -1.0;
     item.first_event = static_cast<std::uint32_t>(call.events.size());
     item.event_count = static_cast<std::uint32_t>(draws.below(draws.oneIn(4) ? 12 : 3));
     std::vector<ModelTime> times(item.event_count);
-    for (ModelTime& time : times) time = begin + timeBefore(draws, window + window / 16);
+    for (ModelTime& time : times) time = begin + draws.timeBetween(0, window + window / 16);
     std::sort(times.begin(), times.end());
     // Some redraw from where both slopes of the drive are even, or a little to either side: there
     // the samples at the extremum differ from the ends in the last places alone.
@@ -135,9 +120,8 @@ WindowWork drawItem(Draws& draws, bool strange, DrawnCall& call) {
     }
     if (draws.oneIn(12)) item.firing.gain = draws.between(0.2, 4.0);
     if (strange && draws.oneIn(4)) {
-        double* const values[] = {&item.state.membrane, &item.state.adaptation, &item.pending_bound,
-                                  &item.drive.base, &item.drive.bound};
-        *values[draws.below(std::size(values))] = strangeValue(draws);
+        *draws.oneOf({&item.state.membrane, &item.state.adaptation, &item.pending_bound,
+                      &item.drive.base, &item.drive.bound}) = strangeValue(draws);
         if (item.event_count > 0) call.events.back().value = strangeValue(draws);
     }
     return item;

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cfenv>
-#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -118,17 +117,19 @@ TEST_F(ThreadedCpuBackendTest, ServesEnginesOfSeveralThreadsAtOnce) {
     }
 }
 
-/// Changes the calling thread's floating-point environment and puts it back.
-class ChangedEnvironment {
+/// The calling thread rounds upward and flushes subnormals where it can, for a while.
+class StrangeEnvironment {
 public:
-    template <class Change>
-    explicit ChangedEnvironment(const Change& change) {
+    StrangeEnvironment() {
         std::fegetenv(&saved_);
-        change();
+        std::fesetround(FE_UPWARD);
+#if defined(__SSE2__)
+        _mm_setcsr(_mm_getcsr() | 0x8040);
+#endif
     }
-    ~ChangedEnvironment() { std::fesetenv(&saved_); }
-    ChangedEnvironment(const ChangedEnvironment&) = delete;
-    ChangedEnvironment& operator=(const ChangedEnvironment&) = delete;
+    ~StrangeEnvironment() { std::fesetenv(&saved_); }
+    StrangeEnvironment(const StrangeEnvironment&) = delete;
+    StrangeEnvironment& operator=(const StrangeEnvironment&) = delete;
 
 private:
     std::fenv_t saved_;
@@ -137,57 +138,43 @@ private:
 // A worker that was born in a strange environment, or left in one by other work, must not compute
 // a window in it.
 TEST_F(ThreadedCpuBackendTest, ComputesInTheFloatingPointEnvironmentOfTheCall) {
-    const auto upward = [] { std::fesetround(FE_UPWARD); };
-    const auto flushing = [] {
-#if defined(__SSE2__)
-        _mm_setcsr(_mm_getcsr() | 0x8040);
-#endif
-    };
     DrawnCall call = drawCall(1, 3000, false);
-    // Adaptation that flushing takes away.
-    for (WindowWork& item : call.work) item.state.adaptation *= 1e-308;
-    for (WindowWork& item : call.work) item.parameters.trace_epsilon = 0.0;
-    const auto in = [&](auto change, IWindowBackend& backend) {
-        const ChangedEnvironment changed(change);
+    for (WindowWork& item : call.work) {
+        item.parameters.trace_epsilon = 0.0;
+        item.state.adaptation *= 1e-308;
+    }
+    const auto computeStrangely = [&](IWindowBackend& backend) {
+        const StrangeEnvironment strange;
         return compute(backend, call);
     };
-    const auto same = [](const Results& a, const Results& b) {
-        return sameImages<Kernel::WindowResult>(a, b);
-    };
-    const Results exact = compute(cpu_, call);
-    const Results rounded_up = in(upward, cpu_);
-    const Results flushed = in(flushing, cpu_);
-    ASSERT_FALSE(same(rounded_up, exact));
-#if defined(__SSE2__)
-    ASSERT_FALSE(same(flushed, exact));
-#endif
-    const auto born = [](auto change) {
-        const ChangedEnvironment changed(change);
+    const auto bornStrangely = [] {
+        const StrangeEnvironment strange;
         return ThreadedCpuBackend(8, 0);
     };
+    const Results exact = compute(cpu_, call);
+    const Results strange = computeStrangely(cpu_);
+    ASSERT_FALSE(sameImages<Kernel::WindowResult>(strange, exact));
     for (int turn = 0; turn < 20; ++turn) {
-        ThreadedCpuBackend up = born(upward);
-        ThreadedCpuBackend flush = born(flushing);
-        for (ThreadedCpuBackend* backend : {&up, &flush}) {
-            ASSERT_TRUE(same(compute(*backend, call), exact)) << "turn " << turn;
-            ASSERT_TRUE(same(in(upward, *backend), rounded_up)) << "turn " << turn;
-            ASSERT_TRUE(same(in(flushing, *backend), flushed)) << "turn " << turn;
+        ThreadedCpuBackend plain(8, 0);
+        ThreadedCpuBackend stranger = bornStrangely();
+        for (ThreadedCpuBackend* backend : {&plain, &stranger}) {
+            SCOPED_TRACE("turn " + std::to_string(turn));
+            ASSERT_TRUE(sameImages<Kernel::WindowResult>(compute(*backend, call), exact));
+            ASSERT_TRUE(sameImages<Kernel::WindowResult>(computeStrangely(*backend), strange));
         }
     }
 }
 
 TEST_F(ThreadedCpuBackendTest, TakesWhatThereMayBeForNoneOrMoreAndRefusesTooMany) {
     EXPECT_EQ(ThreadedCpuBackend(5).threads(), 5);
-    {
-        const tbb::global_control three(tbb::global_control::max_allowed_parallelism, 3);
-        EXPECT_EQ(ThreadedCpuBackend().threads(), 3);
-        EXPECT_EQ(ThreadedCpuBackend(2).threads(), 2);
-        EXPECT_EQ(ThreadedCpuBackend(1024).threads(), 3);
-    }
+    const tbb::global_control three(tbb::global_control::max_allowed_parallelism, 3);
+    EXPECT_EQ(ThreadedCpuBackend().threads(), 3);
+    EXPECT_EQ(ThreadedCpuBackend(2).threads(), 2);
+    EXPECT_EQ(ThreadedCpuBackend(1024).threads(), 3);
     expectThrows<InvalidThreadCount>([] { ThreadedCpuBackend backend(1025); },
                                      "a backend takes at most 1024 threads, not 1025");
     expectThrows<InvalidThreadCount>(
-        [] { ThreadedCpuBackend backend(std::numeric_limits<std::uint64_t>::max()); },
+        [] { ThreadedCpuBackend backend(LaneCpuBackend(), ~std::uint64_t{0}); },
         "a backend takes at most 1024 threads, not 18446744073709551615");
 }
 
