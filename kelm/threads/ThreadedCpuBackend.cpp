@@ -18,8 +18,6 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// Enough for the waking of a worker to be lost in them. Two threads' parts stay in the second
-/// cache until they are committed.
 constexpr std::size_t part_items_per_thread = 512;
 
 std::size_t threadCount(std::uint64_t asked) {

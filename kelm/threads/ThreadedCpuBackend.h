@@ -34,12 +34,12 @@ public:
 
     /// `threads`: the most threads that compute one window, the calling one included; 0 for as
     /// many as there may be, and 1 for the calling thread alone. `threshold`: windows of fewer
-    /// items stay on the calling thread and cost what they cost in CpuWindowBackend; 0 and 1 share
-    /// out every window that can be.
+    /// items stay on the calling thread and cost what their one piece costs; 0 and 1 share out every
+    /// window that can be.
     /// Throws InvalidThreadCount for more than max_threads.
     explicit ThreadedCpuBackend(std::uint64_t threads = 0,
                                 std::size_t threshold = default_threshold);
-    /// The same with the vectors that `pieces` has.
+    /// The same with pieces in the vectors of `pieces`, which is copied.
     explicit ThreadedCpuBackend(const LaneCpuBackend& pieces, std::uint64_t threads = 0,
                                 std::size_t threshold = default_threshold);
     ~ThreadedCpuBackend() override;
@@ -54,6 +54,8 @@ public:
                        const Kernel::Firing& firing,
                        const std::span<Kernel::WindowResult>& results) override;
     bool tryResidentRun(WindowEngine&) override { return false; }
+    /// With one thread what suits a piece, else 512 items a thread: the waking of the workers is
+    /// lost in them, and two threads' items are still in the second cache when they are committed.
     std::size_t partItems() const override;
 
     /// What was asked for, or as many as there may be where that is less or was 0.

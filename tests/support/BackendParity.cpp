@@ -45,7 +45,8 @@ void drawParameters(Draws& draws, bool strange, DrawnCall& call) {
     neuron.non_leaky = draws.oneIn(8);
     firing.base_rate = draws.between(0.0, 400.0);
     firing.gain = draws.between(0.2, 4.0);
-    firing.threshold = draws.between(-0.5, 0.5);
+    // At 0 the last places of small traces count.
+    firing.threshold = draws.oneIn(4) ? 0.0 : draws.between(-0.5, 0.5);
     if (draws.oneIn(2)) firing.adaptation_weight = draws.between(-0.3, 2.0);
     if (draws.oneIn(8)) firing.max_rate = draws.between(1.0, 400.0);
     if (draws.oneIn(16)) firing.base_rate = 0.0;
@@ -65,7 +66,7 @@ void drawParameters(Draws& draws, bool strange, DrawnCall& call) {
 
 double drawTrace(Draws& draws) {
     if (draws.oneIn(4)) return 0.0;
-    const double size = draws.oneIn(6) ? 1e-16 : draws.oneIn(4) ? 1e-7 : 1.0;
+    const double size = draws.oneOf({1.0, 1.0, 1.0, 1e-7, 1e-16, 1e-300});
     return draws.between(draws.oneIn(3) ? -1.0 : 0.0, 1.0) * size;
 }
 
