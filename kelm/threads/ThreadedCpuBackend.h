@@ -34,9 +34,8 @@ public:
 
     /// `threads`: the most threads that compute one window, the calling one included; 0 for as
     /// many as there may be, and 1 for the calling thread alone. `threshold`: windows of fewer
-    /// items stay on the calling thread and cost what their one piece costs; 0 and 1 share out every
-    /// window that can be.
-    /// Throws InvalidThreadCount for more than max_threads.
+    /// items stay on the calling thread and cost what their one piece costs; 0 and 1 share out
+    /// every window that can be. Throws InvalidThreadCount for more than max_threads.
     explicit ThreadedCpuBackend(std::uint64_t threads = 0,
                                 std::size_t threshold = default_threshold);
     /// The same with pieces in the vectors of `pieces`, which is copied.
