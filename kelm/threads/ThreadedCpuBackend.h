@@ -68,6 +68,7 @@ private:
 
     /// Serves several threads at once, and never throws.
     std::unique_ptr<IWindowBackend> pieces_;
+    bool ordinary_;  ///< pieces_ is a CpuWindowBackend
     std::size_t threads_;
     std::size_t threshold_;
     std::unique_ptr<Arena> arena_;  ///< null for one thread
