@@ -36,14 +36,14 @@ namespace {
 constexpr const char* usage_text =
     "usage: kelm-whole-run [--floor] [option value[,value...]]...\n"
     "  --floor        repeats the kernel's part of each run by itself and compares\n"
-    "  --lanes        vectors of the lane backend: avx2 or avx512; none for the CPU backend\n"
+    "  --lanes        vectors to compute in: avx2 or avx512, or none (default)\n"
     "  --neurons      neurons of the network\n"
     "  --base-rate    spikes/s of a neuron without drive\n"
     "  --d-min        ns; length of a window and delay of every synapse\n"
     "  --horizon      ns; candidates are drawn up to here\n"
     "  --until        ns; the run ends here (default: the horizon)\n"
     "  --buckets      slots of the event store's ring\n"
-    "  --threads      threads of the backend, or 0 for the CPU backend (default)\n"
+    "  --threads      threads of the threaded backend, or 0 for none (default)\n"
     "  --repeat       measured runs of each case\n"
     "An option with several values makes as many cases; one with a single value holds for all.\n";
 
@@ -51,7 +51,7 @@ struct Case {
     Gate::BenchmarkScale scale;
     ModelTime until = 0;                        ///< ns, or 0 for the horizon
     std::uint64_t buckets = 4096;               ///< of the event store's ring
-    const Lanes::LaneKernels* lanes = nullptr;  ///< of LaneCpuBackend, or null
+    const Lanes::LaneKernels* lanes = nullptr;  ///< of the backend, or null
     std::uint64_t threads = 0;                  ///< of ThreadedCpuBackend, or 0
 };
 
@@ -172,12 +172,15 @@ KelmRuntime makeRuntime(const Case& c, IWindowBackend& backend) {
         std::make_unique<BucketEventStore>(workload.min_delay, c.buckets));
 }
 
-/// The CPU backend, where the case names no other; lanes come before threads.
+/// The CPU backend, where the case names no other. Threads with lanes compute their pieces in them.
 std::unique_ptr<IWindowBackend> makeBackend(const Case& c) {
-    if (c.lanes != nullptr) return std::make_unique<LaneCpuBackend>(*c.lanes);
 #ifdef KELM_HAVE_THREADS
+    if (c.threads != 0 && c.lanes != nullptr) {
+        return std::make_unique<ThreadedCpuBackend>(LaneCpuBackend(*c.lanes), c.threads);
+    }
     if (c.threads != 0) return std::make_unique<ThreadedCpuBackend>(c.threads);
 #endif
+    if (c.lanes != nullptr) return std::make_unique<LaneCpuBackend>(*c.lanes);
     return std::make_unique<CpuWindowBackend>();
 }
 

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/lanes/LaneKernels.h"
 
 namespace Lumenar::Core::Kelm {
@@ -382,9 +383,7 @@ void LaneCpuBackend::processWindow(const std::span<const WindowWork>& work,
             .run();
         return;
     }
-    for (std::size_t i = 0; i < work.size(); ++i) {
-        results[i] = Kernel::processWindow(work[i], events.data(), window_end, horizon);
-    }
+    processItems(work, events, window_end, horizon, results);
 }
 
 }  // namespace Lumenar::Core::Kelm

@@ -2,26 +2,28 @@
 
 #include <algorithm>
 
-#include "kelm/engine/CpuWindowBackend.h"
-
 namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// Items of one piece, at most: 64 of them take some 8 us, so that drawing a piece is lost in them,
-/// and a thread that comes last to a window lets the others wait for no more than that.
-constexpr std::size_t max_piece = 64;
-
-/// Pieces of a range in smaller windows: items differ in cost, and workers come late.
+/// Pieces of a range, if they are then neither too large nor too small: items differ in cost, and
+/// workers come late.
 constexpr std::size_t pieces_per_range = 4;
+
+/// What suits `pieces` fills its vectors, and the drawing of a piece is lost in half of that. No
+/// larger: a thread that comes last to a window lets the others wait for a piece.
+std::size_t pieceSize(const IWindowBackend& pieces, std::size_t range_items) {
+    const std::size_t most = pieces.partItems();
+    return std::clamp(range_items / pieces_per_range, most / 2, most);
+}
 
 }  // namespace
 
-SharedWindow::SharedWindow(const Task& task, std::size_t threads)
+SharedWindow::SharedWindow(const Task& task, IWindowBackend& pieces, std::size_t threads)
     : task_(task),
+      pieces_(pieces),
       range_count_(std::min({threads, task.work.size(), max_ranges})),
-      piece_(std::clamp<std::size_t>(task.work.size() / (range_count_ * pieces_per_range), 1,
-                                     max_piece)) {
+      piece_(pieceSize(pieces, task.work.size() / range_count_)) {
     const std::size_t size = task.work.size() / range_count_;
     const std::size_t longer = task.work.size() % range_count_;
     std::size_t first = 0;
@@ -43,15 +45,14 @@ void SharedWindow::drain(std::size_t own) {
 void SharedWindow::finish() const { (void)returned_.load(std::memory_order_acquire); }
 
 void SharedWindow::drainRange(Range& range) {
-    CpuWindowBackend reference;
     // Looked at before it is drawn from, so that late helpers leave the line where it is.
     while (range.next.load(std::memory_order_relaxed) < range.end) {
         const std::size_t first = range.next.fetch_add(piece_, std::memory_order_relaxed);
         if (first >= range.end) return;
         const std::size_t size = std::min(piece_, range.end - first);
-        reference.processWindow(task_.work.subspan(first, size), task_.events, task_.window_end,
-                                task_.horizon, task_.neuron, task_.firing,
-                                task_.results.subspan(first, size));
+        pieces_.processWindow(task_.work.subspan(first, size), task_.events, task_.window_end,
+                              task_.horizon, task_.neuron, task_.firing,
+                              task_.results.subspan(first, size));
     }
 }
 

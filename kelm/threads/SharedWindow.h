@@ -5,6 +5,7 @@
 #include <span>
 
 #include "kelm/core/ModelTime.h"
+#include "kelm/engine/IWindowBackend.h"
 #include "kelm/kernel/WindowProcessing.h"
 
 namespace Lumenar::Core::Kelm {
@@ -31,8 +32,9 @@ public:
         std::span<Kernel::WindowResult> results;
     };
 
-    /// For at most `threads` threads, and at least one item.
-    SharedWindow(const Task& task, std::size_t threads);
+    /// For at most `threads` threads, and at least one item. `pieces` computes a piece, on several
+    /// threads at once.
+    SharedWindow(const Task& task, IWindowBackend& pieces, std::size_t threads);
 
     /// Computes what is left of the range of thread `own`, counted from 0, then of the others.
     void drain(std::size_t own);
@@ -54,6 +56,7 @@ private:
     void drainRange(Range& range);
 
     const Task task_;
+    IWindowBackend& pieces_;
     const std::size_t range_count_;
     const std::size_t piece_;  ///< items
     Range ranges_[max_ranges];

@@ -11,6 +11,9 @@
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/engine/WindowEngine.h"
 #include "kelm/lanes/LaneCpuBackend.h"
+#ifdef KELM_HAVE_THREADS
+#include "kelm/threads/ThreadedCpuBackend.h"
+#endif
 #include "tests/support/GeneratedModel.h"
 #include "tests/support/RunImage.h"
 
@@ -47,6 +50,12 @@ Backends timed() {
 constexpr Implementation implementations[] = {
     {"Cpu", "cpu", plain<CpuWindowBackend>},
     {"CpuLanes", "cpu-lanes", plain<LaneCpuBackend>},
+#ifdef KELM_HAVE_THREADS
+    {"CpuThreads", "cpu-threads",
+     [] {
+         return Backends{nullptr, std::make_unique<ThreadedCpuBackend>(2, 0)};
+     }},
+#endif
     {"Cuda", "cuda", plain<CudaWindowBackend>},
     {"TimedCpu", "cpu", timed<CpuWindowBackend>},
     {"TimedCuda", "cuda", timed<CudaWindowBackend>},

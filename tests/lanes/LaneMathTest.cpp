@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
+#include <ios>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -23,32 +23,15 @@ using Kernel::fromBits;
 constexpr std::size_t arguments_of_a_kind = 1 << 16;
 
 /// Numbers at which one of the two functions changes its way, or an end of its range lies.
-const double borders[] = {0.0,
-                          5e-324,
-                          0x1p-1022,
-                          fromBits(0x3e30000000000000),
-                          fromBits(0x3fd62e4200000000),
-                          0.34657359027997264,  // ln2 / 2
-                          0.5,
-                          fromBits(0x3fe6a09e00000000),  // sqrt(1/2), as the reduction sees it
-                          1.0 - 0x1p-20,
-                          1.0,
-                          1.0 + 0x1p-20,
-                          fromBits(0x3ff0a2b200000000),
-                          fromBits(0x3ff6a09c00000000),  // sqrt(2)
-                          2.0,
-                          708.0,
-                          708.3964185322641,  // 2^-1022 and 2^1022
-                          709.0895657128241,  // 2^1023
-                          709.782712893384,
-                          710.0,
-                          744.4400719213812,
-                          745.1332191019411,
-                          746.0,
-                          0x1p31,
-                          0x1.fffffffffffffp1023,
-                          Kernel::infinity(),
-                          Kernel::quietNan()};
+const std::vector<double> borders = {
+    0.0, 5e-324, 0x1p-1022, fromBits(0x3e30000000000000), fromBits(0x3fd62e4200000000), 0.5,
+    // sqrt(1/2), as the reduction of the logarithm sees it, and sqrt(2).
+    fromBits(0x3fe6a09e00000000), 1.0, fromBits(0x3ff0a2b200000000), fromBits(0x3ff6a09c00000000),
+    // Exponents of 2^-1022 and 2^1022, 2^1023 and 2^1024.
+    708.3964185322641, 709.0895657128241, 709.782712893384,
+    // Of the subnormal powers' end.
+    744.4400719213812, 745.1332191019411, 0x1p31, 0x1.fffffffffffffp1023, Kernel::infinity(),
+    Kernel::quietNan()};
 
 struct Kind {
     const char* fact;
@@ -57,24 +40,14 @@ struct Kind {
 
 constexpr Kind kinds[] = {
     {"any bits", [](Draws& draws) { return fromBits(draws.next()); }},
-    {"exponents of decays", [](Draws& draws) { return draws.between(-750.0, 0.0); }},
     {"exponents of hazards", [](Draws& draws) { return draws.between(-20.0, 20.0); }},
     {"small exponents", [](Draws& draws) { return draws.between(-1.1, 1.1); }},
     {"the whole range", [](Draws& draws) { return draws.between(-747.0, 711.0); }},
-    {"the ends of the range",
-     [](Draws& draws) {
-         return draws.oneIn(2) ? draws.between(-747.0, -707.0) : draws.between(707.0, 711.0);
-     }},
     {"uniform draws", [](Draws& draws) { return draws.between(0.0, 1.0); }},
-    {"magnitudes of 60 octaves",
-     [](Draws& draws) {
-         const double size = std::ldexp(draws.between(1.0, 2.0), static_cast<int>(draws.below(60)));
-         return (draws.oneIn(2) ? size : -size) * 0x1p-40;
-     }},
     {"near powers of two",
      [](Draws& draws) {
-         const std::uint64_t power = draws.below(2047) << 52;
-         return fromBits(power + draws.below(1 << 12) - (power == 0 ? 0 : 1 << 11));
+         const std::uint64_t power = (1 + draws.below(2046)) << 52;
+         return fromBits(power + draws.below(1 << 12) - (1 << 11));
      }},
     {"near the borders of a reduction",
      [](Draws& draws) {
@@ -84,7 +57,7 @@ constexpr Kind kinds[] = {
      }},
     {"around named borders",
      [](Draws& draws) {
-         const std::uint64_t bits = bitsOf(borders[draws.below(std::size(borders))]);
+         const std::uint64_t bits = bitsOf(borders[draws.below(borders.size())]);
          const std::uint64_t distance = draws.below(draws.oneIn(2) ? 8 : 1 << 20);
          const bool below = bits >= distance && draws.oneIn(2);
          const std::uint64_t sign = draws.oneIn(2) ? 0x8000000000000000 : 0;
@@ -98,19 +71,16 @@ TEST(LaneMath, GivesTheBitsOfTheKernelsFunctions) {
         Draws draws(k + 1);
         std::vector<double> arguments(arguments_of_a_kind);
         for (double& argument : arguments) argument = kinds[k].draw(draws);
-        std::vector<double> values(arguments.size());
+        std::vector<double> values(arguments.size()), logarithms(arguments.size());
         const auto count = static_cast<std::int64_t>(arguments.size());
         for (const Lanes::LaneKernels* kernels : Lanes::availableKernels()) {
             SCOPED_TRACE(std::string(kernels->name) + ", " + kinds[k].fact);
             kernels->exponentials(arguments.data(), values.data(), count);
+            kernels->logarithms(arguments.data(), logarithms.data(), count);
             for (std::size_t i = 0; i < arguments.size(); ++i) {
-                ASSERT_TRUE(sameBits(values[i], Kernel::kernelExp(arguments[i])))
-                    << "exponential of " << std::hexfloat << arguments[i];
-            }
-            kernels->logarithms(arguments.data(), values.data(), count);
-            for (std::size_t i = 0; i < arguments.size(); ++i) {
-                ASSERT_TRUE(sameBits(values[i], Kernel::kernelLog(arguments[i])))
-                    << "logarithm of " << std::hexfloat << arguments[i];
+                const double x = arguments[i];
+                ASSERT_TRUE(sameBits(values[i], Kernel::kernelExp(x))) << std::hexfloat << x;
+                ASSERT_TRUE(sameBits(logarithms[i], Kernel::kernelLog(x))) << std::hexfloat << x;
             }
         }
     }

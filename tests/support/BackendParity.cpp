@@ -1,0 +1,170 @@
+#include "tests/support/BackendParity.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <limits>
+#include <span>
+
+#include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/engine/WindowEngine.h"
+#include "tests/support/Draws.h"
+#include "tests/support/RunImage.h"
+
+namespace Lumenar::Core::Kelm::Testing {
+
+namespace {
+
+/// A value that no model should hold.
+double strangeValue(Draws& draws) {
+    constexpr double infinity = std::numeric_limits<double>::infinity();
+    constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+    return draws.oneOf({nan, -nan, infinity, -infinity, -1.0, 1e308, -1e308, 5e-324, -0.0});
+}
+
+/// Parameters around the defaults, or of any kind that the formulas tell apart. `strange`: some
+/// hold what no model should.
+void drawParameters(Draws& draws, bool strange, DrawnCall& call) {
+    Kernel::Neuron& neuron = call.neuron;
+    Kernel::Firing& firing = call.firing;
+    if (!draws.oneIn(3)) {
+        neuron.tau_membrane = 1 + draws.timeBelow(std::uint64_t{1} << (1 + draws.below(34)));
+        neuron.tau_adaptation =
+            1 + static_cast<ModelTime>(static_cast<double>(neuron.tau_membrane) *
+                                       draws.between(0.0, draws.oneIn(2) ? 1.3 : 1100.0));
+    }
+    if (draws.oneIn(8)) neuron.tau_adaptation = neuron.tau_membrane;
+    neuron.refractory_period = draws.timeBelow(4'000'000);
+    neuron.adaptation_increment = draws.between(-0.2, 1.0);
+    if (draws.oneIn(3)) neuron.input_coupling = draws.between(-0.5, 0.5);
+    if (draws.oneIn(3)) neuron.reset_value = draws.between(-0.5, 0.5);
+    if (draws.oneIn(3)) neuron.trace_epsilon = draws.oneIn(2) ? 0.0 : 1e-3;
+    neuron.hard_refractory = !draws.oneIn(4);
+    neuron.non_leaky = draws.oneIn(8);
+    firing.base_rate = draws.between(0.0, 400.0);
+    firing.gain = draws.between(0.2, 4.0);
+    // At 0 the last places of small traces count.
+    firing.threshold = draws.oneIn(4) ? 0.0 : draws.between(-0.5, 0.5);
+    if (draws.oneIn(2)) firing.adaptation_weight = draws.between(-0.3, 2.0);
+    if (draws.oneIn(8)) firing.max_rate = draws.between(1.0, 400.0);
+    if (draws.oneIn(16)) firing.base_rate = 0.0;
+    if (!strange) return;
+    if (draws.oneIn(4)) {
+        firing.base_rate *= 1e7;
+        firing.max_rate = 1e12;
+        neuron.hard_refractory = false;
+    }
+    if (draws.oneIn(4)) neuron.tau_membrane = -draws.timeBelow(3);
+    if (draws.oneIn(4)) neuron.refractory_period = -draws.timeBelow(1'000'000);
+    *draws.oneOf({&neuron.adaptation_increment, &neuron.input_coupling, &neuron.reset_value,
+                  &neuron.trace_epsilon, &firing.base_rate, &firing.gain, &firing.threshold,
+                  &firing.adaptation_weight, &firing.rate_scale, &firing.max_rate}) =
+        strangeValue(draws);
+}
+
+double drawTrace(Draws& draws) {
+    if (draws.oneIn(4)) return 0.0;
+    const double size = draws.oneOf({1.0, 1.0, 1.0, 1e-7, 1e-16, 1e-300});
+    return draws.between(draws.oneIn(3) ? -1.0 : 0.0, 1.0) * size;
+}
+
+WindowWork drawItem(Draws& draws, bool strange, DrawnCall& call) {
+    const ModelTime window = call.window, begin = call.window_end - window;
+    WindowWork item;
+    item.parameters = call.neuron;
+    item.firing = call.firing;
+    item.state.membrane = drawTrace(draws);
+    item.state.adaptation = drawTrace(draws);
+    item.state.last_update = draws.oneIn(4) ? begin : draws.timeBetween(0, begin + 1);
+    item.state.refractory_until =
+        draws.oneIn(2) ? 0 : item.state.last_update + draws.timeBelow(3'000'000);
+    item.rng = draws.next();
+    item.pending_time = draws.oneIn(2)   ? no_time
+                        : draws.oneIn(2) ? begin + draws.timeBetween(0, window - 1)
+                                         : call.window_end + draws.timeBetween(0, window - 1);
+    // Often below the hazard that the candidate will have: a violation.
+    item.pending_bound = draws.oneIn(40) ? 0.0 : draws.between(0.0, 2000.0);
+    if (draws.oneIn(40)) item.pending_bound = -1.0;
+    item.first_event = static_cast<std::uint32_t>(call.events.size());
+    item.event_count = static_cast<std::uint32_t>(draws.below(draws.oneIn(4) ? 12 : 3));
+    std::vector<ModelTime> times(item.event_count);
+    for (ModelTime& time : times) time = begin + draws.timeBetween(0, window + window / 16);
+    std::sort(times.begin(), times.end());
+    // Some redraw from where both slopes of the drive are even, or a little to either side: there
+    // the samples at the extremum differ from the ends in the last places alone.
+    const bool even = item.event_count > 0 && draws.oneIn(2);
+    if (even) {
+        const double lead =
+            std::pow(10.0, -(draws.oneIn(2) ? draws.between(6.0, 9.0) : draws.between(-1.0, 15.0)));
+        item.state.membrane = item.state.adaptation * call.firing.adaptation_weight *
+                              static_cast<double>(call.neuron.tau_membrane) /
+                              static_cast<double>(call.neuron.tau_adaptation) *
+                              (draws.oneIn(4) ? 1.0 - lead : 1.0 + lead);
+        // With the end as near as the extremum, all samples lie that close together.
+        if (draws.oneIn(2) && call.horizon <= call.window_end) {
+            item.event_count = 1;
+            times = {call.horizon - 1 - draws.timeBelow(64)};
+        }
+        item.state.last_update = times.front();
+    }
+    for (const ModelTime time : times) {
+        const double value = even ? 0.0 : draws.between(-0.3, 1.0);
+        call.events.push_back({time, value, draws.oneIn(6), {}});
+    }
+    if (draws.oneIn(12)) {
+        item.drive.term_count = static_cast<std::int32_t>(draws.below(4));
+        item.drive.base = draws.between(-0.1, 0.1);
+        item.drive.bound = 0.5;
+        for (PhaseTerm& term : item.drive.terms) term = {0.1, draws.between(0.0, 6.0), 1e-6};
+    }
+    if (draws.oneIn(12)) item.firing.gain = draws.between(0.2, 4.0);
+    if (strange && draws.oneIn(4)) {
+        *draws.oneOf({&item.state.membrane, &item.state.adaptation, &item.pending_bound,
+                      &item.drive.base, &item.drive.bound}) = strangeValue(draws);
+        if (item.event_count > 0) call.events.back().value = strangeValue(draws);
+    }
+    return item;
+}
+
+}  // namespace
+
+DrawnCall drawCall(std::uint64_t seed, std::uint64_t item_count, bool strange) {
+    Draws draws(seed);
+    DrawnCall call;
+    drawParameters(draws, strange, call);
+    // A rate without end brings a candidate every nanosecond.
+    call.window = strange ? 1'000 : 1'000'000;
+    call.window_end = 1'000'000 + draws.timeBelow(draws.oneIn(2) ? 1 : 1'000'000'000);
+    call.horizon = call.window_end + draws.timeBelow(draws.oneIn(4) ? 1 : 400'000'000);
+    if (draws.oneIn(8)) call.horizon = call.window_end - draws.timeBelow(1'000'000);
+    // Where doubles no longer keep halves, and where they no longer keep integers.
+    if (draws.oneIn(16)) call.horizon = (ModelTime{1} << (50 + draws.below(12))) + 1;
+    for (std::uint64_t i = 0; i < item_count; ++i) {
+        call.work.push_back(drawItem(draws, strange, call));
+    }
+    return call;
+}
+
+std::vector<Kernel::WindowResult> compute(IWindowBackend& backend, const DrawnCall& call) {
+    std::vector<Kernel::WindowResult> results(call.work.size());
+    const std::span<std::byte> bytes = std::as_writable_bytes(std::span(results));
+    std::fill(bytes.begin(), bytes.end(), std::byte{0x5a});
+    backend.processWindow(call.work, call.events, call.window_end, call.horizon, call.neuron,
+                          call.firing, results);
+    return results;
+}
+
+WindowProfile expectReferenceRun(const GeneratedModel& model, IWindowBackend& backend) {
+    CpuWindowBackend cpu;
+    WindowEngine reference = makeEngine(model);
+    WindowEngine engine = makeEngine(model);
+    postInputs(model, reference);
+    postInputs(model, engine);
+    EXPECT_EQ(runSideBySide(reference, cpu, engine, backend, model.d_min), "");
+    EXPECT_EQ(reference.snapshot(), engine.snapshot());
+    return engine.profile();
+}
+
+}  // namespace Lumenar::Core::Kelm::Testing

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "kelm/engine/IWindowBackend.h"
+#include "kelm/engine/WindowProfile.h"
+#include "tests/support/GeneratedModel.h"
+
+namespace Lumenar::Core::Kelm::Testing {
+
+/// What a backend's processWindow is given.
+struct DrawnCall {
+    Kernel::Neuron neuron;
+    Kernel::Firing firing;
+    ModelTime window = 0;  ///< ns; its length
+    ModelTime window_end = 0;
+    ModelTime horizon = 0;
+    std::vector<WindowWork> work;
+    std::vector<Kernel::WindowEvent> events;
+};
+
+/// Items of every temper, a function of the arguments alone. `strange`: parameters and some values
+/// are such as no model should hold.
+DrawnCall drawCall(std::uint64_t seed, std::uint64_t item_count, bool strange);
+
+/// Results that are not written, or only in part, show.
+std::vector<Kernel::WindowResult> compute(IWindowBackend& backend, const DrawnCall& call);
+
+/// Expects a run of the model on `backend` to leave after every window, and in its snapshot, what
+/// the CPU backend leaves. Returns what it counted.
+WindowProfile expectReferenceRun(const GeneratedModel& model, IWindowBackend& backend);
+
+}  // namespace Lumenar::Core::Kelm::Testing
