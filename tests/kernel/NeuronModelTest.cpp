@@ -144,27 +144,4 @@ TEST(NeuronModel, ASpikeResetsAdaptsAndStartsARefractoryTimeThatStaysInRange) {
     }
 }
 
-// The bound is what makes thinning correct: not below any hazard of the interval, but for the
-// margin that the walk allows for rounding.
-TEST(NeuronModel, TheBoundHoldsAtEveryInstant) {
-    for (std::uint64_t seed = 0; seed < 4000; ++seed) {
-        Draws draws(seed);
-        Subject s = drawSubject(draws);
-        if (s.neuron.trace_epsilon == 1e-15) s.firing.adaptation_weight = draws.between(-2.0, 3.0);
-        if (draws.oneIn(10)) s.neuron.tau_adaptation = s.neuron.tau_membrane;
-        if (draws.oneIn(4)) s.state.last_update = draws.timeBelow(1000);
-        const ModelTime from = s.state.last_update + draws.timeBelow(100000);
-        const ModelTime to = from + 1 + draws.timeBelow(std::uint64_t{1} << (10 + draws.below(20)));
-        s.state.refractory_until = from - 50000 + draws.timeBelow(100000);
-        const double drive = draws.between(-1.0, 1.0);
-        const double limit = s.boundOn(from, to, drive) * 1.000000000001;
-        for (int i = 0; i < 60; ++i) {
-            const ModelTime time =
-                from + draws.timeBelow(static_cast<std::uint64_t>(to - from) + 1);
-            ASSERT_LE(s.hazardAt(time, drive), limit) << "seed " << seed << " at " << time;
-            ASSERT_LE(s.hazardAt(time, drive - 0.5), limit) << "seed " << seed << " at " << time;
-        }
-    }
-}
-
 }  // namespace Lumenar::Core::Kelm::Kernel
