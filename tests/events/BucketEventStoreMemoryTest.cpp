@@ -59,7 +59,9 @@ TEST(BucketEventStore, AllocatesNothingWithinTheRingAndKeepsItsMemoryBeyondIt) {
     std::size_t most[3] = {};
     for (std::size_t window = 0; window < 50'000; ++window) {
         if (window == 2'000) warm = allocations;
-        if (window == 20'000) EXPECT_EQ(allocations, warm);
+        if (window == 20'000) {
+            EXPECT_EQ(allocations, warm);
+        }
         for (ModelTime i = 0; i < 200; ++i) store.post({.time = now + 100 + i * 7});
         for (std::size_t i = 0; i < 50; ++i) {
             std::uint64_t& candidate = candidates[window % 20 * 50 + i];

@@ -60,11 +60,7 @@ public:
     Blob snapshot() const {
         Blob bytes = Testing::blobOf(BlobTag("KELMBKT1"), d_min_, bucket_count_, cursor_, started_,
                                      next_id_, live_.size());
-        // Field by field, 64 bytes each.
-        for (const auto& [time, id, kind, gap, source, target, edge, value, cause] : liveEvents()) {
-            const Blob event = Testing::blobOf(time, id, kind, source, target, edge, value, cause);
-            bytes.insert(bytes.end(), event.begin(), event.end());
-        }
+        for (const Event& event : liveEvents()) appendImage(bytes, event);
         return bytes;
     }
     /// What restoring it does: the posts beyond the reach are counted anew.

@@ -287,7 +287,9 @@ TEST(SynapseGraph, TellsWhoseIncomingWeightsWereSetSinceItWasAsked) {
             const std::uint64_t way = draws.below(4);
             if (way == 0) graph = copy;
             if (way == 1) graph = std::move(copy);
-            if (way == 2) ASSERT_TRUE(graph.restore(copy.snapshot()));
+            if (way == 2) {
+                ASSERT_TRUE(graph.restore(graph.snapshot()));
+            }
             if (way != 3) expected = everyone;
         }
         ASSERT_EQ(takeTargets(graph), Nodes(expected.begin(), expected.end())) << round;
