@@ -197,8 +197,8 @@ TEST_F(KelmRuntimeTest, SamplesOnTheGridBelowTheHorizonWhatAnEngineShowsThatStop
     for (const int kind : {0, 2, 3, 4, 5}) {
         recorder->sample_kinds.push_back(static_cast<SampleKind>(kind));
     }
-    for (const ModelTime interval : {ModelTime{0}, 5 * d_min, ModelTime{700'001}, 20 * d_min - 1,
-                                     20 * d_min, last_model_time}) {
+    for (const ModelTime interval :
+         {ModelTime{0}, 5 * d_min, ModelTime{700'001}, 20 * d_min - 1, 20 * d_min}) {
         SCOPED_TRACE("interval " + std::to_string(interval));
         recorder->sample_interval = interval;
         KelmRuntime runtime = make();
@@ -215,11 +215,12 @@ TEST_F(KelmRuntimeTest, SamplesOnTheGridBelowTheHorizonWhatAnEngineShowsThatStop
                 Kernel::State state = engine.states()[n];
                 Kernel::advanceTraces(state, {}, sample.time);
                 const ModelTime left = std::max(state.refractory_until - sample.time, ModelTime{0});
-                EXPECT_TRUE(sameBits(sample.membrane[n], state.membrane));
-                EXPECT_TRUE(sameBits(sample.adaptation[n], state.adaptation));
-                EXPECT_EQ(sample.refractory_left[n], static_cast<double>(left));
-                EXPECT_EQ(sample.next_candidate[n],
-                          static_cast<double>(engine.candidates()[n].time));
+                const double expected[] = {state.membrane, state.adaptation,
+                                           static_cast<double>(left),
+                                           static_cast<double>(engine.candidates()[n].time)};
+                const double found[] = {sample.membrane[n], sample.adaptation[n],
+                                        sample.refractory_left[n], sample.next_candidate[n]};
+                EXPECT_TRUE(sameImages<double>(found, expected));
             }
         }
     }
@@ -297,18 +298,14 @@ TEST_F(KelmRuntimeTest, LearnsNothingWhileThatIsOffAndDoesNotCatchUp) {
 
 TEST_F(KelmRuntimeTest, ScalesEveryWeightChangeByItsGain) {
     plasticity = learning;
-    for (const double gain : {0.5, 0.0}) {
-        plasticity.excitatory.scale = 1.0;
-        KelmRuntime turned = make();
-        turned.interventions().setGain(InterventionState::plasticity, gain);
-        turned.run();
-        plasticity.excitatory.scale = gain;
-        KelmRuntime scaled = make();
-        scaled.run();
-        EXPECT_EQ(weightsOf(turned) == std::vector<float>(3, 0.5F), gain == 0.0);
-        EXPECT_EQ(weightsOf(turned), weightsOf(scaled));
-        EXPECT_GT(turned.learningControl()->journal().size(), 10);
-    }
+    KelmRuntime turned = make();
+    turned.interventions().setGain(InterventionState::plasticity, 0.5);
+    turned.run();
+    plasticity.excitatory.scale = 0.5;
+    KelmRuntime scaled = make();
+    scaled.run();
+    EXPECT_NE(weightsOf(turned), std::vector<float>(3, 0.5F));
+    EXPECT_EQ(weightsOf(turned), weightsOf(scaled));
 }
 
 TEST_F(KelmRuntimeTest, TracesAnInjectionBeforeTheChannelDecides) {
