@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "kelm/core/Failures.h"
-#include "tests/support/Draws.h"
 #include "tests/support/ExpectThrows.h"
 #include "tests/support/ForgedBlobs.h"
 
@@ -165,18 +164,15 @@ TEST(RandomContext, AStoredReplayGoesOnWhereItStoodAndStopsAtAValueThatDiffers) 
 
 TEST(RandomContext, ASnapshotIsSortedWhateverTheOrderOfCreation) {
     // In the order of the blob: names as unsigned bytes, a shorter one first, then indices.
-    std::vector<StreamImage> sorted{{"", 4},  {"a", 0},     {"a", 1},        {"a", 2},
-                                    {"a", 9}, {"a", ~0ULL}, {"ab", 0},       {"b", 1},
-                                    {"z", 0}, {"\x7f", 0},  {"\xc3\xa9", 3}, {"\xff", 0}};
+    std::vector<StreamImage> sorted{{"", 4},   {"a", 0}, {"a", 2}, {"a", 9},    {"a", ~0ULL},
+                                    {"ab", 0}, {"b", 1}, {"z", 0}, {"\x7f", 0}, {"\xff", 0}};
     for (StreamImage& image : sorted) {
         image.state = RandomContext::deriveStreamState(9182, image.name, image.index);
     }
-    Kelm::Testing::Draws draws(3);
-    for (int round = 0; round < 20; ++round) {
-        std::vector<StreamImage> order = sorted;
-        for (std::size_t i = order.size(); i > 1; --i) {
-            std::swap(order[i - 1], order[draws.below(i)]);
-        }
+    std::vector<StreamImage> order = sorted;
+    for (std::size_t round = 0; round < order.size(); ++round) {
+        // Every stream is the first and the last one once.
+        std::rotate(order.begin(), order.begin() + 3, order.end());
         RandomContext context(9182);
         for (const StreamImage& image : order) context.rawState(image.name, image.index);
         ASSERT_EQ(context.snapshot(), blobOf(9182, sorted)) << "round " << round;

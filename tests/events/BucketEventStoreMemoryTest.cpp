@@ -1,9 +1,7 @@
-// What the store allocates and when, and what is left of it when an allocation fails. The program's
-// operator new counts for it.
+// What is left of the store when an allocation fails. The program's operator new fails for it.
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -14,67 +12,22 @@
 
 namespace {
 
-std::size_t bytes_in_use = 0;
-std::size_t allocations = 0;
 /// Which of the next allocations fails, from 1; 0 for none.
 std::size_t failing_allocation = 0;
-
-/// Before each allocation stands its length.
-constexpr std::size_t head_bytes = alignof(std::max_align_t);
 
 }  // namespace
 
 void* operator new(std::size_t length) {
-    ++allocations;
     if (failing_allocation != 0 && --failing_allocation == 0) throw std::bad_alloc();
-    void* memory = std::malloc(length + head_bytes);
+    void* memory = std::malloc(length == 0 ? 1 : length);
     if (memory == nullptr) throw std::bad_alloc();
-    *static_cast<std::size_t*>(memory) = length;
-    bytes_in_use += length;
-    return static_cast<char*>(memory) + head_bytes;
+    return memory;
 }
-
-void operator delete(void* pointer) noexcept {
-    if (pointer == nullptr) return;
-    void* memory = static_cast<char*>(pointer) - head_bytes;
-    bytes_in_use -= *static_cast<std::size_t*>(memory);
-    std::free(memory);
-}
-
-void operator delete(void* pointer, std::size_t) noexcept { operator delete(pointer); }
+void operator delete(void* pointer) noexcept { std::free(pointer); }
+void operator delete(void* pointer, std::size_t) noexcept { std::free(pointer); }
 
 namespace Lumenar::Core::Kelm {
 namespace {
-
-// A run at constant activity, by its shape: every window's events post deliveries for the next
-// windows, and each of the neurons replaces a candidate, within the ring at first and then far
-// beyond it.
-TEST(BucketEventStore, AllocatesNothingWithinTheRingAndKeepsItsMemoryBeyondIt) {
-    BucketEventStore store(100, 64);
-    std::vector<Event> events;
-    std::vector<std::uint64_t> candidates(1000, ~std::uint64_t{0});
-    ModelTime start = 0;
-    ModelTime now = 0;
-    std::size_t warm = 0;
-    std::size_t most[3] = {};
-    for (std::size_t window = 0; window < 50'000; ++window) {
-        if (window == 2'000) warm = allocations;
-        if (window == 20'000) {
-            EXPECT_EQ(allocations, warm);
-        }
-        for (ModelTime i = 0; i < 200; ++i) store.post({.time = now + 100 + i * 7});
-        for (std::size_t i = 0; i < 50; ++i) {
-            std::uint64_t& candidate = candidates[window % 20 * 50 + i];
-            store.cancel(candidate);
-            const std::size_t apart = i * (window < 20'000 ? 10 : 100'000);
-            candidate = store.post({.time = now + 3000 + static_cast<ModelTime>(apart)});
-        }
-        ASSERT_TRUE(store.take(last_model_time, events, start, now));
-        std::size_t& peak = most[window < 20'000 ? 0 : window < 25'000 ? 1 : 2];
-        peak = std::max(peak, bytes_in_use);
-    }
-    EXPECT_LE(most[2], most[1]);
-}
 
 TEST(BucketEventStore, LosesNothingWhenMemoryRunsOut) {
     // Every call of a history is tried again when it failed; what comes out must not depend on

@@ -4,8 +4,6 @@
 
 #include <cstdint>
 #include <deque>
-#include <random>
-#include <set>
 
 namespace Lumenar::Core::Kelm {
 namespace {
@@ -13,28 +11,6 @@ namespace {
 void add(PendingIds& ids, std::uint64_t id) {
     ids.reserve(id);
     ids.insert(id);
-}
-
-TEST(PendingIds, AgreeWithASetOverRandomIds) {
-    for (std::uint64_t seed = 0; seed < 40; ++seed) {
-        std::mt19937_64 random(seed);
-        PendingIds ids;
-        std::set<std::uint64_t> expected;
-        EXPECT_FALSE(ids.erase(~std::uint64_t{0})) << "never issued";
-        // From dense neighbours to ids that all lie on pages of their own and wrap in the table.
-        const std::uint64_t stride = std::uint64_t{1} << (seed % 14);
-        for (int step = 0; step < 4000; ++step) {
-            const std::uint64_t id = random() % 1500 * stride;
-            ASSERT_EQ(ids.contains(id), expected.contains(id)) << "seed " << seed << " id " << id;
-            // Growing and shrinking by turns, down to nothing.
-            if (random() % 100 < (step / 500 % 2 == 0 ? 70U : 10U)) {
-                if (expected.insert(id).second) add(ids, id);
-            } else {
-                ASSERT_EQ(ids.erase(id), expected.erase(id) == 1)
-                    << "seed " << seed << " step " << step << " id " << id;
-            }
-        }
-    }
 }
 
 TEST(PendingIds, HoldMemoryForWhatIsPendingAndNotForWhatWasIssued) {

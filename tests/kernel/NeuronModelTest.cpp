@@ -78,24 +78,20 @@ TEST(NeuronModel, GivesTheBitsOfAnotherImplementation) {
 TEST(NeuronModel, ATraceDecaysAndDiesOnceItIsBelowEpsilon) {
     constexpr ModelTime tau = 10000000;
     struct Case {
-        const char* fact;
         double value, interval;
         ModelTime tau;
         double epsilon, decayed;
     };
-    for (const Case& c : {
-             Case{"one time constant", 1.0, 1e7, tau, 1e-15, 0.36787944117144233},
-             Case{"a trace below epsilon", 1e-15, 1e7, tau, 1e-15, 0.0},
-             Case{"a negative trace below epsilon", -1e-15, 1e7, tau, 1e-15, 0.0},
-             Case{"a trace above epsilon", 3e-15, 1e7, tau, 1e-15, 1.1036383235143268e-15},
-             Case{"a trace of epsilon stays", 1.0, 1e7, tau, 0.36787944117144233,
-                  0.36787944117144233},
-             Case{"no interval: untouched even below epsilon", 1e-16, 0.0, tau, 1e-15, 1e-16},
-             Case{"a zero keeps its sign", -0.0, 1e7, tau, 1e-15, -0.0},
-             Case{"a time constant of zero", 1.0, 1.0, 0, 1e-15, 0.0},
+    for (const auto& [value, interval, time_constant, epsilon, decayed] : {
+             Case{1.0, 1e7, tau, 1e-15, 0.36787944117144233},
+             Case{-1e-15, 1e7, tau, 1e-15, 0.0},
+             Case{3e-15, 1e7, tau, 1e-15, 1.1036383235143268e-15},
+             Case{1.0, 1e7, tau, 0.36787944117144233, 0.36787944117144233},  // epsilon itself
+             Case{1e-16, 0.0, tau, 1e-15, 1e-16},  // no interval: untouched even below epsilon
+             Case{-0.0, 1e7, tau, 1e-15, -0.0},
+             Case{1.0, 1.0, 0, 1e-15, 0.0},
          }) {
-        EXPECT_TRUE(sameBits(decayTrace(c.value, c.interval, c.tau, c.epsilon), c.decayed))
-            << c.fact;
+        EXPECT_TRUE(sameBits(decayTrace(value, interval, time_constant, epsilon), decayed));
     }
 }
 

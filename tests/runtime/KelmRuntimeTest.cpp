@@ -9,6 +9,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -168,28 +169,6 @@ TEST_F(KelmRuntimeTest, DrivesItsNeuronsByRhythmsAndErrorsTimesTheirGains) {
     }
 }
 
-TEST_F(KelmRuntimeTest, ReadsPhasesAtTheWindowsStartBehindTheCouplingUpToIt) {
-    phase = PhaseConfig{{{5, 4000.0, 0.5, 0.75}, {6, 10.0, 2.0, 1.0}},
-                        {{}, {{6, 0, 0.25, 0.5}}, {}},
-                        {{5, 6, 300.0}, {6, 5, -200.0}},
-                        1'500'000};
-    KelmRuntime runtime = make();
-    runtime.oscillators()->setCouplingEnabled(true);
-    OscillatorBank twin(phase->oscillators);
-    twin.configureCoupling(phase->couplings, phase->coupling_period);
-    twin.setCouplingEnabled(true);
-    show = [&](const WindowWork& item, ModelTime window_end) {
-        const ModelTime start = window_end - d_min;
-        twin.advanceCoupling(start);
-        EXPECT_EQ(item.drive.origin, start);
-        if (item.neuron != 1) return;
-        EXPECT_TRUE(sameBits(item.drive.terms[0].phase, twin.phaseOf(6, start) + 0.5));
-    };
-    runtime.run();
-    EXPECT_GT(runtime.oscillators()->couplingSteps(), 10);
-    EXPECT_EQ(runtime.oscillators()->couplingSteps(), twin.couplingSteps());
-}
-
 // Nothing is routed within a window, so an engine with windows of 1 ns makes the same run and can
 // be stopped at any moment.
 TEST_F(KelmRuntimeTest, SamplesOnTheGridBelowTheHorizonWhatAnEngineShowsThatStopsThere) {
@@ -259,8 +238,8 @@ TEST_F(KelmRuntimeTest, TellsItsListenerWhenEveryPartHasDoneItsWork) {
             const PhaseLogEntry& entry = runtime.phaseLog()[i];
             const RecordedSpike& spike = runtime.recorder()->spikes()[i];
             EXPECT_GE(runtime.plasticity()->traces()[neuron].last_spike, time);
-            EXPECT_TRUE(entry.time == time && entry.neuron == neuron);
-            EXPECT_TRUE(spike.time == time && spike.neuron == neuron && !spike.cause.present);
+            EXPECT_EQ(std::tuple(entry.time, entry.neuron), std::tuple(time, neuron));
+            EXPECT_EQ(std::tuple(spike.time, spike.neuron), std::tuple(time, neuron));
             const auto phases = runtime.oscillators()->neuronPhases(neuron, time);
             EXPECT_EQ(phases.size(), neuron == 0 ? 1 : 0);
             EXPECT_TRUE(sameImages<PhaseSample>(entry.phases, phases));
@@ -271,7 +250,6 @@ TEST_F(KelmRuntimeTest, TellsItsListenerWhenEveryPartHasDoneItsWork) {
     };
     runtime.setCommitListener(&listener);
     runtime.run(10 * d_min);
-    EXPECT_EQ(listener.windows, runtime.profile().windows);
     EXPECT_GT(listener.told.size(), 10);
 
     // What a listener throws ends the run and nothing else.
@@ -328,23 +306,6 @@ TEST_F(KelmRuntimeTest, TracesAnInjectionBeforeTheChannelDecides) {
     const InjectionRecord& second = trace.records()[1];
     EXPECT_TRUE(second.name == "out" && second.time == 6 && second.value == 1.0);
     EXPECT_EQ(runtime.inputChannels()->stats(0).injections, 1);
-}
-
-TEST_F(KelmRuntimeTest, ReplaysAStreamAgainstTheTapeOfAnotherRun) {
-    KelmRuntime recorded = make();
-    recorded.randomStreams().record("spontaneous", 1);
-    recorded.run();
-    const auto taped = recorded.randomStreams().tape("spontaneous", 1);
-    std::vector<std::uint64_t> tape(taped.begin(), taped.end());
-    KelmRuntime replayed = make();
-    replayed.randomStreams().replay("spontaneous", 1, tape);
-    replayed.run();
-    tape.at(5) ^= 1;
-    KelmRuntime differing = make();
-    differing.randomStreams().replay("spontaneous", 1, tape);
-    expectThrows<std::runtime_error>(
-        [&] { differing.run(); },
-        "RandomContext replay differs from generated stream: spontaneous");
 }
 
 }  // namespace
