@@ -1,7 +1,9 @@
-// What is left of the store when an allocation fails. The program's operator new fails for it.
+// What memory the store holds, and what is left of it when an allocation fails. The program's
+// operator new counts and fails for it.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -12,22 +14,46 @@
 
 namespace {
 
+std::size_t bytes_in_use = 0;
 /// Which of the next allocations fails, from 1; 0 for none.
 std::size_t failing_allocation = 0;
+
+/// Before each allocation stands its length.
+constexpr std::size_t head_bytes = alignof(std::max_align_t);
 
 }  // namespace
 
 void* operator new(std::size_t length) {
     if (failing_allocation != 0 && --failing_allocation == 0) throw std::bad_alloc();
-    void* memory = std::malloc(length == 0 ? 1 : length);
+    void* memory = std::malloc(length + head_bytes);
     if (memory == nullptr) throw std::bad_alloc();
-    return memory;
+    *static_cast<std::size_t*>(memory) = length;
+    bytes_in_use += length;
+    return static_cast<char*>(memory) + head_bytes;
 }
-void operator delete(void* pointer) noexcept { std::free(pointer); }
-void operator delete(void* pointer, std::size_t) noexcept { std::free(pointer); }
+
+void operator delete(void* pointer) noexcept {
+    if (pointer == nullptr) return;
+    void* memory = static_cast<char*>(pointer) - head_bytes;
+    bytes_in_use -= *static_cast<std::size_t*>(memory);
+    std::free(memory);
+}
+
+void operator delete(void* pointer, std::size_t) noexcept { operator delete(pointer); }
 
 namespace Lumenar::Core::Kelm {
 namespace {
+
+TEST(BucketEventStore, KeepsNoMemoryForFarEventsThatWereCancelled) {
+    BucketEventStore store(100, 64);
+    std::size_t most[2] = {};
+    for (int i = 0; i < 100'000; ++i) {
+        store.cancel(store.post({.time = 1'000'000 + i % 5000}));
+        std::size_t& peak = most[i < 10'000 ? 0 : 1];
+        peak = std::max(peak, bytes_in_use);
+    }
+    EXPECT_LE(most[1], most[0]);
+}
 
 TEST(BucketEventStore, LosesNothingWhenMemoryRunsOut) {
     // Every call of a history is tried again when it failed; what comes out must not depend on

@@ -169,6 +169,24 @@ TEST_F(KelmRuntimeTest, DrivesItsNeuronsByRhythmsAndErrorsTimesTheirGains) {
     }
 }
 
+TEST_F(KelmRuntimeTest, ReadsPhasesAtTheWindowsStartBehindTheCouplingUpToIt) {
+    phase = PhaseConfig{{{5, 4000.0, 0.5, 0.75}, {6, 10.0, 2.0, 1.0}},
+                        {{}, {{6, 0, 0.25, 0.5}}, {}},
+                        {{5, 6, 300.0}, {6, 5, -200.0}},
+                        1'500'000};
+    KelmRuntime runtime = make();
+    runtime.oscillators()->setCouplingEnabled(true);
+    OscillatorBank twin = *runtime.oscillators();
+    show = [&](const WindowWork& item, ModelTime window_end) {
+        twin.advanceCoupling(window_end - d_min);
+        if (item.neuron != 1) return;
+        EXPECT_EQ(item.drive.origin, window_end - d_min);
+        EXPECT_TRUE(sameBits(item.drive.terms[0].phase, twin.phaseOf(6, item.drive.origin) + 0.5));
+    };
+    runtime.run();
+    EXPECT_GT(twin.couplingSteps(), 10);
+}
+
 // Nothing is routed within a window, so an engine with windows of 1 ns makes the same run and can
 // be stopped at any moment.
 TEST_F(KelmRuntimeTest, SamplesOnTheGridBelowTheHorizonWhatAnEngineShowsThatStopsThere) {
