@@ -147,7 +147,7 @@ TEST(Recorder, RestoresItsCausesAndLeavesWaitingSpikesAlone) {
     ASSERT_EQ(recorder.causes().size(), 1U) << "the note of before is gone";
     EXPECT_EQ(recorder.causes()[0].cause.id, 8U) << "the first of two entries stands";
     recorder.recordObservation(observation(60, 4), contextOf(1), {});
-    EXPECT_EQ(recorder.samples().at(0).spike_counts, Values{1.0});
+    EXPECT_EQ(recorder.samples()[0].spike_counts, Values{1.0});
 }
 
 }  // namespace
