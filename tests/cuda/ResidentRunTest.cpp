@@ -187,6 +187,21 @@ TEST_F(ResidentRunTest, IsDeclinedWhereTheDeviceCouldNotEndAsTheOrdinaryLoop) {
     }
 }
 
+TEST_F(ResidentRunTest, LeavesStreamsThatCandidatesCanBeDrawnFromAnew) {
+    // A run in which nothing happens may still be followed by new first candidates.
+    GeneratedModel model = livelyModel();
+    changeRates(model, 1e-6);
+    WindowEngine offered = makeEngine(model);
+    WindowEngine ordinary = makeEngine(model);
+    ASSERT_TRUE(tryResidentRunFrom(device, offered, 1));
+    for (WindowEngine* const engine : {&offered, &ordinary}) {
+        engine->reseedInitialCandidates(std::vector<double>(model.node_count, 25.0));
+        engine->run(cpu);
+    }
+    EXPECT_GT(ordinary.profile().candidates, 0);
+    EXPECT_EQ(firstDifference(imageOf(ordinary), imageOf(offered)), "");
+}
+
 TEST_F(ResidentRunTest, NeedsAsManyNeuronsAsTheLimitSays) {
     for (const std::uint64_t node_count : {32767U, 32768U}) {
         const GeneratedModel model = ringModel(node_count, 1, 1'000'000, 3);
@@ -235,6 +250,18 @@ TEST_F(ResidentRunTest, FitsItsBuffersExactlyAndNotOneMore) {
         }
     }
     EXPECT_EQ(met.size(), 4);
+}
+
+TEST_F(ResidentRunTest, RunsAsManyStepsAsThereAreWholeWindows) {
+    GeneratedModel silent = ringModel(3, 1, 1000, 1);
+    changeRates(silent, 0.0);
+    for (const ModelTime horizon : {999, 1000, 1999, 7000}) {
+        silent.horizon = horizon;
+        const ResidentRun run = runOnDevice(silent);
+        EXPECT_EQ(run.windows, horizon / 1000);
+        EXPECT_EQ(run.profile.windows, 0);
+        EXPECT_EQ(run.log_hash, digest_start);
+    }
 }
 
 TEST_F(ResidentRunTest, RefusesWhatItCannotRun) {
