@@ -127,16 +127,17 @@ TEST(WindowEngineRun, StopsAtTheFirstFlaggedResultAndCommitsNothingWhereTheBacke
         WindowEngine engine = silentEngine(3);
         for (NodeId n = 0; n < 3; ++n) engine.post(inputAt(5, n));
         const RunImage before = imageOf(engine);
-        ScriptedBackend backend([&](const WindowWork& item, const Kernel::WindowEvent*, ModelTime) {
-            // A mark in all that a commit changes.
-            Kernel::WindowResult result = quietResult(item, {7});
-            result.state.membrane = 3.0;
-            result.rng += 0x9e3779b97f4a7c15;
-            result.next_candidate = 100;
-            result.updates = result.accepted = 1;
-            if (item.neuron == 1) flaw(result);
-            return result;
-        });
+        ScriptedBackend backend(
+            [spoil = flaw](const WindowWork& item, const Kernel::WindowEvent*, ModelTime) {
+                // A mark in all that a commit changes.
+                Kernel::WindowResult result = quietResult(item, {7});
+                result.state.membrane = 3.0;
+                result.rng += 0x9e3779b97f4a7c15;
+                result.next_candidate = 100;
+                result.updates = result.accepted = 1;
+                if (item.neuron == 1) spoil(result);
+                return result;
+            });
         expectThrows<WindowEngineError>([&] { engine.run(backend); }, message);
         RunImage expected = before;
         if (message != std::string("broken")) {
