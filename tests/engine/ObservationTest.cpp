@@ -47,12 +47,7 @@ public:
 };
 
 /// An observation at `time` ns.
-Event observationAt(ModelTime time) {
-    Event event;
-    event.time = time;
-    event.kind = EventKind::observation;
-    return event;
-}
+Event observationAt(ModelTime time) { return {.time = time, .kind = EventKind::observation}; }
 
 /// Adds a constant drive to every item.
 struct ConstantDrive : IWindowPrepare {
@@ -69,10 +64,7 @@ protected:
     ObservationTest() {
         engine.setHooks(nullptr, nullptr, &observer);
         for (const ModelTime time : {12, 18, 41}) {
-            Event input = observationAt(time);
-            input.kind = EventKind::input;
-            input.value = 1.0;
-            engine.post(input);
+            engine.post({.time = time, .kind = EventKind::input, .value = 1.0});
         }
     }
 
@@ -85,27 +77,6 @@ protected:
                         Kernel::Firing{.base_rate = 0.0}, 1, 100};
     CpuWindowBackend cpu;
 };
-
-TEST_F(ObservationTest, ShowsEachDeclaredMomentOnceAsOfItsTime) {
-    // Before, at the border of, inside, between and behind windows; an event at that instant is not
-    // yet shown.
-    const std::vector<ModelTime> times = {3, 10, 11, 12, 13, 18, 20, 33, 45, 99};
-    const std::vector<double> inputs = {0, 0, 0, 0, 1, 1, 2, 2, 3, 3};
-    declare(times);
-    engine.run(cpu);
-    engine.run(cpu);
-    ASSERT_EQ(observer.sights.size(), times.size());
-    for (std::size_t i = 0; i < times.size(); ++i) {
-        const KeepingObserver::Sight& sight = observer.sights[i];
-        EXPECT_EQ(sight.event.time, times[i]);
-        EXPECT_EQ(sight.states[0].membrane, inputs[i]) << "at " << times[i];
-        for (NodeId n = 0; n < 2; ++n) EXPECT_EQ(sight.states[n].last_update, times[i]);
-        EXPECT_EQ(sight.candidate_times, (std::vector<ModelTime>{no_time, no_time}));
-    }
-    // Looking leaves the neuron that had no event as it was.
-    EXPECT_EQ(engine.states()[1].last_update, 0);
-    EXPECT_EQ(engine.profile(), (WindowProfile{2, 3, 3, 0, 0}));
-}
 
 TEST_F(ObservationTest, ComesInOrderOfTimeAndThenOfDeclaration) {
     const std::uint64_t first_id = 9223372036854775807U;  // above every id of a store
@@ -132,9 +103,8 @@ TEST_F(ObservationTest, WaitsForTheRunAndForAnObserver) {
     engine.run(cpu, 10);
     declare({60});  // none has been delivered
     // The window of 10 to 20 is taken whole, from 11 on.
-    const std::pair<ModelTime, std::size_t> seen[] = {{10, 0}, {11, 1}, {20, 1},
-                                                      {25, 2}, {30, 3}, {31, 4}};
-    for (const auto& [until, count] : seen) {
+    using Seen = std::pair<ModelTime, std::size_t>;
+    for (const auto& [until, count] : {Seen{10, 0}, {11, 1}, {20, 1}, {25, 2}, {30, 3}, {31, 4}}) {
         SCOPED_TRACE("until " + std::to_string(until));
         engine.run(cpu, until);
         EXPECT_EQ(observer.sights.size(), count);
@@ -242,7 +212,12 @@ TEST_F(ObservationTest, ReseedGoesOnWithStreamsAndIdsUntilARunHasBegun) {
     const GeneratedModel model = generateModel(4, {12, 40, true, false});
     WindowEngine seeded = makeEngine(model);
     std::uint64_t id = 0;
-    for (const CandidateSlot& slot : seeded.candidates()) id += slot.event_id != no_event;
+    const auto expectIdsInNeuronOrder = [&] {
+        for (const CandidateSlot& slot : seeded.candidates()) {
+            EXPECT_EQ(slot.event_id, slot.time == no_time ? no_event : id++);
+        }
+    };
+    expectIdsInNeuronOrder();
     std::vector<double> bounds(model.node_count + 1, 0.1);
     const auto reseed = [&] { seeded.reseedInitialCandidates(bounds); };
     const char* const mismatch = "initial modulation bounds do not match neurons";
@@ -250,9 +225,7 @@ TEST_F(ObservationTest, ReseedGoesOnWithStreamsAndIdsUntilARunHasBegun) {
     bounds.pop_back();
     seeded.run(cpu, 0);
     reseed();  // no window has been run
-    for (const CandidateSlot& slot : seeded.candidates()) {
-        EXPECT_EQ(slot.event_id, slot.time == no_time ? no_event : id++);
-    }
+    expectIdsInNeuronOrder();
     EXPECT_GT(id, 10);
     seeded.run(cpu, model.horizon / 2);
     expectThrows<WindowEngineError>(reseed, "initial candidates can only be reseeded before run");

@@ -4,6 +4,7 @@
 
 #include <limits>
 #include <stdexcept>
+#include <tuple>
 
 #include "tests/support/ExpectThrows.h"
 
@@ -22,17 +23,14 @@ TEST(BenchmarkWorkload, HasTheNetworkThatReportsSpeakOf) {
     EXPECT_EQ(workload.firing, (Kernel::Firing{5.0, 2.0, 0.0, 1.0, 1.0, 1000000.0, false, {}}));
     ASSERT_EQ(workload.synapses.size(), 1600000U);
     // Worked out by hand from 131 + 7 * source + 131 * place, modulo 100000.
-    struct Case {
-        std::size_t edge;
-        NodeId source, target;
-    };
-    for (const Case& c : {Case{0, 0, 131}, Case{15, 0, 2096}, Case{16, 1, 138},
-                          Case{1599984, 99999, 124}, Case{1599999, 99999, 2089}}) {
-        SCOPED_TRACE(c.edge);
-        EXPECT_EQ(workload.synapses[c.edge].source, c.source);
-        EXPECT_EQ(workload.synapses[c.edge].target, c.target);
-        EXPECT_EQ(workload.synapses[c.edge].weight, 0.02F);
-        EXPECT_EQ(workload.synapses[c.edge].delay, 1000000);
+    using Edge = std::tuple<std::size_t, NodeId, NodeId>;
+    for (const auto& [edge, source, target] :
+         {Edge{0, 0, 131}, Edge{15, 0, 2096}, Edge{16, 1, 138}, Edge{1599984, 99999, 124},
+          Edge{1599999, 99999, 2089}}) {
+        const Synapse& synapse = workload.synapses[edge];
+        EXPECT_EQ(std::tuple(edge, synapse.source, synapse.target),
+                  std::tuple(edge, source, target));
+        EXPECT_EQ(std::tuple(synapse.weight, synapse.delay), std::tuple(0.02F, 1000000));
     }
 }
 

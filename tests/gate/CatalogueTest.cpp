@@ -8,7 +8,6 @@
 #include <optional>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "gate/GateRun.h"
 #include "kelm/core/Digest.h"
@@ -84,17 +83,15 @@ TEST_F(Catalogue, RunsToTheKnownResultsOnAnyBackendInAnyThreadOrder) {
 }
 
 TEST(ModelCatalogue, HasModelsByArithmeticAlone) {
-    CpuWindowBackend cpu;
-    const GateRun run = runModel(0, 1, cpu);
-    const std::vector<SpikeRecord> first = {{885298, 1}, {1758045, 4}, {2223007, 5}};
-    EXPECT_EQ(std::vector(run.log.begin(), run.log.begin() + 3), first);
-    EXPECT_EQ(run.hash, 0xd4962290def24958);
-    EXPECT_EQ(run.profile, (WindowProfile{18, 39, 39, 21, 18}));
-    EXPECT_EQ(run.committed_windows, 18);
     EXPECT_EQ(buildModel(~std::uint64_t{0}).graph.nodeCount(), 7);
     // 0.1 + 0.2 in binary, which is not the double nearest to 0.3.
     EXPECT_EQ(std::bit_cast<std::uint64_t>(buildModel(1).neuron.adaptation_increment),
               0x3fd3333333333334);
+    CpuWindowBackend cpu;
+    const GateRun run = runModel(0, 1, cpu);
+    EXPECT_EQ(run.log[1], (SpikeRecord{1758045, 4}));
+    EXPECT_EQ(run.hash, 0xd4962290def24958);
+    EXPECT_EQ(run.committed_windows, 18);
 }
 
 }  // namespace

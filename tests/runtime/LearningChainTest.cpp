@@ -8,8 +8,10 @@
 #include <utility>
 #include <vector>
 
+#include "kelm/core/Failures.h"
 #include "kelm/runtime/Homeostasis.h"
 #include "tests/support/Draws.h"
+#include "tests/support/ExpectThrows.h"
 #include "tests/support/PlainLearning.h"
 #include "tests/support/SameImages.h"
 
@@ -49,9 +51,9 @@ void drawSettings(Draws& draws, LearningControl& control, std::uint64_t neurons)
     control.setLearningEnabled(!draws.oneIn(6));
     for (std::uint32_t i = 0; i < 3; ++i) control.setFrozen(i, draws.oneIn(8));
     control.setWeightCap(draws.between(0.2, 2.0));
-    const double rate = std::vector{1.0, 0.4, 0.25, 5e-18}[draws.below(4)];
+    const double rate = draws.oneOf({1.0, 0.4, 0.25, 5e-18});
     control.setJournal(static_cast<JournalMode>(draws.below(3)), rate);
-    const double share = std::vector{0.0, 0.25, 1.0}[draws.below(3)];
+    const double share = draws.oneOf({0.0, 0.25, 1.0});
     const ModelTime tau = 1 + draws.timeBelow(5 * millisecond);
     control.setFastWeights(!draws.oneIn(3), tau, share);
 }
@@ -155,6 +157,23 @@ TEST(LearningChain, AgreesToTheBitWithThePlainRules) {
         }
         ASSERT_EQ(asked, seed % 2 == 0 ? 50 : 0) << "the gate is asked once a window";
     }
+}
+
+TEST(Homeostasis, RefusesABadCapWhereItIsOn) {
+    SynapseGraph graph(1, std::nullopt, {Synapse{.weight = 0.75F, .delay = 1}});
+    Homeostasis homeostasis;
+    for (const double cap : {0.0, -1.0, infinity, not_a_number}) {
+        const char* const text = "homeostasis cap must be finite and > 0";
+        expectRefusals<InvalidPlasticity>({{text,
+                                            [&] {
+                                                applyHomeostasis(graph, {true, cap});
+                                            }},
+                                           {text, [&] {
+                                                homeostasis.apply(graph, {true, cap});
+                                            }}});
+        EXPECT_EQ(homeostasis.apply(graph, {false, cap}), 0U);
+    }
+    EXPECT_EQ(homeostasis.apply(graph, {true, 0.5}), 1U) << "the refusals cost no neuron";
 }
 
 }  // namespace

@@ -88,20 +88,4 @@ std::uint64_t BlobLayout::number(std::string_view name) const {
     return numberAt(bytes_, begin(name));
 }
 
-std::string BlobLayout::place(std::size_t offset) const {
-    for (const Field& field : fields_) {
-        if (offset >= field.end) continue;
-        return "field " + field.name + ", byte " + std::to_string(offset - field.begin);
-    }
-    return "behind the last field";
-}
-
-std::string firstCheckpointDifference(const Blob& a, const Blob& b) {
-    const auto [at, other] = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
-    if (at == a.end() && other == b.end()) return {};
-    const auto offset = static_cast<std::size_t>(at - a.begin());
-    return BlobLayout(a).place(offset) + " (" + std::to_string(a.size()) + " vs " +
-           std::to_string(b.size()) + " bytes in all)";
-}
-
 }  // namespace Lumenar::Core::Kelm::Testing

@@ -34,8 +34,6 @@ public:
     std::size_t begin(std::string_view name) const { return field(name).begin; }
     /// The 64-bit number at the beginning of a field.
     std::uint64_t number(std::string_view name) const;
-    /// "field <name>, byte <offset in it>".
-    std::string place(std::size_t offset) const;
 
 private:
     void walk(std::string_view grammar);
@@ -46,8 +44,5 @@ private:
 
 /// The 64-bit number at `offset`.
 std::uint64_t numberAt(BlobView bytes, std::size_t offset);
-
-/// Names the first difference of two checkpoints; empty where they are equal.
-std::string firstCheckpointDifference(const Blob& a, const Blob& b);
 
 }  // namespace Lumenar::Core::Kelm::Testing

@@ -5,9 +5,9 @@
 #include <iterator>
 #include <utility>
 
-#include "tests/support/BlobLayout.h"
 #include "tests/support/Draws.h"
 #include "tests/support/RunImage.h"
+#include "tests/support/SameImages.h"
 
 namespace Lumenar::Core::Kelm::Testing {
 
@@ -298,7 +298,7 @@ bool ComposedModel::perform(std::size_t first, std::size_t end, KelmRuntime& run
 std::string firstDifference(KelmRuntime& a, KelmRuntime& b) {
     const std::string difference = firstDifference(imageOf(a), imageOf(b));
     if (!difference.empty()) return difference;
-    return firstCheckpointDifference(a.checkpoint(), b.checkpoint());
+    return differenceOf(BlobView(a.checkpoint()), BlobView(b.checkpoint()));
 }
 
 }  // namespace Lumenar::Core::Kelm::Testing

@@ -1,12 +1,11 @@
 #include "tests/support/RunImage.h"
 
 #include <algorithm>
-#include <array>
-#include <bit>
 #include <exception>
-#include <sstream>
+#include <span>
 
 #include "kelm/runtime/KelmRuntime.h"
+#include "tests/support/SameImages.h"
 
 namespace Lumenar::Core::Kelm::Testing {
 
@@ -24,25 +23,6 @@ RunImage imageOf(Run& run, std::span<const Kernel::State> states,
     return image;
 }
 
-/// Compares records word by word. `fields` names the words of one.
-template <class Record>
-std::string difference(const char* what, const std::vector<Record>& a, const std::vector<Record>& b,
-                       const std::array<const char*, sizeof(Record) / 8>& fields) {
-    using Words = std::array<std::uint64_t, sizeof(Record) / 8>;
-    std::ostringstream text;
-    for (std::size_t i = 0; i < std::min(a.size(), b.size()); ++i) {
-        const auto [x, y] = std::pair(std::bit_cast<Words>(a[i]), std::bit_cast<Words>(b[i]));
-        if (x == y) continue;
-        const auto at = static_cast<std::size_t>(
-            std::mismatch(x.begin(), x.end(), y.begin()).first - x.begin());
-        text << what << ' ' << i << ", " << fields[at] << ": 0x" << std::hex << x[at] << " vs 0x"
-             << y[at];
-        return text.str();
-    }
-    if (a.size() != b.size()) text << what << " count: " << a.size() << " vs " << b.size();
-    return text.str();
-}
-
 }  // namespace
 
 RunImage imageOf(WindowEngine& engine) {
@@ -54,16 +34,16 @@ RunImage imageOf(KelmRuntime& runtime) { return imageOf(runtime, runtime.neuronS
 std::string firstDifference(const RunImage& a, const RunImage& b) {
     const bool hidden = a.candidates.empty() || b.candidates.empty();
     const std::vector<CandidateSlot> none;
+    const auto differenceIn = [](const char* what, const auto& x, const auto& y) {
+        const std::string found = differenceOf(std::span(x), std::span(y));
+        return found.empty() ? found : what + found;
+    };
     for (const std::string& found : {
-             difference(
-                 "neuron", a.states, b.states,
-                 {"membrane", "adaptation", "last_update", "refractory_until", "hazard_bound"}),
-             difference("neuron", a.random_states, b.random_states, {"random state"}),
-             difference("neuron", hidden ? none : a.candidates, hidden ? none : b.candidates,
-                        {"candidate time", "candidate rate", "candidate event"}),
-             difference("spike", a.log, b.log, {"time", "neuron"}),
-             difference("run", std::vector{a.profile}, std::vector{b.profile},
-                        {"windows", "deliveries", "updates", "candidates", "accepted"}),
+             differenceIn("state ", a.states, b.states),
+             differenceIn("random state ", a.random_states, b.random_states),
+             differenceIn("candidate ", hidden ? none : a.candidates, hidden ? none : b.candidates),
+             differenceIn("spike ", a.log, b.log),
+             differenceIn("profile ", std::vector{a.profile}, std::vector{b.profile}),
          }) {
         if (!found.empty()) return found;
     }

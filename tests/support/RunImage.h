@@ -24,8 +24,8 @@ struct RunImage {
 RunImage imageOf(WindowEngine& engine);
 RunImage imageOf(KelmRuntime& runtime);
 
-/// Names the first difference of two runs: neuron or place, field, and both bit patterns. Empty
-/// where they are equal to the bit.
+/// Names the first difference of two runs: the list, the neuron or place in it, and both bit
+/// patterns. Empty where they are equal to the bit.
 std::string firstDifference(const RunImage& a, const RunImage& b);
 
 /// The text of what a run until `until` ns throws, or none.

@@ -4,24 +4,44 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <span>
+#include <sstream>
+#include <string>
 #include <type_traits>
 
 namespace Lumenar::Core::Kelm::Testing {
 
-/// Equality of two lists of records, byte for byte with their gaps.
+/// Names the first difference of two lists of records, byte for byte with their gaps: the record,
+/// the offset in it, and the word there of either. Empty where there is none.
+template <class Record>
+std::string differenceOf(std::span<const Record> a, std::span<const Record> b) {
+    static_assert(std::is_trivially_copyable_v<Record>);
+    const auto x = std::as_bytes(a);
+    const auto y = std::as_bytes(b);
+    const auto same = std::mismatch(x.begin(), x.end(), y.begin(), y.end()).first - x.begin();
+    const auto at = static_cast<std::size_t>(same);
+    if (at == x.size() && at == y.size()) return {};
+    const auto word = [at](std::span<const std::byte> bytes) {
+        std::uint64_t value = 0;
+        const std::span<const std::byte> rest = bytes.subspan(at / 8 * 8);
+        if (!rest.empty()) std::memcpy(&value, rest.data(), std::min<std::size_t>(8, rest.size()));
+        return value;
+    };
+    std::ostringstream text;
+    text << at / sizeof(Record) << ", offset " << at % sizeof(Record) << ": 0x" << std::hex
+         << word(x) << " vs 0x" << word(y) << std::dec << " (of " << a.size() << " vs " << b.size()
+         << ')';
+    return text.str();
+}
+
 template <class Record>
 ::testing::AssertionResult sameImages(std::span<const Record> actual,
                                       std::span<const Record> expected) {
-    static_assert(std::is_trivially_copyable_v<Record>);
-    const auto a = std::as_bytes(actual);
-    const auto b = std::as_bytes(expected);
-    const auto same = std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin();
-    const auto at = static_cast<std::size_t>(same);
-    if (at == a.size() && at == b.size()) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure()
-           << actual.size() << " records for " << expected.size() << ", equal up to record "
-           << at / sizeof(Record) << ", offset " << at % sizeof(Record);
+    const std::string difference = differenceOf(actual, expected);
+    if (difference.empty()) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "record " << difference;
 }
 
 }  // namespace Lumenar::Core::Kelm::Testing
