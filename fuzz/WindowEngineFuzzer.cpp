@@ -4,6 +4,7 @@
 #include "fuzz/Grammar.h"
 #include "fuzz/Subjects.h"
 #include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/lanes/LaneCpuBackend.h"
 
 using namespace Lumenar::Core;
 using namespace Lumenar::Core::Kelm;
@@ -46,11 +47,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     twin.setHooks(nullptr, nullptr, &observer);
     if (!acceptedByTwins(engine, twin, {data, size})) return 0;
 
+    // The twin also stands for the promise that every backend gives the same bits.
     CpuWindowBackend cpu;
+    LaneCpuBackend lanes;
     const ModelTime horizon = engine.horizon();
     // Nothing fires behind the horizon, so even the whole of time holds few windows.
     for (const ModelTime until : {horizon / 2, horizon, last_model_time}) {
-        if (!sameFor(engine, twin, [&](WindowEngine& e) { e.run(cpu, until); })) return 0;
+        const auto run = [&](WindowEngine& e) {
+            e.run(&e == &twin ? static_cast<IWindowBackend&>(lanes) : cpu, until);
+        };
+        if (!sameFor(engine, twin, run)) return 0;
     }
     readAll(engine);
     return 0;
