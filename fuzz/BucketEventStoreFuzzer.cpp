@@ -127,5 +127,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     stores.requireSame();
     require(stores.plain.isEmpty() == pending.empty(), "a store knows whether it is empty");
     drain(stores, pending);
+    if (!runsOutOfIds(taken)) requireRestorable(stores.held, makeStore(short_ring));
     return 0;
 }

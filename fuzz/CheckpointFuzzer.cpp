@@ -57,6 +57,7 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const BlobView bytes(data, size);
+    if (runsOutOfIds(bytes)) return 0;
     Run run;
     const Blob before = run.snapshot();
     bool accepted = false;
@@ -77,5 +78,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (!sameFor(run, twin, [](Run& r) { useAll(*r.runtime); })) return 0;
     }
     readAll(*run.runtime);
+    requireRestorable(run, Run());
     return 0;
 }

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <string>
 #include <string_view>
@@ -65,6 +67,25 @@ bool sameFor(Object& object, Object& twin, Action action) {
     if (!outcome.empty()) return false;
     require(object.snapshot() == twin.snapshot(), "twins do the same");
     return true;
+}
+
+/// Whatever came of an object, it can be carried on: `fresh` takes its snapshot.
+template <class Object>
+void requireRestorable(Object& object, Object&& fresh) {
+    const Blob end = object.snapshot();
+    require(fresh.restore(end), "an object reads a snapshot of what came of another");
+    require(fresh.snapshot() == end, "a snapshot of what came of an object restores to itself");
+}
+
+/// Whether a store in `bytes` has all but used up its ids: no store reads that it issued more than
+/// 2^40, which a run can only reach by being told so.
+inline bool runsOutOfIds(BlobView bytes) {
+    constexpr std::string_view tag = "KELMBKT1";
+    const auto store = std::search(bytes.begin(), bytes.end(), tag.begin(), tag.end());
+    if (bytes.end() - store < 41) return false;
+    std::uint64_t next_id = 0;
+    std::memcpy(&next_id, &*store + 33, 8);
+    return next_id > (std::uint64_t{1} << 40) - 100'000;
 }
 
 }  // namespace Lumenar::Core::Kelm::Fuzzing

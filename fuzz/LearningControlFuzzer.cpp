@@ -82,5 +82,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         l.control.setFastWeights(true, d_min, 0.5);
         l.learn(50 * d_min);
     });
+    requireRestorable(control, makeLearning());
     return 0;
 }

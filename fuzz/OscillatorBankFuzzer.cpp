@@ -49,5 +49,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 bank.couplingSteps() == static_cast<std::uint64_t>(now / period) + 10,
             "coupling takes its steps");
     requirePhases(bank, until);
+    requireRestorable(bank, makeOscillators());
     return 0;
 }

@@ -45,5 +45,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(std::ranges::all_of(engine.traces(),
                                 [](const SpikeTrace& t) { return t.updated == last_model_time; }),
             "traces are brought forward");
+    requireRestorable(engine, makePlasticity());
     return 0;
 }

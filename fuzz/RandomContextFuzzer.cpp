@@ -60,5 +60,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         c.stopTape("spontaneous", 0);
         c.advanceTo("stimulus", 0, c.rawState("stimulus", 0) + splitmix_increment);
     });
+    requireRestorable(context, RandomContext(3));
     return 0;
 }

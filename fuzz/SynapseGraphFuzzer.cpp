@@ -82,5 +82,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         applyHomeostasis(g, {true, 1e-300});
     });
     graph.takeReweightedTargets(targets);
+    requireRestorable(graph, makeGraph());
     return 0;
 }

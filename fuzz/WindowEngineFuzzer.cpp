@@ -40,6 +40,7 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (runsOutOfIds({data, size})) return 0;
     WindowEngine engine = makeEngine();
     WindowEngine twin = makeEngine();
     Observer observer;
@@ -59,5 +60,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (!sameFor(engine, twin, run)) return 0;
     }
     readAll(engine);
+    requireRestorable(engine, makeEngine());
     return 0;
 }
