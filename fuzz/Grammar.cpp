@@ -16,14 +16,15 @@ namespace {
 
 /// A blob taken apart by its grammar.
 struct Node {
-    char kind = '(';             ///< '0' bytes, '*', '+' or '?' repeated items, '(' items, '{' blob
-    Blob bytes;                  ///< of kind '0'
+    /// '0' bytes, '=' bytes that stay, '*', '+' or '?' repeated items, '(' items, '{' blob.
+    char kind = '(';
+    Blob bytes;                  ///< of the first two kinds
     std::vector<Node> children;  ///< of the others
 };
 
 /// Where the item at the head of `grammar` ends.
 std::size_t itemLength(std::string_view grammar) {
-    const std::size_t sign = std::min(grammar.find_first_not_of("*+?"), grammar.size());
+    const std::size_t sign = std::min(grammar.find_first_not_of("=*+?"), grammar.size());
     const char open = grammar[sign];
     if (open != '(' && open != '{') {
         return std::min(grammar.find_first_not_of("0123456789", sign), grammar.size());
@@ -66,8 +67,10 @@ bool parse(BlobReader& in, std::string_view grammar, Node& node) {
             count = there ? 1 : 0;
             break;
         default:
-            node.kind = '0';
-            if (!in.readView(std::stoull(std::string(grammar)), view)) return false;
+            if (node.kind != '=') node.kind = '0';
+            if (!in.readView(std::stoull(std::string(node.kind == '=' ? inner : grammar)), view)) {
+                return false;
+            }
             node.bytes.assign(view.begin(), view.end());
             return true;
     }
@@ -134,6 +137,13 @@ void mutateBytes(Blob& bytes, Testing::Draws& draws) {
     bytes.resize(length);
 }
 
+/// `item` so many times.
+std::string repeated(std::string_view item, std::size_t times) {
+    std::string list;
+    for (; times != 0; --times) list.append(item).append(" ");
+    return list;
+}
+
 }  // namespace
 
 std::size_t mutateBy(std::string_view grammar, std::uint8_t* data, std::size_t size,
@@ -144,14 +154,17 @@ std::size_t mutateBy(std::string_view grammar, std::uint8_t* data, std::size_t s
     if (draws.oneIn(10) || !parseList(in, grammar, root.children) || !in.atEnd()) {
         return LLVMFuzzerMutate(data, size, max_size);
     }
-    for (std::uint64_t left = 1 + draws.below(4); left != 0; --left) {
+    for (std::uint64_t left = 1 + draws.below(3) * draws.below(2); left != 0; --left) {
         std::vector<Node*> places;
         collect(root, places);
         Node& place = *places[draws.below(places.size())];
-        if (place.kind == '0') {
-            if (!place.bytes.empty()) mutateBytes(place.bytes, draws);
-        } else {
+        const Node& other = draws.oneIn(4) ? *places[draws.below(places.size())] : root;
+        if (place.kind != '0') {
             mutateItems(place.children, draws);
+        } else if (other.kind == '0' && other.bytes.size() == place.bytes.size()) {
+            place.bytes = other.bytes;  // names what exists, or comes at the same time
+        } else if (!place.bytes.empty()) {
+            mutateBytes(place.bytes, draws);
         }
     }
     Blob blob;
@@ -161,26 +174,20 @@ std::size_t mutateBy(std::string_view grammar, std::uint8_t* data, std::size_t s
     return blob.size();
 }
 
-std::string repeated(std::string_view item, std::size_t times) {
-    std::string list;
-    for (; times != 0; --times) list.append(item).append(" ");
-    return list;
-}
-
 std::string oscillatorGrammar(std::size_t oscillators) {
-    std::string grammar = "8 8 8 8 1 " + repeated("4 8 8 8 8", oscillators);
+    std::string grammar = "=16 8 8 1 " + repeated("=28 8", oscillators);
     grammar.pop_back();
     return grammar;
 }
 
 std::string engineGrammar(std::size_t neurons) {
-    return "8 8 " + repeated("8 8 8 8 8", neurons) + "{" + random_grammar + "} " +
-           repeated("8 8 8", neurons) + "*(8 8) 8 8 8 8 8 {" + graph_grammar + "} *" +
-           event_grammar + " 8 {" + store_grammar + "}";
+    return "=16 " + repeated("8 8 8 8 8", neurons) + "{" + random_grammar + "} " +
+           repeated("8 8 8", neurons) + "*(8 8) 8 8 8 8 8 {" + graph_grammar +
+           "} *(8 8 1 7 8 8 8 8 8) 8 {" + store_grammar + "}";
 }
 
 std::string checkpointGrammar(std::size_t neurons, std::size_t oscillators) {
-    return "8 *1 *1 8 8 8 {" + engineGrammar(neurons) + "} {" + plasticity_grammar + "} {" +
+    return "=8 *=1 *=1 =16 8 {" + engineGrammar(neurons) + "} {" + plasticity_grammar + "} {" +
            learning_grammar + "} {" + oscillatorGrammar(oscillators) +
            "} *(8 8 *(4 4 8)) *(8 4 8 *(4 4 8) ?8) *(8 *8 *8 8) *(8 ?8) *(8 1 8 8 8 8) *8 "
            "*(8 8 8 8 8 8) 8 8 " +

@@ -11,24 +11,21 @@ namespace Lumenar::Core::Kelm::Fuzzing {
 /// counts and lengths stay true; now and then one that respects nothing. Arguments and result are
 /// those of LLVMFuzzerCustomMutator.
 ///
-/// A grammar is a list of items. An item is a number of bytes; "*" or "+" and an item that comes as
-/// often as a count of 64 or 32 bits says; "?" and an item that is there where a byte is 1; items
-/// in brackets; or a grammar in braces, for a blob behind its length of 64 bits.
+/// A grammar is a list of items. An item is a number of bytes, behind "=" if they had better stay
+/// as they are, as without them nothing is read; "*" or "+" and an item that comes as often as a
+/// count of 64 or 32 bits says; "?" and an item that is there where a byte is 1; items in brackets;
+/// or a grammar in braces, for a blob behind its length of 64 bits.
 std::size_t mutateBy(std::string_view grammar, std::uint8_t* data, std::size_t size,
                      std::size_t max_size, unsigned int seed);
 
-/// `item` so many times.
-std::string repeated(std::string_view item, std::size_t times);
-
 // The grammars of the formats.
-inline constexpr const char* random_grammar = "8 8 +(+1 8 8 1 8 *8)";
-inline constexpr const char* graph_grammar = "8 8 1 8 1 1 *(8 8 4 8 1 4 8 8 1 4 8 1)";
-inline constexpr const char* event_grammar = "(8 8 1 7 8 8 8 8 8)";
-inline constexpr const char* store_grammar = "8 8 8 8 1 8 *(8 8 1 7 8 8 8 8 8)";
+inline constexpr const char* random_grammar = "=8 8 +(+1 8 8 1 8 *8)";
+inline constexpr const char* graph_grammar = "=16 1 8 1 1 *(8 8 4 8 1 4 8 8 1 4 8 1)";
+inline constexpr const char* store_grammar = "=24 8 1 8 *(8 8 1 7 8 8 8 8 8)";
 inline constexpr const char* plasticity_grammar =
-    "8 *(8 8 8 8 8) *(8 8) *(8 8 1 7 8 8 8 8 8 8 8 8 8 8 8 1 1 1 5)";
+    "=8 *(8 8 8 8 8) *(8 8) *(8 8 1 7 8 8 8 8 8 8 8 8 8 8 8 1 1 1 5)";
 inline constexpr const char* learning_grammar =
-    "8 *4 *(8 8 8 1 1 6) *1 *(8 8 8 8 8 8 8 8 8 8 8 1 1 6) *(8 1 7) *8 1 7 8 8 1 1 *4 1 8 8 1 1 1 "
+    "=8 *4 *(8 8 8 1 1 6) *1 *(8 8 8 8 8 8 8 8 8 8 8 1 1 6) *(8 1 7) *8 1 7 8 8 1 1 *4 1 8 8 1 1 1 "
     "1 8";
 std::string oscillatorGrammar(std::size_t oscillators);
 std::string engineGrammar(std::size_t neurons);
