@@ -14,4 +14,6 @@ if(KELM_BUILD_FUZZERS)
     endif()
     target_compile_options(kelm_build_options INTERFACE
         $<$<COMPILE_LANGUAGE:CXX>:-fsanitize=fuzzer-no-link>)
+    # Brings the runtime that instrumented code calls into programs that are no fuzzers.
+    target_link_options(kelm_build_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
