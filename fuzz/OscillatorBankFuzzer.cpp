@@ -11,9 +11,14 @@ using namespace Lumenar::Core::Kelm::Fuzzing;
 namespace {
 
 void requirePhases(const OscillatorBank& bank, ModelTime time) {
-    for (const PhaseSample& sample : bank.allPhases(time)) {
-        require(sample.phase >= 0.0 && sample.phase <= 6.2831853071795865, "a phase is wrapped");
-        require(sample.phase == bank.phaseOf(sample.oscillator, time), "a phase has one value");
+    const std::vector<PhaseSample> samples = bank.allPhases(time);
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        const double phase = samples[i].phase;
+        require(phase >= 0.0 && phase <= 6.2831853071795865, "a phase is wrapped");
+        require(phase == bank.phaseOf(samples[i].oscillator, time), "a phase has one value");
+        // The bank keeps answers, which must not outlive the offset that they were given under.
+        require(phase == phaseAt(bank.oscillators()[i], time, bank.phaseOffsets()[i]),
+                "a phase is that of its offset");
     }
 }
 
@@ -28,7 +33,7 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     OscillatorBank bank = makeOscillators();
     OscillatorBank twin = makeOscillators();
-    (void)bank.allPhases(0);  // an answer that must not outlive the restore
+    (void)bank.allPhases(0);
     if (!acceptedByTwins(bank, twin, {data, size})) return 0;
     for (const ModelTime time : {ModelTime{0}, ModelTime{1}, last_model_time, -last_model_time}) {
         requirePhases(bank, time);
