@@ -40,6 +40,17 @@ need_build_tools() {
     need libgtest-dev has_header gtest/gtest.h
 }
 
+has_libfuzzer() {
+    local runtime
+    runtime=$(clang++ -print-runtime-dir 2>/dev/null) && compgen -G "$runtime/libclang_rt.fuzzer*.a" \
+        >/dev/null
+}
+
+need_fuzzing_tools() {
+    need clang has_command clang++
+    need libclang-rt-14-dev has_libfuzzer
+}
+
 # Prints where nvcc is, if it is anywhere: toolkits do not put themselves on the PATH.
 find_nvcc() {
     local candidate

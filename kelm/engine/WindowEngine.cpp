@@ -557,7 +557,7 @@ bool WindowEngine::restore(BlobView blob) {
     spontaneous_ = spontaneous;
     candidates_ = std::move(candidates);
     log_ = std::move(log);
-    log_sorted_ = true;
+    log_sorted_ = std::is_sorted(log_.begin(), log_.end(), SpikeRecordLess());
     profile_ = profile;
     observer_events_ = std::move(observations);
     observer_cursor_ = cursor;

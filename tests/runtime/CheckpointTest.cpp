@@ -208,6 +208,16 @@ TEST_F(CheckpointTest, GapsAndFlagsComeBackAsZeroAndOne) {
     }
 }
 
+TEST_F(CheckpointTest, OfALogOutOfOrderComesBackInOrder) {
+    ASSERT_GE(layout.number("log"), 2);
+    Blob forged = bytes;
+    const auto first = forged.begin() + static_cast<std::ptrdiff_t>(layout.begin("log")) + 8;
+    std::swap_ranges(first, first + 16, first + 16);
+    const auto fresh = model.build(cpu);
+    ASSERT_TRUE(fresh->restore(forged));
+    EXPECT_EQ(firstCheckpointDifference(bytes, fresh->checkpoint()), "");
+}
+
 TEST_F(CheckpointTest, WithAnyByteChangedIsRefusedOrRuns) {
     Draws draws(3);
     int refused = 0, ended = 0, ran = 0;

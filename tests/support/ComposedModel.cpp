@@ -263,11 +263,13 @@ ComposedModel generateComposedModel(std::uint64_t seed, const ComposedTraits& tr
     return model;
 }
 
-std::unique_ptr<KelmRuntime> ComposedModel::build(IWindowBackend& backend, bool recorded) const {
-    std::unique_ptr<KelmRuntime> runtime(new KelmRuntime(makeKelmRuntime(
-        network.graph(), network.neurons[0], network.firings[0], network.run_seed, network.horizon,
-        &backend, nullptr, plasticity, phase, recorded ? std::optional(recorder) : std::nullopt,
-        channels, prediction, network.seed, "composed")));
+std::unique_ptr<KelmRuntime> ComposedModel::build(IWindowBackend& backend, bool recorded,
+                                                  std::unique_ptr<IEventStore> store) const {
+    std::unique_ptr<KelmRuntime> runtime(new KelmRuntime(
+        makeKelmRuntime(network.graph(), network.neurons[0], network.firings[0], network.run_seed,
+                        network.horizon, &backend, std::move(store), plasticity, phase,
+                        recorded ? std::optional(recorder) : std::nullopt, channels, prediction,
+                        network.seed, "composed")));
     runtime->oscillators()->setMemberships(memberships);
     runtime->learningControl()->setModulator(
         [period = gate_period](ModelTime window_end) { return window_end / period % 4 != 3; });

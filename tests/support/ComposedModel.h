@@ -52,8 +52,9 @@ struct ComposedModel {
     /// A runtime for the model at time 0, labelled "composed" and with its seed as configuration
     /// id; with what no checkpoint carries: memberships, the gate
     /// and, in some models, a third factor of learning. Without `recorded` nobody looks on, which
-    /// is to change nothing else.
-    std::unique_ptr<KelmRuntime> build(IWindowBackend& backend, bool recorded = true) const;
+    /// is to change nothing else. `store`: null for the engine's own.
+    std::unique_ptr<KelmRuntime> build(IWindowBackend& backend, bool recorded = true,
+                                       std::unique_ptr<IEventStore> store = nullptr) const;
 
     /// Performs the steps from `first` to `end`, exclusive, and appends what each came to: ids of
     /// events, or the text of what was thrown. False where a run threw, which is the end: such a

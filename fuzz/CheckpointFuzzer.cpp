@@ -1,0 +1,83 @@
+#include "kelm/runtime/Checkpoint.h"
+
+#include "fuzz/Fuzzing.h"
+#include "fuzz/Grammar.h"
+#include "fuzz/Subjects.h"
+
+using namespace Lumenar::Core;
+using namespace Lumenar::Core::Kelm;
+using namespace Lumenar::Core::Kelm::Fuzzing;
+
+namespace {
+
+/// A runtime as the other fuzzers know their objects.
+struct Run {
+    std::unique_ptr<KelmRuntime> runtime = makeRuntime();
+
+    Blob snapshot() { return runtime->checkpoint(); }
+    bool restore(BlobView bytes) { return runtime->restore(bytes); }
+};
+
+/// Whether a refusal has come so late that it may have left its mark: with the engine in force.
+bool acceptsEngine(BlobView bytes) {
+    BlobReader in(bytes);
+    Checkpoint::Head head;
+    BlobView engine;
+    return Checkpoint::readHead(in, engine_version, head) && in.readNested(engine) &&
+           makeEngine().restore(engine);
+}
+
+void readAll(KelmRuntime& runtime) {
+    (void)runtime.logHash();
+    for (NodeId n = 0; n < runtime.graph().nodeCount(); ++n) (void)runtime.spontaneousState(n);
+    (void)runtime.recorder()->causes();
+    for (std::size_t i = 0; i < runtime.prediction()->channels().size(); ++i) {
+        (void)runtime.prediction()->latestObservation(i);
+    }
+}
+
+/// What a caller does: everything that was refused on the way is refused for both.
+void useAll(KelmRuntime& runtime) {
+    const ModelTime soon = model().network.horizon / 2;
+    for (const InputChannelSpec& channel : model().channels) {
+        (void)outcomeOf([&] { runtime.inject(channel.name, soon, 0.5); });
+    }
+    (void)outcomeOf([&] { runtime.perturb({7, soon + 1, PerturbationKind{}, 0.5, {0}}); });
+    (void)outcomeOf([&] { runtime.prediction()->observeValue(0, 0.5, 0.25, soon); });
+}
+
+}  // namespace
+
+extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
+                                               std::size_t max_size, unsigned int seed) {
+    static const std::string grammar =
+        checkpointGrammar(model().network.node_count, model().phase.oscillators.size());
+    return mutateBy(grammar, data, size, max_size, seed);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const BlobView bytes(data, size);
+    if (runsOutOfIds(bytes)) return 0;
+    Run run;
+    const Blob before = run.snapshot();
+    bool accepted = false;
+    const std::string outcome = outcomeOf([&] { accepted = run.restore(bytes); });
+    if (!accepted) {
+        require(run.snapshot() == before || (outcome.empty() && acceptsEngine(bytes)),
+                "a refusal before the engine is in force leaves a runtime as it was");
+        return 0;
+    }
+    const Blob taken = run.snapshot();
+    Run twin;
+    require(twin.restore(taken), "a runtime reads its own checkpoint");
+    require(twin.snapshot() == taken, "a checkpoint restores to itself");
+
+    const ModelTime horizon = model().network.horizon;
+    for (const ModelTime until : {horizon / 2, horizon, horizon + 8 * model().network.d_min}) {
+        if (!sameFor(run, twin, [&](Run& r) { r.runtime->run(until); })) return 0;
+        if (!sameFor(run, twin, [](Run& r) { useAll(*r.runtime); })) return 0;
+    }
+    readAll(*run.runtime);
+    requireRestorable(run, Run());
+    return 0;
+}

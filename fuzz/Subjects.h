@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kelm/core/Blob.h"
+#include "kelm/engine/WindowEngine.h"
+#include "kelm/events/BucketEventStore.h"
+#include "kelm/network/SynapseGraph.h"
+#include "kelm/runtime/KelmRuntime.h"
+#include "kelm/runtime/LearningControl.h"
+#include "kelm/runtime/OscillatorBank.h"
+#include "kelm/runtime/PlasticityEngine.h"
+#include "tests/support/ComposedModel.h"
+
+namespace Lumenar::Core::Kelm::Fuzzing {
+
+/// The model whose parts the fuzzers restore: a few neurons with every part on.
+const Testing::ComposedModel& model();
+
+// Fresh objects of the model.
+SynapseGraph makeGraph();
+WindowEngine makeEngine();
+OscillatorBank makeOscillators();
+PlasticityEngine makePlasticity();
+LearningControl makeLearning();
+std::unique_ptr<KelmRuntime> makeRuntime();
+
+/// The model's store, or one whose ring is so short that most events lie beyond it.
+BucketEventStore makeStore(bool short_ring);
+inline constexpr std::uint64_t short_ring_buckets = 8;
+
+struct Seed {
+    std::string reader;
+    Blob bytes;
+};
+
+/// What the model's parts have written on the way through its run.
+std::vector<Seed> realSnapshots();
+
+}  // namespace Lumenar::Core::Kelm::Fuzzing

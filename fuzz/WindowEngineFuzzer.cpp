@@ -1,0 +1,65 @@
+#include <algorithm>
+
+#include "fuzz/Fuzzing.h"
+#include "fuzz/Grammar.h"
+#include "fuzz/Subjects.h"
+#include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/lanes/LaneCpuBackend.h"
+
+using namespace Lumenar::Core;
+using namespace Lumenar::Core::Kelm;
+using namespace Lumenar::Core::Kelm::Fuzzing;
+
+namespace {
+
+struct Observer final : IWindowObserver {
+    void observe(const Event& event, std::span<const Kernel::State> states,
+                 SynapseGraph& graph) override {
+        observe(event, states, {}, graph);
+    }
+    void observe(const Event&, std::span<const Kernel::State> states,
+                 std::span<const ModelTime> candidate_times, SynapseGraph&) override {
+        require(states.size() == candidate_times.size(), "an observer sees every neuron");
+    }
+};
+
+void readAll(WindowEngine& engine) {
+    const auto log = engine.spikeLog();
+    require(std::is_sorted(log.begin(), log.end(), SpikeRecordLess()), "a log is in order");
+    (void)engine.logHash();
+    for (NodeId n = 0; n < engine.states().size(); ++n) (void)engine.spontaneousState(n);
+    require(!engine.isPristine(), "an engine that was restored is not as it was built");
+}
+
+}  // namespace
+
+extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
+                                               std::size_t max_size, unsigned int seed) {
+    static const std::string grammar = engineGrammar(model().network.node_count);
+    return mutateBy(grammar, data, size, max_size, seed);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (runsOutOfIds({data, size})) return 0;
+    WindowEngine engine = makeEngine();
+    WindowEngine twin = makeEngine();
+    Observer observer;
+    engine.setHooks(nullptr, nullptr, &observer);
+    twin.setHooks(nullptr, nullptr, &observer);
+    if (!acceptedByTwins(engine, twin, {data, size})) return 0;
+
+    // The twin also stands for the promise that every backend gives the same bits.
+    CpuWindowBackend cpu;
+    LaneCpuBackend lanes;
+    const ModelTime horizon = engine.horizon();
+    // Nothing fires behind the horizon, so even the whole of time holds few windows.
+    for (const ModelTime until : {horizon / 2, horizon, last_model_time}) {
+        const auto run = [&](WindowEngine& e) {
+            e.run(&e == &twin ? static_cast<IWindowBackend&>(lanes) : cpu, until);
+        };
+        if (!sameFor(engine, twin, run)) return 0;
+    }
+    readAll(engine);
+    requireRestorable(engine, makeEngine());
+    return 0;
+}
