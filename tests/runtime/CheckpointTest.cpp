@@ -215,7 +215,7 @@ TEST_F(CheckpointTest, OfALogOutOfOrderComesBackInOrder) {
     std::swap_ranges(first, first + 16, first + 16);
     const auto fresh = model.build(cpu);
     ASSERT_TRUE(fresh->restore(forged));
-    EXPECT_EQ(firstCheckpointDifference(bytes, fresh->checkpoint()), "");
+    EXPECT_TRUE(sameImages<std::uint8_t>(fresh->checkpoint(), bytes));
 }
 
 TEST_F(CheckpointTest, WithAnyByteChangedIsRefusedOrRuns) {
