@@ -23,8 +23,17 @@ void* operator new(std::size_t size) {
     if (block == nullptr) throw std::bad_alloc();
     return block;
 }
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    ++allocation_count;
+    const auto unit = static_cast<std::size_t>(alignment);
+    void* block = std::aligned_alloc(unit, (size / unit + 1) * unit);
+    if (block == nullptr) throw std::bad_alloc();
+    return block;
+}
 void operator delete(void* block) noexcept { std::free(block); }
 void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+void operator delete(void* block, std::align_val_t) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t, std::align_val_t) noexcept { std::free(block); }
 
 namespace Lumenar::Core::Kelm {
 

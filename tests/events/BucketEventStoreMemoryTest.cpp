@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <vector>
 
@@ -19,27 +20,43 @@ std::size_t bytes_in_use = 0;
 std::size_t failing_allocation = 0;
 
 /// Before each allocation stands its length.
-constexpr std::size_t head_bytes = alignof(std::max_align_t);
+std::size_t headOf(std::size_t alignment) { return std::max(alignment, alignof(std::max_align_t)); }
+
+void* allocate(std::size_t length, std::size_t alignment) {
+    if (failing_allocation != 0 && --failing_allocation == 0) throw std::bad_alloc();
+    const std::size_t head = headOf(alignment);
+    void* memory = std::aligned_alloc(head, (length + 2 * head - 1) / head * head);
+    if (memory == nullptr) throw std::bad_alloc();
+    char* pointer = static_cast<char*>(memory) + head;
+    std::memcpy(pointer - sizeof(length), &length, sizeof(length));
+    bytes_in_use += length;
+    return pointer;
+}
+
+void release(void* pointer, std::size_t alignment) noexcept {
+    if (pointer == nullptr) return;
+    std::size_t length = 0;
+    std::memcpy(&length, static_cast<char*>(pointer) - sizeof(length), sizeof(length));
+    bytes_in_use -= length;
+    std::free(static_cast<char*>(pointer) - headOf(alignment));
+}
 
 }  // namespace
 
-void* operator new(std::size_t length) {
-    if (failing_allocation != 0 && --failing_allocation == 0) throw std::bad_alloc();
-    void* memory = std::malloc(length + head_bytes);
-    if (memory == nullptr) throw std::bad_alloc();
-    *static_cast<std::size_t*>(memory) = length;
-    bytes_in_use += length;
-    return static_cast<char*>(memory) + head_bytes;
+// Out of line, where the compiler does not hold one form of them against another.
+[[gnu::noinline]] void* operator new(std::size_t length) { return allocate(length, 1); }
+[[gnu::noinline]] void* operator new(std::size_t length, std::align_val_t alignment) {
+    return allocate(length, static_cast<std::size_t>(alignment));
 }
-
-void operator delete(void* pointer) noexcept {
-    if (pointer == nullptr) return;
-    void* memory = static_cast<char*>(pointer) - head_bytes;
-    bytes_in_use -= *static_cast<std::size_t*>(memory);
-    std::free(memory);
+[[gnu::noinline]] void operator delete(void* pointer) noexcept { release(pointer, 1); }
+[[gnu::noinline]] void operator delete(void* pointer, std::size_t) noexcept { release(pointer, 1); }
+[[gnu::noinline]] void operator delete(void* pointer, std::align_val_t alignment) noexcept {
+    release(pointer, static_cast<std::size_t>(alignment));
 }
-
-void operator delete(void* pointer, std::size_t) noexcept { operator delete(pointer); }
+[[gnu::noinline]] void operator delete(void* pointer, std::size_t,
+                                       std::align_val_t alignment) noexcept {
+    release(pointer, static_cast<std::size_t>(alignment));
+}
 
 namespace Lumenar::Core::Kelm {
 namespace {
