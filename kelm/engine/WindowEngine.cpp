@@ -247,7 +247,7 @@ void WindowEngine::runWindows(Store& store, IWindowBackend& backend, ModelTime u
         deliverObservations(window, window.start, false);
         window.log_mark = log_.size();
         const std::size_t part_items = partItems(window, backend);
-        while (window.built < window.events.size()) {
+        do {
             const bool first_part = window.built == 0;
             buildWork(window, part_items);
             const std::span<WindowWork> work(window.work.data(), window.item_count);
@@ -262,7 +262,7 @@ void WindowEngine::runWindows(Store& store, IWindowBackend& backend, ModelTime u
                 profile_.deliveries += window.events.size();
             }
             commitItems(store, window);
-        }
+        } while (window.built < window.events.size());
         if (commit_hook_ != nullptr) {
             // A copy: the hook may look at the log, which sorts it.
             window.new_spikes.assign(log_.begin() + static_cast<std::ptrdiff_t>(window.log_mark),
@@ -278,7 +278,10 @@ void WindowEngine::runWindows(Store& store, IWindowBackend& backend, ModelTime u
 /// writes, so parts leave the same as the whole; but a hook before the backend and an observation
 /// inside the window have to see all items.
 std::size_t WindowEngine::partItems(const Window& window, IWindowBackend& backend) const {
-    if (prepare_hook_ != nullptr || observationDue(window.end)) return IWindowBackend::whole_window;
+    // Whoever is to observe may still come by the commit hook.
+    const bool observed = observer_cursor_ < observer_events_.size() &&
+                          observer_events_[observer_cursor_].time < window.end;
+    if (prepare_hook_ != nullptr || observed) return IWindowBackend::whole_window;
     return std::max<std::size_t>(backend.partItems(), 1);
 }
 

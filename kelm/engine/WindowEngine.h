@@ -89,7 +89,7 @@ public:
     /// other fields are handed through. Returns the id given to it; at equal times observations
     /// come in the order of declaration. They do not disturb the run: they enter neither the store
     /// nor a counter, and a moment inside a window is reached by repeating the window's work on
-    /// copies.
+    /// copies. Call it between runs.
     /// Throws WindowEngineError once an observation has been delivered.
     std::uint64_t declareObserverEvent(const Event& event);
 

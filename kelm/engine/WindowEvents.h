@@ -130,7 +130,9 @@ private:
         const auto earlier = [this](std::uint64_t a, std::uint64_t b) {
             const Input x = inputOf(a);
             const Input y = inputOf(b);
-            return x.time != y.time ? x.time < y.time : x.id < y.id;
+            if (x.time != y.time) return x.time < y.time;
+            // Equal ids can only come from a store that was handed in: by place, its own order.
+            return x.id != y.id ? x.id < y.id : a < b;
         };
         const auto begin = keys_.begin();
         if (end - first > max_inserted) {

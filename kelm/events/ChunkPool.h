@@ -113,7 +113,6 @@ private:
         if (free_ != nullptr) free_->prefetch();
     }
     void addBlock() {
-        blocks_.reserve(blocks_.size() + 1);
         const std::size_t count = next_block_chunks_;
         blocks_.push_back(std::make_unique<Chunk[]>(count));
         for (std::size_t i = count; i-- > 0;) release(&blocks_.back()[i]);
