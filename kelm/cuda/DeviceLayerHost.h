@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <numeric>
 
+#include "kelm/core/Prefetch.h"
+
 // A kernel becomes the body of the loop over its threads: called out of line, every thread would
 // copy the arguments.
 #define KELM_KERNEL [[gnu::always_inline]] static inline void
@@ -22,7 +24,7 @@ inline std::uint64_t threadIndex() { return emulated_thread_index; }
 
 /// Threads of neighbouring indices mostly run one after the other.
 inline constexpr std::uint64_t lookahead = 24;
-inline void prefetch(const void* address) { __builtin_prefetch(address); }
+inline void prefetch(const void* address) { prefetchLine(address); }
 
 inline std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t amount) {
     return std::atomic_ref<std::uint64_t>(*counter).fetch_add(amount, std::memory_order_relaxed);

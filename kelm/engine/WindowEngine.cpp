@@ -22,6 +22,7 @@ constexpr std::uint64_t calendar_buckets = 4096;
 /// How many events ahead a window's memory is asked for: far enough for it to come, near enough for
 /// it to stay.
 constexpr std::size_t prefetch_distance = 16;
+/// The same in items, for the synapses of those that fired unexpectedly.
 constexpr std::size_t commit_distance = 8;
 constexpr const char* spontaneous_name = "spontaneous";
 constexpr std::uint64_t first_observation_id = 0x7fffffffffffffff;
