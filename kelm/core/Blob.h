@@ -67,8 +67,8 @@ void appendSequence(Blob& blob, std::span<const Record> records) {
     appendU64(blob, records.size());
     appendImages(blob, records);
 }
-template <class Record>
-void appendSequence(Blob& blob, const std::vector<Record>& records) {
+template <class Record, class Allocator>
+void appendSequence(Blob& blob, const std::vector<Record, Allocator>& records) {
     appendSequence(blob, std::span<const Record>(records));
 }
 /// A blob inside a blob, behind its length.
@@ -130,8 +130,8 @@ public:
     }
     /// `count` records one behind the other. False, before storage is sized, for a count that the
     /// remaining bytes cannot hold.
-    template <class Record>
-    [[nodiscard]] bool readImages(std::uint64_t count, std::vector<Record>& records) {
+    template <class Record, class Allocator>
+    [[nodiscard]] bool readImages(std::uint64_t count, std::vector<Record, Allocator>& records) {
         static_assert(std::is_trivially_copyable_v<Record>);
         if (count > remaining() / sizeof(Record)) return false;
         records.resize(static_cast<std::size_t>(count));
@@ -139,8 +139,8 @@ public:
     }
     /// A sequence of records, as appendSequence writes it. False as above. Gaps come in as they
     /// stand; a reader that hands the records on clears them.
-    template <class Record>
-    [[nodiscard]] bool readSequence(std::vector<Record>& records) {
+    template <class Record, class Allocator>
+    [[nodiscard]] bool readSequence(std::vector<Record, Allocator>& records) {
         const std::size_t before = cursor_;
         std::uint64_t count = 0;
         if (readU64(count) && readImages(count, records)) return true;

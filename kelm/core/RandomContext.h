@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "kelm/core/Blob.h"
-#include "kelm/core/Prefetch.h"
+#include "kelm/core/LargePages.h"
 #include "kelm/core/SplitMix64.h"
 
 namespace Lumenar::Core::Runtime {
@@ -74,10 +74,10 @@ public:
         return stateOf(table, index);
     }
 
-    /// Hints that a stream of the family is asked for soon.
-    void prefetch(Family family, std::uint64_t index) const {
-        const FamilyTable& table = families_[family.place_];
-        if (index < table.dense.size()) Kelm::prefetchLine(&table.dense[index]);
+    /// The raw states of the family's streams 0, 1, 2 and so on, up to the first that does not
+    /// exist. The view is valid until a stream is created, or the context assigned to or restored.
+    std::span<const std::uint64_t> firstStates(Family family) const {
+        return families_[family.place_].dense;
     }
 
     /// Moves a stream by one step and returns its value, whatever the stream's mode; a tape is
@@ -142,7 +142,7 @@ private:
     /// sparse. Every sparse index is above dense.size().
     struct FamilyTable {
         std::string name;
-        std::vector<std::uint64_t> dense;
+        Kelm::LargeArray<std::uint64_t> dense;
         std::map<std::uint64_t, std::uint64_t> sparse;
         std::map<std::uint64_t, Tape> tapes;  ///< of streams that record, replay or have a past
     };

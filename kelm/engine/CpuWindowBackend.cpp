@@ -6,24 +6,38 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// By their bytes: equal numbers can be other bits, and a NaN equals nothing.
-bool haveEqualParameters(const WindowWork& a, const WindowWork& b) {
-    return std::memcmp(&a.parameters, &b.parameters, sizeof(Kernel::Neuron)) == 0 &&
-           std::memcmp(&a.firing, &b.firing, sizeof(Kernel::Firing)) == 0;
-}
+/// The terms of the parameters met last: neurons are mostly alike, also from call to call.
+struct RecentTerms {
+    bool known = false;
+    Kernel::Neuron neuron;
+    Kernel::Firing firing;
+    Kernel::ModelTerms terms;
+
+    const Kernel::ModelTerms& of(const WindowWork& item) {
+        // By their bytes: equal numbers can be other bits, and a NaN equals nothing.
+        if (!known || std::memcmp(&item.parameters, &neuron, sizeof(Kernel::Neuron)) != 0 ||
+            std::memcmp(&item.firing, &firing, sizeof(Kernel::Firing)) != 0) {
+            neuron = item.parameters;
+            firing = item.firing;
+            terms = Kernel::modelTerms(neuron, firing);
+            known = true;
+        }
+        return terms;
+    }
+};
+
+/// A thread's own, so that backends hold no state. It shows in nothing but time.
+thread_local constinit RecentTerms recent_terms;
 
 }  // namespace
 
 void processItems(std::span<const WindowWork> work, std::span<const Kernel::WindowEvent> events,
                   ModelTime window_end, ModelTime horizon,
                   std::span<Kernel::WindowResult> results) {
-    Kernel::ModelTerms terms;
+    RecentTerms& terms = recent_terms;
     for (std::size_t i = 0; i < work.size(); ++i) {
-        const WindowWork& item = work[i];
-        if (i == 0 || !haveEqualParameters(item, work[i - 1])) {
-            terms = Kernel::modelTerms(item.parameters, item.firing);
-        }
-        results[i] = Kernel::processWindow(item, terms, events.data(), window_end, horizon);
+        results[i] =
+            Kernel::processWindow(work[i], terms.of(work[i]), events.data(), window_end, horizon);
     }
 }
 

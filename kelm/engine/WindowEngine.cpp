@@ -197,14 +197,16 @@ bool WindowEngine::isPristine() {
 }
 
 void WindowEngine::adoptWholeRun(WholeRun&& run) {
+    LargeArray<Kernel::State> states(run.states.begin(), run.states.end());
+    LargeArray<CandidateSlot> candidates(run.candidates.begin(), run.candidates.end());
     auto store = makeStore();
-    store->holdCandidates(run.candidates);
+    store->holdCandidates(candidates);
     if (run.next_window) store->resumeAt(*run.next_window);
     for (const Event& event : run.pending_events) store->post(event);
 
-    states_ = std::move(run.states);
+    states_ = std::move(states);
     pending_random_states_ = std::move(run.random_states);
-    candidates_ = std::move(run.candidates);
+    candidates_ = std::move(candidates);
     log_ = std::move(run.log);
     log_sorted_ = true;
     profile_ = run.profile;
@@ -286,41 +288,23 @@ std::size_t WindowEngine::partItems(const Window& window, IWindowBackend& backen
     return std::max<std::size_t>(backend.partItems(), 1);
 }
 
-/// Fills in what the window gives an item; parameters and drive are there already, see buildWork.
-void WindowEngine::fillItem(WindowWork& item, NodeId neuron) {
-    item.neuron = neuron;
-    item.state = states_[neuron];
-    item.rng = random_.rawState(spontaneous_, neuron);
-    item.pending_time = candidates_[neuron].time;
-    item.pending_bound = candidates_[neuron].rate;
-}
-
-/// Whether a neuron will probably fire before `end`.
-bool WindowEngine::candidateDue(NodeId neuron, ModelTime end) const {
-    const ModelTime time = candidates_[neuron].time;
-    return time >= 0 && time < end;
-}
-
-/// Asks for all that an item needs until its commit, once its first event is near: for where its
-/// synapses lie in a second step, and in a third, see buildWork, for the synapses.
-inline void WindowEngine::prefetchItem(const Window& window, std::size_t event) const {
-    if (event >= window.events.size()) return;
-    window.events.prefetch(event);
-    const NodeId n = window.events.targetAt(event);
-    // Both ends: every other state lies across two lines.
-    prefetchLine(&states_[n]);
-    prefetchLine(&states_[n].hazard_bound);
-    prefetchLine(&candidates_[n]);
-    prefetchLine(&candidates_[n].event_id);
-    random_.prefetch(spontaneous_, n);
-    if (calendar_ != nullptr) calendar_->prefetchCandidate(n);
-    const NodeId nearer = window.events.targetAt(event - prefetch_distance / 2);
-    if (candidateDue(nearer, window.end)) graph_.prefetchRoute(nearer);
-}
-
 /// Builds the next items, `item_limit` at most.
 void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
-    WindowEvents& events = window.events;
+    const WindowEvents::View events = window.events.view();
+    std::span<const std::uint64_t> streams = random_.firstStates(spontaneous_);
+    // Asks for all that an item needs until its commit, once its first event is near. Both ends of
+    // a state: every other one lies across two lines.
+    const auto prefetch = [&, states = states_.data(), slots = candidates_.data()](std::size_t i) {
+        if (i >= events.size()) return;
+        events.prefetch(i);
+        const NodeId n = events.targetAt(i);
+        prefetchLine(&states[n]);
+        prefetchLine(&states[n].hazard_bound);
+        prefetchLine(&slots[n]);
+        prefetchLine(&slots[n].event_id);
+        prefetchLine(streams.data() + n);
+        if (calendar_ != nullptr) calendar_->prefetchCandidate(n);
+    };
     const std::size_t part = window.built;
     // Items stay from window to window. Parameters that are alike for all neurons are in them from
     // their making, and so is the empty drive, unless a hook may have changed either.
@@ -342,21 +326,29 @@ void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
             item.firing = firingOf(n);
             item.drive = PhaseDrive();
         }
-        fillItem(item, n);
-        if (candidateDue(n, window.end)) graph_.prefetchSynapses(n);
+        item.neuron = n;
+        item.state = states_[n];
+        if (n < streams.size()) {
+            item.rng = streams[n];
+        } else {
+            // A forged snapshot may have left some out.
+            item.rng = random_.rawState(spontaneous_, n);
+            streams = random_.firstStates(spontaneous_);
+        }
+        item.pending_time = candidates_[n].time;
+        item.pending_bound = candidates_[n].rate;
         const std::size_t end = events.orderTarget(first);
         item.first_event = static_cast<std::uint32_t>(first - part);
         item.event_count = static_cast<std::uint32_t>(end - first);
         if (window.item_events.size() < end - part) window.item_events.resize(2 * (end - part));
-        for (std::size_t i = first; i < end; ++i) {
-            prefetchItem(window, i + prefetch_distance);
-            const WindowEvents::Input input = events.inputAt(i);
-            Kernel::WindowEvent& entry = window.item_events[i - part];
-            entry.time = input.time;
-            entry.value = input.value;
-            entry.wake_only = input.wake_only;
+        Kernel::WindowEvent* entry = window.item_events.data() + (first - part);
+        for (; first < end; ++first, ++entry) {
+            prefetch(first + prefetch_distance);
+            const WindowEvents::Input input = events.inputAt(first);
+            entry->time = input.time;
+            entry->value = input.value;
+            entry->wake_only = input.wake_only;
         }
-        first = end;
     }
     window.built = first;
     window.item_count = items;
@@ -441,7 +433,7 @@ bool WindowEngine::observationDue(ModelTime limit) const {
 void WindowEngine::deliverObservations(Window& window, ModelTime limit, bool inside) {
     while (observationDue(limit)) {
         const Event observation = observer_events_[observer_cursor_++];
-        window.shadow_states = states_;
+        window.shadow_states.assign(states_.begin(), states_.end());
         window.candidate_times.resize(candidates_.size());
         std::transform(candidates_.begin(), candidates_.end(), window.candidate_times.begin(),
                        [](const CandidateSlot& slot) { return slot.time; });
@@ -519,7 +511,7 @@ bool WindowEngine::restore(BlobView blob) {
     std::uint64_t state_count = 0;
     if (!in.expectTag(format_tag) || !in.readU64(state_count)) return false;
     if (state_count != states_.size()) return false;
-    std::vector<Kernel::State> states;
+    LargeArray<Kernel::State> states;
     if (!in.readImages(state_count, states)) return false;
 
     BlobView stored_random;
@@ -529,7 +521,7 @@ bool WindowEngine::restore(BlobView blob) {
     if (random.seed() != seed_) return false;
     const Runtime::RandomContext::Family spontaneous = random.family(spontaneous_name);
 
-    std::vector<CandidateSlot> candidates;
+    LargeArray<CandidateSlot> candidates;
     std::vector<SpikeRecord> log;
     WindowProfile profile;
     BlobView stored_graph;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "kelm/core/Blob.h"
+#include "kelm/core/LargePages.h"
 #include "kelm/core/RandomContext.h"
 #include "kelm/engine/IWindowBackend.h"
 #include "kelm/engine/SpikeRecord.h"
@@ -185,9 +186,6 @@ private:
     bool takeWindow(Store& store, ModelTime until, Window& window);
     std::size_t partItems(const Window& window, IWindowBackend& backend) const;
     void buildWork(Window& window, std::size_t item_limit);
-    void fillItem(WindowWork& item, NodeId neuron);
-    bool candidateDue(NodeId neuron, ModelTime end) const;
-    void prefetchItem(const Window& window, std::size_t event) const;
     template <class Store>
     void commitItems(Store& store, const Window& window);
     template <class Store>
@@ -207,11 +205,11 @@ private:
     ModelTime horizon_;
     std::unique_ptr<IEventStore> store_;
     BucketEventStore* calendar_ = nullptr;  ///< store_, where it is of this class: called directly
-    std::vector<Kernel::State> states_;
+    LargeArray<Kernel::State> states_;
     Runtime::RandomContext random_;
     Runtime::RandomContext::Family spontaneous_;
     std::vector<std::uint64_t> pending_random_states_;  ///< of a whole run, not yet applied
-    std::vector<CandidateSlot> candidates_;
+    LargeArray<CandidateSlot> candidates_;
     std::vector<SpikeRecord> log_;
     bool log_sorted_ = true;
     WindowProfile profile_;

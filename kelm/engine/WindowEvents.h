@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kelm/core/Failures.h"
+#include "kelm/core/LargePages.h"
 #include "kelm/core/Prefetch.h"
 #include "kelm/events/BucketEventStore.h"
 
@@ -42,27 +43,37 @@ public:
         if (places > std::numeric_limits<std::uint32_t>::max() || target_bits_ + place_bits_ > 64) {
             throw WindowEngineError(WindowEngineError::window_too_large);
         }
-        keys_.clear();
-        keys_.reserve(places);
+        // Longer than needed, so that nothing is cleared from window to window.
+        if (keys_.size() < places) keys_.resize(std::max(places, 2 * keys_.size()));
+        size_ = 0;
         chunks_.clear();
         chunks_.reserve(places / chunk_places + 1);
         outside_ = false;
     }
-    /// The events added next lie in this chunk.
-    void addChunk(std::span<const Event> events) { chunks_.push_back({events.data(), nullptr}); }
-    void addChunk(std::span<const PackedDelivery> deliveries) {
-        chunks_.push_back({nullptr, deliveries.data()});
+    /// Adds the records of the next chunk for which is_pending(record) holds.
+    template <class Test>
+    void addChunk(std::span<const Event> events, Test is_pending) {
+        addRecords(events, {events.data(), nullptr, nullptr}, is_pending);
     }
-    void add(const Event& event) { addKey(event.target, &event - chunks_.back().events); }
-    void add(const PackedDelivery& delivery) {
-        addKey(delivery.target, &delivery - chunks_.back().deliveries);
+    template <class Test>
+    void addChunk(std::span<const PackedDelivery> deliveries, Test is_pending) {
+        addRecords(deliveries, {nullptr, deliveries.data(), nullptr}, is_pending);
+    }
+    /// Adds candidates that stand in `slots`, by neuron; each neuron once. A chunk is made of as
+    /// many as a chunk has places.
+    void addCandidates(std::span<const NodeId> neurons, std::span<const CandidateSlot> slots) {
+        for (std::size_t i = 0; i < neurons.size(); ++i) {
+            if (i % chunk_places == 0) chunks_.push_back({nullptr, nullptr, slots.data()});
+            keys_[size_++] = neurons[i] << place_bits_ |
+                             ((chunks_.size() - 1) * chunk_places + i % chunk_places);
+        }
     }
     /// The same for a window that was copied out of its store.
     void addAll(std::span<const Event> events) {
         begin(events.size());
-        for (std::size_t i = 0; i < events.size(); ++i) {
-            if (i % chunk_places == 0) addChunk(events.subspan(i));
-            add(events[i]);
+        for (std::size_t i = 0; i < events.size(); i += chunk_places) {
+            addChunk(events.subspan(i, std::min(chunk_places, events.size() - i)),
+                     [](const Event&) { return true; });
         }
     }
 
@@ -72,34 +83,104 @@ public:
     /// Puts the events in the order of their targets.
     void sortByTarget() {
         // Clearing and summing the digit counts costs as much as sorting this many keys otherwise.
-        if (keys_.size() < min_digit_sorted || target_bits_ > max_passes * max_digit_bits) {
-            std::sort(keys_.begin(), keys_.end());
-            return;
-        }
-        const int passes = std::max(1, (target_bits_ + max_digit_bits - 1) / max_digit_bits);
-        sortByDigits(passes, (target_bits_ + passes - 1) / passes);
-    }
-
-    std::size_t size() const { return keys_.size(); }
-    NodeId targetAt(std::size_t i) const { return keys_[i] >> place_bits_; }
-    Input inputAt(std::size_t i) const { return inputOf(keys_[i]); }
-    void prefetch(std::size_t i) const {
-        const std::uint64_t place = placeOf(keys_[i]);
-        const Chunk& chunk = chunks_[place / chunk_places];
-        if (chunk.deliveries != nullptr) {
-            prefetchLine(chunk.deliveries + place % chunk_places);
+        if (size_ < min_digit_sorted || target_bits_ > 4 * max_digit_bits) {
+            std::sort(keys_.begin(), keys_.begin() + static_cast<std::ptrdiff_t>(size_));
+        } else if (target_bits_ <= max_digit_bits) {
+            sortByDigits<1>();
+        } else if (target_bits_ <= 2 * max_digit_bits) {
+            sortByDigits<2>();
         } else {
-            prefetchLine(chunk.events + place % chunk_places);
+            sortByDigits<4>();
         }
     }
 
-    /// The end of the events that have the target of event `first`, which are put in the order of
-    /// EventLess.
-    std::size_t orderTarget(std::size_t first) {
-        std::size_t end = first + 1;
-        while (end < size() && targetAt(end) == targetAt(first)) ++end;
-        if (end - first > 1) orderByTime(first, end);
-        return end;
+    std::size_t size() const { return size_; }
+
+private:
+    struct Chunk;
+
+public:
+    /// The events in their order, for a loop that has other things in hand as well: a copy of all
+    /// that is needed to find them. Valid until the next window is begun.
+    class View {
+    public:
+        std::size_t size() const { return size_; }
+        NodeId targetAt(std::size_t i) const { return keys_[i] >> place_bits_; }
+        Input inputAt(std::size_t i) const { return inputOf(keys_[i]); }
+        void prefetch(std::size_t i) const {
+            const std::uint64_t place = keys_[i] & place_mask_;
+            const Chunk& chunk = chunks_[place / chunk_places];
+            if (chunk.deliveries != nullptr) {
+                prefetchLine(chunk.deliveries + place % chunk_places);
+            } else if (chunk.events != nullptr) {
+                prefetchLine(chunk.events + place % chunk_places);
+            }
+        }
+        /// The end of the events that have the target of event `first`, which are put in the order
+        /// of EventLess.
+        std::size_t orderTarget(std::size_t first) const {
+            const NodeId target = targetAt(first);
+            std::size_t end = first + 1;
+            while (end < size_ && targetAt(end) == target) ++end;
+            if (end - first > 1) orderByTime(first, end);
+            return end;
+        }
+
+    private:
+        friend class WindowEvents;
+
+        Input inputOf(std::uint64_t key) const {
+            const std::uint64_t place = key & place_mask_;
+            const Chunk& chunk = chunks_[place / chunk_places];
+            if (chunk.deliveries != nullptr) {
+                const PackedDelivery& delivery = chunk.deliveries[place % chunk_places];
+                return {delivery.time, delivery.id, static_cast<double>(delivery.value), false};
+            }
+            if (chunk.slots != nullptr) {
+                const CandidateSlot& slot = chunk.slots[key >> place_bits_];
+                return {slot.time, slot.event_id, slot.rate, true};
+            }
+            const Event& event = chunk.events[place % chunk_places];
+            return {event.time, event.id, event.value, event.kind == EventKind::candidate};
+        }
+        /// Few events mostly: put in one by one, in order.
+        void orderByTime(std::size_t first, std::size_t end) const {
+            const auto earlier = [this](std::uint64_t a, std::uint64_t b) {
+                const Input x = inputOf(a);
+                const Input y = inputOf(b);
+                if (x.time != y.time) return x.time < y.time;
+                // Equal ids can only come from a store that was handed in: by place, its own order.
+                return x.id != y.id ? x.id < y.id : a < b;
+            };
+            if (end - first > max_inserted) {
+                std::sort(keys_ + first, keys_ + end, earlier);
+                return;
+            }
+            for (std::size_t i = first + 1; i < end; ++i) {
+                const std::uint64_t key = keys_[i];
+                std::size_t place = i;
+                for (; place > first && earlier(key, keys_[place - 1]); --place) {
+                    keys_[place] = keys_[place - 1];
+                }
+                keys_[place] = key;
+            }
+        }
+
+        std::uint64_t* keys_ = nullptr;
+        std::size_t size_ = 0;
+        const Chunk* chunks_ = nullptr;
+        std::uint64_t place_mask_ = 0;
+        int place_bits_ = 0;
+    };
+
+    View view() {
+        View view;
+        view.keys_ = keys_.data();
+        view.size_ = size_;
+        view.chunks_ = chunks_.data();
+        view.place_mask_ = (std::uint64_t{1} << place_bits_) - 1;
+        view.place_bits_ = place_bits_;
+        return view;
     }
 
 private:
@@ -107,60 +188,35 @@ private:
     static constexpr std::size_t min_digit_sorted = 256;
     static constexpr std::size_t max_inserted = 16;
     static constexpr int max_digit_bits = 10;
-    static constexpr int max_passes = 4;
 
     /// Bits of an integer below `count`.
     static int widthOf(std::uint64_t count) {
         return static_cast<int>(std::bit_width(count == 0 ? 0 : count - 1));
     }
 
+    /// One of them is not null.
     struct Chunk {
-        const Event* events;  ///< or null
+        const Event* events;
         const PackedDelivery* deliveries;
+        const CandidateSlot* slots;  ///< of all neurons
     };
 
-    void addKey(NodeId target, std::ptrdiff_t place_in_chunk) {
-        outside_ = outside_ || target >= node_count_;
-        const std::uint64_t place =
-            (chunks_.size() - 1) * chunk_places + static_cast<std::uint64_t>(place_in_chunk);
-        keys_.push_back(target << place_bits_ | place);
-    }
-    /// Few events mostly: put in one by one, in order.
-    void orderByTime(std::size_t first, std::size_t end) {
-        const auto earlier = [this](std::uint64_t a, std::uint64_t b) {
-            const Input x = inputOf(a);
-            const Input y = inputOf(b);
-            if (x.time != y.time) return x.time < y.time;
-            // Equal ids can only come from a store that was handed in: by place, its own order.
-            return x.id != y.id ? x.id < y.id : a < b;
-        };
-        const auto begin = keys_.begin();
-        if (end - first > max_inserted) {
-            std::sort(begin + static_cast<std::ptrdiff_t>(first),
-                      begin + static_cast<std::ptrdiff_t>(end), earlier);
-            return;
-        }
-        for (std::size_t i = first + 1; i < end; ++i) {
-            const std::uint64_t key = keys_[i];
-            std::size_t place = i;
-            for (; place > first && earlier(key, keys_[place - 1]); --place) {
-                keys_[place] = keys_[place - 1];
+    template <class Record, class Test>
+    void addRecords(std::span<const Record> records, const Chunk& chunk, Test is_pending) {
+        std::uint64_t place = chunks_.size() * chunk_places;
+        chunks_.push_back(chunk);
+        std::uint64_t* const begin = keys_.data() + size_;
+        std::uint64_t* end = begin;
+        bool outside = false;
+        for (const Record& record : records) {
+            if (is_pending(record)) {
+                outside |= record.target >= node_count_;
+                *end++ = NodeId{record.target} << place_bits_ | place;
             }
-            keys_[place] = key;
+            ++place;
         }
-    }
-    std::uint64_t placeOf(std::uint64_t key) const {
-        return key & ((std::uint64_t{1} << place_bits_) - 1);
-    }
-    Input inputOf(std::uint64_t key) const {
-        const std::uint64_t place = placeOf(key);
-        const Chunk& chunk = chunks_[place / chunk_places];
-        if (chunk.deliveries != nullptr) {
-            const PackedDelivery& delivery = chunk.deliveries[place % chunk_places];
-            return {delivery.time, delivery.id, static_cast<double>(delivery.value), false};
-        }
-        const Event& event = chunk.events[place % chunk_places];
-        return {event.time, event.id, event.value, event.kind == EventKind::candidate};
+        size_ += static_cast<std::size_t>(end - begin);
+        outside_ |= outside;
     }
 
     using Starts = std::array<std::uint32_t, std::size_t{1} << max_digit_bits>;
@@ -173,27 +229,32 @@ private:
         }
     }
 
-    void sortByDigits(int passes, int digit_bits) {
+    template <int passes>
+    void sortByDigits() {
+        const int digit_bits = (target_bits_ + passes - 1) / passes;
         const std::uint64_t digits = std::uint64_t{1} << digit_bits;
         const std::uint64_t mask = digits - 1;
         // All passes count at once: the digits of a key do not depend on where it is.
-        std::array<Starts, max_passes> starts;
-        for (int pass = 0; pass < passes; ++pass) {
-            std::fill_n(starts[static_cast<std::size_t>(pass)].begin(), digits, 0);
-        }
-        for (const std::uint64_t key : keys_) {
-            std::uint64_t rest = key >> place_bits_;
-            for (int pass = 0; pass < passes; ++pass, rest >>= digit_bits) {
-                ++starts[static_cast<std::size_t>(pass)][rest & mask];
+        std::array<Starts, passes> starts;
+        for (Starts& counts : starts) std::fill_n(counts.begin(), digits, 0);
+        const int place_bits = place_bits_;
+        for (const std::uint64_t key : std::span(keys_.data(), size_)) {
+            std::uint64_t rest = key >> place_bits;
+            for (Starts& counts : starts) {
+                ++counts[rest & mask];
+                rest >>= digit_bits;
             }
         }
         other_.resize(keys_.size());
-        for (int pass = 0; pass < passes; ++pass) {
-            Starts& places = starts[static_cast<std::size_t>(pass)];
+        int shift = place_bits;
+        for (Starts& places : starts) {
             sumUp(places, digits);
-            const int shift = place_bits_ + pass * digit_bits;
-            for (const std::uint64_t key : keys_) other_[places[key >> shift & mask]++] = key;
+            std::uint64_t* const sorted = other_.data();
+            for (const std::uint64_t key : std::span(keys_.data(), size_)) {
+                sorted[places[key >> shift & mask]++] = key;
+            }
             keys_.swap(other_);
+            shift += digit_bits;
         }
     }
 
@@ -202,8 +263,9 @@ private:
     int place_bits_ = 0;
     bool outside_ = false;
     std::vector<Chunk> chunks_;  ///< place p is entry p % chunk_places of p / chunk_places
-    std::vector<std::uint64_t> keys_;
-    std::vector<std::uint64_t> other_;
+    std::size_t size_ = 0;
+    LargeArray<std::uint64_t> keys_;  ///< size_ are in use
+    LargeArray<std::uint64_t> other_;
 };
 
 }  // namespace Lumenar::Core::Kelm

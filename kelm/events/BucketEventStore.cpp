@@ -22,6 +22,33 @@ constexpr std::uint64_t max_next_id = std::uint64_t{1} << 40;
 const Event& unpackedEvent(const Event& event) { return event; }
 Event unpackedEvent(const PackedDelivery& delivery) { return delivery.unpacked(); }
 
+Event candidateEvent(NodeId neuron, const CandidateSlot& slot) {
+    Event event;
+    event.time = slot.time;
+    event.id = slot.event_id;
+    event.kind = EventKind::candidate;
+    event.source = neuron;
+    event.target = neuron;
+    event.value = slot.rate;
+    return event;
+}
+
+/// The window of takeWindow that take hands out.
+struct Copies {
+    std::vector<Event>& events;
+
+    void begin(std::size_t places) { events.reserve(places); }
+    void addCandidates(std::span<const NodeId> neurons, std::span<const CandidateSlot> slots) {
+        for (const NodeId n : neurons) events.push_back(candidateEvent(n, slots[n]));
+    }
+    template <class Record, class Test>
+    void addChunk(std::span<const Record> records, Test is_pending) {
+        for (const Record& record : records) {
+            if (is_pending(record)) events.push_back(unpackedEvent(record));
+        }
+    }
+};
+
 }  // namespace
 
 struct BucketEventStore::Header {
@@ -34,12 +61,13 @@ struct BucketEventStore::Header {
 };
 
 BucketEventStore::BucketEventStore(ModelTime d_min, std::uint64_t bucket_count)
-    : d_min_(d_min), bucket_count_(bucket_count), candidates_(d_min, bucket_count) {
+    : d_min_(d_min), bucket_count_(bucket_count) {
     if (d_min < 1) throw InvalidLookahead(InvalidLookahead::d_min);
     if (bucket_count < 4) throw InvalidLookahead(InvalidLookahead::bucket_count);
     window_buckets_ = last_model_time / d_min;
     const auto width = static_cast<std::uint64_t>(d_min);
     constexpr std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
+    window_times_ = static_cast<std::uint64_t>(window_buckets_) * width;
     reach_ns_ = bucket_count > most / width ? most : bucket_count * width;
     ring_.resize(bucket_count);
     occupied_.resize(bucket_count / 64 + 1);
@@ -55,15 +83,12 @@ std::uint64_t BucketEventStore::postSlowly(const Event& event) {
     Event stored = event;
     stored.id = next_id_;
     // Whatever can fail comes before the first change.
-    live_.reserve(stored.id);
+    if (ids_known_) live_.reserve(stored.id);
     place(stored, bucket);
-    live_.insert(stored.id);
-    ++next_id_;
-    ++live_count_;
     if (!beyondReach(bucket)) {
         recent_ = {bucket * d_min_, static_cast<std::uint64_t>(d_min_), &ring_[slotOf(bucket)]};
     }
-    return stored.id;
+    return notePost();
 }
 
 /// Puts an event with its id into the ring or into its era.
@@ -82,33 +107,50 @@ void BucketEventStore::place(const Event& event, std::int64_t bucket) {
 
 void BucketEventStore::scheduleCandidate(NodeId neuron, ModelTime time, double rate) {
     CandidateSlot& slot = candidates_.slots()[neuron];
-    if (candidates_.isPending(neuron)) {
-        candidates_.cancel(neuron);
-    } else if (slot.event_id != no_event) {
-        // Handed out already, or, in a forged state, somebody else's event.
+    if (slots_name_events_ && slot.event_id != no_event && !candidates_.isPending(neuron)) {
+        // Beyond the last window, or, in a forged state, somebody else's event.
         cancel(slot.event_id);
     }
     slot.rate = rate;
     slot.time = time;
     slot.event_id = no_event;
-    if (time < 0) return;
-    // In times instead of buckets: most candidates are drawn anew before they fall due, and a
-    // division for each is what their scheduling would mostly take. The cursor is at most one
-    // behind the last bucket of time, so its time fits without a sign.
-    const auto width = static_cast<std::uint64_t>(d_min_);
-    const auto at = static_cast<std::uint64_t>(time);
+    if (time < 0) {
+        candidates_.cancel(neuron);
+        return;
+    }
+    // In times instead of buckets: a division for each candidate is what its scheduling would
+    // mostly take. The cursor is at most one behind the last bucket of time, so its time fits
+    // without a sign.
+    const std::uint64_t width = static_cast<std::uint64_t>(d_min_);
+    const std::uint64_t at = static_cast<std::uint64_t>(time);
     const std::uint64_t cursor_time = static_cast<std::uint64_t>(cursor_) * width;
-    if (started_ && at < cursor_time) throw LookaheadViolation(LookaheadViolation::processed);
-    if (at >= static_cast<std::uint64_t>(window_buckets_) * width) {
+    if (at < cursor_time && started_) {
+        candidates_.cancel(neuron);
+        throw LookaheadViolation(LookaheadViolation::processed);
+    }
+    if (at >= window_times_) {
+        candidates_.cancel(neuron);
+        slots_name_events_ = true;
         slot.event_id = post(candidateEvent(neuron, slot));
         return;
     }
-    if (candidates_.schedule(neuron, cursor_)) noteEntry(slotOf(time / d_min_));
+    candidates_.schedule(neuron, time);
     if (at - cursor_time >= reach_ns_) ++overflow_posts_;
     slot.event_id = next_id_++;
 }
 
+void BucketEventStore::learnIds() {
+    PendingIds ids;
+    forEachEntry([&](const auto& record) {
+        ids.reserve(record.id);
+        ids.insert(record.id);
+    });
+    live_ = std::move(ids);
+    ids_known_ = true;
+}
+
 bool BucketEventStore::cancel(std::uint64_t id) {
+    if (!ids_known_) learnIds();
     if (!live_.erase(id)) return false;
     --live_count_;
     ++dead_count_;
@@ -117,14 +159,6 @@ bool BucketEventStore::cancel(std::uint64_t id) {
 
 bool BucketEventStore::take(ModelTime until, std::vector<Event>& events, ModelTime& window_start,
                             ModelTime& window_end) {
-    struct Copies {
-        std::vector<Event>& events;
-        void begin(std::size_t places) { events.reserve(places); }
-        void addChunk(std::span<const Event>) {}
-        void addChunk(std::span<const PackedDelivery>) {}
-        void add(const Event& event) { events.push_back(event); }
-        void add(const PackedDelivery& delivery) { events.push_back(delivery.unpacked()); }
-    };
     events.clear();
     Copies copies{events};
     if (!takeWindow(until, copies, window_start, window_end)) return false;
@@ -136,37 +170,43 @@ bool BucketEventStore::take(ModelTime until, std::vector<Event>& events, ModelTi
 void BucketEventStore::start() {
     std::int64_t first = last_model_time;
     forEachLive([&](const Event& event) { first = std::min(first, event.time / d_min_); });
-    candidates_.startAt(first, [&](std::uint64_t slot) { noteEntry(slot); });
     cursor_ = first;
     started_ = true;
 }
 
-/// Moves the cursor to the next slot with an entry, dead or alive, but not beyond `stop`. False
-/// where there is none before it.
+/// The bucket of the earliest candidate in a slot, or last_model_time where there is none.
+std::int64_t BucketEventStore::firstCandidateBucket() {
+    return candidates_.pendingCount() == 0 ? last_model_time : candidates_.firstTime() / d_min_;
+}
+
+/// Moves the cursor to the next slot with an entry, dead or alive, or with a candidate, but not
+/// beyond `stop`. False where there is none before it.
 ///
 /// Eras are entered here, before a window leaves the store, and not when the cursor moves on:
 /// should memory run out on the way, no event has been taken and the next call goes on.
 bool BucketEventStore::skipToOccupied(std::int64_t stop) {
     const auto reach = static_cast<std::int64_t>(bucket_count_);
-    while (cursor_ < stop) {
+    const std::int64_t candidate = firstCandidateBucket();
+    const std::int64_t limit = std::min(candidate, stop);
+    while (cursor_ < limit) {
         enterEras();
         // Of the slots, those from the cursor's to the end of the ring are its own era's buckets;
         // the ones before it belong to the next era, some of which may still wait outside.
         const std::int64_t era = cursor_ / reach;
         const std::int64_t era_end =
             era < last_model_time / reach ? (era + 1) * reach : last_model_time;
-        const std::int64_t end = std::min(era_end, stop);
+        const std::int64_t end = std::min(era_end, limit);
         const std::int64_t found = firstOccupied(cursor_, end);
         cursor_ = found;
         if (found < end) return true;
-        if (occupied_count_ == 0 && (!eras_.empty() || candidates_.hasEras())) {
-            std::int64_t next = last_model_time;
-            if (!eras_.empty()) next = eras_.begin()->first * reach;
-            if (candidates_.hasEras()) next = std::min(next, candidates_.firstEraBucket());
-            cursor_ = std::min(std::max(end, next), stop);
+        if (occupied_count_ == 0) {
+            const std::int64_t next = eras_.empty() ? limit : eras_.begin()->first * reach;
+            cursor_ = std::min(std::max(end, next), limit);
         }
     }
-    return false;
+    if (candidate >= stop) return false;
+    enterEras();
+    return true;
 }
 
 /// The first bucket of [from, to) whose slot holds an entry, or `to`. Both lie in one era.
@@ -189,7 +229,7 @@ void BucketEventStore::moveIntoRing(ChunkPool<Record>& pool, ChunkList<Record>& 
         // Room first: an event that has left its era must not be lost.
         pool.reserveChunks(1);
         const Record record = pool.takeAny(list);
-        if (live_.contains(record.id)) {
+        if (isLive(record.id)) {
             const std::uint64_t slot = slotOf(record.time / d_min_);
             pool.append(ring_[slot].*member, record);
             noteEntry(slot);
@@ -208,31 +248,18 @@ void BucketEventStore::enterEras() {
         moveIntoRing(delivery_pool_, era.deliveries, &Bucket::deliveries);
         eras_.erase(eras_.begin());
     }
-    candidates_.enterEras(cursor_, [&](std::uint64_t slot) { noteEntry(slot); });
 }
 
 void BucketEventStore::dropHandedOut() {
     pool_.clear(handed_out_.events);
     delivery_pool_.clear(handed_out_.deliveries);
-    pool_.clear(woken_);
 }
 
 /// Throws where the cursor's slot, whose window ends beyond the range of time, holds something.
 void BucketEventStore::requireEmpty(std::uint64_t slot) const {
     bool holds = false;
-    ring_[slot].forEach([&](const auto& record) { holds |= live_.contains(record.id); });
+    ring_[slot].forEach([&](const auto& record) { holds |= isLive(record.id); });
     if (holds) throw TimeOverflow(TimeOverflow::out_of_range);
-}
-
-Event BucketEventStore::candidateEvent(NodeId neuron, const CandidateSlot& slot) {
-    Event event;
-    event.time = slot.time;
-    event.id = slot.event_id;
-    event.kind = EventKind::candidate;
-    event.source = neuron;
-    event.target = neuron;
-    event.value = slot.rate;
-    return event;
 }
 
 void BucketEventStore::sweepDeadEntries() {
@@ -245,7 +272,7 @@ void BucketEventStore::sweepDeadEntries() {
             const std::uint64_t slot =
                 word * 64 + static_cast<std::uint64_t>(std::countr_zero(bits));
             sweepBucket(ring_[slot]);
-            if (!ring_[slot].isEmpty() || candidates_.holdsSlot(slot)) continue;
+            if (!ring_[slot].isEmpty()) continue;
             occupied_[word] &= ~(bits & -bits);
             --occupied_count_;
         }
@@ -266,7 +293,7 @@ void BucketEventStore::sweepList(ChunkPool<Record>& pool, ChunkList<Record>& lis
     ChunkList<Record> kept;
     while (!list.isEmpty()) {
         const Record record = pool.takeAny(list);
-        if (live_.contains(record.id)) {
+        if (isLive(record.id)) {
             pool.append(kept, record);
         } else {
             --dead_count_;
@@ -275,13 +302,18 @@ void BucketEventStore::sweepList(ChunkPool<Record>& pool, ChunkList<Record>& lis
     list = kept;
 }
 
+/// Visits the entries of ring and eras, dead or alive.
+template <class Visit>
+void BucketEventStore::forEachEntry(Visit visit) const {
+    for (const Bucket& bucket : ring_) bucket.forEach(visit);
+    for (const auto& [era, bucket] : eras_) bucket.forEach(visit);
+}
+
 template <class Visit>
 void BucketEventStore::forEachLive(Visit visit) const {
-    const auto visit_live = [&](const auto& record) {
-        if (live_.contains(record.id)) visit(unpackedEvent(record));
-    };
-    for (const Bucket& bucket : ring_) bucket.forEach(visit_live);
-    for (const auto& [era, bucket] : eras_) bucket.forEach(visit_live);
+    forEachEntry([&](const auto& record) {
+        if (isLive(record.id)) visit(unpackedEvent(record));
+    });
     const std::span<const CandidateSlot> slots = candidates_.slots();
     for (NodeId neuron = 0; neuron < slots.size(); ++neuron) {
         if (candidates_.isPending(neuron)) visit(candidateEvent(neuron, slots[neuron]));
@@ -325,7 +357,7 @@ bool BucketEventStore::claimCandidate(const Event& event, std::int64_t bucket) {
     if (candidates_.isPending(event.target) || std::memcmp(&event, &expected, sizeof(Event)) != 0) {
         return false;
     }
-    if (candidates_.schedule(event.target, cursor_)) noteEntry(slotOf(bucket));
+    candidates_.schedule(event.target, event.time);
     if (beyondReach(bucket)) ++overflow_posts_;
     return true;
 }
@@ -345,7 +377,7 @@ bool BucketEventStore::restore(BlobView blob, std::span<CandidateSlot> slots) {
     restored.started_ = header.started;
     restored.next_id_ = header.next_id;
     restored.candidates_.attach(slots);
-    PendingIds claimed;
+    PendingIds seen;
     for (std::uint64_t i = 0; i < header.event_count; ++i) {
         BlobView image;
         if (!in.readView(sizeof(Event), image)) return false;
@@ -355,16 +387,16 @@ bool BucketEventStore::restore(BlobView blob, std::span<CandidateSlot> slots) {
         const std::int64_t bucket = event.time / d_min_;
         if (event.id >= header.next_id || event.time < 0) return false;
         if (header.started && bucket < header.cursor) return false;
-        if (restored.live_.contains(event.id) || claimed.contains(event.id)) return false;
-        if (restored.claimCandidate(event, bucket)) {
-            claimed.reserve(event.id);
-            claimed.insert(event.id);
-            continue;
-        }
-        restored.live_.reserve(event.id);
+        if (seen.contains(event.id)) return false;
+        seen.reserve(event.id);
+        seen.insert(event.id);
+        if (restored.claimCandidate(event, bucket)) continue;
         restored.place(event, bucket);
-        restored.live_.insert(event.id);
         ++restored.live_count_;
+    }
+    for (NodeId neuron = 0; neuron < slots.size(); ++neuron) {
+        restored.slots_name_events_ |=
+            slots[neuron].event_id != no_event && !restored.candidates_.isPending(neuron);
     }
     *this = std::move(restored);
     return true;

@@ -5,7 +5,7 @@
 #include <span>
 #include <vector>
 
-#include "kelm/events/CandidateCalendar.h"
+#include "kelm/events/CandidateTree.h"
 #include "kelm/events/ChunkPool.h"
 #include "kelm/events/IEventStore.h"
 #include "kelm/events/PackedDelivery.h"
@@ -24,7 +24,8 @@ namespace Lumenar::Core::Kelm {
 /// waits. Which of the two holds an event shows in overflowPosts() and nowhere else.
 ///
 /// A cancelled event stays in its place as a dead entry until its bucket is taken, or until the
-/// dead outnumber the living, when all are swept out. Memory follows the number of pending events.
+/// dead outnumber the living, when all are swept out. Which ids are pending is written down from
+/// the first cancel on: hardly any run needs one. Memory follows the number of pending events.
 class BucketEventStore final : public IEventStore {
 public:
     /// `d_min`: bucket width in ns. `bucket_count`: slots of the ring.
@@ -42,13 +43,24 @@ public:
             return postSlowly(event);
         }
         // Whatever can fail comes before the first change.
-        live_.reserve(next_id_);
+        if (ids_known_) live_.reserve(next_id_);
         append(*recent_.bucket, event) = next_id_;
-        live_.insert(next_id_);
-        ++live_count_;
-        return next_id_++;
+        return notePost();
     }
 
+    /// post of a delivery that is packed already. Its id is not looked at.
+    std::uint64_t postPacked(const PackedDelivery& delivery) {
+        const auto offset =
+            static_cast<std::uint64_t>(delivery.time) - static_cast<std::uint64_t>(recent_.start);
+        if (offset >= recent_.width || dead_count_ > live_count_ + min_sweep) {
+            return postSlowly(delivery.unpacked());
+        }
+        if (ids_known_) live_.reserve(next_id_);
+        delivery_pool_.append(recent_.bucket->deliveries, delivery).id = next_id_;
+        return notePost();
+    }
+
+    /// The first call may throw std::bad_alloc, with nothing changed.
     bool cancel(std::uint64_t id) override;
 
     bool isEmpty() override { return pendingCount() == 0; }
@@ -60,10 +72,13 @@ public:
 
     /// take without the order within the window and without copies. Calls window.begin(places)
     /// with the number of places in which the events lie, which may throw, with the window still
-    /// in the store; then for each chunk of places window.addChunk(records), and for each record in
-    /// it that is pending window.add(record), neither of which may throw. Records are of type Event
-    /// or PackedDelivery. A window whose events were all cancelled is passed over, and begin called
-    /// again for the next one. The records stay where they lie until the next window is asked for.
+    /// in the store; then once window.addCandidates(neurons, slots) for the candidates out of
+    /// slots, chunk_places of which fill a chunk; then for each chunk of places
+    /// window.addChunk(records, is_pending) with the test of its records, none of which may throw.
+    /// Records are of type Event or PackedDelivery. A window whose events were
+    /// all cancelled is passed over, and begin called again for the next one. All of it stays where
+    /// it lies until the next window is asked for; the slot of a candidate, until its neuron is
+    /// scheduled anew.
     template <class Window>
     bool takeWindow(ModelTime until, Window& window, ModelTime& window_start,
                     ModelTime& window_end);
@@ -109,10 +124,6 @@ public:
         recent_ = {};
     }
 
-    /// Entries that candidates in slots have in the calendar; a few per neuron at most, whatever
-    /// has come and gone.
-    std::uint64_t wakeUps() const { return candidates_.wakeUps(); }
-
     /// How many events have gone beyond the ring's reach when they were posted.
     std::uint64_t overflowPosts() const { return overflow_posts_; }
 
@@ -155,6 +166,14 @@ private:
         return static_cast<std::uint64_t>(bucket - cursor_) >= bucket_count_;
     }
     static bool readHeader(BlobReader& in, Header& header);
+    /// The event that has just been stored has the next id.
+    std::uint64_t notePost() noexcept {
+        if (ids_known_) live_.insert(next_id_);
+        ++live_count_;
+        return next_id_++;
+    }
+    bool isLive(std::uint64_t id) const { return !ids_known_ || live_.contains(id); }
+    void learnIds();
     std::uint64_t postSlowly(const Event& event);
     /// Returns the place of the event's id.
     std::uint64_t& append(Bucket& bucket, const Event& event) {
@@ -167,6 +186,7 @@ private:
     }
     void place(const Event& event, std::int64_t bucket);
     void start();
+    std::int64_t firstCandidateBucket();
     bool skipToOccupied(std::int64_t stop);
     /// Whether a bucket's window ends within the range of time. One that does not is never handed
     /// out, and no candidate is kept for it in a slot.
@@ -179,7 +199,6 @@ private:
         ++occupied_count_;
     }
     bool claimCandidate(const Event& event, std::int64_t bucket);
-    static Event candidateEvent(NodeId neuron, const CandidateSlot& slot);
     std::int64_t firstOccupied(std::int64_t from, std::int64_t to) const;
     void enterEras();
     template <class Window>
@@ -193,11 +212,14 @@ private:
     void moveIntoRing(ChunkPool<Record>& pool, ChunkList<Record>& list,
                       ChunkList<Record> Bucket::*member);
     template <class Visit>
+    void forEachEntry(Visit visit) const;
+    template <class Visit>
     void forEachLive(Visit visit) const;
 
     ModelTime d_min_;
     std::uint64_t bucket_count_;
     std::int64_t window_buckets_ = 0;  ///< see isTimeOfWindow
+    std::uint64_t window_times_ = 0;   ///< ns, exclusive end of the times in those buckets
     std::uint64_t reach_ns_ = 0;       ///< of the ring, or as much as there is
     ChunkPool<Event> pool_;
     ChunkPool<PackedDelivery> delivery_pool_;
@@ -206,9 +228,11 @@ private:
     std::uint64_t occupied_count_ = 0;
     std::map<std::int64_t, Bucket> eras_;  ///< by bucket / bucket_count, from the cursor's on
     Bucket handed_out_;                    ///< the last window's entries
-    ChunkList<Event> woken_;               ///< the last window's candidates out of slots
-    CandidateCalendar candidates_;
-    PendingIds live_;
+    CandidateTree candidates_;
+    bool ids_known_ = false;
+    PendingIds live_;  ///< ids of pending events, candidates in slots apart, if ids_known_
+    /// Whether a candidate's slot may hold the id of an event that has come in through post.
+    bool slots_name_events_ = false;
     std::int64_t cursor_ = 0;
     bool started_ = false;
     std::uint64_t next_id_ = 0;
@@ -241,40 +265,33 @@ bool BucketEventStore::takeWindow(ModelTime until, Window& window, ModelTime& wi
 template <class Window>
 std::uint64_t BucketEventStore::takeSlot(Window& window) {
     const std::uint64_t slot = slotOf(cursor_);
-    if (!isTimeOfWindow(cursor_)) requireEmpty(slot);
     Bucket& bucket = ring_[slot];
     const auto begin = [&](std::size_t candidate_count) {
         const std::size_t chunks = (candidate_count + chunk_places - 1) / chunk_places;
-        pool_.reserveChunks(chunks);
         window.begin((bucket.events.chunk_count + bucket.deliveries.chunk_count + chunks) *
                      chunk_places);
     };
-    if (candidates_.holdsSlot(slot)) {
-        candidates_.take(
-            cursor_, begin,
-            [&](NodeId neuron) {
-                pool_.append(woken_, candidateEvent(neuron, candidates_.slots()[neuron]));
-            },
-            [&](std::uint64_t entered) { noteEntry(entered); });
+    std::span<const NodeId> due;
+    if (isTimeOfWindow(cursor_)) {
+        due = candidates_.take((cursor_ + 1) * d_min_, begin);
     } else {
+        requireEmpty(slot);
         begin(0);
     }
 
     // From here on nothing can fail.
-    woken_.forEachChunk([&](std::span<const Event> events) {
-        window.addChunk(events);
-        for (const Event& event : events) window.add(event);
-    });
+    window.addCandidates(due, candidates_.slots());
     std::uint64_t dead = 0;
     const auto hand_out = [&](auto records) {
-        window.addChunk(records);
-        for (const auto& record : records) {
-            if (live_.erase(record.id)) {
-                window.add(record);
-            } else {
-                ++dead;
-            }
+        if (!ids_known_) {
+            window.addChunk(records, [](const auto&) { return true; });
+            return;
         }
+        window.addChunk(records, [&](const auto& record) {
+            const bool live = live_.erase(record.id);
+            dead += live ? 0 : 1;
+            return live;
+        });
     };
     bucket.events.forEachChunk(hand_out);
     bucket.deliveries.forEachChunk(hand_out);
@@ -283,9 +300,10 @@ std::uint64_t BucketEventStore::takeSlot(Window& window) {
     dead_count_ -= dead;
     handed_out_ = bucket;
     bucket = {};
-    occupied_[slot / 64] &= ~(std::uint64_t{1} << (slot % 64));
-    --occupied_count_;
-    return taken + woken_.size();
+    const std::uint64_t bit = std::uint64_t{1} << (slot % 64);
+    if ((occupied_[slot / 64] & bit) != 0) --occupied_count_;
+    occupied_[slot / 64] &= ~bit;
+    return taken + due.size();
 }
 
 }  // namespace Lumenar::Core::Kelm

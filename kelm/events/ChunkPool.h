@@ -1,11 +1,13 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
+#include <utility>
 #include <vector>
 
+#include "kelm/core/LargePages.h"
 #include "kelm/core/Prefetch.h"
 
 namespace Lumenar::Core::Kelm {
@@ -102,9 +104,7 @@ public:
 private:
     void addChunk(List& list) {
         reserveChunks(1);
-        Chunk* chunk = free_;
-        free_ = chunk->next;
-        --free_count_;
+        Chunk* chunk = takeFree();
         chunk->next = list.head;
         list.head = chunk;
         list.head_count = 0;
@@ -112,11 +112,28 @@ private:
         // The next one to be filled, by whichever list.
         if (free_ != nullptr) free_->prefetch();
     }
+    /// One that was used before, if there is one: it is warm.
+    Chunk* takeFree() {
+        --free_count_;
+        if (free_ == nullptr) return &blocks_.back().emplace_back();
+        Chunk* chunk = free_;
+        free_ = chunk->next;
+        return chunk;
+    }
     void addBlock() {
-        const std::size_t count = next_block_chunks_;
-        blocks_.push_back(std::make_unique<Chunk[]>(count));
-        for (std::size_t i = count; i-- > 0;) release(&blocks_.back()[i]);
-        if (next_block_chunks_ < 256) next_block_chunks_ *= 2;
+        LargeArray<Chunk> block;
+        block.reserve(next_block_chunks_);
+        if (!blocks_.empty()) {
+            LargeArray<Chunk>& last = blocks_.back();
+            while (last.size() < last.capacity()) {
+                --free_count_;
+                release(&last.emplace_back());
+            }
+        }
+        const std::size_t room = block.capacity();
+        blocks_.push_back(std::move(block));
+        free_count_ += room;
+        next_block_chunks_ = std::min(2 * next_block_chunks_, max_block_chunks);
     }
     void release(Chunk* chunk) noexcept {
         chunk->next = free_;
@@ -124,10 +141,13 @@ private:
         ++free_count_;
     }
 
-    std::vector<std::unique_ptr<Chunk[]>> blocks_;
+    static constexpr std::size_t max_block_chunks = LargePageAllocator<Chunk>::page_count;
+
+    /// Never moved in memory; the last one has room for chunks that were not used yet.
+    std::vector<LargeArray<Chunk>> blocks_;
     std::size_t next_block_chunks_ = 4;  ///< small at first: many stores are small
     Chunk* free_ = nullptr;
-    std::size_t free_count_ = 0;
+    std::size_t free_count_ = 0;  ///< those behind free_, and the room
 };
 
 }  // namespace Lumenar::Core::Kelm

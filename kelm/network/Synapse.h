@@ -21,10 +21,13 @@ struct Synapse {
     std::uint64_t reserved_d = 0xffffffffffffffff;  ///< carried, not interpreted
 };
 
-/// What a synapse delivers. The weight is negated in single precision before it is widened, so that
+/// What a synapse of a weight delivers: negated in single precision before it is widened, so that
 /// one of 0 arrives as -0.0.
+inline float deliveredWeight(float weight, bool inhibitory) {
+    return inhibitory ? -weight : weight;
+}
 inline double deliveredValue(const Synapse& synapse) {
-    return static_cast<double>(synapse.inhibitory ? -synapse.weight : synapse.weight);
+    return static_cast<double>(deliveredWeight(synapse.weight, synapse.inhibitory));
 }
 
 }  // namespace Lumenar::Core::Kelm

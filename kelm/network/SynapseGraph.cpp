@@ -59,37 +59,59 @@ SynapseGraph::SynapseGraph(std::uint64_t node_count, std::optional<ModelTime> mi
 
 /// Lists the routed synapses by one of their ends. Ascending EdgeId within a list: it fixes the
 /// order of deliveries, and with it the ids of events.
+template <class End>
 void SynapseGraph::buildRoutes(Routes& routes, End end) {
     // One entry more than there are neurons: it must not wrap around to a table without entries.
     if (node_count_ >= routes.offsets.max_size()) {
         throw std::length_error("the network has more neurons than a table can hold");
     }
+    routes.offsets.resize(node_count_ + 1);
+    routes.edges = {};
+    routes.ascending = routed_count_ == synapses_.size() && buildAscending(routes, end);
+    if (!routes.ascending) buildSorted(routes, end);
+    if (!out_.built && !in_.built) ++rebuilds_;
+    routes.built = true;
+}
+
+/// Fills the offsets of a graph that is given in order, in one pass. False where it is not.
+template <class End>
+bool SynapseGraph::buildAscending(Routes& routes, End end) const {
+    const EdgeId count = synapses_.size();
+    NodeId started = 0;  // lists whose beginning is known
+    for (EdgeId id = 0; id < count; ++id) {
+        const NodeId node = end(id);
+        if (node + 1 < started) return false;
+        for (; started <= node; ++started) routes.offsets[started] = id;
+    }
+    std::fill(routes.offsets.begin() + static_cast<std::ptrdiff_t>(started), routes.offsets.end(),
+              count);
+    return true;
+}
+
+template <class End>
+void SynapseGraph::buildSorted(Routes& routes, End end) const {
     // Each list is filled from its beginning, which moves its offset to its end: to where the next
     // one's offset stood.
-    routes.offsets.assign(node_count_ + 1, 0);
-    routes.edges = {};
-    routes.ascending = routed_count_ == synapses_.size();
-    NodeId last = 0;
+    std::fill(routes.offsets.begin(), routes.offsets.end(), 0);
     for (EdgeId id = 0; id < synapses_.size(); ++id) {
-        if (!synapses_.isRouted(id)) continue;
-        const NodeId node = (synapses_.*end)(id);
-        ++routes.offsets[node];
-        routes.ascending = routes.ascending && node >= last;
-        last = node;
+        if (synapses_.isRouted(id)) ++routes.offsets[end(id)];
     }
     std::uint64_t sum = 0;
     for (std::uint64_t& offset : routes.offsets) sum += std::exchange(offset, sum);
-    if (!routes.ascending) {
-        routes.edges.resize(routed_count_);
-        for (EdgeId id = 0; id < synapses_.size(); ++id) {
-            if (!synapses_.isRouted(id)) continue;
-            routes.edges[routes.offsets[(synapses_.*end)(id)]++] = id;
-        }
-        std::copy_backward(routes.offsets.begin(), routes.offsets.end() - 1, routes.offsets.end());
-        routes.offsets[0] = 0;
+    routes.edges.resize(routed_count_);
+    for (EdgeId id = 0; id < synapses_.size(); ++id) {
+        if (synapses_.isRouted(id)) routes.edges[routes.offsets[end(id)]++] = id;
     }
-    if (!out_.built && !in_.built) ++rebuilds_;
-    routes.built = true;
+    std::copy_backward(routes.offsets.begin(), routes.offsets.end() - 1, routes.offsets.end());
+    routes.offsets[0] = 0;
+}
+
+void SynapseGraph::buildOutgoing() {
+    buildRoutes(out_, [this](EdgeId id) { return synapses_.source(id); });
+}
+
+void SynapseGraph::buildIncoming() {
+    buildRoutes(in_, [this](EdgeId id) { return synapses_.target(id); });
 }
 
 void SynapseGraph::listAscending(Routes& routes) {

@@ -10,6 +10,7 @@
 #include "kelm/core/ModelTime.h"
 #include "kelm/core/Prefetch.h"
 #include "kelm/events/IEventStore.h"
+#include "kelm/events/PackedDelivery.h"
 #include "kelm/network/Synapse.h"
 #include "kelm/network/SynapseTable.h"
 
@@ -52,7 +53,7 @@ public:
         if (node >= node_count_) {
             throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
         }
-        if (!in_.built) buildRoutes(in_, &SynapseTable::target);
+        if (!in_.built) buildIncoming();
         return listed(in_).of(node);
     }
     /// Shape (nodeCount() + 1): neuron n's outgoing list is outEdges() from entry n to entry n + 1.
@@ -121,13 +122,17 @@ public:
     void prefetchEdge(EdgeId id) const { synapses_.prefetch(id); }
 
     /// Posts one delivery for each transmitting synapse of `source`, in EdgeId order, for a spike
-    /// at `time` ns, and returns their number. A Sink of a final class is called directly.
+    /// at `time` ns, and returns their number. A Sink of a final class is called directly, and gets
+    /// packed deliveries where it takes them and they can be packed.
     /// Throws SynapseRoutingViolation for a source outside the network, TimeOverflow for a delivery
     /// beyond the range of ModelTime; the deliveries before it stay posted.
     template <class Sink>
     std::uint64_t deliver(NodeId source, ModelTime time, Sink& sink) {
         if (source >= node_count_) throw SynapseRoutingViolation(SynapseRoutingViolation::source);
         const Routes& routes = outRoutes();
+        if constexpr (requires(const PackedDelivery& packed) { sink.postPacked(packed); }) {
+            if (synapses_.areUsual()) return deliverPacked(routes, source, time, sink);
+        }
         std::uint64_t count = 0;
         const std::uint64_t end = routes.offsets[source + 1];
         for (std::uint64_t i = routes.offsets[source]; i < end; ++i) {
@@ -198,17 +203,42 @@ private:
     };
 
     Routes& outRoutes() {
-        if (!out_.built) buildRoutes(out_, &SynapseTable::source);
+        if (!out_.built) buildOutgoing();
         return out_;
     }
-    using End = NodeId (SynapseTable::*)(EdgeId) const;
+    void buildOutgoing();
+    void buildIncoming();
+    template <class End>
     void buildRoutes(Routes& routes, End end);
+    template <class End>
+    bool buildAscending(Routes& routes, End end) const;
+    template <class End>
+    void buildSorted(Routes& routes, End end) const;
     /// The routes, with their list.
     const Routes& listed(Routes& routes) {
         if (routes.edges.size() != routed_count_) listAscending(routes);
         return routes;
     }
     void listAscending(Routes& routes);
+    template <class Sink>
+    std::uint64_t deliverPacked(const Routes& routes, NodeId source, ModelTime time, Sink& sink) {
+        std::uint64_t count = 0;
+        const std::uint64_t end = routes.offsets[source + 1];
+        for (std::uint64_t i = routes.offsets[source]; i < end; ++i) {
+            const EdgeId id = routes.ascending ? i : routes.edges[i];
+            const SynapseTable::Transmission& synapse = synapses_.transmission(id);
+            if (!synapse.enabled() || !transmissionEnabled(synapse.inhibitory())) continue;
+            PackedDelivery delivery;
+            delivery.time = addTime(time, synapse.delay());
+            delivery.source = static_cast<std::uint32_t>(source);
+            delivery.target = synapse.target;
+            delivery.edge = static_cast<std::uint32_t>(id);
+            delivery.value = deliveredWeight(synapse.weight, synapse.inhibitory());
+            sink.postPacked(delivery);
+            ++count;
+        }
+        return count;
+    }
     void noteReweighted(NodeId target);
 
     std::uint64_t node_count_;

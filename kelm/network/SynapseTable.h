@@ -18,7 +18,32 @@ namespace Lumenar::Core::Kelm {
 ///
 /// Tests nothing: ids must lie below size().
 class SynapseTable {
+    static constexpr std::uint64_t enabled_bit = 1;
+    static constexpr std::uint64_t inhibitory_bit = 2;
+    static constexpr std::uint64_t routed_bit = 4;
+    static constexpr int delay_shift = 3;
+
 public:
+    /// What a delivery reads of a synapse that is as usual.
+    struct Transmission {
+        std::uint32_t target = 0;
+        float weight = 0.0F;
+        std::uint64_t bits = 0;  ///< the delay above the switches
+
+        ModelTime delay() const { return static_cast<ModelTime>(bits >> delay_shift); }
+        bool enabled() const { return (bits & enabled_bit) != 0; }
+        bool inhibitory() const { return (bits & inhibitory_bit) != 0; }
+        bool routed() const { return (bits & routed_bit) != 0; }
+    };
+    static_assert(sizeof(Transmission) == 16);
+
+    /// Whether all that a delivery has to know of a synapse is its transmission and its source,
+    /// and ids of both fit 32 bits.
+    bool areUsual() const {
+        return rarities_.empty() && transmissions_.size() <= std::uint64_t{1} << 32;
+    }
+    const Transmission& transmission(EdgeId id) const { return transmissions_[id]; }
+
     /// May throw std::bad_alloc, with nothing changed.
     void reserve(std::size_t count) {
         transmissions_.reserve(count);
@@ -49,9 +74,9 @@ public:
         synapse.source = sources_[id];
         synapse.target = entry.target;
         synapse.weight = entry.weight;
-        synapse.delay = static_cast<ModelTime>(entry.bits >> delay_shift);
-        synapse.inhibitory = (entry.bits & inhibitory_bit) != 0;
-        synapse.enabled = (entry.bits & enabled_bit) != 0;
+        synapse.delay = entry.delay();
+        synapse.inhibitory = entry.inhibitory();
+        synapse.enabled = entry.enabled();
         synapse.last_change = lastChange(id);
         if (!rarities_.empty()) rarities_[id].complete(synapse);
         return synapse;
@@ -65,7 +90,7 @@ public:
     }
     float weight(EdgeId id) const { return transmissions_[id].weight; }
     void setWeight(EdgeId id, float weight) { transmissions_[id].weight = weight; }
-    bool isRouted(EdgeId id) const { return (transmissions_[id].bits & routed_bit) != 0; }
+    bool isRouted(EdgeId id) const { return transmissions_[id].routed(); }
     void setEnabled(EdgeId id, bool on) {
         std::uint64_t& bits = transmissions_[id].bits;
         bits = on ? bits | enabled_bit : bits & ~enabled_bit;
@@ -90,18 +115,6 @@ public:
 private:
     /// As much as a processor fetches at once without losing some.
     static constexpr EdgeId max_prefetched = 48;
-
-    static constexpr std::uint64_t enabled_bit = 1;
-    static constexpr std::uint64_t inhibitory_bit = 2;
-    static constexpr std::uint64_t routed_bit = 4;
-    static constexpr int delay_shift = 3;
-
-    struct Transmission {
-        std::uint32_t target = 0;
-        float weight = 0.0F;
-        std::uint64_t bits = 0;  ///< the delay above the switches
-    };
-    static_assert(sizeof(Transmission) == 16);
 
     /// What does not fit the narrow columns, or is not as in a synapse by default.
     struct Rarity {

@@ -20,7 +20,7 @@ namespace {
 
 using namespace Testing;
 
-TEST(CandidateCalendar, LeavesTheBytesOfCandidatesThatAreEvents) {
+TEST(CandidateTree, LeavesTheBytesOfCandidatesThatAreEvents) {
     CpuWindowBackend cpu;
     std::uint64_t far_candidates = 0;
     int restores = 0;
@@ -57,32 +57,6 @@ TEST(CandidateCalendar, LeavesTheBytesOfCandidatesThatAreEvents) {
     }
     EXPECT_GT(far_candidates, 1000);
     EXPECT_GT(restores, 200);
-}
-
-TEST(CandidateCalendar, KeepsOneWakeUpOfANeuronThatIsWokenEarlyAgainAndAgain) {
-    // Candidates far away and near in turn leave wake-ups behind, which must not pile up.
-    constexpr std::uint64_t neurons = 3;
-    BucketEventStore store(10, 8);
-    std::vector<CandidateSlot> slots(neurons);
-    store.holdCandidates(slots);
-    Draws draws(1);
-    std::vector<Event> events;
-    ModelTime start = 0;
-    ModelTime end = 0;
-    for (int round = 0; round < 20'000; ++round) {
-        const NodeId neuron = draws.below(neurons);
-        const ModelTime now = end;
-        store.scheduleCandidate(neuron, now + 1'000'000'000 + draws.timeBelow(1000), 1.0);
-        store.scheduleCandidate(neuron, now + draws.timeBelow(40), 2.0);
-        ASSERT_TRUE(store.take(now + 100, events, start, end));
-        for (const Event& event : events) {
-            ASSERT_EQ(event.time / 10 * 10, start);
-            ASSERT_EQ(event.value, slots[event.target].rate);
-            ASSERT_EQ(event.id, slots[event.target].event_id);
-            store.scheduleCandidate(event.target, no_time, 0.0);
-        }
-    }
-    EXPECT_LE(store.wakeUps(), 2 * neurons + 1100);
 }
 
 }  // namespace

@@ -1,0 +1,70 @@
+#include "kelm/events/CandidateTree.h"
+
+namespace Lumenar::Core::Kelm {
+
+void CandidateTree::attach(std::span<CandidateSlot> slots) {
+    Block empty;
+    std::fill_n(empty.entries, block_size, never);
+    std::vector<std::size_t> levels;
+    std::size_t block_count = 0;
+    std::size_t entries = slots.size();
+    do {
+        levels.push_back(block_count);
+        entries = (entries + block_size - 1) / block_size;
+        block_count += entries;
+    } while (entries > 1);
+    LargeArray<Block> blocks(block_count, empty);
+    blocks_.swap(blocks);
+    levels_.swap(levels);
+    due_.clear();
+    pending_count_ = 0;
+    slots_ = slots;
+}
+
+/// The earliest time under a block, exactly. The child with the lowest bound either holds it or has
+/// its bound set right.
+ModelTime CandidateTree::firstOf(std::size_t level, std::size_t index) noexcept {
+    Block& block = blockOf(level, index);
+    if (level == 0) return leastOf(block);
+    while (true) {
+        ModelTime* lowest = std::min_element(block.entries, block.entries + block_size);
+        const ModelTime bound = *lowest;
+        if (bound == never) return never;
+        const auto child = static_cast<std::size_t>(lowest - block.entries);
+        *lowest = firstOf(level - 1, index * block_size + child);
+        if (*lowest == bound) return bound;
+    }
+}
+
+/// Adds the neurons under a block whose candidates lie before `end` to due_, ascending, and sets
+/// the bounds to what is left when they are gone. Returns the block's. What is not in due_ when
+/// memory runs out is still behind its bounds.
+ModelTime CandidateTree::findDue(std::size_t level, std::size_t index, ModelTime end) {
+    Block& block = blockOf(level, index);
+    if (level == 0) {
+        if (due_.capacity() < due_.size() + block_size) due_.reserve(2 * due_.size() + block_size);
+        ModelTime left = never;
+        for (std::size_t i = 0; i < block_size; ++i) {
+            const ModelTime time = block.entries[i];
+            if (time < end) {
+                due_.push_back(index * block_size + i);
+            } else {
+                left = std::min(left, time);
+            }
+        }
+        return left;
+    }
+    for (std::size_t i = 0; i < block_size; ++i) {
+        if (block.entries[i] >= end) continue;
+        const Block& child = blockOf(level - 1, index * block_size + i);
+        prefetchLine(child.entries);
+        prefetchLine(child.entries + block_size / 2);
+    }
+    for (std::size_t i = 0; i < block_size; ++i) {
+        if (block.entries[i] >= end) continue;
+        block.entries[i] = findDue(level - 1, index * block_size + i, end);
+    }
+    return leastOf(block);
+}
+
+}  // namespace Lumenar::Core::Kelm
