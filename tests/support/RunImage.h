@@ -1,10 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "kelm/engine/WindowEngine.h"
+#include "tests/support/Difference.h"
 
 namespace Lumenar::Core::Kelm {
 class KelmRuntime;
@@ -24,8 +26,10 @@ struct RunImage {
 RunImage imageOf(WindowEngine& engine);
 RunImage imageOf(KelmRuntime& runtime);
 
-/// Names the first difference of two runs: the list, the neuron or place in it, and both bit
-/// patterns. Empty where they are equal to the bit.
+/// The first difference of two runs: in states, random states, candidates, spikes, profiles. None
+/// where they are equal to the bit.
+std::optional<Difference> differenceOf(const RunImage& a, const RunImage& b);
+/// The same as a text; empty where they are equal.
 std::string firstDifference(const RunImage& a, const RunImage& b);
 
 /// The text of what a run until `until` ns throws, or none.
