@@ -54,7 +54,7 @@ bool leaveOut(SoakModel& model, std::size_t count,
         for (std::size_t first = 0; first < count;) {
             const std::size_t last = std::min(first + length, count);
             SoakModel candidate = without(model, first, last);
-            if (differs(candidate)) {
+            if (candidate.network().node_count != 0 && differs(candidate)) {
                 model = std::move(candidate);
                 count -= last - first;
                 smaller = true;

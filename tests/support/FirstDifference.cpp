@@ -110,7 +110,7 @@ void WindowTrace::note(std::span<const WindowWork> work,
                        std::span<const Kernel::WindowResult> results) {
     const bool keeps = kept_place_ == windows_.size() - 1;
     Mixer mixer(windows_.back().digest);
-    for (std::size_t i = 0; i < work.size(); ++i) {
+    for (std::size_t i = 0; i < work.size() && !faulty_; ++i) {
         const WindowWork& item = work[i];
         const auto own = events.subspan(item.first_event, item.event_count);
         mixer.add(item.neuron);
@@ -125,6 +125,7 @@ void WindowTrace::note(std::span<const WindowWork> work,
         for (const Kernel::WindowEvent& event : own) mixer.addImage(event);
         mixer.addImage(results[i]);
         candidates_ += results[i].candidates;
+        faulty_ = results[i].bound_violation || results[i].spike_overflow;
         if (!keeps) continue;
         kept_.push_back({item, {own.begin(), own.end()}, results[i]});
         kept_.back().work.first_event = 0;

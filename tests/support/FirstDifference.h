@@ -18,9 +18,9 @@
 namespace Lumenar::Core::Kelm::Testing {
 
 /// The windows of a run, as its backends were given and left them: a digest of each, and one of
-/// them whole where it was asked for. All that a window's neurons see goes into the digest, so two
-/// runs whose digests are equal have computed the same, whoever computed it and however a window
-/// was cut into parts.
+/// them whole where it was asked for. All that a window's neurons see goes into the digest, up to
+/// the first fault of a model, so two runs whose digests are equal have computed the same, whoever
+/// computed it and however a window was cut into parts.
 class WindowTrace {
 public:
     struct Window {
@@ -59,6 +59,7 @@ private:
     std::vector<Window> windows_;
     std::vector<Item> kept_;
     std::uint64_t candidates_ = 0;
+    bool faulty_ = false;  ///< a fault ends the run: how much of its window was computed is open
 };
 
 /// A backend whose windows go into a trace.
