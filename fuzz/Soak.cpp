@@ -21,7 +21,7 @@
 #include "tests/support/PlainStore.h"
 #include "tests/support/RunImage.h"
 
-namespace Lumenar::Core::Kelm::Soak {
+namespace Lumenar::Core::Kelm::Fuzzing {
 
 namespace {
 
@@ -46,7 +46,9 @@ public:
                        ModelTime horizon, const Kernel::Neuron& neuron,
                        const Kernel::Firing& firing,
                        const std::span<Kernel::WindowResult>& results) override {
-        Emulation::permuteThreads(order_);
+        // Another order in each window, and the same whenever it runs.
+        Emulation::permuteThreads(
+            order_ ? std::optional(*order_ ^ static_cast<std::uint64_t>(window_end)) : order_);
         device_.processWindow(work, events, window_end, horizon, neuron, firing, results);
     }
     bool tryResidentRun(WindowEngine& engine) override {
@@ -447,4 +449,4 @@ std::string Soak::idleKind() const {
     return {};
 }
 
-}  // namespace Lumenar::Core::Kelm::Soak
+}  // namespace Lumenar::Core::Kelm::Fuzzing

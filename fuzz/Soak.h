@@ -17,7 +17,7 @@
 // whole on a device, unwatched, and cut into pieces that fresh objects on other backends carry on.
 // All ways must show and leave the same to the bit.
 
-namespace Lumenar::Core::Kelm::Soak {
+namespace Lumenar::Core::Kelm::Fuzzing {
 
 /// What one run came to, beside what is compared.
 struct Tally {
@@ -99,4 +99,4 @@ private:
     std::array<std::uint64_t, kind_count> spiking_ = {};
 };
 
-}  // namespace Lumenar::Core::Kelm::Soak
+}  // namespace Lumenar::Core::Kelm::Fuzzing

@@ -26,7 +26,7 @@ namespace {
 
 using namespace Lumenar::Core;
 using namespace Lumenar::Core::Kelm;
-using namespace Lumenar::Core::Kelm::Soak;
+using namespace Lumenar::Core::Kelm::Fuzzing;
 
 struct Arguments {
     std::uint64_t models = 100;
@@ -94,7 +94,7 @@ int compareFiles(const std::string& left, const std::string& right) {
     return found ? 1 : 0;
 }
 
-int compareWays(Soak::Soak& soak, const SoakModel& model, const Arguments& arguments) {
+int compareWays(Soak& soak, const SoakModel& model, const Arguments& arguments) {
     if (!soak.applies(*arguments.left, model) || !soak.applies(arguments.right, model)) {
         std::fprintf(stderr, "no such way for a model of kind %s\n", nameOf(model.kind));
         return 2;
@@ -106,8 +106,8 @@ int compareWays(Soak::Soak& soak, const SoakModel& model, const Arguments& argum
 
 void report(const Finding& finding, const SoakModel& model) {
     std::printf("seed %llu: %s differs from %s in %s\n",
-                static_cast<unsigned long long>(model.seed), finding.way.c_str(),
-                Soak::Soak::reference, finding.difference.text().c_str());
+                static_cast<unsigned long long>(model.seed), finding.way.c_str(), Soak::reference,
+                finding.difference.text().c_str());
     std::printf("again: kelm-soak --seed %llu --kind %s --only %s\n",
                 static_cast<unsigned long long>(model.seed), nameOf(model.kind),
                 finding.way.c_str());
@@ -121,7 +121,7 @@ int soak(const Arguments& arguments) {
     const auto seconds = [&] {
         return std::chrono::duration<double>(Clock::now() - start).count();
     };
-    Soak::Soak soak;
+    Soak soak;
     const std::uint64_t first = arguments.seed.value_or(arguments.first);
     const std::uint64_t count = arguments.seed ? 1 : arguments.models;
     double next_report = 60.0;
@@ -180,7 +180,7 @@ int main(int count, char** values) {
             std::fprintf(stderr, " %s", nameOf(static_cast<ModelKind>(kind)));
         }
         std::fprintf(stderr, "\nways:");
-        for (const std::string& way : Soak::Soak().ways()) std::fprintf(stderr, " %s", way.c_str());
+        for (const std::string& way : Soak().ways()) std::fprintf(stderr, " %s", way.c_str());
         std::fprintf(stderr, "\n");
         return 2;
     }

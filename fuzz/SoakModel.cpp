@@ -1,14 +1,16 @@
 #include "fuzz/SoakModel.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <numeric>
 #include <sstream>
+#include <type_traits>
 #include <utility>
 
 #include "tests/support/Draws.h"
 
-namespace Lumenar::Core::Kelm::Soak {
+namespace Lumenar::Core::Kelm::Fuzzing {
 
 namespace {
 
@@ -79,6 +81,46 @@ SoakModel withHorizon(const SoakModel& model, ModelTime horizon) {
         if (step.until) step.until = std::min(*step.until, horizon);
     }
     return shorter;
+}
+
+/// Gives neurons the parameters of the default, one by one; of alike neurons those of all.
+bool makePlain(SoakModel& model, const std::function<bool(const SoakModel&)>& differs) {
+    bool plainer = false;
+    const auto reset = [&](auto member, auto records) {
+        const auto& list = model.network().*records;
+        using Record = typename std::decay_t<decltype(list)>::value_type;
+        const auto usual = Record().*member;
+        for (std::size_t n = 0; n < (model.network().*records).size(); ++n) {
+            SoakModel candidate = model;
+            auto& candidates = candidate.network().*records;
+            const auto before = candidates[n].*member;
+            if (std::memcmp(&before, &usual, sizeof usual) == 0) continue;
+            const bool all = model.isComposed() || model.kind == ModelKind::resident;
+            for (std::size_t i = 0; i < candidates.size(); ++i) {
+                if (all || i == n) candidates[i].*member = usual;
+            }
+            if (!differs(candidate)) continue;
+            model = std::move(candidate);
+            plainer = true;
+        }
+    };
+    for (const auto member : {&Kernel::Neuron::tau_membrane, &Kernel::Neuron::tau_adaptation,
+                              &Kernel::Neuron::refractory_period}) {
+        reset(member, &GeneratedModel::neurons);
+    }
+    for (const auto member :
+         {&Kernel::Neuron::adaptation_increment, &Kernel::Neuron::input_coupling,
+          &Kernel::Neuron::reset_value, &Kernel::Neuron::trace_epsilon}) {
+        reset(member, &GeneratedModel::neurons);
+    }
+    reset(&Kernel::Neuron::hard_refractory, &GeneratedModel::neurons);
+    reset(&Kernel::Neuron::non_leaky, &GeneratedModel::neurons);
+    for (const auto member :
+         {&Kernel::Firing::gain, &Kernel::Firing::threshold, &Kernel::Firing::adaptation_weight,
+          &Kernel::Firing::rate_scale, &Kernel::Firing::max_rate}) {
+        reset(member, &GeneratedModel::firings);
+    }
+    return plainer;
 }
 
 /// One round of everything that can be left out. False where nothing could.
@@ -191,6 +233,8 @@ SoakModel shrunk(SoakModel model, const std::function<bool(const SoakModel&)>& d
     if (differs(declared)) model = std::move(declared);
     while (shrinkOnce(model, differs)) {
     }
+    while (makePlain(model, differs)) {
+    }
     return model;
 }
 
@@ -236,4 +280,4 @@ std::string SoakModel::text() const {
     return out.str();
 }
 
-}  // namespace Lumenar::Core::Kelm::Soak
+}  // namespace Lumenar::Core::Kelm::Fuzzing

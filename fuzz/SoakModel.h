@@ -10,7 +10,7 @@
 #include "tests/support/ComposedModel.h"
 #include "tests/support/GeneratedModel.h"
 
-namespace Lumenar::Core::Kelm::Soak {
+namespace Lumenar::Core::Kelm::Fuzzing {
 
 /// What a model is like.
 enum class ModelKind : std::uint8_t {
@@ -59,4 +59,4 @@ SoakModel generateSoakModel(std::uint64_t seed, std::optional<ModelKind> kind = 
 /// `differs`, which must not throw.
 SoakModel shrunk(SoakModel model, const std::function<bool(const SoakModel&)>& differs);
 
-}  // namespace Lumenar::Core::Kelm::Soak
+}  // namespace Lumenar::Core::Kelm::Fuzzing

@@ -138,7 +138,9 @@ void makeExtreme(Draws& draws, const GeneratedModel& model, Kernel::Neuron& neur
             neuron.trace_epsilon = draws.oneOf({0.0, least, 1e-300, 0.5, 1e30});
             break;
         case 7:
-            firing.base_rate = draws.oneOf({0.0, least, 1e-300, firing.max_rate, 1e300});
+            // A ceiling over the least rate is no number, and the hazard then has no ceiling.
+            firing.base_rate =
+                draws.oneOf({0.0, d_min <= 1000 ? least : 1e-290, 1e-300, firing.max_rate, 1e300});
             break;
         case 8:
             firing.gain = draws.oneOf({0.0, least, 30.0, 1e30, 1e300});
