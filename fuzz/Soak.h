@@ -87,6 +87,8 @@ public:
     /// How many models of each kind it was given, and how many of them spiked.
     const std::array<std::uint64_t, kind_count>& models() const { return models_; }
     const std::array<std::uint64_t, kind_count>& spiking() const { return spiking_; }
+    /// Of all that the reference has computed: the same wherever the same models are run.
+    std::uint64_t digest() const { return digest_; }
     /// The first kind of which so many models idled that nothing is proved; empty where none did.
     std::string idleKind() const;
 
@@ -97,6 +99,7 @@ private:
     std::array<Tally, kind_count> tallies_ = {};
     std::array<std::uint64_t, kind_count> models_ = {};
     std::array<std::uint64_t, kind_count> spiking_ = {};
+    std::uint64_t digest_ = 0;
 };
 
 }  // namespace Lumenar::Core::Kelm::Fuzzing

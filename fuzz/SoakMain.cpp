@@ -149,9 +149,10 @@ int soak(const Arguments& arguments) {
     const auto number = [](std::uint64_t value) { return static_cast<unsigned long long>(value); };
     std::printf(
         "%llu models (%s), %llu runs, %llu windows, %llu spikes, %llu refusals, %llu exceptions, "
-        "%llu cuts, %llu whole runs, %.1f s\n",
+        "%llu cuts, %llu whole runs, digest %016llx, %.1f s\n",
         number(count), kinds.c_str(), number(all.runs), number(all.windows), number(all.spikes),
-        number(all.refusals), number(all.thrown), number(all.cuts), number(all.whole), seconds());
+        number(all.refusals), number(all.thrown), number(all.cuts), number(all.whole),
+        number(soak.digest()), seconds());
     if (const std::string idle = soak.idleKind(); !idle.empty()) {
         std::printf("models of kind %s idle: the generator is at fault\n", idle.c_str());
         return 1;

@@ -16,14 +16,16 @@ namespace {
 
 using namespace Testing;
 
-constexpr const char* kind_names[kind_count] = {"plain",   "alike", "large",    "resident",
-                                                "extreme", "far",   "composed", "composed-extreme"};
+constexpr const char* kind_names[kind_count] = {
+    "plain",        "alike", "large", "resident", "extreme", "far", "composed", "composed-extreme",
+    "composed-far",
+};
 
 /// Windows behind the horizon, into which inputs are posted that an ordinary run would not see.
 constexpr ModelTime windows_behind = 4;
 
 ModelKind drawKind(Draws& draws) {
-    constexpr unsigned shares[kind_count] = {15, 15, 1, 12, 17, 15, 18, 7};  // percent
+    constexpr unsigned shares[kind_count] = {14, 14, 2, 12, 15, 13, 16, 7, 7};  // percent
     auto left = static_cast<unsigned>(draws.below(100));
     std::size_t kind = 0;
     while (left >= shares[kind]) left -= shares[kind++];
@@ -38,11 +40,24 @@ ModelTraits traitsOf(ModelKind kind, Draws& draws) {
     traits.external_events = !traits.resident;
     traits.extreme = kind == ModelKind::extreme;
     traits.far = kind == ModelKind::far;
-    if (kind == ModelKind::resident) traits.max_windows = 25;
+    // Enough for vectors to fill and blocks of device threads to end.
+    if (draws.oneIn(8)) traits.max_neurons = 100;
+    if (traits.resident) traits.max_windows = 25;
+    if (traits.resident && draws.oneIn(12)) traits.max_neurons = 700;
     if (kind == ModelKind::large) {
         traits.max_neurons = 1500;
         traits.max_windows = 4;
     }
+    return traits;
+}
+
+ComposedTraits composedTraitsOf(ModelKind kind, Draws& draws, bool counts_spikes) {
+    ComposedTraits traits;
+    if (draws.oneIn(8)) traits.max_neurons = 60;
+    if (draws.oneIn(8)) traits.max_windows = 120;
+    traits.counts_spikes = counts_spikes;
+    traits.extreme = kind == ModelKind::composed_extreme;
+    traits.far = kind == ModelKind::composed_far;
     return traits;
 }
 
@@ -155,6 +170,11 @@ bool shrinkOnce(SoakModel& model, const std::function<bool(const SoakModel&)>& d
                             eraseRange(from.cuts, first, last);
                             return from;
                         });
+    smaller |= leaveOut(model, model.moments.size(), differs,
+                        [](SoakModel from, std::size_t first, std::size_t last) {
+                            eraseRange(from.moments, first, last);
+                            return from;
+                        });
     smaller |= leaveOut(model, model.network().inputs.size(), differs,
                         [](SoakModel from, std::size_t first, std::size_t last) {
                             eraseRange(from.network().inputs, first, last);
@@ -207,18 +227,27 @@ SoakModel generateSoakModel(std::uint64_t seed, std::optional<ModelKind> kind) {
     model.kind = kind.value_or(drawn);
     const bool counts_spikes = draws.oneIn(3);
     if (model.isComposed()) {
-        ComposedTraits traits;
-        traits.counts_spikes = counts_spikes;
-        traits.extreme = model.kind == ModelKind::composed_extreme;
-        model.composed = generateComposedModel(seed, traits);
+        model.composed =
+            generateComposedModel(seed, composedTraitsOf(model.kind, draws, counts_spikes));
     } else {
         model.network() = generateModel(seed, traitsOf(model.kind, draws));
+    }
+    const auto anyTime = [&] {
+        return draws.timeBelow(static_cast<std::uint64_t>(model.network().horizon));
+    };
+    // Whom somebody looks at is not run whole on a device.
+    if (!model.isComposed() && model.kind != ModelKind::resident && draws.oneIn(3)) {
+        const ModelTime window = model.network().d_min;
+        for (std::uint64_t left = draws.below(12); left != 0; --left) {
+            const ModelTime time = anyTime();
+            model.moments.push_back(draws.oneIn(4) ? time / window * window : time);
+        }
     }
     // What a spike count of the recorder waits for is in no checkpoint.
     if (model.isComposed() && counts_spikes) return model;
     for (std::uint64_t left = draws.below(5); left != 0; --left) {
-        const auto horizon = static_cast<std::uint64_t>(model.network().horizon);
-        model.cuts.push_back({draws.timeBelow(horizon), draws.next()});
+        const ModelTime time = anyTime();
+        model.cuts.push_back({time, draws.next()});
     }
     std::sort(model.cuts.begin(), model.cuts.end(),
               [](const Cut& a, const Cut& b) { return a.time < b.time; });
@@ -276,6 +305,7 @@ std::string SoakModel::text() const {
             out << '\n';
         }
     }
+    for (const ModelTime moment : moments) out << "  observed at " << moment << '\n';
     for (const Cut& cut : cuts) out << "  cut at " << cut.time << '\n';
     return out.str();
 }

@@ -22,8 +22,9 @@ enum class ModelKind : std::uint8_t {
     far,               ///< bursts that lie far apart, up to the end of time
     composed,          ///< a runtime with every part
     composed_extreme,  ///< the same at the ends of what arithmetic takes
+    composed_far,      ///< the same, but for rhythms, with bursts that lie far apart
 };
-inline constexpr std::size_t kind_count = 8;
+inline constexpr std::size_t kind_count = 9;
 const char* nameOf(ModelKind kind);
 std::optional<ModelKind> kindNamed(std::string_view name);
 
@@ -39,6 +40,7 @@ struct SoakModel {
     ModelKind kind = ModelKind::plain;
     Testing::ComposedModel composed;  ///< of a bare engine only the network counts
     std::vector<Cut> cuts;            ///< ascending
+    std::vector<ModelTime> moments;   ///< ns, at which an engine's observer looks at it
 
     Testing::GeneratedModel& network() { return composed.network; }
     const Testing::GeneratedModel& network() const { return composed.network; }

@@ -283,8 +283,16 @@ ComposedModel generateComposedModel(std::uint64_t seed, const ComposedTraits& tr
                                          .max_windows = traits.max_windows,
                                          .alike = true,
                                          .external_events = false,
-                                         .extreme = traits.extreme});
+                                         .extreme = traits.extreme,
+                                         .far = traits.far});
     Generator(model, traits).generate();
+    if (traits.far) {
+        model.parts &= ~phase_part;
+        const ModelTime far = model.network.horizon / 20 + 1;
+        model.recorder.sample_interval = std::max(model.recorder.sample_interval, far);
+        if (seed % 2 == 0) model.plasticity.trace.tau_pre = far;
+        if (seed % 3 == 0) model.plasticity.trace.tau_post = far;
+    }
     return model;
 }
 

@@ -20,6 +20,7 @@ struct ComposedTraits {
     std::uint64_t max_stops = 8;  ///< moments at which the caller acts, beside the start
     bool counts_spikes = false;   ///< samples count spikes; no checkpoint then holds all there is
     bool extreme = false;         ///< as in ModelTraits; a bound may break then
+    bool far = false;             ///< as in ModelTraits; without rhythms, which leave no window out
 };
 
 /// The parts of a composed runtime.

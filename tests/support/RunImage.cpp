@@ -62,21 +62,4 @@ std::string failureOf(WindowEngine& engine, IWindowBackend& backend, ModelTime u
     return {};
 }
 
-std::string runSideBySide(WindowEngine& a, IWindowBackend& backend_a, WindowEngine& b,
-                          IWindowBackend& backend_b, ModelTime d_min) {
-    for (std::int64_t window = 0; window * d_min < a.horizon(); ++window) {
-        const std::string place = "window " + std::to_string(window) + ": ";
-        const ModelTime until = std::min((window + 1) * d_min, a.horizon());
-        const std::string failure_a = failureOf(a, backend_a, until);
-        const std::string failure_b = failureOf(b, backend_b, until);
-        if (failure_a != failure_b) {
-            return place + "thrown: '" + failure_a + "' vs '" + failure_b + "'";
-        }
-        const std::string found = firstDifference(imageOf(a), imageOf(b));
-        if (!found.empty()) return place + found;
-        if (!failure_a.empty()) break;
-    }
-    return {};
-}
-
 }  // namespace Lumenar::Core::Kelm::Testing

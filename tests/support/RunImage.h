@@ -35,11 +35,4 @@ std::string firstDifference(const RunImage& a, const RunImage& b);
 /// The text of what a run until `until` ns throws, or none.
 std::string failureOf(WindowEngine& engine, IWindowBackend& backend, ModelTime until);
 
-/// Runs two engines of one model side by side, window by window, and compares them after each.
-///
-/// A run that throws ends both, and is equal to one that throws the same text in the same window.
-/// Returns the first difference, behind the window that showed it; empty where there is none.
-std::string runSideBySide(WindowEngine& a, IWindowBackend& backend_a, WindowEngine& b,
-                          IWindowBackend& backend_b, ModelTime d_min);
-
 }  // namespace Lumenar::Core::Kelm::Testing
