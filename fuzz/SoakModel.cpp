@@ -34,6 +34,8 @@ ModelKind drawKind(Draws& draws) {
 
 ModelTraits traitsOf(ModelKind kind, Draws& draws) {
     ModelTraits traits;
+    traits.max_neurons = 40;
+    traits.max_windows = 100;
     traits.alike = kind == ModelKind::alike || kind == ModelKind::resident ||
                    (kind != ModelKind::plain && draws.oneIn(3));
     traits.resident = kind == ModelKind::resident;
@@ -41,7 +43,7 @@ ModelTraits traitsOf(ModelKind kind, Draws& draws) {
     traits.extreme = kind == ModelKind::extreme;
     traits.far = kind == ModelKind::far;
     // Enough for vectors to fill and blocks of device threads to end.
-    if (draws.oneIn(8)) traits.max_neurons = 100;
+    if (draws.oneIn(8)) traits.max_neurons = 200;
     if (traits.resident) traits.max_windows = 25;
     if (traits.resident && draws.oneIn(12)) traits.max_neurons = 700;
     if (kind == ModelKind::large) {
@@ -53,8 +55,9 @@ ModelTraits traitsOf(ModelKind kind, Draws& draws) {
 
 ComposedTraits composedTraitsOf(ModelKind kind, Draws& draws, bool counts_spikes) {
     ComposedTraits traits;
-    if (draws.oneIn(8)) traits.max_neurons = 60;
-    if (draws.oneIn(8)) traits.max_windows = 120;
+    traits.max_neurons = draws.oneIn(8) ? 80 : 20;
+    traits.max_windows = draws.oneIn(8) ? 200 : 60;
+    traits.max_stops = 12;
     traits.counts_spikes = counts_spikes;
     traits.extreme = kind == ModelKind::composed_extreme;
     traits.far = kind == ModelKind::composed_far;

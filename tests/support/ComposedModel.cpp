@@ -217,9 +217,9 @@ private:
     void intervene(ModelTime) {
         const std::size_t mechanism = draws_.below(InterventionState::mechanism_count);
         // Candidates on their way were drawn under the bound of their day. A gain that only falls
-        // keeps every bound true, so none of these models may end in a bound violation.
-        const bool falls = mechanism == InterventionState::oscillators ||
-                           mechanism == InterventionState::prediction;
+        // keeps every bound true, so none but the extreme models may end in a bound violation.
+        const bool falls = !traits_.extreme && (mechanism == InterventionState::oscillators ||
+                                                mechanism == InterventionState::prediction);
         const double factor = draws_.oneIn(8) ? 0.0 : draws_.between(0.3, falls ? 1.0 : 2.0);
         set("intervene", 0, [=, entry = draws_.next()](KelmRuntime& runtime) {
             InterventionState& state = runtime.interventions();
@@ -288,6 +288,8 @@ ComposedModel generateComposedModel(std::uint64_t seed, const ComposedTraits& tr
     Generator(model, traits).generate();
     if (traits.far) {
         model.parts &= ~phase_part;
+        // An error that lasts would let the far network burst for ever.
+        for (ErrorChannel& channel : model.prediction.channels) channel.strength *= 0.1;
         const ModelTime far = model.network.horizon / 20 + 1;
         model.recorder.sample_interval = std::max(model.recorder.sample_interval, far);
         if (seed % 2 == 0) model.plasticity.trace.tau_pre = far;

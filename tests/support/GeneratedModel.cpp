@@ -102,7 +102,7 @@ void generateInputs(Draws& draws, GeneratedModel& model, std::int64_t windows) {
 }
 
 /// Sets a parameter to the end of a range. Rates stay such that no window holds more than some
-/// thousand candidates, and values such that sums stay numbers: what a NaN looks like is nobody's
+/// thousand candidates, and values such that nothing becomes a NaN: what one looks like is nobody's
 /// promise.
 void makeExtreme(Draws& draws, const GeneratedModel& model, Kernel::Neuron& neuron,
                  Kernel::Firing& firing) {
@@ -138,9 +138,8 @@ void makeExtreme(Draws& draws, const GeneratedModel& model, Kernel::Neuron& neur
             neuron.trace_epsilon = draws.oneOf({0.0, least, 1e-300, 0.5, 1e30});
             break;
         case 7:
-            // A ceiling over the least rate is no number, and the hazard then has no ceiling.
-            firing.base_rate =
-                draws.oneOf({0.0, d_min <= 1000 ? least : 1e-290, 1e-300, firing.max_rate, 1e300});
+            firing.rate_scale = 1.0;
+            firing.base_rate = draws.oneOf({0.0, 1e-290, 1e-30, firing.max_rate, 1e290});
             break;
         case 8:
             firing.gain = draws.oneOf({0.0, least, 30.0, 1e30, 1e300});
@@ -156,8 +155,8 @@ void makeExtreme(Draws& draws, const GeneratedModel& model, Kernel::Neuron& neur
             break;
         default:
             // One product of many pairs, and hot ones where a window has few instants.
-            firing.rate_scale = draws.oneOf({1e-300, 1e300, 1e-150});
-            firing.base_rate /= firing.rate_scale;
+            firing.rate_scale = draws.oneOf({1e-280, 1e280, 1e-150});
+            firing.base_rate = std::min(firing.base_rate, firing.max_rate) / firing.rate_scale;
             if (d_min <= 1000) firing.max_rate = 1e12;
             break;
     }
@@ -169,12 +168,21 @@ void makeExtreme(Draws& draws, GeneratedModel& model) {
             makeExtreme(draws, model, model.neurons[n], model.firings[n]);
         }
     }
+    // Where inputs multiply, a few large ones leave the range of doubles.
+    const bool large = draws.oneIn(2);
+    for (Kernel::Neuron& neuron : model.neurons) {
+        if (large) neuron.input_coupling = 0.0;
+    }
     for (Synapse& synapse : model.synapses) {
         if (!draws.oneIn(6)) continue;
-        synapse.weight = draws.oneOf({1.4e-45F, 1.1754944e-38F, 100.0F, 1e30F, 3.4028235e38F});
+        synapse.weight = large ? draws.oneOf({1.4e-45F, 100.0F, 1e30F, 3.4028235e38F})
+                               : draws.oneOf({1.4e-45F, 1.1754944e-38F, 3.0F});
     }
     for (Event& input : model.inputs) {
-        if (draws.oneIn(8)) input.value = draws.oneOf({5e-324, -0.0, 1e-300, -40.0, 1e30, -1e30});
+        if (draws.oneIn(8)) {
+            input.value = large ? draws.oneOf({5e-324, -40.0, 1e30, -1e30})
+                                : draws.oneOf({5e-324, -0.0, 1e-300, -3.0});
+        }
         // Refused, or for nobody.
         if (draws.oneIn(60)) input.time = draws.oneOf<ModelTime>({-1, last_model_time});
         if (draws.oneIn(60)) input.target = model.node_count;
@@ -188,7 +196,7 @@ void makeFar(Draws& draws, GeneratedModel& model) {
     ModelTime pace = model.d_min << draws.below(20);
     // Past the integers that doubles keep, and up to where deliveries leave the range.
     if (draws.oneIn(2)) pace = (ModelTime{1} << (54 + draws.below(9))) / paces;
-    if (draws.oneIn(12)) pace = last_model_time / paces;
+    if (draws.oneIn(8)) pace = last_model_time / paces;
     pace = std::max(pace, model.d_min);
     model.horizon = pace * paces;
     if (last_model_time - model.horizon > model.d_min) {
@@ -201,12 +209,13 @@ void makeFar(Draws& draws, GeneratedModel& model) {
         neuron.tau_membrane = std::min(neuron.tau_membrane, 3 * model.d_min);
         if (draws.oneIn(3)) neuron.tau_adaptation = draws.timeBetween(1, pace);
         firing.rate_scale = 1.0;
-        firing.base_rate = draws.between(0.02, 0.5) * 1e9 / static_cast<double>(pace);
+        const double crowd = 1.0 + static_cast<double>(model.node_count) / 6.0;
+        firing.base_rate = draws.between(0.02, 0.5) / crowd * 1e9 / static_cast<double>(pace);
         firing.max_rate = draws.between(0.5, 3.0) * 1e9 / static_cast<double>(model.d_min);
         firing.max_rate = std::max(firing.max_rate, firing.base_rate);
         firing.threshold = draws.between(0.0, 0.2);
         firing.gain =
-            Kernel::kernelLog(firing.max_rate / firing.base_rate) * draws.between(0.4, 1.5) + 0.1;
+            Kernel::kernelLog(firing.max_rate / firing.base_rate) * draws.between(0.3, 1.1) + 0.1;
     }
     for (Synapse& synapse : model.synapses) {
         // Not the one that the smallest delay may follow from.
