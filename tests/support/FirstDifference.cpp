@@ -136,8 +136,9 @@ void WindowTrace::note(std::span<const WindowWork> work,
 std::optional<Difference> differenceOf(const Remains& a, const Remains& b) {
     if (auto found = differenceOf(a.image, b.image)) return found;
     for (const auto& [name, blob] : a.blobs) {
-        const auto other = std::find_if(b.blobs.begin(), b.blobs.end(),
-                                        [&](const auto& entry) { return entry.first == name; });
+        const auto other =
+            std::find_if(b.blobs.begin(), b.blobs.end(),
+                         [&name = name](const auto& entry) { return entry.first == name; });
         if (other == b.blobs.end() || other->second == blob) continue;
         return blobDifference(name, blob, other->second);
     }
