@@ -150,8 +150,9 @@ protected:
     virtual RunImage image() = 0;
     virtual void addBlobs(std::vector<std::pair<std::string, Blob>>& blobs) = 0;
     virtual void runTo(ModelTime until) = 0;
-    /// Lets fresh objects on the next backend take over. Throws where they do not take all.
-    virtual void handOver() = 0;
+    /// Lets other objects on the next backend take over. `astray`: they have already run, to that
+    /// time and alone; no_time for fresh ones. Throws where they do not take all.
+    virtual void handOver(ModelTime astray) = 0;
 
     /// Performs what may throw, and notes that. False where it did.
     template <class Action>
@@ -173,9 +174,10 @@ protected:
             alive_ = attempt("thrown", [&] { runTo(model_.cuts[next_cut_].time); });
             tally_.thrown += alive_ ? 0 : 1;
             if (!alive_) break;
-            place_ = model_.cuts[next_cut_].backend % traced_.size();
-            alive_ = attempt("cut at " + std::to_string(model_.cuts[next_cut_].time),
-                             [&] { handOver(); });
+            const Cut& cut = model_.cuts[next_cut_];
+            place_ = cut.backend % traced_.size();
+            const ModelTime astray = cut.backend >> 62 == 0 ? cut.time / 2 : no_time;
+            alive_ = attempt("cut at " + std::to_string(cut.time), [&] { handOver(astray); });
             ++tally_.cuts;
         }
         if (!alive_) return false;
@@ -184,6 +186,23 @@ protected:
         return alive_;
     }
     IWindowBackend& backend() { return *traced_[place_]; }
+    /// An object to hand over to. Unless `astray` is no_time it has run already, alone and with
+    /// nobody to note it: a restore has to replace all of that.
+    template <class Build, class Run>
+    auto another(ModelTime astray, Build build, Run run) {
+        auto object = build();
+        if (astray == no_time) return object;
+        const Witness seen = witness_;
+        trace().mute(true);
+        try {
+            run(*object);
+        } catch (const std::exception&) {
+            object = build();  // it may only be destroyed
+        }
+        trace().mute(false);
+        witness_ = seen;
+        return object;
+    }
 
     const SoakModel& model_;
     Setting setting_;
@@ -232,9 +251,11 @@ private:
         engine_->run(backend(), until);
         if (setting_.resident) tally_.whole += setting_.resident->whole_runs - whole;
     }
-    void handOver() override {
+    void handOver(ModelTime astray) override {
         const Blob bytes = engine_->snapshot();
-        std::unique_ptr<WindowEngine> next = build();
+        std::unique_ptr<WindowEngine> next = another(
+            astray, [&] { return build(); },
+            [&](WindowEngine& engine) { engine.run(backend(), astray); });
         if (!next->restore(bytes)) throw std::runtime_error("not restored");
         if (next->snapshot() != bytes) throw std::runtime_error("restored to something else");
         engine_ = std::move(next);
@@ -310,9 +331,10 @@ private:
         if (!other) blobs.emplace_back("checkpoint", run.checkpoint());
     }
     void runTo(ModelTime until) override { runtime_->run(until); }
-    void handOver() override {
+    void handOver(ModelTime astray) override {
         const Blob bytes = runtime_->checkpoint();
-        std::unique_ptr<KelmRuntime> next = build();
+        std::unique_ptr<KelmRuntime> next = another(
+            astray, [&] { return build(); }, [&](KelmRuntime& runtime) { runtime.run(astray); });
         if (!next->restore(bytes)) throw std::runtime_error("not restored");
         if (next->checkpoint() != bytes) throw std::runtime_error("restored to something else");
         runtime_ = std::move(next);

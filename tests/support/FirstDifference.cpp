@@ -96,9 +96,12 @@ struct Pair {
 }  // namespace
 
 void WindowTrace::begin(ModelTime window_end) {
+    const auto end = [] { throw std::runtime_error("a run as long as it may be"); };
+    if (muted_ && ++muted_windows_ > max_windows_) end();
+    if (muted_) return;
     if (!windows_.empty() && windows_.back().end == window_end) return;  // another part
     if (windows_.size() == max_windows_ || candidates_ > max_candidates_) {
-        throw std::runtime_error("a run as long as it may be");
+        end();
     }
     Mixer mixer(windows_.empty() ? 0 : windows_.back().digest);
     mixer.add(static_cast<std::uint64_t>(window_end));
@@ -108,6 +111,7 @@ void WindowTrace::begin(ModelTime window_end) {
 void WindowTrace::note(std::span<const WindowWork> work,
                        std::span<const Kernel::WindowEvent> events,
                        std::span<const Kernel::WindowResult> results) {
+    if (muted_) return;
     const bool keeps = kept_place_ == windows_.size() - 1;
     Mixer mixer(windows_.back().digest);
     for (std::size_t i = 0; i < work.size() && !faulty_; ++i) {

@@ -42,6 +42,12 @@ public:
     /// Keeps the window of this place in the order of windows.
     void keep(std::size_t place) { kept_place_ = place; }
 
+    /// Lets windows pass without noting them, up to the same number.
+    void mute(bool muted) {
+        muted_ = muted;
+        muted_windows_ = 0;
+    }
+
     /// To be called before a window or a part of one is computed. Throws as said above.
     void begin(ModelTime window_end);
     /// To be called when it has been.
@@ -59,6 +65,8 @@ private:
     std::vector<Window> windows_;
     std::vector<Item> kept_;
     std::uint64_t candidates_ = 0;
+    bool muted_ = false;
+    std::uint64_t muted_windows_ = 0;
     bool faulty_ = false;  ///< a fault ends the run: how much of its window was computed is open
 };
 
