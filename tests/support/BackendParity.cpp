@@ -1,17 +1,12 @@
 #include "tests/support/BackendParity.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <limits>
 #include <span>
 
-#include "kelm/engine/CpuWindowBackend.h"
-#include "kelm/engine/WindowEngine.h"
 #include "tests/support/Draws.h"
-#include "tests/support/RunImage.h"
 
 namespace Lumenar::Core::Kelm::Testing {
 
@@ -154,17 +149,6 @@ std::vector<Kernel::WindowResult> compute(IWindowBackend& backend, const DrawnCa
     backend.processWindow(call.work, call.events, call.window_end, call.horizon, call.neuron,
                           call.firing, results);
     return results;
-}
-
-WindowProfile expectReferenceRun(const GeneratedModel& model, IWindowBackend& backend) {
-    CpuWindowBackend cpu;
-    WindowEngine reference = makeEngine(model);
-    WindowEngine engine = makeEngine(model);
-    postInputs(model, reference);
-    postInputs(model, engine);
-    EXPECT_EQ(runSideBySide(reference, cpu, engine, backend, model.d_min), "");
-    EXPECT_EQ(reference.snapshot(), engine.snapshot());
-    return engine.profile();
 }
 
 }  // namespace Lumenar::Core::Kelm::Testing

@@ -4,8 +4,6 @@
 #include <vector>
 
 #include "kelm/engine/IWindowBackend.h"
-#include "kelm/engine/WindowProfile.h"
-#include "tests/support/GeneratedModel.h"
 
 namespace Lumenar::Core::Kelm::Testing {
 
@@ -26,9 +24,5 @@ DrawnCall drawCall(std::uint64_t seed, std::uint64_t item_count, bool strange);
 
 /// Results that are not written, or only in part, show.
 std::vector<Kernel::WindowResult> compute(IWindowBackend& backend, const DrawnCall& call);
-
-/// Expects a run of the model on `backend` to leave after every window, and in its snapshot, what
-/// the CPU backend leaves. Returns what it counted.
-WindowProfile expectReferenceRun(const GeneratedModel& model, IWindowBackend& backend);
 
 }  // namespace Lumenar::Core::Kelm::Testing

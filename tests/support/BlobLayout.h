@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "kelm/core/Blob.h"
+#include "tests/support/Difference.h"
 
 // Where the fields of a stored run lie: a second reader of the formats, which knows their grammar
 // and trusts their counts, so it is for bytes that were just written.
@@ -23,20 +25,23 @@ public:
     };
 
     BlobLayout() = default;
-    /// Of a runtime's checkpoint, with the fields of the engine's snapshot in place; a prediction
-    /// bank has at least one error channel. Throws std::runtime_error for bytes that end too early
-    /// or too late.
-    explicit BlobLayout(Blob checkpoint);
+    /// Of a runtime's checkpoint, with the fields of the engine's snapshot in place, or of an
+    /// engine's snapshot; a prediction bank has at least one error channel. Throws
+    /// std::runtime_error for bytes that end too early or too late.
+    explicit BlobLayout(Blob blob);
 
     const Blob& bytes() const { return bytes_; }
     /// Throws std::runtime_error for a field that is not there.
     const Field& field(std::string_view name) const;
+    /// Throws std::runtime_error for an offset behind the end.
+    const Field& fieldAt(std::size_t offset) const;
     std::size_t begin(std::string_view name) const { return field(name).begin; }
     /// The 64-bit number at the beginning of a field.
     std::uint64_t number(std::string_view name) const;
 
 private:
     void walk(std::string_view grammar);
+    void walkParts();
 
     Blob bytes_;
     std::vector<Field> fields_;
@@ -44,5 +49,9 @@ private:
 
 /// The 64-bit number at `offset`.
 std::uint64_t numberAt(BlobView bytes, std::size_t offset);
+
+/// The first difference of two stored runs, by the field of `name` that it stands in and the offset
+/// there. Of other bytes by the offset alone.
+std::optional<Difference> blobDifference(const std::string& name, BlobView a, BlobView b);
 
 }  // namespace Lumenar::Core::Kelm::Testing

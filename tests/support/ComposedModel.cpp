@@ -5,9 +5,9 @@
 #include <iterator>
 #include <utility>
 
+#include "tests/support/BlobLayout.h"
 #include "tests/support/Draws.h"
 #include "tests/support/RunImage.h"
-#include "tests/support/SameImages.h"
 
 namespace Lumenar::Core::Kelm::Testing {
 
@@ -24,8 +24,8 @@ std::string text(const std::vector<std::uint64_t>& ids) {
 /// in statements of their own.
 class Generator {
 public:
-    Generator(ComposedModel& model, std::uint64_t max_stops)
-        : model_(model), draws_(~model.network.seed), max_stops_(max_stops) {}
+    Generator(ComposedModel& model, const ComposedTraits& traits)
+        : model_(model), draws_(~model.network.seed), traits_(traits) {}
 
     void generate() {
         model_.gate_period = windows(0.5, 4.0);
@@ -37,6 +37,7 @@ public:
         for (int i = 0; i < 6; ++i) {
             model_.recorder.sample_kinds.push_back(static_cast<SampleKind>(i));
         }
+        if (traits_.counts_spikes) model_.recorder.sample_kinds.push_back(SampleKind::spike_counts);
         generateChannels();
         generateSettings();
         generateSteps();
@@ -122,12 +123,12 @@ private:
         }
     }
 
-    void act(std::function<std::string(KelmRuntime&)> action) {
-        model_.steps.push_back({std::nullopt, std::move(action)});
+    void act(const char* what, unsigned parts, std::function<std::string(KelmRuntime&)> action) {
+        model_.steps.push_back({std::nullopt, std::move(action), what, parts});
     }
     /// An action without an answer.
-    void set(std::function<void(KelmRuntime&)> action) {
-        act([=](KelmRuntime& runtime) { return action(runtime), "done"; });
+    void set(const char* what, unsigned parts, std::function<void(KelmRuntime&)> action) {
+        act(what, parts, [=](KelmRuntime& runtime) { return action(runtime), "done"; });
     }
 
     /// What is set once, before the run, and travels in checkpoints from there on.
@@ -135,9 +136,11 @@ private:
         const bool coupled = !draws_.oneIn(6);
         const NodeId taped = anyNeuron();
         const double cap = draws_.between(0.5, 1.5);
-        set([=, grouped = someNeurons()](KelmRuntime& r) {
-            r.oscillators()->setCouplingEnabled(coupled);
-            r.randomStreams().record("spontaneous", taped);
+        set("couple", phase_part,
+            [=](KelmRuntime& r) { r.oscillators()->setCouplingEnabled(coupled); });
+        set("record a stream", 0,
+            [=](KelmRuntime& r) { r.randomStreams().record("spontaneous", taped); });
+        set("group", learning_part, [=, grouped = someNeurons()](KelmRuntime& r) {
             r.learningControl()->setWeightCap(cap);
             for (const NodeId n : grouped) r.learningControl()->setGroup(n, n % 3 != 0 ? 1 : 0);
         });
@@ -149,7 +152,7 @@ private:
         const ModelTime tau = windows(0.5, 20.0);
         const double rate = draws_.oneIn(2) ? 0.0 : draws_.between(0.0, 0.5);
         const auto mode = static_cast<JournalMode>(draws_.below(3));
-        set([=, share = draws_.between(0.05, 1.0)](KelmRuntime& r) {
+        set("learn", learning_part, [=, share = draws_.between(0.05, 1.0)](KelmRuntime& r) {
             r.learningControl()->setFastWeights(fast, tau, rate);
             r.learningControl()->setJournal(mode, share);
         });
@@ -158,7 +161,7 @@ private:
     void generateSteps() {
         const ModelTime horizon = model_.network.horizon;
         std::vector<ModelTime> stops = {horizon};
-        for (std::uint64_t left = draws_.below(max_stops_ + 1); left != 0; --left) {
+        for (std::uint64_t left = draws_.below(traits_.max_stops + 1); left != 0; --left) {
             ModelTime stop = draws_.timeBelow(static_cast<std::uint64_t>(horizon));
             if (draws_.oneIn(3)) stop = stop / dMin() * dMin();
             stops.push_back(stop);
@@ -188,7 +191,7 @@ private:
     void inject(ModelTime now) {
         const std::string name = model_.channels[draws_.below(model_.channels.size())].name;
         const ModelTime time = momentNear(now);
-        act([=, value = draws_.between(-1.5, 1.5)](KelmRuntime& runtime) {
+        act("inject", channel_part, [=, value = draws_.between(-1.5, 1.5)](KelmRuntime& runtime) {
             return text(runtime.inject(name, time, value));
         });
     }
@@ -197,7 +200,7 @@ private:
         const std::size_t channel = draws_.below(model_.prediction.channels.size());
         const double precision = draws_.between(0.0, 3.0);
         const double observed = draws_.between(-2.0, 2.0);
-        set([=, is_new = draws_.oneIn(5)](KelmRuntime& runtime) {
+        set("report", prediction_part, [=, is_new = draws_.oneIn(5)](KelmRuntime& runtime) {
             if (is_new) runtime.prediction()->setPrecision(channel, precision);
             runtime.prediction()->observeValue(channel, observed, -0.5, now);
         });
@@ -208,17 +211,17 @@ private:
                          static_cast<PerturbationKind>(draws_.below(2)), draws_.between(-1.0, 1.5),
                          someNeurons()};
         if (draws_.oneIn(8)) hit.targets.push_back(model_.network.node_count);
-        act([=](KelmRuntime& runtime) { return text(runtime.perturb(hit)); });
+        act("perturb", 0, [=](KelmRuntime& runtime) { return text(runtime.perturb(hit)); });
     }
 
     void intervene(ModelTime) {
         const std::size_t mechanism = draws_.below(InterventionState::mechanism_count);
         // Candidates on their way were drawn under the bound of their day. A gain that only falls
-        // keeps every bound true, so none of these models may end in a bound violation.
-        const bool falls = mechanism == InterventionState::oscillators ||
-                           mechanism == InterventionState::prediction;
+        // keeps every bound true, so none but the extreme models may end in a bound violation.
+        const bool falls = !traits_.extreme && (mechanism == InterventionState::oscillators ||
+                                                mechanism == InterventionState::prediction);
         const double factor = draws_.oneIn(8) ? 0.0 : draws_.between(0.3, falls ? 1.0 : 2.0);
-        set([=, entry = draws_.next()](KelmRuntime& runtime) {
+        set("intervene", 0, [=, entry = draws_.next()](KelmRuntime& runtime) {
             InterventionState& state = runtime.interventions();
             state.note(entry);
             state.setOff(mechanism, entry % 3 == 0);
@@ -233,44 +236,82 @@ private:
         const std::uint64_t edges = model_.network.synapses.size();
         const EdgeId edge = edges == 0 ? 0 : draws_.below(edges);
         const std::string channel = model_.channels[0].name;
-        const std::function<void(KelmRuntime&)> switches[] = {
-            [=](KelmRuntime& r) { r.inputChannels()->setConnected(channel, on); },
-            [=](KelmRuntime& r) { r.inputChannels()->setGain(channel, gain); },
-            [=](KelmRuntime& r) { r.learningControl()->setFrozen(number, on); },
-            [=](KelmRuntime& r) { r.learningControl()->setGroupEnabled(number, on); },
-            [=](KelmRuntime& r) {
-                r.learningControl()->allowOnlyGroups(std::vector{number, 7U});
-            },
-            [=](KelmRuntime& r) { r.learningControl()->allowAllGroups(); },
-            [=](KelmRuntime& r) { r.graph().setTransmissionEnabled(number == 0, on); },
-            [=](KelmRuntime& r) { r.graph().setEnabled(edge, on); },
+        const auto turn = [&](unsigned parts, std::function<void(KelmRuntime&)> action) {
+            set("turn a switch", parts, std::move(action));
         };
-        const std::uint64_t chosen = draws_.below(std::size(switches) + 1);
-        chosen == std::size(switches) ? setLearning() : set(switches[chosen]);
+        switch (draws_.below(9)) {
+            case 0:
+                return turn(channel_part,
+                            [=](KelmRuntime& r) { r.inputChannels()->setConnected(channel, on); });
+            case 1:
+                return turn(channel_part,
+                            [=](KelmRuntime& r) { r.inputChannels()->setGain(channel, gain); });
+            case 2:
+                return turn(learning_part,
+                            [=](KelmRuntime& r) { r.learningControl()->setFrozen(number, on); });
+            case 3:
+                return turn(learning_part, [=](KelmRuntime& r) {
+                    r.learningControl()->setGroupEnabled(number, on);
+                });
+            case 4:
+                return turn(learning_part, [=](KelmRuntime& r) {
+                    r.learningControl()->allowOnlyGroups(std::vector{number, 7U});
+                });
+            case 5:
+                return turn(learning_part,
+                            [=](KelmRuntime& r) { r.learningControl()->allowAllGroups(); });
+            case 6:
+                return turn(
+                    0, [=](KelmRuntime& r) { r.graph().setTransmissionEnabled(number == 0, on); });
+            case 7:
+                return turn(0, [=](KelmRuntime& r) { r.graph().setEnabled(edge, on); });
+            default:
+                return setLearning();
+        }
     }
 
     ComposedModel& model_;
     Draws draws_;
-    std::uint64_t max_stops_;
+    const ComposedTraits& traits_;
 };
 
 }  // namespace
 
 ComposedModel generateComposedModel(std::uint64_t seed, const ComposedTraits& traits) {
     ComposedModel model;
-    model.network = generateModel(seed, {traits.max_neurons, traits.max_windows, true, false});
-    Generator(model, traits.max_stops).generate();
+    model.network = generateModel(seed, {.max_neurons = traits.max_neurons,
+                                         .max_windows = traits.max_windows,
+                                         .alike = true,
+                                         .external_events = false,
+                                         .extreme = traits.extreme,
+                                         .far = traits.far});
+    Generator(model, traits).generate();
+    if (traits.far) {
+        model.parts &= ~phase_part;
+        // An error that lasts would let the far network burst for ever.
+        for (ErrorChannel& channel : model.prediction.channels) channel.strength *= 0.1;
+        const ModelTime far = model.network.horizon / 20 + 1;
+        model.recorder.sample_interval = std::max(model.recorder.sample_interval, far);
+        if (seed % 2 == 0) model.plasticity.trace.tau_pre = far;
+        if (seed % 3 == 0) model.plasticity.trace.tau_post = far;
+    }
     return model;
 }
 
 std::unique_ptr<KelmRuntime> ComposedModel::build(IWindowBackend& backend, bool recorded,
                                                   std::unique_ptr<IEventStore> store) const {
-    std::unique_ptr<KelmRuntime> runtime(new KelmRuntime(
-        makeKelmRuntime(network.graph(), network.neurons[0], network.firings[0], network.run_seed,
-                        network.horizon, &backend, std::move(store), plasticity, phase,
-                        recorded ? std::optional(recorder) : std::nullopt, channels, prediction,
-                        network.seed, "composed")));
-    runtime->oscillators()->setMemberships(memberships);
+    const auto has = [this](unsigned part) { return (parts & part) != 0; };
+    PlasticityConfig learning = plasticity;
+    learning.enabled = learning.enabled && has(learning_part);
+    std::unique_ptr<KelmRuntime> runtime(new KelmRuntime(makeKelmRuntime(
+        network.graph(), network.neurons[0], network.firings[0], network.run_seed, network.horizon,
+        &backend, std::move(store), learning, has(phase_part) ? std::optional(phase) : std::nullopt,
+        recorded && has(recorder_part) ? std::optional(recorder) : std::nullopt,
+        has(channel_part) ? channels : std::vector<InputChannelSpec>(),
+        has(prediction_part) ? std::optional(prediction) : std::nullopt, network.seed,
+        "composed")));
+    if (has(phase_part)) runtime->oscillators()->setMemberships(memberships);
+    if (!has(learning_part)) return runtime;
     runtime->learningControl()->setModulator(
         [period = gate_period](ModelTime window_end) { return window_end / period % 4 != 3; });
     if (has_third_factor) {
@@ -285,6 +326,7 @@ bool ComposedModel::perform(std::size_t first, std::size_t end, KelmRuntime& run
                             std::vector<std::string>& outcomes) const {
     for (std::size_t i = first; i < end; ++i) {
         const Step& step = steps[i];
+        if ((step.parts & ~parts) != 0) continue;
         try {
             if (step.until) runtime.run(*step.until);
             outcomes.push_back(step.until ? "ran to " + std::to_string(*step.until)
@@ -297,10 +339,36 @@ bool ComposedModel::perform(std::size_t first, std::size_t end, KelmRuntime& run
     return true;
 }
 
+ComposedModel withNeurons(const ComposedModel& model, const std::vector<NodeId>& kept) {
+    ComposedModel smaller = model;
+    smaller.network = model.network.withNeurons(kept);
+    smaller.phase.bindings.clear();
+    smaller.memberships.clear();
+    for (const NodeId n : kept) {
+        smaller.phase.bindings.push_back(model.phase.bindings[n]);
+        if (n < model.memberships.size()) smaller.memberships.push_back(model.memberships[n]);
+    }
+    const auto renumber = [&](std::vector<NodeId>& targets) {
+        std::vector<NodeId> numbers;
+        for (const NodeId n : targets) {
+            const auto place = std::lower_bound(kept.begin(), kept.end(), n);
+            if (place == kept.end() || *place != n) continue;
+            numbers.push_back(static_cast<NodeId>(place - kept.begin()));
+        }
+        targets = std::move(numbers);
+    };
+    for (InputChannelSpec& channel : smaller.channels) renumber(channel.targets);
+    for (ErrorChannel& channel : smaller.prediction.channels) renumber(channel.targets);
+    std::erase_if(smaller.channels, [](const auto& channel) { return channel.targets.empty(); });
+    std::erase_if(smaller.prediction.channels,
+                  [](const auto& channel) { return channel.targets.empty(); });
+    return smaller;
+}
+
 std::string firstDifference(KelmRuntime& a, KelmRuntime& b) {
-    const std::string difference = firstDifference(imageOf(a), imageOf(b));
-    if (!difference.empty()) return difference;
-    return differenceOf(BlobView(a.checkpoint()), BlobView(b.checkpoint()));
+    if (const auto found = differenceOf(imageOf(a), imageOf(b))) return found->text();
+    const auto found = blobDifference("checkpoint", a.checkpoint(), b.checkpoint());
+    return found ? found->text() : std::string();
 }
 
 }  // namespace Lumenar::Core::Kelm::Testing

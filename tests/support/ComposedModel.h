@@ -18,6 +18,19 @@ struct ComposedTraits {
     std::uint64_t max_neurons = 16;
     std::int64_t max_windows = 40;
     std::uint64_t max_stops = 8;  ///< moments at which the caller acts, beside the start
+    bool counts_spikes = false;   ///< samples count spikes; no checkpoint then holds all there is
+    bool extreme = false;         ///< as in ModelTraits; a bound may break then
+    bool far = false;             ///< as in ModelTraits; without rhythms, which leave no window out
+};
+
+/// The parts of a composed runtime.
+enum ComposedPart : unsigned {
+    learning_part = 1,  ///< plasticity and learning control
+    phase_part = 2,
+    recorder_part = 4,
+    channel_part = 8,
+    prediction_part = 16,
+    all_parts = 31,
 };
 
 /// A random runtime with every part on at once, and what its caller does with it: a function of its
@@ -36,9 +49,12 @@ struct ComposedModel {
     struct Step {
         std::optional<ModelTime> until;                ///< ns, in a step that runs
         std::function<std::string(KelmRuntime&)> act;  ///< empty in a step that runs
+        const char* what = "run";
+        unsigned parts = 0;  ///< it acts on; without one of them it is left out
     };
 
     GeneratedModel network;
+    unsigned parts = all_parts;  ///< that it is built with
     PlasticityConfig plasticity;
     PhaseConfig phase;
     RecorderConfig recorder;
@@ -62,6 +78,9 @@ struct ComposedModel {
     bool perform(std::size_t first, std::size_t end, KelmRuntime& runtime,
                  std::vector<std::string>& outcomes) const;
 };
+
+/// Some of the neurons, as GeneratedModel::withNeurons; the steps keep their numbers.
+ComposedModel withNeurons(const ComposedModel& model, const std::vector<NodeId>& kept);
 
 ComposedModel generateComposedModel(std::uint64_t seed, const ComposedTraits& traits = {});
 

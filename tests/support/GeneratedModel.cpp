@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "kelm/core/PortableMath.h"
 #include "kelm/core/SplitMix64.h"
 #include "tests/support/Draws.h"
 
@@ -100,10 +101,166 @@ void generateInputs(Draws& draws, GeneratedModel& model, std::int64_t windows) {
     }
 }
 
+/// Sets a parameter to the end of a range. Rates stay such that no window holds more than some
+/// thousand candidates, and values such that nothing becomes a NaN: what one looks like is nobody's
+/// promise.
+void makeExtreme(Draws& draws, const GeneratedModel& model, Kernel::Neuron& neuron,
+                 Kernel::Firing& firing) {
+    constexpr ModelTime exact = ModelTime{1} << 53;  // doubles keep all integers up to here
+    constexpr double least = 5e-324;
+    const ModelTime d_min = model.d_min;
+    const auto time = [&] {
+        return draws.oneOf<ModelTime>(
+            {1, 2, d_min, exact - 1, exact, exact + 1, exact << 8, last_model_time});
+    };
+    const auto small = [&] { return draws.oneOf({0.0, -0.0, least, -least, 1e-310, 1e-300}); };
+    switch (draws.below(13)) {
+        case 0:
+            neuron.tau_membrane = time();
+            break;
+        case 1:
+            neuron.tau_adaptation = time();
+            break;
+        case 2:
+            neuron.tau_adaptation = neuron.tau_membrane + draws.timeBetween(0, 1);
+            break;
+        case 3:
+            neuron.refractory_period = draws.oneIn(3) ? time() : draws.timeBetween(0, d_min);
+            break;
+        case 4:
+            neuron.adaptation_increment =
+                draws.oneIn(2) ? small() : draws.oneOf({-0.5, 1e30, 1e300});
+            break;
+        case 5:
+            neuron.reset_value = draws.oneIn(2) ? small() : draws.oneOf({-1e30, 1e30, -1e300});
+            break;
+        case 6:
+            neuron.trace_epsilon = draws.oneOf({0.0, least, 1e-300, 0.5, 1e30});
+            break;
+        case 7:
+            firing.rate_scale = 1.0;
+            firing.base_rate = draws.oneOf({0.0, 1e-290, 1e-30, firing.max_rate, 1e290});
+            break;
+        case 8:
+            firing.gain = draws.oneOf({0.0, least, 30.0, 1e30, 1e300});
+            break;
+        case 9:
+            firing.threshold = draws.oneOf({least, -30.0, 30.0, -1e300, 1e300});
+            break;
+        case 10:
+            firing.adaptation_weight = draws.oneOf({0.0, -0.0, least, -0.3, 1e30, 1e300});
+            break;
+        case 11:
+            firing.max_rate = draws.oneOf({least, 1e-3, firing.base_rate, firing.base_rate / 2});
+            break;
+        default:
+            // One product of many pairs, and hot ones where a window has few instants.
+            firing.rate_scale = draws.oneOf({1e-280, 1e280, 1e-150});
+            firing.base_rate = std::min(firing.base_rate, firing.max_rate) / firing.rate_scale;
+            if (d_min <= 1000) firing.max_rate = 1e12;
+            break;
+    }
+}
+
+void makeExtreme(Draws& draws, GeneratedModel& model) {
+    for (std::uint64_t n = 0; n < model.node_count; ++n) {
+        for (std::uint64_t changes = draws.below(4); changes != 0; --changes) {
+            makeExtreme(draws, model, model.neurons[n], model.firings[n]);
+        }
+    }
+    // Where inputs multiply, a few large ones leave the range of doubles.
+    const bool large = draws.oneIn(2);
+    for (Kernel::Neuron& neuron : model.neurons) {
+        if (large) neuron.input_coupling = 0.0;
+    }
+    for (Synapse& synapse : model.synapses) {
+        if (!draws.oneIn(6)) continue;
+        synapse.weight = large ? draws.oneOf({1.4e-45F, 100.0F, 1e30F, 3.4028235e38F})
+                               : draws.oneOf({1.4e-45F, 1.1754944e-38F, 3.0F});
+    }
+    for (Event& input : model.inputs) {
+        if (draws.oneIn(8)) {
+            input.value = large ? draws.oneOf({5e-324, -40.0, 1e30, -1e30})
+                                : draws.oneOf({5e-324, -0.0, 1e-300, -3.0});
+        }
+        // Refused, or for nobody.
+        if (draws.oneIn(60)) input.time = draws.oneOf<ModelTime>({-1, last_model_time});
+        if (draws.oneIn(60)) input.target = model.node_count;
+    }
+}
+
+/// Stretches a run from windows to `pace` ns each. Between bursts a neuron fires once a pace, and
+/// after an input as often as its windows take.
+void makeFar(Draws& draws, GeneratedModel& model) {
+    const std::int64_t paces = model.horizon / model.d_min + 1;
+    ModelTime pace = model.d_min << draws.below(20);
+    // Past the integers that doubles keep, and up to where deliveries leave the range.
+    if (draws.oneIn(2)) pace = (ModelTime{1} << (54 + draws.below(9))) / paces;
+    if (draws.oneIn(8)) pace = last_model_time / paces;
+    pace = std::max(pace, model.d_min);
+    model.horizon = pace * paces;
+    if (last_model_time - model.horizon > model.d_min) {
+        model.horizon += draws.timeBelow(static_cast<std::uint64_t>(model.d_min));
+    }
+    for (std::uint64_t n = 0; n < model.node_count; ++n) {
+        Kernel::Neuron& neuron = model.neurons[n];
+        Kernel::Firing& firing = model.firings[n];
+        neuron.non_leaky = false;
+        neuron.tau_membrane = std::min(neuron.tau_membrane, 3 * model.d_min);
+        if (draws.oneIn(3)) neuron.tau_adaptation = draws.timeBetween(1, pace);
+        firing.rate_scale = 1.0;
+        const double crowd = 1.0 + static_cast<double>(model.node_count) / 6.0;
+        firing.base_rate = draws.between(0.02, 0.5) / crowd * 1e9 / static_cast<double>(pace);
+        firing.max_rate = draws.between(0.5, 3.0) * 1e9 / static_cast<double>(model.d_min);
+        firing.max_rate = std::max(firing.max_rate, firing.base_rate);
+        firing.threshold = draws.between(0.0, 0.2);
+        firing.gain =
+            Kernel::kernelLog(firing.max_rate / firing.base_rate) * draws.between(0.3, 1.1) + 0.1;
+    }
+    for (Synapse& synapse : model.synapses) {
+        // Not the one that the smallest delay may follow from.
+        if (synapse.delay > model.d_min && draws.oneIn(5)) {
+            synapse.delay = draws.timeBetween(model.d_min, pace * 2);
+        }
+    }
+    for (Event& input : model.inputs) {
+        const ModelTime far = input.time / model.d_min;
+        if (far <= paces) input.time = std::min(far, paces - 1) * pace + input.time % model.d_min;
+    }
+}
+
 }  // namespace
 
 SynapseGraph GeneratedModel::graph() const {
     return SynapseGraph(node_count, declares_d_min ? std::optional(d_min) : std::nullopt, synapses);
+}
+
+GeneratedModel GeneratedModel::withNeurons(const std::vector<NodeId>& kept) const {
+    GeneratedModel smaller = *this;
+    smaller.node_count = kept.size();
+    smaller.neurons.clear();
+    smaller.firings.clear();
+    smaller.synapses.clear();
+    smaller.inputs.clear();
+    for (const NodeId n : kept) {
+        smaller.neurons.push_back(neurons[n]);
+        smaller.firings.push_back(firings[n]);
+    }
+    const auto renumber = [&](NodeId& n) {
+        const auto place = std::lower_bound(kept.begin(), kept.end(), n);
+        if (place == kept.end() || *place != n) return false;
+        n = static_cast<NodeId>(place - kept.begin());
+        return true;
+    };
+    for (Synapse synapse : synapses) {
+        if (renumber(synapse.source) && renumber(synapse.target)) {
+            smaller.synapses.push_back(synapse);
+        }
+    }
+    for (Event input : inputs) {
+        if (renumber(input.target)) smaller.inputs.push_back(input);
+    }
+    return smaller;
 }
 
 GeneratedModel generateModel(std::uint64_t seed, const ModelTraits& traits) {
@@ -112,6 +269,7 @@ GeneratedModel generateModel(std::uint64_t seed, const ModelTraits& traits) {
     model.seed = seed;
     model.node_count = 1 + draws.below(traits.max_neurons);
     model.d_min = draws.oneOf<ModelTime>({1'000'000, 3'000'000, 250'000, 1'234'567, 977, 16});
+    if (traits.extreme && draws.oneIn(4)) model.d_min = draws.oneOf<ModelTime>({1, 2, 16, 1000});
     const std::int64_t windows = draws.timeBetween(1, traits.max_windows);
     model.horizon = windows * model.d_min;
     if (!traits.resident) model.horizon += draws.timeBetween(0, model.d_min - 1);
@@ -125,6 +283,12 @@ GeneratedModel generateModel(std::uint64_t seed, const ModelTraits& traits) {
     }
     generateSynapses(draws, model, traits.resident);
     if (traits.external_events) generateInputs(draws, model, windows);
+    if (traits.far) makeFar(draws, model);
+    if (traits.extreme) makeExtreme(draws, model);
+    if (traits.alike) {
+        std::fill(model.neurons.begin(), model.neurons.end(), model.neurons[0]);
+        std::fill(model.firings.begin(), model.firings.end(), model.firings[0]);
+    }
     return model;
 }
 

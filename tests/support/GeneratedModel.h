@@ -22,6 +22,12 @@ struct ModelTraits {
     /// windows. Alike and without external events, it is of the one shape that runs whole on a
     /// device.
     bool resident = false;
+    /// Some parameters, weights and inputs lie at the ends of what arithmetic takes, and some
+    /// windows are a few ns long.
+    bool extreme = false;
+    /// Bursts lie far apart, up to as late as times reach, with quiet between them. It may burst
+    /// without end, so whoever runs it sets a limit.
+    bool far = false;
 };
 
 /// A random model, a function of its seed and traits alone: a graph with inhibition, parallel
@@ -44,6 +50,9 @@ struct GeneratedModel {
     std::vector<Event> inputs;  ///< from outside, in the order in which they are to be posted
 
     SynapseGraph graph() const;
+    /// Some of the neurons, ascending, with the synapses among them and their inputs, and numbered
+    /// anew.
+    GeneratedModel withNeurons(const std::vector<NodeId>& kept) const;
     /// Synapses a neuron, where it is the same for all.
     std::uint64_t fanout() const { return synapses.size() / node_count; }
 };

@@ -5,7 +5,6 @@
 #include <span>
 
 #include "kelm/runtime/KelmRuntime.h"
-#include "tests/support/SameImages.h"
 
 namespace Lumenar::Core::Kelm::Testing {
 
@@ -31,23 +30,27 @@ RunImage imageOf(WindowEngine& engine) {
 
 RunImage imageOf(KelmRuntime& runtime) { return imageOf(runtime, runtime.neuronStates(), {}); }
 
-std::string firstDifference(const RunImage& a, const RunImage& b) {
-    const bool hidden = a.candidates.empty() || b.candidates.empty();
-    const std::vector<CandidateSlot> none;
-    const auto differenceIn = [](const char* what, const auto& x, const auto& y) {
-        const std::string found = differenceOf(std::span(x), std::span(y));
-        return found.empty() ? found : what + found;
+std::optional<Difference> differenceOf(const RunImage& a, const RunImage& b) {
+    const auto between = [](const char* list, const auto& x, const auto& y) {
+        return neuronDifference(list, std::span(x), std::span(y));
     };
-    for (const std::string& found : {
-             differenceIn("state ", a.states, b.states),
-             differenceIn("random state ", a.random_states, b.random_states),
-             differenceIn("candidate ", hidden ? none : a.candidates, hidden ? none : b.candidates),
-             differenceIn("spike ", a.log, b.log),
-             differenceIn("profile ", std::vector{a.profile}, std::vector{b.profile}),
-         }) {
-        if (!found.empty()) return found;
+    if (auto found = between("state", a.states, b.states)) return found;
+    if (auto found = between("random state", a.random_states, b.random_states)) return found;
+    if (!a.candidates.empty() && !b.candidates.empty()) {
+        if (auto found = between("candidate", a.candidates, b.candidates)) return found;
     }
-    return {};
+    if (auto found = placedDifference("spike", std::span(a.log), std::span(b.log))) {
+        const std::vector<SpikeRecord>& longer = a.log.size() > b.log.size() ? a.log : b.log;
+        found->difference.neuron = longer[found->place].neuron;
+        return found->difference;
+    }
+    auto found = placedDifference("profile", std::span(&a.profile, 1), std::span(&b.profile, 1));
+    return found ? std::optional(found->difference) : std::nullopt;
+}
+
+std::string firstDifference(const RunImage& a, const RunImage& b) {
+    const std::optional<Difference> found = differenceOf(a, b);
+    return found ? found->text() : std::string();
 }
 
 std::string failureOf(WindowEngine& engine, IWindowBackend& backend, ModelTime until) {
@@ -55,23 +58,6 @@ std::string failureOf(WindowEngine& engine, IWindowBackend& backend, ModelTime u
         engine.run(backend, until);
     } catch (const std::exception& failure) {
         return failure.what();
-    }
-    return {};
-}
-
-std::string runSideBySide(WindowEngine& a, IWindowBackend& backend_a, WindowEngine& b,
-                          IWindowBackend& backend_b, ModelTime d_min) {
-    for (std::int64_t window = 0; window * d_min < a.horizon(); ++window) {
-        const std::string place = "window " + std::to_string(window) + ": ";
-        const ModelTime until = std::min((window + 1) * d_min, a.horizon());
-        const std::string failure_a = failureOf(a, backend_a, until);
-        const std::string failure_b = failureOf(b, backend_b, until);
-        if (failure_a != failure_b) {
-            return place + "thrown: '" + failure_a + "' vs '" + failure_b + "'";
-        }
-        const std::string found = firstDifference(imageOf(a), imageOf(b));
-        if (!found.empty()) return place + found;
-        if (!failure_a.empty()) break;
     }
     return {};
 }

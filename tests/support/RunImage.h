@@ -1,10 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "kelm/engine/WindowEngine.h"
+#include "tests/support/Difference.h"
 
 namespace Lumenar::Core::Kelm {
 class KelmRuntime;
@@ -24,18 +26,13 @@ struct RunImage {
 RunImage imageOf(WindowEngine& engine);
 RunImage imageOf(KelmRuntime& runtime);
 
-/// Names the first difference of two runs: the list, the neuron or place in it, and both bit
-/// patterns. Empty where they are equal to the bit.
+/// The first difference of two runs: in states, random states, candidates, spikes, profiles. None
+/// where they are equal to the bit.
+std::optional<Difference> differenceOf(const RunImage& a, const RunImage& b);
+/// The same as a text; empty where they are equal.
 std::string firstDifference(const RunImage& a, const RunImage& b);
 
 /// The text of what a run until `until` ns throws, or none.
 std::string failureOf(WindowEngine& engine, IWindowBackend& backend, ModelTime until);
-
-/// Runs two engines of one model side by side, window by window, and compares them after each.
-///
-/// A run that throws ends both, and is equal to one that throws the same text in the same window.
-/// Returns the first difference, behind the window that showed it; empty where there is none.
-std::string runSideBySide(WindowEngine& a, IWindowBackend& backend_a, WindowEngine& b,
-                          IWindowBackend& backend_b, ModelTime d_min);
 
 }  // namespace Lumenar::Core::Kelm::Testing

@@ -1,5 +1,6 @@
 // The threaded backend against the reference: whatever the number of threads, and however many of
-// a window's items each of them gets, everything that a run leaves behind is the same to the bit.
+// a window's items each of them gets, the results are the same to the bit. Whole runs are the
+// soak's.
 
 #include "kelm/threads/ThreadedCpuBackend.h"
 
@@ -80,24 +81,6 @@ TEST_F(ThreadedCpuBackendTest, ComputesWindowsOfAnySizeWithTheirFaults) {
     }
     EXPECT_GT(violations, 50);
     EXPECT_GT(overflows, 50);
-}
-
-TEST_F(ThreadedCpuBackendTest, CarriesRunsAsTheReferenceDoes) {
-    ModelTraits large;
-    large.max_neurons = 6000;
-    large.max_windows = 6;
-    std::uint64_t spikes = 0;
-    for (const Sharing& sharing : sharings) {
-        SCOPED_TRACE(labelOf(sharing));
-        ThreadedCpuBackend backend = makeBackend(sharing);
-        for (std::uint64_t seed = 1; seed <= 43; ++seed) {
-            SCOPED_TRACE("model seed " + std::to_string(seed));
-            large.alike = seed % 2 == 0;
-            const ModelTraits traits = seed <= 40 ? ModelTraits() : large;
-            spikes += expectReferenceRun(generateModel(seed, traits), backend).accepted;
-        }
-    }
-    EXPECT_GT(spikes, 30'000);
 }
 
 TEST_F(ThreadedCpuBackendTest, ServesEnginesOfSeveralThreadsAtOnce) {

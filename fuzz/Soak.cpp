@@ -1,0 +1,514 @@
+#include "fuzz/Soak.h"
+
+#include <algorithm>
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+#ifdef KELM_HAVE_THREADS
+#include <tbb/global_control.h>
+
+#include "kelm/threads/ThreadedCpuBackend.h"
+#endif
+#include "kelm/core/Digest.h"
+#include "kelm/cuda/CudaWindowBackend.h"
+#include "kelm/cuda/EmulatedDevice.h"
+#include "kelm/cuda/LookaheadCudaTesting.h"
+#include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/engine/WindowEngine.h"
+#include "kelm/events/BucketEventStore.h"
+#include "kelm/lanes/LaneCpuBackend.h"
+#include "kelm/lanes/LaneKernels.h"
+#include "kelm/runtime/ICommitListener.h"
+#include "tests/support/PlainStore.h"
+#include "tests/support/RunImage.h"
+
+namespace Lumenar::Core::Kelm::Fuzzing {
+
+namespace {
+
+using namespace Testing;
+namespace Emulation = Device::Emulation;
+
+constexpr std::uint64_t own_buckets = 4096;  ///< of the store that an engine makes itself
+
+// Where runs end by force: bursts can go on until the end of time.
+constexpr std::uint64_t max_windows = 300;
+constexpr std::uint64_t max_candidates = 20'000;
+
+/// The emulated device with one order of threads, and with or without whole runs.
+class DeviceBackend final : public IWindowBackend {
+public:
+    DeviceBackend(CudaWindowBackend& device, std::optional<std::uint64_t> order, bool takes_whole)
+        : device_(device), order_(order), takes_whole_(takes_whole) {}
+
+    const char* name() override { return device_.name(); }
+    void processWindow(const std::span<const WindowWork>& work,
+                       const std::span<const Kernel::WindowEvent>& events, ModelTime window_end,
+                       ModelTime horizon, const Kernel::Neuron& neuron,
+                       const Kernel::Firing& firing,
+                       const std::span<Kernel::WindowResult>& results) override {
+        // Another order in each window, and the same whenever it runs.
+        Emulation::permuteThreads(
+            order_ ? std::optional(*order_ ^ static_cast<std::uint64_t>(window_end)) : order_);
+        device_.processWindow(work, events, window_end, horizon, neuron, firing, results);
+    }
+    bool tryResidentRun(WindowEngine& engine) override {
+        if (!takes_whole_) return false;
+        Emulation::permuteThreads(order_);
+        const bool taken = tryResidentRunFrom(device_, engine, 1);
+        whole_runs += taken ? 1 : 0;
+        return taken;
+    }
+    std::size_t partItems() const override { return device_.partItems(); }
+
+    std::uint64_t whole_runs = 0;
+
+private:
+    CudaWindowBackend& device_;
+    std::optional<std::uint64_t> order_;
+    bool takes_whole_;
+};
+
+/// What a way does beside choosing a backend.
+enum class Manner : std::uint8_t { ordinary, plain_store, short_ring, cut, resident, unwatched };
+
+struct Setting {
+    Manner manner = Manner::ordinary;
+    std::vector<IWindowBackend*> backends;  ///< those that a run is cut for, else one
+    DeviceBackend* resident = nullptr;
+};
+
+std::unique_ptr<IEventStore> storeFor(Manner manner, const SoakModel& model) {
+    if (manner == Manner::plain_store) {
+        return std::make_unique<PlainStore>(model.window(), own_buckets);
+    }
+    // Most events lie beyond such a ring.
+    if (manner == Manner::short_ring) {
+        return std::make_unique<BucketEventStore>(model.window(), 4 + model.seed % 12);
+    }
+    return nullptr;
+}
+
+/// Notes all that is shown to it, in one digest.
+class Witness final : public IWindowObserver, public ICommitListener {
+public:
+    void observe(const Event& event, std::span<const Kernel::State> states,
+                 SynapseGraph& graph) override {
+        observe(event, states, {}, graph);
+    }
+    void observe(const Event& event, std::span<const Kernel::State> states,
+                 std::span<const ModelTime> candidate_times, SynapseGraph&) override {
+        add(digestImages(std::span<const Event>(&event, 1)));
+        add(digestImages(states));
+        add(digestImages(candidate_times));
+    }
+    void committed(ModelTime window_start, ModelTime window_end,
+                   std::span<const SpikeRecord> spikes) override {
+        add(static_cast<std::uint64_t>(window_start));
+        add(static_cast<std::uint64_t>(window_end));
+        add(digestImages(spikes));
+    }
+
+    std::string text() const { return "digest of what was seen: " + std::to_string(digest_); }
+
+private:
+    void add(std::uint64_t digest) { digest_ = digest_ * 0x9e3779b97f4a7c15 + digest; }
+
+    std::uint64_t digest_ = 0;
+};
+
+/// Runs a model piece by piece on the backends of a setting.
+class PiecedRun : public SoakRun {
+public:
+    Tally tally() override {
+        Tally tally = tally_;
+        tally.runs = 1;
+        tally.spikes = image().profile.accepted;
+        tally.windows = image().profile.windows;
+        return tally;
+    }
+    bool showsWindows() const override { return setting_.manner != Manner::resident; }
+
+    Remains remains() override {
+        Remains remains;
+        remains.image = image();
+        remains.outcomes = outcomes_;
+        remains.outcomes.push_back(witness_.text());
+        if (alive_) addBlobs(remains.blobs);
+        return remains;
+    }
+
+protected:
+    PiecedRun(const SoakModel& model, Setting setting)
+        : model_(model), setting_(std::move(setting)) {
+        for (IWindowBackend* const backend : setting_.backends) {
+            traced_.push_back(std::make_unique<TracedBackend>(*backend, trace()));
+        }
+    }
+
+    virtual RunImage image() = 0;
+    virtual void addBlobs(std::vector<std::pair<std::string, Blob>>& blobs) = 0;
+    virtual void runTo(ModelTime until) = 0;
+    /// Lets other objects on the next backend take over. `astray`: they have already run, to that
+    /// time and alone; no_time for fresh ones. Throws where they do not take all.
+    virtual void handOver(ModelTime astray) = 0;
+
+    /// Performs what may throw, and notes that. False where it did.
+    template <class Action>
+    bool attempt(const std::string& what, Action action) {
+        try {
+            action();
+            return true;
+        } catch (const std::exception& failure) {
+            outcomes_.push_back(what + ": " + failure.what());
+            return false;
+        }
+    }
+    /// Runs up to `until` with the cuts that lie before.
+    bool carry(ModelTime until) {
+        const bool is_cut = setting_.manner == Manner::cut;
+        for (; is_cut && alive_ && next_cut_ < model_.cuts.size() &&
+               model_.cuts[next_cut_].time <= until;
+             ++next_cut_) {
+            alive_ = attempt("thrown", [&] { runTo(model_.cuts[next_cut_].time); });
+            tally_.thrown += alive_ ? 0 : 1;
+            if (!alive_) break;
+            const Cut& cut = model_.cuts[next_cut_];
+            place_ = cut.backend % traced_.size();
+            const ModelTime astray = cut.backend >> 62 == 0 ? cut.time / 2 : no_time;
+            alive_ = attempt("cut at " + std::to_string(cut.time), [&] { handOver(astray); });
+            ++tally_.cuts;
+        }
+        if (!alive_) return false;
+        alive_ = attempt("thrown", [&] { runTo(until); });
+        tally_.thrown += alive_ ? 0 : 1;
+        return alive_;
+    }
+    IWindowBackend& backend() { return *traced_[place_]; }
+    /// An object to hand over to. Unless `astray` is no_time it has run already, alone and with
+    /// nobody to note it: a restore has to replace all of that.
+    template <class Build, class Run>
+    auto another(ModelTime astray, Build build, Run run) {
+        auto object = build();
+        if (astray == no_time) return object;
+        const Witness seen = witness_;
+        trace().mute(true);
+        try {
+            run(*object);
+        } catch (const std::exception&) {
+            object = build();  // it may only be destroyed
+        }
+        trace().mute(false);
+        witness_ = seen;
+        return object;
+    }
+
+    const SoakModel& model_;
+    Setting setting_;
+    std::vector<std::string> outcomes_;
+    Witness witness_;
+    Tally tally_;
+    bool alive_ = true;
+
+private:
+    std::vector<std::unique_ptr<TracedBackend>> traced_;
+    std::size_t place_ = 0;
+    std::size_t next_cut_ = 0;
+};
+
+class EngineRun final : public PiecedRun {
+public:
+    EngineRun(const SoakModel& model, Setting setting) : PiecedRun(model, std::move(setting)) {
+        alive_ = attempt("not built", [&] { engine_ = build(); });
+        if (!alive_) return;
+        for (const Event& input : model_.network().inputs) {
+            tally_.refusals += !attempt("refused", [&] { engine_->post(input); });
+        }
+    }
+
+    void advance(ModelTime until) override {
+        const ModelTime horizon = model_.network().horizon;
+        if (!carry(std::min(until, horizon)) || until <= horizon) return;
+        if (!is_behind_) fillOpenWindows();
+        is_behind_ = true;
+        carry(until);
+    }
+
+private:
+    std::unique_ptr<WindowEngine> build() const {
+        return std::unique_ptr<WindowEngine>(
+            new WindowEngine(makeEngine(model_.network(), storeFor(setting_.manner, model_))));
+    }
+    RunImage image() override { return engine_ ? imageOf(*engine_) : RunImage(); }
+    void addBlobs(std::vector<std::pair<std::string, Blob>>& blobs) override {
+        // Another ring is another store, and ids are not of a run that a device took.
+        if (setting_.manner == Manner::short_ring || setting_.manner == Manner::resident) return;
+        blobs.emplace_back("snapshot", engine_->snapshot());
+    }
+    void runTo(ModelTime until) override {
+        const std::uint64_t whole = setting_.resident ? setting_.resident->whole_runs : 0;
+        engine_->run(backend(), until);
+        if (setting_.resident) tally_.whole += setting_.resident->whole_runs - whole;
+    }
+    void handOver(ModelTime astray) override {
+        const Blob bytes = engine_->snapshot();
+        std::unique_ptr<WindowEngine> next = another(
+            astray, [&] { return build(); },
+            [&](WindowEngine& engine) { engine.run(backend(), astray); });
+        if (!next->restore(bytes)) throw std::runtime_error("not restored");
+        if (next->snapshot() != bytes) throw std::runtime_error("restored to something else");
+        engine_ = std::move(next);
+    }
+
+    /// Posts an input into every window that still takes one, from behind the horizon backward:
+    /// what a store holds open is a part of what a run leaves behind.
+    void fillOpenWindows() {
+        const ModelTime window = model_.window();
+        Event input;
+        input.kind = EventKind::input;
+        input.value = 1.0;
+        input.time = model_.network().horizon;
+        for (int i = 0; i < max_open && input.time >= 0; ++i, input.time -= window) {
+            input.target = static_cast<NodeId>(i) % model_.network().node_count;
+            if (!attempt("closed", [&] { engine_->post(input); })) break;
+        }
+    }
+
+    static constexpr int max_open = 12;
+
+    std::unique_ptr<WindowEngine> engine_;
+    bool is_behind_ = false;
+};
+
+class RuntimeRun final : public PiecedRun {
+public:
+    RuntimeRun(const SoakModel& model, Setting setting) : PiecedRun(model, std::move(setting)) {
+        alive_ = attempt("not built", [&] { runtime_ = build(); });
+    }
+
+    void advance(ModelTime until) override {
+        const std::vector<ComposedModel::Step>& steps = model_.composed.steps;
+        while (alive_ && step_ < steps.size()) {
+            const ComposedModel::Step& step = steps[step_];
+            if (step.until && *step.until > until) break;
+            if (step.until) {
+                carry(*step.until);
+            } else {
+                act();
+            }
+            ++step_;
+        }
+        if (alive_ && until < model_.network().horizon) carry(until);
+    }
+
+private:
+    std::unique_ptr<KelmRuntime> build() {
+        std::unique_ptr<KelmRuntime> runtime = model_.composed.build(
+            backend(), setting_.manner != Manner::unwatched, storeFor(setting_.manner, model_));
+        runtime->setCommitListener(&witness_);
+        return runtime;
+    }
+    void act() {
+        const std::size_t before = outcomes_.size();
+        model_.composed.perform(step_, step_ + 1, *runtime_, outcomes_);
+        if (outcomes_.size() == before) return;
+        const std::string& outcome = outcomes_.back();
+        tally_.refusals += outcome != "done" && !outcome.starts_with("ids");
+    }
+    RunImage image() override { return runtime_ ? imageOf(*runtime_) : RunImage(); }
+    void addBlobs(std::vector<std::pair<std::string, Blob>>& blobs) override {
+        KelmRuntime& run = *runtime_;
+        if (run.plasticity() != nullptr) {
+            blobs.emplace_back("plasticity", run.plasticity()->snapshot());
+            blobs.emplace_back("learning", run.learningControl()->snapshot());
+        }
+        if (run.oscillators() != nullptr) {
+            blobs.emplace_back("oscillators", run.oscillators()->snapshot());
+        }
+        const bool other =
+            setting_.manner == Manner::unwatched || setting_.manner == Manner::short_ring;
+        if (!other) blobs.emplace_back("checkpoint", run.checkpoint());
+    }
+    void runTo(ModelTime until) override { runtime_->run(until); }
+    void handOver(ModelTime astray) override {
+        const Blob bytes = runtime_->checkpoint();
+        std::unique_ptr<KelmRuntime> next = another(
+            astray, [&] { return build(); }, [&](KelmRuntime& runtime) { runtime.run(astray); });
+        if (!next->restore(bytes)) throw std::runtime_error("not restored");
+        if (next->checkpoint() != bytes) throw std::runtime_error("restored to something else");
+        runtime_ = std::move(next);
+    }
+
+    std::unique_ptr<KelmRuntime> runtime_;
+    std::size_t step_ = 0;
+};
+
+}  // namespace
+
+/// Every backend, and what a way makes of them.
+struct Soak::Backends {
+    struct Way {
+        std::string name;
+        Manner manner = Manner::ordinary;
+        IWindowBackend* backend = nullptr;
+    };
+
+    Backends() {
+        add("cpu", cpu);
+        add("device", device_in_order);
+        add("device-permuted", device_permuted);
+        for (const Lanes::LaneKernels* const kernels : Lanes::availableKernels()) {
+            lanes.push_back(std::make_unique<LaneCpuBackend>(*kernels));
+            add(std::string("lanes-") + kernels->name, *lanes.back());
+        }
+#ifdef KELM_HAVE_THREADS
+        add("threads", threads);
+        add("threads-lanes", threads_in_lanes);
+#endif
+        ways.push_back({"plain-store", Manner::plain_store, &cpu});
+        ways.push_back({"short-ring", Manner::short_ring, &cpu});
+        ways.push_back({"unwatched", Manner::unwatched, &cpu});
+        ways.push_back({"resident", Manner::resident, &device_whole});
+        ways.push_back({"cut", Manner::cut, nullptr});
+    }
+
+    void add(std::string name, IWindowBackend& backend) {
+        ways.push_back({std::move(name), Manner::ordinary, &backend});
+    }
+    const Way* find(const std::string& name) const {
+        const auto found = std::find_if(ways.begin(), ways.end(),
+                                        [&](const Way& way) { return way.name == name; });
+        return found == ways.end() ? nullptr : &*found;
+    }
+
+    CpuWindowBackend cpu;
+    CudaWindowBackend device;
+    DeviceBackend device_in_order{device, std::nullopt, false};
+    DeviceBackend device_permuted{device, 0x0badbeef, false};
+    DeviceBackend device_whole{device, 0x5eed, true};
+    std::vector<std::unique_ptr<LaneCpuBackend>> lanes;
+#ifdef KELM_HAVE_THREADS
+    // More workers than processors, so that a machine with few of them mixes their work as well.
+    tbb::global_control workers{tbb::global_control::max_allowed_parallelism, 3};
+    ThreadedCpuBackend threads{3, 1};
+    ThreadedCpuBackend threads_in_lanes{LaneCpuBackend(), 2, 1};
+#endif
+    std::vector<Way> ways;
+};
+
+SoakRun::SoakRun() : CarriedRun(WindowTrace(max_windows, max_candidates)) {}
+
+Tally& Tally::operator+=(const Tally& other) {
+    runs += other.runs;
+    spikes += other.spikes;
+    windows += other.windows;
+    refusals += other.refusals;
+    thrown += other.thrown;
+    cuts += other.cuts;
+    whole += other.whole;
+    return *this;
+}
+
+Soak::Soak() : backends_(std::make_unique<Backends>()) {}
+
+Soak::~Soak() { Emulation::permuteThreads(std::nullopt); }
+
+void Soak::addBackend(std::string name, IWindowBackend& backend) {
+    backends_->add(std::move(name), backend);
+}
+
+std::vector<std::string> Soak::ways() const {
+    std::vector<std::string> names;
+    for (const Backends::Way& way : backends_->ways) names.push_back(way.name);
+    return names;
+}
+
+bool Soak::applies(const std::string& name, const SoakModel& model) const {
+    const Backends::Way* const way = backends_->find(name);
+    if (way == nullptr) return false;
+    switch (way->manner) {
+        case Manner::unwatched:
+            return model.isComposed();
+        case Manner::resident:
+            return model.kind == ModelKind::resident;
+        case Manner::cut:
+            return !model.cuts.empty();
+        default:
+            return true;
+    }
+}
+
+std::unique_ptr<SoakRun> Soak::start(const SoakModel& model, const std::string& name) {
+    const Backends::Way* const way = backends_->find(name);
+    if (way == nullptr) throw std::invalid_argument("no way named " + name);
+    // On a busy machine a launch waits long for a second thread; that threads meet is for a few.
+    Emulation::setWorkers(model.seed % 16 == 0 ? 2 : 1);
+    Setting setting;
+    setting.manner = way->manner;
+    if (way->manner == Manner::resident) setting.resident = &backends_->device_whole;
+    if (way->backend != nullptr) {
+        setting.backends = {way->backend};
+    } else {
+        for (const Backends::Way& other : backends_->ways) {
+            if (other.manner == Manner::ordinary) setting.backends.push_back(other.backend);
+        }
+    }
+    if (model.isComposed()) return std::make_unique<RuntimeRun>(model, std::move(setting));
+    return std::make_unique<EngineRun>(model, std::move(setting));
+}
+
+std::optional<FirstDifference> Soak::compare(const SoakModel& model, const std::string& left,
+                                             const std::string& right) {
+    return firstDifference([&] { return start(model, left); }, [&] { return start(model, right); },
+                           model.window(), model.end());
+}
+
+std::optional<Finding> Soak::examine(const SoakModel& model,
+                                     const std::optional<std::string>& only) {
+    const auto kind = static_cast<std::size_t>(model.kind);
+    const auto run = [&](const SoakModel& subject, const std::string& way) {
+        std::unique_ptr<SoakRun> carried = start(subject, way);
+        carried->advance(subject.end());
+        return carried;
+    };
+    const std::unique_ptr<SoakRun> expected = run(model, reference);
+    tallies_[kind] += expected->tally();
+    ++models_[kind];
+    spiking_[kind] += expected->tally().spikes != 0;
+    const auto& windows = expected->trace().windows();
+    digest_ = digest_ * 0x9e3779b97f4a7c15 + (windows.empty() ? 0 : windows.back().digest);
+    for (const std::string& way : ways()) {
+        if (way == reference || (only && way != *only) || !applies(way, model)) continue;
+        const std::unique_ptr<SoakRun> other = run(model, way);
+        Tally tally = other->tally();
+        tally.spikes = tally.windows = 0;
+        tallies_[kind] += tally;
+        if (agree(*expected, *other)) continue;
+
+        Finding finding;
+        finding.way = way;
+        finding.difference = compare(model, reference, way).value();
+        finding.smallest = shrunk(model, [&](const SoakModel& smaller) {
+            return !agree(*run(smaller, reference), *run(smaller, way));
+        });
+        finding.smallest_difference = compare(finding.smallest, reference, way).value();
+        return finding;
+    }
+    return std::nullopt;
+}
+
+std::string Soak::idleKind() const {
+    for (std::size_t kind = 0; kind < kind_count; ++kind) {
+        if (models_[kind] < 20) continue;  // of few models all may idle
+        // Hot networks outgrow what a device keeps for a whole run; no others may.
+        const bool declined = kind == static_cast<std::size_t>(ModelKind::resident) &&
+                              2 * tallies_[kind].whole < models_[kind];
+        if (2 * spiking_[kind] < models_[kind] || declined) {
+            return nameOf(static_cast<ModelKind>(kind));
+        }
+    }
+    return {};
+}
+
+}  // namespace Lumenar::Core::Kelm::Fuzzing

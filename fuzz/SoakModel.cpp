@@ -1,0 +1,316 @@
+#include "fuzz/SoakModel.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <numeric>
+#include <sstream>
+#include <type_traits>
+#include <utility>
+
+#include "tests/support/Draws.h"
+
+namespace Lumenar::Core::Kelm::Fuzzing {
+
+namespace {
+
+using namespace Testing;
+
+constexpr const char* kind_names[kind_count] = {
+    "plain",        "alike", "large", "resident", "extreme", "far", "composed", "composed-extreme",
+    "composed-far",
+};
+
+/// Windows behind the horizon, into which inputs are posted that an ordinary run would not see.
+constexpr ModelTime windows_behind = 4;
+
+ModelKind drawKind(Draws& draws) {
+    constexpr unsigned shares[kind_count] = {14, 14, 2, 12, 15, 13, 16, 7, 7};  // percent
+    auto left = static_cast<unsigned>(draws.below(100));
+    std::size_t kind = 0;
+    while (left >= shares[kind]) left -= shares[kind++];
+    return static_cast<ModelKind>(kind);
+}
+
+ModelTraits traitsOf(ModelKind kind, Draws& draws) {
+    ModelTraits traits;
+    traits.max_neurons = 40;
+    traits.max_windows = 100;
+    traits.alike = kind == ModelKind::alike || kind == ModelKind::resident ||
+                   (kind != ModelKind::plain && draws.oneIn(3));
+    traits.resident = kind == ModelKind::resident;
+    traits.external_events = !traits.resident;
+    traits.extreme = kind == ModelKind::extreme;
+    traits.far = kind == ModelKind::far;
+    // Enough for vectors to fill and blocks of device threads to end.
+    if (draws.oneIn(8)) traits.max_neurons = 200;
+    if (traits.resident) traits.max_windows = 25;
+    if (traits.resident && draws.oneIn(12)) traits.max_neurons = 700;
+    if (kind == ModelKind::large) {
+        traits.max_neurons = 1500;
+        traits.max_windows = 4;
+    }
+    return traits;
+}
+
+ComposedTraits composedTraitsOf(ModelKind kind, Draws& draws, bool counts_spikes) {
+    ComposedTraits traits;
+    traits.max_neurons = draws.oneIn(8) ? 80 : 20;
+    traits.max_windows = draws.oneIn(8) ? 200 : 60;
+    traits.max_stops = 12;
+    traits.counts_spikes = counts_spikes;
+    traits.extreme = kind == ModelKind::composed_extreme;
+    traits.far = kind == ModelKind::composed_far;
+    return traits;
+}
+
+/// Takes away as much as may go, in runs of items that halve in length. `without`: the model
+/// without items [first, last).
+template <class Without>
+bool leaveOut(SoakModel& model, std::size_t count,
+              const std::function<bool(const SoakModel&)>& differs, Without without) {
+    bool smaller = false;
+    for (std::size_t length = count; length != 0; length /= 2) {
+        for (std::size_t first = 0; first < count;) {
+            const std::size_t last = std::min(first + length, count);
+            SoakModel candidate = without(model, first, last);
+            if (candidate.network().node_count != 0 && differs(candidate)) {
+                model = std::move(candidate);
+                count -= last - first;
+                smaller = true;
+            } else {
+                first = last;
+            }
+        }
+    }
+    return smaller;
+}
+
+template <class Items>
+void eraseRange(Items& items, std::size_t first, std::size_t last) {
+    items.erase(items.begin() + static_cast<std::ptrdiff_t>(first),
+                items.begin() + static_cast<std::ptrdiff_t>(last));
+}
+
+SoakModel withHorizon(const SoakModel& model, ModelTime horizon) {
+    SoakModel shorter = model;
+    shorter.network().horizon = horizon;
+    for (ComposedModel::Step& step : shorter.composed.steps) {
+        if (step.until) step.until = std::min(*step.until, horizon);
+    }
+    return shorter;
+}
+
+/// Gives neurons the parameters of the default, one by one; of alike neurons those of all.
+bool makePlain(SoakModel& model, const std::function<bool(const SoakModel&)>& differs) {
+    bool plainer = false;
+    const auto reset = [&](auto member, auto records) {
+        const auto& list = model.network().*records;
+        using Record = typename std::decay_t<decltype(list)>::value_type;
+        const auto usual = Record().*member;
+        for (std::size_t n = 0; n < (model.network().*records).size(); ++n) {
+            SoakModel candidate = model;
+            auto& candidates = candidate.network().*records;
+            const auto before = candidates[n].*member;
+            if (std::memcmp(&before, &usual, sizeof usual) == 0) continue;
+            const bool all = model.isComposed() || model.kind == ModelKind::resident;
+            for (std::size_t i = 0; i < candidates.size(); ++i) {
+                if (all || i == n) candidates[i].*member = usual;
+            }
+            if (!differs(candidate)) continue;
+            model = std::move(candidate);
+            plainer = true;
+        }
+    };
+    for (const auto member : {&Kernel::Neuron::tau_membrane, &Kernel::Neuron::tau_adaptation,
+                              &Kernel::Neuron::refractory_period}) {
+        reset(member, &GeneratedModel::neurons);
+    }
+    for (const auto member :
+         {&Kernel::Neuron::adaptation_increment, &Kernel::Neuron::input_coupling,
+          &Kernel::Neuron::reset_value, &Kernel::Neuron::trace_epsilon}) {
+        reset(member, &GeneratedModel::neurons);
+    }
+    reset(&Kernel::Neuron::hard_refractory, &GeneratedModel::neurons);
+    reset(&Kernel::Neuron::non_leaky, &GeneratedModel::neurons);
+    for (const auto member :
+         {&Kernel::Firing::gain, &Kernel::Firing::threshold, &Kernel::Firing::adaptation_weight,
+          &Kernel::Firing::rate_scale, &Kernel::Firing::max_rate}) {
+        reset(member, &GeneratedModel::firings);
+    }
+    return plainer;
+}
+
+/// One round of everything that can be left out. False where nothing could.
+bool shrinkOnce(SoakModel& model, const std::function<bool(const SoakModel&)>& differs) {
+    bool smaller = false;
+    const auto attempt = [&](SoakModel candidate) {
+        if (!differs(candidate)) return false;
+        model = std::move(candidate);
+        return smaller = true;
+    };
+    // Half of it, while that does, then single windows.
+    for (ModelTime cut = model.network().horizon / 2; cut >= model.window(); cut /= 2) {
+        while (model.network().horizon > cut &&
+               attempt(withHorizon(model, model.network().horizon - cut))) {
+        }
+    }
+    if (model.isComposed()) {
+        for (unsigned part = 1; part < all_parts; part *= 2) {
+            if ((model.composed.parts & part) == 0) continue;
+            SoakModel candidate = model;
+            candidate.composed.parts &= ~part;
+            attempt(std::move(candidate));
+        }
+        smaller |= leaveOut(model, model.composed.steps.size(), differs,
+                            [](SoakModel from, std::size_t first, std::size_t last) {
+                                eraseRange(from.composed.steps, first, last);
+                                return from;
+                            });
+    }
+    smaller |= leaveOut(model, model.cuts.size(), differs,
+                        [](SoakModel from, std::size_t first, std::size_t last) {
+                            eraseRange(from.cuts, first, last);
+                            return from;
+                        });
+    smaller |= leaveOut(model, model.moments.size(), differs,
+                        [](SoakModel from, std::size_t first, std::size_t last) {
+                            eraseRange(from.moments, first, last);
+                            return from;
+                        });
+    smaller |= leaveOut(model, model.network().inputs.size(), differs,
+                        [](SoakModel from, std::size_t first, std::size_t last) {
+                            eraseRange(from.network().inputs, first, last);
+                            return from;
+                        });
+    smaller |= leaveOut(model, model.network().node_count, differs,
+                        [](SoakModel from, std::size_t first, std::size_t last) {
+                            std::vector<NodeId> kept(from.network().node_count);
+                            std::iota(kept.begin(), kept.end(), NodeId{0});
+                            eraseRange(kept, first, last);
+                            from.composed = from.isComposed() ? withNeurons(from.composed, kept)
+                                                              : from.composed;
+                            if (!from.isComposed())
+                                from.network() = from.network().withNeurons(kept);
+                            return from;
+                        });
+    smaller |= leaveOut(model, model.network().synapses.size(), differs,
+                        [](SoakModel from, std::size_t first, std::size_t last) {
+                            eraseRange(from.network().synapses, first, last);
+                            return from;
+                        });
+    return smaller;
+}
+
+}  // namespace
+
+const char* nameOf(ModelKind kind) { return kind_names[static_cast<std::size_t>(kind)]; }
+
+std::optional<ModelKind> kindNamed(std::string_view name) {
+    const auto* found = std::find(std::begin(kind_names), std::end(kind_names), name);
+    if (found == std::end(kind_names)) return std::nullopt;
+    return static_cast<ModelKind>(found - std::begin(kind_names));
+}
+
+ModelTime SoakModel::window() const { return network().graph().dMin().value_or(1); }
+
+ModelTime SoakModel::end() const {
+    const ModelTime horizon = network().horizon;
+    if (isComposed()) return horizon;
+    return window() > (last_model_time - horizon) / windows_behind
+               ? horizon
+               : horizon + windows_behind * window();
+}
+
+SoakModel generateSoakModel(std::uint64_t seed, std::optional<ModelKind> kind) {
+    Draws draws(seed ^ 0x50a4);
+    SoakModel model;
+    model.seed = seed;
+    const ModelKind drawn = drawKind(draws);
+    model.kind = kind.value_or(drawn);
+    const bool counts_spikes = draws.oneIn(3);
+    if (model.isComposed()) {
+        model.composed =
+            generateComposedModel(seed, composedTraitsOf(model.kind, draws, counts_spikes));
+    } else {
+        model.network() = generateModel(seed, traitsOf(model.kind, draws));
+    }
+    const auto anyTime = [&] {
+        return draws.timeBelow(static_cast<std::uint64_t>(model.network().horizon));
+    };
+    // Whom somebody looks at is not run whole on a device.
+    if (!model.isComposed() && model.kind != ModelKind::resident && draws.oneIn(3)) {
+        const ModelTime window = model.network().d_min;
+        for (std::uint64_t left = draws.below(12); left != 0; --left) {
+            const ModelTime time = anyTime();
+            model.moments.push_back(draws.oneIn(4) ? time / window * window : time);
+        }
+    }
+    // What a spike count of the recorder waits for is in no checkpoint.
+    if (model.isComposed() && counts_spikes) return model;
+    for (std::uint64_t left = draws.below(5); left != 0; --left) {
+        const ModelTime time = anyTime();
+        model.cuts.push_back({time, draws.next()});
+    }
+    std::sort(model.cuts.begin(), model.cuts.end(),
+              [](const Cut& a, const Cut& b) { return a.time < b.time; });
+    return model;
+}
+
+SoakModel shrunk(SoakModel model, const std::function<bool(const SoakModel&)>& differs) {
+    // A network whose last synapse goes must keep its windows.
+    SoakModel declared = model;
+    declared.network().d_min = model.window();
+    declared.network().declares_d_min = true;
+    if (differs(declared)) model = std::move(declared);
+    while (shrinkOnce(model, differs)) {
+    }
+    while (makePlain(model, differs)) {
+    }
+    return model;
+}
+
+std::string SoakModel::text() const {
+    const GeneratedModel& net = network();
+    std::ostringstream out;
+    out << nameOf(kind) << " model of seed " << seed << ": " << net.node_count << " neurons, "
+        << net.synapses.size() << " synapses, " << net.inputs.size() << " inputs, "
+        << (isComposed() ? composed.steps.size() : 0) << " steps, " << cuts.size()
+        << " cuts, horizon " << net.horizon << " ns, windows of " << window() << " ns"
+        << (net.declares_d_min ? "" : " (by the synapses)") << ", run seed " << net.run_seed << '\n'
+        << std::hexfloat;
+    for (std::uint64_t n = 0; n < net.node_count; ++n) {
+        const Kernel::Neuron& neuron = net.neurons[n];
+        const Kernel::Firing& firing = net.firings[n];
+        out << "  neuron " << n << ": tau " << neuron.tau_membrane << ' ' << neuron.tau_adaptation
+            << ", refractory " << neuron.refractory_period
+            << (neuron.hard_refractory ? " hard" : " soft") << (neuron.non_leaky ? ", no leak" : "")
+            << ", increment " << neuron.adaptation_increment << ", coupling "
+            << neuron.input_coupling << ", reset " << neuron.reset_value << ", epsilon "
+            << neuron.trace_epsilon << ", rate " << firing.base_rate << " x " << firing.rate_scale
+            << " up to " << firing.max_rate << ", gain " << firing.gain << ", threshold "
+            << firing.threshold << ", adaptation weight " << firing.adaptation_weight << '\n';
+    }
+    for (const Synapse& synapse : net.synapses) {
+        out << "  synapse " << synapse.source << " to " << synapse.target << ": weight "
+            << (synapse.inhibitory ? "-" : "") << synapse.weight << ", delay " << synapse.delay
+            << (synapse.enabled ? "" : ", off") << '\n';
+    }
+    for (const Event& input : net.inputs) {
+        out << "  input at " << input.time << " to " << input.target << ": " << input.value
+            << ", kind " << static_cast<int>(input.kind) << '\n';
+    }
+    if (isComposed()) {
+        out << "  parts " << composed.parts << '\n';
+        for (const ComposedModel::Step& step : composed.steps) {
+            out << "  " << step.what;
+            if (step.until) out << " to " << *step.until;
+            out << '\n';
+        }
+    }
+    for (const ModelTime moment : moments) out << "  observed at " << moment << '\n';
+    for (const Cut& cut : cuts) out << "  cut at " << cut.time << '\n';
+    return out.str();
+}
+
+}  // namespace Lumenar::Core::Kelm::Fuzzing

@@ -1,0 +1,194 @@
+// The soak must find what it looks for: with a fault planted in a backend it has to name the
+// window, the neuron and the field, and to shrink the model.
+
+#include "fuzz/Soak.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "kelm/core/SplitMix64.h"
+#include "kelm/engine/CpuWindowBackend.h"
+
+namespace Lumenar::Core::Kelm::Fuzzing {
+
+namespace {
+
+using namespace Testing;
+
+/// The reference, but for one result of one window.
+class FaultyBackend final : public IWindowBackend {
+public:
+    const char* name() override { return "faulty"; }
+    void processWindow(const std::span<const WindowWork>& work,
+                       const std::span<const Kernel::WindowEvent>& events, ModelTime end,
+                       ModelTime horizon, const Kernel::Neuron& parameters,
+                       const Kernel::Firing& firing,
+                       const std::span<Kernel::WindowResult>& results) override {
+        cpu_.processWindow(work, events, end, horizon, parameters, firing, results);
+        for (std::size_t i = 0; end == window_end && i < work.size(); ++i) {
+            if (work[i].neuron == neuron) spoil(results[i]);
+        }
+    }
+    bool tryResidentRun(WindowEngine&) override { return false; }
+
+    ModelTime window_end = no_time;
+    NodeId neuron = 0;
+    std::function<void(Kernel::WindowResult&)> spoil;
+
+private:
+    CpuWindowBackend cpu_;
+};
+
+/// Plants `spoil` in the last window but some of a model whose results it alters, for a neuron that
+/// is not the first.
+bool plant(Soak& soak, const SoakModel& model, FaultyBackend& fault) {
+    const auto whole = soak.start(model, Soak::reference);
+    whole->advance(model.network().horizon);
+    const auto& windows = whole->trace().windows();
+    for (std::size_t place = windows.size() * 2 / 3; place > 2; --place) {
+        const auto again = soak.start(model, Soak::reference);
+        again->trace().keep(place);
+        again->advance(model.network().horizon);
+        for (const WindowTrace::Item& item : again->trace().kept()) {
+            Kernel::WindowResult spoiled = item.result;
+            fault.spoil(spoiled);
+            if (item.work.neuron < 2 || std::memcmp(&spoiled, &item.result, sizeof spoiled) == 0) {
+                continue;
+            }
+            fault.window_end = windows[place].end;
+            fault.neuron = item.work.neuron;
+            return true;
+        }
+    }
+    return false;
+}
+
+TEST(Soak, NamesTheWindowTheNeuronAndTheFieldOfAPlantedFaultAndShrinksTheModel) {
+    struct Case {
+        const char* fact;
+        std::string field;
+        void (*spoil)(Kernel::WindowResult& result);
+    };
+    const Case cases[] = {
+        {"the last bit of a trace", "result.state.membrane",
+         [](Kernel::WindowResult& result) {
+             double& trace = result.state.membrane;
+             if (trace == 0.0) return;
+             trace = std::bit_cast<double>(std::bit_cast<std::uint64_t>(trace) ^ 1);
+         }},
+        {"a spike that is dropped", "result.spike_count",
+         [](Kernel::WindowResult& result) {
+             if (result.spike_count != 0) --result.spike_count;
+         }},
+        {"a draw too many", "result.rng",
+         [](Kernel::WindowResult& result) { result.rng += splitmix_increment; }},
+        {"a count", "result.updates", [](Kernel::WindowResult& result) { ++result.updates; }},
+    };
+    for (const ModelKind kind : {ModelKind::plain, ModelKind::extreme, ModelKind::composed}) {
+        for (const Case& c : cases) {
+            SCOPED_TRACE(std::string(c.fact) + " in a model of kind " + nameOf(kind));
+            FaultyBackend fault;
+            fault.spoil = c.spoil;
+            Soak soak;
+            soak.addBackend("faulty", fault);
+            SoakModel model;
+            std::uint64_t seed = 1;
+            for (; seed < 100; ++seed) {
+                model = generateSoakModel(seed, kind);
+                if (model.network().node_count >= 10 && plant(soak, model, fault)) break;
+            }
+            ASSERT_LT(seed, 100);
+
+            const auto finding = soak.examine(model, "faulty");
+            ASSERT_TRUE(finding.has_value());
+            EXPECT_EQ(finding->way, "faulty");
+            EXPECT_EQ(finding->difference.window, fault.window_end / model.window() - 1);
+            EXPECT_EQ(finding->difference.what.neuron, fault.neuron);
+            EXPECT_EQ(finding->difference.what.field, c.field);
+            if (c.field == "result.state.membrane") {
+                EXPECT_EQ(finding->difference.what.left ^ finding->difference.what.right, 1);
+            }
+
+            // Nothing is left but what the fault needs: its neuron and those numbered below, and
+            // whatever makes it do something in that window, such as spikes of others.
+            const GeneratedModel& smallest = finding->smallest.network();
+            EXPECT_GT(smallest.node_count, fault.neuron);
+            EXPECT_LE(smallest.node_count, fault.neuron + 3);
+            EXPECT_LE(smallest.synapses.size() + smallest.inputs.size(), 3);
+            EXPECT_TRUE(finding->smallest.cuts.empty());
+            EXPECT_LE(finding->smallest.composed.steps.size(), 3);
+            EXPECT_EQ(finding->smallest_difference.what.field, c.field);
+            EXPECT_EQ(finding->smallest_difference.what.neuron, fault.neuron);
+            EXPECT_EQ(soak.compare(finding->smallest, "cpu", "device"), std::nullopt);
+        }
+    }
+}
+
+TEST(Soak, FindsNoFaultWhereThereIsNone) {
+    Soak soak;
+    CpuWindowBackend sound;
+    soak.addBackend("sound", sound);
+    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+        EXPECT_EQ(soak.examine(generateSoakModel(seed), "sound"), std::nullopt) << seed;
+    }
+    EXPECT_EQ(soak.idleKind(), "");
+    // Models that never spike prove nothing.
+    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+        SoakModel idle = generateSoakModel(seed, ModelKind::plain);
+        for (Kernel::Firing& firing : idle.network().firings) firing.base_rate = 0.0;
+        EXPECT_EQ(soak.examine(idle, "sound"), std::nullopt) << seed;
+    }
+    EXPECT_EQ(soak.idleKind(), "plain");
+}
+
+/// A run whose neuron 1 has another state from some moment on, which no window shows.
+struct ScriptedRun final : CarriedRun {
+    explicit ScriptedRun(ModelTime change) : change_at(change) {}
+
+    void advance(ModelTime until) override { now = std::max(now, until); }
+    Remains remains() override {
+        Remains remains;
+        remains.image.states.resize(3);
+        remains.image.states[1].last_update = now >= change_at ? 0x77 : 0x33;
+        return remains;
+    }
+
+    ModelTime change_at;
+    ModelTime now = -1;
+};
+
+TEST(FirstDifference, FindsByBisectionWhatShowsBetweenWindows) {
+    constexpr ModelTime d_min = 10, end = 1'000'000'000'007;
+    const auto run = [](ModelTime change) {
+        return [=] { return std::make_unique<ScriptedRun>(change); };
+    };
+    constexpr ModelTime never = std::numeric_limits<ModelTime>::max();
+    EXPECT_EQ(firstDifference(run(never), run(never), d_min, end), std::nullopt);
+    EXPECT_EQ(firstDifference(run(5), run(5), d_min, end), std::nullopt);
+    for (const auto& [change, window] : {std::pair<ModelTime, std::int64_t>{0, -1},
+                                         {1, 0},
+                                         {10, 0},
+                                         {11, 1},
+                                         {123'456'789'010, 12'345'678'900},
+                                         {123'456'789'011, 12'345'678'901},
+                                         {end, 100'000'000'000}}) {
+        SCOPED_TRACE(change);
+        const auto found = firstDifference(run(never), run(change), d_min, end);
+        ASSERT_TRUE(found.has_value());
+        EXPECT_EQ(found->window, window);
+        EXPECT_EQ(found->text(), "window " + std::to_string(window) +
+                                     ": state.last_update of neuron 1: 0x33 vs 0x77");
+    }
+}
+
+}  // namespace
+
+}  // namespace Lumenar::Core::Kelm::Fuzzing

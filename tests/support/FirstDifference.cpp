@@ -1,0 +1,215 @@
+#include "tests/support/FirstDifference.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <span>
+#include <stdexcept>
+
+#include "tests/support/BlobLayout.h"
+
+namespace Lumenar::Core::Kelm::Testing {
+
+namespace {
+
+/// By words: a digest a byte would cost more than the windows.
+class Mixer {
+public:
+    explicit Mixer(std::uint64_t start) : hash_(start) {}
+
+    void add(std::uint64_t word) {
+        hash_ = (hash_ ^ word) * 0x9e3779b97f4a7c15;
+        hash_ ^= hash_ >> 29;
+    }
+    template <class Record>
+    void addImage(const Record& record) {
+        static_assert(sizeof(Record) % 8 == 0);
+        std::uint64_t words[sizeof(Record) / 8];
+        std::memcpy(words, &record, sizeof(Record));
+        for (const std::uint64_t word : words) add(word);
+    }
+    std::uint64_t hash() const { return hash_; }
+
+private:
+    std::uint64_t hash_;
+};
+
+/// Of two items at one place of a window.
+std::optional<Difference> differenceOf(const WindowTrace::Item& a, const WindowTrace::Item& b) {
+    const auto between = [](const char* list, const auto& x, const auto& y) {
+        auto found = placedDifference(list, std::span(x), std::span(y));
+        return found ? std::optional(found->difference) : std::nullopt;
+    };
+    if (auto found = between("work", std::vector{a.work}, std::vector{b.work})) return found;
+    if (auto found = between("event", a.events, b.events)) return found;
+    return between("result", std::vector{a.result}, std::vector{b.result});
+}
+
+std::optional<Difference> differenceOf(const std::vector<WindowTrace::Item>& a,
+                                       const std::vector<WindowTrace::Item>& b) {
+    for (std::size_t i = 0; i < std::min(a.size(), b.size()); ++i) {
+        if (auto found = differenceOf(a[i], b[i])) {
+            // Two neurons: the smaller one is missing on the other side.
+            found->neuron = std::min(a[i].work.neuron, b[i].work.neuron);
+            return found;
+        }
+    }
+    if (a.size() == b.size()) return std::nullopt;
+    const auto& longer = a.size() > b.size() ? a : b;
+    return Difference{"work count", longer[std::min(a.size(), b.size())].work.neuron, a.size(),
+                      b.size()};
+}
+
+/// The place of the first window in which digests differ, where they do.
+std::optional<std::size_t> firstWindowApart(CarriedRun& left, CarriedRun& right) {
+    if (!left.showsWindows() || !right.showsWindows()) return std::nullopt;
+    const std::vector<WindowTrace::Window>& a = left.trace().windows();
+    const std::vector<WindowTrace::Window>& b = right.trace().windows();
+    const std::size_t shared = std::min(a.size(), b.size());
+    const auto apart = [&](std::size_t i) {
+        return a[i].digest != b[i].digest || a[i].end != b[i].end;
+    };
+    if (shared == 0 || !apart(shared - 1)) {
+        return a.size() == b.size() ? std::nullopt : std::optional(shared);
+    }
+    // A digest holds those before it: apart once is apart for good.
+    std::size_t equal = 0;
+    std::size_t first = shared - 1;
+    while (equal < first) {
+        const std::size_t middle = equal + (first - equal) / 2;
+        apart(middle) ? first = middle : equal = middle + 1;
+    }
+    return first;
+}
+
+/// Both runs from their start, to `until`.
+struct Pair {
+    std::unique_ptr<CarriedRun> left;
+    std::unique_ptr<CarriedRun> right;
+
+    void advance(ModelTime until) {
+        left->advance(until);
+        right->advance(until);
+    }
+};
+
+}  // namespace
+
+void WindowTrace::begin(ModelTime window_end) {
+    const auto end = [] { throw std::runtime_error("a run as long as it may be"); };
+    if (muted_ && ++muted_windows_ > max_windows_) end();
+    if (muted_) return;
+    if (!windows_.empty() && windows_.back().end == window_end) return;  // another part
+    if (windows_.size() == max_windows_ || candidates_ > max_candidates_) {
+        end();
+    }
+    Mixer mixer(windows_.empty() ? 0 : windows_.back().digest);
+    mixer.add(static_cast<std::uint64_t>(window_end));
+    windows_.push_back({window_end, mixer.hash()});
+}
+
+void WindowTrace::note(std::span<const WindowWork> work,
+                       std::span<const Kernel::WindowEvent> events,
+                       std::span<const Kernel::WindowResult> results) {
+    if (muted_) return;
+    const bool keeps = kept_place_ == windows_.size() - 1;
+    Mixer mixer(windows_.back().digest);
+    for (std::size_t i = 0; i < work.size() && !faulty_; ++i) {
+        const WindowWork& item = work[i];
+        const auto own = events.subspan(item.first_event, item.event_count);
+        mixer.add(item.neuron);
+        mixer.addImage(item.state);
+        mixer.addImage(item.parameters);
+        mixer.addImage(item.firing);
+        mixer.add(item.rng);
+        mixer.add(item.event_count);
+        mixer.add(static_cast<std::uint64_t>(item.pending_time));
+        mixer.add(std::bit_cast<std::uint64_t>(item.pending_bound));
+        mixer.addImage(item.drive);
+        for (const Kernel::WindowEvent& event : own) mixer.addImage(event);
+        mixer.addImage(results[i]);
+        candidates_ += results[i].candidates;
+        faulty_ = results[i].bound_violation || results[i].spike_overflow;
+        if (!keeps) continue;
+        kept_.push_back({item, {own.begin(), own.end()}, results[i]});
+        kept_.back().work.first_event = 0;
+    }
+    windows_.back().digest = mixer.hash();
+}
+
+std::optional<Difference> differenceOf(const Remains& a, const Remains& b) {
+    if (auto found = differenceOf(a.image, b.image)) return found;
+    for (const auto& [name, blob] : a.blobs) {
+        const auto other =
+            std::find_if(b.blobs.begin(), b.blobs.end(),
+                         [&name = name](const auto& entry) { return entry.first == name; });
+        if (other == b.blobs.end() || other->second == blob) continue;
+        return blobDifference(name, blob, other->second);
+    }
+    const auto [x, y] =
+        std::mismatch(a.outcomes.begin(), a.outcomes.end(), b.outcomes.begin(), b.outcomes.end());
+    if (x == a.outcomes.end() && y == b.outcomes.end()) return std::nullopt;
+    const std::string nothing = "nothing more";
+    return Difference{"outcome '" + (x == a.outcomes.end() ? nothing : *x) + "' vs '" +
+                          (y == b.outcomes.end() ? nothing : *y) + "'",
+                      std::nullopt, static_cast<std::uint64_t>(x - a.outcomes.begin()),
+                      static_cast<std::uint64_t>(y - b.outcomes.begin())};
+}
+
+bool agree(CarriedRun& left, CarriedRun& right) {
+    return !firstWindowApart(left, right) && !differenceOf(left.remains(), right.remains());
+}
+
+std::string FirstDifference::text() const {
+    return "window " + std::to_string(window) + ": " + what.text();
+}
+
+std::optional<FirstDifference> firstDifference(const RunFactory& left, const RunFactory& right,
+                                               ModelTime d_min, ModelTime end) {
+    const auto start = [&] { return Pair{left(), right()}; };
+    Pair whole = start();
+    whole.advance(end);
+    const std::optional<std::size_t> apart = firstWindowApart(*whole.left, *whole.right);
+    const auto remainsDiffer = [&](std::int64_t windows) {
+        Pair pair = start();
+        pair.advance(windows > end / d_min ? end : windows * d_min);
+        return differenceOf(pair.left->remains(), pair.right->remains());
+    };
+
+    // Where the runs' windows part, if they do: the search then ends there.
+    std::int64_t last = end / d_min;
+    std::optional<Difference> inside;
+    if (apart) {
+        Pair again = start();
+        again.left->trace().keep(*apart);
+        again.right->trace().keep(*apart);
+        again.advance(end);
+        inside = differenceOf(again.left->trace().kept(), again.right->trace().kept());
+        const auto end_of = [&](CarriedRun& run) {
+            const auto& windows = run.trace().windows();
+            return *apart < windows.size() ? windows[*apart].end : last_model_time;
+        };
+        const ModelTime window_end = std::min(end_of(*again.left), end_of(*again.right));
+        if (!inside) {
+            inside = Difference{"window end", std::nullopt,
+                                static_cast<std::uint64_t>(end_of(*again.left)),
+                                static_cast<std::uint64_t>(end_of(*again.right))};
+        }
+        last = window_end / d_min - 1;
+        if (!remainsDiffer(last)) return FirstDifference{last, *inside};
+    } else if (!differenceOf(whole.left->remains(), whole.right->remains())) {
+        return std::nullopt;
+    } else {
+        ++last;
+    }
+
+    // What was left behind differs after `last` windows; the least number for which it does.
+    std::int64_t equal = -1;
+    while (equal + 1 < last) {
+        const std::int64_t middle = equal + (last - equal) / 2;
+        remainsDiffer(middle) ? last = middle : equal = middle;
+    }
+    return FirstDifference{last - 1, remainsDiffer(last).value()};
+}
+
+}  // namespace Lumenar::Core::Kelm::Testing
