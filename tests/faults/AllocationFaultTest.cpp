@@ -325,7 +325,7 @@ ComposedModel smallComposedModel(std::uint64_t seed) {
 }
 
 TEST_F(AllocationFault, EndsARunOfAllPartsAtOnceCleanly) {
-    for (const std::uint64_t seed : {1U, 2U, 3U}) {
+    for (std::uint64_t seed = 1; seed <= 12; ++seed) {
         const ComposedModel model = smallComposedModel(seed);
         expectClean(
             "construction", [&] { return std::make_unique<int>(); },
