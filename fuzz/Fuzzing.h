@@ -78,14 +78,14 @@ void requireRestorable(Object& object, Object&& fresh) {
 }
 
 /// Whether a store in `bytes` has all but used up its ids: no store reads that it issued more than
-/// 2^40, which a run can only reach by being told so.
+/// 2^62, which a run can only reach by being told so.
 inline bool runsOutOfIds(BlobView bytes) {
     constexpr std::string_view tag = "KELMBKT1";
     const auto store = std::search(bytes.begin(), bytes.end(), tag.begin(), tag.end());
     if (bytes.end() - store < 41) return false;
     std::uint64_t next_id = 0;
     std::memcpy(&next_id, &*store + 33, 8);
-    return next_id > (std::uint64_t{1} << 40) - 100'000;
+    return next_id > (std::uint64_t{1} << 62) - 100'000;
 }
 
 }  // namespace Lumenar::Core::Kelm::Fuzzing

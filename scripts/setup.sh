@@ -16,9 +16,11 @@ need() {
     "${@:2}" || missing_packages+=("$1")
 }
 
+can_install() { ((EUID == 0)) && has_command apt-get; }
+
 install_missing() {
     ((${#missing_packages[@]})) || return 0
-    if ((EUID != 0)) || ! has_command apt-get; then
+    if ! can_install; then
         printf 'missing: %s\n' "${missing_packages[*]}"
         echo 'These are Debian packages. This script installs them when it runs as root on a' \
             'system with apt-get; here, please install them first.'
@@ -49,6 +51,18 @@ has_libfuzzer() {
 need_fuzzing_tools() {
     need clang has_command clang++
     need libclang-rt-14-dev has_libfuzzer
+}
+
+has_cross_tools() {
+    has_command aarch64-linux-gnu-g++ && has_command qemu-aarch64-static &&
+        [[ -e /usr/src/googletest/CMakeLists.txt ]]
+}
+
+# To build for aarch64 and to run what was built.
+need_cross_tools() {
+    need g++-aarch64-linux-gnu has_command aarch64-linux-gnu-g++
+    need qemu-user-static has_command qemu-aarch64-static
+    need googletest test -e /usr/src/googletest/CMakeLists.txt
 }
 
 # Prints where nvcc is, if it is anywhere: toolkits do not put themselves on the PATH.

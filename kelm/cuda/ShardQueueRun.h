@@ -136,9 +136,12 @@ private:
         offsets_.upload(shard_offsets_, "upload shard offsets");
         // From here on the counts serve as the cursors of the segments.
         counts_.clear("clear shard cursors");
+        // Unsigned: nothing arrives before the first time there is.
+        const auto arrival_time =
+            static_cast<ModelTime>(static_cast<std::uint64_t>(window_end_) - 1);
         Device::launch<emitShardFanout>(blocks(), block_size, node_count_, fanout_, source_events_,
                                         shard_count_, csr_targets_.data(), csr_values_.data(),
-                                        window_end_ - 1, offsets_.data(), counts_.data(),
+                                        arrival_time, offsets_.data(), counts_.data(),
                                         queue_.data());
         checkCuda(Device::lastStatus(), "launch shard fan-out");
         // Shards are ascending ranges of targets, so one sort puts every segment in order.

@@ -15,9 +15,9 @@ namespace {
 
 constexpr BlobTag format_tag("KELMBKT1");
 
-/// A store that issues a million ids a second reaches this after twelve days; a blob that claims
-/// more is forged.
-constexpr std::uint64_t max_next_id = std::uint64_t{1} << 40;
+/// A blob that claims more is forged: a store that issues a thousand million ids a second reaches
+/// this after 146 years, and is then still as far from the ids of observations.
+constexpr std::uint64_t max_next_id = std::uint64_t{1} << 62;
 
 const Event& unpackedEvent(const Event& event) { return event; }
 Event unpackedEvent(const PackedDelivery& delivery) { return delivery.unpacked(); }

@@ -32,8 +32,13 @@ std::size_t InputChannelBank::addChannel(InputChannelSpec spec) {
         throw InvalidModality(InvalidModality::repeatedTarget(spec.name));
     }
     const std::size_t index = channels_.size();
-    channels_.push_back({std::move(spec), true, {}});
-    places_.emplace(channels_.back().spec.name, index);
+    const auto place = places_.emplace(spec.name, index).first;
+    try {
+        channels_.push_back({std::move(spec), true, {}});
+    } catch (...) {
+        places_.erase(place);
+        throw;
+    }
     return index;
 }
 

@@ -1,6 +1,7 @@
 #include "kelm/runtime/KelmRuntime.h"
 
 #include <algorithm>
+#include <cmath>
 #include <stdexcept>
 #include <utility>
 
@@ -110,22 +111,27 @@ void KelmRuntime::createOscillators() {
     if (!phase_config_->couplings.empty()) {
         oscillators_->configureCoupling(phase_config_->couplings, phase_config_->coupling_period);
     }
-    rebuildModulators();
+    putInForce(makeModulators());
 }
 
-/// Makes the modulators on the bank as it stands, at construction or after a restore.
-void KelmRuntime::rebuildModulators() {
-    phase_modulators_.clear();
-    modulation_weight_sum_.clear();
-    if (!phase_config_) return;
+/// The modulators on the bank as it stands, at construction or after a restore.
+KelmRuntime::Modulators KelmRuntime::makeModulators() const {
+    Modulators made;
+    if (!phase_config_) return made;
     if (!oscillators_) throw InvalidPhaseModulation(InvalidPhaseModulation::lost_oscillators);
     for (const std::vector<PhaseBinding>& bindings : phase_config_->bindings) {
         PhaseModulator modulator(*oscillators_);
         for (const PhaseBinding& binding : bindings) modulator.addBinding(binding);
-        modulation_weight_sum_.push_back(modulator.weightSum());
-        phase_modulators_.push_back(std::move(modulator));
+        made.weight_sums.push_back(modulator.weightSum());
+        made.modulators.push_back(std::move(modulator));
     }
-    if (plasticity_) plasticity_->setBank(&*oscillators_);
+    return made;
+}
+
+void KelmRuntime::putInForce(Modulators&& made) noexcept {
+    phase_modulators_ = std::move(made.modulators);
+    modulation_weight_sum_ = std::move(made.weight_sums);
+    if (plasticity_ && oscillators_) plasticity_->setBank(&*oscillators_);
 }
 
 /// Draws the first candidates anew under bounds that cover whatever modulation can come; the draws
@@ -376,30 +382,56 @@ bool KelmRuntime::readPrediction(BlobReader& in, StoredState& state) const {
            in.readF64(state.reserved_a) && in.readF64(state.reserved_b);
 }
 
-/// Puts what was read in force, the parts that can still refuse first.
+/// Puts what was read in force. Each part takes it up in a twin first and the engine comes last of
+/// all that can refuse or run out of memory, so that nothing has changed where one does.
 bool KelmRuntime::restoreParts(StoredState& state) {
-    if (!engine_.restore(state.engine)) return false;
-    if (plasticity_ && !plasticity_->restore(state.plasticity)) return false;
-    if (learning_ && !learning_->restore(state.learning)) return false;
-    if (oscillators_ && !oscillators_->restore(state.oscillators)) return false;
-    for (std::size_t i = 0; i < state.channels.size(); ++i) {
-        const StoredState::Channel& channel = state.channels[i];
-        if (!input_channels_->restoreChannel(i, channel.gain, channel.connected, channel.stats)) {
+    std::optional<PlasticityEngine> plasticity;
+    if (plasticity_) {
+        plasticity.emplace(graph().nodeCount(), plasticity_config_.trace,
+                           plasticity_config_.excitatory, plasticity_config_.inhibitory);
+        if (!plasticity->restore(state.plasticity)) return false;
+    }
+    std::optional<LearningControl> learning;
+    if (learning_) {
+        learning.emplace(graph().nodeCount(), learning_->synapseStates().size());
+        if (!learning->restore(state.learning)) return false;
+    }
+    std::optional<OscillatorBank> oscillators = oscillators_;
+    if (oscillators && !oscillators->restore(state.oscillators)) return false;
+    std::unique_ptr<PredictionBank> prediction;
+    if (prediction_) {
+        prediction = std::make_unique<PredictionBank>(*prediction_);
+        if (!prediction->restoreState(state.precisions, std::move(state.observations),
+                                      state.reserved_a, state.reserved_b)) {
             return false;
         }
     }
-    if (prediction_ && !prediction_->restoreState(state.precisions, std::move(state.observations),
-                                                  state.reserved_a, state.reserved_b)) {
-        return false;
+    for (const StoredState::Channel& channel : state.channels) {
+        if (!std::isfinite(channel.gain)) return false;
+    }
+    Recorder::CauseMap causes = Recorder::causeMapOf(state.causes);
+    Modulators modulators = makeModulators();
+    if (!engine_.restore(state.engine)) return false;
+
+    // Into the parts where they stand: they have been handed out.
+    if (plasticity) plasticity_->swapState(*plasticity);
+    if (learning) learning_->swapState(*learning);
+    if (oscillators) *oscillators_ = std::move(*oscillators);
+    if (prediction) *prediction_ = std::move(*prediction);
+    for (std::size_t i = 0; i < state.channels.size(); ++i) {
+        const StoredState::Channel& channel = state.channels[i];
+        static_cast<void>(
+            input_channels_->restoreChannel(i, channel.gain, channel.connected, channel.stats));
     }
     if (recorder_) {
-        recorder_->restoreState(std::move(state.spikes), std::move(state.samples), state.causes);
+        recorder_->restoreState(std::move(state.spikes), std::move(state.samples),
+                                std::move(causes));
     }
     interventions_ = std::move(state.interventions);
     phase_log_ = std::move(state.phase_log);
     position_ = state.position;
     commit_count_ = state.commit_count;
-    rebuildModulators();
+    putInForce(std::move(modulators));
     return true;
 }
 

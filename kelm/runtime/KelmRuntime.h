@@ -122,8 +122,7 @@ public:
     /// Puts a checkpoint in force that a runtime built from the same arguments has written: the run
     /// goes on as that one would have. False for one that is cut short or forged, or that was
     /// written under another label, config id, seed or set of parts. The runtime is then as it was,
-    /// unless a nested blob or a value of a channel was refused: it may only be destroyed then.
-    /// Call it between runs.
+    /// unless a store that was handed in refused after it had changed itself. Call it between runs.
     /// Throws IncompatibleCheckpoint, with nothing changed, for another engine version.
     [[nodiscard]] bool restore(BlobView bytes);
 
@@ -149,7 +148,12 @@ private:
     void createInputChannels(std::vector<InputChannelSpec>&& specs);
     void createPrediction(PredictionConfig&& config);
     void createOscillators();
-    void rebuildModulators();
+    struct Modulators {
+        std::vector<PhaseModulator> modulators;
+        std::vector<double> weight_sums;
+    };
+    Modulators makeModulators() const;
+    void putInForce(Modulators&& made) noexcept;
     void reseedModulated();
 
     void prepare(ModelTime window_start, ModelTime window_end, std::span<WindowWork> work,

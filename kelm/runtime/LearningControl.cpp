@@ -74,20 +74,17 @@ void LearningControl::setGroupEnabled(std::uint32_t group, bool enabled) {
 
 void LearningControl::allowOnlyGroups(std::vector<std::uint32_t> groups) {
     for (const std::uint32_t group : groups) requireGroup(group);
+    std::vector<std::uint32_t> sorted = groups;
+    std::sort(sorted.begin(), sorted.end());
     allowed_groups_ = std::move(groups);
+    allowed_sorted_ = std::move(sorted);
     restrict_groups_ = true;
-    indexAllowedGroups();
 }
 
 void LearningControl::allowAllGroups() {
     allowed_groups_.clear();
+    allowed_sorted_.clear();
     restrict_groups_ = false;
-    indexAllowedGroups();
-}
-
-void LearningControl::indexAllowedGroups() {
-    allowed_sorted_ = allowed_groups_;
-    std::sort(allowed_sorted_.begin(), allowed_sorted_.end());
 }
 
 void LearningControl::setFrozen(std::uint32_t index, bool frozen) {
@@ -306,9 +303,13 @@ bool LearningControl::restore(BlobView blob) {
         restored.synapses_.size() != synapses_.size()) {
         return false;
     }
-    restored.modulator_ = std::move(modulator_);
-    *this = std::move(restored);
+    swapState(restored);
     return true;
+}
+
+void LearningControl::swapState(LearningControl& other) noexcept {
+    std::swap(*this, other);
+    std::swap(modulator_, other.modulator_);
 }
 
 bool LearningControl::readFrom(BlobReader& in) {
@@ -354,7 +355,8 @@ bool LearningControl::readSettings(BlobReader& in) {
     fast_.enabled = fast_enabled ? 1 : 0;
     journal_mode_ = static_cast<JournalMode>(mode);  // one without a name keeps every entry
     journal_stride_ = strideOf(journal_rate_);
-    indexAllowedGroups();
+    allowed_sorted_ = allowed_groups_;
+    std::sort(allowed_sorted_.begin(), allowed_sorted_.end());
     return true;
 }
 

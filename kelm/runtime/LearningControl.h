@@ -132,6 +132,9 @@ public:
     /// would refuse: a bound that is not a number then bounds nothing.
     [[nodiscard]] bool restore(BlobView blob);
 
+    /// Exchanges everything but the modulator with `other`.
+    void swapState(LearningControl& other) noexcept;
+
 private:
     bool askGate(ModelTime window_end);
     void learn(SynapseGraph& graph, const WeightChange& change);
@@ -142,7 +145,6 @@ private:
     bool readFrom(BlobReader& in);
     bool readGroupSwitches(BlobReader& in);
     bool readSettings(BlobReader& in);
-    void indexAllowedGroups();
 
     std::vector<std::uint32_t> group_of_;
     std::vector<SynapseLearningState> synapses_;

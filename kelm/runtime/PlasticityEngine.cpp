@@ -251,4 +251,10 @@ bool PlasticityEngine::restore(BlobView blob) {
     return true;
 }
 
+void PlasticityEngine::swapState(PlasticityEngine& other) noexcept {
+    traces_.swap(other.traces_);
+    pending_spikes_.swap(other.pending_spikes_);
+    pending_changes_.swap(other.pending_changes_);
+}
+
 }  // namespace Lumenar::Core::Kelm

@@ -77,6 +77,9 @@ public:
     /// then as it was.
     [[nodiscard]] bool restore(BlobView blob);
 
+    /// Exchanges what a snapshot holds with `other`, of the same neuron count.
+    void swapState(PlasticityEngine& other) noexcept;
+
 private:
     /// A proposal's place in the canonical order without its 120 bytes.
     struct ChangeKey {

@@ -31,6 +31,12 @@ const char* faultOf(const ErrorChannel& channel, std::uint64_t neuron_count) {
     return nullptr;
 }
 
+/// Makes room for one element, so that adding it cannot fail, and for more where there is none.
+template <class T>
+void reserveOneMore(std::vector<T>& list) {
+    if (list.size() == list.capacity()) list.reserve(2 * list.size() + 1);
+}
+
 /// The reason why a readout cannot be, or null.
 const char* faultOf(const Predictor& predictor) {
     if (predictor.kind != PredictorKind::explicit_readout) return nullptr;
@@ -49,9 +55,17 @@ const char* faultOf(const Predictor& predictor) {
 
 std::size_t PredictionBank::addErrorChannel(ErrorChannel channel) {
     if (const char* fault = faultOf(channel, channels_of_.size())) throw InvalidPrediction(fault);
-    if (!names_.insert(channel.name).second) {
+    if (names_.contains(channel.name)) {
         throw InvalidPrediction(InvalidPrediction::duplicate(channel.name));
     }
+    // Whatever can fail comes before the first change.
+    for (const NodeId target : channel.targets) reserveOneMore(channels_of_[target]);
+    reserveOneMore(channels_);
+    reserveOneMore(predictors_);
+    reserveOneMore(drive_terms_);
+    reserveOneMore(latest_);
+    names_.insert(channel.name);
+
     const std::size_t index = channels_.size();
     for (const NodeId target : channel.targets) {
         std::vector<std::size_t>& reached_by = channels_of_[target];

@@ -86,13 +86,17 @@ std::vector<CauseEntry> Recorder::causes() const {
     return entries;
 }
 
-void Recorder::restoreState(std::vector<RecordedSpike> spikes, std::vector<RecordedSample> samples,
-                            std::span<const CauseEntry> causes) {
-    std::unordered_map<std::uint64_t, Cause> map;
+Recorder::CauseMap Recorder::causeMapOf(std::span<const CauseEntry> causes) {
+    CauseMap map;
     for (const CauseEntry& entry : causes) map.emplace(entry.event_id, entry.cause);
+    return map;
+}
+
+void Recorder::restoreState(std::vector<RecordedSpike> spikes, std::vector<RecordedSample> samples,
+                            CauseMap causes) noexcept {
     spikes_ = std::move(spikes);
     samples_ = std::move(samples);
-    causes_ = std::move(map);
+    causes_ = std::move(causes);
 }
 
 void Recorder::requireKnown(Cause cause) const {

@@ -99,10 +99,15 @@ public:
     /// The causal map, ascending by event id.
     std::vector<CauseEntry> causes() const;
 
-    /// Replaces spikes, samples and causal map; of two entries of one event the first stands.
-    /// Spikes that wait for their sample are left as they are.
+    /// The causal map: the cause of each event by its id.
+    using CauseMap = std::unordered_map<std::uint64_t, Cause>;
+    /// Of two entries of one event the first stands.
+    static CauseMap causeMapOf(std::span<const CauseEntry> causes);
+
+    /// Replaces spikes, samples and causal map. Spikes that wait for their sample are left as they
+    /// are.
     void restoreState(std::vector<RecordedSpike> spikes, std::vector<RecordedSample> samples,
-                      std::span<const CauseEntry> causes);
+                      CauseMap causes) noexcept;
 
 private:
     void requireKnown(Cause cause) const;
@@ -118,7 +123,7 @@ private:
     // sample leaves no more behind than the spikes of its own window.
     std::vector<SpikeRecord> uncounted_;  ///< spikes that no sample has counted yet
     std::vector<double> counts_;          ///< shape (neurons seen), all 0: those of the next sample
-    std::unordered_map<std::uint64_t, Cause> causes_;
+    CauseMap causes_;
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -297,45 +297,6 @@ TEST_F(ResidentRunTest, TellsWhyANetworkIsNotEligible) {
     EXPECT_EQ(reasonFor(silent_class), "resident CUDA does not yet support disabled edges");
 }
 
-TEST_F(ResidentRunTest, EveryFailedCallLeavesTheEngineUntouchedAndNothingBehind) {
-    struct Offer {
-        CudaWindowBackend device;
-        WindowEngine engine;
-    };
-    GeneratedModel model = livelyModel();
-    changeRates(model, 1000.0);
-    model.horizon = 5 * model.d_min;  // the last window too leaves something behind
-    const Blob before = makeEngine(model).snapshot();
-    // What is prepared ahead is allocated no more.
-    const auto arrange = [&] {
-        std::unique_ptr<Offer> offer(new Offer{{}, makeEngine(model)});
-        offer->device.prepareResident(offer->engine.graph(), model.fanout());
-        return offer;
-    };
-    const auto act = [&](auto& offer) {
-        try {
-            EXPECT_TRUE(tryResidentRunFrom(offer->device, offer->engine, 1));
-        } catch (const std::exception& failure) {
-            EXPECT_EQ(offer->engine.snapshot(), before) << failure.what();
-            throw;
-        }
-    };
-    const std::vector<std::string> failures = failuresOf(arrange, act);
-    const std::vector<std::string> expected = outOfMemory(
-        "upload resident targets,upload resident values,upload resident RNG,clear resident spikes,"
-        "clear resident fire overflow,clear resident metrics,launch resident initialization,"
-        "synchronise resident initialization,clear resident window spikes,convert resident bucket,"
-        "process resident window,count resident fan-out,clear resident target counts,"
-        "count resident targets,download window spike count,*,clear resident target cursors,"
-        "emit resident fan-out,sort resident target segments,synchronise resident recurrence,"
-        "download resident spikes,download fire overflow,download resident fire log,"
-        "download resident states,download resident final RNG,download resident pending times,"
-        "download resident pending bounds,download resident metrics,"
-        "download resident future bucket");
-    EXPECT_EQ(std::set(failures.begin(), failures.end()),
-              std::set(expected.begin(), expected.end()));
-}
-
 // Offsets added up by hand from the records' sizes: 40 bytes a state, 152 a result, 16 a spike, 24
 // an event and 48 an arrival. Of an odd number of edges half is rounded down.
 TEST(ResidentArena, LaysItsSectionsOneBehindTheOtherWithinSixtyFourBits) {

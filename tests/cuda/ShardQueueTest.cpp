@@ -132,27 +132,6 @@ TEST_F(ShardQueue, FindsEveryFaultPlantedInTheDevicesWork) {
                                     "CUDA shard count lost fan-out events");
 }
 
-TEST_F(ShardQueue, ReportsEveryFailedCallAndReleasesAllBlocks) {
-    const auto ring = [] { return ringModel(10, 3, 1'000'000, 10); };
-    EXPECT_EQ(
-        failuresOf(ring, [](const GeneratedModel& model) { run(model, 3, 20, 3); }),
-        outOfMemory("alloc shard counts,alloc shard offsets,alloc local/cross counts,"
-                    "alloc CSR targets,alloc CSR values,alloc shard window events,"
-                    "alloc shard states,alloc shard RNG,alloc shard results,"
-                    "alloc processed target count,alloc shard queues,upload CSR targets,"
-                    "upload CSR values,clear shard states,upload shard RNG,"
-                    "clear processed target count,clear shard counts,clear local/cross counts,"
-                    "launch shard count,download shard counts,download local/cross counts,"
-                    "upload shard offsets,clear shard cursors,launch shard fan-out,*,"
-                    "launch shard event conversion,launch shard target processing,"
-                    "synchronise shard fan-out,download shard queues,download shard results,"
-                    "download processed target count,free shard queues,"
-                    "free processed target count,free shard results,free shard RNG,"
-                    "free shard states,free shard window events,free CSR values,"
-                    "free CSR targets,free local/cross counts,free shard offsets,"
-                    "free shard counts"));
-}
-
 }  // namespace
 
 }  // namespace Lumenar::Core::Kelm

@@ -140,7 +140,7 @@ TEST(BucketEventStore, RefusesTruncatedAndForgedSnapshotsAndStaysAsItWas) {
         {"a cursor behind an event", withValueAt(blob, 24, 4L)},
         {"a flag of 2", withValueAt(blob, 32, '\2')},
         {"a cursor that moved before the start", withValueAt(blob, 32, false)},
-        {"an absurd next_id", withValueAt(blob, 33, (1L << 40) + 1)},
+        {"an absurd next_id", withValueAt(blob, 33, (1L << 62) + 1)},
         {"next_id not above an id", withValueAt(blob, 33, 3L)},
         {"one event too many", withValueAt(blob, 41, 3L)},
         {"a count that wraps around", withValueAt(blob, 41, (1L << 58) + 2)},
@@ -171,12 +171,12 @@ TEST(BucketEventStore, RefusesTruncatedAndForgedSnapshotsAndStaysAsItWas) {
     EXPECT_EQ(idsOf(take(store).events), Ids{2});
 
     // Neither gaps nor what lies behind the last event is looked at, and next_id may be as large.
-    Blob sound = withValueAt(withValueAt(blob, 33, 1L << 40), 49 + 17, '\1');
+    Blob sound = withValueAt(withValueAt(blob, 33, 1L << 62), 49 + 17, '\1');
     sound.push_back(0xff);
     ASSERT_TRUE(store.restore(sound));
-    EXPECT_EQ(store.snapshot(), withValueAt(blob, 33, 1L << 40));
-    EXPECT_EQ(store.post({.time = 33}), 1ULL << 40);
-    EXPECT_EQ(idsOf(take(store).events), (Ids{1, 1ULL << 40}));
+    EXPECT_EQ(store.snapshot(), withValueAt(blob, 33, 1L << 62));
+    EXPECT_EQ(store.post({.time = 33}), 1ULL << 62);
+    EXPECT_EQ(idsOf(take(store).events), (Ids{1, 1ULL << 62}));
 }
 
 }  // namespace

@@ -181,8 +181,10 @@ TEST_F(CheckpointTest, WithAChannelThatCannotBeIsRefused) {
          {withValueAt(bytes, layout.begin("channels") + 8, ~0ULL),         // NaN
           withValueAt(bytes, layout.begin("precisions") + 8, 9ULL << 60),  // < 0
           withValueAt(bytes, layout.begin("observations") + 8, 1000UL)}) {
-        EXPECT_FALSE(model.build(cpu)->restore(forged));
+        expectRefused(forged);
     }
+    // Of the last nested blob, when all others have been found right: the steps of the coupling.
+    expectRefused(withValueAt(bytes, layout.begin("oscillators") + 32, ~std::uint64_t{0}));
 }
 
 TEST_F(CheckpointTest, GapsAndFlagsComeBackAsZeroAndOne) {

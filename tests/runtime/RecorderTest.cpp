@@ -143,7 +143,8 @@ TEST(Recorder, RestoresItsCausesAndLeavesWaitingSpikesAlone) {
     Recorder recorder(causal_counts);
     recorder.noteCause(1, {});
     recorder.recordSpikeEvent(0, 50, {}, 0, {});
-    recorder.restoreState({}, {}, std::vector<CauseEntry>{{2, {8, true}}, {2, {7, true}}});
+    recorder.restoreState(
+        {}, {}, Recorder::causeMapOf(std::vector<CauseEntry>{{2, {8, true}}, {2, {7, true}}}));
     ASSERT_EQ(recorder.causes().size(), 1U) << "the note of before is gone";
     EXPECT_EQ(recorder.causes()[0].cause.id, 8U) << "the first of two entries stands";
     recorder.recordObservation(observation(60, 4), contextOf(1), {});

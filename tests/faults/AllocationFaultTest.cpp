@@ -1,0 +1,454 @@
+// What is left of an object when memory runs out in one of its operations, at any allocation of it:
+// nothing that leaks, nothing that cannot be destroyed, and the object as it was wherever that is
+// promised.
+
+#include <gtest/gtest.h>
+
+#include <exception>
+#include <functional>
+#include <memory>
+#include <new>
+#include <optional>
+#include <string>
+#include <typeinfo>
+#include <utility>
+#include <vector>
+
+#include "kelm/core/LargePages.h"
+#include "kelm/cuda/CudaWindowBackend.h"
+#include "kelm/cuda/LookaheadCudaTesting.h"
+#include "kelm/cuda/ShardQueue.h"
+#include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/events/BucketEventStore.h"
+#include "kelm/lanes/LaneCpuBackend.h"
+#include "kelm/runtime/InjectionTrace.h"
+#include "kelm/runtime/KelmRuntime.h"
+#include "tests/faults/FailingAllocation.h"
+#include "tests/support/ComposedModel.h"
+#include "tests/support/EmulatedDeviceFixture.h"
+#include "tests/support/GeneratedModel.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+using namespace Testing;
+
+/// Whether `act` ran out of memory at its allocation `n`, from 0. Fails the test where anything
+/// else than std::bad_alloc comes of it.
+template <class Act>
+bool runsOut(std::uint64_t n, Act act) {
+    std::string other;
+    bool thrown = false;
+    failAllocation(n);
+    try {
+        act();
+    } catch (const std::bad_alloc&) {
+        thrown = true;
+    } catch (const std::exception& failure) {
+        failNoAllocation();
+        other = failure.what();
+    }
+    const bool came = failNoAllocation();
+    EXPECT_EQ(other, "") << "at allocation " << n;
+    EXPECT_EQ(came, thrown || !other.empty()) << "at allocation " << n;
+    return came;
+}
+
+/// Allocations failed so far, for the report.
+int failures = 0;
+
+/// Calls `act` on what `arrange` makes, anew each time, and lets its first allocation fail, its
+/// second, and so on until it needs no more. `expectLeft` looks at what a failure has left.
+template <class Arrange, class Act, class ExpectLeft>
+void failEach(const char* what, Arrange arrange, Act act, ExpectLeft expectLeft) {
+    SCOPED_TRACE(what);
+    act(*arrange());  // what the process allocates once
+    for (std::uint64_t n = 0;; ++n) {
+        const std::int64_t before = liveBlocks();
+        bool came = false;
+        {
+            auto subject = arrange();
+            came = runsOut(n, [&] { act(*subject); });
+            if (came) expectLeft(*subject);
+        }
+        ASSERT_EQ(liveBlocks(), before) << "at allocation " << n;
+        if (!came) break;
+        ++failures;
+        if (testing::Test::HasFailure()) break;
+    }
+}
+
+/// failEach for an operation after whose failure an object may only be destroyed.
+template <class Arrange, class Act>
+void expectClean(const char* what, Arrange arrange, Act act) {
+    failEach(what, arrange, act, [](auto&) {});
+}
+
+/// failEach for an operation that fails with nothing changed: the object's image is then what it
+/// was, and the operation called again does what it would have done.
+template <class Arrange, class Act, class Image>
+void expectUnchanged(const char* what, Arrange arrange, Act act, Image image) {
+    auto subject = arrange();
+    const Blob before = image(*subject);
+    act(*subject);
+    const Blob after = image(*subject);
+    failEach(what, arrange, act, [&](auto& left) {
+        EXPECT_EQ(image(left), before);
+        act(left);
+        EXPECT_EQ(image(left), after);
+    });
+}
+
+class AllocationFault : public EmulatedDeviceTest {
+protected:
+    // Without threads, which would be started during one call and last for others.
+    AllocationFault() { Emulation::setWorkers(1); }
+    ~AllocationFault() override { RecordProperty("failed_allocations", failures); }
+
+    CpuWindowBackend cpu_;
+};
+
+TEST_F(AllocationFault, LeavesLargeArraysAsTheyWere) {
+    using Array = LargeArray<std::uint64_t>;
+    const auto arrange = [] { return std::make_unique<Array>(1000, 7); };
+    const auto image = [](const Array& array) {
+        Blob blob;
+        appendSequence(blob, std::span<const std::uint64_t>(array));
+        return blob;
+    };
+    // Into large pages, and among them.
+    expectUnchanged(
+        "grow", arrange, [](Array& array) { array.reserve(600'000); }, image);
+    expectUnchanged(
+        "grow twice", arrange, [](Array& array) { array.resize(600'000), array.clear(); },
+        [](const Array&) { return Blob(); });
+}
+
+GeneratedModel smallModel(std::uint64_t seed) { return generateModel(seed, {10, 12}); }
+
+TEST_F(AllocationFault, LeavesAGraphAsItWas) {
+    const auto arrange = [] { return std::make_unique<SynapseGraph>(smallModel(3).graph()); };
+    const auto image = [](const SynapseGraph& graph) { return graph.snapshot(); };
+
+    // Synapses of every kind of column.
+    std::vector<Synapse> rare = smallModel(3).synapses;
+    ASSERT_GT(rare.size(), 4U);
+    rare[1].last_change = 5;
+    rare[2].reserved_d = 9;
+    rare[3].delay = last_model_time;
+    const Blob stored = SynapseGraph(smallModel(3).node_count, std::nullopt, rare).snapshot();
+    expectClean(
+        "construction", [&] { return std::make_unique<std::vector<Synapse>>(rare); },
+        [](std::vector<Synapse>& synapses) {
+            SynapseGraph graph(smallModel(3).node_count, std::nullopt, std::move(synapses));
+            const SynapseGraph copy = graph;
+        });
+    expectUnchanged("snapshot", arrange, image, image);
+    expectUnchanged(
+        "restore", arrange, [&](SynapseGraph& graph) { EXPECT_TRUE(graph.restore(stored)); },
+        image);
+
+    // Both directions, the lists as such, and the record of reweighted targets.
+    const auto routes = [](SynapseGraph& graph) {
+        Blob blob = graph.snapshot();
+        for (NodeId n = 0; n < graph.nodeCount(); ++n) {
+            appendSequence(blob, graph.outgoing(n));
+            appendSequence(blob, graph.incoming(n));
+        }
+        appendSequence(blob, graph.outOffsets());
+        appendSequence(blob, graph.outEdges());
+        return blob;
+    };
+    expectUnchanged("routes", arrange, routes, routes);
+    const auto reweight = [](SynapseGraph& graph) {
+        std::vector<NodeId> targets;
+        graph.takeReweightedTargets(targets);
+        graph.lastChange(1) = 17;
+        for (const EdgeId edge : {0U, 2U, 3U}) graph.setWeight(edge, 0.75F);
+        graph.takeReweightedTargets(targets);
+    };
+    expectClean("reweighting", arrange, reweight);
+    expectUnchanged(
+        "last change", arrange, [](SynapseGraph& graph) { graph.lastChange(1) = 17; }, image);
+}
+
+TEST_F(AllocationFault, LeavesAStoreAsItWas) {
+    const auto arrange = [] {
+        auto store = std::make_unique<BucketEventStore>(100, 8);
+        for (std::uint64_t i = 0; i < 60; ++i) {
+            const auto time = static_cast<ModelTime>(i * i * 13 % 9000);
+            store->post({.time = time,
+                         .kind = i % 2 != 0 ? EventKind::input : EventKind::delivery,
+                         .target = i});
+        }
+        std::vector<Event> window;
+        ModelTime start = 0;
+        ModelTime end = 0;
+        EXPECT_TRUE(store->take(9000, window, start, end));
+        return store;
+    };
+    const auto image = [](BucketEventStore& store) { return store.snapshot(); };
+    expectClean("construction", arrange,
+                [](BucketEventStore&) { BucketEventStore store(100, 64); });
+    expectUnchanged("snapshot", arrange, image, image);
+    expectUnchanged(
+        "restore", arrange,
+        [stored = image(*arrange())](BucketEventStore& store) {
+            EXPECT_TRUE(store.restore(stored));
+        },
+        image);
+    for (const ModelTime time : {200, 800'000}) {
+        expectUnchanged(
+            "post", arrange, [=](BucketEventStore& store) { store.post({.time = time}); }, image);
+    }
+}
+
+TEST_F(AllocationFault, LeavesAnEngineAsItWas) {
+    const GeneratedModel model = smallModel(5);
+    ASSERT_FALSE(model.inputs.empty());
+    // Half of the way, with observations ahead. `own_store`: else one that was handed in.
+    const auto arrange = [&](bool own_store) {
+        std::unique_ptr<IEventStore> store;
+        if (!own_store) store = std::make_unique<BucketEventStore>(model.d_min, 8);
+        std::unique_ptr<WindowEngine> engine(new WindowEngine(makeEngine(model, std::move(store))));
+        postInputs(model, *engine);
+        for (const ModelTime part : {5, 4}) {
+            engine->declareObserverEvent({.time = model.horizon / part});
+        }
+        engine->run(cpu_, model.horizon / 2);
+        return engine;
+    };
+    const auto image = [](WindowEngine& engine) { return engine.snapshot(); };
+    expectClean(
+        "construction", [&] { return std::make_unique<GeneratedModel>(model); },
+        [](GeneratedModel& m) { makeEngine(m); });
+    expectClean(
+        "reseed",
+        [&] { return std::unique_ptr<WindowEngine>(new WindowEngine(makeEngine(model))); },
+        [&](WindowEngine& engine) {
+            engine.reseedInitialCandidates(std::vector<double>(model.node_count, 0.5));
+        });
+    for (const bool own_store : {true, false}) {
+        const auto make = [&] { return arrange(own_store); };
+        expectClean("run", make, [&](WindowEngine& engine) { engine.run(cpu_); });
+        expectUnchanged("snapshot", make, image, image);
+        expectUnchanged(
+            "post", make,
+            [&](WindowEngine& engine) {
+                engine.post({.time = model.horizon + 1, .kind = EventKind::input});
+            },
+            image);
+        expectUnchanged(
+            "observation", make,
+            [&](WindowEngine& engine) { engine.declareObserverEvent({.time = model.horizon - 1}); },
+            image);
+        auto later = make();
+        later->run(cpu_);
+        expectUnchanged(
+            "restore", make,
+            [stored = later->snapshot()](WindowEngine& engine) {
+                EXPECT_TRUE(engine.restore(stored));
+            },
+            image);
+    }
+}
+
+TEST_F(AllocationFault, LetsAnyBackendBeUsedAgain) {
+    const GeneratedModel model = smallModel(7);
+    const auto expectBackend = [&](const char* what, auto make_backend) {
+        struct Subject {
+            decltype(make_backend()) backend;
+            std::unique_ptr<WindowEngine> engine;
+        };
+        expectClean(
+            what,
+            [&] {
+                return std::unique_ptr<Subject>(new Subject{
+                    make_backend(),
+                    std::unique_ptr<WindowEngine>(new WindowEngine(makeEngine(model)))});
+            },
+            [](Subject& subject) { subject.engine->run(*subject.backend); });
+    };
+    expectBackend("lanes", [] { return std::make_unique<LaneCpuBackend>(); });
+    expectBackend("device", [] { return std::make_unique<CudaWindowBackend>(); });
+    expectClean(
+        "device construction", [] { return std::make_unique<int>(); },
+        [](int&) { CudaWindowBackend backend; });
+}
+
+TEST_F(AllocationFault, LeavesAnEngineAsItWasInAWholeRunOnTheDevice) {
+    struct Offer {
+        CudaWindowBackend device;
+        WindowEngine engine;
+    };
+    GeneratedModel model = ringModel(12, 3, 1'000'000, 6);
+    for (Kernel::Firing& firing : model.firings) firing.base_rate = 400.0;
+    expectUnchanged(
+        "whole run",
+        [&] {
+            return std::unique_ptr<Offer>(new Offer{{}, makeEngine(model)});
+        },
+        [](Offer& offer) { EXPECT_TRUE(tryResidentRunFrom(offer.device, offer.engine, 1)); },
+        [](Offer& offer) { return offer.engine.snapshot(); });
+    expectClean(
+        "shard queue", [&] { return std::make_unique<SynapseGraph>(model.graph()); },
+        [&](SynapseGraph& graph) {
+            runShardQueue(graph, 3, 20, 3, model.neurons[0], model.firings[0], model.d_min,
+                          model.horizon);
+        });
+    EXPECT_EQ(Emulation::liveAllocations(), 0);
+}
+
+/// Performs the steps of a model up to `end`, whatever they refuse, but for want of memory.
+void perform(const ComposedModel& model, std::size_t end, KelmRuntime& runtime) {
+    for (std::size_t i = 0; i < end; ++i) {
+        const ComposedModel::Step& step = model.steps[i];
+        try {
+            if (step.until) {
+                runtime.run(*step.until);
+            } else {
+                step.act(runtime);
+            }
+        } catch (const std::bad_alloc&) {
+            throw;
+        } catch (const std::exception&) {
+            // A refusal, or the end of a model that outgrows its bounds.
+            if (step.until) return;
+        }
+    }
+}
+
+ComposedModel smallComposedModel(std::uint64_t seed) {
+    return generateComposedModel(seed, {8, 16, 3});
+}
+
+TEST_F(AllocationFault, EndsARunOfAllPartsAtOnceCleanly) {
+    for (std::uint64_t seed = 1; seed <= 12; ++seed) {
+        const ComposedModel model = smallComposedModel(seed);
+        expectClean(
+            "construction", [&] { return std::make_unique<int>(); },
+            [&](int&) { model.build(cpu_); });
+        expectClean(
+            "run", [&] { return model.build(cpu_); },
+            [&](KelmRuntime& runtime) { perform(model, model.steps.size(), runtime); });
+    }
+}
+
+TEST_F(AllocationFault, LeavesARuntimeAsItWas) {
+    const ComposedModel model = smallComposedModel(4);
+    const ModelTime horizon = model.network.horizon;
+    const auto arrange = [&] {
+        auto runtime = model.build(cpu_);
+        perform(model, model.steps.size() / 2, *runtime);
+        runtime->run(horizon / 2);
+        return runtime;
+    };
+    // What no checkpoint holds, too: names, groups in force, who belongs to which rhythm.
+    const auto image = [&](KelmRuntime& runtime) {
+        Blob blob = runtime.checkpoint();
+        for (NodeId n = 0; n < model.network.node_count; ++n) {
+            appendFlag(blob, runtime.learningControl()->neuronAdmitted(n));
+            for (const PhaseSample& phase : runtime.oscillators()->neuronPhases(n, horizon)) {
+                appendImage(blob, phase);
+            }
+        }
+        for (const ErrorChannel& channel : runtime.prediction()->channels()) {
+            appendBytes(blob, channel.name.data(), channel.name.size());
+            appendSequence(blob, channel.targets);
+        }
+        return blob;
+    };
+    const std::uint32_t rhythm = model.phase.oscillators[0].id;
+    const struct {
+        const char* what;
+        std::function<void(KelmRuntime&)> act;
+    } operations[] = {
+        {"checkpoint", [](KelmRuntime& r) { r.checkpoint(); }},
+        {"spike log", [](KelmRuntime& r) { r.logHash(); }},
+        {"group", [](KelmRuntime& r) { r.learningControl()->setGroupEnabled(900, false); }},
+        {"groups",
+         [](KelmRuntime& r) {
+             r.learningControl()->allowOnlyGroups({9, 0, 5});
+         }},
+        {"memberships",
+         [&](KelmRuntime& r) {
+             r.oscillators()->setMemberships({{}, {rhythm}});
+         }},
+        {"coupling",
+         [&](KelmRuntime& r) {
+             r.oscillators()->configureCoupling({{rhythm, rhythm, 0.5}}, 1000);
+         }},
+        {"channel",
+         [](KelmRuntime& r) {
+             r.inputChannels()->addChannel({"a channel whose name takes memory", 1, {0}, 0, 1.0});
+         }},
+        {"error channel",
+         [](KelmRuntime& r) {
+             r.prediction()->addErrorChannel({"an error whose name takes memory", {0, 1, 1}});
+         }},
+        {"predictor",
+         [](KelmRuntime& r) {
+             r.prediction()->setPredictor(0, {PredictorKind::explicit_readout, {0}, {1.0}});
+         }},
+        {"report", [](KelmRuntime& r) { r.prediction()->observeValue(0, 0.5, 0.1, 7); }},
+        {"intervention", [](KelmRuntime& r) { r.interventions().note(7); }},
+        {"cause", [](KelmRuntime& r) { r.recorder()->noteCause(1'000'000, {}); }},
+        {"tape", [](KelmRuntime& r) { r.randomStreams().record("stimulus", 0); }},
+        {"replay",
+         [](KelmRuntime& r) {
+             r.randomStreams().replay("learning", 0, std::vector<std::uint64_t>{1, 2, 3});
+         }},
+        {"perturbation",
+         [&](KelmRuntime& r) {
+             r.perturb({7, horizon + 1, PerturbationKind::activation, 0.5, {1}});
+         }},
+    };
+    for (const auto& operation : operations) {
+        expectUnchanged(operation.what, arrange, operation.act, image);
+    }
+    // The cause of an observation is noted before its sample is taken.
+    expectClean("sample", arrange, [&](KelmRuntime& r) {
+        const std::vector<double> values(model.network.node_count, 0.25);
+        SampleContext context;
+        context.membrane = context.adaptation = values;
+        context.oscillators = r.oscillators();
+        r.recorder()->recordObservation({.time = 5, .kind = EventKind::observation}, context, {});
+    });
+    auto later = arrange();
+    later->run(horizon);
+    expectUnchanged(
+        "restore", arrange,
+        [stored = later->checkpoint()](KelmRuntime& r) { EXPECT_TRUE(r.restore(stored)); }, image);
+}
+
+TEST_F(AllocationFault, CountsAnInjectionOnceAndPostsEachEventOnce) {
+    const ComposedModel model = smallComposedModel(4);
+    const std::string name = model.channels[0].name;
+    const std::vector<NodeId>& targets = model.channels[0].targets;
+    struct Subject {
+        InjectionTrace trace;
+        std::unique_ptr<KelmRuntime> runtime;
+    };
+    failEach(
+        "injection",
+        [&] {
+            auto subject = std::make_unique<Subject>();
+            subject->runtime = model.build(cpu_);
+            subject->runtime->setInjectionTrace(&subject->trace);
+            return subject;
+        },
+        [&](Subject& subject) { subject.runtime->inject(name, 1, 0.5); },
+        [&](Subject& subject) {
+            const InputChannelStats& stats = subject.runtime->inputChannels()->stats(0);
+            EXPECT_LE(stats.injections, subject.trace.records().size());
+            EXPECT_EQ(stats.events, 0U);
+            // Behind it the next one is taken as if nothing had been.
+            EXPECT_EQ(subject.runtime->inject(name, 1, 0.5).size(), targets.size());
+            EXPECT_EQ(stats.events, targets.size());
+        });
+}
+
+}  // namespace
+
+}  // namespace Lumenar::Core::Kelm

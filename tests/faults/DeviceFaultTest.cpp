@@ -1,0 +1,271 @@
+// What comes of a device call that fails, for every call of every way to work on a device: the
+// failure's class and whole text, nothing that stays allocated on either side, and an engine that
+// knows of nothing.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <typeinfo>
+#include <vector>
+
+#include "kelm/core/Failures.h"
+#include "kelm/cuda/CudaWindowBackend.h"
+#include "kelm/cuda/LookaheadCudaTesting.h"
+#include "kelm/cuda/ResidentRecurrence.h"
+#include "kelm/cuda/ShardQueue.h"
+#include "kelm/engine/CpuWindowBackend.h"
+#include "tests/faults/FailingAllocation.h"
+#include "tests/support/EmulatedDeviceFixture.h"
+#include "tests/support/GeneratedModel.h"
+#include "tests/support/RunImage.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+using namespace Testing;
+
+/// A piece of work on a device that stands ready.
+struct DeviceWork {
+    std::function<void()> act;
+    /// Looks at what a failed `act` has left.
+    std::function<void()> expectUntouched;
+};
+
+struct Way {
+    const char* name;
+    std::function<DeviceWork()> arrange;
+    /// What is called, as a regular expression: each call's name and a semicolon, a star for a sort
+    /// or a scan, whose failure is the library's own.
+    std::string calls;
+};
+
+struct Reason {
+    int status;
+    std::string text;
+};
+
+class DeviceFault : public EmulatedDeviceTest {
+protected:
+    // Without threads, which would be started during one call and last for others.
+    DeviceFault() { Emulation::setWorkers(1); }
+
+    /// The name of the call that failed, out of what was thrown.
+    static std::string nameOf(const std::exception& failure, const std::string& reason) {
+        const std::string text = failure.what();
+        if (typeid(failure) == typeid(std::runtime_error) && text == reason) return "*";
+        const std::string head = "CUDA ";
+        const std::string tail = ": " + reason;
+        const bool whole = text.starts_with(head) && text.ends_with(tail);
+        if (typeid(failure) != typeid(WindowEngineError) || !whole) {
+            ADD_FAILURE() << typeid(failure).name() << ": " << text;
+            return "?";
+        }
+        return text.substr(head.size(), text.size() - head.size() - tail.size());
+    }
+
+    /// Lets each call of `way` fail once, and returns their names in their order.
+    static std::string failEach(const Way& way, const Reason& reason) {
+        way.arrange().act();  // what the process allocates once
+        std::string calls;
+        std::string name;
+        name.reserve(256);
+        for (std::uint64_t n = 0;; ++n) {
+            const std::int64_t blocks = liveBlocks();
+            name.clear();
+            {
+                const DeviceWork work = way.arrange();
+                const std::uint64_t before = Emulation::operationCount();
+                Emulation::failOperation(n, reason.status);
+                try {
+                    work.act();
+                } catch (const std::exception& failure) {
+                    Emulation::failNothing();
+                    name.assign(nameOf(failure, reason.text));
+                    work.expectUntouched();
+                }
+                Emulation::failNothing();
+                if (name.empty()) {
+                    EXPECT_EQ(Emulation::operationCount() - before, n) << "nobody noticed";
+                    return calls;
+                }
+            }
+            EXPECT_EQ(liveBlocks(), blocks) << name;
+            EXPECT_EQ(Emulation::liveAllocations(), 0U) << name;
+            calls += name + ";";
+            if (HasFailure()) return calls;
+        }
+    }
+
+    /// Of a lively network of the shape that runs whole on a device.
+    static GeneratedModel ring() {
+        GeneratedModel model = ringModel(12, 3, 1'000'000, 5);
+        for (Kernel::Firing& firing : model.firings) firing.base_rate = 400.0;
+        return model;
+    }
+
+    /// An engine that goes window by window over the device: a failed window leaves it as the
+    /// windows before have, and leaves the backend fit for another engine.
+    DeviceWork windows(const GeneratedModel& model) {
+        struct Subject {
+            CudaWindowBackend device;
+            WindowEngine engine;
+        };
+        const std::shared_ptr<Subject> subject(new Subject{{}, makeEngine(model)});
+        postInputs(model, subject->engine);
+        return {[=] { subject->engine.run(subject->device); },
+                [=, this] {
+                    WindowEngine reference = makeEngine(model);
+                    postInputs(model, reference);
+                    const std::uint64_t done = subject->engine.profile().windows;
+                    for (ModelTime end = 0; reference.profile().windows < done;) {
+                        reference.run(cpu_, end += model.d_min);
+                    }
+                    EXPECT_EQ(committed(subject->engine), committed(reference));
+                    WindowEngine next = makeEngine(model);
+                    postInputs(model, next);
+                    next.run(subject->device);
+                    reference.run(cpu_);
+                    EXPECT_EQ(firstDifference(imageOf(next), imageOf(reference)), "");
+                }};
+    }
+
+    /// What of an engine no unfinished window has a part in; its store has handed that out.
+    static Blob committed(WindowEngine& engine) {
+        RunImage image = imageOf(engine);
+        Blob blob;
+        appendSequence(blob, image.states);
+        appendSequence(blob, image.random_states);
+        appendSequence(blob, image.log);
+        appendImage(blob, image.profile);
+        return blob;
+    }
+
+    /// An engine whose run is offered to the device as a whole. `prepared`: device memory is there.
+    DeviceWork offer(bool prepared) {
+        struct Subject {
+            CudaWindowBackend device;
+            WindowEngine engine;
+        };
+        const GeneratedModel model = ring();
+        const std::shared_ptr<Subject> subject(new Subject{{}, makeEngine(model)});
+        if (prepared) subject->device.prepareResident(subject->engine.graph(), model.fanout());
+        const auto act = [=] {
+            EXPECT_TRUE(tryResidentRunFrom(subject->device, subject->engine, 1));
+        };
+        return {act, [=, this] {
+                    WindowEngine reference = makeEngine(model);
+                    EXPECT_EQ(subject->engine.snapshot(), reference.snapshot());
+                    EXPECT_TRUE(subject->engine.isPristine());
+                    // The device takes the run all the same when it is offered again.
+                    act();
+                    reference.run(cpu_);
+                    EXPECT_EQ(committed(subject->engine), committed(reference));
+                }};
+    }
+
+    CpuWindowBackend cpu_;
+};
+
+TEST_F(DeviceFault, IsReportedByItsCallAndLeavesNothingBehind) {
+    const GeneratedModel many = generateModel(11, {24, 12});
+    const std::string window = "upload work;(upload events;)?launch;synchronise;download results;";
+    const std::string resident =
+        "upload resident targets;upload resident values;upload resident RNG;"
+        "clear resident spikes;clear resident fire overflow;clear resident metrics;"
+        "launch resident initialization;synchronise resident initialization;"
+        "(clear resident window spikes;(convert resident bucket;)?process resident window;"
+        "count resident fan-out;clear resident target counts;count resident targets;"
+        "download window spike count;[*];[*];"
+        "(clear resident target cursors;emit resident fan-out;sort resident target segments;)?){5}"
+        "synchronise resident recurrence;download resident spikes;download fire overflow;"
+        "[*];download resident fire log;download resident states;download resident final RNG;"
+        "download resident pending times;download resident pending bounds;"
+        "download resident metrics;download resident future bucket;";
+    const Way ways[] = {
+        {"window by window", [&] { return windows(many); },
+         "alloc work;alloc results;alloc events;" + window +
+             "((free work;free results;alloc work;alloc results;)?(free events;alloc events;)?" +
+             window + ")+"},
+        {"arena",
+         [] {
+             const auto device = std::make_shared<CudaWindowBackend>();
+             device->prepareResident(SynapseGraph(2, 10, {}), 2);
+             return DeviceWork{[=] { device->prepareResident(SynapseGraph(3, 10, {}), 2); }, [] {}};
+         },
+         "free resident arena;alloc resident arena;"},
+        {"whole run", [this] { return offer(false); }, "alloc resident arena;" + resident},
+        {"whole run, prepared", [this] { return offer(true); }, resident},
+        {"recurrence",
+         [] {
+             const auto device = std::make_shared<CudaWindowBackend>();
+             const GeneratedModel model = ring();
+             return DeviceWork{[=] {
+                                   SynapseGraph graph = model.graph();
+                                   runResidentRecurrence(*device, graph, 3, 4, model.neurons[0],
+                                                         model.firings[0], model.d_min,
+                                                         model.horizon, model.run_seed);
+                               },
+                               [] {}};
+         },
+         "alloc resident arena;" + resident},
+        {"shard queue",
+         [] {
+             const GeneratedModel model = ring();
+             return DeviceWork{[=] {
+                                   SynapseGraph graph = model.graph();
+                                   runShardQueue(graph, 3, 20, 3, model.neurons[0],
+                                                 model.firings[0], model.d_min, model.horizon);
+                               },
+                               [] {}};
+         },
+         "alloc shard counts;alloc shard offsets;alloc local/cross counts;alloc CSR targets;"
+         "alloc CSR values;alloc shard window events;alloc shard states;alloc shard RNG;"
+         "alloc shard results;alloc processed target count;alloc shard queues;"
+         "upload CSR targets;upload CSR values;clear shard states;upload shard RNG;"
+         "clear processed target count;clear shard counts;clear local/cross counts;"
+         "launch shard count;download shard counts;download local/cross counts;"
+         "upload shard offsets;clear shard cursors;launch shard fan-out;[*];"
+         "launch shard event conversion;launch shard target processing;"
+         "synchronise shard fan-out;download shard queues;download shard results;"
+         "download processed target count;free shard queues;free processed target count;"
+         "free shard results;free shard RNG;free shard states;free shard window events;"
+         "free CSR values;free CSR targets;free local/cross counts;free shard offsets;"
+         "free shard counts;"},
+    };
+    const Reason reasons[] = {{2, "out of memory"}, {719, "emulated device failure"}};
+    for (const Way& way : ways) {
+        for (const Reason& reason : reasons) {
+            SCOPED_TRACE(std::string(way.name) + ", " + reason.text);
+            const std::string calls = failEach(way, reason);
+            const testing::Matcher<std::string> as_told = testing::MatchesRegex(way.calls);
+            EXPECT_TRUE(as_told.Matches(calls)) << calls;
+            RecordProperty(std::string(way.name) + ", " + reason.text,
+                           static_cast<int>(std::count(calls.begin(), calls.end(), ';')));
+        }
+    }
+}
+
+// No call at all: a device that is not there when the work begins.
+TEST_F(DeviceFault, OfADeviceThatHasGoneIsReportedToo) {
+    const DeviceWork work = windows(generateModel(11, {24, 12}));
+    Emulation::setPresent(false);
+    try {
+        work.act();
+        FAIL();
+    } catch (const WindowEngineError& failure) {
+        EXPECT_STREQ(failure.what(), "CUDA alloc work: no CUDA-capable device is detected");
+    }
+    Emulation::setPresent(true);
+    work.expectUntouched();
+}
+
+}  // namespace
+
+}  // namespace Lumenar::Core::Kelm

@@ -1,0 +1,102 @@
+#include "tests/faults/FailingAllocation.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+// Allocations from here on to the one that fails; below 0 once it has, or where none is to.
+std::atomic<std::int64_t> allocations_left = -1;
+std::atomic<bool> armed = false;
+std::atomic<std::int64_t> live_blocks = 0;
+
+// Null for the allocation that is to fail, and where there is no memory.
+void* allocate(std::size_t bytes, std::size_t alignment) noexcept {
+    if (armed && allocations_left-- == 0) return nullptr;
+    void* block = alignment <= alignof(std::max_align_t)
+                      ? std::malloc(std::max<std::size_t>(bytes, 1))
+                      : std::aligned_alloc(alignment, (bytes / alignment + 1) * alignment);
+    if (block != nullptr) ++live_blocks;
+    return block;
+}
+
+void* allocateOrThrow(std::size_t bytes, std::size_t alignment) {
+    if (void* block = allocate(bytes, alignment)) return block;
+    throw std::bad_alloc();
+}
+
+void release(void* block) noexcept {
+    if (block == nullptr) return;
+    --live_blocks;
+    std::free(block);
+}
+
+std::size_t unit(std::align_val_t alignment) { return static_cast<std::size_t>(alignment); }
+
+}  // namespace
+
+// Out of line, where the compiler does not hold one form of them against another.
+#define KELM_REPLACED [[gnu::noinline]]
+
+KELM_REPLACED void* operator new(std::size_t n) { return allocateOrThrow(n, 1); }
+KELM_REPLACED void* operator new[](std::size_t n) { return allocateOrThrow(n, 1); }
+KELM_REPLACED void* operator new(std::size_t n, std::align_val_t a) {
+    return allocateOrThrow(n, unit(a));
+}
+KELM_REPLACED void* operator new[](std::size_t n, std::align_val_t a) {
+    return allocateOrThrow(n, unit(a));
+}
+KELM_REPLACED void* operator new(std::size_t n, const std::nothrow_t&) noexcept {
+    return allocate(n, 1);
+}
+KELM_REPLACED void* operator new[](std::size_t n, const std::nothrow_t&) noexcept {
+    return allocate(n, 1);
+}
+KELM_REPLACED void* operator new(std::size_t n, std::align_val_t a,
+                                 const std::nothrow_t&) noexcept {
+    return allocate(n, unit(a));
+}
+KELM_REPLACED void* operator new[](std::size_t n, std::align_val_t a,
+                                   const std::nothrow_t&) noexcept {
+    return allocate(n, unit(a));
+}
+
+KELM_REPLACED void operator delete(void* b) noexcept { release(b); }
+KELM_REPLACED void operator delete[](void* b) noexcept { release(b); }
+KELM_REPLACED void operator delete(void* b, std::size_t) noexcept { release(b); }
+KELM_REPLACED void operator delete[](void* b, std::size_t) noexcept { release(b); }
+KELM_REPLACED void operator delete(void* b, std::align_val_t) noexcept { release(b); }
+KELM_REPLACED void operator delete[](void* b, std::align_val_t) noexcept { release(b); }
+KELM_REPLACED void operator delete(void* b, std::size_t, std::align_val_t) noexcept { release(b); }
+KELM_REPLACED void operator delete[](void* b, std::size_t, std::align_val_t) noexcept {
+    release(b);
+}
+KELM_REPLACED void operator delete(void* b, const std::nothrow_t&) noexcept { release(b); }
+KELM_REPLACED void operator delete[](void* b, const std::nothrow_t&) noexcept { release(b); }
+KELM_REPLACED void operator delete(void* b, std::align_val_t, const std::nothrow_t&) noexcept {
+    release(b);
+}
+KELM_REPLACED void operator delete[](void* b, std::align_val_t, const std::nothrow_t&) noexcept {
+    release(b);
+}
+
+#undef KELM_REPLACED
+
+namespace Lumenar::Core::Kelm::Testing {
+
+void failAllocation(std::uint64_t n) {
+    allocations_left = static_cast<std::int64_t>(n);
+    armed = true;
+}
+
+bool failNoAllocation() {
+    armed = false;
+    return allocations_left < 0;
+}
+
+std::int64_t liveBlocks() { return live_blocks; }
+
+}  // namespace Lumenar::Core::Kelm::Testing
