@@ -178,9 +178,9 @@ TEST_F(AllocationFault, LeavesAStoreAsItWas) {
         auto store = std::make_unique<BucketEventStore>(100, 8);
         for (std::uint64_t i = 0; i < 60; ++i) {
             const auto time = static_cast<ModelTime>(i * i * 13 % 9000);
-            store->post({.time = time,
-                         .kind = i % 2 != 0 ? EventKind::input : EventKind::delivery,
-                         .target = i});
+            store->post(Event{.time = time,
+                              .kind = i % 2 != 0 ? EventKind::input : EventKind::delivery,
+                              .target = i});
         }
         std::vector<Event> window;
         ModelTime start = 0;
@@ -200,7 +200,8 @@ TEST_F(AllocationFault, LeavesAStoreAsItWas) {
         image);
     for (const ModelTime time : {200, 800'000}) {
         expectUnchanged(
-            "post", arrange, [=](BucketEventStore& store) { store.post({.time = time}); }, image);
+            "post", arrange, [=](BucketEventStore& store) { store.post(Event{.time = time}); },
+            image);
     }
 }
 
