@@ -176,14 +176,21 @@ protected:
             if (!alive_) break;
             const Cut& cut = model_.cuts[next_cut_];
             place_ = cut.backend % traced_.size();
-            const ModelTime astray = cut.backend >> 62 == 0 ? cut.time / 2 : no_time;
-            alive_ = attempt("cut at " + std::to_string(cut.time), [&] { handOver(astray); });
+            alive_ = attempt("cut at " + std::to_string(cut.time), [&] { handOver(astray(cut)); });
             ++tally_.cuts;
         }
         if (!alive_) return false;
         alive_ = attempt("thrown", [&] { runTo(until); });
         tally_.thrown += alive_ ? 0 : 1;
         return alive_;
+    }
+    /// How far some objects have run that take over: less far, or as far as the next window, about
+    /// which they then may know something.
+    ModelTime astray(const Cut& cut) const {
+        if (cut.backend >> 62 != 0) return no_time;
+        const ModelTime ahead = model_.network().horizon - cut.time;
+        return (cut.backend >> 61 & 1) != 0 ? cut.time / 2
+                                            : cut.time + std::min(model_.window(), ahead);
     }
     IWindowBackend& backend() { return *traced_[place_]; }
     /// An object to hand over to. Unless `astray` is no_time it has run already, alone and with
@@ -236,9 +243,18 @@ public:
     }
 
 private:
-    std::unique_ptr<WindowEngine> build() const {
-        return std::unique_ptr<WindowEngine>(
+    std::unique_ptr<WindowEngine> build() {
+        std::unique_ptr<WindowEngine> engine(
             new WindowEngine(makeEngine(model_.network(), storeFor(setting_.manner, model_))));
+        if (model_.moments.empty()) return engine;
+        engine->setHooks(nullptr, nullptr, &witness_);
+        Event observation;
+        observation.kind = EventKind::observation;
+        for (const ModelTime moment : model_.moments) {
+            observation.time = moment;
+            engine->declareObserverEvent(observation);
+        }
+        return engine;
     }
     RunImage image() override { return engine_ ? imageOf(*engine_) : RunImage(); }
     void addBlobs(std::vector<std::pair<std::string, Blob>>& blobs) override {
