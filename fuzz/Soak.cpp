@@ -101,8 +101,8 @@ public:
                  std::span<const ModelTime> candidate_times, SynapseGraph&) override {
         ++sights_;
         add(digestImages(std::span<const Event>(&event, 1)));
-        add(digestImages(states));
         add(digestImages(candidate_times));
+        states_.insert(states_.end(), states.begin(), states.end());
     }
     void committed(ModelTime window_start, ModelTime window_end,
                    std::span<const SpikeRecord> spikes) override {
@@ -112,6 +112,7 @@ public:
     }
 
     std::uint64_t sights() const { return sights_; }
+    const std::vector<Kernel::State>& states() const { return states_; }
     std::string text() const { return "digest of what was seen: " + std::to_string(digest_); }
 
 private:
@@ -119,6 +120,7 @@ private:
 
     std::uint64_t digest_ = 0;
     std::uint64_t sights_ = 0;  ///< of the network at a declared moment
+    std::vector<Kernel::State> states_;
 };
 
 /// Runs a model piece by piece on the backends of a setting.
@@ -137,6 +139,7 @@ public:
     Remains remains() override {
         Remains remains;
         remains.image = image();
+        remains.observed = witness_.states();
         remains.outcomes = outcomes_;
         remains.outcomes.push_back(witness_.text());
         if (alive_) addBlobs(remains.blobs);
