@@ -99,9 +99,10 @@ public:
     }
     void observe(const Event& event, std::span<const Kernel::State> states,
                  std::span<const ModelTime> candidate_times, SynapseGraph&) override {
+        ++sights_;
         add(digestImages(std::span<const Event>(&event, 1)));
-        add(digestImages(states));
         add(digestImages(candidate_times));
+        states_.insert(states_.end(), states.begin(), states.end());
     }
     void committed(ModelTime window_start, ModelTime window_end,
                    std::span<const SpikeRecord> spikes) override {
@@ -110,12 +111,16 @@ public:
         add(digestImages(spikes));
     }
 
+    std::uint64_t sights() const { return sights_; }
+    const std::vector<Kernel::State>& states() const { return states_; }
     std::string text() const { return "digest of what was seen: " + std::to_string(digest_); }
 
 private:
     void add(std::uint64_t digest) { digest_ = digest_ * 0x9e3779b97f4a7c15 + digest; }
 
     std::uint64_t digest_ = 0;
+    std::uint64_t sights_ = 0;  ///< of the network at a declared moment
+    std::vector<Kernel::State> states_;
 };
 
 /// Runs a model piece by piece on the backends of a setting.
@@ -126,6 +131,7 @@ public:
         tally.runs = 1;
         tally.spikes = image().profile.accepted;
         tally.windows = image().profile.windows;
+        addHappenings(tally);
         return tally;
     }
     bool showsWindows() const override { return setting_.manner != Manner::resident; }
@@ -133,6 +139,7 @@ public:
     Remains remains() override {
         Remains remains;
         remains.image = image();
+        remains.observed = witness_.states();
         remains.outcomes = outcomes_;
         remains.outcomes.push_back(witness_.text());
         if (alive_) addBlobs(remains.blobs);
@@ -148,6 +155,7 @@ protected:
     }
 
     virtual RunImage image() = 0;
+    virtual void addHappenings(Tally& tally) = 0;
     virtual void addBlobs(std::vector<std::pair<std::string, Blob>>& blobs) = 0;
     virtual void runTo(ModelTime until) = 0;
     /// Lets other objects on the next backend take over. `astray`: they have already run, to that
@@ -176,14 +184,21 @@ protected:
             if (!alive_) break;
             const Cut& cut = model_.cuts[next_cut_];
             place_ = cut.backend % traced_.size();
-            const ModelTime astray = cut.backend >> 62 == 0 ? cut.time / 2 : no_time;
-            alive_ = attempt("cut at " + std::to_string(cut.time), [&] { handOver(astray); });
+            alive_ = attempt("cut at " + std::to_string(cut.time), [&] { handOver(astray(cut)); });
             ++tally_.cuts;
         }
         if (!alive_) return false;
         alive_ = attempt("thrown", [&] { runTo(until); });
         tally_.thrown += alive_ ? 0 : 1;
         return alive_;
+    }
+    /// How far some objects have run that take over: less far, or as far as the next window, about
+    /// which they then may know something.
+    ModelTime astray(const Cut& cut) const {
+        if (cut.backend >> 62 != 0) return no_time;
+        const ModelTime ahead = model_.network().horizon - cut.time;
+        return (cut.backend >> 61 & 1) != 0 ? cut.time / 2
+                                            : cut.time + std::min(model_.window(), ahead);
     }
     IWindowBackend& backend() { return *traced_[place_]; }
     /// An object to hand over to. Unless `astray` is no_time it has run already, alone and with
@@ -236,10 +251,20 @@ public:
     }
 
 private:
-    std::unique_ptr<WindowEngine> build() const {
-        return std::unique_ptr<WindowEngine>(
+    std::unique_ptr<WindowEngine> build() {
+        std::unique_ptr<WindowEngine> engine(
             new WindowEngine(makeEngine(model_.network(), storeFor(setting_.manner, model_))));
+        if (model_.moments.empty()) return engine;
+        engine->setHooks(nullptr, nullptr, &witness_);
+        Event observation;
+        observation.kind = EventKind::observation;
+        for (const ModelTime moment : model_.moments) {
+            observation.time = moment;
+            engine->declareObserverEvent(observation);
+        }
+        return engine;
     }
+    void addHappenings(Tally& tally) override { tally.observed += witness_.sights(); }
     RunImage image() override { return engine_ ? imageOf(*engine_) : RunImage(); }
     void addBlobs(std::vector<std::pair<std::string, Blob>>& blobs) override {
         // Another ring is another store, and ids are not of a run that a device took.
@@ -315,6 +340,15 @@ private:
         if (outcomes_.size() == before) return;
         const std::string& outcome = outcomes_.back();
         tally_.refusals += outcome != "done" && !outcome.starts_with("ids");
+    }
+    void addHappenings(Tally& tally) override {
+        if (!runtime_) return;
+        const KelmRuntime& run = *runtime_;
+        if (run.recorder() != nullptr) tally.observed += run.recorder()->samples().size();
+        if (run.oscillators() != nullptr) tally.coupled += run.oscillators()->couplingSteps();
+        if (run.learningControl() == nullptr) return;
+        tally.learned += run.learningControl()->journal().size();
+        tally.gated += run.learningControl()->modulatorHistory().size();
     }
     RunImage image() override { return runtime_ ? imageOf(*runtime_) : RunImage(); }
     void addBlobs(std::vector<std::pair<std::string, Blob>>& blobs) override {
@@ -407,6 +441,10 @@ Tally& Tally::operator+=(const Tally& other) {
     thrown += other.thrown;
     cuts += other.cuts;
     whole += other.whole;
+    observed += other.observed;
+    learned += other.learned;
+    gated += other.gated;
+    coupled += other.coupled;
     return *this;
 }
 
@@ -481,8 +519,13 @@ std::optional<Finding> Soak::examine(const SoakModel& model,
     for (const std::string& way : ways()) {
         if (way == reference || (only && way != *only) || !applies(way, model)) continue;
         const std::unique_ptr<SoakRun> other = run(model, way);
-        Tally tally = other->tally();
-        tally.spikes = tally.windows = 0;
+        const Tally came_to = other->tally();
+        Tally tally;
+        tally.runs = 1;
+        tally.refusals = came_to.refusals;
+        tally.thrown = came_to.thrown;
+        tally.cuts = came_to.cuts;
+        tally.whole = came_to.whole;
         tallies_[kind] += tally;
         if (agree(*expected, *other)) continue;
 
@@ -499,14 +542,21 @@ std::optional<Finding> Soak::examine(const SoakModel& model,
 }
 
 std::string Soak::idleKind() const {
-    for (std::size_t kind = 0; kind < kind_count; ++kind) {
-        if (models_[kind] < 20) continue;  // of few models all may idle
+    for (std::size_t i = 0; i < kind_count; ++i) {
+        const auto kind = static_cast<ModelKind>(i);
+        const std::uint64_t models = models_[i];
+        const Tally& tally = tallies_[i];
+        if (models < 20) continue;  // of few models all may idle
+        bool lively = 2 * spiking_[i] >= models;
         // Hot networks outgrow what a device keeps for a whole run; no others may.
-        const bool declined = kind == static_cast<std::size_t>(ModelKind::resident) &&
-                              2 * tallies_[kind].whole < models_[kind];
-        if (2 * spiking_[kind] < models_[kind] || declined) {
-            return nameOf(static_cast<ModelKind>(kind));
+        if (kind == ModelKind::resident) lively = lively && 2 * tally.whole >= models;
+        if (kind != ModelKind::resident) lively = lively && 5 * tally.observed >= models;
+        if (kind >= ModelKind::composed) lively = lively && tally.learned >= models;
+        if (kind >= ModelKind::composed) lively = lively && 2 * tally.refusals >= models;
+        if (kind == ModelKind::composed) {
+            lively = lively && tally.gated >= 2 * models && tally.coupled >= 5 * models;
         }
+        if (!lively) return nameOf(kind);
     }
     return {};
 }

@@ -28,6 +28,10 @@ struct Tally {
     std::uint64_t thrown = 0;    ///< runs that ended in an exception
     std::uint64_t cuts = 0;      ///< times that fresh objects took a run over
     std::uint64_t whole = 0;     ///< runs that a device took whole
+    std::uint64_t observed = 0;  ///< moments at which somebody looked on
+    std::uint64_t learned = 0;   ///< entries of the journal
+    std::uint64_t gated = 0;     ///< answers of the gate that differed from the one before
+    std::uint64_t coupled = 0;   ///< steps of the rhythms' coupling
 
     Tally& operator+=(const Tally& other);
 };
@@ -81,15 +85,16 @@ public:
     std::optional<Finding> examine(const SoakModel& model,
                                    const std::optional<std::string>& only = std::nullopt);
 
-    /// Of all runs that examine() made, by the kind of model; of spikes and windows those of the
-    /// reference alone.
+    /// Of all runs that examine() made, by the kind of model; beside runs, refusals, exceptions,
+    /// cuts and whole runs those of the reference alone.
     const std::array<Tally, kind_count>& tallies() const { return tallies_; }
     /// How many models of each kind it was given, and how many of them spiked.
     const std::array<std::uint64_t, kind_count>& models() const { return models_; }
     const std::array<std::uint64_t, kind_count>& spiking() const { return spiking_; }
     /// Of all that the reference has computed: the same wherever the same models are run.
     std::uint64_t digest() const { return digest_; }
-    /// The first kind of which so many models idled that nothing is proved; empty where none did.
+    /// The first kind of whose models so many idled, or so little happened in them, that nothing is
+    /// proved; empty where there is none.
     std::string idleKind() const;
 
 private:

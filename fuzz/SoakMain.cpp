@@ -8,6 +8,7 @@
 // Exit status: 0 where all is the same, 1 where something differs or the models idle, 2 for
 // arguments that make no sense.
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +19,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "fuzz/Soak.h"
 #include "tests/support/BlobLayout.h"
@@ -122,6 +124,10 @@ int soak(const Arguments& arguments) {
         return std::chrono::duration<double>(Clock::now() - start).count();
     };
     Soak soak;
+    const std::vector<std::string> ways = soak.ways();
+    if (arguments.only && std::count(ways.begin(), ways.end(), *arguments.only) == 0) {
+        throw BadUsage();
+    }
     const std::uint64_t first = arguments.seed.value_or(arguments.first);
     const std::uint64_t count = arguments.seed ? 1 : arguments.models;
     double next_report = 60.0;
@@ -149,11 +155,12 @@ int soak(const Arguments& arguments) {
     const auto number = [](std::uint64_t value) { return static_cast<unsigned long long>(value); };
     std::printf(
         "%llu models (%s), %llu runs, %llu windows, %llu spikes, %llu refusals, %llu exceptions, "
-        "%llu cuts, %llu whole runs, digest %016llx, %.1f s\n",
+        "%llu cuts, %llu whole runs, %llu observations, %llu weight changes, digest %016llx, "
+        "%.1f s\n",
         number(count), kinds.c_str(), number(all.runs), number(all.windows), number(all.spikes),
         number(all.refusals), number(all.thrown), number(all.cuts), number(all.whole),
-        number(soak.digest()), seconds());
-    if (const std::string idle = soak.idleKind(); !idle.empty()) {
+        number(all.observed), number(all.learned), number(soak.digest()), seconds());
+    if (const std::string idle = soak.idleKind(); !arguments.only && !idle.empty()) {
         std::printf("models of kind %s idle: the generator is at fault\n", idle.c_str());
         return 1;
     }

@@ -139,6 +139,12 @@ void WindowTrace::note(std::span<const WindowWork> work,
 
 std::optional<Difference> differenceOf(const Remains& a, const Remains& b) {
     if (auto found = differenceOf(a.image, b.image)) return found;
+    if (auto found =
+            placedDifference("observed state", std::span(a.observed), std::span(b.observed))) {
+        const std::size_t neurons = a.image.states.size();
+        if (neurons != 0) found->difference.neuron = found->place % neurons;
+        return found->difference;
+    }
     for (const auto& [name, blob] : a.blobs) {
         const auto other =
             std::find_if(b.blobs.begin(), b.blobs.end(),

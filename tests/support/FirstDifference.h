@@ -96,6 +96,7 @@ private:
 /// What a run has left behind so far. Two runs are compared by what both show.
 struct Remains {
     RunImage image;
+    std::vector<Kernel::State> observed;  ///< shape (sights, neurons): what an observer was shown
     std::vector<std::string>
         outcomes;  ///< of what the caller did, texts that were thrown among them
     std::vector<std::pair<std::string, Blob>> blobs;  ///< snapshots, by name

@@ -122,7 +122,7 @@ void makeExtreme(Draws& draws, const GeneratedModel& model, Kernel::Neuron& neur
             neuron.tau_adaptation = time();
             break;
         case 2:
-            neuron.tau_adaptation = neuron.tau_membrane + draws.timeBetween(0, 1);
+            neuron.tau_adaptation = neuron.tau_membrane - draws.timeBetween(0, 1);
             break;
         case 3:
             neuron.refractory_period = draws.oneIn(3) ? time() : draws.timeBetween(0, d_min);
