@@ -824,28 +824,18 @@ def lines_of_mistakes(text):
 
 
 def culprits(output, copy):
-    """The mistakes whose places a compiler's errors name."""
+    """The mistakes whose places a compiler's errors name: where one stands, or what a template was
+    instantiated for."""
     found = set()
     cache = {}
-    blocks = re.split(r"\n(?=\S+:\d+:\d+: (?:fatal )?error:|In file included|\S+: In )", output)
-    for block in blocks:
-        if "error:" not in block:
+    for name, line in re.findall(
+            r"^(\S+?):(\d+):\d+:\s+(?:(?:fatal )?error:|required from here)", output, re.MULTILINE):
+        path = copy / name
+        if not path.is_file() or copy not in path.parents:
             continue
-        # The place of the error itself, then those of what it was instantiated for.
-        for pattern in (r"(\S+):(\d+):\d+: (?:fatal )?error:", r"(\S+):(\d+):\d+:"):
-            here = set()
-            for name, line in re.findall(pattern, block):
-                path = Path(name)
-                if not path.is_absolute():
-                    path = copy / path
-                if not path.is_file() or copy not in path.parents:
-                    continue
-                if path not in cache:
-                    cache[path] = lines_of_mistakes(path.read_text())
-                here.update(m for m, (a, b) in cache[path].items() if a <= int(line) <= b)
-            if here:
-                found |= here
-                break
+        if path not in cache:
+            cache[path] = lines_of_mistakes(path.read_text())
+        found.update(m for m, (a, b) in cache[path].items() if a <= int(line) <= b)
     return found
 
 
@@ -857,12 +847,14 @@ PROGRAMS = ["core", "kernel", "events", "events-memory", "network", "engine",
 GATE = "kelmgate-emulated"
 
 
-def nice(limit_bytes=None):
+def nice(limit_bytes=None, limit_s=None):
     def prepare():
         os.nice(10)
+        resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
         if limit_bytes:
             resource.setrlimit(resource.RLIMIT_AS, (limit_bytes, limit_bytes))
-        resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+        if limit_s:
+            resource.setrlimit(resource.RLIMIT_CPU, (limit_s, limit_s))
     return prepare
 
 
@@ -962,8 +954,9 @@ class Workshop:
         file = "kelm-" + name + "-tests"
         return next((p for p in self.build_folder.rglob(file) if p.is_file()), None)
 
-    def run(self, program, tests, mistake, limit, reached=None):
-        """Runs tests of a program; the name of the one that failed, or None."""
+    def run(self, program, tests, mistake, seconds, reached=None):
+        """Runs tests of a program, which take so long without a mistake; the name of the one that
+        failed, or None."""
         environment = dict(os.environ, KELM_MISTAKE=str(mistake))
         if reached:
             environment["KELM_REACHED"] = str(reached)
@@ -974,9 +967,11 @@ class Workshop:
         process = subprocess.Popen(command, cwd=self.folder, env=environment, text=True,
                                    errors="replace", stdout=subprocess.PIPE,
                                    stderr=subprocess.STDOUT, start_new_session=True,
-                                   preexec_fn=nice(int(self.options.memory * 2**30)))
+                                   preexec_fn=nice(int(self.options.memory * 2**30),
+                                                   int(6 * seconds + 6)))
         try:
-            output, _ = process.communicate(timeout=limit)
+            # One that waits for ever uses no processor.
+            output, _ = process.communicate(timeout=60 + 20 * seconds)
         except subprocess.TimeoutExpired:
             os.killpg(process.pid, signal.SIGKILL)
             process.communicate()
@@ -1014,12 +1009,13 @@ class Workshop:
                 continue
             for test in self.tests_of(name):
                 file.unlink(missing_ok=True)
-                failed = self.run(name, [test], -1, 300, reached=file)
+                failed = self.run(name, [test], -1, 100, reached=file)
                 if failed:
                     sys.exit(f"{name}:{test} fails without a mistake: {failed}")
-                start = time.monotonic()
-                self.run(name, [test], 0, 300)
-                taken = time.monotonic() - start
+                start = resource.getrusage(resource.RUSAGE_CHILDREN)
+                self.run(name, [test], 0, 100)
+                end = resource.getrusage(resource.RUSAGE_CHILDREN)
+                taken = end.ru_utime + end.ru_stime - start.ru_utime - start.ru_stime
                 reached = [i for i, hit in enumerate(file.read_bytes()) if hit]
                 self.state["reach"]["tests"][f"{name}:{test}"] = [
                     round(taken, 3), [self.by_id[i].key for i in reached if i in self.by_id]]
@@ -1058,7 +1054,7 @@ class Workshop:
     def judge(self, mistake, without=()):
         """The test that catches a mistake, or None."""
         for program, tests, seconds in self.batches(mistake, without):
-            failed = self.run(program, tests, mistake.id, 6 * seconds + 8)
+            failed = self.run(program, tests, mistake.id, seconds)
             if failed:
                 return f"{program}:{failed}"
         return None
