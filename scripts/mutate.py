@@ -1088,8 +1088,10 @@ class Workshop:
             else:
                 row[3] += 1
                 survivors.append(mistake)
+        reach = self.state["reach"].get("tests", {})
         for mistake in survivors:
-            print(describe(mistake))
+            tests = sum(mistake.key in keys for _, keys in reach.values())
+            print(f"{describe(mistake)}\n  reached by {tests} tests")
         print(f"{'part':10}{'planted':>9}{'caught':>9}{'cannot matter':>15}{'survivors':>11}")
         for part, row in rows.items():
             print(f"{part:10}{row[0]:9}{row[1]:9}{row[2]:15}{row[3]:11}")
