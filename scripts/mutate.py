@@ -157,6 +157,7 @@ class Source:
                 self.partner[stack[-1]] = i
                 self.partner[i] = stack.pop()
         self.hosts = []
+        self.ordinals = {}
         self.stack = []
         self.scope(0, len(self.tokens))
 
@@ -594,7 +595,20 @@ class Mistake:
         self.line = source.tokens[self._token_at(edits[0][0]) if edits else host.outer_first].line
         self.before = one_line(source.text[self._outer()[0]:self._outer()[1]])
         self.after = one_line(self.text_after())
-        self.key = f"{source.path}|{self.before}|{self.after}"
+        # Without its place, which decides whether it compiles hardly ever.
+        self.text_key = f"{source.path}|{self.before}|{self.after}"
+        self.key = f"{source.path}{self.ordinal()}|{self.before}|{self.after}"
+
+    def ordinal(self):
+        """Tells places of a file apart that hold the same text: nothing, then " #2" and so on."""
+        if not self.source.ordinals:
+            counts = {}
+            for host in sorted(all_hosts(self.source.hosts), key=lambda h: h.outer_first):
+                text = self.source.span(host.outer_first, host.outer_last)
+                counts[text] = counts.get(text, 0) + 1
+                self.source.ordinals[host] = counts[text]
+        number = self.source.ordinals[self.host]
+        return "" if number == 1 else f" #{number}"
 
     def _token_at(self, offset):
         for i in range(self.host.outer_first, self.host.outer_last):
@@ -681,7 +695,7 @@ def draw(sources, seed, count, dropped, only=None):
             for kind, edits in [(kind, found[kind][n]) for n in range(deepest) for kind in kinds
                                 if n < len(found[kind])]:
                 mistake = Mistake(source, host, kind, edits)
-                if mistake.key not in dropped:
+                if mistake.text_key not in dropped:
                     options.append(mistake)
                     break
         mistakes += sorted(options[:quota], key=lambda m: (m.line, m.after))
@@ -895,7 +909,7 @@ class Workshop:
 
     def drop(self, ids):
         """Drops mistakes that do not compile; others take their places."""
-        self.state["dropped"] += [self.by_id[number].key for number in ids]
+        self.state["dropped"] += [self.by_id[number].text_key for number in ids]
         self.save()
         print(f"{len(ids)} mistakes that do not compile are dropped", flush=True)
         self.draw()
@@ -1106,13 +1120,14 @@ def matches(name, pattern):
 
 
 def describe(mistake):
-    return (f"{mistake.id} {mistake.source.path}:{mistake.line} ({mistake.kind})\n"
+    return (f"{mistake.id} {mistake.source.path}:{mistake.line}{mistake.ordinal()} "
+            f"({mistake.kind})\n"
             f"  - {mistake.before}\n  + {mistake.after}")
 
 
 def read_explanations():
-    """Blocks of four lines: file; "- " what stands; "+ " the mistake; "= " why no run can show
-    it."""
+    """Blocks of four lines: the file, with " #2" for the second place that holds the same text and so
+    on; "- " what stands; "+ " the mistake; "= " why no run can show it."""
     reasons = {}
     path = ROOT / EXPLANATIONS
     if not path.exists():
