@@ -1096,9 +1096,9 @@ class Workshop:
             row = rows.setdefault(FOLDERS[mistake.folder], [0, 0, 0, 0])
             row[0] += 1
             if results[mistake.key]:
-                row[1] += 1
-            elif mistake.key in reasons:
                 row[2] += 1
+            elif mistake.key in reasons:
+                row[1] += 1
             else:
                 row[3] += 1
                 survivors.append(mistake)
@@ -1106,11 +1106,11 @@ class Workshop:
         for mistake in survivors:
             tests = sum(mistake.key in keys for _, keys in reach.values())
             print(f"{describe(mistake)}\n  reached by {tests} tests")
-        print(f"{'part':10}{'planted':>9}{'caught':>9}{'cannot matter':>15}{'survivors':>11}")
+        print(f"{'part':10}{'planted':>9}{'cannot matter':>15}{'caught':>9}{'survivors':>11}")
         for part, row in rows.items():
-            print(f"{part:10}{row[0]:9}{row[1]:9}{row[2]:15}{row[3]:11}")
+            print(f"{part:10}{row[0]:9}{row[1]:15}{row[2]:9}{row[3]:11}")
         total = [sum(r[i] for r in rows.values()) for i in range(4)]
-        print(f"{'all':10}{total[0]:9}{total[1]:9}{total[2]:15}{total[3]:11}")
+        print(f"{'all':10}{total[0]:9}{total[1]:15}{total[2]:9}{total[3]:11}")
         return 1 if survivors else 0
 
 
