@@ -50,6 +50,16 @@ TEST_F(ShardQueue, RoutesEveryArrivalOverGeneratedNetworksAndThreadOrders) {
                 static_cast<std::uint32_t>(std::min<std::uint64_t>(wanted, model.node_count));
             // Fewer and more events than neurons: sources wrap around.
             for (const std::uint64_t source_events : {std::uint64_t{1}, 3 * model.node_count + 1}) {
+                tamper_with_shard_queue = [&](const std::vector<ShardArrival>& queue,
+                                              const std::vector<Kernel::WindowResult>& results) {
+                    for (const ShardArrival& arrival : queue) {
+                        EXPECT_EQ(arrival.time, model.d_min - 1);
+                        const Kernel::WindowResult& result = results[arrival.target];
+                        for (std::int32_t s = 0; s < result.spike_count; ++s) {
+                            EXPECT_LT(result.spike_times[s], model.d_min);
+                        }
+                    }
+                };
                 const ShardQueueReport report = run(model, model.fanout(), source_events, shards);
                 // Walked source event by source event.
                 std::uint64_t local = 0;
@@ -126,6 +136,17 @@ TEST_F(ShardQueue, FindsEveryFaultPlantedInTheDevicesWork) {
         tamper_with_shard_queue = c.tamper;
         expectThrows<WindowEngineError>([&] { run(model, 3, 20, 3); }, c.text);
     }
+    // Two neurons of one shard, alike in all but their arrivals, given each other's.
+    GeneratedModel silent = model;
+    for (Kernel::Firing& firing : silent.firings) firing.base_rate = 0.0;
+    tamper_with_shard_queue = [](Queue& q, Results& r) {
+        for (ShardArrival& arrival : q) {
+            if (arrival.target < 2) arrival.target = 1 - arrival.target;
+        }
+        std::sort(q.begin(), q.end(), ShardArrivalLess());
+        std::swap(r[0].state, r[1].state);
+    };
+    expectThrows<WindowEngineError>([&] { run(silent, 3, 20, 3); }, routing);
     tamper_with_shard_queue = nullptr;
     tamper_with_shard_counts = [](std::vector<std::uint64_t>& sizes) { --sizes[1]; };
     expectThrows<WindowEngineError>([&] { run(model, 3, 20, 3); },

@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -57,6 +60,64 @@ TEST(CandidateTree, LeavesTheBytesOfCandidatesThatAreEvents) {
     }
     EXPECT_GT(far_candidates, 1000);
     EXPECT_GT(restores, 200);
+}
+
+TEST(CandidateTree, FindsWhatIsDueAmongCandidatesThatArePutForwardAndOff) {
+    // Two levels and a bit.
+    constexpr std::uint64_t neurons = 300;
+    BucketEventStore store(10, 8);
+    std::vector<CandidateSlot> slots(neurons);
+    store.holdCandidates(slots);
+    Draws draws(1);
+    std::vector<Event> events;
+    ModelTime start = 0;
+    ModelTime end = 0;
+    store.scheduleCandidate(0, 0, 1.0);
+    ASSERT_TRUE(store.take(10, events, start, end));
+    store.scheduleCandidate(0, no_time, 0.0);
+    ModelTime now = end;  // no window before it is asked for again
+    for (int round = 0; round < 20'000; ++round) {
+        const NodeId neuron = draws.below(neurons);
+        const ModelTime distance = draws.oneOf<ModelTime>({1'000'000'000, 1'000'000'000, 200});
+        store.scheduleCandidate(neuron, now + distance + draws.timeBelow(1000), 1.0);
+        if (!draws.oneIn(50)) store.scheduleCandidate(neuron, now + draws.timeBelow(79), 2.0);
+        if (draws.oneIn(2)) continue;
+        std::map<std::int64_t, std::set<NodeId>> due;  // by bucket
+        for (NodeId n = 0; n < neurons; ++n) {
+            if (slots[n].event_id != no_event) due[slots[n].time / 10].insert(n);
+        }
+        const ModelTime until = now + 100;
+        const bool given = store.take(until, events, start, end);
+        ASSERT_EQ(given, due.begin()->first * 10 < until);
+        now = given ? end : until;
+        std::set<NodeId> taken;
+        for (const Event& event : events) {
+            taken.insert(event.target);
+            ASSERT_EQ(event.time, slots[event.target].time);
+            ASSERT_EQ(event.value, slots[event.target].rate);
+            ASSERT_EQ(event.id, slots[event.target].event_id);
+            store.scheduleCandidate(event.target, no_time, 0.0);
+        }
+        ASSERT_EQ(taken, events.empty() ? std::set<NodeId>() : due.begin()->second);
+    }
+}
+
+TEST(CandidateTree, ForgetsTheCandidatesOfSlotsThatItHoldsNoMore) {
+    BucketEventStore store(10, 8);
+    std::vector<CandidateSlot> slots(2);
+    std::vector<CandidateSlot> others(2);
+    store.holdCandidates(slots);
+    for (NodeId n = 0; n < 2; ++n) store.scheduleCandidate(n, n == 0 ? 15 : 1000, 1.0);
+    store.holdCandidates(others);
+    EXPECT_TRUE(store.isEmpty());
+    store.scheduleCandidate(1, 17, 2.0);
+    std::vector<Event> events;
+    ModelTime start = 0;
+    ModelTime end = 0;
+    ASSERT_TRUE(store.take(last_model_time, events, start, end));
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].time, 17);
+    EXPECT_TRUE(store.isEmpty());
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "tests/engine/ScriptedBackend.h"
 #include "tests/support/Draws.h"
 #include "tests/support/ExpectThrows.h"
+#include "tests/support/ForgedBlobs.h"
 #include "tests/support/GeneratedModel.h"
 #include "tests/support/SameBits.h"
 
@@ -228,7 +229,18 @@ TEST_F(ObservationTest, ReseedGoesOnWithStreamsAndIdsUntilARunHasBegun) {
     expectIdsInNeuronOrder();
     EXPECT_GT(id, 10);
     seeded.run(cpu, model.horizon / 2);
-    expectThrows<WindowEngineError>(reseed, "initial candidates can only be reseeded before run");
+    const char* const late = "initial candidates can only be reseeded before run";
+    expectThrows<WindowEngineError>(reseed, late);
+    // A log out of a blob tells it as well, and so do windows in which nothing fired.
+    const Blob profile = blobOf(seeded.profile());
+    Blob blob = seeded.snapshot();
+    std::fill_n(std::search(blob.begin(), blob.end(), profile.begin(), profile.end()), 8, 0);
+    ASSERT_TRUE(seeded.restore(blob));
+    ASSERT_EQ(seeded.profile().windows, 0);
+    expectThrows<WindowEngineError>(reseed, late);
+    engine.run(cpu, 20);
+    expectThrows<WindowEngineError>([&] { engine.reseedInitialCandidates(std::vector<double>(2)); },
+                                    late);
     bounds.clear();
     expectThrows<WindowEngineError>(reseed, mismatch);
 }

@@ -153,11 +153,13 @@ private:
         event.kind =
             draws_.oneOf<EventKind>({EventKind::delivery, EventKind::candidate, EventKind::input});
         event.gap[below(7)] = 0xee;
-        event.source = below(1000);
-        event.target = below(1000);
-        event.edge = below(1000);
-        event.value = std::bit_cast<double>(draws_.next());
-        event.cause = draws_.next();
+        for (std::uint64_t* const id : {&event.source, &event.target, &event.edge}) {
+            *id = draws_.oneIn(8) ? (std::uint64_t{1} << 32) - below(2) : below(1000);
+        }
+        // Mostly what a synapse's delivery holds, which the store packs.
+        event.value = draws_.oneIn(4) ? std::bit_cast<double>(draws_.next())
+                                      : static_cast<float>(draws_.between(-1.0, 1.0));
+        event.cause = draws_.oneIn(4) ? draws_.next() : 0;
         return event;
     }
 

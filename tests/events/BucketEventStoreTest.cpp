@@ -57,9 +57,11 @@ TEST(BucketEventStore, RefusesACalendarThatCannotBeFormed) {
 TEST(BucketEventStore, CrossesAGapOfAnyLengthWithoutWalkingIt) {
     BucketEventStore store(1, 4);
     constexpr ModelTime far = last_model_time - 2;  // in the last era of all
-    store.post({.time = 2});
+    // By turns, so that a bucket is found filled.
+    for (const ModelTime time : {1, 2, 1, 2}) store.post({.time = time});
     store.post({.time = far});
     store.cancel(store.post({.time = far / 2}));
+    EXPECT_EQ(take(store).start, 1);
     EXPECT_EQ(take(store).start, 2);
     EXPECT_FALSE(take(store, far).given);
     EXPECT_EQ(take(store).start, far);
@@ -112,6 +114,8 @@ TEST(BucketEventStore, KeepsAWindowWhoseEndIsBeyondTime) {
     // Buckets of 1 ns: no limit lies behind the last of them.
     BucketEventStore narrow(1, 4);
     narrow.post({.time = last_model_time});
+    EXPECT_FALSE(take(narrow, 1).given);
+    EXPECT_THROW(narrow.post({.time = last_model_time - 1}), LookaheadViolation);
     EXPECT_FALSE(take(narrow).given);
     EXPECT_FALSE(narrow.isEmpty());
     narrow.post({.time = last_model_time});

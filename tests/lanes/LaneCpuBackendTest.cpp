@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -54,6 +55,38 @@ TEST_P(LaneCpuBackendTest, ComputesValuesThatNoModelShouldHoldToTheBit) {
     EXPECT_GT(overflows_, 10);
 }
 
+// A drive that falls at first, and jumps at its minimum, where the adaptation has been clipped:
+// what is sampled there is above both ends. Only an adaptation far above the clipping makes a
+// minimum one that need not be looked at.
+TEST_P(LaneCpuBackendTest, SeesADriveRiseWhereItsAdaptationIsClipped) {
+    DrawnCall call;
+    call.neuron.tau_adaptation = 2 * call.neuron.tau_membrane;
+    call.neuron.trace_epsilon = 1e-3;
+    call.firing.adaptation_weight = 10.0;
+    call.window_end = 1'000'000;
+    call.horizon = 400'000'000;
+    call.events = {{500'000, 0.0, false, {}}};
+    double highest_rise = 0.0;
+    for (int i = 0; i < 40; ++i) {
+        WindowWork& item = call.work.emplace_back();
+        item.parameters = call.neuron;
+        item.firing = call.firing;
+        item.state.adaptation = 1e-3 * (1.0 + 1e-3 * i);
+        item.state.membrane = 1.05 * 5.0 * item.state.adaptation;
+        item.state.last_update = 500'000;
+        item.rng = static_cast<std::uint64_t>(i);
+        item.event_count = 1;
+        item.pending_time = no_time;
+        const double ends = std::max(item.state.membrane - 10.0 * item.state.adaptation, 0.0);
+        // ln(1.05) times 20 ms behind the input.
+        const double minimum =
+            Kernel::netDriveAt(item.state, item.parameters, item.firing, 1'475'803);
+        highest_rise = std::max(highest_rise, minimum - ends);
+    }
+    EXPECT_GT(highest_rise, 1e-3);
+    EXPECT_TRUE(sameImages<Kernel::WindowResult>(compute(lanes_, call), compute(cpu_, call)));
+}
+
 INSTANTIATE_TEST_SUITE_P(Vectors, LaneCpuBackendTest,
                          testing::Range(std::size_t{0}, Lanes::availableKernels().size()),
                          [](const auto& test) {
@@ -77,6 +110,7 @@ TEST(LaneCpuBackend, GivesUniformItemsToTheVectorsAndOthersToTheOrdinaryWalk) {
     Lanes::LaneKernels counted = *CountedKernels::inner;
     counted.advance = CountedKernels::advance;
     LaneCpuBackend backend(counted);
+    EXPECT_STREQ(backend.instructionSet(), counted.name);
     DrawnCall call;
     call.window_end = 1'000'000;
     call.horizon = 10'000'000;

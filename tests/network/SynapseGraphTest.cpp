@@ -127,6 +127,10 @@ TEST(SynapseGraph, ListsTheSynapsesOfEachNeuronInAscendingOrder) {
             all.insert(all.end(), out.begin(), out.end());
             offsets.push_back(all.size());
         }
+        for (EdgeId id = 0; id < edges.size(); ++id) {
+            ASSERT_EQ(graph.source(id), edges[id].source);
+            ASSERT_EQ(graph.target(id), edges[id].target);
+        }
         ASSERT_EQ(copyOf(graph.outOffsets()), offsets);
         ASSERT_EQ(copyOf(graph.outEdges()), all);
     }

@@ -91,6 +91,13 @@ TEST_F(CheckpointTest, IsRefusedCutShortAnywhereButInFrontOfItsExtension) {
     Blob longer = bytes;
     longer.push_back(0);
     EXPECT_FALSE(fresh->restore(longer));
+    // An extension without a count, of another tag, and one of fewer samples.
+    for (const std::uint64_t tag : {std::uint64_t{0}, numberAt(bytes, extension)}) {
+        Blob other(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(extension));
+        appendU64(other, tag);
+        if (tag != 0) appendU64(other, 0);
+        EXPECT_FALSE(fresh->restore(other)) << tag;
+    }
     EXPECT_EQ(fresh->checkpoint(), before);
 
     // Older files have none. All else is in force: the samples' values are missing from now on.
@@ -208,6 +215,19 @@ TEST_F(CheckpointTest, GapsAndFlagsComeBackAsZeroAndOne) {
         EXPECT_EQ(fresh->interventions().mechanism_off[i], i % 2 == 0) << i;
         EXPECT_EQ(fresh->checkpoint()[switches + i], i % 2 == 0 ? 1 : 0) << i;
     }
+}
+
+TEST_F(CheckpointTest, MayHoldAnyNumberOfSamplesOfNothing) {
+    // More of them than there are bytes of anything else: 32 bytes a sample, and no more.
+    const std::size_t samples = layout.begin("samples"), behind = layout.begin("causes");
+    Blob many(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(samples));
+    const std::uint64_t count = bytes.size();
+    appendU64(many, count);
+    many.resize(many.size() + 32 * count);
+    appendBytes(many, bytes.data() + behind, extension - behind);
+    const auto fresh = model.build(cpu);
+    ASSERT_TRUE(fresh->restore(many));
+    EXPECT_EQ(fresh->recorder()->samples().size(), count);
 }
 
 TEST_F(CheckpointTest, OfALogOutOfOrderComesBackInOrder) {

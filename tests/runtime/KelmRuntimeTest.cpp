@@ -176,7 +176,7 @@ TEST_F(KelmRuntimeTest, ReadsPhasesAtTheWindowsStartBehindTheCouplingUpToIt) {
                         1'500'000};
     KelmRuntime runtime = make();
     runtime.oscillators()->setCouplingEnabled(true);
-    OscillatorBank twin = *runtime.oscillators();
+    OscillatorBank twin = *std::as_const(runtime).oscillators();
     show = [&](const WindowWork& item, ModelTime window_end) {
         twin.advanceCoupling(window_end - d_min);
         if (item.neuron != 1) return;

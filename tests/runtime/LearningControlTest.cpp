@@ -123,6 +123,11 @@ TEST(LearningControl, BlobHoldsEveryFieldInItsPlace) {
     control.setModulator([](ModelTime) { return true; });
     control.setGroup(0, 1);
     control.setGroupEnabled(2, false);
+    for (const bool on : {false, true}) {
+        control.setLearningEnabled(on);
+        EXPECT_EQ(control.groupAllows(1), on);
+        EXPECT_FALSE(control.groupAllows(2));
+    }
     control.allowOnlyGroups({4, 1});
     control.setFastWeights(true, 1'000'000, 0.5);
     control.setJournal(JournalMode::sampled, 0.5);

@@ -6,9 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cfenv>
+#include <cstring>
+#include <new>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <tbb/global_control.h>
@@ -20,6 +24,7 @@
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/engine/WindowEngine.h"
 #include "kelm/lanes/LaneCpuBackend.h"
+#include "kelm/lanes/LaneKernels.h"
 #include "tests/support/BackendParity.h"
 #include "tests/support/ExpectThrows.h"
 #include "tests/support/SameImages.h"
@@ -98,6 +103,51 @@ TEST_F(ThreadedCpuBackendTest, ServesEnginesOfSeveralThreadsAtOnce) {
         }
         for (std::thread& caller : callers) caller.join();
     }
+}
+
+/// Kernels of which each thread's first call in a turn fails.
+struct FailingKernels {
+    static inline const Lanes::LaneKernels* inner = nullptr;
+    static inline int turn = 0;
+    static inline std::atomic<int> calls = 0;
+
+    static void advance(Lanes::LaneBlock& block, int count, const Lanes::LaneConstants& constants) {
+        thread_local int failed_in = 0;
+        ++calls;
+        if (std::exchange(failed_in, turn) != turn) throw std::bad_alloc();
+        inner->advance(block, count, constants);
+    }
+};
+
+// Outside of tests only a lack of memory makes oneTBB fail, and pieces do not. Here each thread's
+// first piece does and is lost; with it the thread is, and nobody comes after it.
+TEST_F(ThreadedCpuBackendTest, ComputesItselfWhatFailedThreadsLeft) {
+    if (Lanes::availableKernels().empty()) GTEST_SKIP() << "no vectors for this processor";
+    FailingKernels::inner = Lanes::availableKernels().back();
+    Lanes::LaneKernels failing = *FailingKernels::inner;
+    failing.advance = FailingKernels::advance;
+    constexpr std::uint64_t threads = 2;
+    const LaneCpuBackend lanes(failing);
+    ThreadedCpuBackend backend(lanes, threads, 0);
+    DrawnCall call;
+    call.window_end = 1'000'000;
+    call.horizon = 10'000'000;
+    call.events = {{500'000, 1.0, false, {}}};
+    call.work.resize(9000);
+    for (WindowWork& item : call.work) {
+        item.event_count = 1;
+        item.pending_time = no_time;
+    }
+    ++FailingKernels::turn;
+    const Results results = compute(backend, call);
+    const Results expected = compute(cpu_, call);
+    std::size_t lost = 0;
+    for (std::size_t i = 0; i < results.size(); ++i) {
+        lost += std::memcmp(&results[i], &expected[i], sizeof expected[i]) != 0;
+    }
+    EXPECT_GT(lost, 0);
+    EXPECT_LE(lost, threads * lanes.partItems());
+    EXPECT_GT(FailingKernels::calls, 10);
 }
 
 /// The calling thread rounds upward and flushes subnormals where it can, for a while.
