@@ -1094,13 +1094,12 @@ class Workshop:
             if mistake.key not in results:
                 continue
             row = rows.setdefault(FOLDERS[mistake.folder], [0, 0, 0, 0])
+            if not results[mistake.key] and mistake.key in reasons:
+                row[1] += 1  # not a mistake, then
+                continue
             row[0] += 1
-            if results[mistake.key]:
-                row[2] += 1
-            elif mistake.key in reasons:
-                row[1] += 1
-            else:
-                row[3] += 1
+            row[2 if results[mistake.key] else 3] += 1
+            if not results[mistake.key]:
                 survivors.append(mistake)
         reach = self.state["reach"].get("tests", {})
         for mistake in survivors:
