@@ -27,13 +27,13 @@ is known as well stands with its reason in scripts/mutants-that-cannot-matter.tx
 """
 
 import argparse
+import fnmatch
 import hashlib
 import json
 import os
 import random
 import re
 import resource
-import shutil
 import signal
 import subprocess
 import sys
@@ -1114,7 +1114,6 @@ class Workshop:
 
 
 def matches(name, pattern):
-    import fnmatch
     return fnmatch.fnmatchcase(name, pattern)
 
 
@@ -1145,7 +1144,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--count", type=int, default=400)
+    parser.add_argument("--count", type=int, default=480)
     parser.add_argument("--only", metavar="FILE")
     parser.add_argument("--build", default=str(ROOT / "build/mutate"), metavar="FOLDER")
     parser.add_argument("--jobs", type=int, default=2)
