@@ -27,13 +27,13 @@ is known as well stands with its reason in scripts/mutants-that-cannot-matter.tx
 """
 
 import argparse
+import fnmatch
 import hashlib
 import json
 import os
 import random
 import re
 import resource
-import shutil
 import signal
 import subprocess
 import sys
@@ -1094,13 +1094,12 @@ class Workshop:
             if mistake.key not in results:
                 continue
             row = rows.setdefault(FOLDERS[mistake.folder], [0, 0, 0, 0])
+            if not results[mistake.key] and mistake.key in reasons:
+                row[1] += 1  # not a mistake, then
+                continue
             row[0] += 1
-            if results[mistake.key]:
-                row[2] += 1
-            elif mistake.key in reasons:
-                row[1] += 1
-            else:
-                row[3] += 1
+            row[2 if results[mistake.key] else 3] += 1
+            if not results[mistake.key]:
                 survivors.append(mistake)
         reach = self.state["reach"].get("tests", {})
         for mistake in survivors:
@@ -1115,7 +1114,6 @@ class Workshop:
 
 
 def matches(name, pattern):
-    import fnmatch
     return fnmatch.fnmatchcase(name, pattern)
 
 
@@ -1146,7 +1144,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--count", type=int, default=400)
+    parser.add_argument("--count", type=int, default=480)
     parser.add_argument("--only", metavar="FILE")
     parser.add_argument("--build", default=str(ROOT / "build/mutate"), metavar="FOLDER")
     parser.add_argument("--jobs", type=int, default=2)

@@ -61,6 +61,7 @@ TEST_F(CudaBackend, NeedsADeviceAndNamesIt) {
     expectThrows<WindowEngineError>(build, text);
     EXPECT_TRUE(cudaDeviceUsable());
     EXPECT_EQ(cudaDeviceName(), "host emulation");
+    EXPECT_STREQ(CudaWindowBackend().name(), "cuda");
     for (const std::uint64_t operation : {0U, 1U}) {
         Emulation::failOperation(operation, 7);
         EXPECT_EQ(cudaDeviceName(), "unknown") << operation;

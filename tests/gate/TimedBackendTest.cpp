@@ -24,6 +24,7 @@ TEST(TimedBackend, AddsUpEveryWindowThatDoesNotThrowAndTakesNoWholeRun) {
     });
     slow.takes_whole_runs = true;
     TimedBackend timed(slow);
+    EXPECT_STREQ(timed.name(), "scripted");
     WindowEngine engine(SynapseGraph(1, 10, {}), Kernel::Neuron(), Kernel::Firing(), 1, 1000);
     double before = timed.seconds();
     EXPECT_EQ(before, 0.0);

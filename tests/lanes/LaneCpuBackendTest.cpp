@@ -110,6 +110,7 @@ TEST(LaneCpuBackend, GivesUniformItemsToTheVectorsAndOthersToTheOrdinaryWalk) {
     Lanes::LaneKernels counted = *CountedKernels::inner;
     counted.advance = CountedKernels::advance;
     LaneCpuBackend backend(counted);
+    EXPECT_STREQ(backend.name(), "cpu-lanes");
     EXPECT_STREQ(backend.instructionSet(), counted.name);
     DrawnCall call;
     call.window_end = 1'000'000;

@@ -199,6 +199,8 @@ TEST_F(ThreadedCpuBackendTest, ComputesInTheFloatingPointEnvironmentOfTheCall) {
 }
 
 TEST_F(ThreadedCpuBackendTest, TakesWhatThereMayBeForNoneOrMoreAndRefusesTooMany) {
+    EXPECT_STREQ(cpu_.name(), "cpu");
+    EXPECT_STREQ(ThreadedCpuBackend(5).name(), "cpu-threads");
     EXPECT_EQ(ThreadedCpuBackend(5).threads(), 5);
     const tbb::global_control three(tbb::global_control::max_allowed_parallelism, 3);
     EXPECT_EQ(ThreadedCpuBackend().threads(), 3);
