@@ -269,6 +269,13 @@ Parts withRecorder(const Scale& scale, bool samples) {
     return parts;
 }
 
+Parts withAll(const Scale& scale) {
+    Parts parts = withPhase(scale, 1);
+    parts.plasticity = pairRule();
+    parts.recorder = recorderConfig(scale, true);
+    return parts;
+}
+
 constexpr ComposedCase all_cases[] = {
     {"bare", "", false, "the engine without a runtime", measureBareEngine},
     {"empty", "bare", true, "a runtime with every slot empty",
@@ -326,16 +333,19 @@ constexpr ComposedCase all_cases[] = {
     {"checkpoint", "empty", true, "a checkpoint of a runtime with every slot empty",
      [](const Scale& scale) { return measureCheckpoint(scale, {}); }},
     {"checkpoint-all", "", false, "a checkpoint with learning, rhythm and samples",
-     [](const Scale& scale) {
-         Parts parts = withPhase(scale, 1);
-         parts.plasticity = pairRule();
-         parts.recorder = recorderConfig(scale, true);
-         return measureCheckpoint(scale, parts);
-     }},
+     [](const Scale& scale) { return measureCheckpoint(scale, withAll(scale)); }},
 };
 
 }  // namespace
 
 std::span<const ComposedCase> composedCases() { return all_cases; }
+
+KelmRuntime makeEmptyRuntime(const Gate::BenchmarkScale& scale, IWindowBackend& backend) {
+    return makeRuntime(scale, {}, backend);
+}
+
+KelmRuntime makeFullRuntime(const Gate::BenchmarkScale& scale, IWindowBackend& backend) {
+    return makeRuntime(scale, withAll(scale), backend);
+}
 
 }  // namespace Lumenar::Core::Kelm

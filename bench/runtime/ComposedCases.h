@@ -6,6 +6,7 @@
 
 #include "gate/BenchmarkWorkload.h"
 #include "kelm/engine/WindowProfile.h"
+#include "kelm/runtime/KelmRuntime.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -46,5 +47,11 @@ struct ComposedCase {
 
 /// Every case stands behind its base.
 std::span<const ComposedCase> composedCases();
+
+/// A runtime of the benchmark network with every slot empty.
+KelmRuntime makeEmptyRuntime(const Gate::BenchmarkScale& scale, IWindowBackend& backend);
+
+/// The same with learning, rhythm and samples.
+KelmRuntime makeFullRuntime(const Gate::BenchmarkScale& scale, IWindowBackend& backend);
 
 }  // namespace Lumenar::Core::Kelm

@@ -1,0 +1,168 @@
+// Runs the benchmark network for a long time, step by step, and tells of each step what it took and
+// what the process keeps resident, with what only grows taken off: log, recorder, journal and the
+// learning gate's answers. What is left must stay as it is, and so must the time of a delivery.
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Known once a header of the library was read.
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
+#include "bench/runtime/ComposedCases.h"
+#include "bench/runtime/Figures.h"
+#include "bench/runtime/OptionText.h"
+#include "kelm/engine/CpuWindowBackend.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+constexpr const char* usage_text =
+    "usage: kelm-long-run [option value]...\n"
+    "  --parts      none (default), or all: learning, rhythm and samples\n"
+    "  --neurons    neurons of the network (default 20000)\n"
+    "  --base-rate  spikes/s of a neuron without drive\n"
+    "  --horizon    ns; end of the run (default 20 s)\n"
+    "  --step       ns; length of a step (default 1 s)\n";
+
+struct Options {
+    bool all_parts = false;
+    Gate::BenchmarkScale scale;
+    ModelTime step = 1'000'000'000;  ///< ns
+};
+
+/// What one step took and left.
+struct Step {
+    double cpu_seconds = 0.0;
+    std::uint64_t deliveries = 0;
+    double resident_bytes = 0.0;
+    double grown_bytes = 0.0;  ///< of it, what only grows
+
+    double restBytes() const { return resident_bytes - grown_bytes; }
+    double nsPerDelivery() const { return perUnit(cpu_seconds * 1e9, deliveries); }
+};
+
+Options parseOptions(const std::vector<std::string_view>& arguments) {
+    Options options;
+    options.scale.neuron_count = 20'000;
+    options.scale.horizon = 20'000'000'000;
+    for (std::size_t i = 0; i < arguments.size(); i += 2) {
+        const std::string_view option = arguments[i];
+        if (i + 1 == arguments.size()) {
+            throw std::invalid_argument(std::string(option) + " lacks its value");
+        }
+        const std::string_view value = arguments[i + 1];
+        if (option == "--parts" && (value == "none" || value == "all")) {
+            options.all_parts = value == "all";
+        } else if (option == "--neurons") {
+            options.scale.neuron_count = parsePositive<std::uint64_t>(value);
+        } else if (option == "--base-rate") {
+            options.scale.base_rate = parsePositive<double>(value);
+        } else if (option == "--horizon") {
+            options.scale.horizon = parsePositive<ModelTime>(value);
+        } else if (option == "--step") {
+            options.step = parsePositive<ModelTime>(value);
+        } else {
+            throw std::invalid_argument("not an option with its value: " + std::string(option) +
+                                        " " + std::string(value));
+        }
+    }
+    return options;
+}
+
+double residentBytes() {
+#ifdef __GLIBC__
+    malloc_trim(0);  // what was given back to the allocator is not kept
+#endif
+    std::uint64_t total = 0;
+    std::uint64_t resident = 0;
+    if (!(std::ifstream("/proc/self/statm") >> total >> resident)) {
+        throw std::runtime_error("this system does not tell what is resident");
+    }
+    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE));
+}
+
+double sampleBytes(const RecordedSample& sample) {
+    const std::size_t values = sample.membrane.size() + sample.adaptation.size() +
+                               sample.refractory_left.size() + sample.next_candidate.size() +
+                               sample.spike_counts.size() + sample.oscillator_phases.size();
+    return static_cast<double>(sizeof(RecordedSample) + values * sizeof(double));
+}
+
+double grownBytes(KelmRuntime& runtime) {
+    auto bytes = static_cast<double>(runtime.spikeLog().size_bytes());
+    if (const Recorder* recorder = runtime.recorder()) {
+        bytes += static_cast<double>(recorder->spikes().size_bytes());
+        for (const RecordedSample& sample : recorder->samples()) bytes += sampleBytes(sample);
+    }
+    if (const LearningControl* learning = runtime.learningControl()) {
+        bytes += static_cast<double>(learning->journal().size_bytes() +
+                                     learning->modulatorHistory().size_bytes());
+    }
+    return bytes;
+}
+
+void runAll(const Options& options) {
+    CpuWindowBackend backend;
+    KelmRuntime runtime = options.all_parts ? makeFullRuntime(options.scale, backend)
+                                            : makeEmptyRuntime(options.scale, backend);
+    // Every change of every synapse would fill the memory of most machines.
+    if (LearningControl* learning = runtime.learningControl()) {
+        learning->setJournal(JournalMode::sampled, 0.01);
+    }
+    std::printf("%" PRIu64 " neurons, %g spikes/s, %s\n\n", options.scale.neuron_count,
+                options.scale.base_rate, options.all_parts ? "all parts" : "no parts");
+    std::printf("   until s   deliveries   ns each   resident MiB   of it grown   the rest\n");
+    std::vector<Step> steps;
+    for (ModelTime end = 0; end < options.scale.horizon;) {
+        end += std::min(options.step, options.scale.horizon - end);
+        const std::uint64_t before = runtime.profile().deliveries;
+        Step step;
+        const double start = processorSeconds();
+        runtime.run(end);
+        step.cpu_seconds = processorSeconds() - start;
+        step.deliveries = runtime.profile().deliveries - before;
+        step.grown_bytes = grownBytes(runtime);
+        step.resident_bytes = residentBytes();
+        steps.push_back(step);
+        std::printf("%10.3f %12" PRIu64 " %9.1f %14.2f %13.2f %10.2f\n",
+                    static_cast<double>(end) / 1e9, step.deliveries, step.nsPerDelivery(),
+                    step.resident_bytes / mebibyte, step.grown_bytes / mebibyte,
+                    step.restBytes() / mebibyte);
+    }
+    if (steps.size() < 3) return;
+    const Step& second = steps[1];
+    const Step& last = steps.back();
+    std::printf("\nlast step to second: time a delivery %.3f, the rest %+.2f MiB\n",
+                last.nsPerDelivery() / second.nsPerDelivery(),
+                (last.restBytes() - second.restBytes()) / mebibyte);
+}
+
+}  // namespace
+
+}  // namespace Lumenar::Core::Kelm
+
+int main(int argc, char** argv) {
+    using namespace Lumenar::Core::Kelm;
+    try {
+        runAll(parseOptions({argv + (argc > 0 ? 1 : 0), argv + argc}));
+        return EXIT_SUCCESS;
+    } catch (const std::invalid_argument& failure) {
+        std::fprintf(stderr, "kelm-long-run: %s\n%s", failure.what(), usage_text);
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "kelm-long-run: %s\n", failure.what());
+    }
+    return EXIT_FAILURE;
+}
