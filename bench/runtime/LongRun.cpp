@@ -1,6 +1,7 @@
 // Runs the benchmark network for a long time, step by step, and tells of each step what it took and
-// what the process keeps resident, with what only grows taken off: log, recorder, journal and the
-// learning gate's answers. What is left must stay as it is, and so must the time of a delivery.
+// what the process keeps resident, with what only grows taken off: the logs of spikes and phases,
+// recorder, journal and the learning gate's answers. What is left must stay as it is, and so must
+// the time of a delivery.
 
 #include <unistd.h>
 
@@ -102,7 +103,8 @@ double sampleBytes(const RecordedSample& sample) {
 }
 
 double grownBytes(KelmRuntime& runtime) {
-    auto bytes = static_cast<double>(runtime.spikeLog().size_bytes());
+    auto bytes =
+        static_cast<double>(runtime.spikeLog().size_bytes() + runtime.phaseLog().size_bytes());
     if (const Recorder* recorder = runtime.recorder()) {
         bytes += static_cast<double>(recorder->spikes().size_bytes());
         for (const RecordedSample& sample : recorder->samples()) bytes += sampleBytes(sample);

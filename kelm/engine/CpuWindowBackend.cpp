@@ -6,7 +6,7 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// The terms of the parameters met last: neurons are mostly alike, also from call to call.
+/// The terms of the parameters met last: neurons are mostly alike.
 struct RecentTerms {
     bool known = false;
     Kernel::Neuron neuron;
@@ -26,15 +26,12 @@ struct RecentTerms {
     }
 };
 
-/// A thread's own, so that backends hold no state. It shows in nothing but time.
-thread_local constinit RecentTerms recent_terms;
-
 }  // namespace
 
 void processItems(std::span<const WindowWork> work, std::span<const Kernel::WindowEvent> events,
                   ModelTime window_end, ModelTime horizon,
                   std::span<Kernel::WindowResult> results) {
-    RecentTerms& terms = recent_terms;
+    RecentTerms terms;
     for (std::size_t i = 0; i < work.size(); ++i) {
         results[i] =
             Kernel::processWindow(work[i], terms.of(work[i]), events.data(), window_end, horizon);

@@ -22,7 +22,7 @@ constexpr std::uint64_t calendar_buckets = 4096;
 /// How many events ahead a window's memory is asked for: far enough for it to come, near enough for
 /// it to stay.
 constexpr std::size_t prefetch_distance = 16;
-/// The same in items, for the synapses of those that fired unexpectedly.
+/// The same in items, for the synapses of those that have fired.
 constexpr std::size_t commit_distance = 8;
 constexpr const char* spontaneous_name = "spontaneous";
 constexpr std::uint64_t first_observation_id = 0x7fffffffffffffff;
@@ -302,7 +302,7 @@ void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
         prefetchLine(&states[n].hazard_bound);
         prefetchLine(&slots[n]);
         prefetchLine(&slots[n].event_id);
-        prefetchLine(streams.data() + n);
+        if (n < streams.size()) prefetchLine(&streams[n]);
         if (calendar_ != nullptr) calendar_->prefetchCandidate(n);
     };
     const std::size_t part = window.built;
@@ -360,7 +360,6 @@ void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
 /// results alone.
 template <class Store>
 void WindowEngine::commitItems(Store& store, const Window& window) {
-    // Most of those that fired were expected to; the others' synapses are asked for now.
     const auto prefetch_fired = [&](std::size_t i) {
         if (i < window.item_count && window.results[i].spike_count != 0) {
             graph_.prefetchSynapses(window.work[i].neuron);

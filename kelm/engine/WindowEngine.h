@@ -95,7 +95,7 @@ public:
     std::uint64_t declareObserverEvent(const Event& event);
 
     /// Draws every first candidate anew, for external drives of at most `drive_bounds`: shape
-    /// (neurons). The draws of construction stay consumed.
+    /// (neurons). The draws of construction stay consumed. Call it before the first run.
     /// Throws WindowEngineError for another count, then once the run has begun.
     void reseedInitialCandidates(std::span<const double> drive_bounds);
 
@@ -112,7 +112,7 @@ public:
     /// a store that was handed in refused after it had changed itself. Call it between runs.
     [[nodiscard]] bool restore(BlobView blob);
 
-    /// All spikes so far, by time, then neuron. Valid until the next run.
+    /// All spikes so far, by time, then neuron; the list only grows. Valid until the next run.
     std::span<const SpikeRecord> spikeLog();
 
     /// 64-bit digest of spikeLog(): per spike time and neuron, 8 bytes each.

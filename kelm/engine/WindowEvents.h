@@ -68,7 +68,7 @@ public:
                              ((chunks_.size() - 1) * chunk_places + i % chunk_places);
         }
     }
-    /// The same for a window that was copied out of its store.
+    /// Begins a window that was copied out of its store, and adds its events.
     void addAll(std::span<const Event> events) {
         begin(events.size());
         for (std::size_t i = 0; i < events.size(); i += chunk_places) {

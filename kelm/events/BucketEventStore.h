@@ -21,7 +21,8 @@ namespace Lumenar::Core::Kelm {
 /// reaches from `cursor`, the next bucket to be taken, up to cursor + bucket_count, exclusive.
 /// Events beyond wait in eras, each as long as the ring: an era moves into the ring when a window
 /// is looked for in it, so a far event is touched when it is posted and once more, whatever it
-/// waits. Which of the two holds an event shows in overflowPosts() and nowhere else.
+/// waits. Which of the two holds an event shows in overflowPosts() and nowhere else. Candidates
+/// that are kept in slots lie in neither, but in a tree of their own.
 ///
 /// A cancelled event stays in its place as a dead entry until its bucket is taken, or until the
 /// dead outnumber the living, when all are swept out. Which ids are pending is written down from
@@ -71,14 +72,14 @@ public:
               ModelTime& window_end) override;
 
     /// take without the order within the window and without copies. Calls window.begin(places)
-    /// with the number of places in which the events lie, which may throw, with the window still
-    /// in the store; then once window.addCandidates(neurons, slots) for the candidates out of
-    /// slots, chunk_places of which fill a chunk; then for each chunk of places
-    /// window.addChunk(records, is_pending) with the test of its records, none of which may throw.
-    /// Records are of type Event or PackedDelivery. A window whose events were
-    /// all cancelled is passed over, and begin called again for the next one. All of it stays where
-    /// it lies until the next window is asked for; the slot of a candidate, until its neuron is
-    /// scheduled anew.
+    /// with the number of places in which the events lie, which may throw, with the window still in
+    /// the store; then once window.addCandidates(neurons, slots) for the candidates out of slots,
+    /// chunk_places of which fill a chunk; then for each chunk of places
+    /// window.addChunk(records, is_pending), which has to ask is_pending(record) of each record in
+    /// it, once. Neither may throw. Records are of type Event or PackedDelivery. A window whose
+    /// events were all cancelled is passed over, and begin called again for the next one. All of it
+    /// stays where it lies until the next window is asked for; the slot of a candidate, until its
+    /// neuron is scheduled anew.
     template <class Window>
     bool takeWindow(ModelTime until, Window& window, ModelTime& window_start,
                     ModelTime& window_end);

@@ -104,11 +104,8 @@ public:
     /// bounded by the neuron count. May throw std::bad_alloc, with the record as it was.
     void takeReweightedTargets(std::vector<NodeId>& targets);
 
-    /// Hints that deliver from `source` comes soon: first its place in the routes, later its first
-    /// synapses. Do nothing but ask for memory; `source` must lie in the network.
-    void prefetchRoute(NodeId source) const {
-        if (out_.built) prefetchLine(&out_.offsets[source]);
-    }
+    /// Hints that deliver from `source` comes soon. Does nothing but ask for memory; `source` must
+    /// lie in the network.
     void prefetchSynapses(NodeId source) const {
         if (!out_.built) return;
         const std::uint64_t first = out_.offsets[source];

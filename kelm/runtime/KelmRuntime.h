@@ -85,11 +85,12 @@ public:
     InterventionState& interventions() { return interventions_; }
     const InterventionState& interventions() const { return interventions_; }
 
-    /// All spikes so far, by time, then neuron. Valid until the next run.
+    /// All spikes so far, by time, then neuron; the list only grows. Valid until the next run.
     std::span<const SpikeRecord> spikeLog() { return engine_.spikeLog(); }
     /// 64-bit digest of spikeLog().
     std::uint64_t logHash() { return engine_.logHash(); }
     /// Every spike with its oscillators' phases, in the order of commit; empty without a rhythm.
+    /// The list only grows.
     std::span<const PhaseLogEntry> phaseLog() const { return phase_log_; }
     WindowProfile profile() const { return engine_.profile(); }
     /// Shape (neurons): each state as of the neuron's last update.
