@@ -417,15 +417,16 @@ class Source:
             hidden.update(range(first, last))
         return [i for i in range(host.first, host.last) if i not in hidden]
 
-    def operand_before(self, i, host):
-        """The first token of the logical operand that ends before i."""
+    def start_before(self, i, host, ends):
+        """Where the expression begins that ends before i; `ends` stand before it as well as what
+        stands before any."""
         j = i
         while j > host.first:
             text = self.t(j - 1)
             if text in (")", "]", "}"):
                 j = self.partner[j - 1]
                 continue
-            if text in ("(", "[", "{", ",", ";", "?", ":", "=", "return") or text in LOGICAL:
+            if text in ("(", "[", "{", ",", ";", "?", ":", "=", "return") or text in ends:
                 break
             j -= 1
         return j
@@ -505,7 +506,7 @@ class Source:
                 for other in BINARY[text]:
                     add(kind, (token.start, token.end, other))
                 if text in LOGICAL:
-                    before = self.operand_before(i, host)
+                    before = self.start_before(i, host, LOGICAL)
                     after = self.operand_after(i, host)
                     add("flag ignored", (self.tokens[before].start, self.tokens[i + 1].start, ""))
                     add("flag ignored", (token.start, self.tokens[after - 1].end, ""))
@@ -548,21 +549,9 @@ class Source:
                             add("order", self.edit(a, b, self.span(c, d)),
                                 self.edit(c, d, self.span(a, b)))
             elif text == "?" and self.spaced(i):
-                before = self.ternary_condition(i, host)
+                before = self.start_before(i, host, ASSIGNMENTS)
                 add("negated", self.edit(before, i, f"!({self.span(before, i)})"))
         return found
-
-    def ternary_condition(self, i, host):
-        j = i
-        while j > host.first:
-            text = self.t(j - 1)
-            if text in (")", "]", "}"):
-                j = self.partner[j - 1]
-                continue
-            if text in ("(", "[", "{", ",", ";", "?", ":", "return") or text in ASSIGNMENTS:
-                break
-            j -= 1
-        return j
 
     def arguments(self, opening):
         """Token ranges of the arguments of the call whose parenthesis opens there."""

@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
-#include <exception>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -16,6 +14,7 @@
 #include "bench/runtime/ComposedCases.h"
 #include "bench/runtime/Figures.h"
 #include "bench/runtime/MeasuringProcess.h"
+#include "bench/runtime/MeasuringProgram.h"
 #include "bench/runtime/OptionText.h"
 
 namespace Lumenar::Core::Kelm {
@@ -209,14 +208,7 @@ void printUsage() {
 
 int main(int argc, char** argv) {
     using namespace Lumenar::Core::Kelm;
-    try {
-        runAll(parseOptions({argv + (argc > 0 ? 1 : 0), argv + argc}));
-        return EXIT_SUCCESS;
-    } catch (const std::invalid_argument& failure) {
-        std::fprintf(stderr, "kelm-composed-run: %s\n", failure.what());
-        printUsage();
-    } catch (const std::exception& failure) {
-        std::fprintf(stderr, "kelm-composed-run: %s\n", failure.what());
-    }
-    return EXIT_FAILURE;
+    return runMeasuringProgram(
+        "kelm-composed-run", argc, argv,
+        [](const auto& arguments) { runAll(parseOptions(arguments)); }, printUsage);
 }

@@ -8,8 +8,6 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
-#include <exception>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -23,6 +21,7 @@
 
 #include "bench/runtime/ComposedCases.h"
 #include "bench/runtime/Figures.h"
+#include "bench/runtime/MeasuringProgram.h"
 #include "bench/runtime/OptionText.h"
 #include "kelm/engine/CpuWindowBackend.h"
 
@@ -158,13 +157,7 @@ void runAll(const Options& options) {
 
 int main(int argc, char** argv) {
     using namespace Lumenar::Core::Kelm;
-    try {
-        runAll(parseOptions({argv + (argc > 0 ? 1 : 0), argv + argc}));
-        return EXIT_SUCCESS;
-    } catch (const std::invalid_argument& failure) {
-        std::fprintf(stderr, "kelm-long-run: %s\n%s", failure.what(), usage_text);
-    } catch (const std::exception& failure) {
-        std::fprintf(stderr, "kelm-long-run: %s\n", failure.what());
-    }
-    return EXIT_FAILURE;
+    return runMeasuringProgram(
+        "kelm-long-run", argc, argv, [](const auto& arguments) { runAll(parseOptions(arguments)); },
+        [] { std::fputs(usage_text, stderr); });
 }

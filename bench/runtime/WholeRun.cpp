@@ -5,8 +5,6 @@
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
-#include <exception>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -16,6 +14,7 @@
 
 #include "bench/runtime/Figures.h"
 #include "bench/runtime/MeasuringProcess.h"
+#include "bench/runtime/MeasuringProgram.h"
 #include "bench/runtime/OptionText.h"
 #include "bench/runtime/WorkRecorder.h"
 #include "gate/BenchmarkWorkload.h"
@@ -369,13 +368,8 @@ void runAll(const Options& options) {
 
 int main(int argc, char** argv) {
     using namespace Lumenar::Core::Kelm;
-    try {
-        runAll(parseOptions({argv + (argc > 0 ? 1 : 0), argv + argc}));
-        return EXIT_SUCCESS;
-    } catch (const std::invalid_argument& failure) {
-        std::fprintf(stderr, "kelm-whole-run: %s\n%s", failure.what(), usage_text);
-    } catch (const std::exception& failure) {
-        std::fprintf(stderr, "kelm-whole-run: %s\n", failure.what());
-    }
-    return EXIT_FAILURE;
+    return runMeasuringProgram(
+        "kelm-whole-run", argc, argv,
+        [](const auto& arguments) { runAll(parseOptions(arguments)); },
+        [] { std::fputs(usage_text, stderr); });
 }

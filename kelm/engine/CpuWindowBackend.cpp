@@ -6,35 +6,24 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// The terms of the parameters met last: neurons are mostly alike.
-struct RecentTerms {
-    bool known = false;
-    Kernel::Neuron neuron;
-    Kernel::Firing firing;
-    Kernel::ModelTerms terms;
-
-    const Kernel::ModelTerms& of(const WindowWork& item) {
-        // By their bytes: equal numbers can be other bits, and a NaN equals nothing.
-        if (!known || std::memcmp(&item.parameters, &neuron, sizeof(Kernel::Neuron)) != 0 ||
-            std::memcmp(&item.firing, &firing, sizeof(Kernel::Firing)) != 0) {
-            neuron = item.parameters;
-            firing = item.firing;
-            terms = Kernel::modelTerms(neuron, firing);
-            known = true;
-        }
-        return terms;
-    }
-};
+/// By their bytes: equal numbers can be other bits, and a NaN equals nothing.
+bool haveEqualParameters(const WindowWork& a, const WindowWork& b) {
+    return std::memcmp(&a.parameters, &b.parameters, sizeof(Kernel::Neuron)) == 0 &&
+           std::memcmp(&a.firing, &b.firing, sizeof(Kernel::Firing)) == 0;
+}
 
 }  // namespace
 
 void processItems(std::span<const WindowWork> work, std::span<const Kernel::WindowEvent> events,
                   ModelTime window_end, ModelTime horizon,
                   std::span<Kernel::WindowResult> results) {
-    RecentTerms terms;
+    Kernel::ModelTerms terms;
     for (std::size_t i = 0; i < work.size(); ++i) {
-        results[i] =
-            Kernel::processWindow(work[i], terms.of(work[i]), events.data(), window_end, horizon);
+        const WindowWork& item = work[i];
+        if (i == 0 || !haveEqualParameters(item, work[i - 1])) {
+            terms = Kernel::modelTerms(item.parameters, item.firing);
+        }
+        results[i] = Kernel::processWindow(item, terms, events.data(), window_end, horizon);
     }
 }
 

@@ -106,7 +106,7 @@ void BucketEventStore::place(const Event& event, std::int64_t bucket) {
 }
 
 void BucketEventStore::scheduleCandidate(NodeId neuron, ModelTime time, double rate) {
-    CandidateSlot& slot = candidates_.slots()[neuron];
+    CandidateSlot& slot = slots_[neuron];
     if (slots_name_events_ && slot.event_id != no_event && !candidates_.isPending(neuron)) {
         // Beyond the last window, or, in a forged state, somebody else's event.
         cancel(slot.event_id);
@@ -314,9 +314,8 @@ void BucketEventStore::forEachLive(Visit visit) const {
     forEachEntry([&](const auto& record) {
         if (isLive(record.id)) visit(unpackedEvent(record));
     });
-    const std::span<const CandidateSlot> slots = candidates_.slots();
-    for (NodeId neuron = 0; neuron < slots.size(); ++neuron) {
-        if (candidates_.isPending(neuron)) visit(candidateEvent(neuron, slots[neuron]));
+    for (NodeId neuron = 0; neuron < slots_.size(); ++neuron) {
+        if (candidates_.isPending(neuron)) visit(candidateEvent(neuron, slots_[neuron]));
     }
 }
 
@@ -348,11 +347,11 @@ bool BucketEventStore::readHeader(BlobReader& in, Header& header) {
 
 /// Keeps an event as the candidate of its neuron's slot, if that is what it is.
 bool BucketEventStore::claimCandidate(const Event& event, std::int64_t bucket) {
-    if (event.kind != EventKind::candidate || event.target >= candidates_.slots().size() ||
+    if (event.kind != EventKind::candidate || event.target >= slots_.size() ||
         !isTimeOfWindow(bucket)) {
         return false;
     }
-    const CandidateSlot& slot = candidates_.slots()[event.target];
+    const CandidateSlot& slot = slots_[event.target];
     const Event expected = candidateEvent(event.target, slot);
     if (candidates_.isPending(event.target) || std::memcmp(&event, &expected, sizeof(Event)) != 0) {
         return false;
@@ -376,7 +375,7 @@ bool BucketEventStore::restore(BlobView blob, std::span<CandidateSlot> slots) {
     restored.cursor_ = header.cursor;
     restored.started_ = header.started;
     restored.next_id_ = header.next_id;
-    restored.candidates_.attach(slots);
+    restored.holdCandidates(slots);
     PendingIds seen;
     for (std::uint64_t i = 0; i < header.event_count; ++i) {
         BlobView image;

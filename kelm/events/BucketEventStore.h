@@ -5,6 +5,7 @@
 #include <span>
 #include <vector>
 
+#include "kelm/events/CandidateSlot.h"
 #include "kelm/events/CandidateTree.h"
 #include "kelm/events/ChunkPool.h"
 #include "kelm/events/IEventStore.h"
@@ -38,11 +39,7 @@ public:
     /// Takes a copy of the event and gives it the next id.
     /// Throws LookaheadViolation for a time in a window already handed out, or before 0.
     std::uint64_t post(const Event& event) override {
-        const auto offset =
-            static_cast<std::uint64_t>(event.time) - static_cast<std::uint64_t>(recent_.start);
-        if (offset >= recent_.width || dead_count_ > live_count_ + min_sweep) {
-            return postSlowly(event);
-        }
+        if (!followsLast(event.time)) return postSlowly(event);
         // Whatever can fail comes before the first change.
         if (ids_known_) live_.reserve(next_id_);
         append(*recent_.bucket, event) = next_id_;
@@ -51,11 +48,7 @@ public:
 
     /// post of a delivery that is packed already. Its id is not looked at.
     std::uint64_t postPacked(const PackedDelivery& delivery) {
-        const auto offset =
-            static_cast<std::uint64_t>(delivery.time) - static_cast<std::uint64_t>(recent_.start);
-        if (offset >= recent_.width || dead_count_ > live_count_ + min_sweep) {
-            return postSlowly(delivery.unpacked());
-        }
+        if (!followsLast(delivery.time)) return postSlowly(delivery.unpacked());
         if (ids_known_) live_.reserve(next_id_);
         delivery_pool_.append(recent_.bucket->deliveries, delivery).id = next_id_;
         return notePost();
@@ -91,7 +84,10 @@ public:
     /// event: one candidate per neuron, scheduled by scheduleCandidate. The slots are the caller's
     /// and must stay where they are until others are given. Ids, order and snapshot are those of
     /// candidates that are cancelled and posted as events.
-    void holdCandidates(std::span<CandidateSlot> slots) { candidates_.attach(slots); }
+    void holdCandidates(std::span<CandidateSlot> slots) {
+        candidates_.reset(slots.size());
+        slots_ = slots;
+    }
 
     /// Replaces a neuron's candidate: cancels the event in its slot, if that is still pending, and
     /// posts one for `time` ns, drawn under `rate`, unless the time is negative.
@@ -167,6 +163,12 @@ private:
         return static_cast<std::uint64_t>(bucket - cursor_) >= bucket_count_;
     }
     static bool readHeader(BlobReader& in, Header& header);
+    /// Whether an event of that time goes where the last post has gone, and nothing else is due.
+    bool followsLast(ModelTime time) const {
+        const auto offset =
+            static_cast<std::uint64_t>(time) - static_cast<std::uint64_t>(recent_.start);
+        return offset < recent_.width && dead_count_ <= live_count_ + min_sweep;
+    }
     /// The event that has just been stored has the next id.
     std::uint64_t notePost() noexcept {
         if (ids_known_) live_.insert(next_id_);
@@ -229,7 +231,8 @@ private:
     std::uint64_t occupied_count_ = 0;
     std::map<std::int64_t, Bucket> eras_;  ///< by bucket / bucket_count, from the cursor's on
     Bucket handed_out_;                    ///< the last window's entries
-    CandidateTree candidates_;
+    std::span<CandidateSlot> slots_;       ///< shape (neurons); the caller's
+    CandidateTree candidates_;             ///< those in slots_
     bool ids_known_ = false;
     PendingIds live_;  ///< ids of pending events, candidates in slots apart, if ids_known_
     /// Whether a candidate's slot may hold the id of an event that has come in through post.
@@ -281,7 +284,7 @@ std::uint64_t BucketEventStore::takeSlot(Window& window) {
     }
 
     // From here on nothing can fail.
-    window.addCandidates(due, candidates_.slots());
+    window.addCandidates(due, slots_);
     std::uint64_t dead = 0;
     const auto hand_out = [&](auto records) {
         if (!ids_known_) {

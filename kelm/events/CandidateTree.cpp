@@ -2,12 +2,12 @@
 
 namespace Lumenar::Core::Kelm {
 
-void CandidateTree::attach(std::span<CandidateSlot> slots) {
+void CandidateTree::reset(std::uint64_t neurons) {
     Block empty;
     std::fill_n(empty.entries, block_size, never);
     std::vector<std::size_t> levels;
     std::size_t block_count = 0;
-    std::size_t entries = slots.size();
+    std::size_t entries = neurons;
     do {
         levels.push_back(block_count);
         entries = (entries + block_size - 1) / block_size;
@@ -18,7 +18,6 @@ void CandidateTree::attach(std::span<CandidateSlot> slots) {
     levels_.swap(levels);
     due_.clear();
     pending_count_ = 0;
-    slots_ = slots;
 }
 
 /// The earliest time under a block, exactly. The child with the lowest bound either holds it or has

@@ -10,7 +10,6 @@
 #include "kelm/core/LargePages.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/core/Prefetch.h"
-#include "kelm/events/CandidateSlot.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -23,14 +22,13 @@ namespace Lumenar::Core::Kelm {
 /// far as it lies below them; one that is put off leaves them where they are, too low, until a
 /// search for what is due comes by and sets them right.
 ///
-/// Borrows the slots, which it does not read.
+/// Knows of a candidate no more than its time.
 class CandidateTree {
 public:
-    /// Holds the candidates of `slots`, shape (neurons), from now on; none of them is pending. May
-    /// throw std::bad_alloc, with nothing changed.
-    void attach(std::span<CandidateSlot> slots);
+    /// Begins anew for as many neurons, with nothing pending. May throw std::bad_alloc, with
+    /// nothing changed.
+    void reset(std::uint64_t neurons);
 
-    std::span<CandidateSlot> slots() const { return slots_; }
     bool isPending(NodeId neuron) const { return timeOf(neuron) != never; }
     std::uint64_t pendingCount() const { return pending_count_; }
 
@@ -95,7 +93,6 @@ private:
     ModelTime firstOf(std::size_t level, std::size_t index) noexcept;
     ModelTime findDue(std::size_t level, std::size_t index, ModelTime end);
 
-    std::span<CandidateSlot> slots_;
     LargeArray<Block> blocks_;         ///< level by level; of level 0, shape (neurons), times
     std::vector<std::size_t> levels_;  ///< where each begins in blocks_; the last one has one block
     std::vector<NodeId> due_;          ///< what take has found last

@@ -8,7 +8,6 @@
 #include <map>
 #include <memory>
 #include <new>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -64,53 +63,12 @@ TEST(CandidateTree, LeavesTheBytesOfCandidatesThatAreEvents) {
     EXPECT_GT(restores, 200);
 }
 
-TEST(CandidateTree, FindsWhatIsDueAmongCandidatesThatArePutForwardAndOff) {
-    // Two levels and a bit.
-    constexpr std::uint64_t neurons = 300;
-    BucketEventStore store(10, 8);
-    std::vector<CandidateSlot> slots(neurons);
-    store.holdCandidates(slots);
-    Draws draws(1);
-    std::vector<Event> events;
-    ModelTime start = 0;
-    ModelTime end = 0;
-    store.scheduleCandidate(0, 0, 1.0);
-    ASSERT_TRUE(store.take(10, events, start, end));
-    store.scheduleCandidate(0, no_time, 0.0);
-    ModelTime now = end;  // no window before it is asked for again
-    for (int round = 0; round < 20'000; ++round) {
-        const NodeId neuron = draws.below(neurons);
-        const ModelTime distance = draws.oneOf<ModelTime>({1'000'000'000, 1'000'000'000, 200});
-        store.scheduleCandidate(neuron, now + distance + draws.timeBelow(1000), 1.0);
-        if (!draws.oneIn(50)) store.scheduleCandidate(neuron, now + draws.timeBelow(79), 2.0);
-        if (draws.oneIn(2)) continue;
-        std::map<std::int64_t, std::set<NodeId>> due;  // by bucket
-        for (NodeId n = 0; n < neurons; ++n) {
-            if (slots[n].event_id != no_event) due[slots[n].time / 10].insert(n);
-        }
-        const ModelTime until = now + 100;
-        const bool given = store.take(until, events, start, end);
-        ASSERT_EQ(given, due.begin()->first * 10 < until);
-        now = given ? end : until;
-        std::set<NodeId> taken;
-        for (const Event& event : events) {
-            taken.insert(event.target);
-            ASSERT_EQ(event.time, slots[event.target].time);
-            ASSERT_EQ(event.value, slots[event.target].rate);
-            ASSERT_EQ(event.id, slots[event.target].event_id);
-            store.scheduleCandidate(event.target, no_time, 0.0);
-        }
-        ASSERT_EQ(taken, events.empty() ? std::set<NodeId>() : due.begin()->second);
-    }
-}
-
 TEST(CandidateTree, HoldsItsBoundsAtTheBordersOfItsLevelsAndWhereTakingFails) {
     for (const std::uint64_t neurons : {0U, 1U, 16U, 17U, 256U, 257U, 4097U}) {
         SCOPED_TRACE(neurons);
         Draws draws(neurons);
         CandidateTree tree;
-        std::vector<CandidateSlot> slots(neurons);
-        tree.attach(slots);
+        tree.reset(neurons);
         std::map<NodeId, ModelTime> expected;
         for (ModelTime now = 0; now < 3000; now += 10) {
             for (std::uint64_t i = 0; neurons != 0 && i < neurons / 20 + 1; ++i) {

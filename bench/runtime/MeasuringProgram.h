@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <stdexcept>
+#include <string_view>
+#include <vector>
+
+namespace Lumenar::Core::Kelm {
+
+/// What main of a measuring program does: it calls run(arguments), without the program's name, and
+/// tells of what is thrown, with print_usage() behind an argument that makes no sense. Returns the
+/// exit status.
+template <class Run, class PrintUsage>
+int runMeasuringProgram(const char* name, int argc, char** argv, Run run, PrintUsage print_usage) {
+    try {
+        run(std::vector<std::string_view>(argv + (argc > 0 ? 1 : 0), argv + argc));
+        return EXIT_SUCCESS;
+    } catch (const std::invalid_argument& failure) {
+        std::fprintf(stderr, "%s: %s\n", name, failure.what());
+        print_usage();
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "%s: %s\n", name, failure.what());
+    }
+    return EXIT_FAILURE;
+}
+
+}  // namespace Lumenar::Core::Kelm
