@@ -798,7 +798,8 @@ def plant(root, copy, sources, mistakes):
     planted = {s.path for s in sources if any(h.mistakes for h in all_hosts(s.hosts))}
     wanted = {"kelm/core/KelmMistake.h"}
     for name in filter(None, tracked):
-        if name.split("/")[0] not in ("CMakeLists.txt", "cmake", "kelm", "gate", "tests"):
+        if name.split("/")[0] not in ("CMakeLists.txt", "cmake", "fuzz", "kelm", "gate",
+                                      "tests"):
             continue
         if not (root / name).is_file():
             continue
@@ -847,7 +848,8 @@ def culprits(output, copy):
 PROGRAMS = ["core", "kernel", "events", "events-memory", "network", "engine",
             "engine-steady-state", "runtime", "cuda", "lanes", "threads", "gate", "gate-fault",
             "faults"]
-GATE = "kelmgate-emulated"
+# Programs that are one test each, with their arguments: a verdict is status 0.
+WHOLE_PROGRAMS = {"gate-run": ["kelmgate-emulated"], "soak-run": ["kelm-soak", "--models", "100"]}
 
 
 def nice(limit_bytes=None, limit_s=None):
@@ -952,9 +954,7 @@ class Workshop:
         return True
 
     def program(self, name):
-        if name == "gate-run":
-            return next(self.build_folder.rglob(GATE), None)
-        file = "kelm-" + name + "-tests"
+        file = WHOLE_PROGRAMS[name][0] if name in WHOLE_PROGRAMS else "kelm-" + name + "-tests"
         return next((p for p in self.build_folder.rglob(file) if p.is_file()), None)
 
     def run(self, program, tests, mistake, seconds, reached=None):
@@ -964,7 +964,9 @@ class Workshop:
         if reached:
             environment["KELM_REACHED"] = str(reached)
         command = [str(self.program(program))]
-        if program != "gate-run":
+        if program in WHOLE_PROGRAMS:
+            command += WHOLE_PROGRAMS[program][1:]
+        else:
             command += ["--gtest_fail_fast", "--gtest_brief=1", "--gtest_color=no",
                         "--gtest_catch_exceptions=1", "--gtest_filter=" + ":".join(tests)]
         process = subprocess.Popen(command, cwd=self.folder, env=environment, text=True,
@@ -987,7 +989,7 @@ class Workshop:
         return f"(status {process.returncode}) " + " ".join(tests[:3])
 
     def tests_of(self, name):
-        if name == "gate-run":
+        if name in WHOLE_PROGRAMS:
             return ["verdict"]
         listing = subprocess.run([str(self.program(name)), "--gtest_list_tests"],
                                  capture_output=True, text=True, check=True).stdout
@@ -1007,7 +1009,7 @@ class Workshop:
             return
         self.state["reach"] = {"digest": wanted, "tests": {}}
         file = self.folder / "reached"
-        for name in PROGRAMS + ["gate-run"]:
+        for name in PROGRAMS + list(WHOLE_PROGRAMS):
             if self.program(name) is None:
                 continue
             for test in self.tests_of(name):
@@ -1026,7 +1028,7 @@ class Workshop:
 
     def test_digest(self):
         digest = hashlib.sha256(str([m.key for m in self.mistakes]).encode())
-        for name in PROGRAMS + ["gate-run"]:
+        for name in PROGRAMS + list(WHOLE_PROGRAMS):
             path = self.program(name)
             if path is not None:
                 digest.update(path.read_bytes())
