@@ -9,9 +9,9 @@
 #include <string_view>
 #include <vector>
 
+#include "compare/FirstDifference.h"
 #include "fuzz/SoakModel.h"
 #include "kelm/engine/IWindowBackend.h"
-#include "tests/support/FirstDifference.h"
 
 // One generated model, run in every way that there is: on every backend, over other event stores,
 // whole on a device, unwatched, and cut into pieces that fresh objects on other backends carry on.
@@ -37,7 +37,7 @@ struct Tally {
 };
 
 /// A run of a model that tells what it came to.
-class SoakRun : public Testing::CarriedRun {
+class SoakRun : public Compare::CarriedRun {
 public:
     virtual Tally tally() = 0;
 
@@ -48,9 +48,9 @@ protected:
 /// Two ways of running a model that differ.
 struct Finding {
     std::string way;  ///< which differs from the reference, "cpu"
-    Testing::FirstDifference difference;
+    Compare::FirstDifference difference;
     SoakModel smallest;
-    Testing::FirstDifference smallest_difference;
+    Compare::FirstDifference smallest_difference;
 };
 
 /// The ways of running a model. One at a time in a program: it turns the controls of the emulated
@@ -77,7 +77,7 @@ public:
     std::unique_ptr<SoakRun> start(const SoakModel& model, const std::string& way);
 
     /// Where two ways of running a model part.
-    std::optional<Testing::FirstDifference> compare(const SoakModel& model, const std::string& left,
+    std::optional<Compare::FirstDifference> compare(const SoakModel& model, const std::string& left,
                                                     const std::string& right);
 
     /// Runs the model in every way, or in the reference's and one other; the first way that differs

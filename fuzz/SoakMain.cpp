@@ -21,8 +21,8 @@
 #include <string_view>
 #include <vector>
 
+#include "compare/BlobLayout.h"
 #include "fuzz/Soak.h"
-#include "tests/support/BlobLayout.h"
 
 namespace {
 
@@ -91,7 +91,7 @@ Blob bytesOf(const std::string& path) {
 }
 
 int compareFiles(const std::string& left, const std::string& right) {
-    const auto found = Testing::blobDifference("bytes", bytesOf(left), bytesOf(right));
+    const auto found = Compare::blobDifference("bytes", bytesOf(left), bytesOf(right));
     std::printf("%s\n", found ? found->text().c_str() : "no difference");
     return found ? 1 : 0;
 }

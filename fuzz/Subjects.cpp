@@ -2,8 +2,8 @@
 
 #include <utility>
 
+#include "compare/BlobLayout.h"
 #include "kelm/engine/CpuWindowBackend.h"
-#include "tests/support/BlobLayout.h"
 #include "tests/support/Draws.h"
 
 namespace Lumenar::Core::Kelm::Fuzzing {
@@ -20,13 +20,13 @@ std::unique_ptr<IEventStore> ownStore() {
 }
 
 /// A nested blob of a checkpoint, without its length.
-Blob nested(const Testing::BlobLayout& layout, const char* field, std::uint64_t length) {
+Blob nested(const Compare::BlobLayout& layout, const char* field, std::uint64_t length) {
     const BlobView bytes = BlobView(layout.bytes()).subspan(layout.begin(field) + 8, length);
     return {bytes.begin(), bytes.end()};
 }
 
 void addSnapshots(KelmRuntime& runtime, std::vector<Seed>& seeds) {
-    const Testing::BlobLayout layout(runtime.checkpoint());
+    const Compare::BlobLayout layout(runtime.checkpoint());
     seeds.push_back({"Checkpoint", layout.bytes()});
     for (const auto& [reader, field] :
          {std::pair("WindowEngine", "engine"), std::pair("RandomContext", "random"),

@@ -59,9 +59,9 @@ FOLDERS = {
 OWN_PROGRAMS = {
     "kelm/core": ["core"],
     "kelm/kernel": ["kernel"],
-    "kelm/events": ["events", "events-memory"],
+    "kelm/events": ["events"],
     "kelm/network": ["network"],
-    "kelm/engine": ["engine", "engine-steady-state"],
+    "kelm/engine": ["engine"],
     "kelm/runtime": ["runtime"],
     "kelm/lanes": ["lanes"],
     "kelm/threads": ["threads"],
@@ -798,8 +798,8 @@ def plant(root, copy, sources, mistakes):
     planted = {s.path for s in sources if any(h.mistakes for h in all_hosts(s.hosts))}
     wanted = {"kelm/core/KelmMistake.h"}
     for name in filter(None, tracked):
-        if name.split("/")[0] not in ("CMakeLists.txt", "cmake", "fuzz", "kelm", "gate",
-                                      "tests"):
+        if name.split("/")[0] not in ("CMakeLists.txt", "cmake", "compare", "fuzz", "gate",
+                                      "kelm", "tests"):
             continue
         if not (root / name).is_file():
             continue
@@ -845,9 +845,8 @@ def culprits(output, copy):
 
 # --- Building and running -----------------------------------------------------------------------
 
-PROGRAMS = ["core", "kernel", "events", "events-memory", "network", "engine",
-            "engine-steady-state", "runtime", "cuda", "lanes", "threads", "gate", "gate-fault",
-            "faults"]
+PROGRAMS = ["core", "kernel", "events", "network", "engine", "runtime", "cuda", "lanes",
+            "threads", "gate", "gate-fault", "faults"]
 # Programs that are one test each, with their arguments: a verdict is status 0.
 WHOLE_PROGRAMS = {"gate-run": ["kelmgate-emulated"], "soak-run": ["kelm-soak", "--models", "100"]}
 

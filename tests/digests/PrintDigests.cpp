@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "compare/RunImage.h"
 #include "gate/ModelCatalogue.h"
 #include "kelm/core/Digest.h"
 #include "kelm/cuda/CudaWindowBackend.h"
@@ -17,11 +18,12 @@
 #include "kelm/lanes/LaneCpuBackend.h"
 #include "kelm/runtime/KelmRuntime.h"
 #include "tests/support/ComposedModel.h"
-#include "tests/support/RunImage.h"
 
 namespace Lumenar::Core::Kelm::Testing {
 
 namespace {
+
+using namespace Compare;
 
 constexpr std::uint64_t catalogue_seeds = 5;
 constexpr std::uint64_t composed_models = 40;

@@ -12,17 +12,18 @@
 #include <utility>
 #include <vector>
 
+#include "compare/RunImage.h"
 #include "kelm/core/Failures.h"
 #include "kelm/engine/CpuWindowBackend.h"
 #include "tests/engine/ScriptedBackend.h"
 #include "tests/support/ExpectThrows.h"
 #include "tests/support/PlainStore.h"
-#include "tests/support/RunImage.h"
 
 namespace Lumenar::Core::Kelm {
 
 namespace {
 
+using namespace Compare;
 using namespace Testing;
 using Neurons = std::vector<Kernel::Neuron>;
 using Firings = std::vector<Kernel::Firing>;
@@ -291,18 +292,18 @@ Kernel::WindowResult play(const WindowWork& item, ModelTime window_end) {
         result.next_candidate = item.neuron == 0 ? 12 : 35;
         result.next_bound = 64.0;
     }
-    if (window_end == 30) result.next_candidate = 37;
+    if (window_end == 30) result.next_candidate = 47;
     return result;
 }
 
 TEST(WindowHooks, AreCalledAtTheirPlacesInTheOrderOfAWindow) {
     Trace trace;
     WindowEngine engine(SynapseGraph(3, 10, {{0, 1, 0.5F, 10}, {0, 2, 0.5F, 15}, {2, 0, 0.5F, 10}}),
-                        Kernel::Neuron(), silent_firing, 1, 50,
+                        Kernel::Neuron(), silent_firing, 1, 60,
                         std::make_unique<TracingStore>(trace));
     TracingHooks hooks(trace, engine);
     engine.setHooks(&hooks, &hooks, &hooks);
-    for (const ModelTime time : {45, 10, 7}) engine.declareObserverEvent(inputAt(time, 0));
+    for (const ModelTime time : {55, 38, 10, 7}) engine.declareObserverEvent(inputAt(time, 0));
     engine.post(inputAt(5, 2, 1.0));
     engine.post(inputAt(3, 0, 2.0));
     engine.post(inputAt(3, 0, 3.0));
@@ -339,13 +340,14 @@ TEST(WindowHooks, AreCalledAtTheirPlacesInTheOrderOfAWindow) {
         "prepare 20 to 30: 1 items; mark 1, 3 spikes",
         "compute 2: 0.5@23",
         "cancel 8",
-        "post 9: candidate 2->2 at 37",
+        "post 9: candidate 2->2 at 47",
         "commit 20 to 30; mark 1, 3 spikes",
-        "prepare 30 to 40: 1 items; mark 1, 3 spikes",
-        "compute 2: wake 64@37",
+        "observe 38",
+        "prepare 40 to 50: 1 items; mark 1, 3 spikes",
+        "compute 2: wake 64@47",
         "cancel 9, too late",
-        "commit 30 to 40; mark 1, 3 spikes",
-        "observe 45",
+        "commit 40 to 50; mark 1, 3 spikes",
+        "observe 55",
     };
     EXPECT_EQ(trace, expected);
     EXPECT_EQ(engine.profile(), (WindowProfile{4, 9, 0, 0, 0}));

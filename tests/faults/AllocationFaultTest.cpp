@@ -173,38 +173,6 @@ TEST_F(AllocationFault, LeavesAGraphAsItWas) {
         "last change", arrange, [](SynapseGraph& graph) { graph.lastChange(1) = 17; }, image);
 }
 
-TEST_F(AllocationFault, LeavesAStoreAsItWas) {
-    const auto arrange = [] {
-        auto store = std::make_unique<BucketEventStore>(100, 8);
-        for (std::uint64_t i = 0; i < 60; ++i) {
-            const auto time = static_cast<ModelTime>(i * i * 13 % 9000);
-            store->post(Event{.time = time,
-                              .kind = i % 2 != 0 ? EventKind::input : EventKind::delivery,
-                              .target = i});
-        }
-        std::vector<Event> window;
-        ModelTime start = 0;
-        ModelTime end = 0;
-        EXPECT_TRUE(store->take(9000, window, start, end));
-        return store;
-    };
-    const auto image = [](BucketEventStore& store) { return store.snapshot(); };
-    expectClean("construction", arrange,
-                [](BucketEventStore&) { BucketEventStore store(100, 64); });
-    expectUnchanged("snapshot", arrange, image, image);
-    expectUnchanged(
-        "restore", arrange,
-        [stored = image(*arrange())](BucketEventStore& store) {
-            EXPECT_TRUE(store.restore(stored));
-        },
-        image);
-    for (const ModelTime time : {200, 800'000}) {
-        expectUnchanged(
-            "post", arrange, [=](BucketEventStore& store) { store.post(Event{.time = time}); },
-            image);
-    }
-}
-
 TEST_F(AllocationFault, LeavesAnEngineAsItWas) {
     const GeneratedModel model = smallModel(5);
     ASSERT_FALSE(model.inputs.empty());
@@ -345,7 +313,7 @@ TEST_F(AllocationFault, LeavesARuntimeAsItWas) {
         runtime->run(horizon / 2);
         return runtime;
     };
-    // What no checkpoint holds, too: names, groups in force, who belongs to which rhythm.
+    // What no checkpoint holds, too: groups in force, who belongs to which rhythm.
     const auto image = [&](KelmRuntime& runtime) {
         Blob blob = runtime.checkpoint();
         for (NodeId n = 0; n < model.network.node_count; ++n) {
@@ -353,10 +321,6 @@ TEST_F(AllocationFault, LeavesARuntimeAsItWas) {
             for (const PhaseSample& phase : runtime.oscillators()->neuronPhases(n, horizon)) {
                 appendImage(blob, phase);
             }
-        }
-        for (const ErrorChannel& channel : runtime.prediction()->channels()) {
-            appendBytes(blob, channel.name.data(), channel.name.size());
-            appendSequence(blob, channel.targets);
         }
         return blob;
     };
@@ -383,10 +347,6 @@ TEST_F(AllocationFault, LeavesARuntimeAsItWas) {
         {"channel",
          [](KelmRuntime& r) {
              r.inputChannels()->addChannel({"a channel whose name takes memory", 1, {0}, 0, 1.0});
-         }},
-        {"error channel",
-         [](KelmRuntime& r) {
-             r.prediction()->addErrorChannel({"an error whose name takes memory", {0, 1, 1}});
          }},
         {"predictor",
          [](KelmRuntime& r) {
@@ -421,6 +381,32 @@ TEST_F(AllocationFault, LeavesARuntimeAsItWas) {
     expectUnchanged(
         "restore", arrange,
         [stored = later->checkpoint()](KelmRuntime& r) { EXPECT_TRUE(r.restore(stored)); }, image);
+}
+
+TEST_F(AllocationFault, LeavesABankOfAnySizeAsItWas) {
+    const auto image = [](const PredictionBank& bank) {
+        Blob blob;
+        for (const ErrorChannel& channel : bank.channels()) {
+            appendBytes(blob, channel.name.data(), channel.name.size());
+            appendSequence(blob, channel.targets);
+        }
+        for (NodeId n = 0; n < 3; ++n) appendF64(blob, bank.errorBound(n));
+        return blob;
+    };
+    // Of different sizes, so that each list is once without room for one more.
+    for (int size = 0; size < 5; ++size) {
+        expectUnchanged(
+            "error channel",
+            [&] {
+                auto bank = std::make_unique<PredictionBank>(3);
+                for (int i = 0; i < size; ++i) bank->addErrorChannel({std::to_string(i), {0, 2}});
+                return bank;
+            },
+            [](PredictionBank& bank) {
+                bank.addErrorChannel({"an error whose name takes memory", {0, 1, 1}});
+            },
+            image);
+    }
 }
 
 TEST_F(AllocationFault, CountsAnInjectionOnceAndPostsEachEventOnce) {

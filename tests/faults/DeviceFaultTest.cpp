@@ -14,6 +14,7 @@
 #include <typeinfo>
 #include <vector>
 
+#include "compare/RunImage.h"
 #include "kelm/core/Failures.h"
 #include "kelm/cuda/CudaWindowBackend.h"
 #include "kelm/cuda/LookaheadCudaTesting.h"
@@ -23,12 +24,12 @@
 #include "tests/faults/FailingAllocation.h"
 #include "tests/support/EmulatedDeviceFixture.h"
 #include "tests/support/GeneratedModel.h"
-#include "tests/support/RunImage.h"
 
 namespace Lumenar::Core::Kelm {
 
 namespace {
 
+using namespace Compare;
 using namespace Testing;
 
 /// A piece of work on a device that stands ready.

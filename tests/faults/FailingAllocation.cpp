@@ -6,12 +6,16 @@
 #include <cstdlib>
 #include <new>
 
+#include <malloc.h>
+
 namespace {
 
 // Allocations from here on to the one that fails; below 0 once it has, or where none is to.
 std::atomic<std::int64_t> allocations_left = -1;
 std::atomic<bool> armed = false;
+std::atomic<std::uint64_t> allocation_count = 0;
 std::atomic<std::int64_t> live_blocks = 0;
+std::atomic<std::int64_t> live_bytes = 0;
 
 // Null for the allocation that is to fail, and where there is no memory.
 void* allocate(std::size_t bytes, std::size_t alignment) noexcept {
@@ -19,7 +23,10 @@ void* allocate(std::size_t bytes, std::size_t alignment) noexcept {
     void* block = alignment <= alignof(std::max_align_t)
                       ? std::malloc(std::max<std::size_t>(bytes, 1))
                       : std::aligned_alloc(alignment, (bytes / alignment + 1) * alignment);
-    if (block != nullptr) ++live_blocks;
+    if (block == nullptr) return nullptr;
+    ++allocation_count;
+    ++live_blocks;
+    live_bytes += static_cast<std::int64_t>(malloc_usable_size(block));
     return block;
 }
 
@@ -31,6 +38,7 @@ void* allocateOrThrow(std::size_t bytes, std::size_t alignment) {
 void release(void* block) noexcept {
     if (block == nullptr) return;
     --live_blocks;
+    live_bytes -= static_cast<std::int64_t>(malloc_usable_size(block));
     std::free(block);
 }
 
@@ -97,6 +105,10 @@ bool failNoAllocation() {
     return allocations_left < 0;
 }
 
+std::uint64_t allocationCount() { return allocation_count; }
+
 std::int64_t liveBlocks() { return live_blocks; }
+
+std::int64_t liveBytes() { return live_bytes; }
 
 }  // namespace Lumenar::Core::Kelm::Testing

@@ -15,7 +15,11 @@ void failAllocation(std::uint64_t n);
 /// No allocation fails any longer. True where the one that was to fail has come and failed.
 bool failNoAllocation();
 
-/// Blocks allocated and not released.
+/// Blocks allocated since the program started.
+std::uint64_t allocationCount();
+
+/// Blocks allocated and not released, and how many bytes they hold.
 std::int64_t liveBlocks();
+std::int64_t liveBytes();
 
 }  // namespace Lumenar::Core::Kelm::Testing

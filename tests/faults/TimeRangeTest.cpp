@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "compare/RunImage.h"
 #include "kelm/core/Failures.h"
 #include "kelm/cuda/CudaWindowBackend.h"
 #include "kelm/cuda/LookaheadCudaTesting.h"
@@ -23,12 +24,12 @@
 #include "tests/support/EmulatedDeviceFixture.h"
 #include "tests/support/ExpectThrows.h"
 #include "tests/support/GeneratedModel.h"
-#include "tests/support/RunImage.h"
 
 namespace Lumenar::Core::Kelm {
 
 namespace {
 
+using namespace Compare;
 using namespace Testing;
 
 // What a time would be if its range had no ends.

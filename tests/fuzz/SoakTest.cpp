@@ -21,6 +21,7 @@ namespace Lumenar::Core::Kelm::Fuzzing {
 
 namespace {
 
+using namespace Compare;
 using namespace Testing;
 
 /// The reference, but for one result of one window.

@@ -9,18 +9,19 @@
 #include <sstream>
 #include <string>
 
+#include "compare/RunImage.h"
 #include "gate/GateRun.h"
 #include "kelm/core/Digest.h"
 #include "kelm/cuda/CudaWindowBackend.h"
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/runtime/KelmRuntime.h"
 #include "tests/support/EmulatedDeviceFixture.h"
-#include "tests/support/RunImage.h"
 
 namespace Lumenar::Core::Kelm::Gate {
 
 namespace {
 
+using namespace Compare;
 using namespace Testing;
 
 /// What a run has left behind, as the golden table tells it.

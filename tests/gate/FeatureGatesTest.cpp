@@ -10,12 +10,12 @@
 #include <utility>
 #include <vector>
 
+#include "compare/BlobLayout.h"
 #include "gate/ModelCatalogue.h"
 #include "kelm/core/Failures.h"
 #include "kelm/cuda/CudaWindowBackend.h"
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/runtime/KelmRuntime.h"
-#include "tests/support/BlobLayout.h"
 #include "tests/support/EmulatedDeviceFixture.h"
 #include "tests/support/SameBits.h"
 
@@ -23,6 +23,7 @@ namespace Lumenar::Core::Kelm::Gate {
 
 namespace {
 
+using namespace Compare;
 using namespace Testing;
 
 /// The features on catalogue models. The values of whole runs are those that are documented for

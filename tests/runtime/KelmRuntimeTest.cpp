@@ -191,7 +191,7 @@ TEST_F(KelmRuntimeTest, ReadsPhasesAtTheWindowsStartBehindTheCouplingUpToIt) {
 // be stopped at any moment.
 TEST_F(KelmRuntimeTest, SamplesOnTheGridBelowTheHorizonWhatAnEngineShowsThatStopsThere) {
     recorder = RecorderConfig();
-    for (const int kind : {0, 2, 3, 4, 5}) {
+    for (const int kind : {0, 2, 3, 4, 5, 6}) {
         recorder->sample_kinds.push_back(static_cast<SampleKind>(kind));
     }
     for (const ModelTime interval :
@@ -207,6 +207,7 @@ TEST_F(KelmRuntimeTest, SamplesOnTheGridBelowTheHorizonWhatAnEngineShowsThatStop
         for (const RecordedSample& sample : samples) {
             EXPECT_EQ(sample.time, interval * (1 + (&sample - samples.data())));
             EXPECT_EQ(sample.active_synapses, 3);
+            EXPECT_EQ(sample.spike_counts.size(), 3) << "of neurons that never fired, too";
             engine.run(shown, sample.time);
             for (NodeId n = 0; n < 3; ++n) {
                 Kernel::State state = engine.states()[n];

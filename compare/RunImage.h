@@ -5,14 +5,14 @@
 #include <string>
 #include <vector>
 
+#include "compare/Difference.h"
 #include "kelm/engine/WindowEngine.h"
-#include "tests/support/Difference.h"
 
 namespace Lumenar::Core::Kelm {
 class KelmRuntime;
 }
 
-namespace Lumenar::Core::Kelm::Testing {
+namespace Lumenar::Core::Kelm::Compare {
 
 /// All that a run has left behind so far.
 struct RunImage {
@@ -35,4 +35,4 @@ std::string firstDifference(const RunImage& a, const RunImage& b);
 /// The text of what a run until `until` ns throws, or none.
 std::string failureOf(WindowEngine& engine, IWindowBackend& backend, ModelTime until);
 
-}  // namespace Lumenar::Core::Kelm::Testing
+}  // namespace Lumenar::Core::Kelm::Compare

@@ -6,13 +6,13 @@
 #include <string_view>
 #include <vector>
 
+#include "compare/Difference.h"
 #include "kelm/core/Blob.h"
-#include "tests/support/Difference.h"
 
 // Where the fields of a stored run lie: a second reader of the formats, which knows their grammar
 // and trusts their counts, so it is for bytes that were just written.
 
-namespace Lumenar::Core::Kelm::Testing {
+namespace Lumenar::Core::Kelm::Compare {
 
 /// A stored run and its fields, in order and without a gap. A field that begins with its count or
 /// its length has them at `begin`.
@@ -54,4 +54,4 @@ std::uint64_t numberAt(BlobView bytes, std::size_t offset);
 /// there. Of other bytes by the offset alone.
 std::optional<Difference> blobDifference(const std::string& name, BlobView a, BlobView b);
 
-}  // namespace Lumenar::Core::Kelm::Testing
+}  // namespace Lumenar::Core::Kelm::Compare

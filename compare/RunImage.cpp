@@ -1,4 +1,4 @@
-#include "tests/support/RunImage.h"
+#include "compare/RunImage.h"
 
 #include <algorithm>
 #include <exception>
@@ -6,7 +6,7 @@
 
 #include "kelm/runtime/KelmRuntime.h"
 
-namespace Lumenar::Core::Kelm::Testing {
+namespace Lumenar::Core::Kelm::Compare {
 
 namespace {
 
@@ -62,4 +62,4 @@ std::string failureOf(WindowEngine& engine, IWindowBackend& backend, ModelTime u
     return {};
 }
 
-}  // namespace Lumenar::Core::Kelm::Testing
+}  // namespace Lumenar::Core::Kelm::Compare

@@ -8,14 +8,14 @@
 #include <utility>
 #include <vector>
 
+#include "compare/Difference.h"
+#include "compare/RunImage.h"
 #include "kelm/core/Blob.h"
 #include "kelm/engine/IWindowBackend.h"
-#include "tests/support/Difference.h"
-#include "tests/support/RunImage.h"
 
 // Where two runs of one model part: two runs in, the first difference out.
 
-namespace Lumenar::Core::Kelm::Testing {
+namespace Lumenar::Core::Kelm::Compare {
 
 /// The windows of a run, as its backends were given and left them: a digest of each, and one of
 /// them whole where it was asked for. All that a window's neurons see goes into the digest, up to
@@ -146,4 +146,4 @@ bool agree(CarriedRun& left, CarriedRun& right);
 std::optional<FirstDifference> firstDifference(const RunFactory& left, const RunFactory& right,
                                                ModelTime d_min, ModelTime end);
 
-}  // namespace Lumenar::Core::Kelm::Testing
+}  // namespace Lumenar::Core::Kelm::Compare

@@ -1,10 +1,10 @@
-#include "tests/support/BlobLayout.h"
+#include "compare/BlobLayout.h"
 
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
-namespace Lumenar::Core::Kelm::Testing {
+namespace Lumenar::Core::Kelm::Compare {
 
 namespace {
 
@@ -131,4 +131,4 @@ std::optional<Difference> blobDifference(const std::string& name, BlobView a, Bl
     return difference;
 }
 
-}  // namespace Lumenar::Core::Kelm::Testing
+}  // namespace Lumenar::Core::Kelm::Compare

@@ -1,0 +1,142 @@
+// What memory a run and its store take and keep, and that none of it is lost where memory runs out.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <new>
+#include <optional>
+#include <vector>
+
+#include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/engine/WindowEngine.h"
+#include "kelm/events/BucketEventStore.h"
+#include "tests/faults/FailingAllocation.h"
+#include "tests/support/GeneratedModel.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+using namespace Testing;
+
+/// With one a run also makes the copy of a window's spikes.
+struct IdleHook : IWindowCommit {
+    void commit(ModelTime, ModelTime, std::span<const SpikeRecord>, SynapseGraph&) override {}
+};
+
+TEST(MemoryUse, ARunTakesNoneWindowByWindow) {
+    constexpr ModelTime d_min = 1'000'000;
+    GeneratedModel model = ringModel(40, 4, d_min, 60'000);
+    for (Synapse& synapse : model.synapses) {
+        // Some spikes travel further than a calendar's ring reaches.
+        const NodeId step = (synapse.target + 40 - synapse.source) % 40;
+        synapse.delay = step == 4 ? 4500 * d_min : static_cast<ModelTime>(step) * d_min;
+    }
+    const Kernel::Firing firing{.base_rate = 40.0, .gain = 1.0};
+    WindowEngine engine(model.graph(), Kernel::Neuron(), firing, 5, model.horizon);
+    IdleHook hook;
+    engine.setHooks(nullptr, &hook, nullptr);
+    CpuWindowBackend cpu;
+    engine.run(cpu, 20'000 * d_min);
+    const WindowProfile warm = engine.profile();
+    const std::uint64_t allocations = allocationCount();
+    const std::int64_t bytes = liveBytes();
+    engine.run(cpu);
+    const std::uint64_t spikes = engine.profile().accepted - warm.accepted;
+    EXPECT_GT(engine.profile().windows - warm.windows, 30'000U);
+    EXPECT_GT(spikes, 20'000U);
+    // The log doubles now and then, and a run's working storage finds its size once; anything that
+    // allocated by window, neuron or event would be seen tens of thousands of times.
+    EXPECT_LT(allocationCount() - allocations, 100U);
+    const auto log_bytes =
+        static_cast<std::int64_t>(2 * engine.profile().accepted * sizeof(SpikeRecord));
+    EXPECT_LT(liveBytes() - bytes, log_bytes + 100'000);
+}
+
+TEST(MemoryUse, AStoreKeepsNoneForFarEventsThatWereCancelled) {
+    BucketEventStore store(100, 64);
+    std::int64_t most[2] = {};
+    for (int i = 0; i < 100'000; ++i) {
+        store.cancel(store.post({.time = 1'000'000 + i % 5000}));
+        std::int64_t& peak = most[i < 10'000 ? 0 : 1];
+        peak = std::max(peak, liveBytes());
+    }
+    EXPECT_LE(most[1], most[0]);
+}
+
+TEST(MemoryUse, AStoreLosesNothingWhenMemoryRunsOut) {
+    // Every call of a history is tried again when it failed; what comes out must not depend on
+    // which allocation it was. The answer is that of the history in which none fails.
+    const auto history = [](std::optional<std::uint64_t> failing, bool& failed) {
+        std::vector<std::uint64_t> seen;
+        seen.reserve(10'000);
+        BucketEventStore store(10, 32);
+        if (failing) failAllocation(*failing);
+        const auto again = [](auto&& action) {
+            try {
+                return action();
+            } catch (const std::bad_alloc&) {
+                return action();
+            }
+        };
+        const auto snapshot = [&] { return store.snapshot(); };
+        const auto takeAll = [&](ModelTime until) {
+            bool given = true;
+            while (given) {
+                std::vector<Event> events;
+                ModelTime start = 0;
+                ModelTime end = 0;
+                given = again([&] { return store.take(until, events, start, end); });
+                seen.push_back(static_cast<std::uint64_t>(start));
+                for (const Event& event : events) seen.push_back(event.id);
+            }
+        };
+        // Far events lie close together while they wait and need more room when they come near.
+        again([&] { return store.post({.time = 0}); });
+        for (const ModelTime era : {3, 4, 9}) {
+            for (int i = 0; i < 30; ++i) {
+                again([&] { return store.post({.time = era * 320 + i * 70 % 320}); });
+            }
+        }
+        takeAll(5 * 320);
+        for (int i = 0; i < 1400; ++i) {
+            // Ids spread over pages, times over the ring and beyond; the dead are swept once.
+            const ModelTime time = 5 * 320 + i * 37 % 2000;
+            const std::uint64_t id = again([&] { return store.post({.time = time}); });
+            seen.push_back(id);
+            if (i % 10 != 0) again([&] { return store.cancel(id); });
+        }
+        takeAll(1800);
+        const Blob blob = again(snapshot);
+        takeAll(2000);
+        const Blob before = again(snapshot);
+        const auto restoreOrStay = [&] {
+            try {
+                return store.restore(blob);
+            } catch (const std::bad_alloc&) {
+                EXPECT_EQ(store.snapshot(), before);
+                throw;
+            }
+        };
+        EXPECT_TRUE(again(restoreOrStay));
+        EXPECT_EQ(again(snapshot), blob);
+        takeAll(last_model_time);
+        seen.push_back(store.overflowPosts());
+        failed = failing && failNoAllocation();
+        return seen;
+    };
+    bool failed = false;
+    const std::vector<std::uint64_t> expected = history(std::nullopt, failed);
+    ASSERT_FALSE(failed);
+    std::uint64_t failing = 0;
+    do {
+        ASSERT_EQ(history(failing, failed), expected) << "allocation " << failing;
+        ++failing;
+    } while (failed);
+    EXPECT_GT(failing, 50U) << "too few allocations to have met every kind";
+}
+
+}  // namespace
+
+}  // namespace Lumenar::Core::Kelm
