@@ -96,12 +96,12 @@ struct Pair {
 }  // namespace
 
 void WindowTrace::begin(ModelTime window_end) {
-    const auto end = [] { throw std::runtime_error("a run as long as it may be"); };
-    if (muted_ && ++muted_windows_ > max_windows_) end();
+    const auto stop = [] { throw std::runtime_error("a run as long as it may be"); };
+    if (muted_ && ++muted_windows_ > max_windows_) stop();
     if (muted_) return;
     if (!windows_.empty() && windows_.back().end == window_end) return;  // another part
     if (windows_.size() == max_windows_ || candidates_ > max_candidates_) {
-        end();
+        stop();
     }
     Mixer mixer(windows_.empty() ? 0 : windows_.back().digest);
     mixer.add(static_cast<std::uint64_t>(window_end));
@@ -114,7 +114,7 @@ void WindowTrace::note(std::span<const WindowWork> work,
     if (muted_) return;
     const bool keeps = kept_place_ == windows_.size() - 1;
     Mixer mixer(windows_.back().digest);
-    for (std::size_t i = 0; i < work.size() && !faulty_; ++i) {
+    for (std::size_t i = 0; i < work.size(); ++i) {
         const WindowWork& item = work[i];
         const auto own = events.subspan(item.first_event, item.event_count);
         mixer.add(item.neuron);
@@ -129,7 +129,6 @@ void WindowTrace::note(std::span<const WindowWork> work,
         for (const Kernel::WindowEvent& event : own) mixer.addImage(event);
         mixer.addImage(results[i]);
         candidates_ += results[i].candidates;
-        faulty_ = results[i].bound_violation || results[i].spike_overflow;
         if (!keeps) continue;
         kept_.push_back({item, {own.begin(), own.end()}, results[i]});
         kept_.back().work.first_event = 0;

@@ -18,9 +18,9 @@
 namespace Lumenar::Core::Kelm::Compare {
 
 /// The windows of a run, as its backends were given and left them: a digest of each, and one of
-/// them whole where it was asked for. All that a window's neurons see goes into the digest, up to
-/// the first fault of a model, so two runs whose digests are equal have computed the same, whoever
-/// computed it and however a window was cut into parts.
+/// them whole where it was asked for. All that a window's neurons see goes into the digest, so two
+/// runs whose digests are equal have computed the same, whoever computed it and however a window
+/// was cut into parts.
 class WindowTrace {
 public:
     struct Window {
@@ -54,6 +54,12 @@ public:
     void note(std::span<const WindowWork> work, std::span<const Kernel::WindowEvent> events,
               std::span<const Kernel::WindowResult> results);
 
+    /// To be called where the run has ended in an exception: how much of its last window has been
+    /// computed by then is open, so that window does not count.
+    void end() {
+        if (!muted_ && !windows_.empty()) windows_.pop_back();
+    }
+
     const std::vector<Window>& windows() const { return windows_; }
     const std::vector<Item>& kept() const { return kept_; }
     std::uint64_t candidates() const { return candidates_; }
@@ -67,7 +73,6 @@ private:
     std::uint64_t candidates_ = 0;
     bool muted_ = false;
     std::uint64_t muted_windows_ = 0;
-    bool faulty_ = false;  ///< a fault ends the run: how much of its window was computed is open
 };
 
 /// A backend whose windows go into a trace.

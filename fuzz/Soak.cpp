@@ -93,7 +93,7 @@ std::unique_ptr<IEventStore> storeFor(Manner manner, const SoakModel& model) {
     return nullptr;
 }
 
-/// Notes all that is shown to it, in one digest.
+/// Notes all that is shown to it: states, and everything in digests.
 class Witness final : public IWindowObserver, public ICommitListener {
 public:
     void observe(const Event& event, std::span<const Kernel::State> states,
@@ -103,25 +103,34 @@ public:
     void observe(const Event& event, std::span<const Kernel::State> states,
                  std::span<const ModelTime> candidate_times, SynapseGraph&) override {
         ++sights_;
-        add(digestImages(std::span<const Event>(&event, 1)));
-        add(digestImages(candidate_times));
+        add(event.time, digestImages(std::span<const Event>(&event, 1)));
+        add(event.time, digestImages(candidate_times));
+        add(event.time, digestImages(states));
         states_.insert(states_.end(), states.begin(), states.end());
     }
     void committed(ModelTime window_start, ModelTime window_end,
                    std::span<const SpikeRecord> spikes) override {
-        add(static_cast<std::uint64_t>(window_start));
-        add(static_cast<std::uint64_t>(window_end));
-        add(digestImages(spikes));
+        add(window_start, static_cast<std::uint64_t>(window_end));
+        add(window_start, digestImages(spikes));
     }
 
     std::uint64_t sights() const { return sights_; }
     const std::vector<Kernel::State>& states() const { return states_; }
-    std::string text() const { return "digest of what was seen: " + std::to_string(digest_); }
+    /// Of what happened before `end` ns.
+    std::string textUntil(ModelTime end) const {
+        std::uint64_t all = 0;
+        for (const auto& [time, digest] : notes_) {
+            if (time < end) all = (all + static_cast<std::uint64_t>(time)) * prime + digest;
+        }
+        return "digest of what was seen: " + std::to_string(all);
+    }
 
 private:
-    void add(std::uint64_t digest) { digest_ = digest_ * 0x9e3779b97f4a7c15 + digest; }
+    static constexpr std::uint64_t prime = 0x9e3779b97f4a7c15;
 
-    std::uint64_t digest_ = 0;
+    void add(ModelTime time, std::uint64_t digest) { notes_.emplace_back(time, digest); }
+
+    std::vector<std::pair<ModelTime, std::uint64_t>> notes_;
     std::uint64_t sights_ = 0;  ///< of the network at a declared moment
     std::vector<Kernel::State> states_;
 };
@@ -142,10 +151,14 @@ public:
     Remains remains() override {
         Remains remains;
         remains.image = image();
-        remains.observed = witness_.states();
         remains.outcomes = outcomes_;
-        remains.outcomes.push_back(witness_.text());
-        if (alive_) addBlobs(remains.blobs);
+        // Where a run has thrown, a shorter one may have shown what lies in the quiet before.
+        const auto& windows = trace().windows();
+        const ModelTime last = windows.empty() ? 0 : windows.back().end;
+        remains.outcomes.push_back(witness_.textUntil(alive_ ? last_model_time : last));
+        if (!alive_) return remains;
+        remains.observed = witness_.states();
+        addBlobs(remains.blobs);
         return remains;
     }
 
@@ -182,18 +195,20 @@ protected:
         for (; is_cut && alive_ && next_cut_ < model_.cuts.size() &&
                model_.cuts[next_cut_].time <= until;
              ++next_cut_) {
-            alive_ = attempt("thrown", [&] { runTo(model_.cuts[next_cut_].time); });
-            tally_.thrown += alive_ ? 0 : 1;
-            if (!alive_) break;
+            if (!goOn(model_.cuts[next_cut_].time)) break;
             const Cut& cut = model_.cuts[next_cut_];
             place_ = cut.backend % traced_.size();
             alive_ = attempt("cut at " + std::to_string(cut.time), [&] { handOver(astray(cut)); });
             ++tally_.cuts;
         }
-        if (!alive_) return false;
+        return alive_ && goOn(until);
+    }
+    bool goOn(ModelTime until) {
         alive_ = attempt("thrown", [&] { runTo(until); });
-        tally_.thrown += alive_ ? 0 : 1;
-        return alive_;
+        if (alive_) return true;
+        trace().end();
+        ++tally_.thrown;
+        return false;
     }
     /// How far some objects have run that take over: less far, or as far as the next window, about
     /// which they then may know something.
@@ -293,9 +308,14 @@ private:
         engine_ = std::move(next);
     }
 
-    /// Notes what the store holds, by what is no matter of who has posted it: ids are not of a run
-    /// that a device took, and neither are edges.
+    /// Notes candidates and what the store holds, by what is no matter of who has posted it: ids
+    /// are not of a run that a device took, and neither are edges.
     void notePending() {
+        std::vector<CandidateSlot> slots(engine_->candidates().begin(),
+                                         engine_->candidates().end());
+        for (CandidateSlot& slot : slots) slot.event_id = no_event;
+        outcomes_.push_back("digest of candidates: " +
+                            std::to_string(digestImages(std::span<const CandidateSlot>(slots))));
         const BlobLayout layout(engine_->snapshot());
         BlobReader in(BlobView(layout.bytes()).subspan(layout.begin("store") + 8 + 49));
         std::vector<Event> events(in.remaining() / sizeof(Event));
@@ -306,7 +326,7 @@ private:
         std::ranges::sort(events, {}, [](const Event& event) {
             return std::tuple(event.time, event.target, event.kind, event.source, event.value);
         });
-        outcomes_.push_back("digest of what is pending: " +
+        outcomes_.push_back("digest of pending events: " +
                             std::to_string(digestImages(std::span<const Event>(events))));
     }
     /// Posts an input into every window that still takes one, from behind the horizon backward:

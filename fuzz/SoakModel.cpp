@@ -40,7 +40,8 @@ ModelTraits traitsOf(ModelKind kind, Draws& draws) {
                    (kind != ModelKind::plain && draws.oneIn(3));
     traits.resident = kind == ModelKind::resident;
     traits.external_events = !traits.resident;
-    traits.extreme = kind == ModelKind::extreme;
+    traits.boundless = kind == ModelKind::extreme && draws.oneIn(4);
+    traits.extreme = kind == ModelKind::extreme && !traits.boundless;
     traits.far = kind == ModelKind::far;
     // Enough for vectors to fill and blocks of device threads to end.
     if (draws.oneIn(8)) traits.max_neurons = 200;

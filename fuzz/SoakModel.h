@@ -18,7 +18,7 @@ enum class ModelKind : std::uint8_t {
     alike,             ///< an engine whose neurons are alike: their items go through vectors
     large,             ///< as either, with windows of hundreds of items
     resident,          ///< an engine that runs whole on a device
-    extreme,           ///< parameters at the ends of what arithmetic takes
+    extreme,           ///< parameters, or times, at the ends of what arithmetic takes
     far,               ///< bursts that lie far apart, up to the end of time
     composed,          ///< a runtime with every part
     composed_extreme,  ///< the same at the ends of what arithmetic takes

@@ -86,7 +86,11 @@ std::uint64_t BucketEventStore::postSlowly(const Event& event) {
     if (ids_known_) live_.reserve(stored.id);
     place(stored, bucket);
     if (!beyondReach(bucket)) {
-        recent_ = {bucket * d_min_, static_cast<std::uint64_t>(d_min_), &ring_[slotOf(bucket)]};
+        const ModelTime start = bucket * d_min_;
+        // Not beyond the end of time, where the negative ones would follow.
+        const std::uint64_t left = static_cast<std::uint64_t>(last_model_time - start) + 1;
+        recent_ = {start, std::min(static_cast<std::uint64_t>(d_min_), left),
+                   &ring_[slotOf(bucket)]};
     }
     return notePost();
 }

@@ -50,12 +50,6 @@ public:
         return true;
     }
 
-    /// Bytes of storage held, for tests of memory that must not grow.
-    std::size_t storageBytes() const {
-        return pages_.capacity() * sizeof(Page) + free_.capacity() * sizeof(std::uint32_t) +
-               table_.capacity() * sizeof(std::uint32_t);
-    }
-
 private:
     static constexpr std::uint64_t page_words = 8;
     static constexpr std::uint64_t page_bits = page_words * 64;

@@ -323,15 +323,13 @@ private:
         result.next_bound = walk.bound;
     }
 
+    /// What a walk has between its last step and the next, which is set anew.
     void movePlace(int from, int to) {
         walks_[to] = walks_[from];
         block_.membrane[to] = block_.membrane[from];
         block_.adaptation[to] = block_.adaptation[from];
         block_.last_update[to] = block_.last_update[from];
-        block_.time[to] = block_.time[from];
         block_.step_time[to] = block_.step_time[from];
-        block_.value[to] = block_.value[from];
-        block_.is_input[to] = block_.is_input[from];
         block_.refractory[to] = block_.refractory[from];
         block_.refractory_until[to] = block_.refractory_until[from];
         block_.rng[to] = block_.rng[from];

@@ -151,7 +151,6 @@ void SynapseGraph::noteReweighted(NodeId target) {
 }
 
 void SynapseGraph::takeReweightedTargets(std::vector<NodeId>& targets) {
-    targets.clear();
     if (!reweighted_.recording) {
         targets.resize(node_count_);
         std::iota(targets.begin(), targets.end(), NodeId{0});

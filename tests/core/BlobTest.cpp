@@ -116,6 +116,13 @@ TEST(Blob, ACountIsAcceptedOnlyIfItsItemsCanFollow) {
         EXPECT_TRUE(!accepted || count == written);
         BlobView view;
         EXPECT_FALSE(in.readView(huge, view));
+        BlobReader nested(blob);
+        EXPECT_EQ(nested.readNested(view), written <= behind);
+        EXPECT_EQ(nested.remaining(), written <= behind ? behind - written : behind + 8);
+        BlobReader sequence(blob);
+        std::vector<std::uint64_t> records;
+        EXPECT_EQ(sequence.readSequence(records), written <= behind / 8);
+        EXPECT_EQ(sequence.remaining(), behind + 8 - (written <= behind / 8 ? 8 + 8 * written : 0));
     }
 }
 

@@ -181,6 +181,19 @@ TEST(RandomContext, ASnapshotIsSortedWhateverTheOrderOfCreation) {
     }
 }
 
+TEST(RandomContext, KeepsStreamsThatWereCreatedInAnyOrderOrOnlyRecorded) {
+    RandomContext context(9182);
+    std::vector<StreamImage> expected;
+    for (const std::uint64_t index : {3U, 1U, 2U, 0U}) {  // the last one closes the gap
+        const std::uint64_t state = context.rawState("a", index) + (index + 1) * increment;
+        context.advanceTo("a", index, state);
+        expected.insert(expected.begin(), {"a", index, state});
+    }
+    context.record("b", 7);
+    expected.push_back({"b", 7, RandomContext::deriveStreamState(9182, "b", 7), 1});
+    EXPECT_TRUE(contextOf(expected).snapshot() == context.snapshot());
+}
+
 TEST(RandomContext, TakesAllOfABlobOrNothing) {
     RandomContext context(0x0102030405060708);
     EXPECT_EQ(context.snapshot(), blobOf(0x0102030405060708, {}));

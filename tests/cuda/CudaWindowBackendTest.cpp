@@ -113,6 +113,17 @@ TEST_F(CudaBackend, GrowsItsBuffersWhereABatchNeedsMoreAndKeepsThem) {
     }
 }
 
+TEST_F(CudaBackend, ServesBatchesOfTheOldSizeWhereOneOfAGreaterHasFailed) {
+    for (std::uint64_t operation = 0; operation < 11; ++operation) {
+        SCOPED_TRACE(operation);
+        CudaWindowBackend backend;
+        run(backend, {5, 3});
+        Emulation::failOperation(operation, 2);
+        EXPECT_THROW(run(backend, {6, 4}), WindowEngineError);
+        run(backend, {5, 3});
+    }
+}
+
 TEST_F(CudaBackend, IsDestroyedQuietlyWhereReleasesFail) {
     for (std::uint64_t operation = 0; operation < 4; ++operation) {
         SCOPED_TRACE(operation);

@@ -108,6 +108,9 @@ TEST_F(ResidentRunTest, IsDeclinedWhereTheDeviceCouldNotEndAsTheOrdinaryLoop) {
          [](WindowEngine& e) {
              e.reseedInitialCandidates(std::vector<double>(e.states().size(), 0.5));
          }},
+        {"streams that somebody holds", as_it_is, [](WindowEngine& e) { e.randomStreams(); }},
+        {"an observation to come", as_it_is,
+         [](WindowEngine& e) { e.declareObserverEvent({.time = 5}); }},
         {"a state restored from before the run", as_it_is,
          [](WindowEngine& e) { ASSERT_TRUE(e.restore(e.snapshot())); }},
         {"a graph of longer delays restored before the run", as_it_is,

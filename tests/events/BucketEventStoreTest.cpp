@@ -79,6 +79,9 @@ TEST(BucketEventStore, RefusesEventsForWindowsThatAreGoneAndTimesBeforeEveryRun)
     BucketEventStore store(10, 4);
     // With wide buckets -1 would round into the bucket of 0.
     BucketEventStore fresh(1000, 4);
+    // Behind the last instant of its second bucket the numbers go on with the first of all.
+    BucketEventStore wide(last_model_time - 1, 4);
+    wide.post({.time = last_model_time});
     store.post({.time = 27});
     EXPECT_EQ(take(store).end, 30);
     const char* const text =
@@ -87,9 +90,10 @@ TEST(BucketEventStore, RefusesEventsForWindowsThatAreGoneAndTimesBeforeEveryRun)
         return Testing::Refusal{text, [&target, time] { target.post({.time = time}); }};
     };
     const Blob before = store.snapshot();
-    expectRefusals<LookaheadViolation>({posting(store, 29), posting(store, 0), posting(store, -1),
-                                        posting(fresh, -1), posting(fresh, first_model_time)},
-                                       [&] { EXPECT_EQ(store.snapshot(), before); });
+    expectRefusals<LookaheadViolation>(
+        {posting(store, 29), posting(store, 0), posting(store, -1), posting(fresh, -1),
+         posting(fresh, first_model_time), posting(wide, first_model_time)},
+        [&] { EXPECT_EQ(store.snapshot(), before); });
     EXPECT_EQ(store.post({.time = 30}), 1U);
 }
 

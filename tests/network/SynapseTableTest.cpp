@@ -65,47 +65,4 @@ TEST(SynapseTable, GivesBackWhatWentInWhateverCameBefore) {
     }
 }
 
-TEST(SynapseTable, ChangesOneFieldOfOneSynapse) {
-    for (const bool strange : {false, true}) {
-        std::vector<Synapse> synapses(3);
-        synapses[0].delay = 5;
-        if (strange) synapses[2].reserved_b = 9;
-        SynapseTable table;
-        for (const Synapse& synapse : synapses) table.append(synapse, true);
-        table.setWeight(1, 0.5F);
-        table.setEnabled(1, false);
-        table.lastChange(1) = 77;
-        synapses[1].weight = 0.5F;
-        synapses[1].enabled = false;
-        synapses[1].last_change = 77;
-        for (EdgeId id = 0; id < 3; ++id) {
-            EXPECT_TRUE(sameSynapse(table[id], synapses[id])) << strange << ", " << id;
-        }
-        table.setEnabled(1, true);
-        EXPECT_TRUE(table[1].enabled);
-    }
-}
-
-// Large enough for storage in large pages.
-TEST(SynapseTable, GrowsAndIsCopiedAtAnySize) {
-    constexpr EdgeId count = 600000;
-    SynapseTable table;
-    for (EdgeId id = 0; id < count; ++id) {
-        Synapse synapse;
-        synapse.source = id / 7;
-        synapse.target = id % 1001;
-        synapse.delay = static_cast<ModelTime>(id + 1);
-        table.append(synapse, true);
-    }
-    const SynapseTable copy = table;
-    table = SynapseTable();
-    ASSERT_EQ(copy.size(), count);
-    for (EdgeId id = 0; id < count; ++id) {
-        const Synapse synapse = copy[id];
-        ASSERT_TRUE(synapse.source == id / 7 && synapse.target == id % 1001 &&
-                    synapse.delay == static_cast<ModelTime>(id + 1))
-            << id;
-    }
-}
-
 }  // namespace Lumenar::Core::Kelm

@@ -247,6 +247,14 @@ TEST_F(KelmRuntimeTest, TellsItsListenerWhenEveryPartHasDoneItsWork) {
     recorder = RecorderConfig();
     KelmRuntime runtime = make();
     runtime.oscillators()->setMemberships({{5}, {}});
+    double phases_at_proposals = 0.0;
+    runtime.plasticity()->setChangeHook([&](const WeightChangeContext& context) {
+        const OscillatorBank& bank = *runtime.oscillators();
+        EXPECT_EQ(context.pre_phase, bank.firstPhase(context.pre_neuron, context.time));
+        EXPECT_EQ(context.post_phase, bank.firstPhase(context.post_neuron, context.time));
+        phases_at_proposals += context.pre_phase + context.post_phase;
+        return 1.0;
+    });
     KeepingListener listener;
     listener.look = [&] {
         EXPECT_EQ(runtime.commitCount(), listener.windows - 1);
@@ -270,6 +278,7 @@ TEST_F(KelmRuntimeTest, TellsItsListenerWhenEveryPartHasDoneItsWork) {
     runtime.setCommitListener(&listener);
     runtime.run(10 * d_min);
     EXPECT_GT(listener.told.size(), 10);
+    EXPECT_GT(phases_at_proposals, 0.0);
 
     // What a listener throws ends the run and nothing else.
     listener.look = [] { throw std::domain_error("enough"); };

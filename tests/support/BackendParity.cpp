@@ -115,6 +115,7 @@ WindowWork drawItem(Draws& draws, bool strange, DrawnCall& call) {
         for (PhaseTerm& term : item.drive.terms) term = {0.1, draws.between(0.0, 6.0), 1e-6};
     }
     if (draws.oneIn(12)) item.firing.gain = draws.between(0.2, 4.0);
+    if (draws.oneIn(12)) item.firing.max_rate = draws.between(1.0, 400.0);
     if (strange && draws.oneIn(4)) {
         *draws.oneOf({&item.state.membrane, &item.state.adaptation, &item.pending_bound,
                       &item.drive.base, &item.drive.bound}) = strangeValue(draws);

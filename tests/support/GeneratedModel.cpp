@@ -1,6 +1,7 @@
 #include "tests/support/GeneratedModel.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "kelm/core/PortableMath.h"
 #include "kelm/core/SplitMix64.h"
@@ -189,6 +190,26 @@ void makeExtreme(Draws& draws, GeneratedModel& model) {
     }
 }
 
+/// Puts windows, delays and moments anywhere in the range of times. A neuron fires a few times up
+/// to the horizon, however far that is.
+void makeBoundless(Draws& draws, GeneratedModel& model) {
+    const auto duration = [&] { return durations[draws.below(std::size(durations))]; };
+    const auto moment = [&] { return moments[draws.below(std::size(moments))]; };
+    model.d_min = draws.oneIn(3) ? 1'000'000 : duration();
+    model.declares_d_min = true;
+    model.horizon = duration();
+    const double rate = 1e10 / static_cast<double>(model.horizon);
+    for (std::uint64_t n = 0; n < model.node_count; ++n) {
+        Kernel::Neuron& neuron = model.neurons[n];
+        neuron.tau_membrane = draws.oneIn(4) ? moment() : duration();
+        neuron.tau_adaptation = duration();
+        neuron.refractory_period = moment();
+        model.firings[n] = {.base_rate = rate, .gain = 1.0, .max_rate = 4.0 * rate};
+    }
+    for (Synapse& synapse : model.synapses) synapse.delay = std::max(model.d_min, duration());
+    for (Event& input : model.inputs) input.time = moment();
+}
+
 /// Stretches a run from windows to `pace` ns each. Between bursts a neuron fires once a pace, and
 /// after an input as often as its windows take.
 void makeFar(Draws& draws, GeneratedModel& model) {
@@ -268,6 +289,10 @@ GeneratedModel generateModel(std::uint64_t seed, const ModelTraits& traits) {
     GeneratedModel model;
     model.seed = seed;
     model.node_count = 1 + draws.below(traits.max_neurons);
+    // Whole blocks of device threads.
+    if (traits.resident && model.node_count > 128 && draws.oneIn(2)) {
+        model.node_count -= model.node_count % 128;
+    }
     model.d_min = draws.oneOf<ModelTime>({1'000'000, 3'000'000, 250'000, 1'234'567, 977, 16});
     if (traits.extreme && draws.oneIn(4)) model.d_min = draws.oneOf<ModelTime>({1, 2, 16, 1000});
     const std::int64_t windows = draws.timeBetween(1, traits.max_windows);
@@ -285,6 +310,7 @@ GeneratedModel generateModel(std::uint64_t seed, const ModelTraits& traits) {
     if (traits.external_events) generateInputs(draws, model, windows);
     if (traits.far) makeFar(draws, model);
     if (traits.extreme) makeExtreme(draws, model);
+    if (traits.boundless) makeBoundless(draws, model);
     if (traits.alike) {
         std::fill(model.neurons.begin(), model.neurons.end(), model.neurons[0]);
         std::fill(model.firings.begin(), model.firings.end(), model.firings[0]);

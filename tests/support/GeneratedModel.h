@@ -12,6 +12,33 @@
 
 namespace Lumenar::Core::Kelm::Testing {
 
+// From small to the ends of the range of times.
+inline constexpr ModelTime durations[] = {1,
+                                          2,
+                                          3,
+                                          1'000'000,
+                                          1L << 31,
+                                          1L << 53,
+                                          1L << 61,
+                                          1L << 62,
+                                          last_model_time / 2,
+                                          last_model_time / 2 + 1,
+                                          last_model_time - 100,
+                                          last_model_time - 1,
+                                          last_model_time};
+inline constexpr ModelTime moments[] = {first_model_time,
+                                        first_model_time + 1,
+                                        -1,
+                                        0,
+                                        1,
+                                        999'999,
+                                        1L << 40,
+                                        1L << 62,
+                                        last_model_time / 2,
+                                        last_model_time - 2,
+                                        last_model_time - 1,
+                                        last_model_time};
+
 /// What a generated model may be like.
 struct ModelTraits {
     std::uint64_t max_neurons = 24;
@@ -25,6 +52,8 @@ struct ModelTraits {
     /// Some parameters, weights and inputs lie at the ends of what arithmetic takes, and some
     /// windows are a few ns long.
     bool extreme = false;
+    /// Windows, delays, inputs and the horizon lie anywhere up to the ends of what times reach.
+    bool boundless = false;
     /// Bursts lie far apart, up to as late as times reach, with quiet between them. It may burst
     /// without end, so whoever runs it sets a limit.
     bool far = false;
