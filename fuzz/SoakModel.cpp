@@ -87,6 +87,60 @@ bool leaveOut(SoakModel& model, std::size_t count,
     return smaller;
 }
 
+/// The number that neuron `n` gets where only `kept` are left, ascending; false where it is not
+/// left.
+bool renumber(NodeId& n, const std::vector<NodeId>& kept) {
+    const auto place = std::lower_bound(kept.begin(), kept.end(), n);
+    if (place == kept.end() || *place != n) return false;
+    n = static_cast<NodeId>(place - kept.begin());
+    return true;
+}
+
+/// Those of the items for which `keep` holds, which may change them.
+template <class Items, class Keep>
+void keepItems(Items& items, Keep keep) {
+    Items left;
+    for (auto& item : items) {
+        if (keep(item)) left.push_back(std::move(item));
+    }
+    items = std::move(left);
+}
+
+/// The network of some neurons, with the synapses among them and their inputs.
+void keepNeurons(GeneratedModel& network, const std::vector<NodeId>& kept) {
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        network.neurons[i] = network.neurons[kept[i]];
+        network.firings[i] = network.firings[kept[i]];
+    }
+    network.node_count = kept.size();
+    network.neurons.resize(kept.size());
+    network.firings.resize(kept.size());
+    keepItems(network.synapses, [&](Synapse& synapse) {
+        return renumber(synapse.source, kept) && renumber(synapse.target, kept);
+    });
+    keepItems(network.inputs, [&](Event& input) { return renumber(input.target, kept); });
+}
+
+/// The same of a runtime, whose steps keep their numbers.
+void keepNeurons(ComposedModel& model, const std::vector<NodeId>& kept) {
+    keepNeurons(model.network, kept);
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        model.phase.bindings[i] = model.phase.bindings[kept[i]];
+        if (kept[i] < model.memberships.size()) model.memberships[i] = model.memberships[kept[i]];
+    }
+    model.phase.bindings.resize(kept.size());
+    const auto last = std::lower_bound(kept.begin(), kept.end(), model.memberships.size());
+    model.memberships.resize(static_cast<std::size_t>(last - kept.begin()));
+    const auto keepTargets = [&](auto& channels) {
+        keepItems(channels, [&](auto& channel) {
+            keepItems(channel.targets, [&](NodeId& n) { return renumber(n, kept); });
+            return !channel.targets.empty();
+        });
+    };
+    keepTargets(model.channels);
+    keepTargets(model.prediction.channels);
+}
+
 template <class Items>
 void eraseRange(Items& items, std::size_t first, std::size_t last) {
     items.erase(items.begin() + static_cast<std::ptrdiff_t>(first),
@@ -189,10 +243,11 @@ bool shrinkOnce(SoakModel& model, const std::function<bool(const SoakModel&)>& d
                             std::vector<NodeId> kept(from.network().node_count);
                             std::iota(kept.begin(), kept.end(), NodeId{0});
                             eraseRange(kept, first, last);
-                            from.composed = from.isComposed() ? withNeurons(from.composed, kept)
-                                                              : from.composed;
-                            if (!from.isComposed())
-                                from.network() = from.network().withNeurons(kept);
+                            if (from.isComposed()) {
+                                keepNeurons(from.composed, kept);
+                            } else {
+                                keepNeurons(from.network(), kept);
+                            }
                             return from;
                         });
     smaller |= leaveOut(model, model.network().synapses.size(), differs,

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "kelm/core/Failures.h"
 #include "tests/support/ExpectThrows.h"
 
@@ -21,21 +19,16 @@ TEST(ShardLayout, GivesTheFirstShardsOneNeuronMore) {
 }
 
 TEST(ShardLayout, HasRangesThatTouchAndAgreeWithItsInverse) {
-    for (const std::uint64_t node_count :
-         {1ULL, 2ULL, 7ULL, 64ULL, 100ULL, 100'003ULL, 0x8000000000000000ULL, ~0ULL}) {
-        for (const std::uint32_t shards : {1U, 2U, 7U, 32U, 63U, 64U, 0xffffffffU}) {
-            if (shards > node_count) continue;
+    EXPECT_NO_THROW(checkShardLayouts());
+    for (const std::uint64_t node_count : {0x8000000000000000ULL, ~0ULL}) {
+        for (const std::uint32_t shards : {1U, 7U, 0xffffffffU}) {
             SCOPED_TRACE(testing::Message() << node_count << " over " << shards);
-            EXPECT_EQ(shardBegin(node_count, shards, 0), 0);
-            EXPECT_EQ(shardEnd(node_count, shards, shards - 1), node_count);
-            for (std::uint32_t shard = 0; shard < std::min(shards, 70U); ++shard) {
-                const NodeId begin = shardBegin(node_count, shards, shard);
-                const NodeId last = shardEnd(node_count, shards, shard) - 1;
-                EXPECT_EQ(shardOf(node_count, shards, begin), shard);
-                EXPECT_EQ(shardOf(node_count, shards, last), shard);
-                if (last != node_count - 1) {
-                    EXPECT_EQ(shardOf(node_count, shards, last + 1), shard + 1);
-                }
+            for (const std::uint32_t shard : {0U, shards / 2, shards - 1}) {
+                const NodeId end = shardEnd(node_count, shards, shard);
+                EXPECT_EQ(shardOf(node_count, shards, shardBegin(node_count, shards, shard)),
+                          shard);
+                EXPECT_EQ(shardOf(node_count, shards, end - 1), shard);
+                EXPECT_EQ(end == node_count, shard == shards - 1);
             }
         }
     }

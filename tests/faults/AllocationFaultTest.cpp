@@ -14,7 +14,6 @@
 #include <utility>
 #include <vector>
 
-#include "kelm/core/LargePages.h"
 #include "kelm/cuda/CudaWindowBackend.h"
 #include "kelm/cuda/LookaheadCudaTesting.h"
 #include "kelm/cuda/ShardQueue.h"
@@ -108,22 +107,6 @@ protected:
 
     CpuWindowBackend cpu_;
 };
-
-TEST_F(AllocationFault, LeavesLargeArraysAsTheyWere) {
-    using Array = LargeArray<std::uint64_t>;
-    const auto arrange = [] { return std::make_unique<Array>(1000, 7); };
-    const auto image = [](const Array& array) {
-        Blob blob;
-        appendSequence(blob, std::span<const std::uint64_t>(array));
-        return blob;
-    };
-    // Into large pages, and among them.
-    expectUnchanged(
-        "grow", arrange, [](Array& array) { array.reserve(600'000); }, image);
-    expectUnchanged(
-        "grow twice", arrange, [](Array& array) { array.resize(600'000), array.clear(); },
-        [](const Array&) { return Blob(); });
-}
 
 GeneratedModel smallModel(std::uint64_t seed) { return generateModel(seed, {10, 12}); }
 

@@ -112,15 +112,7 @@ TEST(LaneCpuBackend, GivesUniformItemsToTheVectorsAndOthersToTheOrdinaryWalk) {
     LaneCpuBackend backend(counted);
     EXPECT_STREQ(backend.name(), "cpu-lanes");
     EXPECT_STREQ(backend.instructionSet(), counted.name);
-    DrawnCall call;
-    call.window_end = 1'000'000;
-    call.horizon = 10'000'000;
-    call.events = {{500'000, 1.0, false, {}}};
-    call.work.resize(100);
-    for (WindowWork& item : call.work) {
-        item.event_count = 1;
-        item.pending_time = no_time;
-    }
+    const DrawnCall call = uniformCall(100);
     struct Case {
         const char* fact;
         void (*change)(DrawnCall& call);

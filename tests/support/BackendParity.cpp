@@ -143,6 +143,19 @@ DrawnCall drawCall(std::uint64_t seed, std::uint64_t item_count, bool strange) {
     return call;
 }
 
+DrawnCall uniformCall(std::size_t item_count) {
+    DrawnCall call;
+    call.window_end = 1'000'000;
+    call.horizon = 10'000'000;
+    call.events = {{500'000, 1.0, false, {}}};
+    call.work.resize(item_count);
+    for (WindowWork& item : call.work) {
+        item.event_count = 1;
+        item.pending_time = no_time;
+    }
+    return call;
+}
+
 std::vector<Kernel::WindowResult> compute(IWindowBackend& backend, const DrawnCall& call) {
     std::vector<Kernel::WindowResult> results(call.work.size());
     const std::span<std::byte> bytes = std::as_writable_bytes(std::span(results));

@@ -22,6 +22,9 @@ struct DrawnCall {
 /// are such as no model should hold.
 DrawnCall drawCall(std::uint64_t seed, std::uint64_t item_count, bool strange);
 
+/// Items of default neurons at rest that take one input each.
+DrawnCall uniformCall(std::size_t item_count);
+
 /// Results that are not written, or only in part, show.
 std::vector<Kernel::WindowResult> compute(IWindowBackend& backend, const DrawnCall& call);
 

@@ -337,30 +337,4 @@ bool ComposedModel::perform(std::size_t first, std::size_t end, KelmRuntime& run
     return true;
 }
 
-ComposedModel withNeurons(const ComposedModel& model, const std::vector<NodeId>& kept) {
-    ComposedModel smaller = model;
-    smaller.network = model.network.withNeurons(kept);
-    smaller.phase.bindings.clear();
-    smaller.memberships.clear();
-    for (const NodeId n : kept) {
-        smaller.phase.bindings.push_back(model.phase.bindings[n]);
-        if (n < model.memberships.size()) smaller.memberships.push_back(model.memberships[n]);
-    }
-    const auto renumber = [&](std::vector<NodeId>& targets) {
-        std::vector<NodeId> numbers;
-        for (const NodeId n : targets) {
-            const auto place = std::lower_bound(kept.begin(), kept.end(), n);
-            if (place == kept.end() || *place != n) continue;
-            numbers.push_back(static_cast<NodeId>(place - kept.begin()));
-        }
-        targets = std::move(numbers);
-    };
-    for (InputChannelSpec& channel : smaller.channels) renumber(channel.targets);
-    for (ErrorChannel& channel : smaller.prediction.channels) renumber(channel.targets);
-    std::erase_if(smaller.channels, [](const auto& channel) { return channel.targets.empty(); });
-    std::erase_if(smaller.prediction.channels,
-                  [](const auto& channel) { return channel.targets.empty(); });
-    return smaller;
-}
-
 }  // namespace Lumenar::Core::Kelm::Testing

@@ -79,9 +79,6 @@ struct ComposedModel {
                  std::vector<std::string>& outcomes) const;
 };
 
-/// Some of the neurons, as GeneratedModel::withNeurons; the steps keep their numbers.
-ComposedModel withNeurons(const ComposedModel& model, const std::vector<NodeId>& kept);
-
 ComposedModel generateComposedModel(std::uint64_t seed, const ComposedTraits& traits = {});
 
 }  // namespace Lumenar::Core::Kelm::Testing

@@ -256,34 +256,6 @@ SynapseGraph GeneratedModel::graph() const {
     return SynapseGraph(node_count, declares_d_min ? std::optional(d_min) : std::nullopt, synapses);
 }
 
-GeneratedModel GeneratedModel::withNeurons(const std::vector<NodeId>& kept) const {
-    GeneratedModel smaller = *this;
-    smaller.node_count = kept.size();
-    smaller.neurons.clear();
-    smaller.firings.clear();
-    smaller.synapses.clear();
-    smaller.inputs.clear();
-    for (const NodeId n : kept) {
-        smaller.neurons.push_back(neurons[n]);
-        smaller.firings.push_back(firings[n]);
-    }
-    const auto renumber = [&](NodeId& n) {
-        const auto place = std::lower_bound(kept.begin(), kept.end(), n);
-        if (place == kept.end() || *place != n) return false;
-        n = static_cast<NodeId>(place - kept.begin());
-        return true;
-    };
-    for (Synapse synapse : synapses) {
-        if (renumber(synapse.source) && renumber(synapse.target)) {
-            smaller.synapses.push_back(synapse);
-        }
-    }
-    for (Event input : inputs) {
-        if (renumber(input.target)) smaller.inputs.push_back(input);
-    }
-    return smaller;
-}
-
 GeneratedModel generateModel(std::uint64_t seed, const ModelTraits& traits) {
     Draws draws(splitmixOutput(seed));
     GeneratedModel model;

@@ -79,9 +79,6 @@ struct GeneratedModel {
     std::vector<Event> inputs;  ///< from outside, in the order in which they are to be posted
 
     SynapseGraph graph() const;
-    /// Some of the neurons, ascending, with the synapses among them and their inputs, and numbered
-    /// anew.
-    GeneratedModel withNeurons(const std::vector<NodeId>& kept) const;
     /// Synapses a neuron, where it is the same for all.
     std::uint64_t fanout() const { return synapses.size() / node_count; }
 };

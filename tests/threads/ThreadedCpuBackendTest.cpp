@@ -129,15 +129,7 @@ TEST_F(ThreadedCpuBackendTest, ComputesItselfWhatFailedThreadsLeft) {
     constexpr std::uint64_t threads = 2;
     const LaneCpuBackend lanes(failing);
     ThreadedCpuBackend backend(lanes, threads, 0);
-    DrawnCall call;
-    call.window_end = 1'000'000;
-    call.horizon = 10'000'000;
-    call.events = {{500'000, 1.0, false, {}}};
-    call.work.resize(9000);
-    for (WindowWork& item : call.work) {
-        item.event_count = 1;
-        item.pending_time = no_time;
-    }
+    const DrawnCall call = uniformCall(9000);
     ++FailingKernels::turn;
     const Results results = compute(backend, call);
     const Results expected = compute(cpu_, call);
