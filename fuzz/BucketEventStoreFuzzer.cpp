@@ -49,7 +49,10 @@ struct Pair {
         const std::string outcome = outcomeOf([&] { plain.post(event); });
         require(outcome == outcomeOf([&] { held.post(event); }), "stores fail alike at a post");
     }
-    void requireSame() { require(plain.snapshot() == held.snapshot(), "stores hold the same"); }
+    void requireSame() {
+        require(plain.snapshot() == held.snapshot(), "stores hold the same");
+        require(plain.overflowPosts() == held.overflowPosts(), "stores count far events alike");
+    }
 
     /// False where there is no window any more, or none whose end is a time.
     bool take(std::vector<Event>& events, ModelTime& start, ModelTime& end) {

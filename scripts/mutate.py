@@ -345,7 +345,7 @@ class Source:
         self.condition(parts[1] + 1, parts[2])
 
     def condition(self, first, last):
-        if first >= last:
+        if first >= last or self.span(first, last) == "true":
             return
         depth0 = []
         i = first

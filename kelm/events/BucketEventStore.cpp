@@ -98,8 +98,8 @@ std::uint64_t BucketEventStore::postSlowly(const Event& event) {
 /// Puts an event with its id into the ring or into its era.
 void BucketEventStore::place(const Event& event, std::int64_t bucket) {
     if (beyondReach(bucket)) {
-        pool_.reserveChunks(1);
-        delivery_pool_.reserveChunks(1);
+        pool_.reserveChunk();
+        delivery_pool_.reserveChunk();
         append(eras_[bucket / static_cast<std::int64_t>(bucket_count_)], event);
         ++overflow_posts_;
     } else {
@@ -231,7 +231,7 @@ void BucketEventStore::moveIntoRing(ChunkPool<Record>& pool, ChunkList<Record>& 
                                     ChunkList<Record> Bucket::*member) {
     while (!list.isEmpty()) {
         // Room first: an event that has left its era must not be lost.
-        pool.reserveChunks(1);
+        pool.reserveChunk();
         const Record record = pool.takeAny(list);
         if (isLive(record.id)) {
             const std::uint64_t slot = slotOf(record.time / d_min_);
@@ -269,8 +269,8 @@ void BucketEventStore::requireEmpty(std::uint64_t slot) const {
 void BucketEventStore::sweepDeadEntries() {
     recent_ = {};
     // With one chunk in hand no list runs out: it gives back a chunk for each that it fills anew.
-    pool_.reserveChunks(1);
-    delivery_pool_.reserveChunks(1);
+    pool_.reserveChunk();
+    delivery_pool_.reserveChunk();
     for (std::uint64_t word = 0; word < occupied_.size(); ++word) {
         for (std::uint64_t bits = occupied_[word]; bits != 0; bits &= bits - 1) {
             const std::uint64_t slot =

@@ -65,9 +65,9 @@ public:
     using List = ChunkList<Record>;
     using Chunk = typename List::Chunk;
 
-    /// Makes room for `count` chunks beyond those in use. May throw std::bad_alloc.
-    void reserveChunks(std::size_t count) {
-        while (free_count_ < count) addBlock();
+    /// Makes room for a chunk beyond those in use. May throw std::bad_alloc.
+    void reserveChunk() {
+        if (free_count_ == 0) addBlock();
     }
 
     /// Adds a copy of `record` to `list` and returns it, in its place for now. May throw
@@ -103,7 +103,7 @@ public:
 
 private:
     void addChunk(List& list) {
-        reserveChunks(1);
+        reserveChunk();
         Chunk* chunk = takeFree();
         chunk->next = list.head;
         list.head = chunk;
@@ -120,16 +120,10 @@ private:
         free_ = chunk->next;
         return chunk;
     }
+    /// To be called where every chunk is in use.
     void addBlock() {
         LargeArray<Chunk> block;
         block.reserve(next_block_chunks_);
-        if (!blocks_.empty()) {
-            LargeArray<Chunk>& last = blocks_.back();
-            while (last.size() < last.capacity()) {
-                --free_count_;
-                release(&last.emplace_back());
-            }
-        }
         const std::size_t room = block.capacity();
         blocks_.push_back(std::move(block));
         free_count_ += room;

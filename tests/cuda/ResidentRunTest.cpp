@@ -131,6 +131,12 @@ TEST_F(ResidentRunTest, IsDeclinedWhereTheDeviceCouldNotEndAsTheOrdinaryLoop) {
              m.horizon = 400 * m.d_min;
          },
          nothing, true},
+        {"whole blocks of threads",
+         [](GeneratedModel& m) {
+             m = ringModel(256, 2, m.d_min, 20);
+             changeRates(m, 60.0);
+         },
+         nothing, true},
         // 200000 empty steps would cost the device far more than the ordinary loop.
         {"almost only quiet windows",
          [](GeneratedModel& m) {

@@ -70,8 +70,13 @@ TEST(CandidateTree, CancelsACandidateWhereverItLiesWhenAnotherTakesItsPlace) {
     std::vector<Event> events;
     ModelTime start = 0;
     ModelTime end = 0;
-    // No window holds the end of time, so what is scheduled there is an event.
+    // No window holds the end of time, so what is scheduled there is an event, also out of a blob.
     store.scheduleCandidate(0, last_model_time, 1.0);
+    const std::vector<CandidateSlot> stored = slots;
+    const Blob blob = store.snapshot();
+    store.scheduleCandidate(0, 5, 1.0);
+    slots = stored;
+    ASSERT_TRUE(store.restore(blob, slots));
     store.scheduleCandidate(0, 25, 1.0);
     ASSERT_TRUE(store.take(last_model_time, events, start, end));
     EXPECT_EQ(start, 20);

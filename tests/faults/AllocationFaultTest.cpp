@@ -132,7 +132,7 @@ TEST_F(AllocationFault, LeavesAGraphAsItWas) {
         "restore", arrange, [&](SynapseGraph& graph) { EXPECT_TRUE(graph.restore(stored)); },
         image);
 
-    // Both directions, the lists as such, and the record of reweighted targets.
+    // Both directions, and the lists as such.
     const auto routes = [](SynapseGraph& graph) {
         Blob blob = graph.snapshot();
         for (NodeId n = 0; n < graph.nodeCount(); ++n) {
@@ -144,14 +144,6 @@ TEST_F(AllocationFault, LeavesAGraphAsItWas) {
         return blob;
     };
     expectUnchanged("routes", arrange, routes, routes);
-    const auto reweight = [](SynapseGraph& graph) {
-        std::vector<NodeId> targets;
-        graph.takeReweightedTargets(targets);
-        graph.lastChange(1) = 17;
-        for (const EdgeId edge : {0U, 2U, 3U}) graph.setWeight(edge, 0.75F);
-        graph.takeReweightedTargets(targets);
-    };
-    expectClean("reweighting", arrange, reweight);
     expectUnchanged(
         "last change", arrange, [](SynapseGraph& graph) { graph.lastChange(1) = 17; }, image);
 }

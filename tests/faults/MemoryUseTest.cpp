@@ -65,6 +65,23 @@ TEST(MemoryUse, AStoreKeepsNoneForFarEventsThatWereCancelled) {
     EXPECT_LE(most[1], most[0]);
 }
 
+TEST(MemoryUse, AStoreKeepsNoneForEventsThatItHasHandedOut) {
+    BucketEventStore store(100, 64);
+    std::vector<Event> window;
+    ModelTime start = 0;
+    ModelTime end = 0;
+    std::int64_t most[2] = {};
+    for (int i = 0; i < 100'000; ++i) {
+        // By turns such as are packed and such as are not.
+        store.post(
+            {.time = end + i % 300, .kind = i % 2 == 0 ? EventKind::delivery : EventKind::input});
+        if (i % 3 == 0) store.take(last_model_time, window, start, end);
+        std::int64_t& peak = most[i < 10'000 ? 0 : 1];
+        peak = std::max(peak, liveBytes());
+    }
+    EXPECT_LE(most[1], most[0]);
+}
+
 TEST(MemoryUse, AStoreLosesNothingWhenMemoryRunsOut) {
     // Every call of a history is tried again when it failed; what comes out must not depend on
     // which allocation it was. The answer is that of the history in which none fails.

@@ -210,6 +210,19 @@ TEST_F(CheckpointTest, GapsAndFlagsComeBackAsZeroAndOne) {
     }
 }
 
+TEST_F(CheckpointTest, MayHoldAnyNumberOfSamplesOfNothing) {
+    // More of them than there are bytes of anything else: 32 bytes a sample, and no more.
+    const std::size_t samples = layout.begin("samples"), behind = layout.begin("causes");
+    Blob many(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(samples));
+    const std::uint64_t count = bytes.size();
+    appendU64(many, count);
+    many.resize(many.size() + 32 * count);
+    appendBytes(many, bytes.data() + behind, extension - behind);
+    const auto fresh = model.build(cpu);
+    ASSERT_TRUE(fresh->restore(many));
+    EXPECT_EQ(fresh->recorder()->samples().size(), count);
+}
+
 TEST_F(CheckpointTest, OfALogOutOfOrderComesBackInOrder) {
     ASSERT_GE(layout.number("log"), 2);
     Blob forged = bytes;
