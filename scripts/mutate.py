@@ -558,11 +558,11 @@ class Source:
         return found
 
     def is_read_next(self, host):
-        """Whether a variable is declared that the next statement has filled by a reader of blobs."""
+        """Whether a variable is declared that one of the next statements has filled by a reader of
+        blobs."""
         name = self.t(host.outer_first - 2)
         end = self.tokens[host.outer_last].end
-        # As far as the next two statements go.
-        following = ";".join(self.text[end:end + 600].split(";")[:3])
+        following = ";".join(self.text[end:end + 1000].split(";")[:8])
         return re.search(rf"\bread\w+\([^;{{]*\b{name}\b", following) is not None
 
     def arguments(self, opening):
