@@ -3,39 +3,21 @@
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
+
+#include "compare/Grammar.h"
 
 namespace Lumenar::Core::Kelm::Compare {
 
 namespace {
 
-/// Takes an item off `grammar` and, where it is `there`, steps over its bytes. An item is a number
-/// of bytes; "?" and an item that is there where a byte is 1; "*" and one that comes as often as a
-/// count says; or items in brackets.
-void skip(BlobView bytes, std::size_t& at, std::string_view& grammar, bool there) {
-    const auto take = [&](std::uint64_t count) {
-        if (count > bytes.size() - at) throw std::runtime_error("the bytes end too early");
-        at += count;
-        return at - count;
-    };
-    const char kind = grammar.front();
-    if (const std::size_t digits = grammar.find_first_not_of("0123456789"); digits != 0) {
-        const std::uint64_t count = std::stoull(std::string(grammar.substr(0, digits)));
-        if (there) take(count);
-        return grammar.remove_prefix(std::min(digits, grammar.size()));
-    }
-    grammar.remove_prefix(1);
-    if (kind == '(') {
-        for (; grammar.front() != ')'; grammar.remove_prefix(grammar.front() == ' ')) {
-            skip(bytes, at, grammar, there);
-        }
-        return grammar.remove_prefix(1);
-    }
-    std::uint64_t times = 0;
-    if (there) times = kind == '*' ? numberAt(bytes, take(8)) : bytes[take(1)];
-    const std::string_view repeated = grammar;
-    for (skip(bytes, at, grammar, false); times != 0; --times) {
-        std::string_view again = repeated;
-        skip(bytes, at, again, true);
+/// Appends the fields of a part. Those inside end it where they begin.
+void appendFields(const Part& part, std::vector<BlobLayout::Field>& fields) {
+    const std::size_t place = fields.size();
+    if (!part.name.empty()) fields.push_back({part.name, part.begin, part.end});
+    for (const Part& inner : part.parts) appendFields(inner, fields);
+    if (!part.name.empty() && fields.size() > place + 1) {
+        fields[place].end = fields[place + 1].begin;
     }
 }
 
@@ -47,43 +29,13 @@ std::uint64_t numberAt(BlobView bytes, std::size_t offset) {
     return number;
 }
 
-/// Fields behind those that are there, each as "name:item;".
-void BlobLayout::walk(std::string_view grammar) {
-    while (!grammar.empty()) {
-        const std::size_t colon = grammar.find(':');
-        std::size_t at = fields_.empty() ? 0 : fields_.back().end;
-        Field field{std::string(grammar.substr(0, colon)), at, 0};
-        grammar.remove_prefix(colon + 1);
-        skip(bytes_, at, grammar, true);
-        grammar.remove_prefix(1);
-        field.end = at;
-        fields_.push_back(std::move(field));
-    }
-}
-
 BlobLayout::BlobLayout(Blob blob) : bytes_(std::move(blob)) {
     constexpr std::string_view engine_tag = "KELMWEN3";
     const bool of_engine =
         bytes_.size() > 8 && std::equal(engine_tag.begin(), engine_tag.end(), bytes_.begin());
-    if (!of_engine) {
-        walk("magic:8;engine version:*1;label:*1;config id:8;seed:8;position:8;engine:8;");
-    }
-    walk("tag:8;states:*40;random:*1;");
-    walk("candidates:" + std::to_string(24 * number("states")) + ";");
-    walk("log:*16;profile:40;graph:*1;moments:*64;moment cursor:8;store:*1;");
-    if (!of_engine) walkParts();
-    if (fields_.back().end != bytes_.size()) throw std::runtime_error("the bytes end too late");
-}
-
-/// What a checkpoint holds behind the engine.
-void BlobLayout::walkParts() {
-    walk(
-        "plasticity:*1;learning:*1;oscillators:*1;phase log:*(16 *16);spikes:*(20 *16 ?8);"
-        "samples:*(8 *8 *8 8);causes:*(8 ?8);channels:*41;precisions:*8;");
-    if (number("precisions") != 0) walk("observations:*48;reserved pair:16;");
-    walk(
-        "gains:72;switches:9;intervention log:*8;commit count:8;extension tag:8;"
-        "extension:*(*8 *8 *8 *8);");
+    const auto root = parsed(bytes_, of_engine ? engine_grammar : checkpoint_grammar);
+    if (!root) throw std::runtime_error("the bytes are no stored run");
+    appendFields(*root, fields_);
 }
 
 const BlobLayout::Field& BlobLayout::field(std::string_view name) const {

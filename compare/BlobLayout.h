@@ -9,13 +9,10 @@
 #include "compare/Difference.h"
 #include "kelm/core/Blob.h"
 
-// Where the fields of a stored run lie: a second reader of the formats, which knows their grammar
-// and trusts their counts, so it is for bytes that were just written.
-
 namespace Lumenar::Core::Kelm::Compare {
 
-/// A stored run and its fields, in order and without a gap. A field that begins with its count or
-/// its length has them at `begin`.
+/// A stored run and its fields, which its grammar names, in order and without a gap. A field that
+/// begins with its count or its length has them at `begin`; of one that holds others it is all.
 class BlobLayout {
 public:
     struct Field {
@@ -27,7 +24,7 @@ public:
     BlobLayout() = default;
     /// Of a runtime's checkpoint, with the fields of the engine's snapshot in place, or of an
     /// engine's snapshot; a prediction bank has at least one error channel. Throws
-    /// std::runtime_error for bytes that end too early or too late.
+    /// std::runtime_error for other bytes.
     explicit BlobLayout(Blob blob);
 
     const Blob& bytes() const { return bytes_; }
@@ -40,9 +37,6 @@ public:
     std::uint64_t number(std::string_view name) const;
 
 private:
-    void walk(std::string_view grammar);
-    void walkParts();
-
     Blob bytes_;
     std::vector<Field> fields_;
 };

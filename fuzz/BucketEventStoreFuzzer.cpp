@@ -2,8 +2,9 @@
 #include <cstring>
 #include <utility>
 
+#include "compare/Grammar.h"
 #include "fuzz/Fuzzing.h"
-#include "fuzz/Grammar.h"
+#include "fuzz/Mutation.h"
 #include "fuzz/Subjects.h"
 
 using namespace Lumenar::Core;
@@ -113,7 +114,7 @@ void drain(Pair& stores, const std::vector<Event>& pending) {
 
 extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
                                                std::size_t max_size, unsigned int seed) {
-    return mutateBy(store_grammar, data, size, max_size, seed);
+    return mutateBy(Compare::store_grammar, data, size, max_size, seed);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -1,5 +1,6 @@
+#include "compare/Grammar.h"
 #include "fuzz/Fuzzing.h"
-#include "fuzz/Grammar.h"
+#include "fuzz/Mutation.h"
 #include "fuzz/Subjects.h"
 
 using namespace Lumenar::Core;
@@ -39,9 +40,7 @@ void useAll(KelmRuntime& runtime) {
 
 extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
                                                std::size_t max_size, unsigned int seed) {
-    static const std::string grammar =
-        checkpointGrammar(model().network.node_count, model().phase.oscillators.size());
-    return mutateBy(grammar, data, size, max_size, seed);
+    return mutateBy(Compare::checkpoint_grammar, data, size, max_size, seed);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -1,7 +1,8 @@
 #include <limits>
 
+#include "compare/Grammar.h"
 #include "fuzz/Fuzzing.h"
-#include "fuzz/Grammar.h"
+#include "fuzz/Mutation.h"
 #include "fuzz/Subjects.h"
 
 using namespace Lumenar::Core;
@@ -44,7 +45,7 @@ struct Learner {
 
 extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
                                                std::size_t max_size, unsigned int seed) {
-    return mutateBy(learning_grammar, data, size, max_size, seed);
+    return mutateBy(Compare::learning_grammar, data, size, max_size, seed);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -1,7 +1,8 @@
 #include <cmath>
 
+#include "compare/Grammar.h"
 #include "fuzz/Fuzzing.h"
-#include "fuzz/Grammar.h"
+#include "fuzz/Mutation.h"
 #include "fuzz/Subjects.h"
 
 using namespace Lumenar::Core;
@@ -26,8 +27,7 @@ void requirePhases(const OscillatorBank& bank, ModelTime time) {
 
 extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
                                                std::size_t max_size, unsigned int seed) {
-    static const std::string grammar = oscillatorGrammar(model().phase.oscillators.size());
-    return mutateBy(grammar, data, size, max_size, seed);
+    return mutateBy(Compare::oscillator_grammar, data, size, max_size, seed);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

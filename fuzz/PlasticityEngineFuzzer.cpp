@@ -1,8 +1,9 @@
 #include <algorithm>
 #include <tuple>
 
+#include "compare/Grammar.h"
 #include "fuzz/Fuzzing.h"
-#include "fuzz/Grammar.h"
+#include "fuzz/Mutation.h"
 #include "fuzz/Subjects.h"
 
 using namespace Lumenar::Core;
@@ -19,7 +20,7 @@ bool inOrder(const WeightChange& a, const WeightChange& b) {
 
 extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
                                                std::size_t max_size, unsigned int seed) {
-    return mutateBy(plasticity_grammar, data, size, max_size, seed);
+    return mutateBy(Compare::plasticity_grammar, data, size, max_size, seed);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -1,5 +1,6 @@
+#include "compare/Grammar.h"
 #include "fuzz/Fuzzing.h"
-#include "fuzz/Grammar.h"
+#include "fuzz/Mutation.h"
 #include "kelm/core/RandomContext.h"
 
 using namespace Lumenar::Core;
@@ -44,7 +45,7 @@ void walkStreams(RandomContext& context, RandomContext& twin) {
 
 extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
                                                std::size_t max_size, unsigned int seed) {
-    return mutateBy(random_grammar, data, size, max_size, seed);
+    return mutateBy(Kelm::Compare::random_grammar, data, size, max_size, seed);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

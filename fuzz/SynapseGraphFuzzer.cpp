@@ -1,8 +1,9 @@
 #include <cmath>
 #include <limits>
 
+#include "compare/Grammar.h"
 #include "fuzz/Fuzzing.h"
-#include "fuzz/Grammar.h"
+#include "fuzz/Mutation.h"
 #include "fuzz/Subjects.h"
 #include "kelm/runtime/Homeostasis.h"
 
@@ -52,7 +53,7 @@ void walkRoutes(SynapseGraph& graph) {
 
 extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
                                                std::size_t max_size, unsigned int seed) {
-    return mutateBy(graph_grammar, data, size, max_size, seed);
+    return mutateBy(Compare::graph_grammar, data, size, max_size, seed);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -1,7 +1,8 @@
 #include <algorithm>
 
+#include "compare/Grammar.h"
 #include "fuzz/Fuzzing.h"
-#include "fuzz/Grammar.h"
+#include "fuzz/Mutation.h"
 #include "fuzz/Subjects.h"
 #include "kelm/core/Digest.h"
 #include "kelm/cuda/CudaWindowBackend.h"
@@ -45,8 +46,7 @@ void readAll(WindowEngine& engine) {
 
 extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
                                                std::size_t max_size, unsigned int seed) {
-    static const std::string grammar = engineGrammar(model().network.node_count);
-    return mutateBy(grammar, data, size, max_size, seed);
+    return mutateBy(Compare::engine_grammar, data, size, max_size, seed);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
