@@ -121,9 +121,9 @@ private:
 
     BlobView bytes_;
     std::size_t at_ = 0;
-    std::size_t end_;             ///< of the blob that is being taken apart
-    std::uint64_t counted_ = 0;   ///< by the last "#"
-    std::uint64_t listed_ = 0;    ///< items of the last list
+    std::size_t end_;            ///< of the blob that is being taken apart
+    std::uint64_t counted_ = 0;  ///< by the last "#"
+    std::uint64_t listed_ = 0;   ///< items of the last list
 };
 
 }  // namespace
@@ -150,10 +150,10 @@ const std::string learning_grammar =
     "=8 *4 *(8 8 8 1 1 6) *1 *(8 8 8 8 8 8 8 8 8 8 8 1 1 6) *(8 1 7) *8 1 7 8 8 1 1 *4 1 8 8 1 1 1 "
     "1 8";
 const std::string oscillator_grammar = "=8 #8 8 8 1 ~(=28 8)";
-const std::string engine_grammar =
-    "tag:=8 states:(#8 ~(8 8 8 8 8)) random:{" + random_grammar +
-    "} candidates:~(8 8 8) log:*(8 8) profile:(8 8 8 8 8) graph:{" + graph_grammar +
-    "} moments:*" + event + " moment cursor:8 store:{" + store_grammar + "}";
+const std::string engine_grammar = "tag:=8 states:(#8 ~(8 8 8 8 8)) random:{" + random_grammar +
+                                   "} candidates:~(8 8 8) log:*(8 8) profile:(8 8 8 8 8) graph:{" +
+                                   graph_grammar + "} moments:*" + event +
+                                   " moment cursor:8 store:{" + store_grammar + "}";
 const std::string checkpoint_grammar =
     "magic:=8 engine version:*=1 label:*=1 config id:=8 seed:=8 position:8 engine:{" +
     engine_grammar + "} plasticity:{" + plasticity_grammar + "} learning:{" + learning_grammar +

@@ -14,11 +14,11 @@ namespace Lumenar::Core::Kelm::Compare {
 
 /// A piece of stored bytes, as an item of a grammar found it.
 struct Part {
-    char kind = '(';      ///< that of the item: its first character, or '0' for bytes
-    std::string name;     ///< that of the item, if it has one
-    std::size_t begin;    ///< in the whole, with the count, the length or the flag in front of it
-    std::size_t end;      ///< exclusive
-    Blob bytes;           ///< of an item that has no items inside
+    char kind = '(';    ///< that of the item: its first character, or '0' for bytes
+    std::string name;   ///< that of the item, if it has one
+    std::size_t begin;  ///< in the whole, with the count, the length or the flag in front of it
+    std::size_t end;    ///< exclusive
+    Blob bytes;         ///< of an item that has no items inside
     std::vector<Part> parts;
 };
 

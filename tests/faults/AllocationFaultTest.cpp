@@ -19,7 +19,6 @@
 #include "kelm/cuda/ShardQueue.h"
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/events/BucketEventStore.h"
-#include "kelm/lanes/LaneCpuBackend.h"
 #include "kelm/runtime/InjectionTrace.h"
 #include "kelm/runtime/KelmRuntime.h"
 #include "tests/faults/FailingAllocation.h"
@@ -198,27 +197,14 @@ TEST_F(AllocationFault, LeavesAnEngineAsItWas) {
     }
 }
 
-TEST_F(AllocationFault, LetsAnyBackendBeUsedAgain) {
-    const GeneratedModel model = smallModel(7);
-    const auto expectBackend = [&](const char* what, auto make_backend) {
-        struct Subject {
-            decltype(make_backend()) backend;
-            std::unique_ptr<WindowEngine> engine;
-        };
-        expectClean(
-            what,
-            [&] {
-                return std::unique_ptr<Subject>(new Subject{
-                    make_backend(),
-                    std::unique_ptr<WindowEngine>(new WindowEngine(makeEngine(model)))});
-            },
-            [](Subject& subject) { subject.engine->run(*subject.backend); });
-    };
-    expectBackend("lanes", [] { return std::make_unique<LaneCpuBackend>(); });
-    expectBackend("device", [] { return std::make_unique<CudaWindowBackend>(); });
+TEST_F(AllocationFault, EndsARunOnTheDeviceCleanly) {
     expectClean(
-        "device construction", [] { return std::make_unique<int>(); },
-        [](int&) { CudaWindowBackend backend; });
+        "device",
+        [] { return std::unique_ptr<WindowEngine>(new WindowEngine(makeEngine(smallModel(7)))); },
+        [](WindowEngine& engine) {
+            CudaWindowBackend device;
+            engine.run(device);
+        });
 }
 
 TEST_F(AllocationFault, LeavesAnEngineAsItWasInAWholeRunOnTheDevice) {

@@ -59,16 +59,7 @@ Walk twoInputs() {
     return walk;
 }
 
-// The numbers of these three tests come with the model's definition, not from this code.
-TEST(WindowProcessing, DrawsTheFirstCandidateOfARestingNeuron) {
-    std::uint64_t rng = seed_one;
-    const Candidate candidate = nextCandidate({}, {}, {}, 0, 10000000000000, 0.0, rng);
-    EXPECT_TRUE(candidate.found);
-    EXPECT_EQ(candidate.time, 4082757387);
-    EXPECT_TRUE(sameBits(candidate.bound, 0.500000000000008));
-    EXPECT_EQ(rng, 0xdad3f1822f905bb9U);
-}
-
+// The numbers of these two tests come with the model's definition, not from this code.
 TEST(WindowProcessing, WalksTwoInputs) {
     const WindowResult result = twoInputs().result();
     EXPECT_TRUE(same(result, {.state = {.membrane = 0.0,

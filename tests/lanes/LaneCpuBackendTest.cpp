@@ -111,6 +111,7 @@ TEST(LaneCpuBackend, GivesUniformItemsToTheVectorsAndOthersToTheOrdinaryWalk) {
     counted.advance = CountedKernels::advance;
     LaneCpuBackend backend(counted);
     EXPECT_STREQ(backend.name(), "cpu-lanes");
+    EXPECT_STREQ(LaneCpuBackend().instructionSet(), counted.name) << "the widest vectors";
     EXPECT_STREQ(backend.instructionSet(), counted.name);
     const DrawnCall call = uniformCall(100);
     struct Case {

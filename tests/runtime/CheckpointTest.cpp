@@ -260,6 +260,9 @@ TEST_F(CheckpointTest, BelongsToARuntimeOfTheSameParts) {
     KelmRuntime bare = runtimeWith('\0');
     const BlobLayout unread(bare.checkpoint());
     EXPECT_FALSE(bare.restore(withValueAt(unread.bytes(), unread.begin("precisions"), 1UL)));
+    Blob caused = withValueAt(unread.bytes(), unread.begin("causes"), 1UL);
+    caused.insert(caused.begin() + static_cast<std::ptrdiff_t>(unread.begin("channels")), 9, 0);
+    EXPECT_FALSE(bare.restore(caused)) << "a cause without a recorder";
     // Before its first sample a recorder is as empty as none. Nobody looks at its moments then.
     ASSERT_TRUE(bare.restore(runtimeWith('r').checkpoint()));
     bare.run();

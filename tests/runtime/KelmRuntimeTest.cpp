@@ -270,7 +270,8 @@ TEST_F(KelmRuntimeTest, TellsItsListenerWhenEveryPartHasDoneItsWork) {
             const RecordedSpike& spike = runtime.recorder()->spikes()[i];
             EXPECT_GE(runtime.plasticity()->traces()[neuron].last_spike, time);
             EXPECT_EQ(std::tuple(entry.time, entry.neuron), std::tuple(time, neuron));
-            EXPECT_EQ(std::tuple(spike.time, spike.neuron), std::tuple(time, neuron));
+            EXPECT_EQ(std::tuple(spike.time, spike.neuron, spike.spike_kind),
+                      std::tuple(time, neuron, 0U));
             const auto phases = runtime.oscillators()->neuronPhases(neuron, time);
             EXPECT_EQ(phases.size(), neuron == 0 ? 1 : 0);
             EXPECT_TRUE(sameImages<PhaseSample>(entry.phases, phases));

@@ -103,7 +103,8 @@ TEST(LearningChain, AgreesToTheBitWithThePlainRules) {
             // At few times, and one spike twice, so that every tie occurs.
             std::vector<SpikeRecord> spikes(draws.below(8));
             for (SpikeRecord& spike : spikes) {
-                spike = {start + draws.timeBelow(4) * 250'001, draws.below(neurons)};
+                spike = {start + draws.oneOf<ModelTime>({0, 1, 250'001, 750'003}),
+                         draws.below(neurons)};
                 engine.recordSpike(spike.neuron, spike.time);
             }
             // Everything goes on from its own blob, under its own hooks.
