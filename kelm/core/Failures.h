@@ -39,6 +39,8 @@ public:
         "more spikes in one window than the model allows; check d_min against the refractory "
         "period";
     static constexpr const char* shadow_violation = "observer shadow run violated neuron bounds";
+    static constexpr const char* past_candidate =
+        "a candidate lies before the window that takes up its neuron";
     static constexpr const char* window_too_large =
         "a window holds more events than 32-bit indices can address";
     static constexpr const char* no_device =

@@ -104,7 +104,8 @@ public:
     }
 
     /// Records stream (name, index): advanceTo appends each value from here on to a new, empty
-    /// tape. The stream is created if need be; a tape that it had is dropped.
+    /// tape, which only grows until another takes its place. The stream is created if need be; a
+    /// tape that it had is dropped.
     void record(std::string_view name, std::uint64_t index);
 
     /// Checks stream (name, index) against `tape`, shape (value_count): advanceTo compares each

@@ -336,6 +336,11 @@ void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
             streams = random_.firstStates(spontaneous_);
         }
         item.pending_time = candidates_[n].time;
+        // Only a forged snapshot knows of such a one, and its walk would draw its way through all
+        // the windows that have gone by.
+        if (item.pending_time >= 0 && item.pending_time < window.start) {
+            throw WindowEngineError(WindowEngineError::past_candidate);
+        }
         item.pending_bound = candidates_[n].rate;
         const std::size_t end = events.orderTarget(first);
         item.first_event = static_cast<std::uint32_t>(first - part);

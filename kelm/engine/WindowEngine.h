@@ -76,10 +76,12 @@ public:
     /// to stand later than `until`; a later call goes on from there.
     ///
     /// Throws WindowEngineError for a hazard above its bound and for more spikes in a window than
-    /// a result can hold, in this order for each neuron; SynapseRoutingViolation for an event
-    /// outside the network; LookaheadViolation for a delivery into a processed window;
-    /// TimeOverflow; std::runtime_error in a floating-point environment as above; and whatever a
-    /// hook or the backend throws. Of a window whose backend threw, nothing is committed.
+    /// a result can hold, in this order for each neuron, and for a candidate of a forged snapshot
+    /// that lies before its window; SynapseRoutingViolation for an event outside the network;
+    /// LookaheadViolation for a delivery into a processed window; TimeOverflow; what
+    /// RandomContext::advanceTo throws; std::runtime_error in a floating-point environment as
+    /// above; and whatever a hook or the backend throws. Of a window whose backend threw, nothing
+    /// is committed.
     void run(IWindowBackend& backend, ModelTime until);
 
     /// Posts an event from outside. Ids are given in the order of posting.

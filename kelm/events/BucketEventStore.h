@@ -34,6 +34,13 @@ public:
     /// Throws InvalidLookahead for a d_min below 1, then for fewer than four buckets.
     BucketEventStore(ModelTime d_min, std::uint64_t bucket_count);
 
+    // A copy's lists would lie in this one's pools.
+    BucketEventStore(const BucketEventStore&) = delete;
+    BucketEventStore& operator=(const BucketEventStore&) = delete;
+    BucketEventStore(BucketEventStore&&) = default;
+    BucketEventStore& operator=(BucketEventStore&&) = default;
+    ~BucketEventStore() override = default;
+
     const char* name() override { return "bucket"; }
 
     /// Takes a copy of the event and gives it the next id.

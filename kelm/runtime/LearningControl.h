@@ -104,7 +104,8 @@ public:
     void setWeightCap(double cap);
 
     std::span<const JournalEntry> journal() const { return journal_; }
-    /// The gate's answers, each from its time on until the next.
+    /// The gate's answers, each from its time on until the next. The list only grows, by an entry
+    /// for each answer that differs from the one before.
     std::span<const ModulatorSample> modulatorHistory() const { return modulator_history_; }
     /// Synapses that have had a fading part, in the order of first touch. The list only grows.
     std::span<const EdgeId> pendingEdges() const { return pending_edges_; }

@@ -91,7 +91,7 @@ public:
     std::span<const ErrorChannel> channels() const { return channels_; }
     /// Shape (channels).
     std::span<const Predictor> predictors() const { return predictors_; }
-    /// In the order of report.
+    /// In the order of report. The list only grows.
     std::span<const Observation> observations() const { return observations_; }
     /// Two values that travel in checkpoints and have no reader.
     double reservedA() const { return reserved_a_; }

@@ -64,7 +64,9 @@ struct SampleContext {
 /// which. It takes no part in the dynamics.
 ///
 /// Samples come in ascending time, each behind the spikes of the window that holds it. The lists
-/// only grow; views are valid until something is recorded or restored.
+/// only grow; views are valid until something is recorded or restored. Where samples hold spike
+/// counts, spikes wait for the next sample to count them, 16 bytes each: without a sample to come
+/// they wait for good.
 class Recorder {
 public:
     /// Throws std::invalid_argument for a negative sample interval.

@@ -12,11 +12,13 @@
 #include <utility>
 #include <vector>
 
+#include "compare/BlobLayout.h"
 #include "compare/RunImage.h"
 #include "kelm/core/Failures.h"
 #include "kelm/engine/CpuWindowBackend.h"
 #include "tests/engine/ScriptedBackend.h"
 #include "tests/support/ExpectThrows.h"
+#include "tests/support/ForgedBlobs.h"
 #include "tests/support/PlainStore.h"
 
 namespace Lumenar::Core::Kelm {
@@ -149,6 +151,24 @@ TEST(WindowEngineRun, StopsAtTheFirstFlaggedResultAndCommitsNothingWhereTheBacke
             expected.profile = {1, 3, 1, 0, 1};
         }
         EXPECT_EQ(firstDifference(expected, imageOf(engine)), "");
+    }
+}
+
+// A walk from there would take as many draws as the windows in between have held.
+TEST(WindowEngineRun, EndsAtACandidateOfAForgedSnapshotThatLiesBeforeItsWindow) {
+    WindowEngine writer = silentEngine(2);
+    writer.post(inputAt(35, 1));
+    const BlobLayout layout(writer.snapshot());
+    for (const auto& [time, text] :
+         {std::pair<ModelTime, const char*>{-1, ""},
+          {0, "a candidate lies before the window that takes up its neuron"},
+          {29, "a candidate lies before the window that takes up its neuron"},
+          {30, ""}}) {
+        WindowEngine reader = silentEngine(2);
+        const std::size_t second = layout.begin("candidates") + sizeof(CandidateSlot);
+        ASSERT_TRUE(reader.restore(withValueAt(layout.bytes(), second, time)));
+        CpuWindowBackend cpu;
+        EXPECT_EQ(failureOf(reader, cpu, reader.horizon()), text) << time;
     }
 }
 
