@@ -122,7 +122,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size >= 24) std::memcpy(&buckets, data + 16, 8);
     const bool short_ring = buckets == short_ring_buckets;
     Pair stores{makeStore(short_ring), makeStore(short_ring), {}, {}};
-    if (!acceptedByTwins(stores.plain, stores.held, {data, size})) return 0;
+    static const Blob pasts[] = {longestPast(makeStore(false), "BucketEventStore"),
+                                 longestPast(makeStore(true), "BucketEventStore")};
+    if (!acceptedByTwins(stores.plain, stores.held, pasts[short_ring], {data, size})) return 0;
 
     const Blob taken = stores.plain.snapshot();
     const std::vector<Event> pending = eventsOf(taken);

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "compare/Grammar.h"
 #include "fuzz/Fuzzing.h"
 #include "fuzz/Mutation.h"
@@ -19,10 +21,25 @@ struct Run {
 
 void readAll(KelmRuntime& runtime) {
     (void)runtime.logHash();
-    for (NodeId n = 0; n < runtime.graph().nodeCount(); ++n) (void)runtime.spontaneousState(n);
-    (void)runtime.recorder()->causes();
+    const OscillatorBank& bank = *runtime.oscillators();
+    const LearningControl& learning = *runtime.learningControl();
+    const ModelTime end = model().network.horizon;
+    for (NodeId n = 0; n < runtime.graph().nodeCount(); ++n) {
+        (void)runtime.spontaneousState(n);
+        require(bank.neuronPhases(n, end).size() <= bank.oscillators().size(),
+                "phases have owners");
+        require(!learning.neuronAdmitted(n) || learning.groupAllows(learning.groupOf(n)),
+                "who is admitted is in a group that may learn");
+    }
+    require(bank.allPhases(end).size() == bank.oscillators().size(), "phases have owners");
+    for (const EdgeId edge : learning.pendingEdges()) {
+        require(edge < runtime.graph().edgeCount(), "pending synapses lie in the network");
+    }
+    const std::vector<CauseEntry> causes = runtime.recorder()->causes();
+    require(std::ranges::is_sorted(causes, {}, &CauseEntry::event_id), "causes are in order");
     for (std::size_t i = 0; i < runtime.prediction()->channels().size(); ++i) {
-        (void)runtime.prediction()->latestObservation(i);
+        const auto latest = runtime.prediction()->latestObservation(i);
+        require(!latest || latest->channel == i, "an observation is of its channel");
     }
 }
 
@@ -47,6 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const BlobView bytes(data, size);
     if (runsOutOfIds(bytes)) return 0;
     Run run;
+    static const Blob past = longestPast(Run(), "Checkpoint");
+    require(run.restore(past), "a runtime reads a checkpoint of a run");
     const Blob before = run.snapshot();
     bool accepted = false;
     (void)outcomeOf([&] { accepted = run.restore(bytes); });
@@ -58,6 +77,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Run twin;
     require(twin.restore(taken), "a runtime reads its own checkpoint");
     require(twin.snapshot() == taken, "a checkpoint restores to itself");
+    // A reading may create a stream that is not there.
+    for (Run* const one : {&run, &twin}) readAll(*one->runtime);
 
     const ModelTime horizon = model().network.horizon;
     for (const ModelTime until : {horizon / 2, horizon, horizon + 8 * model().network.d_min}) {

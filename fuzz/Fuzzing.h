@@ -43,10 +43,12 @@ std::string outcomeOf(Action action) {
     }
 }
 
-/// Gives `bytes` to an object and to nobody else. True where they were accepted: `twin` is then in
-/// the same state by way of a snapshot.
+/// Gives `bytes` to an object that already holds `past`, so that it has something to lose. True
+/// where they were accepted: `twin`, which must be fresh, is then in the same state by way of a
+/// snapshot.
 template <class Object>
-bool acceptedByTwins(Object& object, Object& twin, BlobView bytes) {
+bool acceptedByTwins(Object& object, Object& twin, BlobView past, BlobView bytes) {
+    require(object.restore(past), "an object reads a snapshot of a run");
     const Blob before = object.snapshot();
     if (!object.restore(bytes)) {
         require(object.snapshot() == before, "a refusal leaves an object as it was");

@@ -51,7 +51,8 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Learner learner;
     Learner twin;
-    if (!acceptedByTwins(learner.control, twin.control, {data, size})) return 0;
+    static const Blob past = longestPast(makeLearning(), "LearningControl");
+    if (!acceptedByTwins(learner.control, twin.control, past, {data, size})) return 0;
     LearningControl& control = learner.control;
     for (NodeId n = 0; n < learner.graph.nodeCount(); ++n) {
         require(!control.neuronAdmitted(n) || control.groupAllows(control.groupOf(n)),

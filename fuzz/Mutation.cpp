@@ -55,7 +55,7 @@ void mutateBytes(Blob& bytes, Testing::Draws& draws) {
     if (length == 8 && draws.chance(25)) {
         // Ends of the ranges of times, counts and numbers, and what lies near the small ones.
         const auto value = draws.oneOf<std::uint64_t>(
-            {0, 1, 2, ~0ULL, 1ULL << 63, ~0ULL >> 1, 1ULL << 32, 1ULL << 40, 0x7ff0000000000000,
+            {0, 1, 2, ~0ULL, 1ULL << 63, ~0ULL >> 1, 1ULL << 32, 1ULL << 62, 0x7ff0000000000000,
              0xfff0000000000000, 0x7ff8000000000001, 0x7fefffffffffffff, 0x43e0000000000000,
              0x3ff0000000000000, 0x8000000000000001, draws.below(1024), draws.next() >> 3});
         std::memcpy(bytes.data(), &value, 8);

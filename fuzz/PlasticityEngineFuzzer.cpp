@@ -26,7 +26,8 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     PlasticityEngine engine = makePlasticity();
     PlasticityEngine twin = makePlasticity();
-    if (!acceptedByTwins(engine, twin, {data, size})) return 0;
+    static const Blob past = longestPast(makePlasticity(), "PlasticityEngine");
+    if (!acceptedByTwins(engine, twin, past, {data, size})) return 0;
     SynapseGraph graph = makeGraph();
     const OscillatorBank bank = makeOscillators();
     const ModelTime d_min = model().network.d_min;

@@ -1,6 +1,7 @@
 #include "compare/Grammar.h"
 #include "fuzz/Fuzzing.h"
 #include "fuzz/Mutation.h"
+#include "fuzz/Subjects.h"
 #include "kelm/core/RandomContext.h"
 
 using namespace Lumenar::Core;
@@ -50,9 +51,9 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     RandomContext context(1);
-    context.streamFor("before", 0);
     RandomContext twin(2);
-    if (!acceptedByTwins(context, twin, {data, size})) return 0;
+    static const Blob past = longestPast(RandomContext(1), "RandomContext");
+    if (!acceptedByTwins(context, twin, past, {data, size})) return 0;
     walkStreams(context, twin);
     sameFor(context, twin, [](RandomContext& c) {
         c.next(c.streamFor("spontaneous", 1));

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kelm/core/Blob.h"
@@ -39,5 +40,16 @@ struct Seed {
 
 /// What the model's parts have written on the way through its run.
 std::vector<Seed> realSnapshots();
+
+/// The longest of those that `object` takes.
+template <class Object>
+Blob longestPast(Object object, std::string_view reader) {
+    Blob longest;
+    for (const Seed& seed : realSnapshots()) {
+        if (seed.reader != reader || seed.bytes.size() <= longest.size()) continue;
+        if (object.restore(seed.bytes)) longest = seed.bytes;
+    }
+    return longest;
+}
 
 }  // namespace Lumenar::Core::Kelm::Fuzzing

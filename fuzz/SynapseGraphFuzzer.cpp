@@ -59,11 +59,12 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     SynapseGraph graph = makeGraph();
     SynapseGraph twin = makeGraph();
+    static const Blob past = longestPast(makeGraph(), "SynapseGraph");
     // So that tables of another network are there to be replaced.
     (void)graph.outgoing(0);
     (void)graph.incoming(0);
     (void)graph.dMin();
-    if (!acceptedByTwins(graph, twin, {data, size})) return 0;
+    if (!acceptedByTwins(graph, twin, past, {data, size})) return 0;
     walkRoutes(graph);
     Sink sink;
     for (NodeId n = 0; n < graph.nodeCount(); ++n) {

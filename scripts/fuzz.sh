@@ -37,7 +37,7 @@ fuzz() {
     local reader=$1 report=$folder/found/$1.log status=0
     mkdir -p "$folder/learned/$reader"
     UBSAN_OPTIONS=print_stacktrace=1 "$folder/kelm-fuzz-$reader" \
-        -max_total_time="$seconds" -timeout=10 -rss_limit_mb=1024 -malloc_limit_mb=512 \
+        -max_total_time="$seconds" -timeout=10 -rss_limit_mb=1024 -malloc_limit_mb=32 \
         -max_len=16384 -dict="$dictionary" -artifact_prefix="$folder/found/$reader-" \
         "$folder/learned/$reader" "$folder/corpus/$reader" >"$report" 2>&1 || status=$?
     awk -v reader="$reader" '
