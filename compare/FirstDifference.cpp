@@ -161,12 +161,24 @@ std::optional<Difference> differenceOf(const Remains& a, const Remains& b) {
                       static_cast<std::uint64_t>(y - b.outcomes.begin())};
 }
 
-bool agree(CarriedRun& left, CarriedRun& right) {
-    return !firstWindowApart(left, right) && !differenceOf(left.remains(), right.remains());
-}
-
 std::string FirstDifference::text() const {
     return "window " + std::to_string(window) + ": " + what.text();
+}
+
+std::optional<FirstDifference> differenceAtEnds(CarriedRun& left, CarriedRun& right,
+                                                ModelTime d_min) {
+    const auto& a = left.trace().windows();
+    const auto& b = right.trace().windows();
+    if (const auto apart = firstWindowApart(left, right)) {
+        const bool both = *apart < std::min(a.size(), b.size());
+        const ModelTime window_end = (*apart < a.size() ? a : b)[*apart].end;
+        return FirstDifference{window_end / d_min - 1,
+                               {"window digest", std::nullopt, both ? a[*apart].digest : 0,
+                                both ? b[*apart].digest : 0}};
+    }
+    const auto left_behind = differenceOf(left.remains(), right.remains());
+    if (!left_behind) return std::nullopt;
+    return FirstDifference{a.empty() ? -1 : a.back().end / d_min - 1, *left_behind};
 }
 
 std::optional<FirstDifference> firstDifference(const RunFactory& left, const RunFactory& right,
@@ -214,7 +226,8 @@ std::optional<FirstDifference> firstDifference(const RunFactory& left, const Run
         const std::int64_t middle = equal + (last - equal) / 2;
         remainsDiffer(middle) ? last = middle : equal = middle;
     }
-    return FirstDifference{last - 1, remainsDiffer(last).value()};
+    const auto found = remainsDiffer(last);
+    return found ? std::optional(FirstDifference{last - 1, *found}) : std::nullopt;
 }
 
 }  // namespace Lumenar::Core::Kelm::Compare

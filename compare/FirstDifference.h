@@ -139,12 +139,15 @@ struct FirstDifference {
     std::string text() const;
 };
 
-/// Whether two runs that have come to their ends have shown and left the same.
-bool agree(CarriedRun& left, CarriedRun& right);
+/// What two runs that have come to their ends have shown or left that differs, without running them
+/// again: the first window whose digests differ, or else what differs behind the last one. None
+/// where they agree. `d_min`: ns, of the windows.
+std::optional<FirstDifference> differenceAtEnds(CarriedRun& left, CarriedRun& right,
+                                                ModelTime d_min);
 
 /// The first window in which two ways of running a model differ until `end` ns, and what differs
 /// there: a field that a neuron was given or left with in it, or one of what it left behind as a
-/// whole. None where they agree.
+/// whole. None where they agree, or where a difference does not show each time.
 ///
 /// It runs either way several times, with a digest a window to find the window and a comparison in
 /// full there; what only shows between windows is found by bisection. `d_min`: ns, of the windows.

@@ -545,14 +545,16 @@ std::optional<FirstDifference> Soak::compare(const SoakModel& model, const std::
                            model.window(), model.end());
 }
 
+/// A whole run.
+std::unique_ptr<SoakRun> Soak::run(const SoakModel& model, const std::string& way) {
+    std::unique_ptr<SoakRun> carried = start(model, way);
+    carried->advance(model.end());
+    return carried;
+}
+
 std::optional<Finding> Soak::examine(const SoakModel& model,
                                      const std::optional<std::string>& only) {
     const auto kind = static_cast<std::size_t>(model.kind);
-    const auto run = [&](const SoakModel& subject, const std::string& way) {
-        std::unique_ptr<SoakRun> carried = start(subject, way);
-        carried->advance(subject.end());
-        return carried;
-    };
     const std::unique_ptr<SoakRun> expected = run(model, reference);
     tallies_[kind] += expected->tally();
     ++models_[kind];
@@ -570,18 +572,24 @@ std::optional<Finding> Soak::examine(const SoakModel& model,
         tally.cuts = came_to.cuts;
         tally.whole = came_to.whole;
         tallies_[kind] += tally;
-        if (agree(*expected, *other)) continue;
-
-        Finding finding;
-        finding.way = way;
-        finding.difference = compare(model, reference, way).value();
-        finding.smallest = shrunk(model, [&](const SoakModel& smaller) {
-            return !agree(*run(smaller, reference), *run(smaller, way));
-        });
-        finding.smallest_difference = compare(finding.smallest, reference, way).value();
-        return finding;
+        const auto seen = differenceAtEnds(*expected, *other, model.window());
+        if (!seen) continue;
+        const auto again = compare(model, reference, way);
+        return Finding{way, again.value_or(*seen), again.has_value()};
     }
     return std::nullopt;
+}
+
+std::optional<SmallestModel> Soak::shrink(const SoakModel& model, const std::string& way) {
+    SmallestModel smallest;
+    smallest.model = shrunk(model, [&](const SoakModel& smaller) {
+        return differenceAtEnds(*run(smaller, reference), *run(smaller, way), smaller.window())
+            .has_value();
+    });
+    const auto difference = compare(smallest.model, reference, way);
+    if (!difference) return std::nullopt;
+    smallest.difference = *difference;
+    return smallest;
 }
 
 std::string Soak::idleKind() const {

@@ -49,8 +49,15 @@ protected:
 struct Finding {
     std::string way;  ///< which differs from the reference, "cpu"
     Compare::FirstDifference difference;
-    SoakModel smallest;
-    Compare::FirstDifference smallest_difference;
+    /// False where the runs were equal when they were repeated, as where threads race: the
+    /// difference is then told as far as it showed.
+    bool repeats = false;
+};
+
+/// A model in which little is left but a difference.
+struct SmallestModel {
+    SoakModel model;
+    Compare::FirstDifference difference;
 };
 
 /// The ways of running a model. One at a time in a program: it turns the controls of the emulated
@@ -81,9 +88,13 @@ public:
                                                     const std::string& right);
 
     /// Runs the model in every way, or in the reference's and one other; the first way that differs
-    /// from the reference, if there is one, with the model made as small as it can be.
+    /// from the reference, if there is one.
     std::optional<Finding> examine(const SoakModel& model,
                                    const std::optional<std::string>& only = std::nullopt);
+
+    /// The model made as small as it can be while `way` differs from the reference. None where it
+    /// ceases to.
+    std::optional<SmallestModel> shrink(const SoakModel& model, const std::string& way);
 
     /// Of all runs that examine() made, by the kind of model; beside runs, refusals, exceptions,
     /// cuts and whole runs those of the reference alone.
@@ -99,6 +110,8 @@ public:
 
 private:
     struct Backends;
+
+    std::unique_ptr<SoakRun> run(const SoakModel& model, const std::string& way);
 
     std::unique_ptr<Backends> backends_;
     std::array<Tally, kind_count> tallies_ = {};

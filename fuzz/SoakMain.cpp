@@ -87,6 +87,7 @@ Arguments argumentsOf(int count, char** values) {
 
 Blob bytesOf(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
+    if (!file) throw BadUsage();
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
@@ -106,18 +107,23 @@ int compareWays(Soak& soak, const SoakModel& model, const Arguments& arguments) 
     return found ? 1 : 0;
 }
 
-void report(const Finding& finding, const SoakModel& model) {
+/// Tells of a finding, and only then looks for a smaller model, which takes its time.
+void report(Soak& soak, const Finding& finding, const SoakModel& model, const char* program) {
     std::printf("seed %llu: %s differs from %s in %s\n",
                 static_cast<unsigned long long>(model.seed), finding.way.c_str(), Soak::reference,
                 finding.difference.text().c_str());
-    std::printf("again: kelm-soak --seed %llu --kind %s --only %s\n",
+    std::printf("again: %s --seed %llu --kind %s --only %s\n", program,
                 static_cast<unsigned long long>(model.seed), nameOf(model.kind),
                 finding.way.c_str());
+    if (!finding.repeats) std::printf("it did not show when the runs were repeated\n");
+    std::fflush(stdout);
+    const auto smallest = soak.shrink(model, finding.way);
+    if (!smallest) return;
     std::printf("the smallest model that still differs, in %s:\n%s",
-                finding.smallest_difference.text().c_str(), finding.smallest.text().c_str());
+                smallest->difference.text().c_str(), smallest->model.text().c_str());
 }
 
-int soak(const Arguments& arguments) {
+int soak(const Arguments& arguments, const char* program) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
     const auto seconds = [&] {
@@ -136,7 +142,7 @@ int soak(const Arguments& arguments) {
         if (arguments.prints) std::printf("%s", model.text().c_str());
         if (arguments.left) return compareWays(soak, model, arguments);
         if (const auto finding = soak.examine(model, arguments.only)) {
-            report(*finding, model);
+            report(soak, *finding, model, program);
             return 1;
         }
         if (seconds() < next_report) continue;
@@ -176,7 +182,7 @@ int main(int count, char** values) {
             return compareFiles(*arguments.left, arguments.right);
         }
         if (arguments.left && !arguments.seed) throw BadUsage();
-        return soak(arguments);
+        return soak(arguments, values[0]);
     } catch (const BadUsage&) {
         std::fprintf(stderr,
                      "usage: kelm-soak [--models N] [--first SEED] [--seed SEED] [--kind KIND]\n"

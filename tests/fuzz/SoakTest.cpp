@@ -35,13 +35,14 @@ public:
                        const std::span<Kernel::WindowResult>& results) override {
         cpu_.processWindow(work, events, end, horizon, parameters, firing, results);
         for (std::size_t i = 0; end == window_end && i < work.size(); ++i) {
-            if (work[i].neuron == neuron) spoil(results[i]);
+            if (work[i].neuron == neuron && faults_left-- > 0) spoil(results[i]);
         }
     }
     bool tryResidentRun(WindowEngine&) override { return false; }
 
     ModelTime window_end = no_time;
     NodeId neuron = 0;
+    int faults_left = 1'000'000;
     std::function<void(Kernel::WindowResult&)> spoil;
 
 private:
@@ -109,7 +110,7 @@ TEST(Soak, NamesTheWindowTheNeuronAndTheFieldOfAPlantedFaultAndShrinksTheModel) 
             ASSERT_LT(seed, 100);
 
             const auto finding = soak.examine(model, "faulty");
-            ASSERT_TRUE(finding.has_value());
+            ASSERT_TRUE(finding.has_value() && finding->repeats);
             EXPECT_EQ(finding->way, "faulty");
             EXPECT_EQ(finding->difference.window, fault.window_end / model.window() - 1);
             EXPECT_EQ(finding->difference.what.neuron, fault.neuron);
@@ -120,17 +121,35 @@ TEST(Soak, NamesTheWindowTheNeuronAndTheFieldOfAPlantedFaultAndShrinksTheModel) 
 
             // Nothing is left but what the fault needs: its neuron and those numbered below, and
             // whatever makes it do something in that window, such as spikes of others.
-            const GeneratedModel& smallest = finding->smallest.network();
-            EXPECT_GT(smallest.node_count, fault.neuron);
-            EXPECT_LE(smallest.node_count, fault.neuron + 3);
-            EXPECT_LE(smallest.synapses.size() + smallest.inputs.size(), 3);
-            EXPECT_TRUE(finding->smallest.cuts.empty());
-            EXPECT_LE(finding->smallest.composed.steps.size(), 3);
-            EXPECT_EQ(finding->smallest_difference.what.field, c.field);
-            EXPECT_EQ(finding->smallest_difference.what.neuron, fault.neuron);
-            EXPECT_EQ(soak.compare(finding->smallest, "cpu", "device"), std::nullopt);
+            const auto smallest = soak.shrink(model, "faulty");
+            ASSERT_TRUE(smallest.has_value());
+            const GeneratedModel& network = smallest->model.network();
+            EXPECT_GT(network.node_count, fault.neuron);
+            EXPECT_LE(network.node_count, fault.neuron + 3);
+            EXPECT_LE(network.synapses.size() + network.inputs.size(), 3);
+            EXPECT_TRUE(smallest->model.cuts.empty());
+            EXPECT_LE(smallest->model.composed.steps.size(), 3);
+            EXPECT_EQ(smallest->difference.what.field, c.field);
+            EXPECT_EQ(smallest->difference.what.neuron, fault.neuron);
+            EXPECT_EQ(soak.compare(smallest->model, "cpu", "device"), std::nullopt);
         }
     }
+}
+
+TEST(Soak, TellsOfADifferenceThatDoesNotShowAgain) {
+    FaultyBackend fault;
+    fault.spoil = [](Kernel::WindowResult& result) { ++result.updates; };
+    Soak soak;
+    soak.addBackend("faulty", fault);
+    const SoakModel model = generateSoakModel(1, ModelKind::large);
+    ASSERT_TRUE(plant(soak, model, fault));
+    fault.faults_left = 1;
+    const auto finding = soak.examine(model, "faulty");
+    ASSERT_TRUE(finding.has_value());
+    EXPECT_FALSE(finding->repeats);
+    EXPECT_EQ(finding->difference.window, fault.window_end / model.window() - 1);
+    EXPECT_EQ(finding->difference.what.field, "window digest");
+    EXPECT_FALSE(soak.shrink(model, "faulty").has_value());
 }
 
 TEST(Soak, TellsAKindWhoseModelsIdle) {
