@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -14,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "compare/BlobLayout.h"
 #include "kelm/cuda/CudaWindowBackend.h"
 #include "kelm/cuda/LookaheadCudaTesting.h"
 #include "kelm/cuda/ShardQueue.h"
@@ -30,6 +32,7 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
+using namespace Compare;
 using namespace Testing;
 
 /// Whether `act` ran out of memory at its allocation `n`, from 0. Fails the test where anything
@@ -370,8 +373,15 @@ TEST_F(AllocationFault, LeavesABankOfAnySizeAsItWas) {
     }
 }
 
-TEST_F(AllocationFault, CountsAnInjectionOnceAndPostsEachEventOnce) {
+std::uint64_t pendingEvents(KelmRuntime& runtime) {
+    const BlobLayout layout(runtime.checkpoint());
+    return numberAt(layout.bytes(), layout.begin("store") + 8 + 41);
+}
+
+// Both say so: events of the targets before the one that failed stay.
+TEST_F(AllocationFault, LeavesAnInjectionOrAPerturbationPostedUpToATargetAndCanRepeatIt) {
     const ComposedModel model = smallComposedModel(4);
+    const std::uint64_t none = pendingEvents(*model.build(cpu_));
     const std::string name = model.channels[0].name;
     const std::vector<NodeId>& targets = model.channels[0].targets;
     struct Subject {
@@ -389,12 +399,30 @@ TEST_F(AllocationFault, CountsAnInjectionOnceAndPostsEachEventOnce) {
         [&](Subject& subject) { subject.runtime->inject(name, 1, 0.5); },
         [&](Subject& subject) {
             const InputChannelStats& stats = subject.runtime->inputChannels()->stats(0);
-            EXPECT_LE(stats.injections, subject.trace.records().size());
+            const std::uint64_t counted = stats.injections;
+            EXPECT_LE(counted, subject.trace.records().size());
             EXPECT_EQ(stats.events, 0U);
-            // Behind it the next one is taken as if nothing had been.
+            const std::uint64_t posted = pendingEvents(*subject.runtime) - none;
+            EXPECT_LT(posted, targets.size());
             EXPECT_EQ(subject.runtime->inject(name, 1, 0.5).size(), targets.size());
             EXPECT_EQ(stats.events, targets.size());
+            EXPECT_EQ(stats.injections, counted + 1);
+            EXPECT_EQ(pendingEvents(*subject.runtime), none + posted + targets.size());
         });
+    // Enough for a store to ask for memory between two of them.
+    const Perturbation many{7, 1, PerturbationKind::activation, 0.5, std::vector<NodeId>(100, 1)};
+    std::uint64_t most = 0;
+    failEach(
+        "perturbation", [&] { return model.build(cpu_); },
+        [&](KelmRuntime& runtime) { runtime.perturb(many); },
+        [&](KelmRuntime& runtime) {
+            const std::uint64_t posted = pendingEvents(runtime) - none;
+            EXPECT_LT(posted, many.targets.size());
+            most = std::max(most, posted);
+            EXPECT_EQ(runtime.perturb(many).size(), many.targets.size());
+            EXPECT_EQ(pendingEvents(runtime), none + posted + many.targets.size());
+        });
+    EXPECT_GT(most, 0U);
 }
 
 }  // namespace
