@@ -1,7 +1,7 @@
 // Runs the benchmark network for a long time, step by step, and tells of each step what it took and
 // what the process keeps resident, with what only grows taken off: the logs of spikes and phases,
-// recorder, journal and the learning gate's answers. What is left must stay as it is, and so must
-// the time of a delivery.
+// recorder, journal, and of the learning the gate's answers and the synapses that have faded. What
+// is left must stay as it is, and so must the time of a delivery.
 
 #include <unistd.h>
 
@@ -94,34 +94,46 @@ double residentBytes() {
     return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE));
 }
 
-double sampleBytes(const RecordedSample& sample) {
-    const std::size_t values = sample.membrane.size() + sample.adaptation.size() +
-                               sample.refractory_left.size() + sample.next_candidate.size() +
-                               sample.spike_counts.size() + sample.oscillator_phases.size();
-    return static_cast<double>(sizeof(RecordedSample) + values * sizeof(double));
+/// What an entry's own list takes of the heap: a word in front of it, in units of two words.
+template <class Record>
+std::size_t listBytes(const std::vector<Record>& list) {
+    const std::size_t bytes = list.size() * sizeof(Record);
+    return bytes == 0 ? 0 : std::max<std::size_t>((bytes + 8 + 15) / 16 * 16, 32);
+}
+
+std::size_t sampleBytes(const RecordedSample& sample) {
+    return sizeof(RecordedSample) + listBytes(sample.membrane) + listBytes(sample.adaptation) +
+           listBytes(sample.refractory_left) + listBytes(sample.next_candidate) +
+           listBytes(sample.spike_counts) + listBytes(sample.oscillator_phases);
 }
 
 double grownBytes(KelmRuntime& runtime) {
-    auto bytes =
-        static_cast<double>(runtime.spikeLog().size_bytes() + runtime.phaseLog().size_bytes());
+    std::size_t bytes = runtime.spikeLog().size_bytes() + runtime.phaseLog().size_bytes();
+    for (const PhaseLogEntry& entry : runtime.phaseLog()) bytes += listBytes(entry.phases);
     if (const Recorder* recorder = runtime.recorder()) {
-        bytes += static_cast<double>(recorder->spikes().size_bytes());
+        bytes += recorder->spikes().size_bytes();
+        for (const RecordedSpike& spike : recorder->spikes()) bytes += listBytes(spike.phases);
         for (const RecordedSample& sample : recorder->samples()) bytes += sampleBytes(sample);
     }
     if (const LearningControl* learning = runtime.learningControl()) {
-        bytes += static_cast<double>(learning->journal().size_bytes() +
-                                     learning->modulatorHistory().size_bytes());
+        bytes += learning->journal().size_bytes() + learning->modulatorHistory().size_bytes() +
+                 learning->pendingEdges().size_bytes();
     }
-    return bytes;
+    return static_cast<double>(bytes);
 }
 
 void runAll(const Options& options) {
     CpuWindowBackend backend;
     KelmRuntime runtime = options.all_parts ? makeFullRuntime(options.scale, backend)
                                             : makeEmptyRuntime(options.scale, backend);
-    // Every change of every synapse would fill the memory of most machines.
     if (LearningControl* learning = runtime.learningControl()) {
+        // Every change of every synapse would fill the memory of most machines.
         learning->setJournal(JournalMode::sampled, 0.01);
+        learning->setFastWeights(true, 50'000'000, 0.0);
+    }
+    if (OscillatorBank* bank = runtime.oscillators()) {
+        bank->setMemberships(
+            std::vector<std::vector<std::uint32_t>>(options.scale.neuron_count, {0}));
     }
     std::printf("%" PRIu64 " neurons, %g spikes/s, %s\n\n", options.scale.neuron_count,
                 options.scale.base_rate, options.all_parts ? "all parts" : "no parts");
