@@ -3,7 +3,7 @@
 # holds the digests of many runs against those of the first cell: status 1 for a test that fails or
 # a digest that differs.
 #
-#   scripts/same-bits.sh [CELL...]   all cells, where none is named
+#   scripts/same-bits.sh [CELL...]   all cells that this machine can make, where none is named
 #
 # A cell is one argument: a compiler and its flags ("g++ -O2 -march=x86-64-v3"), the same for
 # aarch64 under qemu-user ("aarch64-g++ -O2"), or the folder of a finished build ("build/ci"), of
@@ -87,12 +87,14 @@ work() {
     "${emulator[@]}" "$2/tests/kelm-digests" >"$digests"
 }
 
-# Prints a line: what ran in the cell and how its digests compare. Sets `status`.
+# Prints a line: what ran in the cell and how its digests compare. Sets `status`, also where a cell
+# that was asked for by name lacks a tool.
 check() {
     local cell=$1 name=${1//[ \/]/_} reason start=$SECONDS failed='' verdict='the first'
     reason=$(reason_against "$cell")
     if [[ -n $reason ]]; then
         printf '%-32s left out: %s\n' "$cell" "$reason"
+        if [[ -n $named && $reason == 'there is'* ]]; then status=1; fi
         return
     fi
     local folder=$output/$name digests=$output/$name.digests log=$output/$name.log
@@ -121,7 +123,8 @@ check() {
 }
 
 cells=("$@")
-if ((! $#)); then mapfile -t cells < <(all_cells); fi
+named=${1:-}
+if [[ -z $named ]]; then mapfile -t cells < <(all_cells); fi
 need_build_tools
 if [[ ${cells[*]} == *clang++* ]] && can_install; then need clang has_command clang++; fi
 if [[ ${cells[*]} == *aarch64* ]] && can_install; then need_cross_tools; fi
