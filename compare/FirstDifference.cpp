@@ -170,11 +170,12 @@ std::optional<FirstDifference> differenceAtEnds(CarriedRun& left, CarriedRun& ri
     const auto& a = left.trace().windows();
     const auto& b = right.trace().windows();
     if (const auto apart = firstWindowApart(left, right)) {
-        const bool both = *apart < std::min(a.size(), b.size());
+        const auto digest_of = [&](const std::vector<WindowTrace::Window>& windows) {
+            return *apart < windows.size() ? windows[*apart].digest : 0;
+        };
         const ModelTime window_end = (*apart < a.size() ? a : b)[*apart].end;
         return FirstDifference{window_end / d_min - 1,
-                               {"window digest", std::nullopt, both ? a[*apart].digest : 0,
-                                both ? b[*apart].digest : 0}};
+                               {"window digest", std::nullopt, digest_of(a), digest_of(b)}};
     }
     const auto left_behind = differenceOf(left.remains(), right.remains());
     if (!left_behind) return std::nullopt;
@@ -206,11 +207,13 @@ std::optional<FirstDifference> firstDifference(const RunFactory& left, const Run
             const auto& windows = run.trace().windows();
             return *apart < windows.size() ? windows[*apart].end : last_model_time;
         };
-        const ModelTime window_end = std::min(end_of(*again.left), end_of(*again.right));
+        const ModelTime left_end = end_of(*again.left);
+        const ModelTime right_end = end_of(*again.right);
+        const ModelTime window_end = std::min(left_end, right_end);
         if (!inside) {
-            inside = Difference{"window end", std::nullopt,
-                                static_cast<std::uint64_t>(end_of(*again.left)),
-                                static_cast<std::uint64_t>(end_of(*again.right))};
+            if (left_end == right_end) return std::nullopt;
+            inside = Difference{"window end", std::nullopt, static_cast<std::uint64_t>(left_end),
+                                static_cast<std::uint64_t>(right_end)};
         }
         last = window_end / d_min - 1;
         if (!remainsDiffer(last)) return FirstDifference{last, *inside};

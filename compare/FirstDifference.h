@@ -147,7 +147,7 @@ std::optional<FirstDifference> differenceAtEnds(CarriedRun& left, CarriedRun& ri
 
 /// The first window in which two ways of running a model differ until `end` ns, and what differs
 /// there: a field that a neuron was given or left with in it, or one of what it left behind as a
-/// whole. None where they agree, or where a difference does not show each time.
+/// whole. None where they agree, or where a difference ceases to show as it is narrowed down.
 ///
 /// It runs either way several times, with a digest a window to find the window and a comparison in
 /// full there; what only shows between windows is found by bisection. `d_min`: ns, of the windows.

@@ -172,6 +172,34 @@ TEST(WindowEngineRun, EndsAtACandidateOfAForgedSnapshotThatLiesBeforeItsWindow) 
     }
 }
 
+TEST(WindowEngineRun, StartsTheStreamsThatAForgedSnapshotHasLeftOut) {
+    const auto make = [] {
+        return WindowEngine(SynapseGraph(5, 10'000'000, {}), Kernel::Neuron(), Kernel::Firing(), 1,
+                            20'000'000'000);
+    };
+    const BlobLayout layout(make().snapshot());
+    const BlobView bytes(layout.bytes());
+    const auto runWith = [&](std::initializer_list<NodeId> streams) {
+        Runtime::RandomContext random(1);
+        for (const NodeId n : streams) random.streamFor("spontaneous", n);
+        const BlobLayout::Field& field = layout.field("random");
+        const BlobView behind = bytes.subspan(field.end);
+        Blob forged(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(field.begin));
+        appendNested(forged, random.snapshot());
+        appendBytes(forged, behind.data(), behind.size());
+        WindowEngine engine = make();
+        EXPECT_TRUE(engine.restore(forged));
+        CpuWindowBackend cpu;
+        engine.run(cpu);
+        return imageOf(engine);
+    };
+    const RunImage all = runWith({0, 1, 2, 3, 4});
+    EXPECT_GT(all.profile.accepted, 20U);
+    EXPECT_EQ(firstDifference(runWith({}), all), "");
+    EXPECT_EQ(firstDifference(runWith({0, 1, 3}), all), "");
+    EXPECT_EQ(firstDifference(runWith({4, 2}), all), "");
+}
+
 TEST(WindowEngineRun, RefusesEventsForNeuronsOutsideTheNetworkHoweverTheyCome) {
     auto store = std::make_unique<PlainStore>(10, 16);
     store->post(inputAt(1, 2));

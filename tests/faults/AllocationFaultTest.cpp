@@ -378,7 +378,7 @@ std::uint64_t pendingEvents(KelmRuntime& runtime) {
     return numberAt(layout.bytes(), layout.begin("store") + 8 + 41);
 }
 
-// Both say so: events of the targets before the one that failed stay.
+// The events of targets before the one that failed are told to stay.
 TEST_F(AllocationFault, LeavesAnInjectionOrAPerturbationPostedUpToATargetAndCanRepeatIt) {
     const ComposedModel model = smallComposedModel(4);
     const std::uint64_t none = pendingEvents(*model.build(cpu_));

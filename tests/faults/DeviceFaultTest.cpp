@@ -204,7 +204,7 @@ TEST_F(DeviceFault, IsReportedByItsCallAndLeavesNothingBehind) {
          "alloc work;alloc results;alloc events;" + window +
              "((free work;free results;alloc work;alloc results;)?(free events;alloc events;)?" +
              window + ")+",
-         {";free work;free results;", "results;free events;"}},
+         {";free work;free results;", ";download results;free events;"}},
         {"arena",
          [] {
              const auto device = std::make_shared<CudaWindowBackend>();

@@ -143,13 +143,17 @@ TEST(Soak, TellsOfADifferenceThatDoesNotShowAgain) {
     soak.addBackend("faulty", fault);
     const SoakModel model = generateSoakModel(1, ModelKind::large);
     ASSERT_TRUE(plant(soak, model, fault));
-    fault.faults_left = 1;
-    const auto finding = soak.examine(model, "faulty");
-    ASSERT_TRUE(finding.has_value());
-    EXPECT_FALSE(finding->repeats);
-    EXPECT_EQ(finding->difference.window, fault.window_end / model.window() - 1);
-    EXPECT_EQ(finding->difference.what.field, "window digest");
-    EXPECT_FALSE(soak.shrink(model, "faulty").has_value());
+    for (const int faults : {1, 2}) {
+        SCOPED_TRACE(faults);
+        fault.faults_left = faults;
+        const auto finding = soak.examine(model, "faulty");
+        ASSERT_TRUE(finding.has_value());
+        EXPECT_FALSE(finding->repeats);
+        EXPECT_EQ(finding->difference.window, fault.window_end / model.window() - 1);
+        EXPECT_EQ(finding->difference.what.field, "window digest");
+        EXPECT_NE(finding->difference.what.left, finding->difference.what.right);
+        EXPECT_FALSE(soak.shrink(model, "faulty").has_value());
+    }
 }
 
 TEST(Soak, TellsAKindWhoseModelsIdle) {
