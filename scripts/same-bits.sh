@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the library in one cell after another, runs the golden and differential tests in each, and
-# holds the digests of many runs against those of the first cell: status 1 for a test that fails or
-# a digest that differs.
+# holds the digests of many runs against those of the first cell: status 1 for a test that fails, a
+# digest that differs, or a cell that was named and that a tool is missing for.
 #
 #   scripts/same-bits.sh [CELL...]   all cells that this machine can make, where none is named
 #
@@ -37,14 +37,17 @@ all_cells() {
     echo 'aarch64-clang++ -O2'
 }
 
-# Prints the sentence that tells why a cell has to be left out, if it has to.
+# Prints the sentence that tells why a cell has to be left out, if it has to. Status 1 where that is
+# for want of a tool.
 reason_against() {
-    if [[ $1 == *clang++* ]] && ! has_command clang++; then
-        echo 'there is no clang++'
-    elif [[ $1 == *x86-64-v3* ]] && ! has_v3; then
+    if [[ $1 == *x86-64-v3* ]] && ! has_v3; then
         echo 'this machine does not run code for x86-64-v3'
+    elif [[ $1 == *clang++* ]] && ! has_command clang++; then
+        echo 'there is no clang++'
+        return 1
     elif [[ $1 == aarch64-* ]] && ! has_cross_tools; then
         echo 'there is no cross compiler for aarch64, qemu-aarch64-static or source of GoogleTest'
+        return 1
     fi
 }
 
@@ -87,14 +90,13 @@ work() {
     "${emulator[@]}" "$2/tests/kelm-digests" >"$digests"
 }
 
-# Prints a line: what ran in the cell and how its digests compare. Sets `status`, also where a cell
-# that was asked for by name lacks a tool.
+# Prints a line: what ran in the cell and how its digests compare. Sets `status`.
 check() {
-    local cell=$1 name=${1//[ \/]/_} reason start=$SECONDS failed='' verdict='the first'
-    reason=$(reason_against "$cell")
+    local cell=$1 name=${1//[ \/]/_} reason start=$SECONDS failed='' verdict='the first' lacking=''
+    reason=$(reason_against "$cell") || lacking=yes
     if [[ -n $reason ]]; then
         printf '%-32s left out: %s\n' "$cell" "$reason"
-        if [[ -n $named && $reason == 'there is'* ]]; then status=1; fi
+        if [[ -n $named && -n $lacking ]]; then status=1; fi
         return
     fi
     local folder=$output/$name digests=$output/$name.digests log=$output/$name.log

@@ -1,7 +1,7 @@
 // Runs the benchmark network for a long time, step by step, and tells of each step what it took and
 // what the process keeps resident, with what only grows taken off: the logs of spikes and phases,
-// recorder, journal, and of the learning the gate's answers and the synapses that have faded. What
-// is left must stay as it is, and so must the time of a delivery.
+// recorder, journal, answers of the learning gate and the list of synapses that have faded. What is
+// left must stay as it is, and so must the time of a delivery.
 
 #include <unistd.h>
 

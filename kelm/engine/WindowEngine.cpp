@@ -336,8 +336,8 @@ void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
             streams = random_.firstStates(spontaneous_);
         }
         item.pending_time = candidates_[n].time;
-        // Only a forged snapshot knows of such a one, and its walk would draw its way through all
-        // the windows that have gone by.
+        // Of a forged snapshot, or of a reseeding that was refused on the way: the walk would draw
+        // its way through all the windows that have gone by.
         if (item.pending_time >= 0 && item.pending_time < window.start) {
             throw WindowEngineError(WindowEngineError::past_candidate);
         }

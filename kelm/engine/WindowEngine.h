@@ -98,7 +98,9 @@ public:
 
     /// Draws every first candidate anew, for external drives of at most `drive_bounds`: shape
     /// (neurons). The draws of construction stay consumed. Call it before the first run.
-    /// Throws WindowEngineError for another count, then once the run has begun.
+    /// Throws WindowEngineError for another count, then once the run has begun; LookaheadViolation
+    /// for a candidate before the window at which an earlier run has stopped, after which the
+    /// engine may only be destroyed.
     void reseedInitialCandidates(std::span<const double> drive_bounds);
 
     /// Format "KELMWEN3": tag; state count (8), states (40 each); length (8) and "RNDCTX1" blob of

@@ -15,9 +15,8 @@ struct InjectionRecord {
     double value = 0.0;
 };
 
-/// A record of what was injected into a runtime, in the order of the calls, which only grows. An
-/// injection is noted before its channel sees it, so one that the channel then refuses is here as
-/// well.
+/// A record of what was injected into a runtime, in the order of the calls. An injection is noted
+/// before its channel sees it, so one that the channel then refuses is here as well. It only grows.
 class InjectionTrace {
 public:
     /// Throws std::invalid_argument, with nothing appended, for an empty name, a negative time or a
