@@ -581,11 +581,13 @@ std::optional<Finding> Soak::examine(const SoakModel& model,
 }
 
 std::optional<SmallestModel> Soak::shrink(const SoakModel& model, const std::string& way) {
-    SmallestModel smallest;
-    smallest.model = shrunk(model, [&](const SoakModel& smaller) {
-        return differenceAtEnds(*run(smaller, reference), *run(smaller, way), smaller.window())
+    const auto differs = [&](const SoakModel& subject) {
+        return differenceAtEnds(*run(subject, reference), *run(subject, way), subject.window())
             .has_value();
-    });
+    };
+    if (!differs(model)) return std::nullopt;
+    SmallestModel smallest;
+    smallest.model = shrunk(model, differs);
     const auto difference = compare(smallest.model, reference, way);
     if (!difference) return std::nullopt;
     smallest.difference = *difference;

@@ -141,7 +141,7 @@ TEST(Soak, TellsOfADifferenceThatDoesNotShowAgain) {
     fault.spoil = [](Kernel::WindowResult& result) { ++result.updates; };
     Soak soak;
     soak.addBackend("faulty", fault);
-    const SoakModel model = generateSoakModel(1, ModelKind::large);
+    const SoakModel model = generateSoakModel(2, ModelKind::plain);
     ASSERT_TRUE(plant(soak, model, fault));
     for (const int faults : {1, 2}) {
         SCOPED_TRACE(faults);
