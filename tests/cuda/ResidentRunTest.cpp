@@ -109,6 +109,7 @@ TEST_F(ResidentRunTest, IsDeclinedWhereTheDeviceCouldNotEndAsTheOrdinaryLoop) {
              e.reseedInitialCandidates(std::vector<double>(e.states().size(), 0.5));
          }},
         {"streams that somebody holds", as_it_is, [](WindowEngine& e) { e.randomStreams(); }},
+        {"an input from outside", as_it_is, [](WindowEngine& e) { e.post({.time = 5'000'000}); }},
         {"an observation to come", as_it_is,
          [](WindowEngine& e) { e.declareObserverEvent({.time = 5}); }},
         {"a state restored from before the run", as_it_is,
