@@ -34,7 +34,7 @@ void readAll(KelmRuntime& runtime) {
     }
     (void)bank.allPhases(end);
     for (const EdgeId edge : learning.pendingEdges()) {
-        require(edge < runtime.graph().edgeCount(), "pending synapses lie in the network");
+        require(edge < learning.synapseStates().size(), "pending synapses have a state");
     }
     const std::vector<CauseEntry> causes = runtime.recorder()->causes();
     require(std::ranges::is_sorted(causes, {}, &CauseEntry::event_id), "causes are in order");
