@@ -16,7 +16,6 @@
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/runtime/KelmRuntime.h"
 
-using namespace Lumenar::Core;
 using namespace Lumenar::Core::Kelm;
 
 namespace {

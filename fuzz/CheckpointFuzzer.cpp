@@ -6,7 +6,6 @@
 #include "fuzz/Subjects.h"
 #include "kelm/core/Digest.h"
 
-using namespace Lumenar::Core;
 using namespace Lumenar::Core::Kelm;
 using namespace Lumenar::Core::Kelm::Fuzzing;
 

@@ -5,7 +5,6 @@
 #include "fuzz/Mutation.h"
 #include "fuzz/Subjects.h"
 
-using namespace Lumenar::Core;
 using namespace Lumenar::Core::Kelm;
 using namespace Lumenar::Core::Kelm::Fuzzing;
 

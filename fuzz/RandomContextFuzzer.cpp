@@ -4,7 +4,6 @@
 #include "fuzz/Subjects.h"
 #include "kelm/core/RandomContext.h"
 
-using namespace Lumenar::Core;
 using namespace Lumenar::Core::Kelm::Fuzzing;
 using Runtime::RandomContext;
 

@@ -26,7 +26,6 @@
 
 namespace {
 
-using namespace Lumenar::Core;
 using namespace Lumenar::Core::Kelm;
 using namespace Lumenar::Core::Kelm::Fuzzing;
 

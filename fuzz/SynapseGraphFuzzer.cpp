@@ -7,7 +7,6 @@
 #include "fuzz/Subjects.h"
 #include "kelm/runtime/Homeostasis.h"
 
-using namespace Lumenar::Core;
 using namespace Lumenar::Core::Kelm;
 using namespace Lumenar::Core::Kelm::Fuzzing;
 

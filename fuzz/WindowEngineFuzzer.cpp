@@ -10,7 +10,6 @@
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/lanes/LaneCpuBackend.h"
 
-using namespace Lumenar::Core;
 using namespace Lumenar::Core::Kelm;
 using namespace Lumenar::Core::Kelm::Fuzzing;
 

@@ -15,7 +15,7 @@
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/engine/WindowEngine.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 namespace {
 
@@ -145,4 +145,4 @@ void checkProfile() {
     gateRequire(!cudaDeviceName().empty(), "the backend cannot name the device it ran on");
 }
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

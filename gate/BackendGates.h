@@ -4,7 +4,7 @@
 // differ, and what a device run reports of itself. Each throws std::runtime_error at the first
 // failed test; what a run throws passes unchanged.
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 /// Three small networks get the right verdict on whether they run whole on the device. Needs none.
 void checkResidentEligibility();
@@ -16,4 +16,4 @@ void checkHeterogeneous();
 /// The counters and the device name of a device run are plausible.
 void checkProfile();
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

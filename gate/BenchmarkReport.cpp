@@ -18,7 +18,7 @@
 #include "kelm/engine/WindowEngine.h"
 #include "kelm/runtime/KelmRuntime.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 namespace {
 
@@ -183,4 +183,4 @@ void runBenchmark(std::ostream& out) {
     reportIntegrated(workload, cpu, out);
 }
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -2,7 +2,7 @@
 
 #include <iosfwd>
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 /// Measures the benchmark network on each path of execution and writes a report: the CPU, the
 /// device window by window, shard queues, resident recurrence, and the engine's whole run on the
@@ -10,4 +10,4 @@ namespace Lumenar::Core::Kelm::Gate {
 /// the CPU's; what a run throws passes unchanged.
 void runBenchmark(std::ostream& out);
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 namespace {
 
@@ -49,4 +49,4 @@ BenchmarkWorkload buildBenchmarkWorkload(const BenchmarkScale& scale) {
             firing};
 }
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

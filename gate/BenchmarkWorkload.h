@@ -7,7 +7,7 @@
 #include "kelm/kernel/NeuronModel.h"
 #include "kelm/network/Synapse.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 /// Synapses that leave each neuron of the benchmark network.
 inline constexpr std::uint64_t benchmark_fanout = 16;
@@ -38,4 +38,4 @@ struct BenchmarkWorkload {
 /// Throws std::length_error for more synapses than a list can hold. Nothing else is tested here.
 BenchmarkWorkload buildBenchmarkWorkload(const BenchmarkScale& scale = {});
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

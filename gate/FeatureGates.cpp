@@ -16,7 +16,7 @@
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/runtime/KelmRuntime.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 namespace {
 
@@ -262,4 +262,4 @@ void checkComposed() {
                 "composed runtime recorder differs or sampled nothing");
 }
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -4,7 +4,7 @@
 // backends and throws std::runtime_error "kelmgate: ..." at the first difference; what a run
 // throws passes unchanged.
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 /// 15 cells: a run that is cut in the middle on the device, moved to a new runtime through a
 /// checkpoint and finished there equals one whole run on the CPU.
@@ -22,4 +22,4 @@ void checkPhase();
 /// something was sampled.
 void checkComposed();
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -7,7 +7,7 @@
 
 #include "kelm/cuda/CudaWindowBackend.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 namespace {
 
@@ -88,4 +88,4 @@ std::string cellLabel(std::string_view kind, std::uint64_t index, std::uint64_t 
            std::to_string(seed) + ")";
 }
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -10,7 +10,7 @@
 // fixed sequence of steps, each of which returns silently or throws; the exit status is the
 // verdict.
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 /// What the parity matrix covered.
 struct GateTotals {
@@ -57,4 +57,4 @@ void gateRequire(bool condition, std::string_view message);
 /// " (<kind> <index>, seed <seed>)": ends every message of a cell.
 std::string cellLabel(std::string_view kind, std::uint64_t index, std::uint64_t seed);
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -6,7 +6,7 @@
 #include "gate/ModelCatalogue.h"
 #include "kelm/runtime/KelmRuntime.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 GateRun collectRun(KelmRuntime& runtime) {
     GateRun run;
@@ -34,4 +34,4 @@ bool equalBits(const Kernel::State& a, const Kernel::State& b) {
     return std::memcmp(&a, &b, sizeof(Kernel::State)) == 0;
 }
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -9,10 +9,8 @@
 #include "kelm/kernel/NeuronModel.h"
 
 namespace Lumenar::Core::Kelm {
-class KelmRuntime;
-}
 
-namespace Lumenar::Core::Kelm::Gate {
+class KelmRuntime;
 
 /// What one run leaves behind for the comparisons.
 struct GateRun {
@@ -35,4 +33,4 @@ bool equalLogs(const GateRun& a, const GateRun& b);
 /// Whether two states hold the same 40 bytes: 0.0 and -0.0 differ, two equal NaNs do not.
 bool equalBits(const Kernel::State& a, const Kernel::State& b);
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

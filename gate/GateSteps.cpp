@@ -6,7 +6,7 @@
 #include "gate/ParityMatrix.h"
 #include "kelm/cuda/ShardLayout.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 GateSteps allSteps() {
     GateSteps steps;
@@ -23,4 +23,4 @@ GateSteps allSteps() {
     return steps;
 }
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -2,9 +2,9 @@
 
 #include "gate/GateDriver.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 /// Every step of the gate.
 GateSteps allSteps();
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

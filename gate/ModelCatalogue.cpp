@@ -3,7 +3,7 @@
 #include <utility>
 #include <vector>
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 namespace {
 
@@ -47,4 +47,4 @@ GateModel buildModel(std::uint64_t index) {
     return {buildRing(node_count, fanout, base_delay), neuron, firing, horizon};
 }
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -6,7 +6,7 @@
 #include "kelm/kernel/NeuronModel.h"
 #include "kelm/network/SynapseGraph.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 /// A small model whose neurons are all alike.
 struct GateModel {
@@ -23,4 +23,4 @@ inline constexpr std::uint64_t catalogue_size = 20;
 /// with one to four synapses to its successors, at one or two times the smallest delay.
 GateModel buildModel(std::uint64_t index);
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -4,7 +4,7 @@
 #include "kelm/cuda/CudaWindowBackend.h"
 #include "kelm/engine/CpuWindowBackend.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 namespace {
 
@@ -81,4 +81,4 @@ GateTotals runParityMatrix() {
     return totals;
 }
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -5,7 +5,7 @@
 #include "gate/GateDriver.h"
 #include "gate/GateRun.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 /// Runs 20 catalogue models by 5 seeds on the CPU and on the device and compares all that the runs
 /// produced.
@@ -22,4 +22,4 @@ void compareRuns(const GateRun& cpu, const GateRun& cuda, const std::string& lab
 /// more than 200 windows.
 void requireExercised(const GateTotals& totals);
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

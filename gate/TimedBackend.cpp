@@ -3,7 +3,7 @@
 #include <chrono>
 #include <cstdint>
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 void TimedBackend::processWindow(const std::span<const WindowWork>& work,
                                  const std::span<const Kernel::WindowEvent>& events,
@@ -18,4 +18,4 @@ void TimedBackend::processWindow(const std::span<const WindowWork>& work,
     seconds_ += static_cast<double>(elapsed_ns) / 1e9;
 }
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

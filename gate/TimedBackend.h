@@ -2,7 +2,7 @@
 
 #include "kelm/engine/IWindowBackend.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 /// Measures the time that a run spends in a backend. It declines whole runs, also where the wrapped
 /// backend would take them, so that every window is measured. The wrapped backend is borrowed.
@@ -28,4 +28,4 @@ private:
     double seconds_ = 0.0;
 };
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

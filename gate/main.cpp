@@ -7,6 +7,6 @@
 
 int main(int argc, char** argv) {
     const std::vector<std::string_view> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
-    return Lumenar::Core::Kelm::Gate::runGate(arguments, Lumenar::Core::Kelm::Gate::allSteps(),
-                                              std::cout, std::cerr);
+    return Lumenar::Core::Kelm::runGate(arguments, Lumenar::Core::Kelm::allSteps(), std::cout,
+                                        std::cerr);
 }

@@ -56,7 +56,7 @@ Batch buildBatch(const Load& load) {
             window_start - static_cast<ModelTime>(2e7 * Kernel::drawUniform(rng));
         item.firing.base_rate = 5.0;
         item.firing.gain = 2.0;
-        item.rng = Core::splitmixOutput(n);
+        item.rng = splitmixOutput(n);
         addPhaseTerms(item.drive, load.phase_terms);
         item.pending_time = window_end + 1'000'000;
         // Above every hazard that these traces can reach before the window's end.

@@ -16,19 +16,19 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-Gate::BenchmarkWorkload workloadOf(const benchmark::State& state) {
-    Gate::BenchmarkScale scale;
+BenchmarkWorkload workloadOf(const benchmark::State& state) {
+    BenchmarkScale scale;
     scale.neuron_count = static_cast<std::uint64_t>(state.range(0));
-    return Gate::buildBenchmarkWorkload(scale);
+    return buildBenchmarkWorkload(scale);
 }
 
-SynapseGraph graphOf(Gate::BenchmarkWorkload workload) {
+SynapseGraph graphOf(BenchmarkWorkload workload) {
     return {workload.neuron_count, workload.min_delay, std::move(workload.synapses)};
 }
 
 /// Validation and routing tables; the list that the graph takes over is copied off the clock.
 void build(benchmark::State& state) {
-    const Gate::BenchmarkWorkload workload = workloadOf(state);
+    const BenchmarkWorkload workload = workloadOf(state);
     for (auto turn : state) {
         state.PauseTiming();
         std::vector<Synapse> synapses = workload.synapses;
@@ -44,7 +44,7 @@ void build(benchmark::State& state) {
 
 /// What building is held against: the list copied once in memory.
 void copyList(benchmark::State& state) {
-    const Gate::BenchmarkWorkload workload = workloadOf(state);
+    const BenchmarkWorkload workload = workloadOf(state);
     for (auto turn : state) {
         std::vector<Synapse> synapses = workload.synapses;
         benchmark::DoNotOptimize(synapses.data());

@@ -25,11 +25,11 @@ struct Parts {
     std::optional<PredictionConfig> prediction;
 };
 
-KelmRuntime makeRuntime(const Gate::BenchmarkScale& scale, Parts parts, IWindowBackend& backend) {
-    Gate::BenchmarkWorkload workload = Gate::buildBenchmarkWorkload(scale);
+KelmRuntime makeRuntime(const BenchmarkScale& scale, Parts parts, IWindowBackend& backend) {
+    BenchmarkWorkload workload = buildBenchmarkWorkload(scale);
     return makeKelmRuntime(
         SynapseGraph(workload.neuron_count, workload.min_delay, std::move(workload.synapses)),
-        workload.neuron, workload.firing, Gate::benchmark_seed, workload.horizon, &backend, nullptr,
+        workload.neuron, workload.firing, benchmark_seed, workload.horizon, &backend, nullptr,
         parts.plasticity, std::move(parts.phase), std::move(parts.recorder),
         std::move(parts.input_channels), std::move(parts.prediction));
 }
@@ -59,7 +59,7 @@ void noteOutcome(Model& model, ComposedMeasurement& result) {
 /// Runs both halves. `before_half` gets the half's index, the runtime and the half's start in ns,
 /// and returns how many things it did.
 template <class BeforeHalf>
-ComposedMeasurement measureHalves(const Gate::BenchmarkScale& scale, Parts parts,
+ComposedMeasurement measureHalves(const BenchmarkScale& scale, Parts parts,
                                   BeforeHalf before_half) {
     CpuWindowBackend backend;
     KelmRuntime runtime = makeRuntime(scale, std::move(parts), backend);
@@ -75,26 +75,26 @@ ComposedMeasurement measureHalves(const Gate::BenchmarkScale& scale, Parts parts
     return result;
 }
 
-ComposedMeasurement measureHalves(const Gate::BenchmarkScale& scale, Parts parts) {
+ComposedMeasurement measureHalves(const BenchmarkScale& scale, Parts parts) {
     return measureHalves(scale, std::move(parts),
                          [](KelmRuntime&, ModelTime) { return std::uint64_t{0}; });
 }
 
 /// `settle` gets the runtime before its first half.
 template <class Settle>
-ComposedMeasurement measureSettled(const Gate::BenchmarkScale& scale, Parts parts, Settle settle) {
+ComposedMeasurement measureSettled(const BenchmarkScale& scale, Parts parts, Settle settle) {
     return measureHalves(scale, std::move(parts), [&](KelmRuntime& runtime, ModelTime start) {
         if (start == 0) settle(runtime);
         return std::uint64_t{0};
     });
 }
 
-ComposedMeasurement measureBareEngine(const Gate::BenchmarkScale& scale) {
-    Gate::BenchmarkWorkload workload = Gate::buildBenchmarkWorkload(scale);
+ComposedMeasurement measureBareEngine(const BenchmarkScale& scale) {
+    BenchmarkWorkload workload = buildBenchmarkWorkload(scale);
     CpuWindowBackend backend;
     WindowEngine engine(
         SynapseGraph(workload.neuron_count, workload.min_delay, std::move(workload.synapses)),
-        workload.neuron, workload.firing, Gate::benchmark_seed, workload.horizon);
+        workload.neuron, workload.firing, benchmark_seed, workload.horizon);
     ComposedMeasurement result;
     result.halves[0] = measureStretch(engine, [&] { engine.run(backend, scale.horizon / 2); });
     result.halves[1] = measureStretch(engine, [&] { engine.run(backend); });
@@ -140,7 +140,7 @@ PlasticityConfig withHomeostasis(PlasticityConfig config) {
     return config;
 }
 
-RecorderConfig recorderConfig(const Gate::BenchmarkScale& scale, bool samples) {
+RecorderConfig recorderConfig(const BenchmarkScale& scale, bool samples) {
     RecorderConfig config;
     if (!samples) return config;
     config.sample_interval = scale.horizon / 20;
@@ -160,7 +160,7 @@ std::vector<NodeId> targetsOf(std::uint64_t index, std::uint64_t count,
     return targets;
 }
 
-void requireNeurons(const Gate::BenchmarkScale& scale, std::uint64_t channels) {
+void requireNeurons(const BenchmarkScale& scale, std::uint64_t channels) {
     if (scale.neuron_count < channels) {
         throw std::invalid_argument("channels of their own need " + std::to_string(channels) +
                                     " neurons");
@@ -170,7 +170,7 @@ void requireNeurons(const Gate::BenchmarkScale& scale, std::uint64_t channels) {
 /// `layers` sets of `count` error channels, each of which covers the network. The channels' reports
 /// end in the same error, divided by the layers, so that every neuron's drive is the same in all
 /// cases but for rounding.
-ComposedMeasurement measureErrors(const Gate::BenchmarkScale& scale, std::uint64_t count,
+ComposedMeasurement measureErrors(const BenchmarkScale& scale, std::uint64_t count,
                                   std::uint64_t layers, std::uint64_t reports) {
     requireNeurons(scale, count);
     Parts parts;
@@ -196,7 +196,7 @@ ComposedMeasurement measureErrors(const Gate::BenchmarkScale& scale, std::uint64
 
 /// Input channels that together reach every neuron once, and four injections on each of them in
 /// each half: the same events, in the same order, whatever the number of channels.
-ComposedMeasurement measureInputs(const Gate::BenchmarkScale& scale, std::uint64_t count) {
+ComposedMeasurement measureInputs(const BenchmarkScale& scale, std::uint64_t count) {
     requireNeurons(scale, count);
     Parts parts;
     for (std::uint64_t i = 0; i < count; ++i) {
@@ -222,7 +222,7 @@ ComposedMeasurement measureInputs(const Gate::BenchmarkScale& scale, std::uint64
 
 /// Writes a checkpoint in the middle of a run and restores it into a second runtime, which must
 /// write the same bytes and leave the same log.
-ComposedMeasurement measureCheckpoint(const Gate::BenchmarkScale& scale, const Parts& parts) {
+ComposedMeasurement measureCheckpoint(const BenchmarkScale& scale, const Parts& parts) {
     CpuWindowBackend backend;
     KelmRuntime runtime = makeRuntime(scale, parts, backend);
     ComposedMeasurement result;
@@ -249,7 +249,7 @@ ComposedMeasurement measureCheckpoint(const Gate::BenchmarkScale& scale, const P
     return result;
 }
 
-using Scale = Gate::BenchmarkScale;
+using Scale = BenchmarkScale;
 
 Parts withPhase(const Scale& scale, std::uint32_t bindings) {
     Parts parts;
@@ -340,11 +340,11 @@ constexpr ComposedCase all_cases[] = {
 
 std::span<const ComposedCase> composedCases() { return all_cases; }
 
-KelmRuntime makeEmptyRuntime(const Gate::BenchmarkScale& scale, IWindowBackend& backend) {
+KelmRuntime makeEmptyRuntime(const BenchmarkScale& scale, IWindowBackend& backend) {
     return makeRuntime(scale, {}, backend);
 }
 
-KelmRuntime makeFullRuntime(const Gate::BenchmarkScale& scale, IWindowBackend& backend) {
+KelmRuntime makeFullRuntime(const BenchmarkScale& scale, IWindowBackend& backend) {
     return makeRuntime(scale, withAll(scale), backend);
 }
 

@@ -42,16 +42,16 @@ struct ComposedCase {
     std::string_view base;  ///< name of the case that it is compared with; empty for none
     bool same_run;          ///< the base must leave the same log
     std::string_view what;
-    ComposedMeasurement (*measure)(const Gate::BenchmarkScale& scale);
+    ComposedMeasurement (*measure)(const BenchmarkScale& scale);
 };
 
 /// Every case stands behind its base.
 std::span<const ComposedCase> composedCases();
 
 /// A runtime of the benchmark network with every slot empty.
-KelmRuntime makeEmptyRuntime(const Gate::BenchmarkScale& scale, IWindowBackend& backend);
+KelmRuntime makeEmptyRuntime(const BenchmarkScale& scale, IWindowBackend& backend);
 
 /// The same with learning, rhythm and samples.
-KelmRuntime makeFullRuntime(const Gate::BenchmarkScale& scale, IWindowBackend& backend);
+KelmRuntime makeFullRuntime(const BenchmarkScale& scale, IWindowBackend& backend);
 
 }  // namespace Lumenar::Core::Kelm

@@ -35,7 +35,7 @@ using Turns = std::vector<Measured<ComposedMeasurement>>;
 
 struct Options {
     std::vector<ComposedCase> cases;
-    Gate::BenchmarkScale scale;
+    BenchmarkScale scale;
     int repetitions = 5;
 };
 

@@ -39,7 +39,7 @@ constexpr const char* usage_text =
 
 struct Options {
     bool all_parts = false;
-    Gate::BenchmarkScale scale;
+    BenchmarkScale scale;
     ModelTime step = 1'000'000'000;  ///< ns
 };
 

@@ -47,7 +47,7 @@ constexpr const char* usage_text =
     "An option with several values makes as many cases; one with a single value holds for all.\n";
 
 struct Case {
-    Gate::BenchmarkScale scale;
+    BenchmarkScale scale;
     ModelTime until = 0;                        ///< ns, or 0 for the horizon
     std::uint64_t buckets = 4096;               ///< of the event store's ring
     const Lanes::LaneKernels* lanes = nullptr;  ///< of the backend, or null
@@ -163,11 +163,11 @@ Options parseOptions(const std::vector<std::string_view>& arguments) {
 }
 
 KelmRuntime makeRuntime(const Case& c, IWindowBackend& backend) {
-    Gate::BenchmarkWorkload workload = Gate::buildBenchmarkWorkload(c.scale);
+    BenchmarkWorkload workload = buildBenchmarkWorkload(c.scale);
     // The synapses are handed over, not copied: the peak is that of a program with one network.
     return makeKelmRuntime(
         SynapseGraph(workload.neuron_count, workload.min_delay, std::move(workload.synapses)),
-        workload.neuron, workload.firing, Gate::benchmark_seed, workload.horizon, &backend,
+        workload.neuron, workload.firing, benchmark_seed, workload.horizon, &backend,
         std::make_unique<BucketEventStore>(workload.min_delay, c.buckets));
 }
 
@@ -187,7 +187,7 @@ std::unique_ptr<IWindowBackend> makeBackend(const Case& c) {
 Measurement measureRun(const Case& c, bool share) {
     using Clock = std::chrono::steady_clock;
     const std::unique_ptr<IWindowBackend> inner = makeBackend(c);
-    Gate::TimedBackend backend(*inner);
+    TimedBackend backend(*inner);
     const Clock::time_point setup_start = Clock::now();
     KelmRuntime runtime = makeRuntime(c, share ? static_cast<IWindowBackend&>(backend) : *inner);
 

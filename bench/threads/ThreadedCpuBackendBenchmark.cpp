@@ -59,11 +59,11 @@ private:
 
 const LastWindow& windowOfTheNetwork() {
     static const LastWindow window = [] {
-        Gate::BenchmarkWorkload workload =
-            Gate::buildBenchmarkWorkload({.neuron_count = 20'000, .base_rate = 50.0});
+        BenchmarkWorkload workload =
+            buildBenchmarkWorkload({.neuron_count = 20'000, .base_rate = 50.0});
         WindowEngine engine(
             SynapseGraph(workload.neuron_count, workload.min_delay, std::move(workload.synapses)),
-            workload.neuron, workload.firing, Gate::benchmark_seed, workload.horizon);
+            workload.neuron, workload.firing, benchmark_seed, workload.horizon);
         LastWindow last;
         engine.run(last, 10 * workload.min_delay);
         return last;

@@ -11,7 +11,7 @@
 // How state becomes bytes: fields one behind the other, little-endian, without gaps, names or
 // checksum. The first eight bytes are a tag that carries the class and the version of its format.
 
-namespace Lumenar::Core {
+namespace Lumenar::Core::Kelm {
 
 static_assert(std::endian::native == std::endian::little,
               "blobs hold memory images, which are little-endian");
@@ -174,4 +174,4 @@ void clearGap(std::uint8_t (&gap)[size]) {
     std::memset(gap, 0, size);
 }
 
-}  // namespace Lumenar::Core
+}  // namespace Lumenar::Core::Kelm

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <type_traits>
 
-namespace Lumenar::Core {
+namespace Lumenar::Core::Kelm {
 
 /// The digest of no bytes. It is not the published offset basis of FNV.
 inline constexpr std::uint64_t digest_start = 0x14650fb0739d0383;
@@ -38,4 +38,4 @@ std::uint64_t digestImages(std::span<const Record> records) {
         std::span(reinterpret_cast<const std::uint8_t*>(records.data()), records.size_bytes()));
 }
 
-}  // namespace Lumenar::Core
+}  // namespace Lumenar::Core::Kelm

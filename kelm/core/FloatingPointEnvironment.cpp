@@ -3,7 +3,7 @@
 #include <limits>
 #include <stdexcept>
 
-namespace Lumenar::Core {
+namespace Lumenar::Core::Kelm {
 
 namespace {
 
@@ -47,4 +47,4 @@ void requireExactFloatingPoint() {
     }
 }
 
-}  // namespace Lumenar::Core
+}  // namespace Lumenar::Core::Kelm

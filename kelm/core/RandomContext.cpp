@@ -8,6 +8,8 @@
 
 namespace Lumenar::Core::Runtime {
 
+using namespace Kelm;
+
 namespace {
 
 constexpr BlobTag format_tag("RNDCTX1");

@@ -126,11 +126,11 @@ public:
     /// Format "RNDCTX1": tag, seed (8), stream count (4), then the streams ascending by name as
     /// bytes and by index, each: name length (4), name, index (8), state (8), mode (1), cursor (8),
     /// tape length (8), tape values (8 each).
-    Blob snapshot() const;
+    Kelm::Blob snapshot() const;
 
     /// Replaces seed and streams by those of `blob`. False for a blob that is cut short, forged or
     /// of another format, or that names a stream twice; the context is then as it was.
-    [[nodiscard]] bool restore(BlobView blob);
+    [[nodiscard]] bool restore(Kelm::BlobView blob);
 
 private:
     struct Tape {
@@ -154,12 +154,12 @@ private:
     static void insertState(FamilyTable& table, std::uint64_t index, std::uint64_t state);
     void advanceSlowly(FamilyTable& table, std::uint64_t index, std::uint64_t raw);
     static std::uint64_t requireReachable(std::uint64_t state, std::uint64_t raw) {
-        const std::uint64_t steps = (raw - state) * splitmix_increment_inverse;
+        const std::uint64_t steps = (raw - state) * Kelm::splitmix_increment_inverse;
         if (steps > max_steps) refuseUnreachable();
         return steps;
     }
     [[noreturn]] static void refuseUnreachable();
-    static void appendStream(Blob& blob, const FamilyTable& table, std::uint64_t index,
+    static void appendStream(Kelm::Blob& blob, const FamilyTable& table, std::uint64_t index,
                              std::uint64_t state);
 
     static constexpr std::uint64_t max_steps = 1'000'000'000;

@@ -7,7 +7,7 @@
 // SplitMix64, the generator of every random stream. Source: G. L. Steele, D. Lea, C. H. Flood,
 // "Fast splittable pseudorandom number generators", OOPSLA 2014.
 
-namespace Lumenar::Core {
+namespace Lumenar::Core::Kelm {
 
 /// A stream's raw state moves by this odd constant at each step, modulo 2^64.
 inline constexpr std::uint64_t splitmix_increment = 0x9e3779b97f4a7c15;
@@ -24,4 +24,4 @@ KELM_HD constexpr std::uint64_t splitmixOutput(std::uint64_t z) {
     return z ^ (z >> 31);
 }
 
-}  // namespace Lumenar::Core
+}  // namespace Lumenar::Core::Kelm

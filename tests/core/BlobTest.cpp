@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-namespace Lumenar::Core {
+namespace Lumenar::Core::Kelm {
 
 struct Image {
     std::int64_t time = 0;
@@ -126,4 +126,4 @@ TEST(Blob, ACountIsAcceptedOnlyIfItsItemsCanFollow) {
     }
 }
 
-}  // namespace Lumenar::Core
+}  // namespace Lumenar::Core::Kelm

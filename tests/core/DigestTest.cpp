@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace Lumenar::Core {
+namespace Lumenar::Core::Kelm {
 
 // The values of texts were computed with scripts/reference/kernel.py's digest.
 TEST(Digest, GivesTheValuesOfAnotherImplementation) {
@@ -29,4 +29,4 @@ TEST(Digest, SeesATextAndARecordAsTheirUnsignedBytes) {
     EXPECT_EQ(digest(std::string(bytes.begin(), bytes.end())), digest(bytes));
 }
 
-}  // namespace Lumenar::Core
+}  // namespace Lumenar::Core::Kelm

@@ -24,7 +24,7 @@ TEST(Failures, AreSeenByACatchOfTheirKind) {
         (are_all<std::logic_error, WindowEngineError, LookaheadViolation, BrokenCausalTrace>));
     EXPECT_TRUE((are_none<Argument, WindowEngineError, LookaheadViolation, BrokenCausalTrace>));
     EXPECT_TRUE((are_all<std::runtime_error, TimeOverflow, IncompatibleCheckpoint,
-                         Core::Runtime::ReplayExhausted>));
+                         Runtime::ReplayExhausted>));
     EXPECT_TRUE((are_all<std::out_of_range, SynapseRoutingViolation>));
 }
 

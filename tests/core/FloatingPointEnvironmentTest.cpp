@@ -9,7 +9,7 @@
 #include <xmmintrin.h>
 #endif
 
-namespace Lumenar::Core {
+namespace Lumenar::Core::Kelm {
 
 /// What the check says once `change` has been made; empty where it passes. The thread's
 /// environment is put back, flush bits included.
@@ -44,4 +44,4 @@ TEST(FloatingPointEnvironment, RefusesOtherRoundingAndEachWayOfFlushingSubnormal
     EXPECT_NO_THROW(requireExactFloatingPoint());
 }
 
-}  // namespace Lumenar::Core
+}  // namespace Lumenar::Core::Kelm

@@ -14,6 +14,8 @@
 
 namespace Lumenar::Core::Runtime {
 
+using namespace Kelm;
+
 using Kelm::Testing::expectThrows;
 using Values = std::vector<std::uint64_t>;
 

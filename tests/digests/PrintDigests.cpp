@@ -44,9 +44,9 @@ void printRuntime(KelmRuntime& runtime, bool finished) {
 }
 
 void printCatalogue(IWindowBackend& backend) {
-    for (std::uint64_t index = 0; index < Gate::catalogue_size; ++index) {
+    for (std::uint64_t index = 0; index < catalogue_size; ++index) {
         for (std::uint64_t seed = 1; seed <= catalogue_seeds; ++seed) {
-            Gate::GateModel model = Gate::buildModel(index);
+            GateModel model = buildModel(index);
             KelmRuntime runtime = makeKelmRuntime(std::move(model.graph), model.neuron,
                                                   model.firing, seed, model.horizon, &backend);
             runtime.run();

@@ -8,7 +8,7 @@
 
 #include "tests/support/ExpectThrows.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 namespace {
 
@@ -45,4 +45,4 @@ TEST(BenchmarkWorkload, RefusesMoreSynapsesThanAListCanHold) {
 
 }  // namespace
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -17,7 +17,7 @@
 #include "kelm/runtime/KelmRuntime.h"
 #include "tests/support/EmulatedDeviceFixture.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 namespace {
 
@@ -97,4 +97,4 @@ TEST(ModelCatalogue, HasModelsByArithmeticAlone) {
 
 }  // namespace
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -19,7 +19,7 @@
 #include "tests/support/EmulatedDeviceFixture.h"
 #include "tests/support/SameBits.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 namespace {
 
@@ -168,4 +168,4 @@ TEST_F(FeatureGatesTest, AKnownComposedRunAndItsCheckpoint) {
 
 }  // namespace
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -9,7 +9,7 @@
 
 #include "tests/support/EmulatedDeviceFixture.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 namespace {
 
@@ -112,4 +112,4 @@ TEST_F(GateDriver, GoesOnWithADeviceWhoseNameCannotBeRead) {
 
 }  // namespace
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm

@@ -8,7 +8,7 @@
 
 #include "tests/support/ExpectThrows.h"
 
-namespace Lumenar::Core::Kelm::Gate {
+namespace Lumenar::Core::Kelm {
 
 namespace {
 
@@ -94,4 +94,4 @@ TEST(RequireExercised, RefusesRunsThatWouldProveNothing) {
 
 }  // namespace
 
-}  // namespace Lumenar::Core::Kelm::Gate
+}  // namespace Lumenar::Core::Kelm
