@@ -1,11 +1,16 @@
 #include <algorithm>
 #include <cstring>
+#include <memory>
+#include <span>
 #include <utility>
 
 #include "compare/Grammar.h"
 #include "fuzz/Fuzzing.h"
 #include "fuzz/Mutation.h"
 #include "fuzz/Subjects.h"
+#include "kelm/core/PortableMath.h"
+#include "kelm/engine/WindowCalendar.h"
+#include "kelm/events/BucketEventStore.h"
 
 using namespace Lumenar::Core::Kelm;
 using namespace Lumenar::Core::Kelm::Fuzzing;
@@ -20,61 +25,92 @@ std::vector<Event> eventsOf(const Blob& snapshot) {
     return events;
 }
 
-/// The same events in two stores: as events in one, and with its candidates in slots in the other.
+/// The same events in two calendars: all of them in a store in one, and with the candidates in
+/// slots in the other, unless its ring must be short.
 struct Pair {
-    BucketEventStore plain;
-    BucketEventStore held;
-    std::vector<CandidateSlot> plain_slots;
-    std::vector<CandidateSlot> held_slots;
+    WindowCalendar stored;
+    WindowCalendar own;
 
-    void schedule(NodeId neuron, ModelTime time) {
-        const std::string outcome = outcomeOf([&] { held.scheduleCandidate(neuron, time, 0.5); });
-        require(outcome == outcomeOf([&] { scheduleAsEvent(neuron, time); }),
-                "stores fail alike at a candidate");
+    explicit Pair(bool short_ring)
+        : stored(std::make_unique<BucketEventStore>(makeStore(short_ring)), neurons()),
+          own(short_ring
+                  ? WindowCalendar(std::make_unique<BucketEventStore>(makeStore(true)), neurons())
+                  : WindowCalendar(model().network.d_min, neurons())) {}
+
+    static std::uint64_t neurons() { return model().network.node_count; }
+
+    template <class Action>
+    void onBoth(const Action& action, const char* what) {
+        const std::string outcome = outcomeOf([&] { action(stored); });
+        require(outcome == outcomeOf([&] { action(own); }), what);
     }
-    void scheduleAsEvent(NodeId neuron, ModelTime time) {
-        CandidateSlot& slot = plain_slots[neuron];
-        if (slot.event_id != no_event) plain.cancel(slot.event_id);
-        slot = {time, 0.5, no_event};
-        Event event;
-        event.time = time;
-        event.kind = EventKind::candidate;
-        event.source = event.target = neuron;
-        event.value = 0.5;
-        slot.event_id = plain.post(event);
+    void schedule(NodeId neuron, ModelTime time) {
+        onBoth([&](WindowCalendar& calendar) { calendar.schedule(neuron, time, 0.5); },
+               "calendars fail alike at a candidate");
     }
     void post(ModelTime time) {
         Event event;
         event.time = time;
-        const std::string outcome = outcomeOf([&] { plain.post(event); });
-        require(outcome == outcomeOf([&] { held.post(event); }), "stores fail alike at a post");
+        onBoth([&](WindowCalendar& calendar) { calendar.post(event); },
+               "calendars fail alike at a post");
     }
     void requireSame() {
-        require(plain.snapshot() == held.snapshot(), "stores hold the same");
-        require(plain.overflowPosts() == held.overflowPosts(), "stores count far events alike");
+        require(stored.snapshot() == own.snapshot(), "calendars hold the same");
+        const auto slots = std::as_bytes(stored.candidates());
+        require(std::ranges::equal(slots, std::as_bytes(own.candidates())), "slots are alike");
     }
 
-    /// False where there is no window any more, or none whose end is a time.
-    bool take(std::vector<Event>& events, ModelTime& start, ModelTime& end) {
-        std::vector<Event> others;
-        bool taken = false;
-        bool also_taken = false;
-        const std::string outcome =
-            outcomeOf([&] { taken = plain.take(last_model_time, events, start, end); });
-        require(outcome ==
-                    outcomeOf([&] { also_taken = held.take(last_model_time, others, start, end); }),
-                "stores fail alike at a window");
-        require(taken == also_taken && events.size() == others.size(), "windows are alike");
-        for (std::size_t i = 0; i < events.size(); ++i) {
-            require(std::memcmp(&events[i], &others[i], sizeof(Event)) == 0, "windows are alike");
+    /// False where there is no window any more, none whose end is a time, or one with an event for
+    /// a neuron that the network lacks.
+    bool take(ModelTime& start, ModelTime& end) {
+        WindowEvents events[2] = {WindowEvents(neurons()), WindowEvents(neurons())};
+        ModelTime bounds[2][2] = {{-1, -1}, {-1, -1}};
+        bool taken[2] = {};
+        int turn = 0;
+        onBoth(
+            [&](WindowCalendar& calendar) {
+                const int i = turn++;
+                taken[i] =
+                    calendar.takeWindow(last_model_time, events[i], bounds[i][0], bounds[i][1]);
+            },
+            "calendars fail alike at a window");
+        require(taken[0] == taken[1], "windows come alike");
+        if (!taken[0]) return false;
+        require(std::ranges::equal(bounds[0], bounds[1]), "windows have the same bounds");
+        start = bounds[0][0];
+        end = bounds[0][1];
+        require(events[0].size() != 0 && events[0].size() == events[1].size() &&
+                    events[0].reachesOutside() == events[1].reachesOutside(),
+                "windows hold as much");
+        if (events[0].reachesOutside()) return false;
+        requireSameEvents(events, start, end);
+        return true;
+    }
+
+    static void requireSameEvents(WindowEvents (&events)[2], ModelTime start, ModelTime end) {
+        for (WindowEvents& each : events) each.sortByTarget();
+        WindowEvents::Walk walks[2] = {events[0].walk(), events[1].walk()};
+        for (std::size_t first = 0; first < walks[0].size();) {
+            const std::size_t last = walks[0].orderTarget(first);
+            require(last == walks[1].orderTarget(first), "targets have as many events");
+            ModelTime before = start;
+            for (; first < last; ++first) {
+                const WindowEvents::Input a = walks[0].inputAt(first);
+                const WindowEvents::Input b = walks[1].inputAt(first);
+                require(walks[0].targetAt(first) == walks[1].targetAt(first) && a.time == b.time &&
+                            a.id == b.id && a.wake_only == b.wake_only &&
+                            Kernel::bitsOf(a.value) == Kernel::bitsOf(b.value),
+                        "windows are alike");
+                require(before <= a.time && a.time < end, "events lie in order in their window");
+                before = a.time;
+            }
         }
-        return taken;
     }
 };
 
 /// Every candidate's slot, as an engine would have it; where there are several, of the last one.
-std::vector<CandidateSlot> slotsFor(const std::vector<Event>& events) {
-    std::vector<CandidateSlot> slots(model().network.node_count);
+LargeArray<CandidateSlot> slotsFor(const std::vector<Event>& events) {
+    LargeArray<CandidateSlot> slots(model().network.node_count);
     for (const Event& event : events) {
         if (event.kind != EventKind::candidate || event.target >= slots.size()) continue;
         slots[event.target] = {event.time, event.value, event.id};
@@ -82,31 +118,26 @@ std::vector<CandidateSlot> slotsFor(const std::vector<Event>& events) {
     return slots;
 }
 
-void drain(Pair& stores, const std::vector<Event>& pending) {
-    std::vector<Event> events;
+void drain(Pair& calendars, std::size_t pending) {
     ModelTime start = 0;
     ModelTime end = 0;
-    const ModelTime width = stores.plain.bucketWidth();
+    const ModelTime width = model().network.d_min;
     // A few windows in which something is posted, and then all that are left.
-    for (std::size_t window = 0; stores.take(events, start, end); ++window) {
-        require(!events.empty() && end == start + width, "a window is not empty");
-        require(std::is_sorted(events.begin(), events.end(), EventLess()), "a window is in order");
-        require(events.front().time >= start && events.back().time < end,
-                "events lie in their window");
-        require(window <= pending.size() + 64, "windows come to an end");
-        stores.requireSame();
+    for (std::size_t window = 0; calendars.take(start, end); ++window) {
+        require(end == start + width, "a window is as long as the smallest delay");
+        require(window <= pending + 64, "windows come to an end");
+        calendars.requireSame();
         if (window >= 8) continue;
-        // Shared by candidates that come to stand before, in and behind the ring.
-        const NodeId neuron = window % stores.held_slots.size();
+        const NodeId neuron = window % Pair::neurons();
         const auto ahead = static_cast<ModelTime>(window % 4 == 3 ? 9 : window % 4);
         if (end <= last_model_time - 10 * width) {
-            stores.schedule(neuron, end + ahead * width);
-            stores.post(end + ahead * width);
+            calendars.schedule(neuron, end + ahead * width);
+            calendars.post(end + ahead * width);
         }
-        stores.post(start);  // refused
-        stores.requireSame();
+        calendars.post(start);  // refused
+        calendars.requireSame();
     }
-    stores.requireSame();
+    calendars.requireSame();
 }
 
 }  // namespace
@@ -120,18 +151,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::uint64_t buckets = 0;
     if (size >= 24) std::memcpy(&buckets, data + 16, 8);
     const bool short_ring = buckets == short_ring_buckets;
-    Pair stores{makeStore(short_ring), makeStore(short_ring), {}, {}};
+    BucketEventStore store = makeStore(short_ring);
+    BucketEventStore twin = makeStore(short_ring);
     static const Blob pasts[] = {longestPast(makeStore(false), "BucketEventStore"),
                                  longestPast(makeStore(true), "BucketEventStore")};
-    if (!acceptedByTwins(stores.plain, stores.held, pasts[short_ring], {data, size})) return 0;
+    if (!acceptedByTwins(store, twin, pasts[short_ring], {data, size})) return 0;
 
-    const Blob taken = stores.plain.snapshot();
+    const Blob taken = store.snapshot();
     const std::vector<Event> pending = eventsOf(taken);
-    stores.plain_slots = stores.held_slots = slotsFor(pending);
-    require(stores.held.restore(taken, stores.held_slots), "candidates can be kept in slots");
-    stores.requireSame();
-    require(stores.plain.isEmpty() == pending.empty(), "a store knows whether it is empty");
-    drain(stores, pending);
-    if (!runsOutOfIds(taken)) requireRestorable(stores.held, makeStore(short_ring));
+    require(store.isEmpty() == pending.empty(), "a store knows whether it is empty");
+    Pair calendars(short_ring);
+    LargeArray<CandidateSlot> slots = slotsFor(pending);
+    LargeArray<CandidateSlot> same = slots;
+    require(calendars.stored.restore(taken, std::move(slots)) &&
+                calendars.own.restore(taken, std::move(same)),
+            "calendars take a snapshot of a store");
+    calendars.requireSame();
+    drain(calendars, pending.size());
+    if (runsOutOfIds(taken)) return 0;
+    require(store.restore(calendars.own.snapshot()), "a store takes a snapshot of a calendar");
+    requireRestorable(store, makeStore(short_ring));
     return 0;
 }

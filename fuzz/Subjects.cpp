@@ -10,14 +10,10 @@ namespace Lumenar::Core::Kelm::Fuzzing {
 
 namespace {
 
-/// Far fewer than an engine's own store has: most of the time would go to making it.
-constexpr std::uint64_t ring_buckets = 64;
+/// As many as an engine's own calendar has, so that the two read each other's snapshots.
+constexpr std::uint64_t ring_buckets = 4096;
 
 CpuWindowBackend backend;
-
-std::unique_ptr<IEventStore> ownStore() {
-    return std::make_unique<BucketEventStore>(makeStore(false));
-}
 
 /// A nested blob of a checkpoint, without its length.
 Blob nested(const Compare::BlobLayout& layout, const char* field, std::uint64_t length) {
@@ -37,11 +33,11 @@ void addSnapshots(KelmRuntime& runtime, std::vector<Seed>& seeds) {
     }
 }
 
-/// Of a store of its own, as an event and a window come and go.
+/// Snapshots of one store, between which events are posted and windows taken.
 void addShortRings(std::vector<Seed>& seeds) {
     Testing::Draws draws(1);
     BucketEventStore store = makeStore(true);
-    const ModelTime width = store.bucketWidth();
+    const ModelTime width = model().network.d_min;
     std::vector<Event> events;
     ModelTime start = 0;
     ModelTime end = 0;
@@ -68,7 +64,11 @@ const Testing::ComposedModel& model() {
 
 SynapseGraph makeGraph() { return model().network.graph(); }
 
-WindowEngine makeEngine() { return Testing::makeEngine(model().network, ownStore()); }
+WindowEngine makeEngine(bool over_store) {
+    return Testing::makeEngine(
+        model().network,
+        over_store ? std::make_unique<BucketEventStore>(makeStore(false)) : nullptr);
+}
 
 OscillatorBank makeOscillators() {
     OscillatorBank bank(model().phase.oscillators);
@@ -87,7 +87,7 @@ LearningControl makeLearning() {
     return LearningControl(model().network.node_count, model().network.synapses.size());
 }
 
-std::unique_ptr<KelmRuntime> makeRuntime() { return model().build(backend, true, ownStore()); }
+std::unique_ptr<KelmRuntime> makeRuntime() { return model().build(backend, true); }
 
 BucketEventStore makeStore(bool short_ring) {
     return BucketEventStore(model().network.d_min, short_ring ? short_ring_buckets : ring_buckets);

@@ -23,7 +23,8 @@ const Testing::ComposedModel& model();
 
 // Fresh objects of the model.
 SynapseGraph makeGraph();
-WindowEngine makeEngine();
+/// `over_store`: whether it is given a store, in place of its own calendar.
+WindowEngine makeEngine(bool over_store = false);
 OscillatorBank makeOscillators();
 PlasticityEngine makePlasticity();
 LearningControl makeLearning();

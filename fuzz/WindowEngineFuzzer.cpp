@@ -56,7 +56,8 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (runsOutOfIds({data, size})) return 0;
     WindowEngine engine = makeEngine();
-    WindowEngine twin = makeEngine();
+    // The twin keeps its events in a store, where the engine keeps them in its own calendar.
+    WindowEngine twin = makeEngine(true);
     Observer observer;
     engine.setHooks(nullptr, nullptr, &observer);
     twin.setHooks(nullptr, nullptr, &observer);

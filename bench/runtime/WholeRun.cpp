@@ -41,7 +41,7 @@ constexpr const char* usage_text =
     "  --d-min        ns; length of a window and delay of every synapse\n"
     "  --horizon      ns; candidates are drawn up to here\n"
     "  --until        ns; the run ends here (default: the horizon)\n"
-    "  --buckets      slots of the event store's ring\n"
+    "  --buckets      run over a given store with a ring of this length, or 0 for none (default)\n"
     "  --threads      threads of the threaded backend, or 0 for none (default)\n"
     "  --repeat       measured runs of each case\n"
     "An option with several values makes as many cases; one with a single value holds for all.\n";
@@ -49,7 +49,7 @@ constexpr const char* usage_text =
 struct Case {
     BenchmarkScale scale;
     ModelTime until = 0;                        ///< ns, or 0 for the horizon
-    std::uint64_t buckets = 4096;               ///< of the event store's ring
+    std::uint64_t buckets = 0;                  ///< of a store that is given, or 0 for none
     const Lanes::LaneKernels* lanes = nullptr;  ///< of the backend, or null
     std::uint64_t threads = 0;                  ///< of ThreadedCpuBackend, or 0
 };
@@ -112,7 +112,9 @@ constexpr Setting settings[] = {
      [](Case& c, std::string_view text) { c.scale.horizon = parsePositive<ModelTime>(text); }},
     {"--until", [](Case& c, std::string_view text) { c.until = parsePositive<ModelTime>(text); }},
     {"--buckets",
-     [](Case& c, std::string_view text) { c.buckets = parsePositive<std::uint64_t>(text); }},
+     [](Case& c, std::string_view text) {
+         c.buckets = text == "0" ? 0 : parsePositive<std::uint64_t>(text);
+     }},
     {"--lanes", [](Case& c, std::string_view text) { c.lanes = laneKernelsOf(text); }},
     {"--threads",
      [](Case& c, std::string_view text) {
@@ -164,11 +166,15 @@ Options parseOptions(const std::vector<std::string_view>& arguments) {
 
 KelmRuntime makeRuntime(const Case& c, IWindowBackend& backend) {
     BenchmarkWorkload workload = buildBenchmarkWorkload(c.scale);
+    std::unique_ptr<IEventStore> store;
+    if (c.buckets != 0) {
+        store = std::make_unique<BucketEventStore>(workload.min_delay, c.buckets);
+    }
     // The synapses are handed over, not copied: the peak is that of a program with one network.
     return makeKelmRuntime(
         SynapseGraph(workload.neuron_count, workload.min_delay, std::move(workload.synapses)),
         workload.neuron, workload.firing, benchmark_seed, workload.horizon, &backend,
-        std::make_unique<BucketEventStore>(workload.min_delay, c.buckets));
+        std::move(store));
 }
 
 /// The CPU backend, where the case names no other. Threads with lanes compute their pieces in them.

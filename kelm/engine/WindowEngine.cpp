@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <type_traits>
+#include <optional>
 #include <utility>
 
 #include "kelm/core/Digest.h"
@@ -11,18 +11,15 @@
 #include "kelm/core/FloatingPointEnvironment.h"
 #include "kelm/core/Prefetch.h"
 #include "kelm/engine/WindowEvents.h"
-#include "kelm/events/BucketEventStore.h"
 
 namespace Lumenar::Core::Kelm {
 
 namespace {
 
-constexpr std::uint64_t calendar_buckets = 4096;
-
-/// How many events ahead a window's memory is asked for: far enough for it to come, near enough for
-/// it to stay.
+/// How many events ahead the memory of an event's neuron is prefetched: early enough to arrive in
+/// time, late enough to stay in the cache.
 constexpr std::size_t prefetch_distance = 16;
-/// The same in items, for the synapses of those that have fired.
+/// How many items ahead the synapses of a neuron that has fired are prefetched.
 constexpr std::size_t commit_distance = 8;
 constexpr const char* spontaneous_name = "spontaneous";
 constexpr std::uint64_t first_observation_id = 0x7fffffffffffffff;
@@ -44,17 +41,19 @@ struct WindowEngine::Window {
 
     ModelTime start = 0;
     ModelTime end = 0;
-    std::vector<Event> taken;  ///< from a store that does not hand out its own storage
     WindowEvents events;
     std::size_t built = 0;  ///< events whose items have been built
-    // Of the part that is in work, or of the window.
-    std::vector<WindowWork> work;                  ///< ascending by neuron; item_count are in use
-    std::vector<Kernel::WindowResult> results;     ///< as many are in use
-    std::vector<Kernel::WindowEvent> item_events;  ///< grouped by item; item_event_count in use
+
+    // The items of the window, or of the part in hand. The vectors only grow; of each, the first
+    // item_count or item_event_count entries are in use.
+    std::vector<WindowWork> work;  ///< ascending by neuron
+    std::vector<Kernel::WindowResult> results;
+    std::vector<Kernel::WindowEvent> item_events;  ///< item by item
     std::size_t item_count = 0;
     std::size_t item_event_count = 0;
-    bool hook_had_items = false;  ///< a prepare hook may have changed them, now or before
-    std::size_t log_mark = 0;     ///< length of the log before this window
+    bool hook_had_items = false;  ///< a prepare hook may have changed items of this run
+
+    std::size_t log_mark = 0;  ///< length of the log before this window
     std::vector<SpikeRecord> new_spikes;
     std::vector<Kernel::State> shadow_states;  ///< of an observation, shape (neurons)
     std::vector<ModelTime> candidate_times;    ///< of an observation, shape (neurons)
@@ -68,22 +67,19 @@ WindowEngine::WindowEngine(Assembled, SynapseGraph&& graph, std::vector<Kernel::
       firings_(std::move(firings)),
       seed_(seed),
       horizon_(horizon),
-      store_(std::move(store)),
+      calendar_(buildCalendar(std::move(store))),
       random_(seed),
       spontaneous_(random_.family(spontaneous_name)) {
     if (!neurons_.empty()) uniform_neuron_ = neurons_[0];
     if (!firings_.empty()) uniform_firing_ = firings_[0];
-    requireBuildable();
     heterogeneous_ = neuronsDiffer();
     alike_ = neuronsHaveEqualBits();
     if (alike_) {
         neurons_ = {};
         firings_ = {};
     }
-    calendar_ = dynamic_cast<BucketEventStore*>(store_.get());
+    pristine_ = calendar_.windowWidth().has_value();
     states_.resize(graph_.nodeCount());
-    candidates_.resize(graph_.nodeCount());
-    if (calendar_ != nullptr) calendar_->holdCandidates(candidates_);
     createStreams();
     // In NodeId order: it fixes the order of candidates at equal times.
     for (NodeId n = 0; n < graph_.nodeCount(); ++n) drawFirstCandidate(n, 0.0);
@@ -103,29 +99,25 @@ WindowEngine::WindowEngine(SynapseGraph graph, const Kernel::Neuron& neuron,
           std::vector<Kernel::Firing>(graph.nodeCount(), firing), seed, horizon, std::move(store)) {
 }
 
-/// The checks of construction, and the default store.
-void WindowEngine::requireBuildable() {
+/// The checks of construction, and the calendar. The members declared before the calendar are
+/// already set.
+WindowCalendar WindowEngine::buildCalendar(std::unique_ptr<IEventStore>&& store) {
     if (horizon_ < 1) throw WindowEngineError(WindowEngineError::horizon_not_positive);
     if (neurons_.size() != graph_.nodeCount() || firings_.size() != graph_.nodeCount()) {
         throw WindowEngineError(WindowEngineError::parameter_count);
     }
     for (const Kernel::Firing& firing : firings_) {
-        // A negative rate under a negative ceiling would be a bound below 0, which marks candidates
-        // that are to be drawn anew: such a neuron would be drawn anew in every nanosecond.
+        // A negative rate under a negative ceiling would give a bound below 0. Such a bound marks a
+        // candidate that must be drawn anew, so the neuron would be drawn in every nanosecond.
         if (firing.base_rate * firing.rate_scale < 0.0 && firing.max_rate < 0.0) {
             throw WindowEngineError(WindowEngineError::negative_hazard);
         }
     }
     requireExactFloatingPoint();
-    pristine_ = store_ == nullptr;
-    if (pristine_) store_ = makeStore();
-}
-
-/// The default store.
-std::unique_ptr<BucketEventStore> WindowEngine::makeStore() {
+    if (store != nullptr) return WindowCalendar(std::move(store), graph_.nodeCount());
     const std::optional<ModelTime> d_min = graph_.dMin();
     if (!d_min) throw WindowEngineError(WindowEngineError::no_d_min);
-    return std::make_unique<BucketEventStore>(*d_min, calendar_buckets);
+    return WindowCalendar(*d_min, graph_.nodeCount());
 }
 
 bool WindowEngine::neuronsDiffer() const {
@@ -157,12 +149,7 @@ void WindowEngine::drawFirstCandidate(NodeId neuron, double drive_bound) {
     const Kernel::Candidate first = Kernel::nextCandidate(
         states_[neuron], neuronOf(neuron), firingOf(neuron), 0, horizon_, drive_bound, rng);
     random_.advanceTo(spontaneous_, neuron, rng);
-    const ModelTime time = first.found ? first.time : no_time;
-    if (calendar_ != nullptr) {
-        calendar_->scheduleCandidate(neuron, time, first.bound);
-    } else {
-        scheduleCandidate(*store_, neuron, time, first.bound);
-    }
+    calendar_.schedule(neuron, first.found ? first.time : no_time, first.bound);
 }
 
 void WindowEngine::reseedInitialCandidates(std::span<const double> drive_bounds) {
@@ -193,81 +180,37 @@ bool WindowEngine::offersWholeRun(ModelTime until) const {
 
 bool WindowEngine::isPristine() {
     return pristine_ && alike_ && offersWholeRun(horizon_) &&
-           graph_.dMin() == calendar_->bucketWidth();
+           graph_.dMin() == calendar_.windowWidth();
 }
 
 void WindowEngine::adoptWholeRun(WholeRun&& run) {
     LargeArray<Kernel::State> states(run.states.begin(), run.states.end());
-    LargeArray<CandidateSlot> candidates(run.candidates.begin(), run.candidates.end());
-    auto store = makeStore();
-    store->holdCandidates(candidates);
-    if (run.next_window) store->resumeAt(*run.next_window);
-    for (const Event& event : run.pending_events) store->post(event);
+    WindowCalendar calendar(*calendar_.windowWidth(), graph_.nodeCount());
+    calendar.resume(run.candidates, run.next_window, run.pending_events);
 
     states_ = std::move(states);
     pending_random_states_ = std::move(run.random_states);
-    candidates_ = std::move(candidates);
     log_ = std::move(run.log);
     log_sorted_ = true;
     profile_ = run.profile;
-    calendar_ = store.get();
-    store_ = std::move(store);
+    calendar_ = std::move(calendar);
 }
 
 void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
     requireExactFloatingPoint();
     if (offersWholeRun(until) && backend.tryResidentRun(*this)) return;
     flushPendingRandomStates();
-    if (calendar_ != nullptr) {
-        runWindows(*calendar_, backend, until);
-    } else {
-        runWindows(*store_, backend, until);
-    }
+    runWindows(backend, until);
 }
 
-/// The next window's events by target; those of one neuron are put in order later.
-template <class Store>
-bool WindowEngine::takeWindow(Store& store, ModelTime until, Window& window) {
-    if constexpr (std::is_same_v<Store, BucketEventStore>) {
-        if (!store.takeWindow(until, window.events, window.start, window.end)) return false;
-    } else {
-        if (!store.take(until, window.taken, window.start, window.end)) return false;
-        window.events.addAll(window.taken);
-    }
-    // A store that was handed in, or one out of a blob, may hold anything.
-    if (window.events.reachesOutside()) {
-        throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
-    }
-    window.events.sortByTarget();
-    window.built = 0;
-    return true;
-}
-
-template <class Store>
-void WindowEngine::runWindows(Store& store, IWindowBackend& backend, ModelTime until) {
+void WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
     Window window(graph_.nodeCount());
-    while (takeWindow(store, until, window)) {
+    while (takeWindow(until, window)) {
         deliverObservations(window, window.start, false);
         window.log_mark = log_.size();
-        const std::size_t part_items = partItems(window, backend);
-        do {
-            const bool first_part = window.built == 0;
-            buildWork(window, part_items);
-            const std::span<WindowWork> work(window.work.data(), window.item_count);
-            if (prepare_hook_ != nullptr) {
-                prepare_hook_->prepare(window.start, window.end, work, graph_);
-            }
-            backend.processWindow(work, {window.item_events.data(), window.item_event_count},
-                                  window.end, horizon_, uniform_neuron_, uniform_firing_,
-                                  {window.results.data(), window.item_count});
-            if (first_part) {
-                ++profile_.windows;
-                profile_.deliveries += window.events.size();
-            }
-            commitItems(store, window);
-        } while (window.built < window.events.size());
+        computeAndCommit(window, backend);
         if (commit_hook_ != nullptr) {
-            // A copy: the hook may look at the log, which sorts it.
+            // A copy, because the hook may read the log, which sorts it.
             window.new_spikes.assign(log_.begin() + static_cast<std::ptrdiff_t>(window.log_mark),
                                      log_.end());
             commit_hook_->commit(window.start, window.end, window.new_spikes, graph_);
@@ -277,71 +220,75 @@ void WindowEngine::runWindows(Store& store, IWindowBackend& backend, ModelTime u
     deliverObservations(window, until, false);
 }
 
-/// How many items are built, computed and committed at a time. No item reads what another's commit
-/// writes, so parts leave the same as the whole; but a hook before the backend and an observation
-/// inside the window have to see all items.
-std::size_t WindowEngine::partItems(const Window& window, IWindowBackend& backend) const {
-    // Whoever is to observe may still come by the commit hook.
-    const bool observed = observer_cursor_ < observer_events_.size() &&
-                          observer_events_[observer_cursor_].time < window.end;
-    if (prepare_hook_ != nullptr || observed) return IWindowBackend::whole_window;
-    return std::max<std::size_t>(backend.partItems(), 1);
+/// The next window's events, by target. Those of one target are put in order later.
+bool WindowEngine::takeWindow(ModelTime until, Window& window) {
+    if (!calendar_.takeWindow(until, window.events, window.start, window.end)) return false;
+    // Possible with a store that was given, and after a restore from a forged blob.
+    if (window.events.reachesOutside()) {
+        throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
+    }
+    window.events.sortByTarget();
+    window.built = 0;
+    return true;
 }
 
-/// Builds the next items, `item_limit` at most.
+/// Builds, computes and commits all items of a window, part by part. No item reads what the commit
+/// of another one writes, so parts leave the same results as the whole.
+void WindowEngine::computeAndCommit(Window& window, IWindowBackend& backend) {
+    const std::size_t part_items = needsWholeWindow(window)
+                                       ? IWindowBackend::whole_window
+                                       : std::max<std::size_t>(backend.partItems(), 1);
+    do {
+        const bool first_part = window.built == 0;
+        buildWork(window, part_items);
+        const std::span<WindowWork> work(window.work.data(), window.item_count);
+        if (prepare_hook_ != nullptr) {
+            prepare_hook_->prepare(window.start, window.end, work, graph_);
+        }
+        backend.processWindow(work, {window.item_events.data(), window.item_event_count},
+                              window.end, horizon_, uniform_neuron_, uniform_firing_,
+                              {window.results.data(), window.item_count});
+        if (first_part) {
+            ++profile_.windows;
+            profile_.deliveries += window.events.size();
+        }
+        commitItems(window);
+    } while (window.built < window.events.size());
+}
+
+/// A prepare hook sees all items of a window at once, and an observation inside the window repeats
+/// them all. The commit hook may still set the observer, so its absence decides nothing.
+bool WindowEngine::needsWholeWindow(const Window& window) const {
+    return prepare_hook_ != nullptr || (observer_cursor_ < observer_events_.size() &&
+                                        observer_events_[observer_cursor_].time < window.end);
+}
+
+/// Builds the next items, `item_limit` at most, each from the events of one target.
 void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
-    const WindowEvents::View events = window.events.view();
-    std::span<const std::uint64_t> streams = random_.firstStates(spontaneous_);
-    // Asks for all that an item needs until its commit, once its first event is near. Both ends of
-    // a state: every other one lies across two lines.
-    const auto prefetch = [&, states = states_.data(), slots = candidates_.data()](std::size_t i) {
+    WindowEvents::Walk events = window.events.walk();
+    // Prefetches what an item reads from here to its commit. Half of the states and slots lie
+    // across two cache lines.
+    const auto prefetch = [&, states = states_.data(),
+                           streams = random_.firstStates(spontaneous_)](std::size_t i) {
         if (i >= events.size()) return;
         events.prefetch(i);
         const NodeId n = events.targetAt(i);
         prefetchLine(&states[n]);
         prefetchLine(&states[n].hazard_bound);
-        prefetchLine(&slots[n]);
-        prefetchLine(&slots[n].event_id);
         if (n < streams.size()) prefetchLine(&streams[n]);
-        if (calendar_ != nullptr) calendar_->prefetchCandidate(n);
+        calendar_.prefetch(n);
     };
+    const bool rewrites_parameters = mustRewriteParameters(window);
     const std::size_t part = window.built;
-    // Items stay from window to window. Parameters that are alike for all neurons are in them from
-    // their making, and so is the empty drive, unless a hook may have changed either.
-    window.hook_had_items = window.hook_had_items || prepare_hook_ != nullptr;
-    const bool fresh = !alike_ || window.hook_had_items;
     std::size_t items = 0;
     std::size_t first = part;
     for (; first < events.size() && items < item_limit; ++items) {
-        const NodeId n = events.targetAt(first);
-        if (items == window.work.size()) {
-            WindowWork& item = window.work.emplace_back();
-            item.parameters = uniform_neuron_;
-            item.firing = uniform_firing_;
-            window.results.emplace_back();
-        }
+        if (items == window.work.size()) appendItem(window);
         WindowWork& item = window.work[items];
-        if (fresh) {
-            item.parameters = neuronOf(n);
-            item.firing = firingOf(n);
-            item.drive = PhaseDrive();
-        }
-        item.neuron = n;
-        item.state = states_[n];
-        if (n < streams.size()) {
-            item.rng = streams[n];
-        } else {
-            // A forged snapshot may have left some out.
-            item.rng = random_.rawState(spontaneous_, n);
-            streams = random_.firstStates(spontaneous_);
-        }
-        item.pending_time = candidates_[n].time;
-        // Of a forged snapshot, or of a reseeding that was refused on the way: the walk would draw
-        // its way through all the windows that have gone by.
-        if (item.pending_time >= 0 && item.pending_time < window.start) {
-            throw WindowEngineError(WindowEngineError::past_candidate);
-        }
-        item.pending_bound = candidates_[n].rate;
+        const NodeId n = events.targetAt(first);
+        if (rewrites_parameters) rewriteParameters(item, n);
+        readNeuron(item, n, window.start);
+
         const std::size_t end = events.orderTarget(first);
         item.first_event = static_cast<std::uint32_t>(first - part);
         item.event_count = static_cast<std::uint32_t>(end - first);
@@ -360,11 +307,44 @@ void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
     window.item_event_count = first - part;
 }
 
-/// Puts the results of a window, or of a part, in force: in ascending NodeId and within a neuron in
-/// ascending time. The sequence of calls into the store, and so every new id, is a function of the
-/// results alone.
-template <class Store>
-void WindowEngine::commitItems(Store& store, const Window& window) {
+/// Items stay from window to window. Where all neurons are alike, an item keeps the parameters and
+/// the empty drive that it was made with, unless a prepare hook may have changed them.
+bool WindowEngine::mustRewriteParameters(Window& window) const {
+    window.hook_had_items = window.hook_had_items || prepare_hook_ != nullptr;
+    return !alike_ || window.hook_had_items;
+}
+
+void WindowEngine::appendItem(Window& window) const {
+    WindowWork& item = window.work.emplace_back();
+    item.parameters = uniform_neuron_;
+    item.firing = uniform_firing_;
+    window.results.emplace_back();
+}
+
+void WindowEngine::rewriteParameters(WindowWork& item, NodeId neuron) const {
+    item.parameters = neuronOf(neuron);
+    item.firing = firingOf(neuron);
+    item.drive = PhaseDrive();
+}
+
+/// The part of an item that its neuron holds.
+void WindowEngine::readNeuron(WindowWork& item, NodeId neuron, ModelTime window_start) {
+    const CandidateSlot& slot = calendar_.candidates()[neuron];
+    // Reached only with a forged snapshot or after a refused reseed: the walk would have to draw
+    // its way through all windows in between.
+    if (slot.time >= 0 && slot.time < window_start) {
+        throw WindowEngineError(WindowEngineError::past_candidate);
+    }
+    item.neuron = neuron;
+    item.state = states_[neuron];
+    item.rng = random_.rawState(spontaneous_, neuron);
+    item.pending_time = slot.time;
+    item.pending_bound = slot.rate;
+}
+
+/// Puts the results in force: in ascending NodeId, and within a neuron in ascending time. The order
+/// of the posts, and so every new id, is a function of the results alone.
+void WindowEngine::commitItems(const Window& window) {
     const auto prefetch_fired = [&](std::size_t i) {
         if (i < window.item_count && window.results[i].spike_count != 0) {
             graph_.prefetchSynapses(window.work[i].neuron);
@@ -386,39 +366,16 @@ void WindowEngine::commitItems(Store& store, const Window& window) {
             const ModelTime time = result.spike_times[s];
             log_.push_back({time, n});
             log_sorted_ = false;
-            graph_.deliver(n, time, store);
+            calendar_.deliver(graph_, n, time);
         }
-        scheduleCandidate(store, n, result.next_candidate, result.next_bound);
+        calendar_.schedule(n, result.next_candidate, result.next_bound);
     }
-}
-
-/// Replaces a neuron's candidate, and its event in the store. An event that the store has already
-/// handed out is past cancelling, which does no harm.
-template <class Store>
-void WindowEngine::scheduleCandidate(Store& store, NodeId neuron, ModelTime time, double rate) {
-    if constexpr (std::is_same_v<Store, BucketEventStore>) {
-        store.scheduleCandidate(neuron, time, rate);
-        return;
-    }
-    CandidateSlot& slot = candidates_[neuron];
-    if (slot.event_id != no_event) store.cancel(slot.event_id);
-    slot.rate = rate;
-    slot.time = time;
-    slot.event_id = no_event;
-    if (time < 0) return;
-    Event event;
-    event.time = time;
-    event.kind = EventKind::candidate;
-    event.source = neuron;
-    event.target = neuron;
-    event.value = rate;
-    slot.event_id = store.post(event);
 }
 
 std::uint64_t WindowEngine::declareObserverEvent(const Event& event) {
     if (observer_cursor_ != 0) throw WindowEngineError(WindowEngineError::late_observation);
     Event declared = event;
-    // Above every id that a store gives out.
+    // Above every id that a calendar gives out.
     declared.id = first_observation_id + observer_events_.size();
     clearGap(declared.gap);
     observer_events_.insert(
@@ -432,14 +389,15 @@ bool WindowEngine::observationDue(ModelTime limit) const {
            observer_events_[observer_cursor_].time < limit;
 }
 
-/// Delivers the observations before `limit`: between windows on the states of the last commit,
-/// inside a window, when all its results are in force, on a shadow of its work.
+/// Delivers the observations before `limit` ns. Between windows they see the states of the last
+/// commit. Inside a window, whose results are all in force, they see a repetition of its work.
 void WindowEngine::deliverObservations(Window& window, ModelTime limit, bool inside) {
     while (observationDue(limit)) {
         const Event observation = observer_events_[observer_cursor_++];
         window.shadow_states.assign(states_.begin(), states_.end());
-        window.candidate_times.resize(candidates_.size());
-        std::transform(candidates_.begin(), candidates_.end(), window.candidate_times.begin(),
+        const std::span<const CandidateSlot> slots = calendar_.candidates();
+        window.candidate_times.resize(slots.size());
+        std::transform(slots.begin(), slots.end(), window.candidate_times.begin(),
                        [](const CandidateSlot& slot) { return slot.time; });
         if (inside) shadowRun(window, observation.time);
         for (NodeId n = 0; n < window.shadow_states.size(); ++n) {
@@ -449,10 +407,10 @@ void WindowEngine::deliverObservations(Window& window, ModelTime limit, bool ins
     }
 }
 
-/// Repeats the window's work up to `time` ns on the copies. Neurons without an item kept their
-/// state over the window, so the copies of the committed states hold for them; every other one is
-/// put back to its state before the window by its item. The random draws repeat, because an item
-/// holds the generator as it stood.
+/// Repeats the window's work up to `time` ns on the copies. A neuron without an item kept its state
+/// over the window, so the copy of its committed state holds. The item of any other neuron has its
+/// state from before the window. The random draws repeat, because an item holds the generator's
+/// state too.
 void WindowEngine::shadowRun(Window& window, ModelTime time) {
     for (const WindowWork& item : std::span(window.work.data(), window.item_count)) {
         const Kernel::WindowEvent* events = window.item_events.data() + item.first_event;
@@ -475,7 +433,7 @@ std::uint64_t WindowEngine::post(const Event& event) {
     }
     external_events_ = true;
     pristine_ = false;
-    return store_->post(event);
+    return calendar_.post(event);
 }
 
 std::span<const SpikeRecord> WindowEngine::spikeLog() {
@@ -499,13 +457,13 @@ Blob WindowEngine::snapshot() {
     appendTag(blob, format_tag);
     appendSequence(blob, states_);
     appendNested(blob, random_.snapshot());
-    appendImages<CandidateSlot>(blob, candidates_);
+    appendImages<CandidateSlot>(blob, calendar_.candidates());
     appendSequence(blob, spikeLog());
     appendImage(blob, profile_);
     appendNested(blob, graph_.snapshot());
     appendSequence(blob, observer_events_);
     appendU64(blob, observer_cursor_);
-    appendNested(blob, store_->snapshot());
+    appendNested(blob, calendar_.snapshot());
     return blob;
 }
 
@@ -529,7 +487,7 @@ bool WindowEngine::restore(BlobView blob) {
     std::vector<SpikeRecord> log;
     WindowProfile profile;
     BlobView stored_graph;
-    if (!in.readImages(candidates_.size(), candidates) || !in.readSequence(log) ||
+    if (!in.readImages(states_.size(), candidates) || !in.readSequence(log) ||
         !in.readImage(profile) || !in.readNested(stored_graph)) {
         return false;
     }
@@ -544,18 +502,14 @@ bool WindowEngine::restore(BlobView blob) {
         return false;
     }
     for (Event& observation : observations) clearGap(observation.gap);
-    // The last test, and the only step that works on a live object. The candidates keep their place
-    // in memory when the table is moved.
-    const bool restored = calendar_ != nullptr ? calendar_->restore(stored_store, candidates)
-                                               : store_->restore(stored_store);
-    if (!restored) return false;
+    // The last test: a store that was given may be changed even where it refuses.
+    if (!calendar_.restore(stored_store, std::move(candidates))) return false;
 
     pristine_ = false;
     graph_ = std::move(graph);
     states_ = std::move(states);
     random_ = std::move(random);
     spontaneous_ = spontaneous;
-    candidates_ = std::move(candidates);
     log_ = std::move(log);
     log_sorted_ = std::is_sorted(log_.begin(), log_.end(), SpikeRecordLess());
     profile_ = profile;

@@ -11,6 +11,7 @@
 #include "kelm/engine/IWindowBackend.h"
 #include "kelm/engine/SpikeRecord.h"
 #include "kelm/engine/WholeRun.h"
+#include "kelm/engine/WindowCalendar.h"
 #include "kelm/engine/WindowHooks.h"
 #include "kelm/engine/WindowProfile.h"
 #include "kelm/events/CandidateSlot.h"
@@ -19,8 +20,6 @@
 #include "kelm/network/SynapseGraph.h"
 
 namespace Lumenar::Core::Kelm {
-
-class BucketEventStore;
 
 /// The raw state with which neuron `index`'s random stream starts under `seed`.
 std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index);
@@ -125,7 +124,7 @@ public:
     /// Shape (neurons): each state as of the neuron's last update.
     std::span<const Kernel::State> states() const { return states_; }
     /// Shape (neurons): each neuron's scheduled candidate.
-    std::span<const CandidateSlot> candidates() const { return candidates_; }
+    std::span<const CandidateSlot> candidates() const { return calendar_.candidates(); }
     /// The raw state of a neuron's random stream. `neuron` must lie in the network.
     std::uint64_t spontaneousState(NodeId neuron);
     /// The random streams, for recording and replaying one. Valid until a restore.
@@ -171,8 +170,7 @@ private:
                  std::unique_ptr<IEventStore>&& store);
 
     bool offersWholeRun(ModelTime until) const;
-    void requireBuildable();
-    std::unique_ptr<BucketEventStore> makeStore();
+    WindowCalendar buildCalendar(std::unique_ptr<IEventStore>&& store);
     const Kernel::Neuron& neuronOf(NodeId n) const {
         return alike_ ? uniform_neuron_ : neurons_[n];
     }
@@ -184,16 +182,16 @@ private:
     void createStreams();
     void drawFirstCandidate(NodeId neuron, double drive_bound);
     void flushPendingRandomStates();
-    template <class Store>
-    void runWindows(Store& store, IWindowBackend& backend, ModelTime until);
-    template <class Store>
-    bool takeWindow(Store& store, ModelTime until, Window& window);
-    std::size_t partItems(const Window& window, IWindowBackend& backend) const;
+    void runWindows(IWindowBackend& backend, ModelTime until);
+    bool takeWindow(ModelTime until, Window& window);
+    void computeAndCommit(Window& window, IWindowBackend& backend);
+    bool needsWholeWindow(const Window& window) const;
     void buildWork(Window& window, std::size_t item_limit);
-    template <class Store>
-    void commitItems(Store& store, const Window& window);
-    template <class Store>
-    void scheduleCandidate(Store& store, NodeId neuron, ModelTime time, double rate);
+    bool mustRewriteParameters(Window& window) const;
+    void appendItem(Window& window) const;
+    void rewriteParameters(WindowWork& item, NodeId neuron) const;
+    void readNeuron(WindowWork& item, NodeId neuron, ModelTime window_start);
+    void commitItems(const Window& window);
     bool observationDue(ModelTime limit) const;
     void deliverObservations(Window& window, ModelTime limit, bool inside);
     void shadowRun(Window& window, ModelTime time);
@@ -207,13 +205,11 @@ private:
     bool alike_ = true;  ///< all neurons' parameters have the same bits
     std::uint64_t seed_;
     ModelTime horizon_;
-    std::unique_ptr<IEventStore> store_;
-    BucketEventStore* calendar_ = nullptr;  ///< store_, where it is of this class: called directly
+    WindowCalendar calendar_;
     LargeArray<Kernel::State> states_;
     Runtime::RandomContext random_;
     Runtime::RandomContext::Family spontaneous_;
     std::vector<std::uint64_t> pending_random_states_;  ///< of a whole run, not yet applied
-    LargeArray<CandidateSlot> candidates_;
     std::vector<SpikeRecord> log_;
     bool log_sorted_ = true;
     WindowProfile profile_;
@@ -223,7 +219,7 @@ private:
     std::vector<Event> observer_events_;  ///< declared observations, in the order of EventLess
     std::uint64_t observer_cursor_ = 0;   ///< the first one not yet delivered
     bool external_events_ = false;
-    bool pristine_ = false;  ///< but for windows and dMin(), which isPristine() looks at itself
+    bool pristine_ = false;  ///< what isPristine() says, but for windows, hooks and dMin()
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -13,19 +13,22 @@
 #include "kelm/core/Failures.h"
 #include "kelm/core/LargePages.h"
 #include "kelm/core/Prefetch.h"
-#include "kelm/events/BucketEventStore.h"
+#include "kelm/events/CandidateSlot.h"
+#include "kelm/events/ChunkPool.h"
+#include "kelm/events/Event.h"
+#include "kelm/events/PackedDelivery.h"
 
 namespace Lumenar::Core::Kelm {
 
-/// The events of one window where they lie in their store, in the order of their targets.
+/// The events of one window, where they lie in their calendar, in the order of their targets.
 ///
-/// Each is known by a key of one word: its target above its place. Keys come in ascending by place
-/// and their targets are small integers, so a large window is sorted digit by digit (D. E. Knuth,
-/// "The Art of Computer Programming", volume 3, 1998, section 5.2.5). Keeps its storage from window
-/// to window; the events are the store's.
+/// A key of one word stands for an event: its target above its place. Keys are added in the order
+/// of their places and targets are small integers, so a large window is sorted digit by digit (D.
+/// E. Knuth, "The Art of Computer Programming", volume 3, 1998, section 5.2.5). Storage is kept
+/// from window to window; the events belong to the calendar.
 class WindowEvents {
 public:
-    /// What a neuron's work has to know of an event.
+    /// The part of an event that its neuron's work item holds, and its id.
     struct Input {
         ModelTime time;
         std::uint64_t id;
@@ -33,34 +36,41 @@ public:
         bool wake_only;
     };
 
+    static constexpr std::size_t chunk_places = ChunkList<Event>::chunk_records;
+    static_assert(chunk_places == ChunkList<PackedDelivery>::chunk_records);
+
+    /// How many chunks hold as many candidates, or events that are added at once.
+    static std::size_t chunksOf(std::size_t count) {
+        return (count + chunk_places - 1) / chunk_places;
+    }
+
     explicit WindowEvents(std::uint64_t node_count) : node_count_(node_count) {}
 
-    /// Begins a window of at most `places` events.
-    /// Throws WindowEngineError for more than a window can hold.
-    void begin(std::size_t places) {
+    /// Begins a window of at most `chunk_count` chunks.
+    /// Throws WindowEngineError for more events than a window can hold.
+    void begin(std::size_t chunk_count) {
+        const std::size_t places = chunk_count * chunk_places;
         target_bits_ = widthOf(node_count_);
         place_bits_ = widthOf(places);
         if (places > std::numeric_limits<std::uint32_t>::max() || target_bits_ + place_bits_ > 64) {
             throw WindowEngineError(WindowEngineError::window_too_large);
         }
-        // Longer than needed, so that nothing is cleared from window to window.
+        // Longer than needed, so that no window but the largest clears memory.
         if (keys_.size() < places) keys_.resize(std::max(places, 2 * keys_.size()));
         size_ = 0;
         chunks_.clear();
-        chunks_.reserve(places / chunk_places + 1);
+        chunks_.reserve(chunk_count);
         outside_ = false;
     }
-    /// Adds the records of the next chunk for which is_pending(record) holds.
-    template <class Test>
-    void addChunk(std::span<const Event> events, Test is_pending) {
-        addRecords(events, {events.data(), nullptr, nullptr}, is_pending);
+    /// Adds the records of one chunk, chunk_places at most.
+    void addChunk(std::span<const Event> events) {
+        addRecords(events, {events.data(), nullptr, nullptr});
     }
-    template <class Test>
-    void addChunk(std::span<const PackedDelivery> deliveries, Test is_pending) {
-        addRecords(deliveries, {nullptr, deliveries.data(), nullptr}, is_pending);
+    void addChunk(std::span<const PackedDelivery> deliveries) {
+        addRecords(deliveries, {nullptr, deliveries.data(), nullptr});
     }
-    /// Adds candidates that stand in `slots`, by neuron; each neuron once. A chunk is made of as
-    /// many as a chunk has places.
+    /// Adds the candidates of `neurons`, each named once, in `slots`, shape (neurons of the
+    /// network).
     void addCandidates(std::span<const NodeId> neurons, std::span<const CandidateSlot> slots) {
         for (std::size_t i = 0; i < neurons.size(); ++i) {
             if (i % chunk_places == 0) chunks_.push_back({nullptr, nullptr, slots.data()});
@@ -68,16 +78,15 @@ public:
                              ((chunks_.size() - 1) * chunk_places + i % chunk_places);
         }
     }
-    /// Begins a window that was copied out of its store, and adds its events.
+    /// Begins a window and adds all of its events.
     void addAll(std::span<const Event> events) {
-        begin(events.size());
+        begin(chunksOf(events.size()));
         for (std::size_t i = 0; i < events.size(); i += chunk_places) {
-            addChunk(events.subspan(i, std::min(chunk_places, events.size() - i)),
-                     [](const Event&) { return true; });
+            addChunk(events.subspan(i, std::min(chunk_places, events.size() - i)));
         }
     }
 
-    /// Whether some event's target is not in the network; there is no order then.
+    /// Whether the target of some event is outside the network. Such a window cannot be sorted.
     bool reachesOutside() const { return outside_; }
 
     /// Puts the events in the order of their targets.
@@ -100,9 +109,9 @@ private:
     struct Chunk;
 
 public:
-    /// The events in their order, for a loop that has other things in hand as well: a copy of all
-    /// that is needed to find them. Valid until the next window is begun.
-    class View {
+    /// A walk over the sorted events, target by target: copies of what it takes to find them, so
+    /// that a loop keeps them in registers. Valid until the next window is begun.
+    class Walk {
     public:
         std::size_t size() const { return size_; }
         NodeId targetAt(std::size_t i) const { return keys_[i] >> place_bits_; }
@@ -116,9 +125,9 @@ public:
                 prefetchLine(chunk.events + place % chunk_places);
             }
         }
-        /// The end of the events that have the target of event `first`, which are put in the order
-        /// of EventLess.
-        std::size_t orderTarget(std::size_t first) const {
+        /// Puts the events that have the target of event `first` in the order of EventLess, and
+        /// returns their end.
+        std::size_t orderTarget(std::size_t first) {
             const NodeId target = targetAt(first);
             std::size_t end = first + 1;
             while (end < size_ && targetAt(end) == target) ++end;
@@ -143,13 +152,13 @@ public:
             const Event& event = chunk.events[place % chunk_places];
             return {event.time, event.id, event.value, event.kind == EventKind::candidate};
         }
-        /// Few events mostly: put in one by one, in order.
-        void orderByTime(std::size_t first, std::size_t end) const {
+        /// By insertion, because a target mostly has few events.
+        void orderByTime(std::size_t first, std::size_t end) {
             const auto earlier = [this](std::uint64_t a, std::uint64_t b) {
                 const Input x = inputOf(a);
                 const Input y = inputOf(b);
                 if (x.time != y.time) return x.time < y.time;
-                // Equal ids can only come from a store that was handed in: by place, its own order.
+                // Equal ids only come from a store that was given; its own order then decides.
                 return x.id != y.id ? x.id < y.id : a < b;
             };
             if (end - first > max_inserted) {
@@ -173,18 +182,17 @@ public:
         int place_bits_ = 0;
     };
 
-    View view() {
-        View view;
-        view.keys_ = keys_.data();
-        view.size_ = size_;
-        view.chunks_ = chunks_.data();
-        view.place_mask_ = (std::uint64_t{1} << place_bits_) - 1;
-        view.place_bits_ = place_bits_;
-        return view;
+    Walk walk() {
+        Walk walk;
+        walk.keys_ = keys_.data();
+        walk.size_ = size_;
+        walk.chunks_ = chunks_.data();
+        walk.place_mask_ = (std::uint64_t{1} << place_bits_) - 1;
+        walk.place_bits_ = place_bits_;
+        return walk;
     }
 
 private:
-    static constexpr std::size_t chunk_places = BucketEventStore::chunk_places;
     static constexpr std::size_t min_digit_sorted = 256;
     static constexpr std::size_t max_inserted = 16;
     static constexpr int max_digit_bits = 10;
@@ -194,34 +202,30 @@ private:
         return static_cast<int>(std::bit_width(count == 0 ? 0 : count - 1));
     }
 
-    /// One of them is not null.
+    /// Where the records of a chunk lie. One of the three is not null.
     struct Chunk {
         const Event* events;
         const PackedDelivery* deliveries;
-        const CandidateSlot* slots;  ///< of all neurons
+        const CandidateSlot* slots;  ///< shape (neurons of the network)
     };
 
-    template <class Record, class Test>
-    void addRecords(std::span<const Record> records, const Chunk& chunk, Test is_pending) {
+    template <class Record>
+    void addRecords(std::span<const Record> records, const Chunk& chunk) {
         std::uint64_t place = chunks_.size() * chunk_places;
         chunks_.push_back(chunk);
-        std::uint64_t* const begin = keys_.data() + size_;
-        std::uint64_t* end = begin;
+        std::uint64_t* key = keys_.data() + size_;
         bool outside = false;
         for (const Record& record : records) {
-            if (is_pending(record)) {
-                outside |= record.target >= node_count_;
-                *end++ = NodeId{record.target} << place_bits_ | place;
-            }
-            ++place;
+            outside |= record.target >= node_count_;
+            *key++ = NodeId{record.target} << place_bits_ | place++;
         }
-        size_ += static_cast<std::size_t>(end - begin);
+        size_ += records.size();
         outside_ |= outside;
     }
 
     using Starts = std::array<std::uint32_t, std::size_t{1} << max_digit_bits>;
 
-    /// Where the keys of each digit start, from how many there are of each.
+    /// Turns the number of keys of each digit into the place of the first one.
     static void sumUp(Starts& counts, std::uint64_t digits) {
         std::uint32_t sum = 0;
         for (std::uint64_t digit = 0; digit < digits; ++digit) {
@@ -234,7 +238,7 @@ private:
         const int digit_bits = (target_bits_ + passes - 1) / passes;
         const std::uint64_t digits = std::uint64_t{1} << digit_bits;
         const std::uint64_t mask = digits - 1;
-        // All passes count at once: the digits of a key do not depend on where it is.
+        // One count serves all passes: the digits of a key do not depend on its place.
         std::array<Starts, passes> starts;
         for (Starts& counts : starts) std::fill_n(counts.begin(), digits, 0);
         const int place_bits = place_bits_;
@@ -262,7 +266,7 @@ private:
     int target_bits_ = 0;
     int place_bits_ = 0;
     bool outside_ = false;
-    std::vector<Chunk> chunks_;  ///< place p is entry p % chunk_places of p / chunk_places
+    std::vector<Chunk> chunks_;  ///< place p is record p % chunk_places of chunk p / chunk_places
     std::size_t size_ = 0;
     LargeArray<std::uint64_t> keys_;  ///< size_ are in use
     LargeArray<std::uint64_t> other_;

@@ -4,7 +4,7 @@ namespace Lumenar::Core::Kelm {
 
 void CandidateTree::reset(std::uint64_t neurons) {
     Block empty;
-    std::fill_n(empty.entries, block_size, never);
+    std::fill_n(empty.entries, block_size, none);
     std::vector<std::size_t> levels;
     std::size_t block_count = 0;
     std::size_t entries = neurons;
@@ -21,30 +21,30 @@ void CandidateTree::reset(std::uint64_t neurons) {
 }
 
 /// The earliest time under a block, exactly. The child with the lowest bound either holds it or has
-/// its bound set right.
-ModelTime CandidateTree::firstOf(std::size_t level, std::size_t index) noexcept {
+/// its bound raised, and the search goes on.
+CandidateTree::Entry CandidateTree::earliestOf(std::size_t level, std::size_t index) noexcept {
     Block& block = blockOf(level, index);
     if (level == 0) return leastOf(block);
     while (true) {
-        ModelTime* lowest = std::min_element(block.entries, block.entries + block_size);
-        const ModelTime bound = *lowest;
-        if (bound == never) return never;
+        Entry* lowest = std::min_element(block.entries, block.entries + block_size);
+        const Entry bound = *lowest;
+        if (bound == none) return none;
         const auto child = static_cast<std::size_t>(lowest - block.entries);
-        *lowest = firstOf(level - 1, index * block_size + child);
+        *lowest = earliestOf(level - 1, index * block_size + child);
         if (*lowest == bound) return bound;
     }
 }
 
-/// Adds the neurons under a block whose candidates lie before `end` to due_, ascending, and sets
-/// the bounds to what is left when they are gone. Returns the block's. What is not in due_ when
-/// memory runs out is still behind its bounds.
-ModelTime CandidateTree::findDue(std::size_t level, std::size_t index, ModelTime end) {
+/// Adds the neurons under a block whose candidates lie before `end` to due_, ascending. Sets the
+/// bounds to what remains without them, and returns that of the block. If memory runs out, the
+/// candidates that are not in due_ are still covered by their bounds.
+CandidateTree::Entry CandidateTree::findDue(std::size_t level, std::size_t index, Entry end) {
     Block& block = blockOf(level, index);
     if (level == 0) {
         if (due_.capacity() < due_.size() + block_size) due_.reserve(2 * due_.size() + block_size);
-        ModelTime left = never;
+        Entry left = none;
         for (std::size_t i = 0; i < block_size; ++i) {
-            const ModelTime time = block.entries[i];
+            const Entry time = block.entries[i];
             if (time < end) {
                 due_.push_back(index * block_size + i);
             } else {

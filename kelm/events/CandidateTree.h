@@ -13,87 +13,85 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// The one scheduled candidate of each neuron, by time: a tournament (D. E. Knuth, "The Art of
-/// Computer Programming", volume 3, 1998, section 5.4.1) that is only played where somebody looks.
+/// The times of the neurons' scheduled candidates: a tournament tree (D. E. Knuth, "The Art of
+/// Computer Programming", volume 3, 1998, section 5.4.1) whose matches are played on demand.
 ///
-/// A candidate is drawn anew whenever its neuron is touched, mostly long before it falls due, so
-/// scheduling must cost next to nothing. The times lie in blocks, the blocks' lower bounds in
-/// blocks of blocks, and so on up to one. A time that is put forward moves the bounds above it, as
-/// far as it lies below them; one that is put off leaves them where they are, too low, until a
-/// search for what is due comes by and sets them right.
-///
-/// Knows of a candidate no more than its time.
+/// A candidate is replaced whenever its neuron takes part in a window, mostly long before it falls
+/// due, so scheduling must cost next to nothing. Blocks hold the times of 16 neurons, and blocks of
+/// the next level a lower bound for each of 16 blocks, up to one root. An earlier time lowers the
+/// bounds above it. A later time leaves them too low, until a search for due candidates raises
+/// them.
 class CandidateTree {
 public:
-    /// Begins anew for as many neurons, with nothing pending. May throw std::bad_alloc, with
+    /// Makes a tree for as many neurons, with nothing pending. May throw std::bad_alloc, with
     /// nothing changed.
     void reset(std::uint64_t neurons);
 
-    bool isPending(NodeId neuron) const { return timeOf(neuron) != never; }
+    bool isPending(NodeId neuron) const { return entryOf(neuron) != none; }
     std::uint64_t pendingCount() const { return pending_count_; }
 
-    /// Hints that a neuron's candidate is scheduled soon.
-    void prefetch(NodeId neuron) const { prefetchLine(&timeOf(neuron)); }
+    /// Prefetches what schedule for `neuron` writes.
+    void prefetch(NodeId neuron) const { prefetchLine(&entryOf(neuron)); }
 
-    /// Takes a neuron's candidate back, if it is pending.
+    /// Removes a neuron's candidate, if one is pending.
     void cancel(NodeId neuron) noexcept {
         pending_count_ -= isPending(neuron) ? 1 : 0;
-        timeOf(neuron) = never;
+        entryOf(neuron) = none;
     }
-    /// Schedules a neuron's candidate for `time` ns, before last_model_time, in the place of the
-    /// one that may be pending.
+    /// Schedules a neuron's candidate for `time` ns, at least 0, in place of a pending one.
     void schedule(NodeId neuron, ModelTime time) noexcept {
-        ModelTime& entry = timeOf(neuron);
-        pending_count_ += entry == never ? 1 : 0;
-        entry = time;
-        lowerBounds(neuron, time);
+        Entry& entry = entryOf(neuron);
+        pending_count_ += entry == none ? 1 : 0;
+        entry = static_cast<Entry>(time);
+        lowerBounds(neuron, entry);
     }
 
-    /// The time of the earliest pending candidate in ns, or last_model_time where none is pending.
+    /// The time of the earliest pending candidate in ns, or last_model_time if none is pending.
     ModelTime firstTime() noexcept {
-        return pending_count_ == 0 ? never : firstOf(levels_.size() - 1, 0);
+        if (pending_count_ == 0) return last_model_time;
+        return static_cast<ModelTime>(earliestOf(levels_.size() - 1, 0));
     }
 
-    /// Finds the candidates that are pending before `end` ns and calls room(count) with their
-    /// number; after that they are not pending any longer. Returns their neurons, ascending, until
-    /// the next call. May throw std::bad_alloc, and what room throws; all candidates are then still
-    /// pending.
+    /// Finds the candidates before `end` ns, calls room(count) with their number, and removes them.
+    /// Returns their neurons, ascending, valid until the next call. May throw std::bad_alloc, and
+    /// what room throws; all candidates are then still pending.
     template <class Room>
     std::span<const NodeId> take(ModelTime end, Room room);
 
 private:
+    using Entry = std::uint64_t;  ///< a time in ns, or none
+    static constexpr Entry none = std::numeric_limits<Entry>::max();
     static constexpr std::size_t block_size = 16;
-    static constexpr ModelTime never = last_model_time;
 
     /// Times of candidates, or lower bounds of the blocks of the level below. Two cache lines.
     struct alignas(64) Block {
-        ModelTime entries[block_size];
+        Entry entries[block_size];
     };
 
-    const ModelTime& timeOf(NodeId neuron) const {
+    const Entry& entryOf(NodeId neuron) const {
         return blocks_[neuron / block_size].entries[neuron % block_size];
     }
-    ModelTime& timeOf(NodeId neuron) {
+    Entry& entryOf(NodeId neuron) {
         return blocks_[neuron / block_size].entries[neuron % block_size];
     }
     Block& blockOf(std::size_t level, std::size_t index) { return blocks_[levels_[level] + index]; }
-    /// No bound above a bound that is low enough is too high.
-    void lowerBounds(NodeId neuron, ModelTime time) noexcept {
+    /// Stops at the first bound that is low enough: those above it are no higher.
+    void lowerBounds(NodeId neuron, Entry time) noexcept {
         std::size_t index = neuron;
         for (std::size_t level = 1; level < levels_.size(); ++level) {
             index /= block_size;
-            ModelTime& bound = blockOf(level, index / block_size).entries[index % block_size];
+            Entry& bound = blockOf(level, index / block_size).entries[index % block_size];
             if (bound <= time) return;
             bound = time;
         }
     }
-    static ModelTime leastOf(const Block& block) {
+    static Entry leastOf(const Block& block) {
         return *std::min_element(block.entries, block.entries + block_size);
     }
-    ModelTime firstOf(std::size_t level, std::size_t index) noexcept;
-    ModelTime findDue(std::size_t level, std::size_t index, ModelTime end);
+    Entry earliestOf(std::size_t level, std::size_t index) noexcept;
+    Entry findDue(std::size_t level, std::size_t index, Entry end);
 
-    LargeArray<Block> blocks_;         ///< level by level; of level 0, shape (neurons), times
+    LargeArray<Block> blocks_;         ///< level by level; level 0 has the times, shape (neurons)
     std::vector<std::size_t> levels_;  ///< where each begins in blocks_; the last one has one block
     std::vector<NodeId> due_;          ///< what take has found last
     std::uint64_t pending_count_ = 0;
@@ -103,13 +101,13 @@ template <class Room>
 std::span<const NodeId> CandidateTree::take(ModelTime end, Room room) {
     due_.clear();
     try {
-        if (pending_count_ != 0) findDue(levels_.size() - 1, 0, end);
+        if (pending_count_ != 0) findDue(levels_.size() - 1, 0, static_cast<Entry>(end));
         room(due_.size());
     } catch (...) {
-        for (const NodeId neuron : due_) lowerBounds(neuron, timeOf(neuron));
+        for (const NodeId neuron : due_) lowerBounds(neuron, entryOf(neuron));
         throw;
     }
-    for (const NodeId neuron : due_) timeOf(neuron) = never;
+    for (const NodeId neuron : due_) entryOf(neuron) = none;
     pending_count_ -= due_.size();
     return due_;
 }

@@ -65,9 +65,9 @@ public:
     using List = ChunkList<Record>;
     using Chunk = typename List::Chunk;
 
-    /// Makes room for a chunk beyond those in use. May throw std::bad_alloc.
-    void reserveChunk() {
-        if (free_count_ == 0) addBlock();
+    /// Makes room for `count` chunks beyond those in use. May throw std::bad_alloc.
+    void reserveChunks(std::size_t count) {
+        if (free_count_ < count) addBlock(count - free_count_);
     }
 
     /// Adds a copy of `record` to `list` and returns it, in its place for now. May throw
@@ -103,7 +103,7 @@ public:
 
 private:
     void addChunk(List& list) {
-        reserveChunk();
+        reserveChunks(1);
         Chunk* chunk = takeFree();
         chunk->next = list.head;
         list.head = chunk;
@@ -120,11 +120,17 @@ private:
         free_ = chunk->next;
         return chunk;
     }
-    /// To be called where every chunk is in use.
-    void addBlock() {
+    /// Adds a block of at least `min_chunks` chunks.
+    void addBlock(std::size_t min_chunks) {
         LargeArray<Chunk> block;
-        block.reserve(next_block_chunks_);
+        block.reserve(std::max(min_chunks, next_block_chunks_));
         const std::size_t room = block.capacity();
+        blocks_.reserve(blocks_.size() + 1);
+        // Only the last block may have chunks that were never used.
+        while (!blocks_.empty() && blocks_.back().size() < blocks_.back().capacity()) {
+            --free_count_;
+            release(&blocks_.back().emplace_back());
+        }
         blocks_.push_back(std::move(block));
         free_count_ += room;
         next_block_chunks_ = std::min(2 * next_block_chunks_, max_block_chunks);

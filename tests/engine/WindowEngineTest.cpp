@@ -16,9 +16,11 @@
 #include "compare/RunImage.h"
 #include "kelm/core/Failures.h"
 #include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/events/BucketEventStore.h"
 #include "tests/engine/ScriptedBackend.h"
 #include "tests/support/ExpectThrows.h"
 #include "tests/support/ForgedBlobs.h"
+#include "tests/support/GeneratedModel.h"
 #include "tests/support/PlainStore.h"
 
 namespace Lumenar::Core::Kelm {
@@ -210,6 +212,38 @@ TEST(WindowEngineRun, RefusesEventsForNeuronsOutsideTheNetworkHoweverTheyCome) {
     expectRefusals<SynapseRoutingViolation>(
         {{outside, [&] { engine.post(inputAt(5, 2)); }}, {outside, [&] { engine.run(backend); }}});
     EXPECT_FALSE(engine.hasExternalEvents());
+}
+
+TEST(WindowEngineStore, MayBeRestoredAndToldToCancelFromOutside) {
+    // The same acts on two stores whose addresses are kept. One of the two shows no more than the
+    // interface.
+    const GeneratedModel model = generateModel(3, {40, 60, false, true});
+    const auto runOver = [&](auto store) {
+        IEventStore& kept = *store;
+        WindowEngine engine = makeEngine(model, std::move(store));
+        postInputs(model, engine);
+        CpuWindowBackend cpu;
+        for (const ModelTime until : {model.horizon / 3, model.horizon / 2}) {
+            EXPECT_EQ(failureOf(engine, cpu, until), "");
+            EXPECT_TRUE(kept.restore(kept.snapshot()));
+        }
+        const RunImage image = imageOf(engine);
+        int cancelled = 0;
+        for (const CandidateSlot& slot : engine.candidates()) {
+            if (slot.event_id == no_event || slot.event_id % 3 != 0) continue;
+            EXPECT_TRUE(kept.cancel(slot.event_id));
+            EXPECT_FALSE(kept.cancel(slot.event_id));
+            ++cancelled;
+        }
+        EXPECT_GT(cancelled, 3);
+        // A neuron whose candidate is gone may get an input later, which ends the run.
+        const std::string failure = failureOf(engine, cpu, model.horizon);
+        return std::pair(image, failure + std::to_string(engine.logHash()));
+    };
+    const auto bucket = runOver(std::make_unique<BucketEventStore>(model.d_min, 8));
+    const auto plain = runOver(std::make_unique<PlainStore>(model.d_min, 8));
+    EXPECT_EQ(firstDifference(bucket.first, plain.first), "");
+    EXPECT_EQ(bucket.second, plain.second);
 }
 
 TEST(WindowEngineOffer, IsMadeOnceForAWholeRunThatNobodyTakesPartIn) {

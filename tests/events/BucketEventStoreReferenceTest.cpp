@@ -44,7 +44,9 @@ public:
         const std::int64_t next = pending[0].time / d_min_;
         if (!started_) cursor_ = next;
         started_ = true;
-        while (cursor_ < next && cursor_ * d_min_ < until) ++cursor_;
+        // Bucket by bucket, up to the first one that starts at `until` or later.
+        const std::int64_t stop = until <= 0 ? 0 : (until - 1) / d_min_ + 1;
+        cursor_ = std::max(cursor_, std::min(next, stop));
         if (cursor_ * d_min_ >= until) return false;
         for (const Event& event : pending) {
             if (event.time / d_min_ != next) continue;
@@ -137,6 +139,8 @@ private:
                                           static_cast<std::int64_t>(below(3000))};
         const std::uint64_t die = below(128);
         if (die < 1) return distances[4];
+        // On every level of the wheel.
+        if (die < 3) return static_cast<std::int64_t>(below(std::uint64_t{1} << below(44)));
         if (die < 40) return distances[die % 4];
         return static_cast<std::int64_t>(below(bucket_count_));
     }

@@ -56,7 +56,7 @@ TEST(BucketEventStore, RefusesACalendarThatCannotBeFormed) {
 
 TEST(BucketEventStore, CrossesAGapOfAnyLengthWithoutWalkingIt) {
     BucketEventStore store(1, 4);
-    constexpr ModelTime far = last_model_time - 2;  // in the last era of all
+    constexpr ModelTime far = last_model_time - 2;  // on the highest level of the wheel
     // By turns, so that a bucket is found filled.
     for (const ModelTime time : {1, 2, 1, 2}) store.post({.time = time});
     store.post({.time = far});
@@ -66,7 +66,9 @@ TEST(BucketEventStore, CrossesAGapOfAnyLengthWithoutWalkingIt) {
     EXPECT_FALSE(take(store, far).given);
     EXPECT_EQ(take(store).start, far);
 
-    // Without a limit in between as well, and behind a sweep that has emptied the next bucket.
+    // Without a limit in between as well, and behind a sweep that has emptied the next bucket. A
+    // store that was moved from can be used again once it is assigned to.
+    const BucketEventStore gone = std::move(store);
     store = BucketEventStore(3, 5);
     for (int i = 0; i < 1025; ++i) store.cancel(store.post({.time = 10}));
     store.post({.time = far - 10});

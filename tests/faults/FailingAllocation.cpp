@@ -20,9 +20,10 @@ std::atomic<std::int64_t> live_bytes = 0;
 // Null for the allocation that is to fail, and where there is no memory.
 void* allocate(std::size_t bytes, std::size_t alignment) noexcept {
     if (armed && allocations_left-- == 0) return nullptr;
-    void* block = alignment <= alignof(std::max_align_t)
-                      ? std::malloc(std::max<std::size_t>(bytes, 1))
-                      : std::aligned_alloc(alignment, (bytes / alignment + 1) * alignment);
+    void* block =
+        alignment <= alignof(std::max_align_t)
+            ? std::malloc(std::max<std::size_t>(bytes, 1))
+            : std::aligned_alloc(alignment, (bytes + alignment - 1) / alignment * alignment);
     if (block == nullptr) return nullptr;
     ++allocation_count;
     ++live_blocks;

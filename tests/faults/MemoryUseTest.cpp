@@ -65,6 +65,21 @@ TEST(MemoryUse, AStoreKeepsNoneForFarEventsThatWereCancelled) {
     EXPECT_LE(most[1], most[0]);
 }
 
+TEST(MemoryUse, AStoreKeepsLittleMoreThanAFarEventWhereverItLies) {
+    constexpr std::int64_t count = 100'000;
+    constexpr ModelTime ring = 100 * 4096;
+    const std::int64_t before = liveBytes();
+    BucketEventStore store(100, 4096);
+    for (std::int64_t i = 0; i < count; ++i) {
+        store.post({.time = (i * 7919 % count + 1) * ring, .kind = EventKind::input});
+    }
+    // Twice the size of an event: blocks double, and the last one may be half empty.
+    EXPECT_LT(liveBytes() - before, count * 128 + 400'000);
+    const std::uint64_t allocations = allocationCount();
+    EXPECT_TRUE(store.cancel(77));
+    EXPECT_EQ(allocationCount(), allocations) << "the first cancel writes nothing down";
+}
+
 TEST(MemoryUse, AStoreKeepsNoneForEventsThatItHasHandedOut) {
     BucketEventStore store(100, 64);
     std::vector<Event> window;

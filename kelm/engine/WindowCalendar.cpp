@@ -1,0 +1,151 @@
+#include "kelm/engine/WindowCalendar.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "kelm/core/Failures.h"
+#include "kelm/events/BucketEventStore.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+constexpr std::uint64_t bucket_count = 4096;
+
+Event candidateEvent(NodeId neuron, const CandidateSlot& slot) {
+    Event event;
+    event.time = slot.time;
+    event.id = slot.event_id;
+    event.kind = EventKind::candidate;
+    event.source = neuron;
+    event.target = neuron;
+    event.value = slot.rate;
+    return event;
+}
+
+/// To the bit: a blob keeps the bits of a NaN.
+bool isCandidateOf(const CandidateSlot& slot, const Event& event) {
+    const Event expected = candidateEvent(event.target, slot);
+    return std::memcmp(&event, &expected, sizeof(Event)) == 0;
+}
+
+}  // namespace
+
+WindowCalendar::WindowCalendar(ModelTime d_min, std::uint64_t neurons)
+    : slots_(neurons), calendar_(d_min, bucket_count) {
+    tree_.reset(neurons);
+}
+
+WindowCalendar::WindowCalendar(std::unique_ptr<IEventStore> store, std::uint64_t neurons)
+    : slots_(neurons), calendar_(1, bucket_count), store_is_given_(true), store_(std::move(store)) {
+}
+
+/// A candidate in the store is an event like any other.
+void WindowCalendar::scheduleInStore(NodeId neuron, ModelTime time, double rate) {
+    CandidateSlot& slot = slots_[neuron];
+    // False for an event that the store has handed out, which does no harm.
+    if (slot.event_id != no_event) store_->cancel(slot.event_id);
+    slot = {time, rate, no_event};
+    if (time >= 0) slot.event_id = store_->post(candidateEvent(neuron, slot));
+}
+
+void WindowCalendar::refusePast(NodeId neuron) {
+    tree_.cancel(neuron);
+    throw LookaheadViolation(LookaheadViolation::processed);
+}
+
+std::int64_t WindowCalendar::firstCandidateBucket() {
+    if (tree_.pendingCount() == 0) return BucketCalendar::no_bucket;
+    return calendar_.bucketOf(tree_.firstTime());
+}
+
+bool WindowCalendar::takeWindow(ModelTime until, WindowEvents& events, ModelTime& window_start,
+                                ModelTime& window_end) {
+    if (store_) {
+        if (!store_->take(until, copied_, window_start, window_end)) return false;
+        events.addAll(copied_);
+        return true;
+    }
+    calendar_.release(taken_);
+    if (calendar_.size() == 0 && tree_.pendingCount() == 0) return false;
+    if (!calendar_.advance(until, firstCandidateBucket())) return false;
+    const ModelTime start = calendar_.windowStart();
+    const ModelTime end = calendar_.windowEnd();
+    const EventList& bucket = calendar_.current();
+    const auto begin = [&](std::size_t candidate_count) {
+        events.begin(WindowEvents::chunksOf(candidate_count) + bucket.chunkCount());
+    };
+    const std::span<const NodeId> due = tree_.take(end, begin);
+
+    // From here on nothing can fail.
+    events.addCandidates(due, slots_);
+    bucket.events.forEachChunk([&](auto records) { events.addChunk(records); });
+    bucket.deliveries.forEachChunk([&](auto records) { events.addChunk(records); });
+    taken_ = calendar_.take();
+    window_start = start;
+    window_end = end;
+    return true;
+}
+
+Blob WindowCalendar::snapshot() {
+    if (store_) return store_->snapshot();
+    std::vector<Event> events;
+    events.reserve(calendar_.size() + tree_.pendingCount());
+    calendar_.forEach([&](const auto& record) { events.push_back(unpackedEvent(record)); });
+    for (NodeId neuron = 0; neuron < slots_.size(); ++neuron) {
+        if (tree_.isPending(neuron)) events.push_back(candidateEvent(neuron, slots_[neuron]));
+    }
+    return calendar_.store(std::move(events));
+}
+
+bool WindowCalendar::restore(BlobView blob, LargeArray<CandidateSlot>&& slots) {
+    if (!(store_is_given_ ? store_->restore(blob) : restoreOwn(blob, slots))) return false;
+    slots_ = std::move(slots);
+    return true;
+}
+
+bool WindowCalendar::restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots) {
+    CandidateTree tree;
+    tree.reset(slots.size());
+    PendingIds ids;
+    std::optional<BucketCalendar> calendar = calendar_.read(blob, ids, [&](const Event& event) {
+        if (event.target >= slots.size() || tree.isPending(event.target) ||
+            !isCandidateOf(slots[event.target], event)) {
+            return false;
+        }
+        tree.schedule(event.target, event.time);
+        return true;
+    });
+    if (!calendar) return false;
+
+    // Reached only with a forged snapshot: a slot names an event, of now or of later, that is not
+    // its neuron's candidate. The neuron's next candidate cancels that event.
+    const auto names_other = [&](NodeId neuron) {
+        const std::uint64_t id = slots[neuron].event_id;
+        return !tree.isPending(neuron) && id != no_event &&
+               (ids.contains(id) || id >= calendar->nextId());
+    };
+    NodeId neuron = 0;
+    while (neuron < slots.size() && !names_other(neuron)) ++neuron;
+    std::unique_ptr<IEventStore> store;
+    if (neuron < slots.size()) {
+        store = std::make_unique<BucketEventStore>(calendar_.bucketWidth(), bucket_count);
+        if (!store->restore(blob)) return false;
+    }
+    taken_ = {};
+    calendar_ = std::move(*calendar);
+    tree_ = std::move(tree);
+    store_ = std::move(store);
+    return true;
+}
+
+void WindowCalendar::resume(std::span<const CandidateSlot> candidates,
+                            std::optional<std::int64_t> next_window,
+                            std::span<const Event> events) {
+    std::copy(candidates.begin(), candidates.end(), slots_.begin());
+    if (next_window) calendar_.resumeAt(*next_window);
+    for (const Event& event : events) calendar_.post(event);
+}
+
+}  // namespace Lumenar::Core::Kelm

@@ -1,0 +1,121 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "kelm/core/Blob.h"
+#include "kelm/core/LargePages.h"
+#include "kelm/core/ModelTime.h"
+#include "kelm/engine/WindowEvents.h"
+#include "kelm/events/BucketCalendar.h"
+#include "kelm/events/CandidateSlot.h"
+#include "kelm/events/CandidateTree.h"
+#include "kelm/events/IEventStore.h"
+#include "kelm/network/SynapseGraph.h"
+
+namespace Lumenar::Core::Kelm {
+
+/// What an engine has pending: one candidate per neuron, and all other events.
+///
+/// A candidate is an event that its neuron replaces each time the neuron takes part in a window, so
+/// it is not posted as one. The calendar keeps it in the neuron's slot and its time in a tree. A
+/// slot holds what the candidate's event would hold, and ids, order and stored form are those of
+/// candidates that are cancelled and posted. The other events lie in a calendar of buckets.
+///
+/// An engine may be given a store. Then all events lie in that store, the candidates among them,
+/// and the slots name them by their ids. The same holds after a restore from a blob in which a slot
+/// names an event that is not its neuron's candidate: the calendar then makes itself a store.
+///
+/// Used by one thread at a time.
+class WindowCalendar {
+public:
+    /// A calendar of its own for a network of `neurons` neurons; `d_min` in ns, at least 1.
+    WindowCalendar(ModelTime d_min, std::uint64_t neurons);
+    /// A calendar that keeps all events in `store`, which must not be null.
+    WindowCalendar(std::unique_ptr<IEventStore> store, std::uint64_t neurons);
+
+    /// Width of a window in ns; no value where the events lie in a store.
+    std::optional<ModelTime> windowWidth() const {
+        return store_ ? std::nullopt : std::optional(calendar_.bucketWidth());
+    }
+
+    /// Shape (neurons): each neuron's scheduled candidate. The place of a slot does not change
+    /// until a restore.
+    std::span<const CandidateSlot> candidates() const { return slots_; }
+
+    /// Posts an event and returns its id. Throws what the store throws, or LookaheadViolation for a
+    /// time in a window already handed out, or before 0.
+    std::uint64_t post(const Event& event) {
+        return store_ ? store_->post(event) : calendar_.post(event);
+    }
+
+    /// Posts the deliveries of a spike of `source` at `time` ns; throws as SynapseGraph::deliver.
+    void deliver(SynapseGraph& graph, NodeId source, ModelTime time) {
+        if (store_) {
+            graph.deliver(source, time, *store_);
+        } else {
+            graph.deliver(source, time, calendar_);
+        }
+    }
+
+    /// Replaces a neuron's candidate by one for `time` ns, drawn under `rate`, or by none where the
+    /// time is negative. Throws as post does; the slot then names no event.
+    void schedule(NodeId neuron, ModelTime time, double rate) {
+        if (store_) return scheduleInStore(neuron, time, rate);
+        CandidateSlot& slot = slots_[neuron];
+        slot = {time, rate, no_event};
+        if (time < 0) return tree_.cancel(neuron);
+        if (calendar_.isPast(time)) refusePast(neuron);
+        tree_.schedule(neuron, time);
+        slot.event_id = calendar_.issueId();
+    }
+
+    /// Prefetches what schedule for `neuron` writes.
+    void prefetch(NodeId neuron) const {
+        prefetchLine(&slots_[neuron]);
+        prefetchLine(&slots_[neuron].event_id);
+        tree_.prefetch(neuron);
+    }
+
+    /// Takes the next window that holds an event, if it starts before `until` ns, and adds its
+    /// events to `events`, which this call begins anew. They stay where they lie until the next
+    /// call, and a candidate's slot until its neuron is scheduled. False where there is none.
+    /// Throws what WindowEvents::begin and the store throw; TimeOverflow where the window's end
+    /// lies beyond the range of ModelTime. The window is then still in the calendar.
+    bool takeWindow(ModelTime until, WindowEvents& events, ModelTime& window_start,
+                    ModelTime& window_end);
+
+    /// Blob of the store, or of a BucketEventStore that holds the same events.
+    Blob snapshot();
+
+    /// Replaces slots and events by `slots`, shape (neurons), and those of a blob. False for a blob
+    /// that is refused; the calendar is then as it was, unless a store that was given refused after
+    /// it had changed itself.
+    [[nodiscard]] bool restore(BlobView blob, LargeArray<CandidateSlot>&& slots);
+
+    /// Makes a new calendar of its own stand behind window `next_window` - 1, if one is given, with
+    /// candidates none of which names an event, and posts `events` in their order.
+    void resume(std::span<const CandidateSlot> candidates, std::optional<std::int64_t> next_window,
+                std::span<const Event> events);
+
+private:
+    bool restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots);
+    void scheduleInStore(NodeId neuron, ModelTime time, double rate);
+    [[noreturn]] void refusePast(NodeId neuron);
+    std::int64_t firstCandidateBucket();
+
+    LargeArray<CandidateSlot> slots_;  ///< shape (neurons)
+    // Unused while there is a store.
+    BucketCalendar calendar_;
+    CandidateTree tree_;  ///< times of the pending candidates
+    EventList taken_;     ///< the last window's events
+
+    bool store_is_given_ = false;
+    std::unique_ptr<IEventStore> store_;  ///< null where the events lie in calendar_ and tree_
+    std::vector<Event> copied_;           ///< the last window's events, out of store_
+};
+
+}  // namespace Lumenar::Core::Kelm

@@ -1,0 +1,173 @@
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <optional>
+#include <vector>
+
+#include "kelm/core/Blob.h"
+#include "kelm/core/Failures.h"
+#include "kelm/core/ModelTime.h"
+#include "kelm/events/Event.h"
+#include "kelm/events/EventWheel.h"
+#include "kelm/events/PackedDelivery.h"
+#include "kelm/events/PendingIds.h"
+
+namespace Lumenar::Core::Kelm {
+
+/// A calendar of events in buckets one d_min wide (R. Brown, "Calendar queues: a fast O(1) priority
+/// queue implementation for the simulation event set problem", Communications of the ACM 31, 1988).
+/// It gives ids, hands out one bucket at a time and knows the stored form. It cannot take a single
+/// event back: BucketEventStore adds that.
+///
+/// The cursor is the next bucket to be handed out. Before the first advance the calendar is not
+/// started: events may be posted at any time, and the first advance puts the cursor to the earliest
+/// one. A calendar that was moved from may only be destroyed or assigned to.
+class BucketCalendar {
+public:
+    static constexpr std::int64_t no_bucket = std::numeric_limits<std::int64_t>::max();
+
+    /// `d_min`: bucket width in ns. `bucket_count`: length of the ring, in buckets; an event that
+    /// lies further ahead counts in overflowPosts() and is kept like any other.
+    /// Throws InvalidLookahead for a d_min below 1, then for fewer than four buckets.
+    BucketCalendar(ModelTime d_min, std::uint64_t bucket_count);
+
+    ModelTime bucketWidth() const { return d_min_; }
+    std::uint64_t bucketCount() const { return bucket_count_; }
+    std::int64_t bucketOf(ModelTime time) const { return wheel_.bucketOf(time); }
+    /// Number of events.
+    std::uint64_t size() const { return wheel_.size(); }
+    bool isStarted() const { return started_; }
+    std::uint64_t overflowPosts() const { return overflow_posts_; }
+
+    /// The id of the next event.
+    std::uint64_t nextId() const { return next_id_; }
+    /// Gives an id to an event that is kept elsewhere.
+    std::uint64_t issueId() { return next_id_++; }
+
+    /// Whether a time, which must not be negative, lies in a window already handed out.
+    bool isPast(ModelTime time) const { return static_cast<std::uint64_t>(time) < open_from_; }
+
+    /// Adds a copy of a record under the next id, and returns the id.
+    /// Throws LookaheadViolation for a time in a window already handed out, or before 0.
+    std::uint64_t post(const Event& event) { return postRecord(event); }
+    std::uint64_t postPacked(const PackedDelivery& delivery) { return postRecord(delivery); }
+
+    /// Moves the cursor to the first bucket that holds an event or is `other`, but not beyond the
+    /// first one that starts at `until` ns or later. True where it has found one. Either an event
+    /// or `other` must be there; no_bucket stands for no other one.
+    /// May throw std::bad_alloc; the events are then as they were.
+    bool advance(ModelTime until, std::int64_t other);
+
+    // Of the cursor's bucket, after an advance that has returned true.
+    const EventList& current() const { return wheel_.current(); }
+    ModelTime windowStart() const { return cursor_ * d_min_; }
+    /// Throws TimeOverflow where the end lies beyond the range of ModelTime.
+    ModelTime windowEnd() const { return addTime(windowStart(), d_min_); }
+    bool windowEndsInRange() const { return windowStart() <= last_model_time - d_min_; }
+    /// Takes the bucket's events out and moves the cursor behind it. The storage of the events
+    /// stays in use until release.
+    EventList take() noexcept;
+    void release(EventList& list) noexcept { wheel_.release(list); }
+
+    /// Calls visit(record) for each event, with an Event or a PackedDelivery.
+    template <class Visit>
+    void forEach(Visit visit) const {
+        wheel_.forEach(visit);
+    }
+    /// Removes each event for which test(id) holds. May throw std::bad_alloc, with nothing changed.
+    template <class Test>
+    void removeIf(Test test) {
+        recent_ = {};
+        wheel_.removeIf(test);
+    }
+
+    /// Makes a calendar without events go on at `bucket`, as one that has handed out all windows
+    /// before it. `bucket` must not be negative, nor its time beyond the range of ModelTime.
+    void resumeAt(std::int64_t bucket) {
+        started_ = true;
+        setCursor(bucket);
+    }
+
+    /// This calendar with `events` in the place of its own, in the format "KELMBKT1": tag, d_min
+    /// (8), bucket count (8), cursor (8), started (1), next_id (8), event count (8), then the
+    /// events as images of 64 bytes, by time and id.
+    Blob store(std::vector<Event> events) const;
+
+    /// The calendar in a blob of the same d_min and bucket count, or nothing for a blob that is cut
+    /// short, forged or of another format. Bytes behind the last event are not looked at.
+    ///
+    /// Adds all ids to `ids`, which must be empty. Calls keeps(event) for each event; those for
+    /// which it returns true are the caller's, and not in the calendar.
+    template <class Keeps>
+    std::optional<BucketCalendar> read(BlobView blob, PendingIds& ids, Keeps keeps) const;
+
+private:
+    /// The list that the last record went to, for the times from `start` on: most records go where
+    /// the one before has gone. `width` is 0 where there is none.
+    struct RecentList {
+        ModelTime start = 0;
+        std::uint64_t width = 0;
+        EventList* list = nullptr;
+    };
+
+    template <class Record>
+    std::uint64_t postRecord(const Record& record) {
+        const auto offset =
+            static_cast<std::uint64_t>(record.time) - static_cast<std::uint64_t>(recent_.start);
+        EventList& list = offset < recent_.width ? *recent_.list : listFor(record.time);
+        wheel_.append(list, record) = next_id_;
+        return next_id_++;
+    }
+    EventList& listFor(ModelTime time);
+    void setCursor(std::int64_t bucket) {
+        cursor_ = bucket;
+        // The cursor is at most one behind the last bucket, so this fits without a sign.
+        open_from_ = static_cast<std::uint64_t>(bucket) * static_cast<std::uint64_t>(d_min_);
+        recent_ = {};
+    }
+    bool isFar(std::int64_t bucket) const {
+        return static_cast<std::uint64_t>(bucket - cursor_) >= bucket_count_;
+    }
+    bool readHeader(BlobReader& in, std::uint64_t& event_count);
+    bool acceptsStored(const Event& event) const {
+        return event.id < next_id_ && event.time >= 0 && !isPast(event.time);
+    }
+
+    ModelTime d_min_;
+    std::uint64_t bucket_count_;
+    EventWheel wheel_;
+    std::int64_t cursor_ = 0;
+    bool started_ = false;
+    std::uint64_t open_from_ = 0;  ///< ns; time of the cursor, and 0 before the start
+    std::uint64_t next_id_ = 0;
+    std::uint64_t overflow_posts_ = 0;
+    RecentList recent_;
+};
+
+template <class Keeps>
+std::optional<BucketCalendar> BucketCalendar::read(BlobView blob, PendingIds& ids,
+                                                   Keeps keeps) const {
+    BlobReader in(blob);
+    BucketCalendar stored(d_min_, bucket_count_);
+    std::uint64_t event_count = 0;
+    if (!stored.readHeader(in, event_count)) return std::nullopt;
+    for (std::uint64_t i = 0; i < event_count; ++i) {
+        BlobView image;
+        if (!in.readView(sizeof(Event), image)) return std::nullopt;
+        Event event;
+        std::memcpy(&event, image.data(), sizeof(Event));
+        clearGap(event.gap);
+        if (!stored.acceptsStored(event) || ids.contains(event.id)) return std::nullopt;
+        ids.reserve(event.id);
+        ids.insert(event.id);
+        if (keeps(event)) continue;
+        const std::int64_t bucket = bucketOf(event.time);
+        stored.wheel_.append(stored.wheel_.listOf(bucket), event) = event.id;
+        if (stored.isFar(bucket)) ++stored.overflow_posts_;
+    }
+    return stored;
+}
+
+}  // namespace Lumenar::Core::Kelm

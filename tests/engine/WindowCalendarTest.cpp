@@ -1,0 +1,214 @@
+// A calendar that keeps candidates in slots runs beside one that posts them into a store, through
+// random histories. The two must show the same after every step.
+
+#include "kelm/engine/WindowCalendar.h"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kelm/core/Failures.h"
+#include "kelm/events/BucketEventStore.h"
+#include "tests/support/Draws.h"
+#include "tests/support/PlainStore.h"
+#include "tests/support/SameImages.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+using namespace Testing;
+
+constexpr ModelTime d_min = 10;
+constexpr std::uint64_t buckets = 4096;
+constexpr NodeId neurons = 40;
+
+class Histories {
+public:
+    explicit Histories(std::uint64_t seed) : draws_(seed) {}
+
+    std::string step() {
+        const std::uint64_t die = draws_.below(100);
+        if (die < 50) return schedule();
+        if (die < 70) return post();
+        if (die < 80) return deliver();
+        if (die < 94) return take();
+        return restore();
+    }
+
+    /// Where the two differ, or an empty text.
+    std::string difference() {
+        if (!difference_.empty()) return difference_;
+        if (!sameImages<CandidateSlot>(own_.candidates(), stored_.candidates())) return "slots";
+        return own_.snapshot() == stored_.snapshot() ? "" : "snapshot";
+    }
+
+private:
+    template <class Action>
+    void onBoth(const Action& action) {
+        const auto outcomeOf = [&](WindowCalendar& calendar) -> std::string {
+            try {
+                action(calendar);
+            } catch (const LookaheadViolation& failure) {
+                return failure.what();
+            }
+            return "";
+        };
+        if (outcomeOf(own_) != outcomeOf(stored_)) difference_ = "outcome";
+    }
+
+    /// Mostly near the last window, sometimes far ahead or gone by.
+    ModelTime anyTime() {
+        const unsigned bits = draws_.oneIn(8) ? 40 : 9;
+        const ModelTime time = end_ + draws_.timeBelow(std::uint64_t{1} << draws_.below(bits));
+        return draws_.oneIn(40) ? time - 2 * d_min : time;
+    }
+
+    std::string schedule() {
+        const NodeId neuron = draws_.below(neurons);
+        const ModelTime time = draws_.oneIn(5) ? no_time : anyTime();
+        const double rate = draws_.positive();
+        onBoth([&](WindowCalendar& calendar) { calendar.schedule(neuron, time, rate); });
+        return "schedule " + std::to_string(neuron) + " at " + std::to_string(time);
+    }
+
+    std::string post() {
+        Event event;
+        event.time = anyTime();
+        event.kind = draws_.oneOf<EventKind>(
+            {EventKind::candidate, EventKind::input, EventKind::perturbation});
+        event.target = draws_.below(neurons);
+        event.value = draws_.positive();
+        event.cause = draws_.below(3);
+        onBoth([&](WindowCalendar& calendar) { calendar.post(event); });
+        return "post at " + std::to_string(event.time);
+    }
+
+    std::string deliver() {
+        const NodeId source = draws_.below(neurons);
+        const ModelTime time = end_ + draws_.timeBelow(d_min);
+        onBoth([&](WindowCalendar& calendar) { calendar.deliver(graph_, source, time); });
+        return "deliver at " + std::to_string(time);
+    }
+
+    /// What a window holds, target by target.
+    struct Taken {
+        bool given = false;
+        ModelTime start = no_time;
+        ModelTime end = no_time;
+        std::vector<std::uint64_t> values;
+
+        bool operator==(const Taken&) const = default;
+    };
+    Taken takeFrom(WindowCalendar& calendar, ModelTime until) {
+        Taken taken;
+        WindowEvents events(neurons);
+        taken.given = calendar.takeWindow(until, events, taken.start, taken.end);
+        if (!taken.given) return taken;
+        events.sortByTarget();
+        WindowEvents::Walk walk = events.walk();
+        for (std::size_t first = 0; first < walk.size();) {
+            const std::size_t end = walk.orderTarget(first);
+            for (; first < end; ++first) {
+                const WindowEvents::Input input = walk.inputAt(first);
+                for (const std::uint64_t value :
+                     {walk.targetAt(first), static_cast<std::uint64_t>(input.time), input.id,
+                      std::bit_cast<std::uint64_t>(input.value), std::uint64_t{input.wake_only}}) {
+                    taken.values.push_back(value);
+                }
+            }
+        }
+        return taken;
+    }
+    std::string take() {
+        const ModelTime until = draws_.oneIn(3) ? end_ + draws_.timeBelow(50) : last_model_time;
+        const Taken own = takeFrom(own_, until);
+        if (own != takeFrom(stored_, until)) difference_ = "window";
+        if (own.given) end_ = own.end;
+        return "take until " + std::to_string(until);
+    }
+
+    /// Back to the state in hand, with slots that may have been forged: they then name events that
+    /// are gone, that belong to another neuron, or that are no candidates.
+    std::string restore() {
+        const auto slots = [&] {
+            return LargeArray<CandidateSlot>(own_.candidates().begin(), own_.candidates().end());
+        };
+        LargeArray<CandidateSlot> forged = slots();
+        for (std::uint64_t i = draws_.below(3) * draws_.below(3); i > 0; --i) {
+            CandidateSlot& slot = forged[draws_.below(neurons)];
+            switch (draws_.below(4)) {
+                case 0: slot.event_id = draws_.below(400); break;
+                case 1: slot.event_id = forged[draws_.below(neurons)].event_id; break;
+                case 2: slot.rate = -slot.rate; break;
+                default: slot.time = end_ + draws_.timeBelow(100);
+            }
+        }
+        const Blob blob = own_.snapshot();
+        LargeArray<CandidateSlot> same = forged;
+        if (!own_.restore(blob, std::move(forged)) || !stored_.restore(blob, std::move(same))) {
+            difference_ = "result of restore";
+        }
+        return "restore";
+    }
+
+    static SynapseGraph makeGraph() {
+        std::vector<Synapse> synapses;
+        for (NodeId i = 0; i < 4 * neurons; ++i) {
+            synapses.push_back({.source = i % neurons,
+                                .target = i * 7 % neurons,
+                                .weight = 0.5F,
+                                .delay = d_min + static_cast<ModelTime>(i % 3) * 37,
+                                .inhibitory = i % 5 == 0});
+        }
+        return SynapseGraph(neurons, d_min, std::move(synapses));
+    }
+
+    Draws draws_;
+    SynapseGraph graph_ = makeGraph();
+    WindowCalendar own_{d_min, neurons};
+    WindowCalendar stored_{std::make_unique<PlainStore>(d_min, buckets), neurons};
+    ModelTime end_ = 0;  ///< of the last window
+    std::string difference_;
+};
+
+TEST(WindowCalendar, ShowsWhatAStoreOfEventsShowsThroughRandomHistories) {
+    for (std::uint64_t seed = 0; seed < 300; ++seed) {
+        Histories histories(seed);
+        for (int step = 0; step < 120; ++step) {
+            const std::string done = histories.step();
+            ASSERT_EQ(histories.difference(), "")
+                << "seed " << seed << ", step " << step << ": " << done;
+        }
+    }
+}
+
+TEST(WindowCalendar, KeepsAWindowWhoseEndIsBeyondTime) {
+    // The last whole window of 10 ns ends at 9223372036854775800.
+    for (const bool stored : {false, true}) {
+        SCOPED_TRACE(stored);
+        WindowCalendar calendar =
+            stored ? WindowCalendar(std::make_unique<BucketEventStore>(d_min, buckets), 2)
+                   : WindowCalendar(d_min, 2);
+        calendar.schedule(0, 9223372036854775799, 1.0);
+        calendar.schedule(1, last_model_time, 1.0);
+        WindowEvents events(2);
+        ModelTime start = 0;
+        ModelTime end = 0;
+        ASSERT_TRUE(calendar.takeWindow(last_model_time, events, start, end));
+        EXPECT_EQ(end, 9223372036854775800);
+        const Blob before = calendar.snapshot();
+        EXPECT_THROW(calendar.takeWindow(last_model_time, events, start, end), TimeOverflow);
+        EXPECT_EQ(calendar.snapshot(), before);
+        calendar.schedule(1, no_time, 1.0);
+        EXPECT_FALSE(calendar.takeWindow(last_model_time, events, start, end));
+    }
+}
+
+}  // namespace
+
+}  // namespace Lumenar::Core::Kelm
