@@ -198,9 +198,12 @@ void WindowEngine::adoptWholeRun(WholeRun&& run) {
 
 void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
     requireExactFloatingPoint();
-    if (offersWholeRun(until) && backend.tryResidentRun(*this)) return;
-    flushPendingRandomStates();
-    runWindows(backend, until);
+    running_ = true;
+    if (!offersWholeRun(until) || !backend.tryResidentRun(*this)) {
+        flushPendingRandomStates();
+        runWindows(backend, until);
+    }
+    running_ = false;
 }
 
 void WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
@@ -373,7 +376,11 @@ void WindowEngine::commitItems(const Window& window) {
 }
 
 std::uint64_t WindowEngine::declareObserverEvent(const Event& event) {
-    if (observer_cursor_ != 0) throw WindowEngineError(WindowEngineError::late_observation);
+    // During a run the window in hand may already be committed in part, so an observation inside
+    // it would not see all of it.
+    if (running_ || observer_cursor_ != 0) {
+        throw WindowEngineError(WindowEngineError::late_observation);
+    }
     Event declared = event;
     // Above every id that a calendar gives out.
     declared.id = first_observation_id + observer_events_.size();

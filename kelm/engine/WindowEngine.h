@@ -220,6 +220,7 @@ private:
     std::uint64_t observer_cursor_ = 0;   ///< the first one not yet delivered
     bool external_events_ = false;
     bool pristine_ = false;  ///< what isPristine() says, but for windows, hooks and dMin()
+    bool running_ = false;   ///< a run is on, or has ended with a throw
 };
 
 }  // namespace Lumenar::Core::Kelm

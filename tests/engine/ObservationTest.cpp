@@ -138,6 +138,21 @@ TEST_F(ObservationTest, MayTakeTheHooksAwayInTheMiddleOfARun) {
     EXPECT_EQ(drives, (std::vector<double>{0.25, 0.0}));
 }
 
+TEST_F(ObservationTest, CannotBeDeclaredWhileARunIsOn) {
+    struct Declaring : IWindowCommit {
+        void commit(ModelTime, ModelTime window_end, std::span<const SpikeRecord>,
+                    SynapseGraph&) override {
+            engine->declareObserverEvent(observationAt(window_end - 1));
+        }
+        WindowEngine* engine = nullptr;
+    } declaring;
+    declaring.engine = &engine;
+    engine.setHooks(nullptr, &declaring, &observer);
+    expectThrows<WindowEngineError>([&] { engine.run(cpu); },
+                                    "observer events must be declared before the run");
+    EXPECT_TRUE(observer.sights.empty());
+}
+
 TEST_F(ObservationTest, EndsTheRunWhereItsRepetitionBreaksABound) {
     // A backend that lies: it leaves a candidate of far too low a bound pending.
     WindowEngine hot(SynapseGraph(1, 10, {}), Kernel::Neuron(), Kernel::Firing{.base_rate = 1e8}, 1,
