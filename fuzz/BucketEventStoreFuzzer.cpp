@@ -17,7 +17,7 @@ using namespace Lumenar::Core::Kelm::Fuzzing;
 
 namespace {
 
-/// The events of a snapshot, which the store has just written.
+/// The events of a store's snapshot.
 std::vector<Event> eventsOf(const Blob& snapshot) {
     BlobReader in(BlobView(snapshot).subspan(41));
     std::vector<Event> events;

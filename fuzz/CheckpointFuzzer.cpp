@@ -11,7 +11,7 @@ using namespace Lumenar::Core::Kelm::Fuzzing;
 
 namespace {
 
-/// A runtime as the other fuzzers know their objects.
+/// A runtime with the interface of the other fuzzers' objects.
 struct Run {
     std::unique_ptr<KelmRuntime> runtime = makeRuntime();
 
@@ -29,7 +29,7 @@ void readAll(KelmRuntime& runtime) {
         require(bank.neuronPhases(n, end).size() <= bank.oscillators().size(),
                 "phases have owners");
         require(!learning.neuronAdmitted(n) || learning.groupAllows(learning.groupOf(n)),
-                "who is admitted is in a group that may learn");
+                "an admitted neuron is in a group that may learn");
     }
     (void)bank.allPhases(end);
     for (const EdgeId edge : learning.pendingEdges()) {
@@ -43,7 +43,7 @@ void readAll(KelmRuntime& runtime) {
     }
 }
 
-/// What a caller does: everything that was refused on the way is refused for both.
+/// Actions of a caller. The runtime may refuse each of them.
 void useAll(KelmRuntime& runtime) {
     const ModelTime soon = model().network.horizon / 2;
     for (const InputChannelSpec& channel : model().channels) {
@@ -77,7 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Run twin;
     require(twin.restore(taken), "a runtime reads its own checkpoint");
     require(twin.snapshot() == taken, "a checkpoint restores to itself");
-    // Not of every runtime: the look creates the streams that are not there.
+    // Not for every input: reading creates missing streams.
     for (Run* const one : {&run, &twin}) {
         if (digest(bytes) % 2 == 0) readAll(*one->runtime);
     }

@@ -12,11 +12,10 @@
 
 #include "kelm/core/Blob.h"
 
-// What the fuzzers of the readers share. A fuzzer gives arbitrary bytes to a fresh object, and what
-// the object promises of them is checked: bytes that it refuses leave it as it was, and bytes that
-// it accepts leave it in a state like any other, in which it works, reads its own snapshot and does
-// the same as its twin that has read the snapshot. A check that fails ends the program, which
-// libFuzzer takes down together with the input.
+// Shared code of the fuzzers of the readers. A fuzzer gives arbitrary bytes to an object and checks
+// its promises. Refused bytes leave the object as it was. After accepted bytes the object works,
+// reads its own snapshot, and does the same as a twin that has read this snapshot. A failed check
+// ends the program, and libFuzzer keeps the input.
 
 namespace Lumenar::Core::Kelm::Fuzzing {
 
@@ -26,8 +25,8 @@ inline void require(bool holds, const char* fact) {
     std::abort();
 }
 
-/// What an action came to: nothing, or the class and text of a failure. Only failures of the engine
-/// may come out of it; anything else, such as an allocation without bound, is a fault.
+/// The outcome of an action: empty, or the class and text of an exception. Only the engine's own
+/// exceptions are allowed; any other, such as std::bad_alloc, is a fault.
 template <class Action>
 std::string outcomeOf(Action action) {
     try {
@@ -43,9 +42,8 @@ std::string outcomeOf(Action action) {
     }
 }
 
-/// Gives `bytes` to an object that already holds `past`, so that it has something to lose. True
-/// where they were accepted: `twin`, which must be fresh, is then in the same state by way of a
-/// snapshot.
+/// Gives `bytes` to an object that has restored `past`, so that it has a state to lose. True if the
+/// object accepts them: `twin`, which must be fresh, then gets the same state from a snapshot.
 template <class Object>
 bool acceptedByTwins(Object& object, Object& twin, BlobView past, BlobView bytes) {
     require(object.restore(past), "an object reads a snapshot of a run");
@@ -60,8 +58,8 @@ bool acceptedByTwins(Object& object, Object& twin, BlobView past, BlobView bytes
     return true;
 }
 
-/// Performs one action on both, which must come to the same and leave the same. False where it
-/// failed, after which nothing more is promised.
+/// Performs an action on both objects, which must have the same outcome and leave the same state.
+/// False if the action fails; nothing more is promised then.
 template <class Object, class Action>
 bool sameFor(Object& object, Object& twin, Action action) {
     const std::string outcome = outcomeOf([&] { action(object); });
@@ -71,16 +69,16 @@ bool sameFor(Object& object, Object& twin, Action action) {
     return true;
 }
 
-/// Whatever came of an object, it can be carried on: `fresh` takes its snapshot.
+/// A fresh object must accept the snapshot of an object, whatever the object has done.
 template <class Object>
 void requireRestorable(Object& object, Object&& fresh) {
     const Blob end = object.snapshot();
-    require(fresh.restore(end), "an object reads a snapshot of what came of another");
-    require(fresh.snapshot() == end, "a snapshot of what came of an object restores to itself");
+    require(fresh.restore(end), "an object reads the last snapshot of another");
+    require(fresh.snapshot() == end, "the last snapshot of an object restores to itself");
 }
 
-/// Whether a store in `bytes` has all but used up its ids: no store reads that it issued more than
-/// 2^62, which a run can only reach by being told so.
+/// Whether a store in `bytes` is close to its last id. A store refuses a next id above 2^62, which
+/// only a forged snapshot brings near.
 inline bool runsOutOfIds(BlobView bytes) {
     constexpr std::string_view tag = "KELMBKT1";
     const auto store = std::search(bytes.begin(), bytes.end(), tag.begin(), tag.end());

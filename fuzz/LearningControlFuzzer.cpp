@@ -10,7 +10,7 @@ using namespace Lumenar::Core::Kelm::Fuzzing;
 
 namespace {
 
-/// A proposal for every synapse, twice.
+/// Two proposed changes for every synapse.
 std::vector<WeightChange> proposals(const SynapseGraph& graph, ModelTime time) {
     std::vector<WeightChange> changes;
     for (EdgeId id = 0; id < 2 * graph.edgeCount(); ++id) {
@@ -23,7 +23,7 @@ std::vector<WeightChange> proposals(const SynapseGraph& graph, ModelTime time) {
     return changes;
 }
 
-/// What passes through one object for a window, with the graph that it writes to.
+/// A learning control with the graph whose weights it changes.
 struct Learner {
     LearningControl control = makeLearning();
     SynapseGraph graph = makeGraph();
@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     LearningControl& control = learner.control;
     for (NodeId n = 0; n < learner.graph.nodeCount(); ++n) {
         require(!control.neuronAdmitted(n) || control.groupAllows(control.groupOf(n)),
-                "who is admitted is in a group that may learn");
+                "an admitted neuron is in a group that may learn");
     }
     for (const EdgeId edge : control.pendingEdges()) {
         require(edge < control.synapseStates().size(), "pending synapses lie in the network");
@@ -70,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         require(learner.last == twin.last, "twins count the same");
     }
     require(control.journal().size() >= noted, "a journal only grows");
-    // Settings that were restored give way to ones that are set.
+    // New settings replace restored ones.
     sameFor(learner, twin, [&](Learner& l) {
         l.control.setModulator({});
         l.control.setLearningEnabled(true);

@@ -33,7 +33,7 @@ void collect(Part& part, std::vector<Part*>& places) {
     for (Part& item : part.parts) collect(item, places);
 }
 
-/// One more, one less, or two in each other's place.
+/// Adds or removes an item, or swaps two.
 void mutateItems(std::vector<Part>& items, Testing::Draws& draws) {
     if (items.empty()) return;
     const auto any = [&] {
@@ -53,7 +53,7 @@ void mutateItems(std::vector<Part>& items, Testing::Draws& draws) {
 void mutateBytes(Blob& bytes, Testing::Draws& draws) {
     const std::size_t length = bytes.size();
     if (length == 8 && draws.chance(25)) {
-        // Ends of the ranges of times, counts and numbers, and what lies near the small ones.
+        // Limits of times, counts and numbers, and small values.
         const auto value = draws.oneOf<std::uint64_t>(
             {0, 1, 2, ~0ULL, 1ULL << 63, ~0ULL >> 1, 1ULL << 32, 1ULL << 62, 0x7ff0000000000000,
              0xfff0000000000000, 0x7ff8000000000001, 0x7fefffffffffffff, 0x43e0000000000000,
@@ -80,7 +80,7 @@ std::size_t mutateBy(std::string_view grammar, std::uint8_t* data, std::size_t s
         if (place.kind != '0') {
             mutateItems(place.parts, draws);
         } else if (other.kind == '0' && other.bytes.size() == place.bytes.size()) {
-            place.bytes = other.bytes;  // names what exists, or comes at the same time
+            place.bytes = other.bytes;  // an id that exists, or an equal time
         } else if (!place.bytes.empty()) {
             mutateBytes(place.bytes, draws);
         }

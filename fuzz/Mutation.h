@@ -6,9 +6,9 @@
 
 namespace Lumenar::Core::Kelm::Fuzzing {
 
-/// A mutation that respects the grammar of a format (compare/Grammar.h), so that what is deep
-/// inside is changed while counts and lengths stay true; now and then one that respects nothing.
-/// Arguments and result are those of LLVMFuzzerCustomMutator.
+/// Mutates bytes by the grammar of their format (compare/Grammar.h): inner fields change, while
+/// counts and lengths stay correct. One mutation in ten is arbitrary. Arguments and result are
+/// those of LLVMFuzzerCustomMutator.
 std::size_t mutateBy(std::string_view grammar, std::uint8_t* data, std::size_t size,
                      std::size_t max_size, unsigned int seed);
 

@@ -38,14 +38,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             e.takeChanges(graph, changes);
         });
         if (!done) return 0;
-        require(std::is_sorted(changes.begin(), changes.end(), inOrder), "proposals are in order");
-        // What learning then does with them is its own affair, but it must come to an end of ours.
+        require(std::is_sorted(changes.begin(), changes.end(), inOrder), "changes are in order");
+        // Learning may refuse the changes, but only with an exception of the engine.
         LearningControl learning = makeLearning();
         (void)outcomeOf([&] { learning.applyChanges(graph, changes, time); });
     }
     require(std::ranges::all_of(engine.traces(),
                                 [](const SpikeTrace& t) { return t.updated == last_model_time; }),
-            "traces are brought forward");
+            "traces are up to date");
     requireRestorable(engine, makePlasticity());
     return 0;
 }

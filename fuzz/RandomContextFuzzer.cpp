@@ -9,7 +9,7 @@ using Runtime::RandomContext;
 
 namespace {
 
-/// Finds every stream of a snapshot in the context that wrote it, and moves it.
+/// Finds every stream of a snapshot in the context that wrote it, and advances it.
 void walkStreams(RandomContext& context, RandomContext& twin) {
     const Blob blob = context.snapshot();
     BlobReader in(BlobView(blob).subspan(16));
@@ -25,7 +25,7 @@ void walkStreams(RandomContext& context, RandomContext& twin) {
                     in.readU64(state) && in.readU8(mode) && in.readU64(cursor) &&
                     in.readSequence(tape),
                 "a snapshot ends behind its streams");
-        require(mode <= 2 && cursor <= tape.size(), "a stream stands on its tape");
+        require(mode <= 2 && cursor <= tape.size(), "a cursor lies on its tape");
         const std::string name(bytes.begin(), bytes.end());
         require(context.rawState(name, index) == state, "a stream has its state");
         require(context.tape(name, index).size() == tape.size(), "a stream has its tape");

@@ -35,11 +35,11 @@ namespace Emulation = Device::Emulation;
 
 constexpr std::uint64_t own_buckets = 4096;  ///< of the store that an engine makes itself
 
-// Where runs end by force: bursts can go on until the end of time.
+// Limits of a run: bursts can continue until the last model time.
 constexpr std::uint64_t max_windows = 300;
 constexpr std::uint64_t max_candidates = 20'000;
 
-/// The emulated device with one order of threads, and with or without whole runs.
+/// The emulated device with one order of threads. It accepts or declines whole runs.
 class DeviceBackend final : public IWindowBackend {
 public:
     DeviceBackend(CudaWindowBackend& device, std::optional<std::uint64_t> order, bool takes_whole)
@@ -51,7 +51,7 @@ public:
                        ModelTime horizon, const Kernel::Neuron& neuron,
                        const Kernel::Firing& firing,
                        const std::span<Kernel::WindowResult>& results) override {
-        // Another order in each window, and the same whenever it runs.
+        // Each window has its own order, which is the same in every run.
         Emulation::permuteThreads(
             order_ ? std::optional(*order_ ^ static_cast<std::uint64_t>(window_end)) : order_);
         device_.processWindow(work, events, window_end, horizon, neuron, firing, results);
@@ -73,12 +73,12 @@ private:
     bool takes_whole_;
 };
 
-/// What a way does beside choosing a backend.
+/// What a way changes besides the backend.
 enum class Manner : std::uint8_t { ordinary, plain_store, short_ring, cut, resident, unwatched };
 
 struct Setting {
     Manner manner = Manner::ordinary;
-    std::vector<IWindowBackend*> backends;  ///< those that a run is cut for, else one
+    std::vector<IWindowBackend*> backends;  ///< several for Manner::cut, else one
     DeviceBackend* resident = nullptr;
 };
 
@@ -86,14 +86,14 @@ std::unique_ptr<IEventStore> storeFor(Manner manner, const SoakModel& model) {
     if (manner == Manner::plain_store) {
         return std::make_unique<PlainStore>(model.window(), own_buckets);
     }
-    // Most events lie beyond such a ring.
+    // Most events lie beyond so short a ring.
     if (manner == Manner::short_ring) {
         return std::make_unique<BucketEventStore>(model.window(), 4 + model.seed % 12);
     }
     return nullptr;
 }
 
-/// Notes all that is shown to it: states, and everything in digests.
+/// Records what hooks and listeners see: states, and digests of everything.
 class Witness final : public IWindowObserver, public ICommitListener {
 public:
     void observe(const Event& event, std::span<const Kernel::State> states,
@@ -116,7 +116,7 @@ public:
 
     std::uint64_t sights() const { return sights_; }
     const std::vector<Kernel::State>& states() const { return states_; }
-    /// Of what happened before `end` ns.
+    /// Digest of everything before `end` ns.
     std::string textUntil(ModelTime end) const {
         std::uint64_t all = 0;
         for (const auto& [time, digest] : notes_) {
@@ -131,11 +131,11 @@ private:
     void add(ModelTime time, std::uint64_t digest) { notes_.emplace_back(time, digest); }
 
     std::vector<std::pair<ModelTime, std::uint64_t>> notes_;
-    std::uint64_t sights_ = 0;  ///< of the network at a declared moment
+    std::uint64_t sights_ = 0;  ///< observations at declared times
     std::vector<Kernel::State> states_;
 };
 
-/// Runs a model piece by piece on the backends of a setting.
+/// Runs a model in pieces on the backends of a setting.
 class PiecedRun : public SoakRun {
 public:
     Tally tally() override {
@@ -152,7 +152,8 @@ public:
         Remains remains;
         remains.image = image();
         remains.outcomes = outcomes_;
-        // Where a run has thrown, a shorter one may have shown what lies in the quiet before.
+        // A run that threw may lack an observation before its last window that a run in smaller
+        // steps has delivered.
         const auto& windows = trace().windows();
         const ModelTime last = windows.empty() ? 0 : windows.back().end;
         remains.outcomes.push_back(witness_.textUntil(alive_ ? last_model_time : last));
@@ -174,11 +175,12 @@ protected:
     virtual void addHappenings(Tally& tally) = 0;
     virtual void addBlobs(std::vector<std::pair<std::string, Blob>>& blobs) = 0;
     virtual void runTo(ModelTime until) = 0;
-    /// Lets other objects on the next backend take over. `astray`: they have already run, to that
-    /// time and alone; no_time for fresh ones. Throws where they do not take all.
-    virtual void handOver(ModelTime astray) = 0;
+    /// Lets another object on the next backend take the run over. `prior_end`: ns, the end of a
+    /// separate run that the object has done before; no_time for a fresh object. Throws if the
+    /// object does not accept the stored state in full.
+    virtual void handOver(ModelTime prior_end) = 0;
 
-    /// Performs what may throw, and notes that. False where it did.
+    /// Performs an action and records an exception. False if there was one.
     template <class Action>
     bool attempt(const std::string& what, Action action) {
         try {
@@ -189,7 +191,7 @@ protected:
             return false;
         }
     }
-    /// Runs up to `until` with the cuts that lie before.
+    /// Runs up to `until`, with the cuts before that time.
     bool carry(ModelTime until) {
         const bool is_cut = setting_.manner == Manner::cut;
         for (; is_cut && alive_ && next_cut_ < model_.cuts.size() &&
@@ -198,7 +200,8 @@ protected:
             if (!goOn(model_.cuts[next_cut_].time)) break;
             const Cut& cut = model_.cuts[next_cut_];
             place_ = cut.backend % traced_.size();
-            alive_ = attempt("cut at " + std::to_string(cut.time), [&] { handOver(astray(cut)); });
+            alive_ =
+                attempt("cut at " + std::to_string(cut.time), [&] { handOver(priorEnd(cut)); });
             ++tally_.cuts;
         }
         return alive_ && goOn(until);
@@ -210,27 +213,27 @@ protected:
         ++tally_.thrown;
         return false;
     }
-    /// How far some objects have run that take over: less far, or as far as the next window, about
-    /// which they then may know something.
-    ModelTime astray(const Cut& cut) const {
+    /// The end of the separate run of the object that takes over: before the cut, or one window
+    /// past it, so that the object holds state of a later time.
+    ModelTime priorEnd(const Cut& cut) const {
         if (cut.backend >> 62 != 0) return no_time;
         const ModelTime ahead = model_.network().horizon - cut.time;
         return (cut.backend >> 61 & 1) != 0 ? cut.time / 2
                                             : cut.time + std::min(model_.window(), ahead);
     }
     IWindowBackend& backend() { return *traced_[place_]; }
-    /// An object to hand over to. Unless `astray` is no_time it has run already, alone and with
-    /// nobody to note it: a restore has to replace all of that.
+    /// An object that takes a run over. Unless `prior_end` is no_time, it has run to that time on
+    /// its own, without a trace. A restore must replace all of that state.
     template <class Build, class Run>
-    auto another(ModelTime astray, Build build, Run run) {
+    auto another(ModelTime prior_end, Build build, Run run) {
         auto object = build();
-        if (astray == no_time) return object;
+        if (prior_end == no_time) return object;
         const Witness seen = witness_;
         trace().mute(true);
         try {
             run(*object);
         } catch (const std::exception&) {
-            object = build();  // it may only be destroyed
+            object = build();  // after a throw an object can only be destroyed
         }
         trace().mute(false);
         witness_ = seen;
@@ -264,7 +267,8 @@ public:
         const ModelTime horizon = model_.network().horizon;
         if (!carry(std::min(until, horizon)) || until <= horizon) return;
         if (!is_behind_) {
-            // Not of every model: the look catches up the streams that a device has left behind.
+            // Not for every model: this read applies random states that a whole run has left
+            // pending.
             if (model_.kind == ModelKind::resident && model_.seed % 2 == 0) notePending();
             fillOpenWindows();
         }
@@ -289,7 +293,7 @@ private:
     void addHappenings(Tally& tally) override { tally.observed += witness_.sights(); }
     RunImage image() override { return engine_ ? imageOf(*engine_) : RunImage(); }
     void addBlobs(std::vector<std::pair<std::string, Blob>>& blobs) override {
-        // Another ring is another store, and ids are not of a run that a device took.
+        // Another ring gives another blob, and a whole run has its own event ids.
         if (setting_.manner == Manner::short_ring || setting_.manner == Manner::resident) return;
         blobs.emplace_back("snapshot", engine_->snapshot());
     }
@@ -298,18 +302,17 @@ private:
         engine_->run(backend(), until);
         if (setting_.resident) tally_.whole += setting_.resident->whole_runs - whole;
     }
-    void handOver(ModelTime astray) override {
+    void handOver(ModelTime prior_end) override {
         const Blob bytes = engine_->snapshot();
         std::unique_ptr<WindowEngine> next = another(
-            astray, [&] { return build(); },
-            [&](WindowEngine& engine) { engine.run(backend(), astray); });
+            prior_end, [&] { return build(); },
+            [&](WindowEngine& engine) { engine.run(backend(), prior_end); });
         if (!next->restore(bytes)) throw std::runtime_error("not restored");
         if (next->snapshot() != bytes) throw std::runtime_error("restored to something else");
         engine_ = std::move(next);
     }
 
-    /// Notes candidates and what the store holds, by what is no matter of who has posted it: ids
-    /// are not of a run that a device took, and neither are edges.
+    /// Records candidates and pending events without ids and edges, which differ after a whole run.
     void notePending() {
         std::vector<CandidateSlot> slots(engine_->candidates().begin(),
                                          engine_->candidates().end());
@@ -329,8 +332,8 @@ private:
         outcomes_.push_back("digest of pending events: " +
                             std::to_string(digestImages(std::span<const Event>(events))));
     }
-    /// Posts an input into every window that still takes one, from behind the horizon backward:
-    /// what a store holds open is a part of what a run leaves behind.
+    /// Posts an input into every window that still accepts one, from the horizon backward. Which
+    /// windows are open is part of the state that a run leaves.
     void fillOpenWindows() {
         const ModelTime window = model_.window();
         Event input;
@@ -408,10 +411,11 @@ private:
         if (!other) blobs.emplace_back("checkpoint", run.checkpoint());
     }
     void runTo(ModelTime until) override { runtime_->run(until); }
-    void handOver(ModelTime astray) override {
+    void handOver(ModelTime prior_end) override {
         const Blob bytes = runtime_->checkpoint();
         std::unique_ptr<KelmRuntime> next = another(
-            astray, [&] { return build(); }, [&](KelmRuntime& runtime) { runtime.run(astray); });
+            prior_end, [&] { return build(); },
+            [&](KelmRuntime& runtime) { runtime.run(prior_end); });
         if (!next->restore(bytes)) throw std::runtime_error("not restored");
         if (next->checkpoint() != bytes) throw std::runtime_error("restored to something else");
         runtime_ = std::move(next);
@@ -423,7 +427,7 @@ private:
 
 }  // namespace
 
-/// Every backend, and what a way makes of them.
+/// Every backend, and the ways to use them.
 struct Soak::Backends {
     struct Way {
         std::string name;
@@ -466,7 +470,7 @@ struct Soak::Backends {
     DeviceBackend device_whole{device, 0x5eed, true};
     std::vector<std::unique_ptr<LaneCpuBackend>> lanes;
 #ifdef KELM_HAVE_THREADS
-    // More workers than processors, so that a machine with few of them mixes their work as well.
+    // More workers than processors, so that their work interleaves on small machines too.
     tbb::global_control workers{tbb::global_control::max_allowed_parallelism, 3};
     ThreadedCpuBackend threads{3, 1};
     ThreadedCpuBackend threads_in_lanes{LaneCpuBackend(), 2, 1};
@@ -523,7 +527,7 @@ bool Soak::applies(const std::string& name, const SoakModel& model) const {
 std::unique_ptr<SoakRun> Soak::start(const SoakModel& model, const std::string& name) {
     const Backends::Way* const way = backends_->find(name);
     if (way == nullptr) throw std::invalid_argument("no way named " + name);
-    // On a busy machine a launch waits long for a second thread; that threads meet is for a few.
+    // On a busy machine a launch waits long for a second thread, so only few models use two.
     Emulation::setWorkers(model.seed % 16 == 0 ? 2 : 1);
     Setting setting;
     setting.manner = way->manner;
@@ -545,7 +549,7 @@ std::optional<FirstDifference> Soak::compare(const SoakModel& model, const std::
                            model.window(), model.end());
 }
 
-/// A whole run.
+/// Runs a model to its end.
 std::unique_ptr<SoakRun> Soak::run(const SoakModel& model, const std::string& way) {
     std::unique_ptr<SoakRun> carried = start(model, way);
     carried->advance(model.end());
@@ -599,17 +603,17 @@ std::string Soak::idleKind() const {
         const auto kind = static_cast<ModelKind>(i);
         const std::uint64_t models = models_[i];
         const Tally& tally = tallies_[i];
-        if (models < 20) continue;  // of few models all may idle
-        bool lively = 2 * spiking_[i] >= models;
-        // Hot networks outgrow what a device keeps for a whole run; no others may.
-        if (kind == ModelKind::resident) lively = lively && 2 * tally.whole >= models;
-        if (kind != ModelKind::resident) lively = lively && 5 * tally.observed >= models;
-        if (kind >= ModelKind::composed) lively = lively && tally.learned >= models;
-        if (kind >= ModelKind::composed) lively = lively && 2 * tally.refusals >= models;
+        if (models < 20) continue;  // a few models may all do nothing
+        bool active = 2 * spiking_[i] >= models;
+        // A device declines networks that fire too much for its memory, but no others.
+        if (kind == ModelKind::resident) active = active && 2 * tally.whole >= models;
+        if (kind != ModelKind::resident) active = active && 5 * tally.observed >= models;
+        if (kind >= ModelKind::composed) active = active && tally.learned >= models;
+        if (kind >= ModelKind::composed) active = active && 2 * tally.refusals >= models;
         if (kind == ModelKind::composed) {
-            lively = lively && tally.gated >= 2 * models && tally.coupled >= 5 * models;
+            active = active && tally.gated >= 2 * models && tally.coupled >= 5 * models;
         }
-        if (!lively) return nameOf(kind);
+        if (!active) return nameOf(kind);
     }
     return {};
 }

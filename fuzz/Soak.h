@@ -13,30 +13,30 @@
 #include "fuzz/SoakModel.h"
 #include "kelm/engine/IWindowBackend.h"
 
-// One generated model, run in every way that there is: on every backend, over other event stores,
-// whole on a device, unwatched, and cut into pieces that fresh objects on other backends carry on.
-// All ways must show and leave the same to the bit.
+// Runs one generated model in every way: on every backend, over other event stores, whole on a
+// device, without a recorder, and cut into pieces that other objects on other backends continue.
+// All ways must show and leave the same bits.
 
 namespace Lumenar::Core::Kelm::Fuzzing {
 
-/// What one run came to, beside what is compared.
+/// Counts of what happened in one run. They are not compared.
 struct Tally {
     std::uint64_t runs = 0;
     std::uint64_t spikes = 0;
     std::uint64_t windows = 0;
     std::uint64_t refusals = 0;  ///< actions of the caller that were refused
     std::uint64_t thrown = 0;    ///< runs that ended in an exception
-    std::uint64_t cuts = 0;      ///< times that fresh objects took a run over
+    std::uint64_t cuts = 0;      ///< times that another object took a run over
     std::uint64_t whole = 0;     ///< runs that a device took whole
-    std::uint64_t observed = 0;  ///< moments at which somebody looked on
+    std::uint64_t observed = 0;  ///< observations or samples
     std::uint64_t learned = 0;   ///< entries of the journal
-    std::uint64_t gated = 0;     ///< answers of the gate that differed from the one before
-    std::uint64_t coupled = 0;   ///< steps of the rhythms' coupling
+    std::uint64_t gated = 0;     ///< changes of the learning gate
+    std::uint64_t coupled = 0;   ///< coupling steps of the oscillators
 
     Tally& operator+=(const Tally& other);
 };
 
-/// A run of a model that tells what it came to.
+/// A run of a model that counts what happens in it.
 class SoakRun : public Compare::CarriedRun {
 public:
     virtual Tally tally() = 0;
@@ -45,23 +45,23 @@ protected:
     SoakRun();
 };
 
-/// Two ways of running a model that differ.
+/// A way of running a model that differs from the reference.
 struct Finding {
-    std::string way;  ///< which differs from the reference, "cpu"
+    std::string way;
     Compare::FirstDifference difference;
-    /// False where the runs were equal when they were repeated, as where threads race: the
-    /// difference is then told as far as it showed.
+    /// False if the repeated runs were equal, for example because threads race. `difference` is
+    /// then what the first runs showed.
     bool repeats = false;
 };
 
-/// A model in which little is left but a difference.
+/// A model after shrinking, and the difference that it still shows.
 struct SmallestModel {
     SoakModel model;
     Compare::FirstDifference difference;
 };
 
-/// The ways of running a model. One at a time in a program: it turns the controls of the emulated
-/// device.
+/// The ways of running a model. A program may hold only one at a time, because it sets the global
+/// controls of the emulated device.
 class Soak {
 public:
     static constexpr const char* reference = "cpu";
@@ -71,41 +71,41 @@ public:
     Soak(const Soak&) = delete;
     Soak& operator=(const Soak&) = delete;
 
-    /// Adds a way: on a backend of the caller's, which must outlive this object.
+    /// Adds a way that runs on `backend`, which must outlive this object.
     void addBackend(std::string name, IWindowBackend& backend);
 
-    /// The ways of all models, the reference first.
+    /// The names of all ways, the reference first.
     std::vector<std::string> ways() const;
-    /// Whether there is such a way for a model.
+    /// Whether the way exists and suits the model.
     bool applies(const std::string& way, const SoakModel& model) const;
 
     /// Starts a run of `model`, which must outlive it. Throws std::invalid_argument for an unknown
     /// way.
     std::unique_ptr<SoakRun> start(const SoakModel& model, const std::string& way);
 
-    /// Where two ways of running a model part.
+    /// The first difference between two ways of running a model.
     std::optional<Compare::FirstDifference> compare(const SoakModel& model, const std::string& left,
                                                     const std::string& right);
 
-    /// Runs the model in every way, or in the reference's and one other; the first way that differs
-    /// from the reference, if there is one.
+    /// Runs the model in every way, or in the reference and `only`. Returns the first way that
+    /// differs from the reference.
     std::optional<Finding> examine(const SoakModel& model,
                                    const std::optional<std::string>& only = std::nullopt);
 
-    /// The model made as small as it can be while `way` differs from the reference. None where it
-    /// ceases to.
+    /// The smallest model found for which `way` still differs from the reference. None if the
+    /// difference no longer shows.
     std::optional<SmallestModel> shrink(const SoakModel& model, const std::string& way);
 
-    /// Of all runs that examine() made, by the kind of model; beside runs, refusals, exceptions,
-    /// cuts and whole runs those of the reference alone.
+    /// Sums over the runs of examine(), by kind of model. Runs, refusals, exceptions, cuts and
+    /// whole runs include all ways; the other counts are of the reference alone.
     const std::array<Tally, kind_count>& tallies() const { return tallies_; }
-    /// How many models of each kind it was given, and how many of them spiked.
+    /// Models of each kind that examine() ran, and how many of them spiked.
     const std::array<std::uint64_t, kind_count>& models() const { return models_; }
     const std::array<std::uint64_t, kind_count>& spiking() const { return spiking_; }
-    /// Of all that the reference has computed: the same wherever the same models are run.
+    /// Digest of all that the reference computed. It depends on the models alone.
     std::uint64_t digest() const { return digest_; }
-    /// The first kind of whose models so many idled, or so little happened in them, that nothing is
-    /// proved; empty where there is none.
+    /// The first kind whose models do too little for the comparison to prove anything; empty if
+    /// there is none.
     std::string idleKind() const;
 
 private:

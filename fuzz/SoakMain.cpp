@@ -1,12 +1,12 @@
-// kelm-soak: models from seeds, each run in every way that there is and compared to the bit.
+// kelm-soak: makes models from seeds, runs each in every way and compares the bits.
 //
 //   kelm-soak [--models N] [--first SEED] [--kind KIND]   N models, from the seed SEED on
 //   kelm-soak --seed SEED [--kind KIND] [--only WAY]      one model; --print shows it
 //   kelm-soak --compare LEFT RIGHT --seed SEED            the first difference of two ways
-//   kelm-soak --compare FILE FILE                         of two checkpoints or snapshots
+//   kelm-soak --compare FILE FILE                         the same of two checkpoints or snapshots
 //
-// Exit status: 0 where all is the same, 1 where something differs or the models idle, 2 for
-// arguments that make no sense.
+// Exit status: 0 if nothing differs, 1 if something differs or the models do too little, 2 for bad
+// arguments.
 
 #include <algorithm>
 #include <chrono>
@@ -98,7 +98,8 @@ int compareFiles(const std::string& left, const std::string& right) {
 
 int compareWays(Soak& soak, const SoakModel& model, const Arguments& arguments) {
     if (!soak.applies(*arguments.left, model) || !soak.applies(arguments.right, model)) {
-        std::fprintf(stderr, "no such way for a model of kind %s\n", nameOf(model.kind));
+        std::fprintf(stderr, "a model of kind %s does not run in one of these ways\n",
+                     nameOf(model.kind));
         return 2;
     }
     const auto found = soak.compare(model, *arguments.left, arguments.right);
@@ -106,15 +107,15 @@ int compareWays(Soak& soak, const SoakModel& model, const Arguments& arguments) 
     return found ? 1 : 0;
 }
 
-/// Tells of a finding, and only then looks for a smaller model, which takes its time.
+/// Prints a finding, then looks for a smaller model, which takes long.
 void report(Soak& soak, const Finding& finding, const SoakModel& model, const char* program) {
     std::printf("seed %llu: %s differs from %s in %s\n",
                 static_cast<unsigned long long>(model.seed), finding.way.c_str(), Soak::reference,
                 finding.difference.text().c_str());
-    std::printf("again: %s --seed %llu --kind %s --only %s\n", program,
+    std::printf("to repeat: %s --seed %llu --kind %s --only %s\n", program,
                 static_cast<unsigned long long>(model.seed), nameOf(model.kind),
                 finding.way.c_str());
-    if (!finding.repeats) std::printf("it did not show when the runs were repeated\n");
+    if (!finding.repeats) std::printf("the repeated runs showed no difference\n");
     std::fflush(stdout);
     const auto smallest = soak.shrink(model, finding.way);
     if (!smallest) return;
@@ -166,7 +167,7 @@ int soak(const Arguments& arguments, const char* program) {
         number(all.refusals), number(all.thrown), number(all.cuts), number(all.whole),
         number(all.observed), number(all.learned), number(soak.digest()), seconds());
     if (const std::string idle = soak.idleKind(); !arguments.only && !idle.empty()) {
-        std::printf("models of kind %s idle: the generator is at fault\n", idle.c_str());
+        std::printf("models of kind %s do too little: the generator is at fault\n", idle.c_str());
         return 1;
     }
     return 0;

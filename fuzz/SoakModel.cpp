@@ -21,7 +21,7 @@ constexpr const char* kind_names[kind_count] = {
     "composed-far",
 };
 
-/// Windows behind the horizon, into which inputs are posted that an ordinary run would not see.
+/// Windows past the horizon for which the soak posts inputs.
 constexpr ModelTime windows_behind = 4;
 
 ModelKind drawKind(Draws& draws) {
@@ -43,7 +43,7 @@ ModelTraits traitsOf(ModelKind kind, Draws& draws) {
     traits.boundless = kind == ModelKind::extreme && draws.oneIn(4);
     traits.extreme = kind == ModelKind::extreme && !traits.boundless;
     traits.far = kind == ModelKind::far;
-    // Enough for vectors to fill and blocks of device threads to end.
+    // Enough to fill vectors and more than one block of device threads.
     if (draws.oneIn(8)) traits.max_neurons = 200;
     if (traits.resident) traits.max_windows = 25;
     if (traits.resident && draws.oneIn(12)) traits.max_neurons = 700;
@@ -65,8 +65,8 @@ ComposedTraits composedTraitsOf(ModelKind kind, Draws& draws, bool counts_spikes
     return traits;
 }
 
-/// Takes away as much as may go, in runs of items that halve in length. `without`: the model
-/// without items [first, last).
+/// Removes as many items as possible, in ranges whose length halves each time. `without`: returns
+/// the model without items [first, last).
 template <class Without>
 bool leaveOut(SoakModel& model, std::size_t count,
               const std::function<bool(const SoakModel&)>& differs, Without without) {
@@ -87,8 +87,8 @@ bool leaveOut(SoakModel& model, std::size_t count,
     return smaller;
 }
 
-/// The number that neuron `n` gets where only `kept` are left, ascending; false where it is not
-/// left.
+/// Replaces `n` by the neuron's new number when only the neurons `kept`, ascending, remain. False
+/// if the neuron does not remain.
 bool renumber(NodeId& n, const std::vector<NodeId>& kept) {
     const auto place = std::lower_bound(kept.begin(), kept.end(), n);
     if (place == kept.end() || *place != n) return false;
@@ -96,7 +96,7 @@ bool renumber(NodeId& n, const std::vector<NodeId>& kept) {
     return true;
 }
 
-/// Those of the items for which `keep` holds, which may change them.
+/// Removes the items for which `keep` returns false. `keep` may change the others.
 template <class Items, class Keep>
 void keepItems(Items& items, Keep keep) {
     Items left;
@@ -106,7 +106,7 @@ void keepItems(Items& items, Keep keep) {
     items = std::move(left);
 }
 
-/// The network of some neurons, with the synapses among them and their inputs.
+/// Reduces a network to some neurons, the synapses among them and their inputs.
 void keepNeurons(GeneratedModel& network, const std::vector<NodeId>& kept) {
     for (std::size_t i = 0; i < kept.size(); ++i) {
         network.neurons[i] = network.neurons[kept[i]];
@@ -121,7 +121,7 @@ void keepNeurons(GeneratedModel& network, const std::vector<NodeId>& kept) {
     keepItems(network.inputs, [&](Event& input) { return renumber(input.target, kept); });
 }
 
-/// The same of a runtime, whose steps keep their numbers.
+/// Reduces a runtime in the same way. Its steps keep their neuron numbers.
 void keepNeurons(ComposedModel& model, const std::vector<NodeId>& kept) {
     keepNeurons(model.network, kept);
     for (std::size_t i = 0; i < kept.size(); ++i) {
@@ -156,7 +156,8 @@ SoakModel withHorizon(const SoakModel& model, ModelTime horizon) {
     return shorter;
 }
 
-/// Gives neurons the parameters of the default, one by one; of alike neurons those of all.
+/// Sets parameters to their defaults, neuron by neuron, or for all neurons at once if they must
+/// stay alike.
 bool makePlain(SoakModel& model, const std::function<bool(const SoakModel&)>& differs) {
     bool plainer = false;
     const auto reset = [&](auto member, auto records) {
@@ -196,7 +197,7 @@ bool makePlain(SoakModel& model, const std::function<bool(const SoakModel&)>& di
     return plainer;
 }
 
-/// One round of everything that can be left out. False where nothing could.
+/// Tries once to leave out each part. False if nothing could be left out.
 bool shrinkOnce(SoakModel& model, const std::function<bool(const SoakModel&)>& differs) {
     bool smaller = false;
     const auto attempt = [&](SoakModel candidate) {
@@ -204,7 +205,7 @@ bool shrinkOnce(SoakModel& model, const std::function<bool(const SoakModel&)>& d
         model = std::move(candidate);
         return smaller = true;
     };
-    // Half of it, while that does, then single windows.
+    // Half of the horizon first, then ever smaller pieces down to one window.
     for (ModelTime cut = model.network().horizon / 2; cut >= model.window(); cut /= 2) {
         while (model.network().horizon > cut &&
                attempt(withHorizon(model, model.network().horizon - cut))) {
@@ -294,7 +295,7 @@ SoakModel generateSoakModel(std::uint64_t seed, std::optional<ModelKind> kind) {
     const auto anyTime = [&] {
         return draws.timeBelow(static_cast<std::uint64_t>(model.network().horizon));
     };
-    // Whom somebody looks at is not run whole on a device.
+    // A device does not take a run with observations as a whole.
     if (!model.isComposed() && model.kind != ModelKind::resident && draws.oneIn(3)) {
         const ModelTime window = model.network().d_min;
         for (std::uint64_t left = draws.below(12); left != 0; --left) {
@@ -302,7 +303,7 @@ SoakModel generateSoakModel(std::uint64_t seed, std::optional<ModelKind> kind) {
             model.moments.push_back(draws.oneIn(4) ? time / window * window : time);
         }
     }
-    // What a spike count of the recorder waits for is in no checkpoint.
+    // A checkpoint does not hold the spikes that wait for the recorder's next spike count.
     if (model.isComposed() && counts_spikes) return model;
     for (std::uint64_t left = draws.below(5); left != 0; --left) {
         const ModelTime time = anyTime();
@@ -314,7 +315,7 @@ SoakModel generateSoakModel(std::uint64_t seed, std::optional<ModelKind> kind) {
 }
 
 SoakModel shrunk(SoakModel model, const std::function<bool(const SoakModel&)>& differs) {
-    // A network whose last synapse goes must keep its windows.
+    // A network that loses its last synapse must keep its window length.
     SoakModel declared = model;
     declared.network().d_min = model.window();
     declared.network().declares_d_min = true;

@@ -12,53 +12,52 @@
 
 namespace Lumenar::Core::Kelm::Fuzzing {
 
-/// What a model is like.
+/// The kinds of models.
 enum class ModelKind : std::uint8_t {
     plain,             ///< an engine whose neurons all differ
-    alike,             ///< an engine whose neurons are alike: their items go through vectors
-    large,             ///< as either, with windows of hundreds of items
+    alike,             ///< an engine with equal neurons, whose items go through vector lanes
+    large,             ///< plain or alike, with windows of hundreds of items
     resident,          ///< an engine that runs whole on a device
-    extreme,           ///< parameters, or times, at the ends of what arithmetic takes
-    far,               ///< bursts that lie far apart, up to the end of time
+    extreme,           ///< parameters or times at the ends of their ranges
+    far,               ///< bursts far apart, up to the last model time
     composed,          ///< a runtime with every part
-    composed_extreme,  ///< the same at the ends of what arithmetic takes
-    composed_far,      ///< the same, but for rhythms, with bursts that lie far apart
+    composed_extreme,  ///< composed, with parameters at the ends of their ranges
+    composed_far,      ///< composed, without oscillators, with bursts far apart
 };
 inline constexpr std::size_t kind_count = 9;
 const char* nameOf(ModelKind kind);
 std::optional<ModelKind> kindNamed(std::string_view name);
 
-/// A moment at which fresh objects take a run over, on another backend.
+/// A time at which another object takes the run over, on another backend.
 struct Cut {
     ModelTime time = 0;         ///< ns
     std::uint64_t backend = 0;  ///< any number
 };
 
-/// A model to be run in every way there is, and what its caller does with it.
+/// A model that the soak runs in every way, and the actions of its caller.
 struct SoakModel {
     std::uint64_t seed = 0;
     ModelKind kind = ModelKind::plain;
-    Testing::ComposedModel composed;  ///< of a bare engine only the network counts
+    Testing::ComposedModel composed;  ///< a bare engine uses only its network
     std::vector<Cut> cuts;            ///< ascending
-    std::vector<ModelTime> moments;   ///< ns, at which an engine's observer looks at it
+    std::vector<ModelTime> moments;   ///< ns, times of an engine's observations
 
     Testing::GeneratedModel& network() { return composed.network; }
     const Testing::GeneratedModel& network() const { return composed.network; }
     bool isComposed() const { return kind >= ModelKind::composed; }
-    /// ns; of an engine's own store. Falls back to 1 where there is none.
+    /// ns, the window length of the engine's own store; 1 for a network without d_min.
     ModelTime window() const;
-    /// ns; where its runs end. An engine is carried on behind its horizon.
+    /// ns, the end of its runs. A bare engine continues past its horizon.
     ModelTime end() const;
 
     /// The whole model as text.
     std::string text() const;
 };
 
-/// A function of its arguments alone. Without a kind the seed chooses one.
+/// A function of its arguments alone. Without `kind` the seed chooses one.
 SoakModel generateSoakModel(std::uint64_t seed, std::optional<ModelKind> kind = std::nullopt);
 
-/// The smallest model that can be reached from `model` by leaving things out while it still
-/// `differs`, which must not throw.
+/// Leaves out parts of `model` as long as the rest still `differs`. `differs` must not throw.
 SoakModel shrunk(SoakModel model, const std::function<bool(const SoakModel&)>& differs);
 
 }  // namespace Lumenar::Core::Kelm::Fuzzing

@@ -39,10 +39,10 @@ struct Seed {
     Blob bytes;
 };
 
-/// What the model's parts have written on the way through its run.
+/// Snapshots of the model's parts from several points of its run.
 std::vector<Seed> realSnapshots();
 
-/// The longest of those that `object` takes.
+/// The longest of these snapshots that `object` accepts.
 template <class Object>
 Blob longestPast(Object object, std::string_view reader) {
     Blob longest;

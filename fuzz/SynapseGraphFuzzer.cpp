@@ -32,11 +32,11 @@ void walkRoutes(SynapseGraph& graph) {
     std::uint64_t listed = 0;
     for (NodeId n = 0; n < graph.nodeCount(); ++n) {
         for (const EdgeId id : graph.outgoing(n)) {
-            require(graph.isRouted(id) && graph.source(id) == n, "outgoing lists are true");
+            require(graph.isRouted(id) && graph.source(id) == n, "outgoing lists are correct");
             ++listed;
         }
         for (const EdgeId id : graph.incoming(n)) {
-            require(graph.isRouted(id) && graph.target(id) == n, "incoming lists are true");
+            require(graph.isRouted(id) && graph.target(id) == n, "incoming lists are correct");
             ++listed;
         }
     }

@@ -26,7 +26,7 @@ struct Observer final : IWindowObserver {
     }
 };
 
-/// The emulated device; a second thread would cost a launch most of its time.
+/// The emulated device, with one worker: a second one would take most of a launch's time.
 CudaWindowBackend& device() {
     Device::Emulation::setWorkers(1);
     static CudaWindowBackend backend;
@@ -42,7 +42,7 @@ void readAll(WindowEngine& engine) {
     SynapseGraph& graph = engine.graph();
     for (NodeId n = 0; n < graph.nodeCount(); ++n) {
         require(graph.outgoing(n).size() + graph.incoming(n).size() <= 2 * graph.routedCount(),
-                "lists hold what is routed");
+                "lists hold routed synapses only");
     }
 }
 
@@ -64,19 +64,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static const Blob past = longestPast(makeEngine(), "WindowEngine");
     if (!acceptedByTwins(engine, twin, past, {data, size})) return 0;
     const std::uint64_t choice = digest({data, size});
-    // Not of every engine: the look creates the streams that are not there.
+    // Not for every input: reading creates missing streams.
     for (WindowEngine* one : {&engine, &twin}) {
         if (choice / 2 % 2 == 0) readAll(*one);
     }
 
-    // The twin also stands for the promise that every backend gives the same bits: which one it
-    // runs on is a matter of the input, so that a fault shows again.
+    // The twin runs on another backend, because every backend must give the same bits. The input
+    // alone decides which, so that a fault can be repeated.
     CpuWindowBackend cpu;
     LaneCpuBackend lanes;
     IWindowBackend* other = &lanes;
     if (choice % 2 == 0) other = &device();
     const ModelTime horizon = engine.horizon();
-    // Nothing fires behind the horizon, so even the whole of time holds few windows.
+    // Nothing fires past the horizon, so there are few windows up to the last model time.
     for (const ModelTime until : {horizon / 2, horizon, last_model_time}) {
         const auto run = [&](WindowEngine& e) { e.run(&e == &twin ? *other : cpu, until); };
         if (!sameFor(engine, twin, run)) return 0;
