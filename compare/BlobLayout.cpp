@@ -11,7 +11,7 @@ namespace Lumenar::Core::Kelm::Compare {
 
 namespace {
 
-/// Appends the fields of a part. Those inside end it where they begin.
+/// Appends the fields of a part. The field of a part ends where the first field inside it begins.
 void appendFields(const Part& part, std::vector<BlobLayout::Field>& fields) {
     const std::size_t place = fields.size();
     if (!part.name.empty()) fields.push_back({part.name, part.begin, part.end});
@@ -34,7 +34,7 @@ BlobLayout::BlobLayout(Blob blob) : bytes_(std::move(blob)) {
     const bool of_engine =
         bytes_.size() > 8 && std::equal(engine_tag.begin(), engine_tag.end(), bytes_.begin());
     const auto root = parsed(bytes_, of_engine ? engine_grammar : checkpoint_grammar);
-    if (!root) throw std::runtime_error("the bytes are no stored run");
+    if (!root) throw std::runtime_error("the bytes are not a stored run");
     appendFields(*root, fields_);
 }
 
@@ -68,7 +68,7 @@ std::optional<Difference> blobDifference(const std::string& name, BlobView a, Bl
         difference.field += '.' + field.name;
         begin = field.begin;
     } catch (const std::runtime_error&) {
-        // Bytes of another kind, or a difference behind their end.
+        // Other bytes, or a difference past the end of `a`.
     }
     const std::size_t offset = (found->place - begin) / 8 * 8;
     difference.field += " at byte " + std::to_string(offset);

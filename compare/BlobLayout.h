@@ -11,8 +11,9 @@
 
 namespace Lumenar::Core::Kelm::Compare {
 
-/// A stored run and its fields, which its grammar names, in order and without a gap. A field that
-/// begins with its count or its length has them at `begin`; of one that holds others it is all.
+/// A stored run and its fields, named by its grammar, in order and without gaps. A count or a
+/// length in front of a field lies at its `begin`. A field that holds other fields is only that
+/// count or length.
 class BlobLayout {
 public:
     struct Field {
@@ -22,15 +23,15 @@ public:
     };
 
     BlobLayout() = default;
-    /// Of a runtime's checkpoint, with the fields of the engine's snapshot in place, or of an
-    /// engine's snapshot; a prediction bank has at least one error channel. Throws
+    /// Takes a runtime's checkpoint, including the fields of the engine's snapshot in it, or an
+    /// engine's snapshot. A prediction bank must have at least one error channel. Throws
     /// std::runtime_error for other bytes.
     explicit BlobLayout(Blob blob);
 
     const Blob& bytes() const { return bytes_; }
-    /// Throws std::runtime_error for a field that is not there.
+    /// Throws std::runtime_error for an unknown name.
     const Field& field(std::string_view name) const;
-    /// Throws std::runtime_error for an offset behind the end.
+    /// Throws std::runtime_error for an offset past the end.
     const Field& fieldAt(std::size_t offset) const;
     std::size_t begin(std::string_view name) const { return field(name).begin; }
     /// The 64-bit number at the beginning of a field.
@@ -44,8 +45,8 @@ private:
 /// The 64-bit number at `offset`.
 std::uint64_t numberAt(BlobView bytes, std::size_t offset);
 
-/// The first difference of two stored runs, by the field of `name` that it stands in and the offset
-/// there. Of other bytes by the offset alone.
+/// The first difference of two byte sequences. For stored runs it gives the field inside `name` and
+/// the offset in the field, for other bytes only the offset.
 std::optional<Difference> blobDifference(const std::string& name, BlobView a, BlobView b);
 
 }  // namespace Lumenar::Core::Kelm::Compare

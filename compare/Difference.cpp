@@ -92,7 +92,7 @@ std::uint64_t wordAt(std::span<const std::byte> bytes, std::size_t offset, std::
     return value;
 }
 
-/// Where in a record a byte lies.
+/// The word of a record that holds a given byte.
 struct Word {
     std::string name;
     std::size_t offset;

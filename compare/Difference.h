@@ -13,14 +13,14 @@
 #include "kelm/events/CandidateSlot.h"
 #include "kelm/kernel/WindowProcessing.h"
 
-// Comparing records to the bit, and naming what differs.
+// Compares records bit by bit and names the field that differs.
 
 namespace Lumenar::Core::Kelm::Compare {
 
-/// What two runs differ in.
+/// A difference between two runs.
 struct Difference {
-    std::string field;             ///< with the list it stands in
-    std::optional<NodeId> neuron;  ///< whose it is, where it is a neuron's
+    std::string field;             ///< with the name of its list in front
+    std::optional<NodeId> neuron;  ///< if the field belongs to one
     std::uint64_t left = 0;        ///< bits of the field, or of its first word that differs
     std::uint64_t right = 0;
 
@@ -30,12 +30,12 @@ struct Difference {
     friend bool operator==(const Difference&, const Difference&) = default;
 };
 
-/// A part of a record. One of several words, a gap or an array, has a name for all of them.
+/// A field of a record. A gap or an array of several words is one field.
 struct Field {
     const char* name;
     std::size_t offset;
     std::size_t bytes;
-    std::span<const Field> inner = {};  ///< of a record inside
+    std::span<const Field> inner = {};  ///< the fields, if this field is a record
 };
 
 std::span<const Field> fieldsOf(const Kernel::State*);
@@ -47,7 +47,7 @@ std::span<const Field> fieldsOf(const Kernel::WindowEvent*);
 std::span<const Field> fieldsOf(const Kernel::WindowResult*);
 std::span<const Field> fieldsOf(const std::uint64_t*);
 
-/// The first difference of two lists of records, with its place in them; none where they are equal.
+/// The first difference of two lists of records, and its index; none if the lists are equal.
 struct PlacedDifference {
     std::size_t place;  ///< the length of the shorter list, where only the lengths differ
     Difference difference;
@@ -66,7 +66,7 @@ std::optional<PlacedDifference> placedDifference(const std::string& list, std::s
                              fieldsOf(static_cast<const Record*>(nullptr)));
 }
 
-/// Of two lists with an entry for each neuron.
+/// The first difference of two lists with one entry per neuron.
 template <class Record>
 std::optional<Difference> neuronDifference(const std::string& list, std::span<const Record> a,
                                            std::span<const Record> b) {

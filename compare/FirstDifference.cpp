@@ -12,7 +12,7 @@ namespace Lumenar::Core::Kelm::Compare {
 
 namespace {
 
-/// By words: a digest a byte would cost more than the windows.
+/// A digest by words. A digest by bytes would cost more than the windows.
 class Mixer {
 public:
     explicit Mixer(std::uint64_t start) : hash_(start) {}
@@ -34,7 +34,7 @@ private:
     std::uint64_t hash_;
 };
 
-/// Of two items at one place of a window.
+/// The first difference of two items at the same place of a window.
 std::optional<Difference> differenceOf(const WindowTrace::Item& a, const WindowTrace::Item& b) {
     const auto between = [](const char* list, const auto& x, const auto& y) {
         auto found = placedDifference(list, std::span(x), std::span(y));
@@ -49,7 +49,7 @@ std::optional<Difference> differenceOf(const std::vector<WindowTrace::Item>& a,
                                        const std::vector<WindowTrace::Item>& b) {
     for (std::size_t i = 0; i < std::min(a.size(), b.size()); ++i) {
         if (auto found = differenceOf(a[i], b[i])) {
-            // Two neurons: the smaller one is missing on the other side.
+            // If the neurons differ, the smaller one is missing on the other side.
             found->neuron = std::min(a[i].work.neuron, b[i].work.neuron);
             return found;
         }
@@ -60,7 +60,7 @@ std::optional<Difference> differenceOf(const std::vector<WindowTrace::Item>& a,
                       b.size()};
 }
 
-/// The place of the first window in which digests differ, where they do.
+/// The index of the first window with different digests, if there is one.
 std::optional<std::size_t> firstWindowApart(CarriedRun& left, CarriedRun& right) {
     if (!left.showsWindows() || !right.showsWindows()) return std::nullopt;
     const std::vector<WindowTrace::Window>& a = left.trace().windows();
@@ -72,7 +72,7 @@ std::optional<std::size_t> firstWindowApart(CarriedRun& left, CarriedRun& right)
     if (shared == 0 || !apart(shared - 1)) {
         return a.size() == b.size() ? std::nullopt : std::optional(shared);
     }
-    // A digest holds those before it: apart once is apart for good.
+    // A digest includes all earlier ones, so it differs from the first difference on.
     std::size_t equal = 0;
     std::size_t first = shared - 1;
     while (equal < first) {
@@ -82,7 +82,7 @@ std::optional<std::size_t> firstWindowApart(CarriedRun& left, CarriedRun& right)
     return first;
 }
 
-/// Both runs from their start, to `until`.
+/// Two runs that advance together.
 struct Pair {
     std::unique_ptr<CarriedRun> left;
     std::unique_ptr<CarriedRun> right;
@@ -96,7 +96,7 @@ struct Pair {
 }  // namespace
 
 void WindowTrace::begin(ModelTime window_end) {
-    const auto stop = [] { throw std::runtime_error("a run as long as it may be"); };
+    const auto stop = [] { throw std::runtime_error("the run has reached its limit"); };
     if (muted_ && ++muted_windows_ > max_windows_) stop();
     if (muted_) return;
     if (!windows_.empty() && windows_.back().end == window_end) return;  // another part
@@ -194,7 +194,7 @@ std::optional<FirstDifference> firstDifference(const RunFactory& left, const Run
         return differenceOf(pair.left->remains(), pair.right->remains());
     };
 
-    // Where the runs' windows part, if they do: the search then ends there.
+    // The first window that differs, if there is one, limits the search.
     std::int64_t last = end / d_min;
     std::optional<Difference> inside;
     if (apart) {
@@ -223,7 +223,7 @@ std::optional<FirstDifference> firstDifference(const RunFactory& left, const Run
         ++last;
     }
 
-    // What was left behind differs after `last` windows; the least number for which it does.
+    // The results differ after `last` windows. Find the least number of windows for which they do.
     std::int64_t equal = -1;
     while (equal + 1 < last) {
         const std::int64_t middle = equal + (last - equal) / 2;

@@ -13,14 +13,13 @@
 #include "kelm/core/Blob.h"
 #include "kelm/engine/IWindowBackend.h"
 
-// Where two runs of one model part: two runs in, the first difference out.
+// Finds the first difference of two runs of one model.
 
 namespace Lumenar::Core::Kelm::Compare {
 
-/// The windows of a run, as its backends were given and left them: a digest of each, and one of
-/// them whole where it was asked for. All that a window's neurons see goes into the digest, so two
-/// runs whose digests are equal have computed the same, whoever computed it and however a window
-/// was cut into parts.
+/// The inputs and results of a run's windows: a digest of each window, and one chosen window in
+/// full. The digest covers everything that the neurons of a window see, so two runs with equal
+/// digests have computed the same, on any backend and with windows in any parts.
 class WindowTrace {
 public:
     struct Window {
@@ -33,29 +32,29 @@ public:
         Kernel::WindowResult result;
     };
 
-    /// `max_windows`, `max_candidates`: where a run ends by force, with a std::runtime_error at the
-    /// start of the next window, so that a model that goes on for ever is a model as well.
+    /// `max_windows`, `max_candidates`: limits of a run. A run past a limit ends with a
+    /// std::runtime_error at the start of the next window, so that endless models can be compared.
     explicit WindowTrace(std::uint64_t max_windows = ~std::uint64_t{0},
                          std::uint64_t max_candidates = ~std::uint64_t{0})
         : max_windows_(max_windows), max_candidates_(max_candidates) {}
 
-    /// Keeps the window of this place in the order of windows.
+    /// Keeps the window with this index in full.
     void keep(std::size_t place) { kept_place_ = place; }
 
-    /// Lets windows pass without noting them, up to the same number.
+    /// While muted, windows are only counted, up to the same limit.
     void mute(bool muted) {
         muted_ = muted;
         muted_windows_ = 0;
     }
 
-    /// To be called before a window or a part of one is computed. Throws as said above.
+    /// Call before a window or a part of it is computed. Throws at a limit, as above.
     void begin(ModelTime window_end);
-    /// To be called when it has been.
+    /// Call after that.
     void note(std::span<const WindowWork> work, std::span<const Kernel::WindowEvent> events,
               std::span<const Kernel::WindowResult> results);
 
-    /// To be called where the run has ended in an exception: how much of its last window has been
-    /// computed by then is open, so that window does not count.
+    /// Call after the run has ended in an exception. Drops the last window: how much of it has been
+    /// computed can differ between backends.
     void end() {
         if (!muted_ && !windows_.empty()) windows_.pop_back();
     }
@@ -75,7 +74,7 @@ private:
     std::uint64_t muted_windows_ = 0;
 };
 
-/// A backend whose windows go into a trace.
+/// A backend that records its windows in a trace.
 class TracedBackend final : public IWindowBackend {
 public:
     TracedBackend(IWindowBackend& inner, WindowTrace& trace) : inner_(inner), trace_(trace) {}
@@ -98,26 +97,25 @@ private:
     WindowTrace& trace_;
 };
 
-/// What a run has left behind so far. Two runs are compared by what both show.
+/// The results of a run so far. Blobs are compared if both runs have them.
 struct Remains {
     RunImage image;
-    std::vector<Kernel::State> observed;  ///< shape (sights, neurons): what an observer was shown
-    std::vector<std::string>
-        outcomes;  ///< of what the caller did, texts that were thrown among them
+    std::vector<Kernel::State> observed;  ///< shape (observations, neurons)
+    std::vector<std::string> outcomes;    ///< of the caller's actions, texts of exceptions included
     std::vector<std::pair<std::string, Blob>> blobs;  ///< snapshots, by name
 };
 
 std::optional<Difference> differenceOf(const Remains& a, const Remains& b);
 
-/// A run of a model from its start, carried on bit by bit. Where it is stopped changes nothing.
+/// A run of a model that continues in steps. The choice of steps changes nothing.
 class CarriedRun {
 public:
     virtual ~CarriedRun() = default;
 
-    /// Carries on to `until` ns, or to where the run throws, which is then among its outcomes.
+    /// Continues to `until` ns. An exception ends the run and is one of its outcomes.
     virtual void advance(ModelTime until) = 0;
     virtual Remains remains() = 0;
-    /// False where a backend may take the run whole, which shows no windows.
+    /// False if a backend may take the whole run, whose windows then do not show.
     virtual bool showsWindows() const { return true; }
 
     WindowTrace& trace() { return trace_; }
@@ -129,7 +127,7 @@ protected:
 private:
     WindowTrace trace_;
 };
-/// A way of carrying out a run, from its start each time.
+/// Starts a run of a model from the beginning.
 using RunFactory = std::function<std::unique_ptr<CarriedRun>()>;
 
 struct FirstDifference {
@@ -139,18 +137,19 @@ struct FirstDifference {
     std::string text() const;
 };
 
-/// What two runs that have come to their ends have shown or left that differs, without running them
-/// again: the first window whose digests differ, or else what differs behind the last one. None
-/// where they agree. `d_min`: ns, of the windows.
+/// The difference of two finished runs, without running them again: the first window with different
+/// digests, or else the first difference of their results. None if they agree. `d_min`: ns, the
+/// window length.
 std::optional<FirstDifference> differenceAtEnds(CarriedRun& left, CarriedRun& right,
                                                 ModelTime d_min);
 
-/// The first window in which two ways of running a model differ until `end` ns, and what differs
-/// there: a field that a neuron was given or left with in it, or one of what it left behind as a
-/// whole. None where they agree, or where a difference ceases to show as it is narrowed down.
+/// The first window before `end` ns in which two ways of running a model differ, and the first
+/// difference there: a field of a neuron's input or result in this window, or a field of the run's
+/// results after it. None if the ways agree, or if the difference does not repeat.
 ///
-/// It runs either way several times, with a digest a window to find the window and a comparison in
-/// full there; what only shows between windows is found by bisection. `d_min`: ns, of the windows.
+/// It runs both ways several times. Digests of windows find the window, and a full comparison finds
+/// the field. Bisection finds differences that only show between windows. `d_min`: ns, the window
+/// length.
 std::optional<FirstDifference> firstDifference(const RunFactory& left, const RunFactory& right,
                                                ModelTime d_min, ModelTime end);
 

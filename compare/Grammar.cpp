@@ -20,7 +20,7 @@ public:
     }
 
 private:
-    /// Where the item at the head of `grammar` ends.
+    /// The length of the first item of `grammar`.
     static std::size_t itemLength(std::string_view grammar) {
         int depth = 0;
         std::size_t at = 0;
@@ -121,9 +121,9 @@ private:
 
     BlobView bytes_;
     std::size_t at_ = 0;
-    std::size_t end_;            ///< of the blob that is being taken apart
-    std::uint64_t counted_ = 0;  ///< by the last "#"
-    std::uint64_t listed_ = 0;   ///< items of the last list
+    std::size_t end_;            ///< of the blob that is being parsed
+    std::uint64_t counted_ = 0;  ///< the last count "#"
+    std::uint64_t listed_ = 0;   ///< number of items of the last list
 };
 
 }  // namespace

@@ -8,33 +8,33 @@
 
 #include "kelm/core/Blob.h"
 
-// The formats of stored bytes as texts: a second description of them, beside their readers.
+// The formats of stored bytes as texts, independent of their readers.
 
 namespace Lumenar::Core::Kelm::Compare {
 
-/// A piece of stored bytes, as an item of a grammar found it.
+/// The bytes that an item of a grammar matches.
 struct Part {
-    char kind = '(';    ///< that of the item: its first character, or '0' for bytes
-    std::string name;   ///< that of the item, if it has one
-    std::size_t begin;  ///< in the whole, with the count, the length or the flag in front of it
+    char kind = '(';    ///< the item's first character, or '0' for bytes
+    std::string name;   ///< the item's name, or empty
+    std::size_t begin;  ///< offset in all bytes; the part includes its count, length or flag
     std::size_t end;    ///< exclusive
-    Blob bytes;         ///< of an item that has no items inside
+    Blob bytes;         ///< for an item without inner items
     std::vector<Part> parts;
 };
 
-/// Takes `bytes` apart, all of them. None where they do not fit the grammar.
+/// Parses all of `bytes`. None if they do not match the grammar.
 ///
 /// A grammar is a list of items. An item is
 ///     12      a number of bytes
-///     =12     the same, where nothing can be read if they change
-///     #8      a count, of which the same is true
-///     ~item   an item that comes as often as the last count said
-///     *item   an item behind a count of 64 bits, as often as that says; "+", behind one of 32
-///     ?item   an item that is there where a byte in front of it is 1
-///     &item   an item that is there where the list before it was not empty
+///     =12     the same, for bytes that a mutation must not change
+///     #8      a count, which a mutation must not change either
+///     ~item   the item, repeated as often as the last count "#" says
+///     *item   a 64-bit count, then the item, repeated as often; "+" for a 32-bit count
+///     ?item   a byte, then the item if the byte is 1
+///     &item   the item, if the last list was not empty
 ///     (list)  items
-///     {list}  items in a blob behind its length of 64 bits; an empty one has none
-/// and has a name and a colon in front if somebody asks for it.
+///     {list}  a 64-bit length, then items in that many bytes; no items if the length is 0
+/// and may have a name and a colon in front.
 std::optional<Part> parsed(BlobView bytes, std::string_view grammar);
 
 extern const std::string random_grammar;

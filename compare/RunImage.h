@@ -14,11 +14,11 @@ class KelmRuntime;
 
 namespace Lumenar::Core::Kelm::Compare {
 
-/// All that a run has left behind so far.
+/// The results of a run so far.
 struct RunImage {
     std::vector<Kernel::State> states;
-    std::vector<std::uint64_t> random_states;  ///< raw, of each neuron's stream
-    std::vector<CandidateSlot> candidates;     ///< empty where a run does not show them
+    std::vector<std::uint64_t> random_states;  ///< the raw state of each neuron's stream
+    std::vector<CandidateSlot> candidates;     ///< empty if the run does not show them
     std::vector<SpikeRecord> log;              ///< in canonical order
     WindowProfile profile;
 };
@@ -26,13 +26,13 @@ struct RunImage {
 RunImage imageOf(WindowEngine& engine);
 RunImage imageOf(KelmRuntime& runtime);
 
-/// The first difference of two runs: in states, random states, candidates, spikes, profiles. None
-/// where they are equal to the bit.
+/// The first difference of two runs in states, random states, candidates, spikes or profiles. None
+/// if all bits are equal.
 std::optional<Difference> differenceOf(const RunImage& a, const RunImage& b);
-/// The same as a text; empty where they are equal.
+/// The same as a text; empty if all bits are equal.
 std::string firstDifference(const RunImage& a, const RunImage& b);
 
-/// The text of what a run until `until` ns throws, or none.
+/// The text of the exception that a run to `until` ns throws; empty if there is none.
 std::string failureOf(WindowEngine& engine, IWindowBackend& backend, ModelTime until);
 
 }  // namespace Lumenar::Core::Kelm::Compare
