@@ -14,8 +14,8 @@
 #include "tests/support/GeneratedModel.h"
 #include "tests/support/SameBits.h"
 
-// That looking changes nothing is shown by composed runs, watched and unwatched; that a restored
-// run shows what is left, and nothing twice, by their cuts.
+// Other tests cover two facts: composed runs with and without a recorder are equal, and a restored
+// run delivers the remaining observations once.
 
 namespace Lumenar::Core::Kelm {
 
@@ -23,7 +23,7 @@ namespace {
 
 using namespace Testing;
 
-/// Keeps everything that it is shown.
+/// Keeps every observation.
 class KeepingObserver : public IWindowObserver {
 public:
     struct Sight {
@@ -102,8 +102,8 @@ TEST_F(ObservationTest, ComesInOrderOfTimeAndThenOfDeclaration) {
 TEST_F(ObservationTest, WaitsForTheRunAndForAnObserver) {
     declare({14, 20, 25, 30});
     engine.run(cpu, 10);
-    declare({60});  // none has been delivered
-    // The window of 10 to 20 is taken whole, from 11 on.
+    declare({60});  // still allowed: none has been delivered
+    // A run past 10 runs the window from 10 to 20 to its end.
     using Seen = std::pair<ModelTime, std::size_t>;
     for (const auto& [until, count] : {Seen{10, 0}, {11, 1}, {20, 1}, {25, 2}, {30, 3}, {31, 4}}) {
         SCOPED_TRACE("until " + std::to_string(until));
@@ -115,14 +115,14 @@ TEST_F(ObservationTest, WaitsForTheRunAndForAnObserver) {
     engine.setHooks(nullptr, nullptr, nullptr);
     engine.run(cpu);
     EXPECT_EQ(observer.sights.size(), 4);
-    // One that comes to late is shown what the last commit left.
+    // A late observation sees the state of the last commit.
     engine.setHooks(nullptr, nullptr, &observer);
     engine.run(cpu);
     ASSERT_EQ(observer.sights.size(), 5);
     EXPECT_EQ(observer.sights[4].states[0].membrane, 3.0);
 }
 
-TEST_F(ObservationTest, MayTakeTheHooksAwayInTheMiddleOfARun) {
+TEST_F(ObservationTest, MayRemoveTheHooksDuringARun) {
     ConstantDrive driving;
     engine.setHooks(&driving, nullptr, &observer);
     observer.leaves_after_first = &engine;
@@ -134,7 +134,7 @@ TEST_F(ObservationTest, MayTakeTheHooksAwayInTheMiddleOfARun) {
     });
     engine.run(backend);
     EXPECT_EQ(observer.sights.size(), 1);
-    // Nothing of the hook's stays in the items.
+    // The hook's drive is gone from the items.
     EXPECT_EQ(drives, (std::vector<double>{0.25, 0.0}));
 }
 
@@ -154,11 +154,11 @@ TEST_F(ObservationTest, CannotBeDeclaredWhileARunIsOn) {
 }
 
 TEST_F(ObservationTest, EndsTheRunWhereItsRepetitionBreaksABound) {
-    // A backend that lies: it leaves a candidate of far too low a bound pending.
+    // The backend returns a candidate whose bound is far too low.
     WindowEngine hot(SynapseGraph(1, 10, {}), Kernel::Neuron(), Kernel::Firing{.base_rate = 1e8}, 1,
                      100);
     hot.setHooks(nullptr, nullptr, &observer);
-    ScriptedBackend liar([](const WindowWork& item, const Kernel::WindowEvent*, ModelTime end) {
+    ScriptedBackend faulty([](const WindowWork& item, const Kernel::WindowEvent*, ModelTime end) {
         Kernel::WindowResult result = quietResult(item);
         result.next_candidate = end + 5;
         result.next_bound = 1e-3;
@@ -166,21 +166,21 @@ TEST_F(ObservationTest, EndsTheRunWhereItsRepetitionBreaksABound) {
     });
     hot.post({});
     hot.declareObserverEvent(observationAt(17));
-    expectThrows<WindowEngineError>([&] { hot.run(liar); },
+    expectThrows<WindowEngineError>([&] { hot.run(faulty); },
                                     "observer shadow run violated neuron bounds");
     EXPECT_TRUE(observer.sights.empty());
     EXPECT_EQ(hot.candidates()[0].time, 25);  // the window is committed
 }
 
-// Windows may be any size up to the smallest delay, and only the order of ids depends on it. With
-// windows of 1 ns an engine can be stopped anywhere, with nothing but the events before that moment
-// behind it: it computes without a shadow what the shadow has to show.
-TEST_F(ObservationTest, ShowsWhatAnEngineShowsThatStopsAtThatMoment) {
+// Windows may have any length up to the smallest delay; only the order of ids depends on it. An
+// engine with windows of 1 ns can stop at any time, after exactly the events before that time. It
+// computes without a shadow run what the shadow run must show.
+TEST_F(ObservationTest, ShowsTheStateOfAnEngineThatStopsAtThatTime) {
     std::uint64_t spikes = 0;
     for (std::uint64_t seed = 1; seed <= 150; ++seed) {
         SCOPED_TRACE("model seed " + std::to_string(seed));
         const GeneratedModel model = generateModel(seed, {12, 20, false, true});
-        // In shorter windows several deliveries meet at one instant, whose order is the ids'.
+        // In shorter windows several deliveries come at one time, in the order of their ids.
         if (model.d_min < 250'000) continue;
         Draws draws(seed);
         ConstantDrive driving;
@@ -202,7 +202,7 @@ TEST_F(ObservationTest, ShowsWhatAnEngineShowsThatStopsAtThatMoment) {
         try {
             watched.run(cpu);
         } catch (const WindowEngineError&) {
-            continue;  // too hot for its windows
+            continue;  // too many spikes for a window
         }
         ASSERT_EQ(seen.sights.size(), 14);
         for (const KeepingObserver::Sight& sight : seen.sights) {
@@ -224,7 +224,7 @@ TEST_F(ObservationTest, ShowsWhatAnEngineShowsThatStopsAtThatMoment) {
     EXPECT_GT(spikes, 1000);
 }
 
-TEST_F(ObservationTest, ReseedGoesOnWithStreamsAndIdsUntilARunHasBegun) {
+TEST_F(ObservationTest, ReseedContinuesStreamsAndIdsUntilARunHasBegun) {
     const GeneratedModel model = generateModel(4, {12, 40, true, false});
     WindowEngine seeded = makeEngine(model);
     std::uint64_t id = 0;
@@ -246,7 +246,7 @@ TEST_F(ObservationTest, ReseedGoesOnWithStreamsAndIdsUntilARunHasBegun) {
     seeded.run(cpu, model.horizon / 2);
     const char* const late = "initial candidates can only be reseeded before run";
     expectThrows<WindowEngineError>(reseed, late);
-    // A log out of a blob tells it as well, and so do windows in which nothing fired.
+    // A restored log also counts as a begun run, and so do windows without spikes.
     const Blob profile = blobOf(seeded.profile());
     Blob blob = seeded.snapshot();
     std::fill_n(std::search(blob.begin(), blob.end(), profile.begin(), profile.end()), 8, 0);

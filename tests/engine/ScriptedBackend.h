@@ -7,7 +7,7 @@
 
 namespace Lumenar::Core::Kelm::Testing {
 
-/// The result of a walk in which nothing happens but these spikes.
+/// The result of a walk with only these spikes.
 inline Kernel::WindowResult quietResult(const WindowWork& item,
                                         std::initializer_list<ModelTime> spikes = {}) {
     Kernel::WindowResult result;
@@ -18,13 +18,13 @@ inline Kernel::WindowResult quietResult(const WindowWork& item,
     return result;
 }
 
-/// A backend whose results a test writes.
+/// A backend whose results a test defines.
 class ScriptedBackend : public IWindowBackend {
 public:
     using Script = std::function<Kernel::WindowResult(
         const WindowWork& item, const Kernel::WindowEvent* events, ModelTime window_end)>;
 
-    /// Without a script nothing happens in any window.
+    /// Without a script every result is quiet.
     explicit ScriptedBackend(Script script = nullptr) : script_(std::move(script)) {}
 
     const char* name() override { return "scripted"; }

@@ -65,7 +65,7 @@ TEST(WindowEngineConstruction, ChecksHorizonThenCountsThenRatesThenSmallestDelay
          {"the graph has no d_min, so no window can be formed", building(1, 1, 1, 1.0)}});
 }
 
-TEST(WindowEngineConstruction, TakesAStoreInPlaceOfDelaysAndANetworkWithoutNeurons) {
+TEST(WindowEngineConstruction, AcceptsAStoreInPlaceOfDMinAndANetworkWithoutNeurons) {
     WindowEngine engine(SynapseGraph(0, std::nullopt, {}), Neurons(), {}, 1, 1,
                         std::make_unique<PlainStore>(10, 16));
     CpuWindowBackend cpu;
@@ -109,11 +109,11 @@ TEST(WindowEngineRun, TakesWindowsWholeAndSkipsEmptyOnes) {
         engine.run(backend, until);
         EXPECT_EQ(backend.windows, windows) << "until " << until;
     }
-    // What lies at the horizon is never run.
+    // An event at the horizon is never run.
     EXPECT_EQ(engine.profile(), (WindowProfile{5, 7, 0, 0, 0}));
 }
 
-TEST(WindowEngineRun, StopsAtTheFirstFlaggedResultAndCommitsNothingWhereTheBackendThrows) {
+TEST(WindowEngineRun, StopsAtTheFirstFlaggedResultAndCommitsNothingIfTheBackendThrows) {
     using Flaw = void (*)(Kernel::WindowResult&);
     const std::pair<Flaw, const char*> cases[] = {
         {[](Kernel::WindowResult& result) { result.bound_violation = true; },
@@ -134,7 +134,7 @@ TEST(WindowEngineRun, StopsAtTheFirstFlaggedResultAndCommitsNothingWhereTheBacke
         const RunImage before = imageOf(engine);
         ScriptedBackend backend(
             [spoil = flaw](const WindowWork& item, const Kernel::WindowEvent*, ModelTime) {
-                // A mark in all that a commit changes.
+                // Change everything that a commit writes.
                 Kernel::WindowResult result = quietResult(item, {7});
                 result.state.membrane = 3.0;
                 result.rng += 0x9e3779b97f4a7c15;
@@ -156,7 +156,7 @@ TEST(WindowEngineRun, StopsAtTheFirstFlaggedResultAndCommitsNothingWhereTheBacke
     }
 }
 
-// A walk from there would take as many draws as the windows in between have held.
+// A walk from there would draw through all windows in between.
 TEST(WindowEngineRun, EndsAtACandidateOfAForgedSnapshotThatLiesBeforeItsWindow) {
     WindowEngine writer = silentEngine(2);
     writer.post(inputAt(35, 1));
@@ -174,7 +174,7 @@ TEST(WindowEngineRun, EndsAtACandidateOfAForgedSnapshotThatLiesBeforeItsWindow) 
     }
 }
 
-TEST(WindowEngineRun, StartsTheStreamsThatAForgedSnapshotHasLeftOut) {
+TEST(WindowEngineRun, StartsTheStreamsThatAForgedSnapshotLacks) {
     const auto make = [] {
         return WindowEngine(SynapseGraph(5, 10'000'000, {}), Kernel::Neuron(), Kernel::Firing(), 1,
                             20'000'000'000);
@@ -202,7 +202,7 @@ TEST(WindowEngineRun, StartsTheStreamsThatAForgedSnapshotHasLeftOut) {
     EXPECT_EQ(firstDifference(runWith({4, 2}), all), "");
 }
 
-TEST(WindowEngineRun, RefusesEventsForNeuronsOutsideTheNetworkHoweverTheyCome) {
+TEST(WindowEngineRun, RefusesEventsForNeuronsOutsideTheNetworkFromCallerAndStore) {
     auto store = std::make_unique<PlainStore>(10, 16);
     store->post(inputAt(1, 2));
     WindowEngine engine(SynapseGraph(2, 10, {}), Kernel::Neuron(), silent_firing, 1, 100,
@@ -303,7 +303,7 @@ std::string text(const Parts&... parts) {
     return line.str();
 }
 
-/// Writes down what the engine asks of it.
+/// Records the engine's calls.
 class TracingStore : public PlainStore {
 public:
     explicit TracingStore(Trace& trace) : PlainStore(10, 16), trace_(trace) {}
@@ -325,8 +325,8 @@ private:
     Trace& trace_;
 };
 
-/// Writes down every call and what the engine shows at that moment: the mark that the scripted
-/// backend leaves on the membrane of neuron 0, and the spikes so far.
+/// Records every call and the engine's state at that time: the mark that the scripted backend
+/// leaves on the membrane of neuron 0, and the number of spikes so far.
 class TracingHooks : public IWindowPrepare, public IWindowCommit, public IWindowObserver {
 public:
     TracingHooks(Trace& trace, WindowEngine& engine) : trace_(trace), engine_(engine) {}
@@ -341,7 +341,7 @@ public:
     void commit(ModelTime start, ModelTime end, std::span<const SpikeRecord> spikes,
                 SynapseGraph& graph) override {
         EXPECT_EQ(&graph, &engine_.graph());
-        // The look at the log sorts it, which must not change the spikes that are handed over.
+        // Reading the log sorts it, which must not change the spikes that the hook gets.
         trace_.push_back(text("commit ", start, " to ", end, state()));
         for (const SpikeRecord& spike : spikes) {
             trace_.back() += text(' ', spike.neuron, '@', spike.time);
@@ -365,7 +365,7 @@ private:
     WindowEngine& engine_;
 };
 
-/// In the first window neuron 0 fires once and neuron 2 twice, and both are given a candidate.
+/// In the first window neuron 0 fires once and neuron 2 twice, and both get a candidate.
 Kernel::WindowResult play(const WindowWork& item, ModelTime window_end) {
     Kernel::WindowResult result = quietResult(item);
     if (window_end == 10) {
@@ -404,7 +404,7 @@ TEST(WindowHooks, AreCalledAtTheirPlacesInTheOrderOfAWindow) {
         "prepare 0 to 10: 2 items; mark 0, 0 spikes",
         "compute 0: 2@3 3@3",
         "compute 2: 1@5",
-        // By neuron, then by time of the spike, then by synapse; the candidate comes last.
+        // Posts by neuron, then spike time, then synapse; the candidate last.
         "post 3: delivery 0->1 at 18",
         "post 4: delivery 0->2 at 23",
         "post 5: candidate 0->0 at 12",

@@ -15,7 +15,7 @@ namespace {
 
 using namespace Testing;
 
-// Both sides of each border at which windows are sorted in another way.
+// Sizes on both sides of each limit at which the sort method changes.
 TEST(WindowEvents, ComeByTargetTimeAndIdInNetworksAndWindowsOfAnySize) {
     for (const std::uint64_t node_count :
          {1UL, 3UL, 1024UL, 1025UL, 1UL << 20, (1UL << 20) + 1, 1UL << 40, (1UL << 40) + 1}) {

@@ -1,5 +1,5 @@
-// A calendar written as plainly as it can be runs beside the store through random histories, and
-// the two must show the same after every step.
+// Runs the store and a simple reference calendar through the same random histories. Both must agree
+// after every step.
 
 #include <gtest/gtest.h>
 
@@ -19,13 +19,13 @@
 namespace Lumenar::Core::Kelm {
 namespace {
 
-/// Nothing but the pending events by their ids, all of which it goes through at each question.
+/// Keeps the pending events by id and searches all of them in each call.
 class PlainCalendar {
 public:
     PlainCalendar(ModelTime d_min, std::uint64_t bucket_count)
         : d_min_(d_min), bucket_count_(bucket_count) {}
 
-    /// Without an id where the event's window is gone.
+    /// None if the event's window is already processed.
     std::optional<std::uint64_t> post(Event event) {
         if (started_ && event.time / d_min_ < cursor_) return {};
         event.id = next_id_++;
@@ -65,7 +65,7 @@ public:
         for (const Event& event : liveEvents()) appendImage(bytes, event);
         return bytes;
     }
-    /// What restoring it does: the posts beyond the reach are counted anew.
+    /// Recounts the events beyond the ring, as a restore does.
     void recount() {
         overflow_posts_ = 0;
         for (const Event& event : liveEvents()) overflow_posts_ += isBeyondReach(event);
@@ -97,13 +97,13 @@ private:
     std::uint64_t overflow_posts_ = 0;
 };
 
-/// One random history of both calendars. A step returns what it did, for the message of a failure.
+/// One random history of both calendars. A step returns its description for failure messages.
 class Histories {
 public:
     explicit Histories(std::uint64_t seed)
         : draws_(seed),
           d_min_(draws_.oneOf<ModelTime>({1, 2, 10, 1000})),
-          // Mostly the smallest rings, and some whose marks fill one word or just spill over.
+          // Mostly the smallest rings, and some whose bucket bits fill one word or slightly more.
           bucket_count_(below(8) != 0 ? 4 + below(5)
                                       : draws_.oneOf<std::uint64_t>({63, 64, 65, 130})),
           store_(d_min_, bucket_count_),
@@ -119,7 +119,7 @@ public:
         return die < 250 ? take() : post();
     }
 
-    /// Where the two differ, or an empty text.
+    /// What differs, or an empty text.
     std::string difference() {
         if (store_.isEmpty() != plain_.isEmpty()) return "isEmpty";
         if (store_.overflowPosts() != plain_.overflowPosts()) return "overflowPosts";
@@ -160,7 +160,7 @@ private:
         for (std::uint64_t* const id : {&event.source, &event.target, &event.edge}) {
             *id = draws_.oneIn(8) ? (std::uint64_t{1} << 32) - below(2) : below(1000);
         }
-        // Mostly what a synapse's delivery holds, which the store packs.
+        // Mostly values of a synapse's delivery, which the store packs.
         event.value = draws_.oneIn(4) ? std::bit_cast<double>(draws_.next())
                                       : static_cast<float>(draws_.between(-1.0, 1.0));
         event.cause = draws_.oneIn(4) ? draws_.next() : 0;
@@ -192,7 +192,7 @@ private:
         cancel(id);
         return "cancel " + std::to_string(id);
     }
-    /// Leaves a bucket with nothing but dead entries.
+    /// Leaves a bucket with cancelled entries only.
     std::string cancelBucket() {
         const std::vector<Event> events = plain_.liveEvents();
         if (events.empty()) return "nothing to cancel";
@@ -207,7 +207,7 @@ private:
         for (const Event& event : plain_.liveEvents()) cancel(event.id);
         return "cancel all";
     }
-    /// So many dead entries that they are swept out.
+    /// Makes so many cancelled entries that the store sweeps them out.
     std::string churn() {
         for (int i = 0; i < 1500; ++i) {
             post();
@@ -234,7 +234,7 @@ private:
         return "take until " + std::to_string(until);
     }
 
-    /// Back to an earlier moment, or to this one in a new store.
+    /// Restores an earlier state, or the current one, sometimes into a new store.
     std::string restore() {
         const bool back = below(3) == 0 && remembered_;
         if (back) plain_ = *remembered_;

@@ -16,12 +16,12 @@ using Testing::expectRefusals;
 using Testing::expectThrows;
 using Testing::withValueAt;
 
-/// One window, or what a refused take left behind.
+/// One window, or the arguments as a failed take left them.
 struct Window {
     bool given = false;
     ModelTime start = -7;
     ModelTime end = -7;
-    std::vector<Event> events = {{.time = -7}};  ///< old contents must vanish
+    std::vector<Event> events = {{.time = -7}};  ///< take must replace old contents
 };
 
 Window take(BucketEventStore& store, ModelTime until = last_model_time) {
@@ -81,7 +81,7 @@ TEST(BucketEventStore, RefusesEventsForWindowsThatAreGoneAndTimesBeforeEveryRun)
     BucketEventStore store(10, 4);
     // With wide buckets -1 would round into the bucket of 0.
     BucketEventStore fresh(1000, 4);
-    // Behind the last instant of its second bucket the numbers go on with the first of all.
+    // last_model_time lies in its second bucket; the next integer wraps around to first_model_time.
     BucketEventStore wide(last_model_time - 1, 4);
     wide.post({.time = last_model_time});
     store.post({.time = 27});
@@ -100,7 +100,7 @@ TEST(BucketEventStore, RefusesEventsForWindowsThatAreGoneAndTimesBeforeEveryRun)
 }
 
 TEST(BucketEventStore, KeepsAWindowWhoseEndIsBeyondTime) {
-    // The last whole window of 10 ns ends at 9223372036854775800, the last but seven ns of all.
+    // The last whole window of 10 ns ends at 9223372036854775800, 7 ns before the last model time.
     BucketEventStore store(10, 4);
     store.post({.time = last_model_time - 8});
     store.post({.time = last_model_time});
@@ -117,7 +117,7 @@ TEST(BucketEventStore, KeepsAWindowWhoseEndIsBeyondTime) {
     EXPECT_TRUE(store.cancel(2));
     EXPECT_FALSE(take(store).given);
 
-    // Buckets of 1 ns: no limit lies behind the last of them.
+    // Buckets of 1 ns: no limit lies past the last one.
     BucketEventStore narrow(1, 4);
     narrow.post({.time = last_model_time});
     EXPECT_FALSE(take(narrow, 1).given);
@@ -146,8 +146,8 @@ TEST(BucketEventStore, RefusesTruncatedAndForgedSnapshotsAndStaysAsItWas) {
         {"another width", withValueAt(blob, 8, 11L)},
         {"another ring", withValueAt(blob, 16, 8L)},
         {"a negative cursor", withValueAt(blob, 24, -1L)},
-        {"a cursor behind all time", withValueAt(idle, 24, last_model_time / 10 + 2)},
-        {"a cursor behind an event", withValueAt(blob, 24, 4L)},
+        {"a cursor past the last model time", withValueAt(idle, 24, last_model_time / 10 + 2)},
+        {"a cursor past an event", withValueAt(blob, 24, 4L)},
         {"a flag of 2", withValueAt(blob, 32, '\2')},
         {"a cursor that moved before the start", withValueAt(blob, 32, false)},
         {"an absurd next_id", withValueAt(blob, 33, (1L << 62) + 1)},
@@ -155,7 +155,7 @@ TEST(BucketEventStore, RefusesTruncatedAndForgedSnapshotsAndStaysAsItWas) {
         {"one event too many", withValueAt(blob, 41, 3L)},
         {"a count that wraps around", withValueAt(blob, 41, (1L << 58) + 2)},
         {"a time before every run", withValueAt(asleep.snapshot(), 49, -1L)},
-        {"an event behind the cursor", withValueAt(blob, 49 + 64, 19L)},
+        {"an event before the cursor", withValueAt(blob, 49 + 64, 19L)},
         {"an id never issued", withValueAt(blob, 49 + 72, 5L)},
         {"an id twice", withValueAt(blob, 49 + 72, 1L)},
     };
@@ -180,7 +180,7 @@ TEST(BucketEventStore, RefusesTruncatedAndForgedSnapshotsAndStaysAsItWas) {
     EXPECT_EQ(store.post({.time = 20}), 2U);
     EXPECT_EQ(idsOf(take(store).events), Ids{2});
 
-    // Neither gaps nor what lies behind the last event is looked at, and next_id may be as large.
+    // Restore ignores gaps and bytes after the last event, and next_id may be 2^62.
     Blob sound = withValueAt(withValueAt(blob, 33, 1L << 62), 49 + 17, '\1');
     sound.push_back(0xff);
     ASSERT_TRUE(store.restore(sound));

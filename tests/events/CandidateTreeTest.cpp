@@ -15,7 +15,7 @@ namespace {
 
 using namespace Testing;
 
-TEST(CandidateTree, HoldsItsBoundsAtTheBordersOfItsLevelsAndWhereTakingFails) {
+TEST(CandidateTree, KeepsItsBoundsAtTheBordersOfItsLevelsAndAfterAFailedTake) {
     for (const std::uint64_t neurons : {0U, 1U, 16U, 17U, 256U, 257U, 4097U}) {
         SCOPED_TRACE(neurons);
         Draws draws(neurons);
@@ -24,7 +24,7 @@ TEST(CandidateTree, HoldsItsBoundsAtTheBordersOfItsLevelsAndWhereTakingFails) {
         std::map<NodeId, ModelTime> expected;
         for (ModelTime now = 0; now < 3000; now += 10) {
             for (std::uint64_t i = 0; neurons != 0 && i < neurons / 20 + 1; ++i) {
-                // The borders of blocks as often as all others.
+                // Half of the draws are borders of blocks.
                 const NodeId n = draws.oneIn(2) ? draws.below(neurons)
                                                 : draws.below(neurons / 16 + 1) * 16 % neurons;
                 if (draws.oneIn(5)) {

@@ -21,9 +21,9 @@ TEST(PendingIds, AgreeWithASetOverRandomIds) {
         PendingIds ids;
         std::set<std::uint64_t> expected;
         for (int step = 0; step < 4000; ++step) {
-            // From dense neighbours to ids on pages of their own, which wrap in the table.
+            // From dense ids to ids on separate pages, which wrap around in the table.
             const std::uint64_t id = draws.below(1500) << (seed % 14);
-            // Growing and shrinking by turns, down to nothing.
+            // Grows and shrinks alternately, down to the empty set.
             const bool grows = draws.chance(step / 500 % 2 == 0 ? 70 : 10);
             if (grows && expected.insert(id).second) add(ids, id);
             const bool gone = !grows && expected.erase(id) == 1;

@@ -1,6 +1,5 @@
-// What is left of an object when memory runs out in one of its operations, at any allocation of it:
-// nothing that leaks, nothing that cannot be destroyed, and the object as it was wherever that is
-// promised.
+// Fails every allocation of an operation, one at a time. Nothing may leak, every object must be
+// destructible, and the object must be as it was where this is promised.
 
 #include <gtest/gtest.h>
 
@@ -35,8 +34,8 @@ namespace {
 using namespace Compare;
 using namespace Testing;
 
-/// Whether `act` ran out of memory at its allocation `n`, from 0. Fails the test where anything
-/// else than std::bad_alloc comes of it.
+/// Whether `act` failed at its allocation `n`, counted from 0. Fails the test for any exception
+/// other than std::bad_alloc.
 template <class Act>
 bool runsOut(std::uint64_t n, Act act) {
     std::string other;
@@ -59,8 +58,8 @@ bool runsOut(std::uint64_t n, Act act) {
 /// Allocations failed so far, for the report.
 int failures = 0;
 
-/// Calls `act` on what `arrange` makes, anew each time, and lets its first allocation fail, its
-/// second, and so on until it needs no more. `expectLeft` looks at what a failure has left.
+/// Calls `act` on a new subject from `arrange` each time. The first allocation fails, then the
+/// second, and so on until `act` succeeds. `expectLeft` checks the subject after each failure.
 template <class Arrange, class Act, class ExpectLeft>
 void failEach(const char* what, Arrange arrange, Act act, ExpectLeft expectLeft) {
     SCOPED_TRACE(what);
@@ -80,14 +79,14 @@ void failEach(const char* what, Arrange arrange, Act act, ExpectLeft expectLeft)
     }
 }
 
-/// failEach for an operation after whose failure an object may only be destroyed.
+/// failEach for an operation after whose failure the object can only be destroyed.
 template <class Arrange, class Act>
 void expectClean(const char* what, Arrange arrange, Act act) {
     failEach(what, arrange, act, [](auto&) {});
 }
 
-/// failEach for an operation that fails with nothing changed: the object's image is then what it
-/// was, and the operation called again does what it would have done.
+/// failEach for an operation that changes nothing when it fails: the object's image stays the same,
+/// and a second call of the operation succeeds.
 template <class Arrange, class Act, class Image>
 void expectUnchanged(const char* what, Arrange arrange, Act act, Image image) {
     auto subject = arrange();
@@ -134,7 +133,7 @@ TEST_F(AllocationFault, LeavesAGraphAsItWas) {
         "restore", arrange, [&](SynapseGraph& graph) { EXPECT_TRUE(graph.restore(stored)); },
         image);
 
-    // Both directions, and the lists as such.
+    // The routes in both directions, and the lists themselves.
     const auto routes = [](SynapseGraph& graph) {
         Blob blob = graph.snapshot();
         for (NodeId n = 0; n < graph.nodeCount(); ++n) {
@@ -153,7 +152,8 @@ TEST_F(AllocationFault, LeavesAGraphAsItWas) {
 TEST_F(AllocationFault, LeavesAnEngineAsItWas) {
     const GeneratedModel model = smallModel(5);
     ASSERT_FALSE(model.inputs.empty());
-    // Half of the way, with observations ahead. `own_store`: else one that was handed in.
+    // At half of the horizon, with observations ahead. `own_store`: else the caller gives the
+    // store.
     const auto arrange = [&](bool own_store) {
         std::unique_ptr<IEventStore> store;
         if (!own_store) store = std::make_unique<BucketEventStore>(model.d_min, 8);
@@ -233,7 +233,7 @@ TEST_F(AllocationFault, LeavesAnEngineAsItWasInAWholeRunOnTheDevice) {
     EXPECT_EQ(Emulation::liveAllocations(), 0);
 }
 
-/// Performs the steps of a model up to `end`, whatever they refuse, but for want of memory.
+/// Performs the steps of a model up to `end`. Ignores refusals, but passes on std::bad_alloc.
 void perform(const ComposedModel& model, std::size_t end, KelmRuntime& runtime) {
     for (std::size_t i = 0; i < end; ++i) {
         const ComposedModel::Step& step = model.steps[i];
@@ -246,7 +246,7 @@ void perform(const ComposedModel& model, std::size_t end, KelmRuntime& runtime) 
         } catch (const std::bad_alloc&) {
             throw;
         } catch (const std::exception&) {
-            // A refusal, or the end of a model that outgrows its bounds.
+            // A refusal, or a run that ends with an error of the model.
             if (step.until) return;
         }
     }
@@ -277,7 +277,7 @@ TEST_F(AllocationFault, LeavesARuntimeAsItWas) {
         runtime->run(horizon / 2);
         return runtime;
     };
-    // What no checkpoint holds, too: groups in force, who belongs to which rhythm.
+    // Includes what no checkpoint holds: active groups and memberships of oscillators.
     const auto image = [&](KelmRuntime& runtime) {
         Blob blob = runtime.checkpoint();
         for (NodeId n = 0; n < model.network.node_count; ++n) {
@@ -332,7 +332,7 @@ TEST_F(AllocationFault, LeavesARuntimeAsItWas) {
     for (const auto& operation : operations) {
         expectUnchanged(operation.what, arrange, operation.act, image);
     }
-    // The cause of an observation is noted before its sample is taken.
+    // The recorder keeps the cause of an observation even if the sample then fails.
     expectClean("sample", arrange, [&](KelmRuntime& r) {
         const std::vector<double> values(model.network.node_count, 0.25);
         SampleContext context;
@@ -357,7 +357,7 @@ TEST_F(AllocationFault, LeavesABankOfAnySizeAsItWas) {
         for (NodeId n = 0; n < 3; ++n) appendF64(blob, bank.errorBound(n));
         return blob;
     };
-    // Of different sizes, so that each list is once without room for one more.
+    // Different sizes, so that each list is full once.
     for (int size = 0; size < 5; ++size) {
         expectUnchanged(
             "error channel",
@@ -378,7 +378,7 @@ std::uint64_t pendingEvents(KelmRuntime& runtime) {
     return numberAt(layout.bytes(), layout.begin("store") + 8 + 41);
 }
 
-// The events of targets before the one that failed are told to stay.
+// Events posted before the failure stay.
 TEST_F(AllocationFault, LeavesAnInjectionOrAPerturbationPostedUpToATargetAndCanRepeatIt) {
     const ComposedModel model = smallComposedModel(4);
     const std::uint64_t none = pendingEvents(*model.build(cpu_));
@@ -409,7 +409,7 @@ TEST_F(AllocationFault, LeavesAnInjectionOrAPerturbationPostedUpToATargetAndCanR
             EXPECT_EQ(stats.injections, counted + 1);
             EXPECT_EQ(pendingEvents(*subject.runtime), none + posted + targets.size());
         });
-    // Enough for a store to ask for memory between two of them.
+    // Enough events for the store to allocate between two of them.
     const Perturbation many{7, 1, PerturbationKind::activation, 0.5, std::vector<NodeId>(100, 1)};
     std::uint64_t most = 0;
     failEach(

@@ -10,14 +10,14 @@
 
 namespace {
 
-// Allocations from here on to the one that fails; below 0 once it has, or where none is to.
+// Allocations before the one that fails; negative after it, or if none is to fail.
 std::atomic<std::int64_t> allocations_left = -1;
 std::atomic<bool> armed = false;
 std::atomic<std::uint64_t> allocation_count = 0;
 std::atomic<std::int64_t> live_blocks = 0;
 std::atomic<std::int64_t> live_bytes = 0;
 
-// Null for the allocation that is to fail, and where there is no memory.
+// Null for the allocation that is to fail, and if there is no memory.
 void* allocate(std::size_t bytes, std::size_t alignment) noexcept {
     if (armed && allocations_left-- == 0) return nullptr;
     void* block =
@@ -47,7 +47,7 @@ std::size_t unit(std::align_val_t alignment) { return static_cast<std::size_t>(a
 
 }  // namespace
 
-// Out of line, where the compiler does not hold one form of them against another.
+// Not inlined: the compiler would warn about mismatched forms of new and delete.
 #define KELM_REPLACED [[gnu::noinline]]
 
 KELM_REPLACED void* operator new(std::size_t n) { return allocateOrThrow(n, 1); }

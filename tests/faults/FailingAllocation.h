@@ -2,23 +2,23 @@
 
 #include <cstdint>
 
-// A program that links FailingAllocation.cpp has all forms of its operators new and delete
-// replaced: they count, and one allocation can be made to fail. Counting takes any number of
-// threads; setting a failure is for one at a time.
+// FailingAllocation.cpp replaces all forms of operator new and delete of the program that links it.
+// They count allocations, and a test can make one allocation fail. Counting is thread-safe; only
+// one thread at a time may set a failure.
 
 namespace Lumenar::Core::Kelm::Testing {
 
-/// Lets an allocation fail with std::bad_alloc: the next one for n = 0, else the one n allocations
-/// later. An earlier setting no longer holds.
+/// Makes one allocation fail with std::bad_alloc: the next one for n = 0, else the one after n more
+/// allocations. Replaces an earlier setting.
 void failAllocation(std::uint64_t n);
 
-/// No allocation fails any longer. True where the one that was to fail has come and failed.
+/// Cancels the setting. True if the allocation that was to fail has failed.
 bool failNoAllocation();
 
 /// Blocks allocated since the program started.
 std::uint64_t allocationCount();
 
-/// Blocks allocated and not released, and how many bytes they hold.
+/// Blocks that are allocated now, and their bytes.
 std::int64_t liveBlocks();
 std::int64_t liveBytes();
 

@@ -1,4 +1,4 @@
-// What memory a run and its store take and keep, and that none of it is lost where memory runs out.
+// The memory that a run and its store allocate and keep, also after a failed allocation.
 
 #include <gtest/gtest.h>
 
@@ -20,16 +20,16 @@ namespace {
 
 using namespace Testing;
 
-/// With one a run also makes the copy of a window's spikes.
+/// With a commit hook a run also copies each window's spikes.
 struct IdleHook : IWindowCommit {
     void commit(ModelTime, ModelTime, std::span<const SpikeRecord>, SynapseGraph&) override {}
 };
 
-TEST(MemoryUse, ARunTakesNoneWindowByWindow) {
+TEST(MemoryUse, ARunAllocatesNothingPerWindow) {
     constexpr ModelTime d_min = 1'000'000;
     GeneratedModel model = ringModel(40, 4, d_min, 60'000);
     for (Synapse& synapse : model.synapses) {
-        // Some spikes travel further than a calendar's ring reaches.
+        // Some delays are longer than a calendar's ring.
         const NodeId step = (synapse.target + 40 - synapse.source) % 40;
         synapse.delay = step == 4 ? 4500 * d_min : static_cast<ModelTime>(step) * d_min;
     }
@@ -46,15 +46,15 @@ TEST(MemoryUse, ARunTakesNoneWindowByWindow) {
     const std::uint64_t spikes = engine.profile().accepted - warm.accepted;
     EXPECT_GT(engine.profile().windows - warm.windows, 30'000U);
     EXPECT_GT(spikes, 20'000U);
-    // The log doubles now and then, and a run's working storage finds its size once; anything that
-    // allocated by window, neuron or event would be seen tens of thousands of times.
+    // The log grows by doubling, and a run's working storage reaches its size once. Allocations per
+    // window, neuron or event would come tens of thousands of times.
     EXPECT_LT(allocationCount() - allocations, 100U);
     const auto log_bytes =
         static_cast<std::int64_t>(2 * engine.profile().accepted * sizeof(SpikeRecord));
     EXPECT_LT(liveBytes() - bytes, log_bytes + 100'000);
 }
 
-TEST(MemoryUse, AStoreKeepsNoneForFarEventsThatWereCancelled) {
+TEST(MemoryUse, AStoreKeepsNoMemoryForCancelledFarEvents) {
     BucketEventStore store(100, 64);
     std::int64_t most[2] = {};
     for (int i = 0; i < 100'000; ++i) {
@@ -87,7 +87,7 @@ TEST(MemoryUse, AStoreKeepsNoneForEventsThatItHasHandedOut) {
     ModelTime end = 0;
     std::int64_t most[2] = {};
     for (int i = 0; i < 100'000; ++i) {
-        // By turns such as are packed and such as are not.
+        // Alternately packed and unpacked events.
         store.post(
             {.time = end + i % 300, .kind = i % 2 == 0 ? EventKind::delivery : EventKind::input});
         if (i % 3 == 0) store.take(last_model_time, window, start, end);
@@ -98,8 +98,8 @@ TEST(MemoryUse, AStoreKeepsNoneForEventsThatItHasHandedOut) {
 }
 
 TEST(MemoryUse, AStoreLosesNothingWhenMemoryRunsOut) {
-    // Every call of a history is tried again when it failed; what comes out must not depend on
-    // which allocation it was. The answer is that of the history in which none fails.
+    // A call that fails is repeated. The results must equal those of the history without a failure,
+    // whichever allocation fails.
     const auto history = [](std::optional<std::uint64_t> failing, bool& failed) {
         std::vector<std::uint64_t> seen;
         seen.reserve(10'000);
@@ -124,7 +124,7 @@ TEST(MemoryUse, AStoreLosesNothingWhenMemoryRunsOut) {
                 for (const Event& event : events) seen.push_back(event.id);
             }
         };
-        // Far events lie close together while they wait and need more room when they come near.
+        // Far events are stored densely and need more room once they come near.
         again([&] { return store.post({.time = 0}); });
         for (const ModelTime era : {3, 4, 9}) {
             for (int i = 0; i < 30; ++i) {
@@ -133,7 +133,8 @@ TEST(MemoryUse, AStoreLosesNothingWhenMemoryRunsOut) {
         }
         takeAll(5 * 320);
         for (int i = 0; i < 1400; ++i) {
-            // Ids spread over pages, times over the ring and beyond; the dead are swept once.
+            // Ids over several pages, times in the ring and beyond, and one sweep of cancelled
+            // entries.
             const ModelTime time = 5 * 320 + i * 37 % 2000;
             const std::uint64_t id = again([&] { return store.post({.time = time}); });
             seen.push_back(id);
@@ -166,7 +167,7 @@ TEST(MemoryUse, AStoreLosesNothingWhenMemoryRunsOut) {
         ASSERT_EQ(history(failing, failed), expected) << "allocation " << failing;
         ++failing;
     } while (failed);
-    EXPECT_GT(failing, 50U) << "too few allocations to have met every kind";
+    EXPECT_GT(failing, 50U) << "too few allocations to cover every kind";
 }
 
 }  // namespace

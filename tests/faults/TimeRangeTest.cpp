@@ -1,6 +1,6 @@
-// Times, periods and horizons up to the ends of their range: what lies beyond the range is reported
-// or never comes, and no sum on the way there is undefined, which a build under
-// UndefinedBehaviorSanitizer sees to. Engines whose every time lies there are the soak's.
+// Times, periods and horizons up to the limits of their range. A time past the range is reported or
+// never occurs, and no sum overflows; a build under UndefinedBehaviorSanitizer checks this. The
+// soak runs engines with all times near the limits.
 
 #include <gtest/gtest.h>
 
@@ -31,7 +31,7 @@ namespace {
 using namespace Compare;
 using namespace Testing;
 
-// What a time would be if its range had no ends.
+// A time without limits.
 __extension__ using Wide = __int128;
 
 constexpr const char* overflow = "KELM model time overflow";
@@ -40,7 +40,7 @@ constexpr const char* processed =
 
 constexpr ModelTime last = last_model_time;
 constexpr ModelTime first = first_model_time;
-/// Rates that give a handful of spikes up to `horizon`, however far it is.
+/// A rate that gives a few spikes up to `horizon`.
 double fewSpikes(ModelTime horizon) { return 2e9 * 5.0 / static_cast<double>(horizon); }
 
 class TimeRange : public EmulatedDeviceTest {
@@ -54,7 +54,7 @@ protected:
     CpuWindowBackend cpu_;
 };
 
-TEST_F(TimeRange, HandsOutEachWindowThatEndsInItAndReportsTheOneThatDoesNot) {
+TEST_F(TimeRange, RunsEachWindowThatEndsInsideItAndReportsOneThatDoesNot) {
     for (const ModelTime d_min : durations) {
         for (const ModelTime time : moments) {
             for (const ModelTime until : moments) {
@@ -82,7 +82,7 @@ TEST_F(TimeRange, HandsOutEachWindowThatEndsInItAndReportsTheOneThatDoesNot) {
     }
 }
 
-TEST_F(TimeRange, HoldsNothingUndefinedForAnyPartOfARuntime) {
+TEST_F(TimeRange, LeavesNothingUndefinedInAnyPartOfARuntime) {
     std::uint64_t samples = 0;
     std::uint64_t steps = 0;
     for (std::uint64_t seed = 1; seed <= 300; ++seed) {
@@ -91,7 +91,7 @@ TEST_F(TimeRange, HoldsNothingUndefinedForAnyPartOfARuntime) {
         const auto duration = [&] { return durations[draws.below(std::size(durations))]; };
         const ModelTime horizon = draws.oneIn(2) ? last : 1 + duration() / 2;
         const ModelTime d_min = std::max(duration(), horizon >> 12);
-        // As few steps as windows: each of them costs.
+        // At most as many steps as windows, because each step takes time.
         const auto period = [&] { return std::max(duration(), horizon >> 12); };
         std::vector<Synapse> synapses;
         for (NodeId n = 0; n < 3; ++n) {
@@ -113,7 +113,7 @@ TEST_F(TimeRange, HoldsNothingUndefinedForAnyPartOfARuntime) {
         recorder.sample_kinds = {SampleKind::membrane, SampleKind::refractory_left,
                                  SampleKind::next_candidate, SampleKind::oscillator_phases,
                                  SampleKind::spike_counts};
-        // A window is walked to its end, also behind the horizon.
+        // A walk goes to the end of its window, even past the horizon.
         Kernel::Firing firing = rate(fewSpikes(std::max(horizon, d_min)));
         firing.max_rate = 4.0 * firing.base_rate;
         const auto build = [&] {
@@ -145,7 +145,7 @@ TEST_F(TimeRange, HoldsNothingUndefinedForAnyPartOfARuntime) {
     EXPECT_GT(steps, 1000U);
 }
 
-TEST_F(TimeRange, HoldsNothingUndefinedForWholeRunsAndShardQueues) {
+TEST_F(TimeRange, LeavesNothingUndefinedInWholeRunsAndShardQueues) {
     CudaWindowBackend device;
     for (const ModelTime window : durations) {
         for (const ModelTime horizon : durations) {
@@ -163,7 +163,7 @@ TEST_F(TimeRange, HoldsNothingUndefinedForWholeRunsAndShardQueues) {
             model.horizon = horizon;
             for (Kernel::Firing& firing : model.firings) firing = rate(fewSpikes(horizon));
             const bool in_range = Wide{horizon} + window <= last;
-            // Windows without end are the ordinary loop's.
+            // A whole run visits every window, so runs of very many windows are left out.
             if (horizon / window > 10'000) continue;
             SynapseGraph graph = model.graph();
             const auto recur = [&] {

@@ -1,5 +1,5 @@
-// The soak must find what it looks for: with a fault planted in a backend it has to name the
-// window, the neuron and the field, and to shrink the model.
+// Plants a fault in a backend: the soak must name the window, the neuron and the field, and shrink
+// the model.
 
 #include "fuzz/Soak.h"
 
@@ -24,7 +24,7 @@ namespace {
 using namespace Compare;
 using namespace Testing;
 
-/// The reference, but for one result of one window.
+/// The reference backend, except for one neuron's result in one window.
 class FaultyBackend final : public IWindowBackend {
 public:
     const char* name() override { return "faulty"; }
@@ -49,8 +49,8 @@ private:
     CpuWindowBackend cpu_;
 };
 
-/// Plants `spoil` in the last window but some of a model whose results it alters, for a neuron that
-/// is not the first.
+/// Plants the fault in a late window of the model, for a neuron from 2 on whose result it changes.
+/// False if there is none.
 bool plant(Soak& soak, const SoakModel& model, FaultyBackend& fault) {
     const auto whole = soak.start(model, Soak::reference);
     whole->advance(model.network().horizon);
@@ -90,7 +90,7 @@ TEST(Soak, NamesTheWindowTheNeuronAndTheFieldOfAPlantedFaultAndShrinksTheModel) 
          [](Kernel::WindowResult& result) {
              if (result.spike_count != 0) --result.spike_count;
          }},
-        {"a draw too many", "result.rng",
+        {"one draw too many", "result.rng",
          [](Kernel::WindowResult& result) { result.rng += splitmix_increment; }},
         {"a count", "result.updates", [](Kernel::WindowResult& result) { ++result.updates; }},
     };
@@ -119,8 +119,8 @@ TEST(Soak, NamesTheWindowTheNeuronAndTheFieldOfAPlantedFaultAndShrinksTheModel) 
                 EXPECT_EQ(finding->difference.what.left ^ finding->difference.what.right, 1);
             }
 
-            // Nothing is left but what the fault needs: its neuron and those numbered below, and
-            // whatever makes it do something in that window, such as spikes of others.
+            // The smallest model has only what the fault needs: the neuron and those before it, and
+            // the events that make it active in that window.
             const auto smallest = soak.shrink(model, "faulty");
             ASSERT_TRUE(smallest.has_value());
             const GeneratedModel& network = smallest->model.network();
@@ -136,7 +136,7 @@ TEST(Soak, NamesTheWindowTheNeuronAndTheFieldOfAPlantedFaultAndShrinksTheModel) 
     }
 }
 
-TEST(Soak, TellsOfADifferenceThatDoesNotShowAgain) {
+TEST(Soak, ReportsADifferenceThatDoesNotRepeat) {
     FaultyBackend fault;
     fault.spoil = [](Kernel::WindowResult& result) { ++result.updates; };
     Soak soak;
@@ -156,7 +156,7 @@ TEST(Soak, TellsOfADifferenceThatDoesNotShowAgain) {
     }
 }
 
-TEST(Soak, TellsAKindWhoseModelsIdle) {
+TEST(Soak, NamesAKindWhoseModelsDoNothing) {
     Soak soak;
     CpuWindowBackend sound;
     soak.addBackend("sound", sound);
@@ -168,7 +168,7 @@ TEST(Soak, TellsAKindWhoseModelsIdle) {
     EXPECT_EQ(soak.idleKind(), "plain");
 }
 
-/// A run whose neuron 1 has another state from some moment on, which no window shows.
+/// A run without windows, in which the state of neuron 1 changes at one time.
 struct ScriptedRun final : CarriedRun {
     explicit ScriptedRun(ModelTime change) : change_at(change) {}
 
@@ -184,7 +184,7 @@ struct ScriptedRun final : CarriedRun {
     ModelTime now = -1;
 };
 
-TEST(FirstDifference, FindsByBisectionWhatShowsBetweenWindows) {
+TEST(FirstDifference, FindsADifferenceBetweenWindowsByBisection) {
     constexpr ModelTime d_min = 10, end = 1'000'000'000'007;
     const auto run = [](ModelTime change) {
         return [=] { return std::make_unique<ScriptedRun>(change); };

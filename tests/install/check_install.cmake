@@ -1,6 +1,6 @@
-# Installs the build folder BUILD under a scratch prefix in SCRATCH, and there configures, builds and
-# runs the project in SOURCE against it, with the compiler COMPILER and, if there are
-# any, the sanitizers SANITIZE. THREADS tells whether the package has the threaded backend.
+# Installs the build folder BUILD under a prefix in SCRATCH. Then configures, builds and runs the
+# project in SOURCE against it, with the compiler COMPILER and, if given, the sanitizers SANITIZE.
+# THREADS says whether the package has the threaded backend.
 
 cmake_minimum_required(VERSION 3.25)
 

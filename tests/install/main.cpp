@@ -1,4 +1,4 @@
-// A run with the installed library: a ring of six neurons whose log is known.
+// A run with the installed library: a ring of six neurons with a known log hash.
 #include <cinttypes>
 #include <cstdio>
 #include <utility>

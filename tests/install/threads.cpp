@@ -1,4 +1,4 @@
-// One neuron's window by the installed threaded backend, on its own and as the reference does it.
+// One window of two items, computed by the installed threaded backend and by the reference.
 #include <cstring>
 
 #include "kelm/engine/CpuWindowBackend.h"

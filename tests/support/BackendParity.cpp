@@ -12,15 +12,15 @@ namespace Lumenar::Core::Kelm::Testing {
 
 namespace {
 
-/// A value that no model should hold.
+/// A value outside the meaning of every parameter.
 double strangeValue(Draws& draws) {
     constexpr double infinity = std::numeric_limits<double>::infinity();
     constexpr double nan = std::numeric_limits<double>::quiet_NaN();
     return draws.oneOf({nan, -nan, infinity, -infinity, -1.0, 1e308, -1e308, 5e-324, -0.0});
 }
 
-/// Parameters around the defaults, or of any kind that the formulas tell apart. `strange`: some
-/// hold what no model should.
+/// Parameters near the defaults, and one of each case of the formulas. `strange`: some are outside
+/// their meaning.
 void drawParameters(Draws& draws, bool strange, DrawnCall& call) {
     Kernel::Neuron& neuron = call.neuron;
     Kernel::Firing& firing = call.firing;
@@ -40,7 +40,7 @@ void drawParameters(Draws& draws, bool strange, DrawnCall& call) {
     neuron.non_leaky = draws.oneIn(8);
     firing.base_rate = draws.between(0.0, 400.0);
     firing.gain = draws.between(0.2, 4.0);
-    // At 0 the last places of small traces count.
+    // With threshold 0 the last bits of small traces matter.
     firing.threshold = draws.oneIn(4) ? 0.0 : draws.between(-0.5, 0.5);
     if (draws.oneIn(2)) firing.adaptation_weight = draws.between(-0.3, 2.0);
     if (draws.oneIn(8)) firing.max_rate = draws.between(1.0, 400.0);
@@ -79,7 +79,7 @@ WindowWork drawItem(Draws& draws, bool strange, DrawnCall& call) {
     item.pending_time = draws.oneIn(2)   ? no_time
                         : draws.oneIn(2) ? begin + draws.timeBetween(0, window - 1)
                                          : call.window_end + draws.timeBetween(0, window - 1);
-    // Often below the hazard that the candidate will have: a violation.
+    // Often below the candidate's hazard, which is a bound violation.
     item.pending_bound = draws.oneIn(40) ? 0.0 : draws.between(0.0, 2000.0);
     if (draws.oneIn(40)) item.pending_bound = -1.0;
     item.first_event = static_cast<std::uint32_t>(call.events.size());
@@ -87,8 +87,8 @@ WindowWork drawItem(Draws& draws, bool strange, DrawnCall& call) {
     std::vector<ModelTime> times(item.event_count);
     for (ModelTime& time : times) time = begin + draws.timeBetween(0, window + window / 16);
     std::sort(times.begin(), times.end());
-    // Some redraw from where both slopes of the drive are even, or a little to either side: there
-    // the samples at the extremum differ from the ends in the last places alone.
+    // Some items redraw where both slopes of the drive are equal, or nearly. The samples at the
+    // extremum then differ from those at the ends only in the last bits.
     const bool even = item.event_count > 0 && draws.oneIn(2);
     if (even) {
         const double lead =
@@ -97,7 +97,7 @@ WindowWork drawItem(Draws& draws, bool strange, DrawnCall& call) {
                               static_cast<double>(call.neuron.tau_membrane) /
                               static_cast<double>(call.neuron.tau_adaptation) *
                               (draws.oneIn(4) ? 1.0 - lead : 1.0 + lead);
-        // With the end as near as the extremum, all samples lie that close together.
+        // If the end is as near as the extremum, all samples lie that close together.
         if (draws.oneIn(2) && call.horizon <= call.window_end) {
             item.event_count = 1;
             times = {call.horizon - 1 - draws.timeBelow(64)};
@@ -130,12 +130,12 @@ DrawnCall drawCall(std::uint64_t seed, std::uint64_t item_count, bool strange) {
     Draws draws(seed);
     DrawnCall call;
     drawParameters(draws, strange, call);
-    // A rate without end brings a candidate every nanosecond.
+    // An infinite rate gives a candidate every nanosecond.
     call.window = strange ? 1'000 : 1'000'000;
     call.window_end = 1'000'000 + draws.timeBelow(draws.oneIn(2) ? 1 : 1'000'000'000);
     call.horizon = call.window_end + draws.timeBelow(draws.oneIn(4) ? 1 : 400'000'000);
     if (draws.oneIn(8)) call.horizon = call.window_end - draws.timeBelow(1'000'000);
-    // Where doubles no longer keep halves, and where they no longer keep integers.
+    // Times at which doubles no longer hold halves, or no longer all integers.
     if (draws.oneIn(16)) call.horizon = (ModelTime{1} << (50 + draws.below(12))) + 1;
     for (std::uint64_t i = 0; i < item_count; ++i) {
         call.work.push_back(drawItem(draws, strange, call));

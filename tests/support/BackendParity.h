@@ -7,7 +7,7 @@
 
 namespace Lumenar::Core::Kelm::Testing {
 
-/// What a backend's processWindow is given.
+/// The arguments of a backend's processWindow.
 struct DrawnCall {
     Kernel::Neuron neuron;
     Kernel::Firing firing;
@@ -18,14 +18,14 @@ struct DrawnCall {
     std::vector<Kernel::WindowEvent> events;
 };
 
-/// Items of every temper, a function of the arguments alone. `strange`: parameters and some values
-/// are such as no model should hold.
+/// Random items of many kinds, a function of the arguments alone. `strange`: parameters and some
+/// values are outside their meaning.
 DrawnCall drawCall(std::uint64_t seed, std::uint64_t item_count, bool strange);
 
-/// Items of default neurons at rest that take one input each.
+/// Items of default neurons at rest, with one input each.
 DrawnCall uniformCall(std::size_t item_count);
 
-/// Results that are not written, or only in part, show.
+/// Runs the call. Bytes of results that the backend does not write hold a pattern.
 std::vector<Kernel::WindowResult> compute(IWindowBackend& backend, const DrawnCall& call);
 
 }  // namespace Lumenar::Core::Kelm::Testing

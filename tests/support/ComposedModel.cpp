@@ -17,9 +17,9 @@ std::string text(const std::vector<std::uint64_t>& ids) {
     return line;
 }
 
-/// Times and rates are chosen per window, so that windows of any length see something happen. The
-/// order of captures is not fixed, that of a braced list is: several draws stand in the latter, or
-/// in statements of their own.
+/// Times and rates are chosen per window, so that windows of any length have events. Several draws
+/// of one expression are in a braced list, whose order C++ fixes; the order of lambda captures is
+/// not fixed.
 class Generator {
 public:
     Generator(ComposedModel& model, const ComposedTraits& traits)
@@ -94,13 +94,13 @@ private:
         }
         for (NodeId n = 0; n < model_.network.node_count; ++n) {
             std::vector<PhaseBinding>& bindings = phase.bindings.emplace_back();
-            // Up to eight with an effect, which is as many as a neuron takes, and some without.
+            // Up to eight bindings with an effect, the most a neuron may have, and some without.
             for (std::uint64_t left = draws_.below(9); left != 0; --left) {
                 bindings.push_back({anyOscillator(), static_cast<std::uint8_t>(draws_.below(2)),
                                     draws_.between(-0.3, 0.3), draws_.between(-4.0, 4.0)});
                 if (draws_.oneIn(4)) bindings.push_back({anyOscillator(), 7, 1.0, 0.0});
             }
-            if (n >= 2 && draws_.oneIn(4)) continue;  // the table may end before the network does
+            if (n >= 2 && draws_.oneIn(4)) continue;  // the table may be shorter than the network
             model_.memberships.resize(n + 1);
             for (std::uint64_t left = draws_.below(3); left != 0; --left) {
                 model_.memberships[n].push_back(anyOscillator());
@@ -124,12 +124,12 @@ private:
     void act(const char* what, unsigned parts, std::function<std::string(KelmRuntime&)> action) {
         model_.steps.push_back({std::nullopt, std::move(action), what, parts});
     }
-    /// An action without an answer.
+    /// Adds an action without a result.
     void set(const char* what, unsigned parts, std::function<void(KelmRuntime&)> action) {
         act(what, parts, [=](KelmRuntime& runtime) { return action(runtime), "done"; });
     }
 
-    /// What is set once, before the run, and travels in checkpoints from there on.
+    /// Adds the settings before the run, which checkpoints then hold.
     void generateSettings() {
         const bool coupled = !draws_.oneIn(6);
         const NodeId taped = anyNeuron();
@@ -178,7 +178,7 @@ private:
         }
     }
 
-    /// Mostly within the next windows; now and then in one that is gone, or far ahead.
+    /// A time that is mostly in the next windows, sometimes in a past one or far ahead.
     ModelTime momentNear(ModelTime now) {
         if (draws_.oneIn(10)) return now - std::min(now, windows(0.0, 3.0));
         if (draws_.oneIn(12)) return now + 5000 * dMin();
@@ -214,8 +214,8 @@ private:
 
     void intervene(ModelTime) {
         const std::size_t mechanism = draws_.below(InterventionState::mechanism_count);
-        // Candidates on their way were drawn under the bound of their day. A gain that only falls
-        // keeps every bound true, so none but the extreme models may end in a bound violation.
+        // Pending candidates keep the bound under which they were drawn. A gain that only falls
+        // keeps every bound valid, so only extreme models may end in a bound violation.
         const bool falls = !traits_.extreme && (mechanism == InterventionState::oscillators ||
                                                 mechanism == InterventionState::prediction);
         const double factor = draws_.oneIn(8) ? 0.0 : draws_.between(0.3, falls ? 1.0 : 2.0);
@@ -286,7 +286,7 @@ ComposedModel generateComposedModel(std::uint64_t seed, const ComposedTraits& tr
     Generator(model, traits).generate();
     if (traits.far) {
         model.parts &= ~phase_part;
-        // An error that lasts would let the far network burst for ever.
+        // A lasting error would make the far network burst without end.
         for (ErrorChannel& channel : model.prediction.channels) channel.strength *= 0.1;
         const ModelTime far = model.network.horizon / 20 + 1;
         model.recorder.sample_interval = std::max(model.recorder.sample_interval, far);

@@ -13,14 +13,14 @@
 
 namespace Lumenar::Core::Kelm::Testing {
 
-/// What a composed model may be like.
+/// Limits and options of a generated composed model.
 struct ComposedTraits {
     std::uint64_t max_neurons = 16;
     std::int64_t max_windows = 40;
-    std::uint64_t max_stops = 8;  ///< moments at which the caller acts, beside the start
-    bool counts_spikes = false;   ///< samples count spikes; no checkpoint then holds all there is
-    bool extreme = false;         ///< as in ModelTraits; a bound may break then
-    bool far = false;             ///< as in ModelTraits; without rhythms, which leave no window out
+    std::uint64_t max_stops = 8;  ///< times at which the caller acts, besides the start
+    bool counts_spikes = false;  ///< samples count spikes, which a checkpoint does not hold in full
+    bool extreme = false;        ///< as in ModelTraits; bound violations may occur
+    bool far = false;  ///< as in ModelTraits; without oscillators, which need every window
 };
 
 /// The parts of a composed runtime.
@@ -33,28 +33,29 @@ enum ComposedPart : unsigned {
     all_parts = 31,
 };
 
-/// A random runtime with every part on at once, and what its caller does with it: a function of its
+/// A random runtime with every part, and the actions of its caller. It is a function of its
 /// network's seed and traits alone.
 ///
-/// The network is a GeneratedModel whose neurons are alike. Several oscillators pull on each other
-/// and on most neurons; excitatory and inhibitory synapses learn by different rules, through
-/// groups, a gate, fast weights and homeostasis; several input and error channels; a recorder with
-/// samples of every kind but spike counts, whose waiting spikes no checkpoint holds.
+/// The network is a GeneratedModel with equal neurons. Several oscillators are coupled and bound to
+/// most neurons. Excitatory and inhibitory synapses learn by different rules, with groups, a gate,
+/// fast weights and homeostasis. There are several input and error channels. The recorder takes
+/// samples of every kind; spike counts are optional, because no checkpoint holds the spikes that
+/// wait for a sample.
 ///
-/// The caller's part is a list of steps. A step runs the runtime up to a moment, or acts on it:
+/// The caller's actions are a list of steps. A step runs the runtime up to a time, or acts on it:
 /// settings, injections, reports, perturbations and interventions, some of which are refused. A
-/// step depends on the runtime alone, so the steps can be shared out among runtimes that hand a
-/// checkpoint on.
+/// step depends on the runtime alone. Several runtimes may therefore share the steps, each starting
+/// from a checkpoint of the one before.
 struct ComposedModel {
     struct Step {
         std::optional<ModelTime> until;                ///< ns, in a step that runs
         std::function<std::string(KelmRuntime&)> act;  ///< empty in a step that runs
         const char* what = "run";
-        unsigned parts = 0;  ///< it acts on; without one of them it is left out
+        unsigned parts = 0;  ///< the parts it needs; without one of them it is skipped
     };
 
     GeneratedModel network;
-    unsigned parts = all_parts;  ///< that it is built with
+    unsigned parts = all_parts;  ///< the parts of the runtime
     PlasticityConfig plasticity;
     PhaseConfig phase;
     RecorderConfig recorder;
@@ -65,16 +66,16 @@ struct ComposedModel {
     bool has_third_factor = false;
     std::vector<Step> steps;
 
-    /// A runtime for the model at time 0, labelled "composed" and with its seed as configuration
-    /// id; with what no checkpoint carries: memberships, the gate
-    /// and, in some models, a third factor of learning. Without `recorded` nobody looks on, which
-    /// is to change nothing else. `store`: null for the engine's own.
+    /// A runtime for the model at time 0, with the label "composed" and the seed as configuration
+    /// id. It has what no checkpoint holds: memberships, the gate and, in some models, a third
+    /// factor of learning. Without `recorded` it has no recorder, which must change nothing else.
+    /// `store`: null for the engine's own.
     std::unique_ptr<KelmRuntime> build(IWindowBackend& backend, bool recorded = true,
                                        std::unique_ptr<IEventStore> store = nullptr) const;
 
-    /// Performs the steps from `first` to `end`, exclusive, and appends what each came to: ids of
-    /// events, or the text of what was thrown. False where a run threw, which is the end: such a
-    /// runtime may only be destroyed.
+    /// Performs the steps from `first` to `end`, exclusive, and appends the outcome of each: ids of
+    /// events, or the text of an exception. False if a run threw: the runtime can then only be
+    /// destroyed.
     bool perform(std::size_t first, std::size_t end, KelmRuntime& runtime,
                  std::vector<std::string>& outcomes) const;
 };

@@ -8,7 +8,7 @@
 
 namespace Lumenar::Core::Kelm::Testing {
 
-/// Random arguments for tests, made as scripts/reference/kernel.py makes them.
+/// Random arguments for tests, by the same generator as in scripts/reference/kernel.py.
 class Draws {
 public:
     explicit Draws(std::uint64_t seed) : state_(seed) {}

@@ -10,8 +10,8 @@ namespace Lumenar::Core::Kelm::Testing {
 
 namespace Emulation = Device::Emulation;
 
-/// A test that turns the emulated device's controls. Each test starts with a device that is
-/// there, does what it is told and holds nothing, and must give back all that it has allocated.
+/// A test that sets the emulated device's controls. Each test starts with a device that is present,
+/// works and has no allocation, and must release all that it allocates.
 class EmulatedDeviceTest : public testing::Test {
 protected:
     EmulatedDeviceTest() { letDeviceWork(); }

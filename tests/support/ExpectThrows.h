@@ -11,11 +11,11 @@
 
 namespace Lumenar::Core::Kelm::Testing {
 
-// What is refused wherever a number is to be finite.
+// Values that every check for a finite number refuses.
 inline constexpr double not_a_number = std::numeric_limits<double>::quiet_NaN();
 inline constexpr double infinity = std::numeric_limits<double>::infinity();
 
-/// Expects `call` to throw an `Error`, of exactly this class, with exactly this text.
+/// Expects `call` to throw exactly the class `Error` with exactly this text.
 template <class Error, class Call>
 void expectThrows(Call&& call, const std::string& text) {
     try {
@@ -28,13 +28,13 @@ void expectThrows(Call&& call, const std::string& text) {
     ADD_FAILURE() << "nothing was thrown, expected: " << text;
 }
 
-/// A call that is to be refused, and the text of its refusal.
+/// A call that must throw, and the text of the exception.
 struct Refusal {
     std::string text;
     std::function<void()> call;
 };
 
-/// Expects each call to throw an `Error` with its text. `expectUnchanged` runs behind each.
+/// Expects each call to throw an `Error` with its text. `expectUnchanged` runs after each call.
 template <class Error>
 void expectRefusals(
     const std::vector<Refusal>& refusals, const std::function<void()>& expectUnchanged = [] {}) {

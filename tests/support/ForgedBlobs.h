@@ -15,7 +15,7 @@
 
 namespace Lumenar::Core::Kelm::Testing {
 
-/// The images of the values, one behind the other.
+/// The images of the values, one after the other.
 template <class... Values>
 Blob blobOf(const Values&... values) {
     static_assert((std::is_trivially_copyable_v<Values> && ...));
@@ -24,7 +24,7 @@ Blob blobOf(const Values&... values) {
     return blob;
 }
 
-/// The bytes with those at `offset` replaced by the image of `value`.
+/// A copy of the bytes, with the image of `value` at `offset`.
 template <class Value>
 Blob withValueAt(Blob blob, std::size_t offset, Value value) {
     static_assert(std::is_trivially_copyable_v<Value>);
@@ -33,8 +33,8 @@ Blob withValueAt(Blob blob, std::size_t offset, Value value) {
 }
 
 /// Expects `object` to refuse each of the forgeries, every truncation of `sound`, another tag and a
-/// byte behind the end, and to be as it was then. At last it takes `sound` itself. Bytes of any
-/// kind are the fuzzers'.
+/// byte after the end, and to stay as it was. It must then accept `sound` itself. The fuzzers test
+/// arbitrary bytes.
 template <class Object>
 void expectTakesAllOrNothing(Object& object, const Blob& sound,
                              const std::vector<std::pair<std::string, Blob>>& forgeries) {
@@ -49,9 +49,9 @@ void expectTakesAllOrNothing(Object& object, const Blob& sound,
     }
     Blob longer = sound;
     longer.push_back(0);
-    expectRefused(longer, "a byte behind the end");
+    expectRefused(longer, "an extra byte at the end");
     expectRefused(withValueAt(sound, 0, ~std::uint64_t{0}), "another tag");
-    EXPECT_TRUE(object.restore(sound)) << "the forgeries fail for what was forged";
+    EXPECT_TRUE(object.restore(sound)) << "without a forgery the bytes are valid";
     EXPECT_EQ(object.snapshot(), sound);
 }
 

@@ -26,12 +26,12 @@ Kernel::Neuron generateNeuron(Draws& draws, ModelTime d_min) {
     return neuron;
 }
 
-/// Rates are chosen in spikes per window, so that any window length sees something happen.
+/// Rates are chosen in spikes per window, so that windows of any length have spikes.
 Kernel::Firing generateFiring(Draws& draws, ModelTime d_min, bool hard_refractory) {
     const double windows_per_s = 1e9 / static_cast<double>(d_min);
     Kernel::Firing firing;
     firing.base_rate = draws.between(0.005, 0.5) * windows_per_s;
-    // Eight spikes a window is the limit; only a refractory period keeps a hot neuron within it.
+    // A window holds eight spikes; only a hard refractory period allows a rate of six.
     if (draws.chance(15)) firing.base_rate = (hard_refractory ? 6.0 : 2.5) * windows_per_s;
     if (draws.chance(10)) firing.base_rate = 0.0;
     firing.gain = draws.between(0.2, 2.0);
@@ -52,7 +52,7 @@ Synapse generateSynapse(Draws& draws, const GeneratedModel& model) {
     if (draws.chance(5)) synapse.weight = 0.0F;
     synapse.delay = model.d_min;
     if (draws.chance(50)) synapse.delay = draws.timeBetween(model.d_min, 6 * model.d_min);
-    // Beyond the reach of a calendar's ring.
+    // Beyond the ring of a calendar.
     if (draws.chance(2)) synapse.delay = draws.timeBetween(4095, 5000) * model.d_min;
     synapse.inhibitory = draws.chance(25);
     synapse.enabled = !draws.chance(5);
@@ -61,7 +61,7 @@ Synapse generateSynapse(Draws& draws, const GeneratedModel& model) {
 
 void generateSynapses(Draws& draws, GeneratedModel& model, bool resident) {
     const std::uint64_t fanout = resident ? 1 + draws.below(6) : 0;
-    // Edge ids need not follow the sources.
+    // Half of the models have edge ids in another order than the sources.
     const bool by_source = resident && draws.chance(50);
     const std::uint64_t count =
         resident ? fanout * model.node_count : draws.below(6 * model.node_count + 1);
@@ -102,9 +102,8 @@ void generateInputs(Draws& draws, GeneratedModel& model, std::int64_t windows) {
     }
 }
 
-/// Sets a parameter to the end of a range. Rates stay such that no window holds more than some
-/// thousand candidates, and values such that nothing becomes a NaN: what one looks like is nobody's
-/// promise.
+/// Sets one parameter to a limit of its range. No window has more than a few thousand candidates,
+/// and no value becomes a NaN, because the bits of a NaN are not promised.
 void makeExtreme(Draws& draws, const GeneratedModel& model, Kernel::Neuron& neuron,
                  Kernel::Firing& firing) {
     constexpr ModelTime exact = ModelTime{1} << 53;  // doubles keep all integers up to here
@@ -155,7 +154,7 @@ void makeExtreme(Draws& draws, const GeneratedModel& model, Kernel::Neuron& neur
             firing.max_rate = draws.oneOf({least, 1e-3, firing.base_rate, firing.base_rate / 2});
             break;
         default:
-            // One product of many pairs, and hot ones where a window has few instants.
+            // The same product from other factors, and high rates in windows of few ns.
             firing.rate_scale = draws.oneOf({1e-280, 1e280, 1e-150});
             firing.base_rate = std::min(firing.base_rate, firing.max_rate) / firing.rate_scale;
             if (d_min <= 1000) firing.max_rate = 1e12;
@@ -169,7 +168,7 @@ void makeExtreme(Draws& draws, GeneratedModel& model) {
             makeExtreme(draws, model, model.neurons[n], model.firings[n]);
         }
     }
-    // Where inputs multiply, a few large ones leave the range of doubles.
+    // With input coupling, a few large inputs would leave the range of doubles.
     const bool large = draws.oneIn(2);
     for (Kernel::Neuron& neuron : model.neurons) {
         if (large) neuron.input_coupling = 0.0;
@@ -184,14 +183,14 @@ void makeExtreme(Draws& draws, GeneratedModel& model) {
             input.value = large ? draws.oneOf({5e-324, -40.0, 1e30, -1e30})
                                 : draws.oneOf({5e-324, -0.0, 1e-300, -3.0});
         }
-        // Refused, or for nobody.
+        // A time or a target that is refused or has no effect.
         if (draws.oneIn(60)) input.time = draws.oneOf<ModelTime>({-1, last_model_time});
         if (draws.oneIn(60)) input.target = model.node_count;
     }
 }
 
-/// Puts windows, delays and moments anywhere in the range of times. A neuron fires a few times up
-/// to the horizon, however far that is.
+/// Places windows, delays and inputs anywhere in the range of model time. A neuron fires a few
+/// times up to the horizon.
 void makeBoundless(Draws& draws, GeneratedModel& model) {
     const auto duration = [&] { return durations[draws.below(std::size(durations))]; };
     const auto moment = [&] { return moments[draws.below(std::size(moments))]; };
@@ -210,12 +209,12 @@ void makeBoundless(Draws& draws, GeneratedModel& model) {
     for (Event& input : model.inputs) input.time = moment();
 }
 
-/// Stretches a run from windows to `pace` ns each. Between bursts a neuron fires once a pace, and
-/// after an input as often as its windows take.
+/// Stretches a run: each window of the horizon becomes one `pace` in ns. Between bursts a neuron
+/// fires about once per pace, after an input as often as its windows allow.
 void makeFar(Draws& draws, GeneratedModel& model) {
     const std::int64_t paces = model.horizon / model.d_min + 1;
     ModelTime pace = model.d_min << draws.below(20);
-    // Past the integers that doubles keep, and up to where deliveries leave the range.
+    // Times that doubles cannot hold exactly, up to deliveries past the last model time.
     if (draws.oneIn(2)) pace = (ModelTime{1} << (54 + draws.below(9))) / paces;
     if (draws.oneIn(8)) pace = last_model_time / paces;
     pace = std::max(pace, model.d_min);
@@ -239,7 +238,7 @@ void makeFar(Draws& draws, GeneratedModel& model) {
             Kernel::kernelLog(firing.max_rate / firing.base_rate) * draws.between(0.3, 1.1) + 0.1;
     }
     for (Synapse& synapse : model.synapses) {
-        // Not the one that the smallest delay may follow from.
+        // Keep a synapse with the smallest delay.
         if (synapse.delay > model.d_min && draws.oneIn(5)) {
             synapse.delay = draws.timeBetween(model.d_min, pace * 2);
         }
@@ -261,7 +260,7 @@ GeneratedModel generateModel(std::uint64_t seed, const ModelTraits& traits) {
     GeneratedModel model;
     model.seed = seed;
     model.node_count = 1 + draws.below(traits.max_neurons);
-    // Whole blocks of device threads.
+    // A multiple of a block of device threads.
     if (traits.resident && model.node_count > 128 && draws.oneIn(2)) {
         model.node_count -= model.node_count % 128;
     }

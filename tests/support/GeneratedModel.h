@@ -12,7 +12,7 @@
 
 namespace Lumenar::Core::Kelm::Testing {
 
-// From small to the ends of the range of times.
+// From small values to the limits of model time.
 inline constexpr ModelTime durations[] = {1,
                                           2,
                                           3,
@@ -39,54 +39,54 @@ inline constexpr ModelTime moments[] = {first_model_time,
                                         last_model_time - 1,
                                         last_model_time};
 
-/// What a generated model may be like.
+/// Limits and options of a generated model.
 struct ModelTraits {
     std::uint64_t max_neurons = 24;
     std::int64_t max_windows = 60;
     bool alike = false;           ///< all neurons have the parameters of neuron 0
     bool external_events = true;  ///< some inputs are posted before the run
-    /// The same number of synapses from every neuron, each one window long, and a horizon of whole
-    /// windows. Alike and without external events, it is of the one shape that runs whole on a
-    /// device.
+    /// Every neuron has the same number of synapses, each one window long, and the horizon is a
+    /// multiple of the window. With `alike` and without external events, the model can run whole on
+    /// a device.
     bool resident = false;
-    /// Some parameters, weights and inputs lie at the ends of what arithmetic takes, and some
-    /// windows are a few ns long.
+    /// Some parameters, weights and inputs are at the limits of arithmetic, and some windows are a
+    /// few ns long.
     bool extreme = false;
-    /// Windows, delays, inputs and the horizon lie anywhere up to the ends of what times reach.
+    /// Windows, delays, inputs and the horizon lie anywhere up to the limits of model time.
     bool boundless = false;
-    /// Bursts lie far apart, up to as late as times reach, with quiet between them. It may burst
-    /// without end, so whoever runs it sets a limit.
+    /// Bursts lie far apart, up to the last model time, with quiet between them. A burst may be
+    /// endless, so a run of the model needs a limit.
     bool far = false;
 };
 
-/// A random model, a function of its seed and traits alone: a graph with inhibition, parallel
-/// synapses, self-loops, switched-off synapses and delays of one to many windows; neurons of every
-/// temper, some so hot that most windows see them, some that never fire; inputs from outside, also
-/// several at one instant and at the borders of windows.
+/// A random model, a function of its seed and traits alone. The graph has inhibition, parallel
+/// synapses, self-loops, switched-off synapses and delays of one to many windows. Some neurons fire
+/// in most windows, some never. Inputs from outside come at any time, also several at one time and
+/// at the borders of windows.
 ///
-/// Hot neurons without a hard refractory period may exceed what a window can hold, which is then
-/// the model's outcome.
+/// Neurons with high rates and no hard refractory period may fire more spikes than a window can
+/// hold. The run then ends with that error.
 struct GeneratedModel {
     std::uint64_t seed = 0;  ///< of the generator; print it on failure
     std::uint64_t node_count = 0;
     ModelTime d_min = 0;          ///< ns; the smallest delay
-    bool declares_d_min = false;  ///< else it follows from the synapses
+    bool declares_d_min = false;  ///< else the synapses determine it
     std::vector<Synapse> synapses;
     std::vector<Kernel::Neuron> neurons;
     std::vector<Kernel::Firing> firings;
     std::uint64_t run_seed = 0;
     ModelTime horizon = 0;      ///< ns
-    std::vector<Event> inputs;  ///< from outside, in the order in which they are to be posted
+    std::vector<Event> inputs;  ///< from outside, in the order of posting
 
     SynapseGraph graph() const;
-    /// Synapses a neuron, where it is the same for all.
+    /// Synapses per neuron, if all neurons have the same number.
     std::uint64_t fanout() const { return synapses.size() / node_count; }
 };
 
 GeneratedModel generateModel(std::uint64_t seed, const ModelTraits& traits = {});
 
-/// Default neurons, each with synapses to its `fanout` successors on a ring, every second of them
-/// inhibitory and all one window long. It runs whole on a device.
+/// Default neurons on a ring, each with synapses to its `fanout` successors. Every second synapse
+/// is inhibitory, and all are one window long. The model can run whole on a device.
 GeneratedModel ringModel(std::uint64_t node_count, std::uint64_t fanout, ModelTime d_min,
                          std::int64_t windows);
 

@@ -13,9 +13,9 @@
 
 namespace Lumenar::Core::Kelm::Testing {
 
-/// The rules of plasticity, learning control and homeostasis without any care for speed: whatever
-/// concerns a neuron is found by a walk over all synapses of a graph of its own. The settings of
-/// learning are those of `settings`; whether the gate is open, the caller tells.
+/// A slow and simple reference of plasticity, learning control and homeostasis. It finds a neuron's
+/// synapses by a walk over all synapses of its own graph. It reads the settings of learning from
+/// `settings`; the caller says whether the gate is open.
 struct PlainLearning {
     using Changes = std::vector<WeightChange>;
     using Kind = PlasticityRuleKind;
@@ -32,7 +32,7 @@ struct PlainLearning {
     std::vector<EdgeId> pending = {};
     std::int64_t counter = 0;
 
-    /// What the spikes propose, in its canonical order.
+    /// The changes that the spikes propose, in canonical order.
     Changes takeChanges(std::vector<SpikeRecord> spikes) {
         std::sort(spikes.begin(), spikes.end(), SpikeRecordLess());
         Changes changes;
@@ -55,7 +55,7 @@ struct PlainLearning {
         return changes;
     }
 
-    /// Puts proposals in force and lets fading parts fade.
+    /// Applies proposed changes and decays the fast weights.
     LearningStatistics applyChanges(const Changes& changes, ModelTime window_end, bool gate_open) {
         LearningStatistics counts;
         for (const WeightChange& change : changes) {
@@ -86,7 +86,7 @@ struct PlainLearning {
         return counts;
     }
 
-    /// Homeostasis: how many neurons were scaled.
+    /// Applies homeostasis. Returns the number of neurons that were scaled.
     std::uint64_t scale(double cap) {
         std::uint64_t scaled = 0;
         for (NodeId neuron = 0; neuron < graph.nodeCount(); ++neuron) {

@@ -6,7 +6,7 @@
 
 namespace Lumenar::Core::Kelm::Testing {
 
-/// A calendar that shows no more than any store does.
+/// A calendar that offers only the interface IEventStore.
 class PlainStore : public IEventStore {
 public:
     PlainStore(ModelTime d_min, std::uint64_t buckets) : inner_(d_min, buckets) {}

@@ -7,7 +7,7 @@
 
 namespace Lumenar::Core::Kelm::Testing {
 
-/// Keeps what is posted and gives ids 70, 71 and so on.
+/// Keeps posted events and returns the ids 70, 71 and so on.
 class RecordingSink : public IEventSink {
 public:
     std::uint64_t post(const Event& event) override {
