@@ -8,9 +8,8 @@
 #include "kelm/core/PortableMath.h"
 #include "kelm/core/SplitMix64.h"
 
-// Independent calls over arguments of the range that a run meets, beside the C library's function
-// over the same arguments: the quotient of the two tells more than either on a machine of one's
-// own.
+// Independent calls over the arguments of typical runs, and the C library's function over the same
+// arguments. Compare the ratio of the two; the times depend on the machine.
 
 namespace Lumenar::Core::Kelm {
 
@@ -21,11 +20,11 @@ struct Range {
     double to;
 };
 
-/// Decays over up to twenty time constants, and exponents of a hazard.
+/// Decays over up to 20 time constants, and exponents of a hazard.
 constexpr Range exponents = {-20.0, 5.0};
-/// Uniform numbers that waiting times are drawn from.
+/// Uniform draws for waiting times.
 constexpr Range uniforms = {1e-9, 1.0};
-/// Phases of some minutes at some hertz.
+/// Phases after minutes at a few hertz.
 constexpr Range phases = {0.0, 10000.0};
 
 std::vector<double> spread(const Range& range) {

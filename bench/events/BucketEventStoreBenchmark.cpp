@@ -9,8 +9,8 @@
 #include "kelm/core/SplitMix64.h"
 #include "kelm/events/BucketEventStore.h"
 
-// The store in two regimes. Near: events lie some hundred windows ahead, inside the ring's reach.
-// Far: they lie some ten thousand windows ahead, and most wait outside the ring. One item is one
+// The store in two regimes. Near events lie a few hundred windows ahead, inside the ring. Far
+// events lie tens of thousands of windows ahead, most of them beyond the ring. One item is one
 // event.
 
 namespace Lumenar::Core::Kelm {
@@ -20,11 +20,11 @@ namespace {
 constexpr ModelTime d_min = 1'000'000;
 constexpr std::uint64_t bucket_count = 4096;
 
-// Mean distance of an event from the window in hand, in windows.
+// Mean distance of an event from the current window, in windows.
 constexpr std::int64_t near_windows = 400;
 constexpr std::int64_t far_windows = 40'000;
 
-/// Waiting times of a Poisson process, as those of candidates are.
+/// Waiting times of a Poisson process, like those of candidates.
 class Distances {
 public:
     explicit Distances(std::int64_t mean_windows)
@@ -67,7 +67,7 @@ std::vector<std::uint64_t> postAll(BucketEventStore& store, const std::vector<Ev
     return ids;
 }
 
-/// Into an empty store.
+/// Posts into an empty store.
 void post(benchmark::State& state) {
     const std::vector<Event> events = drawEvents(state.range(0), state.range(1));
     for (auto turn : state) {
@@ -82,7 +82,7 @@ void post(benchmark::State& state) {
     reportItemTime(state, state.iterations() * state.range(0));
 }
 
-/// All events of a full store, in an order that has nothing to do with that of posting.
+/// Cancels all events of a full store in random order.
 void cancel(benchmark::State& state) {
     const std::vector<Event> events = drawEvents(state.range(0), state.range(1));
     Distances order(1);
@@ -100,7 +100,7 @@ void cancel(benchmark::State& state) {
     reportItemTime(state, state.iterations() * state.range(0));
 }
 
-/// Window by window, until the store is empty.
+/// Takes window by window until the store is empty.
 void take(benchmark::State& state) {
     const std::vector<Event> events = drawEvents(state.range(0), state.range(1));
     std::vector<Event> taken;
@@ -121,7 +121,7 @@ void take(benchmark::State& state) {
     reportItemTime(state, state.iterations() * state.range(0));
 }
 
-/// Steady state: each event taken is followed by a new one, so that the number pending stays.
+/// Steady state: each taken event is replaced by a new one.
 void hold(benchmark::State& state) {
     Distances distances(state.range(1));
     BucketEventStore store(d_min, bucket_count);
@@ -138,8 +138,8 @@ void hold(benchmark::State& state) {
     reportItemTime(state, events);
 }
 
-/// Steady state: a pending event is cancelled and another posted, which is what an input does to a
-/// neuron's candidate. The share of a sweep of dead entries is in the time.
+/// Steady state: cancels a pending event and posts another, as an input does with a neuron's
+/// candidate. The time includes a share of the sweeps of cancelled entries.
 void replace(benchmark::State& state) {
     Distances distances(state.range(1));
     BucketEventStore store(d_min, bucket_count);
@@ -152,7 +152,7 @@ void replace(benchmark::State& state) {
     reportItemTime(state, state.iterations());
 }
 
-/// The near steady state while `waiting` events stand far beyond the ring: they must cost nothing.
+/// The near steady state with `waiting` events far beyond the ring, which must cost nothing.
 void holdBesideWaiting(benchmark::State& state) {
     constexpr std::int64_t pending = 10'000;
     constexpr ModelTime far_away = ModelTime{1} << 61;

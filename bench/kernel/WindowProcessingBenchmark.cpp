@@ -7,8 +7,8 @@
 #include "bench/ItemTime.h"
 #include "kelm/kernel/WindowProcessing.h"
 
-// The walk of one neuron through one window of 1 ms, over neurons whose traces and random streams
-// differ, so that branches are as hard to foresee as in a run. One item is one neuron's window.
+// The walk of one neuron through one window of 1 ms. Traces and random streams differ between
+// neurons, so that branches are as hard to predict as in a run. One item is one neuron's window.
 
 namespace Lumenar::Core::Kelm {
 
@@ -20,8 +20,8 @@ constexpr ModelTime horizon = 10'000'000'000;
 
 /// What happens to every neuron in its window.
 struct Load {
-    bool input = false;      ///< one synaptic input at a random instant
-    bool candidate = false;  ///< a pending candidate at a random instant, with its wake-up
+    bool input = false;      ///< one synaptic input at a random time
+    bool candidate = false;  ///< a pending candidate at a random time, with its wake-up
     std::int32_t phase_terms = 0;
 };
 
@@ -59,7 +59,7 @@ Batch buildBatch(const Load& load) {
         item.rng = splitmixOutput(n);
         addPhaseTerms(item.drive, load.phase_terms);
         item.pending_time = window_end + 1'000'000;
-        // Above every hazard that these traces can reach before the window's end.
+        // An upper bound of the hazard up to the window's end.
         item.pending_bound =
             Kernel::hazardUpperBound(item.state, item.parameters, item.firing,
                                      item.state.last_update, window_end, item.drive.bound);
@@ -75,7 +75,7 @@ Batch buildBatch(const Load& load) {
     return batch;
 }
 
-/// A walk that stopped at a fault would make a fine time.
+/// A walk that stops at a fault would look fast.
 void requireSound(const Batch& batch, const Load& load) {
     for (const WindowWork& item : batch.work) {
         const Kernel::WindowResult result =

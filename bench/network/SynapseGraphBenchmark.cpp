@@ -26,7 +26,7 @@ SynapseGraph graphOf(BenchmarkWorkload workload) {
     return {workload.neuron_count, workload.min_delay, std::move(workload.synapses)};
 }
 
-/// Validation and routing tables; the list that the graph takes over is copied off the clock.
+/// Validates and builds the routes. The copy of the list is not in the time.
 void build(benchmark::State& state) {
     const BenchmarkWorkload workload = workloadOf(state);
     for (auto turn : state) {
@@ -42,7 +42,7 @@ void build(benchmark::State& state) {
     reportItemTime(state, state.iterations() * static_cast<std::int64_t>(workload.synapses.size()));
 }
 
-/// What building is held against: the list copied once in memory.
+/// Copies the list once in memory, for comparison with the build.
 void copyList(benchmark::State& state) {
     const BenchmarkWorkload workload = workloadOf(state);
     for (auto turn : state) {
@@ -55,7 +55,7 @@ void copyList(benchmark::State& state) {
     reportItemTime(state, state.iterations() * static_cast<std::int64_t>(workload.synapses.size()));
 }
 
-/// Takes events and forgets them.
+/// Discards events.
 class Drain final : public IEventSink {
 public:
     std::uint64_t post(const Event& event) override {
@@ -72,7 +72,7 @@ NodeId randomNeuron(std::uint64_t& raw, std::uint64_t neuron_count) {
     return splitmixOutput(raw) % neuron_count;
 }
 
-/// Spikes of random neurons, into nothing: the walk over the synapses alone.
+/// Delivers spikes of random neurons without a store: only the walk over the synapses.
 void deliver(benchmark::State& state) {
     SynapseGraph graph = graphOf(workloadOf(state));
     Drain drain;
@@ -85,7 +85,7 @@ void deliver(benchmark::State& state) {
     reportItemTime(state, events);
 }
 
-/// Spikes of random neurons into the store, which is emptied a window at a time: one hop of a
+/// Delivers spikes of random neurons into the store and takes them window by window: the path of a
 /// spike without the neurons.
 void deliverAndTake(benchmark::State& state) {
     constexpr int spikes_per_window = 500;

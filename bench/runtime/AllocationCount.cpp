@@ -6,11 +6,11 @@
 
 namespace {
 
-std::uint64_t count = 0;  // runs have one thread
+std::uint64_t count = 0;  // not atomic: runs have one thread
 
 }  // namespace
 
-// The other forms of the library end in these.
+// The library's other forms call these.
 void* operator new(std::size_t size) {
     ++count;
     if (void* memory = std::malloc(size != 0 ? size : 1)) return memory;

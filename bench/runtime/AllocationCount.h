@@ -4,8 +4,8 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// How often this program has asked for memory through operator new so far. A program that links
-/// AllocationCount.cpp has its operators replaced.
+/// The number of calls of operator new so far. AllocationCount.cpp replaces operator new and delete
+/// of the program that links it.
 std::uint64_t allocationCount();
 
 }  // namespace Lumenar::Core::Kelm

@@ -34,7 +34,7 @@ KelmRuntime makeRuntime(const BenchmarkScale& scale, Parts parts, IWindowBackend
         std::move(parts.input_channels), std::move(parts.prediction));
 }
 
-/// Calls run() and returns what it cost.
+/// Calls run() and returns its cost.
 template <class Model, class Run>
 Stretch measureStretch(const Model& model, Run run) {
     const WindowProfile before = model.profile();
@@ -56,8 +56,8 @@ void noteOutcome(Model& model, ComposedMeasurement& result) {
     result.profile = model.profile();
 }
 
-/// Runs both halves. `before_half` gets the half's index, the runtime and the half's start in ns,
-/// and returns how many things it did.
+/// Runs both halves. `before_half` gets the runtime and the start of the half in ns, and returns
+/// the number of its calls.
 template <class BeforeHalf>
 ComposedMeasurement measureHalves(const BenchmarkScale& scale, Parts parts,
                                   BeforeHalf before_half) {
@@ -80,7 +80,7 @@ ComposedMeasurement measureHalves(const BenchmarkScale& scale, Parts parts) {
                          [](KelmRuntime&, ModelTime) { return std::uint64_t{0}; });
 }
 
-/// `settle` gets the runtime before its first half.
+/// Calls settle(runtime) before the first half.
 template <class Settle>
 ComposedMeasurement measureSettled(const BenchmarkScale& scale, Parts parts, Settle settle) {
     return measureHalves(scale, std::move(parts), [&](KelmRuntime& runtime, ModelTime start) {
@@ -136,7 +136,7 @@ PlasticityConfig pairRule() {
 
 PlasticityConfig withHomeostasis(PlasticityConfig config) {
     config.homeostasis.enabled = true;
-    config.homeostasis.cap = 0.02;  // the weight that all synapses start with
+    config.homeostasis.cap = 0.02;  // the initial weight of all synapses
     return config;
 }
 
@@ -162,14 +162,12 @@ std::vector<NodeId> targetsOf(std::uint64_t index, std::uint64_t count,
 
 void requireNeurons(const BenchmarkScale& scale, std::uint64_t channels) {
     if (scale.neuron_count < channels) {
-        throw std::invalid_argument("channels of their own need " + std::to_string(channels) +
-                                    " neurons");
+        throw std::invalid_argument("this case needs " + std::to_string(channels) + " neurons");
     }
 }
 
-/// `layers` sets of `count` error channels, each of which covers the network. The channels' reports
-/// end in the same error, divided by the layers, so that every neuron's drive is the same in all
-/// cases but for rounding.
+/// `layers` sets of `count` error channels. Each set covers the network. The channels' strength is
+/// divided by the layers, so every neuron's drive is the same in all cases except for rounding.
 ComposedMeasurement measureErrors(const BenchmarkScale& scale, std::uint64_t count,
                                   std::uint64_t layers, std::uint64_t reports) {
     requireNeurons(scale, count);
@@ -194,8 +192,8 @@ ComposedMeasurement measureErrors(const BenchmarkScale& scale, std::uint64_t cou
     });
 }
 
-/// Input channels that together reach every neuron once, and four injections on each of them in
-/// each half: the same events, in the same order, whatever the number of channels.
+/// Input channels that together reach every neuron once, with four injections on each channel in
+/// each half. Events and order are the same for any number of channels.
 ComposedMeasurement measureInputs(const BenchmarkScale& scale, std::uint64_t count) {
     requireNeurons(scale, count);
     Parts parts;
@@ -209,7 +207,7 @@ ComposedMeasurement measureInputs(const BenchmarkScale& scale, std::uint64_t cou
     return measureHalves(scale, std::move(parts), [&](KelmRuntime& runtime, ModelTime start) {
         std::uint64_t events = 0;
         for (ModelTime i = 0; i < 4; ++i) {
-            // The first window of a half may have been processed with the half before.
+            // The half before may have processed the first window of this half.
             const ModelTime time = start + 2 * scale.min_delay + i * (scale.horizon / 10);
             for (std::uint64_t channel = 0; channel < count; ++channel) {
                 const InputChannelSpec& spec = runtime.inputChannels()->spec(channel);
@@ -221,13 +219,13 @@ ComposedMeasurement measureInputs(const BenchmarkScale& scale, std::uint64_t cou
 }
 
 /// Writes a checkpoint in the middle of a run and restores it into a second runtime, which must
-/// write the same bytes and leave the same log.
+/// then write the same bytes and leave the same log.
 ComposedMeasurement measureCheckpoint(const BenchmarkScale& scale, const Parts& parts) {
     CpuWindowBackend backend;
     KelmRuntime runtime = makeRuntime(scale, parts, backend);
     ComposedMeasurement result;
     result.halves[0] = measureStretch(runtime, [&] { runtime.run(scale.horizon / 2); });
-    runtime.spikeLog();  // sorts it once, which is not the checkpoint's to pay
+    runtime.spikeLog();  // sorts the log once, so that the checkpoint need not
     double start = processorSeconds();
     const Blob bytes = runtime.checkpoint();
     result.write_seconds = processorSeconds() - start;
@@ -238,12 +236,12 @@ ComposedMeasurement measureCheckpoint(const BenchmarkScale& scale, const Parts& 
     const bool accepted = restored.restore(bytes);
     result.restore_seconds = processorSeconds() - start;
     if (!accepted || restored.checkpoint() != bytes) {
-        throw std::runtime_error("a checkpoint did not come back as it was");
+        throw std::runtime_error("a restored runtime does not write the same checkpoint");
     }
     result.halves[1] = measureStretch(restored, [&] { restored.run(); });
     runtime.run();
     if (restored.logHash() != runtime.logHash()) {
-        throw std::runtime_error("a restored run differs from the one that went on");
+        throw std::runtime_error("a restored run differs from the original one");
     }
     noteOutcome(runtime, result);
     return result;
@@ -278,10 +276,10 @@ Parts withAll(const Scale& scale) {
 
 constexpr ComposedCase all_cases[] = {
     {"bare", "", false, "the engine without a runtime", measureBareEngine},
-    {"empty", "bare", true, "a runtime with every slot empty",
+    {"empty", "bare", true, "a runtime without parts",
      [](const Scale& scale) { return measureHalves(scale, {}); }},
 
-    {"phase-1", "empty", false, "one phase binding a neuron",
+    {"phase-1", "empty", false, "one phase binding per neuron",
      [](const Scale& scale) { return measureHalves(scale, withPhase(scale, 1)); }},
     {"phase-logged", "phase-1", true, "the same with a phase logged for each spike",
      [](const Scale& scale) {
@@ -290,7 +288,7 @@ constexpr ComposedCase all_cases[] = {
                  std::vector<std::vector<std::uint32_t>>(scale.neuron_count, {0}));
          });
      }},
-    {"phase-8", "phase-1", false, "eight phase bindings a neuron",
+    {"phase-8", "phase-1", false, "eight phase bindings per neuron",
      [](const Scale& scale) { return measureHalves(scale, withPhase(scale, 8)); }},
 
     {"pair", "empty", false, "pair rule on every synapse",
@@ -308,7 +306,7 @@ constexpr ComposedCase all_cases[] = {
              runtime.learningControl()->setFastWeights(true, 50'000'000, 0.0);
          });
      }},
-    {"homeostasis", "pair", false, "the pair rule with homeostasis at the first weight",
+    {"homeostasis", "pair", false, "the pair rule with homeostasis at the initial weight",
      [](const Scale& scale) {
          return measureHalves(scale, withPlasticity(withHomeostasis(pairRule())));
      }},
@@ -330,9 +328,9 @@ constexpr ComposedCase all_cases[] = {
     {"inputs-1000", "inputs-5", true, "1000 input channels, the same events",
      [](const Scale& scale) { return measureInputs(scale, 1000); }},
 
-    {"checkpoint", "empty", true, "a checkpoint of a runtime with every slot empty",
+    {"checkpoint", "empty", true, "a checkpoint of a runtime without parts",
      [](const Scale& scale) { return measureCheckpoint(scale, {}); }},
-    {"checkpoint-all", "", false, "a checkpoint with learning, rhythm and samples",
+    {"checkpoint-all", "", false, "a checkpoint with learning, an oscillator binding and samples",
      [](const Scale& scale) { return measureCheckpoint(scale, withAll(scale)); }},
 };
 

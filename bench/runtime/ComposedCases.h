@@ -18,8 +18,9 @@ struct Stretch {
     std::uint64_t allocations = 0;
 };
 
-/// What one run of a case reports, as bytes. A run comes in two halves, so that what grows with the
-/// history shows; reports and injections come before each half and are not in its time.
+/// The figures of one run of a case, passed on as bytes. A run has two halves, so that a cost which
+/// grows with the history shows. Reports and injections come before each half and are not in its
+/// time.
 struct ComposedMeasurement {
     Stretch halves[2];
     std::uint64_t spikes = 0;
@@ -36,22 +37,22 @@ struct ComposedMeasurement {
     double cpuSeconds() const { return halves[0].cpu_seconds + halves[1].cpu_seconds; }
 };
 
-/// A composition of the runtime that is measured.
+/// A composition of the runtime to measure.
 struct ComposedCase {
     std::string_view name;
-    std::string_view base;  ///< name of the case that it is compared with; empty for none
-    bool same_run;          ///< the base must leave the same log
+    std::string_view base;  ///< name of the case to compare with; empty for none
+    bool same_run;          ///< both must leave the same log
     std::string_view what;
     ComposedMeasurement (*measure)(const BenchmarkScale& scale);
 };
 
-/// Every case stands behind its base.
+/// All cases, each after its base.
 std::span<const ComposedCase> composedCases();
 
-/// A runtime of the benchmark network with every slot empty.
+/// A runtime of the benchmark network without any part.
 KelmRuntime makeEmptyRuntime(const BenchmarkScale& scale, IWindowBackend& backend);
 
-/// The same with learning, rhythm and samples.
+/// The same with learning, an oscillator binding and samples.
 KelmRuntime makeFullRuntime(const BenchmarkScale& scale, IWindowBackend& backend);
 
 }  // namespace Lumenar::Core::Kelm

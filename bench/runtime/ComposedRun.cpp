@@ -1,7 +1,7 @@
-// Measures runs of the benchmark network through a runtime with one part or another, each against
-// the run that lacks the part. Each run takes place in a child process of its own, and the cases of
-// one call take turns, so that a busy machine slows all of them alike. Times are processor time,
-// figures are medians over the turns, and ratios are taken within each turn.
+// Measures runs of the benchmark network through runtimes with different parts, each compared with
+// the run without the part. Each run has its own child process. The cases of one call take turns,
+// so that a busy machine slows all of them alike. Times are processor time, figures are medians
+// over the turns, and ratios are taken within each turn.
 
 #include <algorithm>
 #include <cinttypes>
@@ -25,12 +25,12 @@ constexpr const char* usage_text =
     "usage: kelm-composed-run [option value]...\n"
     "  --cases      names of cases, with commas between them (default: all)\n"
     "  --neurons    neurons of the network\n"
-    "  --base-rate  spikes/s of a neuron without drive\n"
+    "  --base-rate  spikes/s of a neuron without input\n"
     "  --horizon    ns; end of the run\n"
     "  --repeat     measured runs of each case\n"
     "Cases:\n";
 
-/// The measurements of one case, a turn each.
+/// The measurements of one case, one per turn.
 using Turns = std::vector<Measured<ComposedMeasurement>>;
 
 struct Options {
@@ -39,7 +39,7 @@ struct Options {
     int repetitions = 5;
 };
 
-/// In the order of the table, whatever the order of the names: each behind its base.
+/// The named cases in the order of the table, in which each case is after its base.
 std::vector<ComposedCase> casesNamed(const std::vector<std::string_view>& names) {
     const auto among = [](const auto& list, std::string_view name) {
         return std::find(list.begin(), list.end(), name) != list.end();
@@ -62,7 +62,7 @@ Options parseOptions(const std::vector<std::string_view>& arguments) {
     for (std::size_t i = 0; i < arguments.size(); i += 2) {
         const std::string_view option = arguments[i];
         if (i + 1 == arguments.size()) {
-            throw std::invalid_argument(std::string(option) + " lacks its value");
+            throw std::invalid_argument(std::string(option) + " needs a value");
         }
         const std::string_view value = arguments[i + 1];
         if (option == "--cases") {
@@ -138,7 +138,7 @@ void printCheckpoint(const Turns& turns) {
         mib, write.median, mib / write.median, restore.median, mib / restore.median);
 }
 
-/// Ratios within each turn: there the two runs lie side by side in time.
+/// Ratios are taken within each turn, where the two runs are close in time.
 void printRatios(const ComposedCase& c, const Turns& turns, const Turns& base) {
     std::vector<double> whole;
     std::vector<double> delivery;
@@ -155,7 +155,7 @@ void printRatios(const ComposedCase& c, const Turns& turns, const Turns& base) {
                 time.greatest, spreadOf(std::move(delivery)).median);
 }
 
-/// The turns of the case `name`, or null where it was not measured.
+/// The turns of the case `name`, or null if it was not measured.
 const Turns* turnsOf(const Options& options, const std::vector<Turns>& turns,
                      std::string_view name) {
     for (std::size_t i = 0; i < options.cases.size(); ++i) {

@@ -9,15 +9,14 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Processor time of this process so far, s, over all its threads. Others who use the machine do
-/// not count in it.
+/// Processor time of this process so far, in s, over all its threads. Other processes do not count.
 inline double processorSeconds() {
     timespec time = {};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-/// Wall time between two instants, s.
+/// Wall time between two instants, in s.
 inline double secondsBetween(std::chrono::steady_clock::time_point start,
                              std::chrono::steady_clock::time_point end) {
     return std::chrono::duration<double>(end - start).count();
@@ -38,7 +37,7 @@ inline Spread spreadOf(std::vector<double> values) {
     return {values.front(), (lower + upper) / 2, values.back()};
 }
 
-/// Of value_of(turn) over all turns.
+/// The spread of value_of(turn) over all turns.
 template <class Turn, class ValueOf>
 Spread spreadOver(const std::vector<Turn>& turns, ValueOf value_of) {
     std::vector<double> values;

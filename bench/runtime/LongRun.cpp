@@ -1,7 +1,7 @@
-// Runs the benchmark network for a long time, step by step, and tells of each step what it took and
-// what the process keeps resident, with what only grows taken off: the logs of spikes and phases,
-// recorder, journal, answers of the learning gate and the list of synapses that have faded. What is
-// left must stay as it is, and so must the time of a delivery.
+// Runs the benchmark network for a long time, step by step. For each step it prints the time and
+// the resident memory, and the memory without the lists that only grow: logs of spikes and phases,
+// recorder, journal, answers of the learning gate, and the list of synapses that have faded. This
+// rest must stay constant, and so must the time of a delivery.
 
 #include <unistd.h>
 
@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-// Known once a header of the library was read.
+// A header of the C library defines it.
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
@@ -31,9 +31,9 @@ namespace {
 
 constexpr const char* usage_text =
     "usage: kelm-long-run [option value]...\n"
-    "  --parts      none (default), or all: learning, rhythm and samples\n"
+    "  --parts      none (default), or all: learning, oscillators and samples\n"
     "  --neurons    neurons of the network (default 20000)\n"
-    "  --base-rate  spikes/s of a neuron without drive\n"
+    "  --base-rate  spikes/s of a neuron without input\n"
     "  --horizon    ns; end of the run (default 20 s)\n"
     "  --step       ns; length of a step (default 1 s)\n";
 
@@ -43,12 +43,12 @@ struct Options {
     ModelTime step = 1'000'000'000;  ///< ns
 };
 
-/// What one step took and left.
+/// Time and memory of one step.
 struct Step {
     double cpu_seconds = 0.0;
     std::uint64_t deliveries = 0;
     double resident_bytes = 0.0;
-    double grown_bytes = 0.0;  ///< of it, what only grows
+    double grown_bytes = 0.0;  ///< the lists that only grow
 
     double restBytes() const { return resident_bytes - grown_bytes; }
     double nsPerDelivery() const { return perUnit(cpu_seconds * 1e9, deliveries); }
@@ -61,7 +61,7 @@ Options parseOptions(const std::vector<std::string_view>& arguments) {
     for (std::size_t i = 0; i < arguments.size(); i += 2) {
         const std::string_view option = arguments[i];
         if (i + 1 == arguments.size()) {
-            throw std::invalid_argument(std::string(option) + " lacks its value");
+            throw std::invalid_argument(std::string(option) + " needs a value");
         }
         const std::string_view value = arguments[i + 1];
         if (option == "--parts" && (value == "none" || value == "all")) {
@@ -75,8 +75,8 @@ Options parseOptions(const std::vector<std::string_view>& arguments) {
         } else if (option == "--step") {
             options.step = parsePositive<ModelTime>(value);
         } else {
-            throw std::invalid_argument("not an option with its value: " + std::string(option) +
-                                        " " + std::string(value));
+            throw std::invalid_argument("unknown option or value: " + std::string(option) + " " +
+                                        std::string(value));
         }
     }
     return options;
@@ -84,17 +84,17 @@ Options parseOptions(const std::vector<std::string_view>& arguments) {
 
 double residentBytes() {
 #ifdef __GLIBC__
-    malloc_trim(0);  // what was given back to the allocator is not kept
+    malloc_trim(0);  // memory that the allocator holds free does not count
 #endif
     std::uint64_t total = 0;
     std::uint64_t resident = 0;
     if (!(std::ifstream("/proc/self/statm") >> total >> resident)) {
-        throw std::runtime_error("this system does not tell what is resident");
+        throw std::runtime_error("this system does not report resident memory");
     }
     return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE));
 }
 
-/// What an entry's own list takes of the heap: a word in front of it, in units of two words.
+/// The heap block of a list: the data and one word, in units of two words.
 template <class Record>
 std::size_t listBytes(const std::vector<Record>& list) {
     const std::size_t bytes = list.size() * sizeof(Record);
@@ -127,7 +127,7 @@ void runAll(const Options& options) {
     KelmRuntime runtime = options.all_parts ? makeFullRuntime(options.scale, backend)
                                             : makeEmptyRuntime(options.scale, backend);
     if (LearningControl* learning = runtime.learningControl()) {
-        // Every change of every synapse would fill the memory of most machines.
+        // A full journal would fill the memory of most machines.
         learning->setJournal(JournalMode::sampled, 0.01);
         learning->setFastWeights(true, 50'000'000, 0.0);
     }
@@ -137,7 +137,7 @@ void runAll(const Options& options) {
     }
     std::printf("%" PRIu64 " neurons, %g spikes/s, %s\n\n", options.scale.neuron_count,
                 options.scale.base_rate, options.all_parts ? "all parts" : "no parts");
-    std::printf("   until s   deliveries   ns each   resident MiB   of it grown   the rest\n");
+    std::printf("   until s   deliveries   ns each   resident MiB     lists MiB   the rest\n");
     std::vector<Step> steps;
     for (ModelTime end = 0; end < options.scale.horizon;) {
         end += std::min(options.step, options.scale.horizon - end);

@@ -14,15 +14,15 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// What a measuring process reported.
+/// The report of a measuring process.
 template <class Result>
 struct Measured {
     Result result;
-    std::uint64_t peak_bytes = 0;  ///< resident, of the whole process
+    std::uint64_t peak_bytes = 0;  ///< peak resident memory of the process
 };
 
-/// The child's side of measureInChild. It leaves through _exit, so that nothing that the parent has
-/// prepared is flushed or destroyed twice.
+/// The child's side of measureInChild. It ends with _exit, so that nothing of the parent is flushed
+/// or destroyed twice.
 template <class Result, class Measure>
 [[noreturn]] void reportTo(int pipe_end, Measure measure) {
     try {
@@ -35,17 +35,17 @@ template <class Result, class Measure>
     }
 }
 
-/// Calls measure() in a child process and returns what it returns, as bytes through a pipe: its
-/// memory is then its own, from the first page on.
-/// Throws std::runtime_error where there is no such process, or where measure() throws.
+/// Calls measure() in a child process and returns its result, which comes as bytes through a pipe.
+/// The peak memory is then that of measure() alone.
+/// Throws std::runtime_error if the process cannot be made or if measure() throws.
 template <class Result, class Measure>
 Measured<Result> measureInChild(Measure measure) {
-    // A pipe hands over so few bytes in one piece.
+    // A pipe passes so few bytes in one piece.
     static_assert(std::is_trivially_copyable_v<Result> && sizeof(Result) <= 4096);
     int ends[2] = {};
-    if (pipe(ends) != 0) throw std::runtime_error("no pipe to a measuring process");
+    if (pipe(ends) != 0) throw std::runtime_error("cannot make a pipe to a measuring process");
     const pid_t child = fork();
-    if (child < 0) throw std::runtime_error("no measuring process");
+    if (child < 0) throw std::runtime_error("cannot start a measuring process");
     if (child == 0) reportTo<Result>(ends[1], measure);
     close(ends[1]);
     Measured<Result> measured;

@@ -9,9 +9,8 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// What main of a measuring program does: it calls run(arguments), without the program's name, and
-/// tells of what is thrown, with print_usage() behind an argument that makes no sense. Returns the
-/// exit status.
+/// The main function of a measuring program. Calls run(arguments) without the program's name and
+/// prints exceptions, followed by print_usage() for a bad argument. Returns the exit status.
 template <class Run, class PrintUsage>
 int runMeasuringProgram(const char* name, int argc, char** argv, Run run, PrintUsage print_usage) {
     try {

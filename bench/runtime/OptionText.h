@@ -10,7 +10,7 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Throws std::invalid_argument for anything but a number above 0.
+/// Throws std::invalid_argument unless `text` is a number above 0.
 template <class Value>
 Value parsePositive(std::string_view text) {
     Value value = 0;

@@ -1,6 +1,6 @@
-// Measures whole runs of the benchmark network on the host's backends. Each run takes place in a
-// child process of its own, so that its peak memory is its own, and the cases of one call take
-// turns, so that a busy machine slows all of them alike. Times are medians over the turns.
+// Measures whole runs of the benchmark network on the host's backends. Each run has its own child
+// process, so that its peak memory can be measured. The cases of one call take turns, so that a
+// busy machine slows all of them alike. Times are medians over the turns.
 
 #include <chrono>
 #include <cinttypes>
@@ -34,17 +34,17 @@ namespace {
 
 constexpr const char* usage_text =
     "usage: kelm-whole-run [--floor] [option value[,value...]]...\n"
-    "  --floor        repeats the kernel's part of each run by itself and compares\n"
-    "  --lanes        vectors to compute in: avx2 or avx512, or none (default)\n"
+    "  --floor        repeats the backend's part of each run alone and compares\n"
+    "  --lanes        instruction set of vector lanes: avx2, avx512 or none (default)\n"
     "  --neurons      neurons of the network\n"
-    "  --base-rate    spikes/s of a neuron without drive\n"
+    "  --base-rate    spikes/s of a neuron without input\n"
     "  --d-min        ns; length of a window and delay of every synapse\n"
     "  --horizon      ns; candidates are drawn up to here\n"
     "  --until        ns; the run ends here (default: the horizon)\n"
     "  --buckets      run over a given store with a ring of this length, or 0 for none (default)\n"
     "  --threads      threads of the threaded backend, or 0 for none (default)\n"
     "  --repeat       measured runs of each case\n"
-    "An option with several values makes as many cases; one with a single value holds for all.\n";
+    "An option with several values makes as many cases; a single value applies to all cases.\n";
 
 struct Case {
     BenchmarkScale scale;
@@ -69,7 +69,7 @@ struct Options {
     bool floor = false;
 };
 
-/// What one run reports to the process that asked for it, as bytes.
+/// The figures of one run, passed to the parent process as bytes.
 struct Measurement {
     double setup_seconds = 0.0;    ///< wall time of building the network and the runtime
     double seconds = 0.0;          ///< wall time of the run
@@ -78,11 +78,11 @@ struct Measurement {
     std::uint64_t spikes = 0;
     std::uint64_t log_hash = 0;
     WindowProfile profile;
-    double floor_seconds = 0.0;     ///< processor time of the kernel's part by itself, if asked for
+    double floor_seconds = 0.0;     ///< processor time of the backend's part alone, with --floor
     std::uint64_t floor_items = 0;  ///< work items of the run
 };
 
-/// The measurements of one case, a turn each.
+/// The measurements of one case, one per turn.
 using Turns = std::vector<Measured<Measurement>>;
 
 const Lanes::LaneKernels* laneKernelsOf(std::string_view text) {
@@ -90,10 +90,10 @@ const Lanes::LaneKernels* laneKernelsOf(std::string_view text) {
     for (const Lanes::LaneKernels* kernels : Lanes::availableKernels()) {
         if (text == kernels->name) return kernels;
     }
-    throw std::invalid_argument("this processor has no vectors named " + std::string(text));
+    throw std::invalid_argument("this processor has no vector lanes named " + std::string(text));
 }
 
-/// What an option sets in a case.
+/// An option, and how it changes a case.
 struct Setting {
     std::string_view option;
     void (*set)(Case& c, std::string_view text);
@@ -132,12 +132,12 @@ const Setting& settingOf(std::string_view option) {
     throw std::invalid_argument("unknown option " + std::string(option));
 }
 
-/// A list shorter than the cases that there are, or that it makes, must be a single value.
+/// Applies one value to all cases, or one value to each case. The first list makes the cases.
 void applyToCases(std::vector<Case>& cases, const Setting& setting,
                   const std::vector<std::string_view>& values) {
     if (cases.size() == 1) cases.resize(values.size(), cases[0]);
     if (values.size() != 1 && values.size() != cases.size()) {
-        throw std::invalid_argument("the options name different numbers of cases");
+        throw std::invalid_argument("the options have different numbers of values");
     }
     for (std::size_t i = 0; i < cases.size(); ++i) {
         setting.set(cases[i], values[values.size() == 1 ? 0 : i]);
@@ -153,7 +153,7 @@ Options parseOptions(const std::vector<std::string_view>& arguments) {
             continue;
         }
         if (++i == arguments.size()) {
-            throw std::invalid_argument(std::string(option) + " lacks its value");
+            throw std::invalid_argument(std::string(option) + " needs a value");
         }
         if (option == "--repeat") {
             options.repetitions = parsePositive<int>(arguments[i]);
@@ -177,7 +177,7 @@ KelmRuntime makeRuntime(const Case& c, IWindowBackend& backend) {
         std::move(store));
 }
 
-/// The CPU backend, where the case names no other. Threads with lanes compute their pieces in them.
+/// The backend of a case: threads, lanes, threads with lanes, or else the CPU backend.
 std::unique_ptr<IWindowBackend> makeBackend(const Case& c) {
 #ifdef KELM_HAVE_THREADS
     if (c.threads != 0 && c.lanes != nullptr) {
@@ -189,7 +189,7 @@ std::unique_ptr<IWindowBackend> makeBackend(const Case& c) {
     return std::make_unique<CpuWindowBackend>();
 }
 
-/// `share`: whether the backend's share is measured, which asks for the time twice in each part.
+/// `share`: whether to measure the backend's share, which reads the clock twice in each part.
 Measurement measureRun(const Case& c, bool share) {
     using Clock = std::chrono::steady_clock;
     const std::unique_ptr<IWindowBackend> inner = makeBackend(c);
@@ -214,7 +214,7 @@ Measurement measureRun(const Case& c, bool share) {
     return result;
 }
 
-/// Runs the case once more, with a record of its work, and repeats the kernel's part of it.
+/// Runs the case once more, records its work, and repeats the backend's part.
 void measureFloor(const Case& c, Measurement& result) {
     const std::unique_ptr<IWindowBackend> backend = makeBackend(c);
     WorkRecorder recorder(*backend);
@@ -239,7 +239,7 @@ Spread spreadOf(const Turns& turns, double Measurement::*field) {
     return spreadOver(turns, [=](const auto& turn) { return turn.result.*field; });
 }
 
-/// What is compared between cases. Time is processor time, of all threads, where it is not said.
+/// The figures that are compared between cases. `cpu_seconds` covers all threads.
 struct Summary {
     double cpu_seconds;
     double wall_seconds;
@@ -278,14 +278,15 @@ void printCase(const Case& c, const Turns& turns, const Summary& summary) {
     std::printf("  %.3f s processor (%.3f to %.3f), %.3f s wall, ", cpu.median, cpu.least,
                 cpu.greatest, wall);
     if (summary.backend_wall_seconds > 0.0) {
-        std::printf("of it %.1f %% in the backend; ", 100.0 * summary.backend_wall_seconds / wall);
+        std::printf("%.1f %% of that in the backend; ",
+                    100.0 * summary.backend_wall_seconds / wall);
     }
     std::printf("setup %.3f s\n", spreadOf(turns, &Measurement::setup_seconds).median);
     std::printf("  %.1f ns a delivery, %.3f us a window, peak %.1f MiB\n", summary.ns_per_delivery,
                 summary.us_per_window, summary.peak_mib);
 }
 
-/// The ratio is taken within each turn: a run and its floor lie side by side in time.
+/// The ratio is taken within each turn, where a run and its floor are close in time.
 void printFloor(const Turns& turns) {
     const std::uint64_t items = turns.front().result.floor_items;
     const Spread floor = spreadOf(turns, &Measurement::floor_seconds);
@@ -310,7 +311,7 @@ void printFloorRatio(std::size_t index, const Turns& turns, const Turns& base) {
                 ratio.least, ratio.greatest);
 }
 
-/// Wall times are compared within each turn, where two cases lie side by side in time.
+/// Wall times are compared within each turn, where two cases are close in time.
 void printRatios(std::size_t index, const std::vector<Turns>& turns,
                  const std::vector<Summary>& summaries) {
     const Summary& summary = summaries[index];

@@ -33,7 +33,7 @@ void WorkRecorder::processWindow(const std::span<const WindowWork>& work,
     for (const WindowWork& item : work) {
         if (!equalBytes(item.parameters, neuron) || !equalBytes(item.firing, firing) ||
             !equalBytes(item.drive, PhaseDrive())) {
-            throw std::runtime_error("only work of equal neurons without a drive is recorded");
+            throw std::runtime_error("the recorder needs equal neurons without drives");
         }
         window.items.push_back({item.state, item.rng, item.pending_time, item.pending_bound,
                                 item.first_event, item.event_count});
@@ -87,7 +87,7 @@ double WorkRecorder::replay() {
     return seconds;
 }
 
-/// Any difference between two walks reaches the generator's state, the candidate or the membrane.
+/// Any difference of two walks shows in the random state, the candidate or the membrane.
 std::uint64_t WorkRecorder::mix(std::uint64_t sum, std::span<const Kernel::WindowResult> results) {
     for (const Kernel::WindowResult& result : results) {
         sum = splitmixOutput(sum ^ result.rng);

@@ -8,11 +8,11 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Computes windows with another backend and keeps what each of them was given, so that the
-/// backend's part of a whole run can be repeated by itself: the floor under the time of that run.
+/// Computes windows with another backend and records their items and events. The backend's part of
+/// a whole run can then be repeated alone. Its time is the floor of the time of that run.
 ///
-/// For networks of equal neurons without modulation, whose parameters and empty drives are kept
-/// once: 80 bytes an item and 24 an event.
+/// Only for networks of equal neurons without drives, so that an item takes 80 bytes and an event
+/// 24.
 class WorkRecorder final : public IWindowBackend {
 public:
     /// `backend` must outlive the recorder.
@@ -29,15 +29,15 @@ public:
 
     std::uint64_t itemCount() const;
 
-    /// Lets the backend compute every window that was recorded, in the order of the run, and
-    /// returns the processor time spent in it, s. A window's items are laid out as the engine lays
-    /// them out before the clock starts, so that they are where a run would find them. Throws
-    /// std::runtime_error where the results are not those of the run.
+    /// Computes every recorded window again, in the order of the run, and returns the processor
+    /// time of the backend in s. Before the clock starts, the items are laid out as the engine lays
+    /// them out, so that they are in the same caches as in a run. Throws std::runtime_error if the
+    /// results differ from those of the run.
     double replay();
 
 private:
-    /// Several of the engine's: looking at the clock takes 4 % of 256 items in lanes. These are
-    /// still in the second cache when the clock starts.
+    /// Larger than the engine's part, because reading the clock takes 4 % of the time of 256 items
+    /// in lanes. So many items are still in the second cache when the clock starts.
     static constexpr std::size_t part_items = 1024;
 
     struct Item {
@@ -61,7 +61,7 @@ private:
     Kernel::Firing firing_;
     ModelTime horizon_ = 0;
     std::vector<Window> windows_;
-    std::uint64_t sum_ = 0;  ///< of all results
+    std::uint64_t sum_ = 0;  ///< checksum of all results
 };
 
 }  // namespace Lumenar::Core::Kelm

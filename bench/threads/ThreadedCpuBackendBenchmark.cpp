@@ -15,15 +15,15 @@
 
 // Windows of few items on the reference backend and on two threads, cut from a window of the
 // benchmark network at 50 spikes/s. "stay" measures windows below the threshold one after another;
-// what they take on two threads above the reference is the price of having asked. "wake" has no
-// threshold and works by itself for 300 us before each window, as an engine does, so that the
-// workers have gone to sleep; where its time falls below the reference's, a threshold belongs.
+// the difference to the reference is the cost of the threshold check. "wake" has no threshold and
+// keeps the calling thread busy for 300 us before each window, as an engine does, so that the
+// workers sleep. The threshold belongs at the size from which it is faster than the reference.
 
 namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// Keeps the last window that it was given.
+/// Keeps the last window.
 class LastWindow final : public IWindowBackend {
 public:
     const char* name() override { return "last window"; }
