@@ -1,4 +1,4 @@
-# Options of everything that is built here and of nothing that is exported.
+# Options of all targets of this build. They are not exported.
 
 add_library(kelm_build_options INTERFACE)
 set(host_code $<COMPILE_LANG_AND_ID:CXX,GNU,Clang,AppleClang>)

@@ -1,5 +1,5 @@
-# Finds out whether the device library is built, and with which architecture. Sets KELM_HAVE_CUDA
-# and KELM_CUDA_SUMMARY.
+# Decides whether the device library is built, and for which architecture. Sets KELM_HAVE_CUDA and
+# KELM_CUDA_SUMMARY.
 
 set(KELM_HAVE_CUDA OFF)
 set(KELM_CUDA_SUMMARY "off")
@@ -18,6 +18,6 @@ if(NOT KELM_CUDA STREQUAL "OFF")
     elseif(KELM_CUDA STREQUAL "ON")
         message(FATAL_ERROR "KELM_CUDA is ON, but no nvcc was found")
     else()
-        message(STATUS "No nvcc was found: kelm_cuda is left out, and kelmgate reports no device")
+        message(STATUS "No nvcc was found: kelm_cuda is not built, and kelmgate reports no device")
     endif()
 endif()

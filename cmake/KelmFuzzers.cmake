@@ -1,4 +1,4 @@
-# Finds out whether the fuzzers can be built, and instruments all code for them.
+# Checks whether the fuzzers can be built, and instruments all code for them.
 
 if(KELM_BUILD_FUZZERS)
     include(CheckCXXSourceCompiles)
@@ -9,11 +9,11 @@ if(KELM_BUILD_FUZZERS)
     unset(CMAKE_REQUIRED_FLAGS)
     if(NOT KELM_HAVE_LIBFUZZER)
         message(FATAL_ERROR "KELM_BUILD_FUZZERS is ON, but ${CMAKE_CXX_COMPILER} does not link "
-            "libFuzzer: it takes clang++ (CMAKE_CXX_COMPILER) with its runtime libraries, which "
-            "Debian has in libclang-rt-14-dev")
+            "libFuzzer. Set CMAKE_CXX_COMPILER to clang++ and install its runtime libraries "
+            "(Debian: libclang-rt-14-dev)")
     endif()
     target_compile_options(kelm_build_options INTERFACE
         $<$<COMPILE_LANGUAGE:CXX>:-fsanitize=fuzzer-no-link>)
-    # Brings the runtime that instrumented code calls into programs that are no fuzzers.
+    # Links the runtime that instrumented code calls into programs that are not fuzzers.
     target_link_options(kelm_build_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()

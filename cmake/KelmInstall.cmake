@@ -15,7 +15,7 @@ endif()
 install(TARGETS ${installed_targets} EXPORT kelmTargets FILE_SET HEADERS)
 install(EXPORT kelmTargets NAMESPACE kelm:: DESTINATION ${package_dir})
 
-# A set of its own, so that who wants kelm::kelm alone needs no oneTBB.
+# A separate export, so that a project with only kelm::kelm needs no oneTBB.
 if(KELM_HAVE_THREADS)
     install(TARGETS kelm_threads EXPORT kelmThreadsTargets FILE_SET HEADERS)
     install(EXPORT kelmThreadsTargets NAMESPACE kelm:: DESTINATION ${package_dir})

@@ -1,4 +1,4 @@
-# Finds out whether the threaded backend is built. Sets KELM_HAVE_THREADS and KELM_THREADS_SUMMARY.
+# Decides whether the threaded backend is built. Sets KELM_HAVE_THREADS and KELM_THREADS_SUMMARY.
 
 set(KELM_HAVE_THREADS OFF)
 set(KELM_THREADS_SUMMARY "off")
@@ -8,8 +8,8 @@ if(NOT KELM_THREADS STREQUAL "OFF")
         set(KELM_HAVE_THREADS ON)
         set(KELM_THREADS_SUMMARY "on (oneTBB ${TBB_VERSION})")
     elseif(KELM_THREADS STREQUAL "ON")
-        message(FATAL_ERROR "KELM_THREADS is ON, but no oneTBB from 2021 on was found")
+        message(FATAL_ERROR "KELM_THREADS is ON, but no oneTBB 2021 or later was found")
     else()
-        message(STATUS "No oneTBB was found: kelm_threads is left out")
+        message(STATUS "No oneTBB was found: kelm_threads is not built")
     endif()
 endif()

@@ -1,5 +1,5 @@
-# Runs PROGRAM straight through, and in two processes over a checkpoint in FILE. Both must end in the
-# same line.
+# Runs PROGRAM once in one process, and once in two processes with a checkpoint in FILE. Both runs
+# must print the same last line.
 
 function(run output)
     execute_process(COMMAND ${PROGRAM} ${ARGN} OUTPUT_VARIABLE text COMMAND_ERROR_IS_FATAL ANY)

@@ -1,5 +1,5 @@
-# Runs PROGRAM twice, with SEED as its argument if given. Both runs must end well and print the same
-# text, which matches EXPECTED. With OTHER_SEED a third run must print another text.
+# Runs PROGRAM twice, with SEED as its argument if given. Both runs must succeed and print the same
+# text, and the text must match EXPECTED. With OTHER_SEED a third run must print another text.
 
 function(run output)
     execute_process(COMMAND ${PROGRAM} ${ARGN} OUTPUT_VARIABLE text COMMAND_ERROR_IS_FATAL ANY)

@@ -1,4 +1,4 @@
-# Fails unless the file EXAMPLE stands in README as a block of code, to the letter.
+# Fails unless README contains the exact text of the file EXAMPLE as a block of code.
 
 file(READ ${README} readme)
 file(READ ${EXAMPLE} example)

@@ -1,8 +1,8 @@
-// Freezes a run to a file, and resumes it in another process.
+// Saves a run to a file and resumes it in another process.
 //
 //     freeze straight          runs to the end and prints the log's hash
-//     freeze first FILE        runs half of the way and writes a checkpoint
-//     freeze second FILE       reads it, runs the rest and prints the log's hash
+//     freeze first FILE        runs to half of the horizon and writes a checkpoint
+//     freeze second FILE       reads the checkpoint, runs the rest and prints the log's hash
 #include <cinttypes>
 #include <cstdio>
 #include <filesystem>
@@ -24,7 +24,7 @@ constexpr ModelTime millisecond = 1'000'000;
 constexpr NodeId neuron_count = 100;
 constexpr ModelTime horizon = 400 * millisecond;
 
-/// Both processes build the same model: a checkpoint holds what a run changed, and nothing else.
+/// Both processes build the same model: a checkpoint does not hold its parameters.
 KelmRuntime build(IWindowBackend& backend) {
     std::vector<Synapse> synapses;
     for (NodeId n = 0; n < neuron_count; ++n) {
@@ -44,7 +44,7 @@ KelmRuntime build(IWindowBackend& backend) {
                            &backend, nullptr, plasticity);
 }
 
-/// Whole or not at all: a reader never finds half a checkpoint under the name.
+/// Writes a temporary file and renames it, so that `path` never holds half a checkpoint.
 void writeWhole(const std::filesystem::path& path, const Blob& bytes) {
     std::filesystem::path temporary = path;
     temporary += ".part";

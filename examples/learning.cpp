@@ -1,6 +1,6 @@
-// A path of three neurons that an outside source drives one after the other: the pair rule
-// strengthens the synapses along the path and weakens those against it. Prints the course of the
-// four weights, taken from the journal.
+// A path of three neurons. Inputs drive them one after the other, so the pair rule strengthens the
+// synapses along the path and weakens the synapses against it. Prints the four weights over time,
+// taken from the journal.
 #include <array>
 #include <cinttypes>
 #include <cstdio>
@@ -38,7 +38,7 @@ PlasticityConfig pairRule() {
     return config;
 }
 
-/// A channel per neuron, strong enough to make it fire.
+/// One channel per neuron, strong enough to make it fire.
 std::vector<InputChannelSpec> drives() {
     std::vector<InputChannelSpec> channels;
     for (NodeId n = 0; n < 3; ++n) {
@@ -68,7 +68,7 @@ int main() {
     }
     runtime.run();
 
-    // The journal tells every change; what stands between two lines is the last of each synapse.
+    // The journal holds every change. A line shows the last weight of each synapse up to its time.
     std::array<double, 4> weights{0.3, 0.3, 0.3, 0.3};
     std::printf("   time   0->1                 1->2                 1->0                 2->1\n");
     ModelTime line = 0;

@@ -1,6 +1,6 @@
-// A population driven by an oscillator of 8 cycles a second: half of the neurons prefer its crest,
-// half its trough. Prints a raster, and for each half the histogram of the phases at which it
-// fired.
+// A population that an oscillator drives with 8 cycles per second. Half of the neurons prefer its
+// crest, the other half its trough. Prints a raster, and for each half a histogram of the phases of
+// its spikes.
 #include <array>
 #include <cinttypes>
 #include <cstdio>
@@ -22,7 +22,7 @@ constexpr NodeId trough_from = 100;
 constexpr ModelTime horizon = 1000 * millisecond;
 constexpr std::uint32_t theta = 1;
 
-/// Every neuron excites the next one of its half, weakly.
+/// Every neuron weakly excites the next one of its half.
 SynapseGraph wire() {
     std::vector<Synapse> synapses;
     for (NodeId n = 0; n < neuron_count; ++n) {
@@ -66,7 +66,7 @@ int main() {
     CpuWindowBackend backend;
     KelmRuntime runtime = makeKelmRuntime(wire(), neuron, firing, /*seed=*/1, horizon, &backend,
                                           nullptr, {}, rhythm());
-    // Every neuron belongs to the rhythm, so that its spikes are logged with the rhythm's phase.
+    // Every neuron is a member of the oscillator, so each spike is logged with its phase.
     runtime.oscillators()->setMemberships(
         std::vector<std::vector<std::uint32_t>>(neuron_count, {theta}));
     runtime.run();

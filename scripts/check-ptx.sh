@@ -1,16 +1,16 @@
 #!/usr/bin/env bash
-# Checks that our device code rounds every floating-point operation by itself, without a device.
+# Checks that our device code rounds every floating-point operation by itself. Needs no device.
 #
-#   scripts/check-ptx.sh BUILD [NVCC OPTION...]   compiles the device unit of a build folder that was
-#                                                 configured with the device library to PTX, with the
-#                                                 options of that build and the ones given here
-#   scripts/check-ptx.sh FILE.ptx                 takes PTX as it is
+#   scripts/check-ptx.sh BUILD [OPTION...]   compiles the device unit of the build folder BUILD to
+#                                            PTX and checks it. BUILD must be configured with the
+#                                            device library. nvcc gets the options too.
+#   scripts/check-ptx.sh FILE.ptx            checks a PTX file
 #
-# Status 0: nothing was found. 1: our kernels hold an operation that may round otherwise than the
-# host does, or there are none of them. 2: the check could not be made.
+# Status 0: no forbidden operation. 1: our kernels contain an operation that may round differently
+# from the host, or the text has none of our kernels. 2: the check could not run.
 #
-# Looked at is what carries our namespace in front of its name. The kernels of the sort and scan
-# library carry our records only in their arguments; they compute with integers alone.
+# The check covers functions whose names begin with our namespace. The kernels of the sort and scan
+# library have our records only in their arguments, and they compute with integers only.
 set -euo pipefail
 
 fail() {
@@ -18,7 +18,7 @@ fail() {
     exit 2
 }
 
-# The command that the build compiles the unit with, from its list of commands.
+# Prints the build's compile command of the unit.
 compile_command() {
     awk '
         /^ *"directory": / { directory = $0 }
@@ -33,7 +33,7 @@ compile_command() {
         }' "$1"
 }
 
-[[ $# -ge 1 ]] || fail 'names no build folder and no PTX file'
+[[ $# -ge 1 ]] || fail 'give a build folder or a PTX file'
 source=$1
 shift
 if [[ -d $source ]]; then
@@ -50,8 +50,8 @@ else
 fi
 [[ -s $ptx ]] || fail "no PTX in $ptx"
 
-# -fmad=false makes the compiler write a rounding into every operation (add.rn.f64); without one the
-# assembler behind it may still fuse what stands apart here.
+# With -fmad=false every operation has an explicit rounding (add.rn.f64). Without one, the assembler
+# may still fuse separate operations.
 awk '
     function report(what) {
         print "forbidden in " name ": " what
@@ -71,7 +71,7 @@ awk '
         sub(/\/\/.*/, "")
         sub(/^[\t {]*(@!?%p[0-9]+[\t ]+)?/, "")
         if (call != "" || $1 ~ /^call/) {
-            # A call spreads over lines up to its semicolon.
+            # A call extends over several lines up to its semicolon.
             call = call " " $0
             if (call !~ /;/) next
             if (call !~ /_ZZ*NK?7Lumenar/) report(call)

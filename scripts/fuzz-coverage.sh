@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Tells how much of the readers' own text the fuzzers reach with what scripts/fuzz.sh has learned:
-# for each fuzzer, lines and branches of its reader's functions that take stored bytes.
+# Prints how much of the readers the fuzzers reach with the inputs that scripts/fuzz.sh has learned:
+# for each reader, lines and branches of its functions that take stored bytes.
 #
-#   scripts/fuzz-coverage.sh [READER...]   all readers, where none is named
+#   scripts/fuzz-coverage.sh [READER...]   all readers if none is named
 set -euo pipefail
 # shellcheck source=scripts/setup.sh
 source "$(dirname -- "${BASH_SOURCE[0]}")/setup.sh"
@@ -18,7 +18,7 @@ cmake --preset fuzz -B "$build" -DKELM_SANITIZE= \
     -DCMAKE_CXX_FLAGS='-fprofile-instr-generate -fcoverage-mapping' >/dev/null
 cmake --build "$build" --target kelm-fuzzers >/dev/null
 
-# What reads bytes, and what holds them against the object before they are in force.
+# The functions that read bytes and check them against the object.
 reading='::(restore[A-Za-z]*|read[A-Z][A-Za-z]*|claimCandidate)\('
 
 readers=("$@")

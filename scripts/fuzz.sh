@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Builds the fuzzers of the readers and runs each for a while, two at a time; status 1 if one finds
-# something.
+# Builds the fuzzers of the readers and runs each for SECONDS, two at a time. Status 1 if one finds
+# a fault.
 #
-#   scripts/fuzz.sh SECONDS [READER...]   all readers, where none is named
+#   scripts/fuzz.sh SECONDS [READER...]   all readers if none is named
 #
-# What a fuzzer has learned stays in build/fuzz/fuzz/learned/READER for the next time. An input that
-# shows a fault is kept in build/fuzz/fuzz/found, with the program's report beside it;
-# build/fuzz/fuzz/kelm-fuzz-READER FILE shows the fault again.
+# Learned inputs stay in build/fuzz/fuzz/learned/READER for the next run. An input that shows a
+# fault stays in build/fuzz/fuzz/found, together with the program's report. To show the fault again,
+# run build/fuzz/fuzz/kelm-fuzz-READER FILE.
 set -euo pipefail
 # shellcheck source=scripts/setup.sh
 source "$(dirname -- "${BASH_SOURCE[0]}")/setup.sh"
@@ -32,7 +32,7 @@ if ((! $#)); then
     for reader in "$folder"/corpus/*/; do readers+=("$(basename "$reader")"); done
 fi
 
-# Prints one line: executions, and how many edges of the program's flow they have reached.
+# Runs one fuzzer. Prints the executions and the number of control-flow edges that they reached.
 fuzz() {
     local reader=$1 report=$folder/found/$1.log status=0
     mkdir -p "$folder/learned/$reader"
@@ -56,7 +56,7 @@ status=0
 running=0
 for reader in "${readers[@]}"; do
     [[ -x $folder/kelm-fuzz-$reader ]] || {
-        echo "no reader $reader" >&2
+        echo "there is no reader $reader" >&2
         exit 2
     }
     if ((running == 2)); then

@@ -1,29 +1,28 @@
 #!/usr/bin/env python3
 """Plants small mistakes in the engine, one at a time, and lists those that no test notices.
 
-    scripts/mutate.py                      plants, builds, runs what has not been run, reports
+    scripts/mutate.py                      plants, builds, runs missing results, reports
     scripts/mutate.py --list               the mistakes of this draw, without a build
-    scripts/mutate.py --run ID...          runs these again, and says which test caught them
-    scripts/mutate.py --survivors          runs those again that survived, after a change of tests
-    scripts/mutate.py --without FILTER     which mistakes would survive without these tests, named
-                                           as --gtest_filter names them, with the program before a
-                                           colon: events:BucketEventStore.*
-    scripts/mutate.py --report             the table, without running anything
-    --seed N, --count N, --only FILE       the draw: its seed, how many mistakes, one file alone
+    scripts/mutate.py --run ID...          runs these again and prints the test that caught each
+    scripts/mutate.py --survivors          runs the survivors again, after a change of tests
+    scripts/mutate.py --without FILTER     lists the mistakes that would survive without some tests.
+                                           FILTER is a program, a colon and a --gtest_filter
+                                           pattern: events:BucketEventStore.*
+    scripts/mutate.py --report             prints the table without running anything
+    --seed N, --count N, --only FILE       the draw: seed, number of mistakes, one file only
 
-Everything is built once, with all mistakes in: the sources are copied to build/mutate/source, and
-each chosen place there becomes a choice between what stands and the mistake, made by the number in
-the environment variable KELM_MISTAKE. A mistake that does not compile is dropped. A first round
-notes which test reaches which place; a mistake then meets the tests that reach it, those of its own
-folder and the fast ones first, until one fails. A crash, a time limit and a memory limit count as
-failures.
+All mistakes are built at once. The sources are copied to build/mutate/source. There, each chosen
+place becomes a choice between the original text and the mistake; the environment variable
+KELM_MISTAKE gives the number of the mistake to make. Mistakes that do not compile are dropped. A
+first round records which test reaches which place. Each mistake then runs the tests that reach it,
+until one fails: first the fast ones and those of its own folder. A crash, a time limit and a memory
+limit count as failures.
 
-What has been found stands in build/mutate/state.json, so that an interrupted run goes on. Results
-hold for the sources under kelm/ that they were found with; a change of tests alone keeps those that
-were caught, as --survivors says above.
+The results are in build/mutate/state.json, so an interrupted run can continue. A change under kelm/
+discards them. A change of tests keeps the mistakes that were caught; --survivors runs the others.
 
-Not planted, because no outcome of a run can differ: what EXCLUDED names. A survivor of which that
-is known as well stands with its reason in scripts/mutants-that-cannot-matter.txt.
+EXCLUDED lists places whose mistakes cannot show in a run; they get none. For survivors that cannot
+show either, scripts/mutants-that-cannot-matter.txt gives the reason.
 """
 
 import argparse
@@ -43,7 +42,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parent.parent
 EXPLANATIONS = Path("scripts/mutants-that-cannot-matter.txt")
 
-# Folders that get mistakes, and the part of the system that each stands for.
+# Folders that get mistakes, and the names of their parts in the table.
 FOLDERS = {
     "kelm/core": "kernel",
     "kelm/kernel": "kernel",
@@ -55,7 +54,7 @@ FOLDERS = {
     "kelm/threads": "threads",
     "kelm/cuda": "device",
 }
-# Whose tests are asked first.
+# The test programs that run first, by folder.
 OWN_PROGRAMS = {
     "kelm/core": ["core"],
     "kelm/kernel": ["kernel"],
@@ -68,17 +67,17 @@ OWN_PROGRAMS = {
     "kelm/cuda": ["cuda"],
 }
 
-# Places that get no mistake: file (or *), what occurs in the statement, why no run could show it.
+# Places that get no mistake: file (or *), pattern in the statement, reason.
 EXCLUDED = [
     ("kelm/core/Failures.h", "", "texts of errors"),
     ("kelm/core/LargePages", "", "advice to the system about memory; speed alone"),
     ("kelm/core/Prefetch.h", "", "hints; speed alone"),
-    ("kelm/cuda/DeviceLayerCuda.h", "", "compiled by nvcc alone; no test here runs it"),
-    ("kelm/cuda/NoDevice.cpp", "", "linked by the program without a device alone"),
+    ("kelm/cuda/DeviceLayerCuda.h", "", "only nvcc compiles it; no test here runs it"),
+    ("kelm/cuda/NoDevice.cpp", "", "only the program without a device links it"),
     ("*", r"prefetch", "a hint; speed alone"),
     ("*", r"\b(?!live_|claimed)\w+(\(\))?\.reserve\(|\breserve\w*_?\.reserve\(",
      "storage sized ahead; speed alone"),
-    ("*", r"steady_clock|wall_ns|_seconds\b|secondsBetween", "measured time is promised to nobody"),
+    ("*", r"steady_clock|wall_ns|_seconds\b|secondsBetween", "measured time is not promised"),
     ("*", r"\bspinUntil\b|\bspins\b", "how long a thread spins before it sleeps; speed alone"),
     ("*", r"__builtin_expect|LIKELY", "hint to the compiler"),
 ]
@@ -91,7 +90,7 @@ BINARY = {
     "+=": ["-="], "-=": ["+="], "*=": ["+="], "|=": ["&="], "&=": ["|="],
     "<<=": [">>="], ">>=": ["<<="],
 }
-# Calls whose arguments may stand in either order.
+# Calls whose arguments may be exchanged.
 COMMUTATIVE = {"addTime", "equalBytes", "max", "min", "section", "sum"}
 COMPARISONS = {"<", "<=", ">", ">=", "==", "!="}
 LOGICAL = {"&&", "||"}
@@ -128,11 +127,11 @@ class Token:
 
 
 class Host:
-    """A statement, or a part of one, that can be chosen between in two forms."""
+    """A statement, or a part of one, that can hold a mistake."""
 
     def __init__(self, kind, first, last, outer_first, outer_last):
         self.kind = kind  # condition, return, statement, jump, value
-        self.first, self.last = first, last  # tokens of the text that mistakes change, end exclusive
+        self.first, self.last = first, last  # tokens that mistakes change, end exclusive
         self.outer_first, self.outer_last = outer_first, outer_last  # tokens that are replaced
         self.inner = []  # hosts inside lambdas of this one
         self.mistakes = []
@@ -167,14 +166,14 @@ class Source:
         return self.tokens[i].text if 0 <= i < len(self.tokens) else ""
 
     def spaced(self, i):
-        """Whether white space stands on both sides: a binary operator, as clang-format has it."""
+        """Whether white space is on both sides, as clang-format sets it for a binary operator."""
         token = self.tokens[i]
         return self.text[token.start - 1].isspace() and self.text[token.end].isspace()
 
-    # --- Where the statements are ---------------------------------------------------------------
+    # --- Finding the statements -----------------------------------------------------------------
 
     def skip_angles(self, i):
-        """Behind the angle brackets that open at i."""
+        """The token after the angle brackets that open at i."""
         depth = 0
         while i < len(self.tokens):
             text = self.t(i)
@@ -187,7 +186,7 @@ class Source:
         return i
 
     def scope(self, i, end):
-        """Declarations of a namespace or a class."""
+        """Scans the declarations of a namespace or a class."""
         while i < end:
             start = i
             words = []
@@ -222,7 +221,7 @@ class Source:
                     ")", "const", "noexcept", "override", "final")):
                 self.block(i + 1, close)
             elif parenthesised and ":" in words and "=" not in words:
-                i = close + 1  # a member initialised in braces; the body comes yet
+                i = close + 1  # a member initialised in braces; the body follows
                 while i < end and self.t(i) not in ("{", ";"):
                     i = self.partner[i] + 1 if self.t(i) == "(" else i + 1
                 if i < end and self.t(i) == "{":
@@ -245,7 +244,7 @@ class Source:
         return host
 
     def lambdas(self, first, last):
-        """The bodies of lambdas between two tokens."""
+        """Scans the bodies of lambdas between two tokens."""
         i = first
         while i < last:
             if self.t(i) == "[" and not self.is_subscript(i):
@@ -274,7 +273,7 @@ class Source:
         return i
 
     def statement(self, i):
-        """Notes the places of the statement at i; returns where the next one starts."""
+        """Records the places of the statement at i; returns the start of the next one."""
         text = self.t(i)
         if text == "{":
             self.block(i + 1, self.partner[i])
@@ -357,7 +356,7 @@ class Source:
         self.host("condition", first, last, first, last)
 
     def plain(self, i, end, head=False):
-        """A declaration or an expression."""
+        """Scans a declaration or an expression."""
         equals = None
         declares = self.t(i) in ("const", "auto", "std", "volatile") and self.t(i + 1) != "("
         if self.t(i) == "std":
@@ -397,10 +396,10 @@ class Source:
             return
         self.host("statement", i, end, i, end + 1)
 
-    # --- What can be wrong in a place -----------------------------------------------------------
+    # --- The mistakes of a place ----------------------------------------------------------------
 
     def own_tokens(self, host):
-        """Tokens of a host outside the bodies of its lambdas."""
+        """The tokens of a host outside the bodies of its lambdas."""
         inside = [(h.outer_first, h.outer_last) for h in host.inner]
         hidden = set()
         for i in range(host.first, host.last):
@@ -420,8 +419,8 @@ class Source:
         return [i for i in range(host.first, host.last) if i not in hidden]
 
     def start_before(self, i, host, ends):
-        """Where the expression begins that ends before i; `ends` stand before it as well as what
-        stands before any."""
+        """The start of the expression that ends before i. A token of `ends` also ends the
+        search."""
         j = i
         while j > host.first:
             text = self.t(j - 1)
@@ -482,7 +481,7 @@ class Source:
         return (self.tokens[first].start, self.tokens[last - 1].end, text)
 
     def candidates(self, host, constants):
-        """The mistakes that can be made in a place: kind of mistake -> list of edits."""
+        """The possible mistakes of a place: kind of mistake -> list of edits."""
         found = {}
 
         def add(kind, *edits):
@@ -538,7 +537,7 @@ class Source:
                 called = self.t(i + 1) == "("
                 if text in SIBLINGS:
                     for other in SIBLINGS[text]:
-                        # Most likely something else than what stands is in reach there.
+                        # Another variable of the same type is probably in scope.
                         near = self.text[max(0, token.start - 3000):token.end + 1500]
                         if re.search(rf"\b{other}\b", near):
                             add("operand", (token.start, token.end, other))
@@ -558,8 +557,8 @@ class Source:
         return found
 
     def is_read_next(self, host):
-        """Whether a variable is declared that one of the next statements has filled by a reader of
-        blobs."""
+        """Whether the host declares a variable that a blob reader fills in one of the next
+        statements."""
         name = self.t(host.outer_first - 2)
         end = self.tokens[host.outer_last].end
         following = ";".join(self.text[end:end + 1000].split(";")[:8])
@@ -596,12 +595,12 @@ class Mistake:
         self.line = source.tokens[self._token_at(edits[0][0]) if edits else host.outer_first].line
         self.before = one_line(source.text[self._outer()[0]:self._outer()[1]])
         self.after = one_line(self.text_after())
-        # Without its place, which decides whether it compiles hardly ever.
+        # Without its line, which rarely decides whether it compiles.
         self.text_key = f"{source.path}|{self.before}|{self.after}"
         self.key = f"{source.path}{self.ordinal()}|{self.before}|{self.after}"
 
     def ordinal(self):
-        """Tells places of a file apart that hold the same text: nothing, then " #2" and so on."""
+        """Numbers places of a file with the same text: "" for the first, then " #2" and so on."""
         if not self.source.ordinals:
             counts = {}
             for host in sorted(all_hosts(self.source.hosts), key=lambda h: h.outer_first):
@@ -669,8 +668,8 @@ def read_sources(root):
 
 
 def draw(sources, seed, count, dropped, only=None):
-    """The mistakes of a draw: spread over the files by their number of places, one a place. None is
-    of those that do not compile."""
+    """Draws mistakes, spread over the files by their number of places, at most one per place.
+    Leaves out mistakes that do not compile."""
     constants = set()
     for source in sources:
         constants.update(re.findall(r"\bconstexpr\s+[\w:<>]+\s+([a-z]\w*)\s*=", source.text))
@@ -688,7 +687,7 @@ def draw(sources, seed, count, dropped, only=None):
         options = []
         for host in hosts:
             found = source.candidates(host, constants)
-            # Any kind first, so that what is frequent does not crowd out the rest.
+            # Draw the kind first, so that rare kinds occur too.
             kinds = rng.sample(sorted(found), len(found))
             for kind in kinds:
                 rng.shuffle(found[kind])
@@ -708,10 +707,10 @@ def draw(sources, seed, count, dropped, only=None):
     return mistakes
 
 
-# --- The sources with all mistakes in -----------------------------------------------------------
+# --- Writing the sources with all mistakes ------------------------------------------------------
 
 HEADER = """#pragma once
-// Written by scripts/mutate.py: which mistake is made, and which places are reached.
+// Written by scripts/mutate.py: makes the chosen mistake and records which places a test reaches.
 #include <cstdio>
 #include <cstdlib>
 #include <type_traits>
@@ -747,7 +746,7 @@ inline KelmMistakes kelm_mistakes;
 
 
 class Renderer:
-    """Writes a source with its mistakes, and remembers which lines each came to stand on."""
+    """Writes a source with its mistakes and records the lines of each."""
 
     def __init__(self, source):
         self.source = source
@@ -804,7 +803,7 @@ def write_if_changed(path, text):
 
 
 def plant(root, copy, sources, mistakes):
-    """Writes the tree with the mistakes into `copy`; files that stay alike keep their times."""
+    """Writes the tree with the mistakes into `copy`. Unchanged files keep their times."""
     tracked = subprocess.run(["git", "ls-files", "-co", "--exclude-standard"], cwd=root, check=True,
                              capture_output=True, text=True).stdout.split("\n")
     planted = {s.path for s in sources if any(h.mistakes for h in all_hosts(s.hosts))}
@@ -840,8 +839,8 @@ def lines_of_mistakes(text):
 
 
 def culprits(output, copy):
-    """The mistakes whose places a compiler's errors name: where one stands, or what a template was
-    instantiated for."""
+    """The mistakes at the lines that a compiler's errors name, instantiations of templates
+    included."""
     found = set()
     cache = {}
     for name, line in re.findall(
@@ -890,7 +889,7 @@ class Workshop:
         if self.state_path.exists():
             self.state = json.loads(self.state_path.read_text())
         if self.state.get("digest") != self.digest:
-            # Results of another engine say nothing about this one.
+            # The sources have changed, so earlier results no longer apply.
             self.state = {"digest": self.digest, "dropped": self.state.get("dropped", []),
                           "results": {}, "reach": {}}
         self.draw()
@@ -910,7 +909,7 @@ class Workshop:
         temporary.replace(self.state_path)
 
     def drop(self, ids):
-        """Drops mistakes that do not compile; others take their places."""
+        """Drops mistakes that do not compile and draws others in their place."""
         self.state["dropped"] += [self.by_id[number].text_key for number in ids]
         self.save()
         print(f"{len(ids)} mistakes that do not compile are dropped", flush=True)
@@ -921,15 +920,15 @@ class Workshop:
         command = ["cmake", "-S", str(self.copy), "-B", str(self.build_folder), "-G", "Ninja",
                    "-DCMAKE_BUILD_TYPE=None", "-DKELM_CUDA=OFF", "-DKELM_BUILD_BENCH=OFF",
                    "-DKELM_BUILD_EXAMPLES=OFF", "-DKELM_BUILD_FUZZERS=OFF", "-DKELM_WERROR=OFF",
-                   # A subscript out of range is caught, as the sanitizers would.
+                   # The assertions catch a subscript out of range.
                    "-DCMAKE_CXX_FLAGS=-O1 -w -D_GLIBCXX_ASSERTIONS"]
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL, preexec_fn=nice())
 
     def build(self):
-        """Builds all test programs; mistakes that do not compile are dropped on the way."""
+        """Builds all test programs and drops mistakes that do not compile."""
         plant(ROOT, self.copy, self.sources, self.mistakes)
         self.configure()
-        # Quickly first: each source of the engine once, without code.
+        # First a quick check of the syntax of each source of the engine.
         commands = json.loads((self.build_folder / "compile_commands.json").read_text())
         seen = set()
         checks = []
@@ -953,7 +952,7 @@ class Workshop:
                 return
             if not self.drop_culprits(result.stdout):
                 print(result.stdout[-6000:])
-                sys.exit("the build fails at no mistake")
+                sys.exit("the build fails, but not at a mistake")
 
     def drop_culprits(self, output):
         if "error:" not in output:
@@ -969,8 +968,8 @@ class Workshop:
         return next((p for p in self.build_folder.rglob(file) if p.is_file()), None)
 
     def run(self, program, tests, mistake, seconds, reached=None):
-        """Runs tests of a program, which take so long without a mistake; the name of the one that
-        failed, or None."""
+        """Runs tests of a program. `seconds`: their time without a mistake. Returns the name of a
+        failed test, or None."""
         environment = dict(os.environ, KELM_MISTAKE=str(mistake))
         if reached:
             environment["KELM_REACHED"] = str(reached)
@@ -986,7 +985,7 @@ class Workshop:
                                    preexec_fn=nice(int(self.options.memory * 2**30),
                                                    int(6 * seconds + 6)))
         try:
-            # One that waits for ever uses no processor.
+            # A program that waits without end uses no processor time.
             output, _ = process.communicate(timeout=60 + 20 * seconds)
         except subprocess.TimeoutExpired:
             os.killpg(process.pid, signal.SIGKILL)
@@ -1014,7 +1013,7 @@ class Workshop:
         return [t for t in tests if "DISABLED_" not in t]
 
     def look_around(self):
-        """Which test reaches which mistake, and how long it takes."""
+        """Records which tests reach which mistakes, and the time of each test."""
         wanted = self.test_digest()
         if self.state["reach"].get("digest") == wanted:
             return
@@ -1046,8 +1045,8 @@ class Workshop:
         return digest.hexdigest()[:16]
 
     def batches(self, mistake, without=()):
-        """The tests that reach a mistake, (program, tests, seconds) at a time, early killers
-        first."""
+        """The tests that reach a mistake as (program, tests, seconds): fast ones and those of its
+        own folder first."""
         own = OWN_PROGRAMS[mistake.folder]
         tests = []
         for name, (taken, keys) in self.state["reach"]["tests"].items():
@@ -1055,17 +1054,17 @@ class Workshop:
                 program, test = name.split(":", 1)
                 tests.append((program not in own, taken > 0.25, taken, program, test))
         tests.sort()
-        cheap, dear = {}, []
-        for strange, slow, taken, program, test in tests:
+        fast_tests, slow_tests = {}, []
+        for foreign, slow, taken, program, test in tests:
             if slow:
-                dear.append((taken + (2 if strange else 0), program, [test], taken))
+                slow_tests.append((taken + (2 if foreign else 0), program, [test], taken))
             else:
-                entry = cheap.setdefault(program, [strange, [], 0.0])
+                entry = fast_tests.setdefault(program, [foreign, [], 0.0])
                 entry[1].append(test)
                 entry[2] += taken
-        result = [(p, t, s) for p, (strange, t, s) in
-                  sorted(cheap.items(), key=lambda c: (c[1][0], c[1][2]))]
-        return result + [(p, t, s) for _, p, t, s in sorted(dear)]
+        result = [(p, t, s) for p, (foreign, t, s) in
+                  sorted(fast_tests.items(), key=lambda c: (c[1][0], c[1][2]))]
+        return result + [(p, t, s) for _, p, t, s in sorted(slow_tests)]
 
     def judge(self, mistake, without=()):
         """The test that catches a mistake, or None."""
@@ -1097,7 +1096,7 @@ class Workshop:
                 continue
             row = rows.setdefault(FOLDERS[mistake.folder], [0, 0, 0, 0])
             if not results[mistake.key] and mistake.key in reasons:
-                row[1] += 1  # not a mistake, then
+                row[1] += 1
                 continue
             row[0] += 1
             row[2 if results[mistake.key] else 3] += 1
@@ -1126,8 +1125,8 @@ def describe(mistake):
 
 
 def read_explanations():
-    """Blocks of four lines: the file, with " #2" for the second place that holds the same text and so
-    on; "- " what stands; "+ " the mistake; "= " why no run can show it."""
+    """Reads blocks of four lines: the file, with " #2" for the second place with the same text and
+    so on; "- " the original text; "+ " the mistake; "= " why no run can show it."""
     reasons = {}
     path = ROOT / EXPLANATIONS
     if not path.exists():
@@ -1150,14 +1149,14 @@ def main():
     parser.add_argument("--only", metavar="FILE")
     parser.add_argument("--build", default=str(ROOT / "build/mutate"), metavar="FOLDER")
     parser.add_argument("--jobs", type=int, default=2)
-    parser.add_argument("--memory", type=float, default=8.0, help="GiB of address space a program")
+    parser.add_argument("--memory", type=float, default=8.0, help="GiB of memory per program")
     parser.add_argument("--list", action="store_true")
     parser.add_argument("--run", type=int, nargs="+", metavar="ID")
     parser.add_argument("--survivors", action="store_true")
     parser.add_argument("--without", nargs="+", metavar="FILTER")
     parser.add_argument("--report", action="store_true")
     parser.add_argument("--no-check", dest="check", action="store_false",
-                        help="build without looking for what does not compile first")
+                        help="skip the syntax check before the build")
     options = parser.parse_args()
     shop = Workshop(options)
     if options.list:

@@ -1,17 +1,17 @@
 #!/usr/bin/env bash
-# Builds the library in one cell after another, runs the golden and differential tests in each, and
-# holds the digests of many runs against those of the first cell: status 1 for a test that fails, a
-# digest that differs, or a cell that was named and that a tool is missing for.
+# Builds the library in one cell after the other, runs the golden and differential tests in each,
+# and compares the digests of many runs with those of the first cell. Status 1 if a test fails, if a
+# digest differs, or if a tool for a named cell is missing.
 #
-#   scripts/same-bits.sh [CELL...]   all cells that this machine can make, where none is named
+#   scripts/same-bits.sh [CELL...]   all cells that this machine can build if none is named
 #
 # A cell is one argument: a compiler and its flags ("g++ -O2 -march=x86-64-v3"), the same for
-# aarch64 under qemu-user ("aarch64-g++ -O2"), or the folder of a finished build ("build/ci"), of
-# which only the digests are taken.
+# aarch64 under qemu-user ("aarch64-g++ -O2"), or the folder of a finished build ("build/ci"), which
+# only prints its digests.
 #
 #   KELM_TESTS  test programs to run, by folder; "core kernel engine gate runtime cuda lanes" by
 #               default
-#   KELM_JOBS   jobs of a build, as many as Ninja likes by default
+#   KELM_JOBS   parallel jobs of a build; Ninja's default if empty
 set -euo pipefail
 # shellcheck source=scripts/setup.sh
 source "$(dirname -- "${BASH_SOURCE[0]}")/setup.sh"
@@ -22,7 +22,7 @@ programs=("${programs[@]/#/kelm-}")
 output=build/same-bits
 reference=''
 
-# Whether this machine runs code for x86-64-v3, which has joined multiplications.
+# Whether this machine runs code for x86-64-v3, which has fused multiply-add.
 has_v3() { grep -qw avx2 /proc/cpuinfo && grep -qw fma /proc/cpuinfo && grep -qw bmi2 /proc/cpuinfo; }
 
 all_cells() {
@@ -37,8 +37,7 @@ all_cells() {
     echo 'aarch64-clang++ -O2'
 }
 
-# Prints the sentence that tells why a cell has to be left out, if it has to. Status 1 where that is
-# for want of a tool.
+# Prints why a cell must be left out, or nothing. Status 1 if a tool is missing.
 reason_against() {
     if [[ $1 == *x86-64-v3* ]] && ! has_v3; then
         echo 'this machine does not run code for x86-64-v3'
@@ -51,7 +50,7 @@ reason_against() {
     fi
 }
 
-# GoogleTest from its source, which Debian has beside its library: that is for this processor only.
+# Builds GoogleTest from Debian's source package; Debian's library is for this processor only.
 build_cross_googletest() {
     local folder=$output/googletest-aarch64
     [[ -e $folder/installed/lib/libgtest_main.a ]] && return
@@ -77,7 +76,7 @@ build() {
     cmake --build "$2" ${KELM_JOBS:+-j"$KELM_JOBS"} --target kelm-digests "${programs[@]}"
 }
 
-# work CELL FOLDER: prints what compilers and tests print.
+# work CELL FOLDER: builds, runs the tests and writes the digests.
 work() {
     local emulator=() program
     if [[ $1 == aarch64-* ]]; then emulator=(qemu-aarch64-static); fi
@@ -90,7 +89,7 @@ work() {
     "${emulator[@]}" "$2/tests/kelm-digests" >"$digests"
 }
 
-# Prints a line: what ran in the cell and how its digests compare. Sets `status`.
+# Runs a cell and prints one line with its tests and the comparison of its digests. Sets `status`.
 check() {
     local cell=$1 name=${1//[ \/]/_} reason start=$SECONDS failed='' verdict='the first' lacking=''
     reason=$(reason_against "$cell") || lacking=yes
@@ -101,7 +100,7 @@ check() {
     fi
     local folder=$output/$name digests=$output/$name.digests log=$output/$name.log
     if [[ -d $cell ]]; then folder=$cell; fi
-    # As a job: in a condition, a command that fails would not end it.
+    # As a job, because bash ignores "set -e" in a condition.
     work "$cell" "$folder" >"$log" 2>&1 &
     wait $! || failed=yes
     if [[ -n $failed ]]; then

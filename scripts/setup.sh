@@ -1,7 +1,7 @@
 # shellcheck shell=bash
-# Sourced by the scripts here and by .ci/run: goes to the top of the repository and brings what a
-# build needs. What is missing is installed where that may be done, by root on a system with
-# apt-get; elsewhere it is named, and the script ends with status 1.
+# Sourced by the scripts here and by .ci/run. Changes to the top of the repository and provides the
+# packages that a build needs. Root installs missing packages on a system with apt-get. Otherwise the
+# script names them and ends with status 1.
 set -euo pipefail
 
 CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.."
@@ -11,7 +11,7 @@ has_header() { c++ -E -x c++ -include "$1" /dev/null >/dev/null 2>&1; }
 
 missing_packages=()
 
-# need PACKAGE PROBE...: notes a Debian package whose probe fails.
+# need PACKAGE PROBE...: marks a Debian package as missing if its probe fails.
 need() {
     "${@:2}" || missing_packages+=("$1")
 }
@@ -23,7 +23,7 @@ install_missing() {
     if ! can_install; then
         printf 'missing: %s\n' "${missing_packages[*]}"
         echo 'These are Debian packages. This script installs them when it runs as root on a' \
-            'system with apt-get; here, please install them first.'
+            'system with apt-get. Please install them first.'
         exit 1
     fi >&2
     echo "installing: ${missing_packages[*]}"
@@ -34,7 +34,7 @@ install_missing() {
     missing_packages=()
 }
 
-# What the presets need; nvcc apart, which no package brings.
+# The packages that the presets need. nvcc has no package.
 need_build_tools() {
     need cmake has_command cmake
     need ninja-build has_command ninja
@@ -58,14 +58,14 @@ has_cross_tools() {
         [[ -e /usr/src/googletest/CMakeLists.txt ]]
 }
 
-# To build for aarch64 and to run what was built.
+# The packages that build for aarch64 and run the result.
 need_cross_tools() {
     need g++-aarch64-linux-gnu has_command aarch64-linux-gnu-g++
     need qemu-user-static has_command qemu-aarch64-static
     need googletest test -e /usr/src/googletest/CMakeLists.txt
 }
 
-# Prints where nvcc is, if it is anywhere: toolkits do not put themselves on the PATH.
+# Prints the path of nvcc, or nothing. Toolkits do not add themselves to the PATH.
 find_nvcc() {
     local candidate
     for candidate in "${CUDACXX:-}" nvcc "${CUDA_HOME:+$CUDA_HOME/bin/nvcc}" \
@@ -74,6 +74,6 @@ find_nvcc() {
     done
 }
 
-# Empty without nvcc. CMake takes it from CUDACXX.
+# Empty without nvcc. CMake reads CUDACXX.
 nvcc=$(find_nvcc)
 if [[ -n $nvcc ]]; then export CUDACXX=$nvcc; fi

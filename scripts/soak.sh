@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds the soak and gives it generated models, each of which it runs in every way there is and
-# compares to the bit; status 1 if two ways differ. It then prints the command that shows the
-# difference again, and the smallest model that it could make of it.
+# Builds the soak, which generates models, runs each in every way and compares all bits. If two ways
+# differ, it prints the command that repeats the difference and the smallest model found, and the
+# status is 1.
 #
 #   scripts/soak.sh MODELS [ARGUMENTS...]   arguments go to the soak, such as --first SEED
 #

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""The kernel's mathematics and neuron formulas a second time, for the golden values of the tests.
+"""A second implementation of the kernel's mathematics and neuron formulas, for golden test values.
 
-Python rounds every operation of a float by itself, contracts nothing and reassociates nothing, so
-what stands here is the written order of operations and nothing else. Prints the digests and tables
-that tests/core/PortableMathTest.cpp and tests/kernel/NeuronModelTest.cpp hold as literals.
+Python rounds every floating-point operation by itself and neither contracts nor reassociates, so
+the operations run exactly as written. Prints the digests and tables that are literals in
+tests/core/PortableMathTest.cpp and tests/kernel/NeuronModelTest.cpp.
 
     python3 scripts/reference/kernel.py
 """
@@ -174,7 +174,7 @@ def hazard_at(neuron, t, drive):
 
 
 def interior_extremum(neuron, m, wa, start, to):
-    """The instant at which the net drive has an extremum between start and to, or None."""
+    """The time between start and to at which the net drive has an extremum, or None."""
     if neuron["non_leaky"] or m == 0 or wa == 0:
         return None
     k1, k2 = 1.0 / float(neuron["tau_membrane"]), 1.0 / float(neuron["tau_adaptation"])
@@ -211,7 +211,7 @@ def hazard_upper_bound(neuron, begin, to, drive_bound):
 
 
 class Draws:
-    """SplitMix64, with the tests' ways of making arguments of its values."""
+    """SplitMix64, and the functions by which the tests make arguments from its values."""
 
     def __init__(self, seed):
         self.state = seed
@@ -281,8 +281,8 @@ def neuron_values(count):
 
 
 def telling(pattern, step, function, **other):
-    """The first argument from `pattern` on whose result tells the function from one with another
-    threshold."""
+    """The first argument from `pattern` on for which the function and the same function with
+    another threshold differ."""
     while bits(function(double(pattern))) == bits(function(double(pattern), **other)):
         pattern += step
     return pattern
