@@ -4,8 +4,9 @@
 #include "fuzz/Subjects.h"
 #include "kelm/core/RandomContext.h"
 
+using namespace Lumenar::Core::Kelm;
 using namespace Lumenar::Core::Kelm::Fuzzing;
-using Runtime::RandomContext;
+using Lumenar::Core::Runtime::RandomContext;
 
 namespace {
 
@@ -45,7 +46,7 @@ void walkStreams(RandomContext& context, RandomContext& twin) {
 
 extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
                                                std::size_t max_size, unsigned int seed) {
-    return mutateBy(Kelm::Compare::random_grammar, data, size, max_size, seed);
+    return mutateBy(Compare::random_grammar, data, size, max_size, seed);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
