@@ -61,7 +61,7 @@ std::optional<Difference> differenceOf(const std::vector<WindowTrace::Item>& a,
 }
 
 /// The index of the first window with different digests, if there is one.
-std::optional<std::size_t> firstWindowApart(CarriedRun& left, CarriedRun& right) {
+std::optional<std::size_t> firstDifferentWindow(CarriedRun& left, CarriedRun& right) {
     if (!left.showsWindows() || !right.showsWindows()) return std::nullopt;
     const std::vector<WindowTrace::Window>& a = left.trace().windows();
     const std::vector<WindowTrace::Window>& b = right.trace().windows();
@@ -136,7 +136,7 @@ void WindowTrace::note(std::span<const WindowWork> work,
     windows_.back().digest = mixer.hash();
 }
 
-std::optional<Difference> differenceOf(const Remains& a, const Remains& b) {
+std::optional<Difference> differenceOf(const RunResults& a, const RunResults& b) {
     if (auto found = differenceOf(a.image, b.image)) return found;
     if (auto found =
             placedDifference("observed state", std::span(a.observed), std::span(b.observed))) {
@@ -169,7 +169,7 @@ std::optional<FirstDifference> differenceAtEnds(CarriedRun& left, CarriedRun& ri
                                                 ModelTime d_min) {
     const auto& a = left.trace().windows();
     const auto& b = right.trace().windows();
-    if (const auto apart = firstWindowApart(left, right)) {
+    if (const auto apart = firstDifferentWindow(left, right)) {
         const auto digest_of = [&](const std::vector<WindowTrace::Window>& windows) {
             return *apart < windows.size() ? windows[*apart].digest : 0;
         };
@@ -177,7 +177,7 @@ std::optional<FirstDifference> differenceAtEnds(CarriedRun& left, CarriedRun& ri
         return FirstDifference{window_end / d_min - 1,
                                {"window digest", std::nullopt, digest_of(a), digest_of(b)}};
     }
-    const auto left_behind = differenceOf(left.remains(), right.remains());
+    const auto left_behind = differenceOf(left.results(), right.results());
     if (!left_behind) return std::nullopt;
     return FirstDifference{a.empty() ? -1 : a.back().end / d_min - 1, *left_behind};
 }
@@ -187,11 +187,11 @@ std::optional<FirstDifference> firstDifference(const RunFactory& left, const Run
     const auto start = [&] { return Pair{left(), right()}; };
     Pair whole = start();
     whole.advance(end);
-    const std::optional<std::size_t> apart = firstWindowApart(*whole.left, *whole.right);
-    const auto remainsDiffer = [&](std::int64_t windows) {
+    const std::optional<std::size_t> apart = firstDifferentWindow(*whole.left, *whole.right);
+    const auto resultsDiffer = [&](std::int64_t windows) {
         Pair pair = start();
         pair.advance(windows > end / d_min ? end : windows * d_min);
-        return differenceOf(pair.left->remains(), pair.right->remains());
+        return differenceOf(pair.left->results(), pair.right->results());
     };
 
     // The first window that differs, if there is one, limits the search.
@@ -216,8 +216,8 @@ std::optional<FirstDifference> firstDifference(const RunFactory& left, const Run
                                 static_cast<std::uint64_t>(right_end)};
         }
         last = window_end / d_min - 1;
-        if (!remainsDiffer(last)) return FirstDifference{last, *inside};
-    } else if (!differenceOf(whole.left->remains(), whole.right->remains())) {
+        if (!resultsDiffer(last)) return FirstDifference{last, *inside};
+    } else if (!differenceOf(whole.left->results(), whole.right->results())) {
         return std::nullopt;
     } else {
         ++last;
@@ -227,9 +227,9 @@ std::optional<FirstDifference> firstDifference(const RunFactory& left, const Run
     std::int64_t equal = -1;
     while (equal + 1 < last) {
         const std::int64_t middle = equal + (last - equal) / 2;
-        remainsDiffer(middle) ? last = middle : equal = middle;
+        resultsDiffer(middle) ? last = middle : equal = middle;
     }
-    const auto found = remainsDiffer(last);
+    const auto found = resultsDiffer(last);
     return found ? std::optional(FirstDifference{last - 1, *found}) : std::nullopt;
 }
 

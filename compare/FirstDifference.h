@@ -98,14 +98,14 @@ private:
 };
 
 /// The results of a run so far. Blobs are compared if both runs have them.
-struct Remains {
+struct RunResults {
     RunImage image;
     std::vector<Kernel::State> observed;  ///< shape (observations, neurons)
     std::vector<std::string> outcomes;    ///< of the caller's actions, texts of exceptions included
     std::vector<std::pair<std::string, Blob>> blobs;  ///< snapshots, by name
 };
 
-std::optional<Difference> differenceOf(const Remains& a, const Remains& b);
+std::optional<Difference> differenceOf(const RunResults& a, const RunResults& b);
 
 /// A run of a model that continues in steps. The choice of steps changes nothing.
 class CarriedRun {
@@ -114,7 +114,7 @@ public:
 
     /// Continues to `until` ns. An exception ends the run and is one of its outcomes.
     virtual void advance(ModelTime until) = 0;
-    virtual Remains remains() = 0;
+    virtual RunResults results() = 0;
     /// False if a backend may take the whole run, whose windows then do not show.
     virtual bool showsWindows() const { return true; }
 

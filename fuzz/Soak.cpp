@@ -148,19 +148,19 @@ public:
     }
     bool showsWindows() const override { return setting_.manner != Manner::resident; }
 
-    Remains remains() override {
-        Remains remains;
-        remains.image = image();
-        remains.outcomes = outcomes_;
+    RunResults results() override {
+        RunResults results;
+        results.image = image();
+        results.outcomes = outcomes_;
         // A run that threw may lack an observation before its last window that a run in smaller
         // steps has delivered.
         const auto& windows = trace().windows();
         const ModelTime last = windows.empty() ? 0 : windows.back().end;
-        remains.outcomes.push_back(witness_.textUntil(alive_ ? last_model_time : last));
-        if (!alive_) return remains;
-        remains.observed = witness_.states();
-        addBlobs(remains.blobs);
-        return remains;
+        results.outcomes.push_back(witness_.textUntil(alive_ ? last_model_time : last));
+        if (!alive_) return results;
+        results.observed = witness_.states();
+        addBlobs(results.blobs);
+        return results;
     }
 
 protected:
@@ -568,13 +568,13 @@ std::optional<Finding> Soak::examine(const SoakModel& model,
     for (const std::string& way : ways()) {
         if (way == reference || (only && way != *only) || !applies(way, model)) continue;
         const std::unique_ptr<SoakRun> other = run(model, way);
-        const Tally came_to = other->tally();
+        const Tally counts = other->tally();
         Tally tally;
         tally.runs = 1;
-        tally.refusals = came_to.refusals;
-        tally.thrown = came_to.thrown;
-        tally.cuts = came_to.cuts;
-        tally.whole = came_to.whole;
+        tally.refusals = counts.refusals;
+        tally.thrown = counts.thrown;
+        tally.cuts = counts.cuts;
+        tally.whole = counts.whole;
         tallies_[kind] += tally;
         const auto seen = differenceAtEnds(*expected, *other, model.window());
         if (!seen) continue;

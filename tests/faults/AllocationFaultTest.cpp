@@ -63,7 +63,7 @@ int failures = 0;
 template <class Arrange, class Act, class ExpectLeft>
 void failEach(const char* what, Arrange arrange, Act act, ExpectLeft expectLeft) {
     SCOPED_TRACE(what);
-    act(*arrange());  // what the process allocates once
+    act(*arrange());  // makes the process's one-time allocations
     for (std::uint64_t n = 0;; ++n) {
         const std::int64_t before = liveBlocks();
         bool came = false;
@@ -102,7 +102,7 @@ void expectUnchanged(const char* what, Arrange arrange, Act act, Image image) {
 
 class AllocationFault : public EmulatedDeviceTest {
 protected:
-    // Without threads, which would be started during one call and last for others.
+    // One worker: a thread that a call starts would live on after the call.
     AllocationFault() { Emulation::setWorkers(1); }
     ~AllocationFault() override { RecordProperty("failed_allocations", failures); }
 

@@ -173,11 +173,11 @@ struct ScriptedRun final : CarriedRun {
     explicit ScriptedRun(ModelTime change) : change_at(change) {}
 
     void advance(ModelTime until) override { now = std::max(now, until); }
-    Remains remains() override {
-        Remains remains;
-        remains.image.states.resize(3);
-        remains.image.states[1].last_update = now >= change_at ? 0x77 : 0x33;
-        return remains;
+    RunResults results() override {
+        RunResults results;
+        results.image.states.resize(3);
+        results.image.states[1].last_update = now >= change_at ? 0x77 : 0x33;
+        return results;
     }
 
     ModelTime change_at;
