@@ -23,8 +23,8 @@ public:
     std::size_t partItems() const override { return part_items; }
 
 private:
-    /// Few enough to stay in the first cache, enough for a call to cost nothing. Between 4 and 128
-    /// it makes no difference that could be measured.
+    /// Few enough to stay in the first cache, enough to make the cost of a call negligible. No
+    /// difference could be measured between 4 and 128.
     static constexpr std::size_t part_items = 32;
 };
 

@@ -11,18 +11,20 @@ namespace Lumenar::Core::Kelm {
 
 class WindowEngine;
 
-/// Where the per-neuron work of a window is computed. All else in a run is the same whatever
-/// backend runs, which is what makes a comparison of backends bit by bit meaningful.
+/// Computes the work of a window's neurons. Everything else in a run is the same for all backends,
+/// so backends can be compared bit by bit.
 ///
 /// Obligations of an implementation:
 /// 1. results[i] depends on work[i], its events, window_end and horizon alone.
-/// 2. results[i] belongs to work[i]: nothing is sorted, compacted or skipped.
+/// 2. results[i] belongs to work[i]. Nothing is sorted, compacted or skipped.
 /// 3. The computation is Kernel::processWindow, to the bit.
-/// 4. The parameters that count are those in the item, whatever `neuron` and `firing` say.
+/// 4. The parameters of a neuron are those in its item, whatever `neuron` and `firing` say.
 /// 5. Nothing outside `results` changes: no store, stream, log or graph.
-/// 6. Faults of the model travel as flags in the results; a throw is for the backend's own faults
-///    and passes through the engine unchanged.
+/// 6. Faults of the model are flags in the results. A backend throws only for its own faults, and
+///    the engine passes such an exception on.
 /// 7. An empty batch is legal and does nothing.
+/// 8. A backend whose partItems() is not whole_window never throws from processWindow: when a later
+///    part fails, the parts before it are already committed.
 class IWindowBackend {
 public:
     virtual ~IWindowBackend() = default;
@@ -30,7 +32,7 @@ public:
     /// A text that is valid for the life of the program.
     virtual const char* name() = 0;
 
-    /// Computes one window, or a part of one (see partItems).
+    /// Computes one window, or a part of one as partItems says.
     ///
     /// `work`: shape (n), ascending by neuron. `events`: all their events; item i owns event_count
     /// entries from its first_event on. `window_end`, `horizon`: ns, exclusive.
@@ -41,16 +43,16 @@ public:
                                const Kernel::Neuron& neuron, const Kernel::Firing& firing,
                                const std::span<Kernel::WindowResult>& results) = 0;
 
-    /// Offers the whole run, before its first window. True: the engine stands at its horizon and
-    /// nothing tells it from one that ran window by window. False, which is always legal: nothing
-    /// has changed, and the engine goes on window by window with this same backend.
+    /// Offers the whole run, before its first window. True: the backend has taken the engine to its
+    /// horizon, with the same result as window by window. False, which is always legal: nothing has
+    /// changed, and the engine runs window by window with this backend.
     virtual bool tryResidentRun(WindowEngine& engine) = 0;
 
     static constexpr std::size_t whole_window = std::numeric_limits<std::size_t>::max();
 
-    /// The most items that a call is to be given, at least 1. A backend that names a number never
-    /// throws, and the engine may then build, compute and commit a window part by part, so that
-    /// what a part touches is still in the processor's caches when it is committed.
+    /// The largest number of items that a call should get, at least 1. For any number but
+    /// whole_window the engine may build, compute and commit a window part by part, so that the
+    /// memory of a part is still in the processor's caches when the part is committed.
     virtual std::size_t partItems() const { return whole_window; }
 };
 

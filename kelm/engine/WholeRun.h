@@ -13,7 +13,7 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// The end of a run that a backend has carried through to the horizon by itself.
+/// The result of a run that a backend has taken to the horizon by itself.
 struct WholeRun {
     std::vector<Kernel::State> states;         ///< shape (neurons)
     std::vector<std::uint64_t> random_states;  ///< shape (neurons)
@@ -21,7 +21,7 @@ struct WholeRun {
     std::vector<SpikeRecord> log;              ///< by time, then neuron
     WindowProfile profile;
     std::vector<Event> pending_events;  ///< in the order in which they are to be posted
-    /// The next window that the store is to hand out; none if it never handed one out.
+    /// The next window that the calendar hands out; none if it has handed out no window.
     std::optional<std::int64_t> next_window;
 };
 

@@ -38,8 +38,10 @@ WindowCalendar::WindowCalendar(ModelTime d_min, std::uint64_t neurons)
 }
 
 WindowCalendar::WindowCalendar(std::unique_ptr<IEventStore> store, std::uint64_t neurons)
-    : slots_(neurons), calendar_(1, bucket_count), store_is_given_(true), store_(std::move(store)) {
-}
+    : slots_(neurons),
+      calendar_(1, bucket_count),
+      store_is_given_(true),
+      store_(std::move(store)) {}
 
 /// A candidate in the store is an event like any other.
 void WindowCalendar::scheduleInStore(NodeId neuron, ModelTime time, double rate) {

@@ -25,8 +25,8 @@ constexpr const char* spontaneous_name = "spontaneous";
 constexpr std::uint64_t first_observation_id = 0x7fffffffffffffff;
 constexpr BlobTag format_tag("KELMWEN3");
 
-/// Streams of index 0 that composed runs may draw from. They exist from the start, so that every
-/// snapshot holds them whether they were drawn from or not.
+/// Streams of index 0 for composed runs. They exist from the start, so that every snapshot holds
+/// them.
 constexpr const char* single_streams[] = {"stimulus", "synaptic_noise", "learning"};
 
 }  // namespace
@@ -164,7 +164,7 @@ void WindowEngine::reseedInitialCandidates(std::span<const double> drive_bounds)
     for (NodeId n = 0; n < graph_.nodeCount(); ++n) drawFirstCandidate(n, drive_bounds[n]);
 }
 
-/// Catches the streams up with a whole run that a backend carried out.
+/// Moves the streams to where a whole run of a backend has left them.
 void WindowEngine::flushPendingRandomStates() {
     for (NodeId n = 0; n < pending_random_states_.size(); ++n) {
         random_.advanceTo(spontaneous_, n, pending_random_states_[n]);

@@ -24,30 +24,31 @@ namespace Lumenar::Core::Kelm {
 /// The raw state with which neuron `index`'s random stream starts under `seed`.
 std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index);
 
-/// The discrete-event core: it owns a network, every neuron's state and parameters, the pending
-/// events, the random streams and the spike log, and advances them window by window.
+/// The discrete-event core. It owns a network, the state and parameters of every neuron, the
+/// pending events, the random streams and the spike log, and advances them window by window.
 ///
-/// A window is one bucket of the event store, one smallest synaptic delay long, so that no spike
-/// of a window can reach a neuron inside it and all neurons of a window are independent. The order
-/// of a window: observations before it, take its events, group them by neuron, prepare hook,
-/// backend, serial commit in ascending NodeId, commit hook, observations inside it. All ids, and
-/// with them all ties, are a function of the results alone, so a run does not depend on how or
-/// where the backend computed them.
+/// A window is one bucket of the calendar, one smallest synaptic delay long. No spike of a window
+/// can reach a neuron inside it, so all neurons of a window are independent. The order of a window:
+/// take its events, observations before it, group the events by neuron, prepare hook, backend,
+/// serial commit in ascending NodeId, commit hook, observations inside it. All ids, and with them
+/// all ties, are a function of the results alone, so a run does not depend on how or where the
+/// backend computes.
 ///
-/// Between two windows the state is complete. After a throw out of run the engine may only be
-/// destroyed. It is neither copied nor moved; hooks and backends are borrowed. One thread at a
-/// time.
+/// Between two windows the state is complete. After a throw out of run the engine may only be read
+/// or destroyed. It is neither copied nor moved. Hooks and backends are borrowed. Used by one
+/// thread at a time.
 class WindowEngine final : public IEventSink {
 public:
     /// An engine for a network whose neurons differ.
     ///
     /// `neurons`, `firings`: shape (graph.nodeCount()). `horizon`: ns, end of the planned run.
-    /// `store`: the pending events, or null for a calendar of the graph's dMin() and 4096 buckets;
-    /// a given store is not tested against the graph.
+    /// `store`: holds all pending events, or null for a calendar of the graph's dMin() and 4096
+    /// buckets, which is faster. A store is not tested against the graph. Its caller may keep its
+    /// address and use it between runs.
     /// Throws WindowEngineError for a horizon below 1, for a count that differs from the graph's,
     /// for a neuron whose rate and ceiling are both negative, and without a store for a graph
-    /// without dMin(), in this order. Throws std::runtime_error in
-    /// a floating-point environment that rounds otherwise than to nearest or flushes subnormals.
+    /// without dMin(), in this order. Throws std::runtime_error in a floating-point environment
+    /// that rounds otherwise than to nearest or flushes subnormals.
     WindowEngine(SynapseGraph graph, std::vector<Kernel::Neuron> neurons,
                  std::vector<Kernel::Firing> firings, std::uint64_t seed, ModelTime horizon,
                  std::unique_ptr<IEventStore> store = nullptr);
@@ -71,15 +72,15 @@ public:
     /// Runs to the horizon.
     void run(IWindowBackend& backend) { run(backend, horizon_); }
 
-    /// Runs every window that starts before `until` ns. A window is not cut, so the engine may come
-    /// to stand later than `until`; a later call goes on from there.
+    /// Runs every window that starts before `until` ns. A window is not cut, so the run may end
+    /// later than `until`. A later call goes on from there.
     ///
     /// Throws WindowEngineError for a hazard above its bound and for more spikes in a window than
     /// a result can hold, in this order for each neuron, and for a candidate of a forged snapshot
     /// that lies before its window; SynapseRoutingViolation for an event outside the network;
     /// LookaheadViolation for a delivery into a processed window; TimeOverflow; what
     /// RandomContext::advanceTo throws; std::runtime_error in a floating-point environment as
-    /// above; and whatever a hook or the backend throws. Of a window whose backend threw, nothing
+    /// above; and whatever a hook or the backend throws. Nothing of a window whose backend throws
     /// is committed.
     void run(IWindowBackend& backend, ModelTime until);
 
@@ -87,19 +88,18 @@ public:
     /// Throws SynapseRoutingViolation for a target outside the network, and what the store throws.
     std::uint64_t post(const Event& event) override;
 
-    /// Declares a moment at which the observer is to see the network: the event's time, in ns. The
-    /// other fields are handed through. Returns the id given to it; at equal times observations
-    /// come in the order of declaration. They do not disturb the run: they enter neither the store
-    /// nor a counter, and a moment inside a window is reached by repeating the window's work on
-    /// copies. Call it between runs.
-    /// Throws WindowEngineError once an observation has been delivered.
+    /// Declares an observation: the observer sees the network as of the event's time, in ns, and
+    /// gets the event's other fields. Returns the observation's id. At equal times observations
+    /// come in the order of declaration. They do not disturb the run: they are in no store and no
+    /// counter, and for a moment inside a window the window's work is repeated on copies.
+    /// Throws WindowEngineError during a run, and once an observation has been delivered.
     std::uint64_t declareObserverEvent(const Event& event);
 
-    /// Draws every first candidate anew, for external drives of at most `drive_bounds`: shape
+    /// Draws every first candidate again, for external drives of at most `drive_bounds`, shape
     /// (neurons). The draws of construction stay consumed. Call it before the first run.
-    /// Throws WindowEngineError for another count, then once the run has begun; LookaheadViolation
-    /// for a candidate before the window at which an earlier run has stopped, after which the
-    /// engine may only be destroyed.
+    /// Throws WindowEngineError for another count, then once the run has begun. Throws
+    /// LookaheadViolation for a candidate before the window at which an earlier run has stopped;
+    /// the engine may then only be destroyed.
     void reseedInitialCandidates(std::span<const double> drive_bounds);
 
     /// Format "KELMWEN3": tag; state count (8), states (40 each); length (8) and "RNDCTX1" blob of
@@ -110,9 +110,9 @@ public:
     Blob snapshot();
 
     /// Puts a snapshot in force that an engine of the same graph shape, parameters, seed and
-    /// horizon has written: the run goes on as that one would have. False for a blob that is cut
-    /// short, forged, of another format, neuron count or seed; the engine is then as it was, unless
-    /// a store that was handed in refused after it had changed itself. Call it between runs.
+    /// horizon has written. The run then goes on as the run of that engine. False for a blob that
+    /// is cut short, forged, of another format, neuron count or seed; the engine is then as it was,
+    /// unless a store that was given refused after it had changed itself. Call it between runs.
     [[nodiscard]] bool restore(BlobView blob);
 
     /// All spikes so far, by time, then neuron; the list only grows. Valid until the next run.
@@ -134,16 +134,14 @@ public:
         return random_;
     }
 
-    /// Whether the engine stands as its construction left it, with a store of its own, neurons
-    /// whose parameters have the same bits and nobody to look on: a backend that knows graph,
-    /// parameters, seed and horizon then knows all there is. False for good after a store was
-    /// handed in, an event posted, candidates reseeded, streams touched, a snapshot restored or a
-    /// window run, and while there is a hook or an observation, or the graph's dMin() is not the
-    /// store's window.
+    /// Whether graph, parameters, seed and horizon tell everything about the engine: it is as its
+    /// construction left it, with a calendar of its own and neurons whose parameters have the same
+    /// bits. False for good after a store was given, an event posted, candidates reseeded, streams
+    /// touched, a snapshot restored or a window run. False while there is a hook or an observation,
+    /// or while the graph's dMin() is not the calendar's window.
     bool isPristine();
-    /// Puts a run in force that a backend has carried through to the horizon. To be called from
-    /// tryResidentRun alone, while isPristine() holds. May throw std::bad_alloc, with nothing
-    /// changed.
+    /// Puts a run in force that a backend has taken to the horizon. Only tryResidentRun may call
+    /// it, while isPristine() holds. May throw std::bad_alloc, with nothing changed.
     void adoptWholeRun(WholeRun&& run);
 
     const WindowProfile& profile() const { return profile_; }
@@ -163,8 +161,8 @@ private:
     struct Window;
     struct Assembled {};
 
-    /// Both public forms end here. By reference: the graph's neuron count may still be read while
-    /// the arguments are made.
+    /// Both public constructors end here. The arguments are references, because one constructor
+    /// reads the graph's neuron count to make the others.
     WindowEngine(Assembled, SynapseGraph&& graph, std::vector<Kernel::Neuron>&& neurons,
                  std::vector<Kernel::Firing>&& firings, std::uint64_t seed, ModelTime horizon,
                  std::unique_ptr<IEventStore>&& store);
@@ -202,7 +200,7 @@ private:
     std::vector<Kernel::Neuron> neurons_;  ///< empty where all are alike
     std::vector<Kernel::Firing> firings_;  ///< empty where all are alike
     bool heterogeneous_ = false;
-    bool alike_ = true;  ///< all neurons' parameters have the same bits
+    bool alike_ = true;  ///< the parameters of all neurons have the same bits
     std::uint64_t seed_;
     ModelTime horizon_;
     WindowCalendar calendar_;

@@ -8,13 +8,13 @@
 #include "kelm/kernel/WindowProcessing.h"
 #include "kelm/network/SynapseGraph.h"
 
-// The three doors through which a composed runtime takes part in a run. All calls come on the
-// thread of the run, at fixed places in a window; times are in ns.
+// The three hooks through which a composed runtime takes part in a run. The engine calls them on
+// the thread of the run, at fixed places in a window. Times are in ns.
 
 namespace Lumenar::Core::Kelm {
 
-/// Called when a window's work list is complete, before the backend: sees states and streams as of
-/// the last commit, and may change the items, in particular their drives.
+/// Called when a window's work list is complete, before the backend. States and streams are those
+/// of the last commit. The hook may change the items, in particular their drives.
 class IWindowPrepare {
 public:
     virtual ~IWindowPrepare() = default;
@@ -22,9 +22,9 @@ public:
                          SynapseGraph& graph) = 0;
 };
 
-/// Called when all of a window's results are in force, its spikes in the log and their deliveries
-/// in the store. `spikes` holds what this window added, in the order of commit: by neuron, then
-/// time. The graph may be changed: plasticity acts here.
+/// Called when all results of a window are in force, its spikes in the log and their deliveries
+/// posted. `spikes` holds the window's spikes in the order of commit: by neuron, then time. The
+/// hook may change the graph, as plasticity does.
 class IWindowCommit {
 public:
     virtual ~IWindowCommit() = default;
@@ -32,8 +32,8 @@ public:
                         std::span<const SpikeRecord> spikes, SynapseGraph& graph) = 0;
 };
 
-/// Called with the state of every neuron as of a declared moment, after the commit of the window
-/// that holds it. The views are valid during the call.
+/// Called with the state of every neuron at a declared moment, after the commit of the window that
+/// holds the moment. The views are valid during the call.
 class IWindowObserver {
 public:
     virtual ~IWindowObserver() = default;

@@ -12,7 +12,7 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// A run of records in chunks, in no meaningful order. Only the pool that filled it can empty it.
+/// Records in chunks, in no meaningful order. Only the pool that filled a list can empty it.
 template <class Record>
 struct ChunkList {
     static constexpr std::uint32_t chunk_records = 16;
@@ -37,8 +37,8 @@ struct ChunkList {
         return isEmpty() ? 0 : (chunk_count - std::size_t{1}) * chunk_records + head_count;
     }
 
-    /// Calls visit(records) for the records of each chunk, with the next one asked for: chunks lie
-    /// anywhere.
+    /// Calls visit(records) for the records of each chunk. Chunks lie anywhere in memory, so the
+    /// next one is prefetched.
     template <class Visit>
     void forEachChunk(Visit visit) const {
         std::uint32_t count = head_count;
@@ -57,8 +57,8 @@ struct ChunkList {
     }
 };
 
-/// Storage of records in chunks that lists share: a list that was once long gives its memory to the
-/// others when it has been emptied. Holds the most that was ever in use at one time.
+/// Storage of records in chunks that lists share: an emptied list leaves its chunks to the others.
+/// The pool keeps the largest number of chunks that were in use at one time.
 template <class Record>
 class ChunkPool {
 public:
@@ -70,8 +70,8 @@ public:
         if (free_count_ < count) addBlock(count - free_count_);
     }
 
-    /// Adds a copy of `record` to `list` and returns it, in its place for now. May throw
-    /// std::bad_alloc, with the list as it was, unless a chunk is reserved.
+    /// Adds a copy of `record` to `list` and returns the copy. May throw std::bad_alloc, with the
+    /// list as it was, unless a chunk is reserved.
     Record& append(List& list, const Record& record) {
         if (list.head == nullptr || list.head_count == List::chunk_records) addChunk(list);
         return list.head->records[list.head_count++] = record;
@@ -109,10 +109,10 @@ private:
         list.head = chunk;
         list.head_count = 0;
         ++list.chunk_count;
-        // The next one to be filled, by whichever list.
+        // The chunk that is filled next.
         if (free_ != nullptr) free_->prefetch();
     }
-    /// One that was used before, if there is one: it is warm.
+    /// Prefers a chunk that was used before, which may still be in the caches.
     Chunk* takeFree() {
         --free_count_;
         if (free_ == nullptr) return &blocks_.back().emplace_back();
@@ -143,11 +143,11 @@ private:
 
     static constexpr std::size_t max_block_chunks = LargePageAllocator<Chunk>::page_count;
 
-    /// Never moved in memory; the last one has room for chunks that were not used yet.
+    /// The storage of a block does not move. The last block has room for chunks not used yet.
     std::vector<LargeArray<Chunk>> blocks_;
-    std::size_t next_block_chunks_ = 4;  ///< small at first: many stores are small
+    std::size_t next_block_chunks_ = 4;  ///< small at first, because many pools stay small
     Chunk* free_ = nullptr;
-    std::size_t free_count_ = 0;  ///< those behind free_, and the room
+    std::size_t free_count_ = 0;  ///< chunks in the free list, and room in the last block
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -8,17 +8,17 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// What an event is. To a neuron only `candidate` differs from the rest: it wakes the neuron for
-/// its pending candidate, all others are inputs. Value 2 is not assigned.
+/// What an event is. A neuron tells two kinds apart: a `candidate` wakes it for its pending
+/// candidate, and all others are inputs. Value 2 is not assigned.
 enum class EventKind : std::uint8_t {
     delivery = 0,      ///< a spike at the end of a synapse; value: the signed weight
     candidate = 1,     ///< a candidate falls due; value: the bound it was drawn under
     input = 3,         ///< an injection on an input channel; value: the input times the gain
     perturbation = 4,  ///< a direct action on a neuron; value: the signed strength
-    observation = 5,   ///< a moment to look at the network; never in a store
+    observation = 5,   ///< a moment at which an observer sees the network; never in a store
 };
 
-/// Something that is to happen to a neuron. Goes into blobs byte for byte.
+/// An input to a neuron, or a candidate, at a time. Goes into blobs byte for byte.
 struct Event {
     ModelTime time = 0;    ///< ns
     std::uint64_t id = 0;  ///< given by the store in the order of posting

@@ -27,8 +27,7 @@ std::int64_t EventWheel::firstBucket(std::int64_t end) const {
         const std::size_t own = farIndex(level, position);
         const std::uint64_t later = occupied_[own / 64] & (~std::uint64_t{0} << (own % 64) << 1);
         if (later == 0) continue;
-        const std::size_t index =
-            own / 64 * 64 + static_cast<std::size_t>(std::countr_zero(later));
+        const std::size_t index = own / 64 * 64 + static_cast<std::size_t>(std::countr_zero(later));
         const std::uint64_t range = digits << shiftOf(level);  // 0 stands for 2^64 and more
         const std::uint64_t begin = (position & ~(range - 1)) + ((index % 64) << shiftOf(level));
         // The list is searched only when the position is about to enter its range, so events that

@@ -8,7 +8,7 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Where events are posted.
+/// Takes events.
 class IEventSink {
 public:
     virtual ~IEventSink() = default;
@@ -17,16 +17,16 @@ public:
     virtual std::uint64_t post(const Event& event) = 0;
 };
 
-/// All that is to happen to neurons at a later time, handed out one window at a time.
+/// Holds the pending events and hands them out one window at a time.
 ///
-/// A window's events come in the order of EventLess. Ids are given in the order of posting, once
-/// each in a store's life. A store is used by one thread at a time.
+/// The events of a window come in the order of EventLess. Ids are given in the order of posting,
+/// each once in the life of a store. A store is used by one thread at a time.
 class IEventStore : public IEventSink {
 public:
     /// A text that names the implementation.
     virtual const char* name() = 0;
 
-    /// Takes a pending event back. False, without effect, for an id that is not pending.
+    /// Removes a pending event. False, without effect, for an id that is not pending.
     virtual bool cancel(std::uint64_t id) = 0;
 
     /// True when no event is pending.
@@ -40,7 +40,7 @@ public:
 
     virtual Blob snapshot() = 0;
 
-    /// Replaces the pending events by those of `blob`. After false the store may only be dropped,
+    /// Replaces the pending events by those of `blob`. After false the store may only be destroyed,
     /// unless the implementation promises more.
     [[nodiscard]] virtual bool restore(BlobView blob) = 0;
 };

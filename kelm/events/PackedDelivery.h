@@ -7,8 +7,8 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// A delivery as deliveries are, in half a cache line: ids that fit 32 bits, no cause, and a value
-/// that was widened from single precision. Its fields are those of an Event.
+/// A delivery in half a cache line. Its fields are those of an Event, for a delivery whose ids fit
+/// 32 bits, whose cause is 0 and whose value is exact in single precision: nearly all of them.
 struct PackedDelivery {
     ModelTime time = 0;
     std::uint64_t id = 0;
@@ -17,7 +17,7 @@ struct PackedDelivery {
     std::uint32_t edge = 0;
     float value = 0.0F;
 
-    /// Whether an event comes back from packing as it was.
+    /// Whether packing and unpacking an event gives the same bits.
     static bool holds(const Event& event) {
         constexpr std::uint64_t end = std::uint64_t{1} << 32;
         return event.kind == EventKind::delivery && event.cause == 0 &&

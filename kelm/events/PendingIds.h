@@ -6,12 +6,12 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// The ids of pending events: a bit set over all ids ever issued, of which only the pages that
-/// hold an id take memory. Ids are issued in ascending order and mostly finish in that order, so
-/// neighbouring calls meet the same page.
+/// A set of the ids of pending events: one bit for each id ever issued, in pages of which only
+/// those with an id take memory. Ids are issued in ascending order and mostly finish in that order,
+/// so successive calls mostly use the same page.
 ///
-/// Pages are found through an open hash table by their number. The table serves look-ups and is
-/// never walked in an order that anything could see.
+/// A hash table with open addressing finds a page by its number. Its order decides nothing that can
+/// be seen.
 class PendingIds {
 public:
     /// Makes room for `id`, so that insert of it cannot fail. May throw std::bad_alloc, with
@@ -22,10 +22,9 @@ public:
         if (pageOf(id) == no_page) addPage(number);
     }
 
-    /// Adds an id that reserve was called for and that is not in.
+    /// Adds an id that is not in the set, after reserve for it.
     void insert(std::uint64_t id) noexcept {
-        // Ids come in their order: the newest page is found without a look-up, whatever page was
-        // asked for in between.
+        // Ids come in their order, so the newest page needs no look-up.
         const bool newest = id / page_bits == newest_ && newest_place_ != no_page;
         Page& page = pages_[newest ? newest_place_ : pageOf(id)];
         page.words[wordOf(id)] |= bitOf(id);
@@ -37,7 +36,7 @@ public:
         return place != no_page && (pages_[place].words[wordOf(id)] & bitOf(id)) != 0;
     }
 
-    /// Removes an id; false if it was not in.
+    /// Removes an id. False if it is not in the set.
     bool erase(std::uint64_t id) {
         const std::uint32_t place = pageOf(id);
         if (place == no_page) return false;
@@ -45,7 +44,7 @@ public:
         const std::uint64_t bit = bitOf(id);
         if ((page.words[wordOf(id)] & bit) == 0) return false;
         page.words[wordOf(id)] &= ~bit;
-        // The newest page is about to be filled: it stays until the next one is begun.
+        // The newest page stays, because the next ids go there.
         if (--page.count == 0 && page.number != newest_) removePage(place);
         return true;
     }

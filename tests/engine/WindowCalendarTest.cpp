@@ -142,10 +142,17 @@ private:
         for (std::uint64_t i = draws_.below(3) * draws_.below(3); i > 0; --i) {
             CandidateSlot& slot = forged[draws_.below(neurons)];
             switch (draws_.below(4)) {
-                case 0: slot.event_id = draws_.below(400); break;
-                case 1: slot.event_id = forged[draws_.below(neurons)].event_id; break;
-                case 2: slot.rate = -slot.rate; break;
-                default: slot.time = end_ + draws_.timeBelow(100);
+                case 0:
+                    slot.event_id = draws_.below(400);
+                    break;
+                case 1:
+                    slot.event_id = forged[draws_.below(neurons)].event_id;
+                    break;
+                case 2:
+                    slot.rate = -slot.rate;
+                    break;
+                default:
+                    slot.time = end_ + draws_.timeBelow(100);
             }
         }
         const Blob blob = own_.snapshot();

@@ -230,12 +230,12 @@ TEST(WindowEngineStore, MayBeRestoredAndToldToCancelFromOutside) {
         const RunImage image = imageOf(engine);
         int cancelled = 0;
         for (const CandidateSlot& slot : engine.candidates()) {
-            if (slot.event_id == no_event || slot.event_id % 3 != 0) continue;
+            if (slot.event_id == no_event) continue;
             EXPECT_TRUE(kept.cancel(slot.event_id));
             EXPECT_FALSE(kept.cancel(slot.event_id));
             ++cancelled;
         }
-        EXPECT_GT(cancelled, 3);
+        EXPECT_GT(cancelled, 0);
         // A neuron whose candidate is gone may get an input later, which ends the run.
         const std::string failure = failureOf(engine, cpu, model.horizon);
         return std::pair(image, failure + std::to_string(engine.logHash()));
