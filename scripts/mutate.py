@@ -75,7 +75,7 @@ EXCLUDED = [
     ("kelm/cuda/DeviceLayerCuda.h", "", "only nvcc compiles it; no test here runs it"),
     ("kelm/cuda/NoDevice.cpp", "", "only the program without a device links it"),
     ("*", r"prefetch", "a hint; speed alone"),
-    ("*", r"\b(?!live_|claimed)\w+(\(\))?\.reserve\(|\breserve\w*_?\.reserve\(",
+    ("*", r"\b(?!pending_|ids)\w+(\(\))?\.reserve\(|\breserve\w*_?\.reserve\(",
      "storage sized ahead; speed alone"),
     ("*", r"steady_clock|wall_ns|_seconds\b|secondsBetween", "measured time is not promised"),
     ("*", r"\bspinUntil\b|\bspins\b", "how long a thread spins before it sleeps; speed alone"),
@@ -99,11 +99,11 @@ SIBLINGS = {}
 for _pair in ("min max", "begin end", "start end", "first last", "from to", "source target",
               "membrane adaptation", "tau_membrane tau_adaptation", "excitatory_on_ inhibitory_on_",
               "window_start window_end", "window_end horizon", "a b", "x y", "state rng",
-              "live_count_ dead_count_", "before after", "excitatory inhibitory", "low high",
+              "before after", "excitatory inhibitory", "low high",
               "weight value", "time bound", "neuron firing", "row column", "out_ in_", "out in",
               "count size", "first_event event_count", "pending_time pending_bound", "i j",
               "pre post", "lower upper", "left right", "events deliveries", "gain base_rate",
-              "refractory_until last_update", "time rate", "hi lo", "next_id_ live_count_"):
+              "refractory_until last_update", "time rate", "hi lo", "next_id_ cursor_"):
     _a, _b = _pair.split()
     SIBLINGS.setdefault(_a, []).append(_b)
     SIBLINGS.setdefault(_b, []).append(_a)
