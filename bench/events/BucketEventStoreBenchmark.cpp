@@ -9,9 +9,9 @@
 #include "kelm/core/SplitMix64.h"
 #include "kelm/events/BucketEventStore.h"
 
-// The store in two regimes. Near events lie a few hundred windows ahead, inside the ring. Far
-// events lie tens of thousands of windows ahead, most of them beyond the ring. One item is one
-// event.
+// The store in three regimes. Near events lie a few hundred windows ahead, inside the ring. Far
+// events lie tens of thousands of windows ahead, most of them beyond the ring. Scattered events lie
+// so far apart that there is about one to the length of a ring. One item is one event.
 
 namespace Lumenar::Core::Kelm {
 
@@ -23,6 +23,7 @@ constexpr std::uint64_t bucket_count = 4096;
 // Mean distance of an event from the current window, in windows.
 constexpr std::int64_t near_windows = 400;
 constexpr std::int64_t far_windows = 40'000;
+constexpr std::int64_t scattered_windows = 400'000'000;
 
 /// Waiting times of a Poisson process, like those of candidates.
 class Distances {
@@ -175,7 +176,7 @@ void holdBesideWaiting(benchmark::State& state) {
 void regimes(benchmark::internal::Benchmark* benchmark) {
     benchmark->ArgNames({"pending", "windows"});
     for (const std::int64_t pending : {10'000, 100'000}) {
-        for (const std::int64_t windows : {near_windows, far_windows}) {
+        for (const std::int64_t windows : {near_windows, far_windows, scattered_windows}) {
             benchmark->Args({pending, windows});
         }
     }

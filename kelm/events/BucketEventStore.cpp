@@ -22,6 +22,12 @@ bool BucketEventStore::cancel(std::uint64_t id) {
     return true;
 }
 
+bool BucketEventStore::holdsPending(const EventList& list) const {
+    bool holds = false;
+    list.forEach([&](const auto& record) { holds |= pending_.contains(record.id); });
+    return holds;
+}
+
 bool BucketEventStore::take(ModelTime until, std::vector<Event>& events, ModelTime& window_start,
                             ModelTime& window_end) {
     events.clear();
@@ -32,19 +38,17 @@ bool BucketEventStore::take(ModelTime until, std::vector<Event>& events, ModelTi
     while (events.empty()) {
         if (!calendar_.advance(until, BucketCalendar::no_bucket)) return false;
         const EventList& bucket = calendar_.current();
-        events.reserve(bucket.size());
-        bucket.forEach([&](const auto& record) {
-            if (pending_.contains(record.id)) events.push_back(unpackedEvent(record));
-        });
-        if (!events.empty() && !calendar_.windowEndsInRange()) {
-            events.clear();
+        if (!calendar_.windowEndsInRange() && holdsPending(bucket)) {
             throw TimeOverflow(TimeOverflow::out_of_range);
         }
+        events.reserve(bucket.size());
+        bucket.forEach([&](const auto& record) {
+            if (pending_.erase(record.id)) events.push_back(unpackedEvent(record));
+        });
         start = calendar_.windowStart();
         EventList taken = calendar_.take();
         calendar_.release(taken);
     }
-    for (const Event& event : events) pending_.erase(event.id);
     pending_count_ -= events.size();
     window_start = start;
     window_end = start + calendar_.bucketWidth();

@@ -66,6 +66,8 @@ private:
         calendar_.removeIf([this](std::uint64_t id) { return !pending_.contains(id); });
     }
 
+    bool holdsPending(const EventList& list) const;
+
     BucketCalendar calendar_;
     PendingIds pending_;
     std::uint64_t pending_count_ = 0;
