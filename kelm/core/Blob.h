@@ -168,10 +168,4 @@ private:
     std::size_t cursor_ = 0;
 };
 
-/// Zeroes a gap of a record that was read.
-template <std::size_t size>
-void clearGap(std::uint8_t (&gap)[size]) {
-    std::memset(gap, 0, size);
-}
-
 }  // namespace Lumenar::Core::Kelm

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "kelm/core/Gap.h"
 #include "kelm/core/ModelTime.h"
 
 namespace Lumenar::Core::Kelm {
@@ -23,7 +24,7 @@ struct Event {
     ModelTime time = 0;    ///< ns
     std::uint64_t id = 0;  ///< given by the store in the order of posting
     EventKind kind = EventKind::delivery;
-    std::uint8_t gap[7] = {};  ///< always zero: equal events have equal bytes
+    Gap<7> gap = {};           ///< always zero: equal events have equal bytes
     std::uint64_t source = 0;  ///< a NodeId, or a channel's index plus 1000000 for an input
     NodeId target = 0;         ///< the neuron that it reaches
     EdgeId edge = 0;           ///< the synapse of a delivery, else 0

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "kelm/core/Gap.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/core/PortableMath.h"
 
@@ -44,7 +45,7 @@ struct Neuron {
     double trace_epsilon = 1e-15;  ///< a decayed trace of smaller magnitude becomes exactly 0
     bool hard_refractory = true;   ///< no spike can occur before refractory_until
     bool non_leaky = false;        ///< the membrane trace does not decay
-    std::uint8_t gap[6] = {};      ///< always zero: equal records have equal bytes
+    Gap<6> gap = {};               ///< always zero: equal records have equal bytes
 
     friend bool operator==(const Neuron&, const Neuron&) = default;
 };
@@ -69,7 +70,7 @@ struct Firing {
     double rate_scale = 1.0;         ///< second factor of the base rate
     double max_rate = 1'000'000.0;   ///< spikes/s; ceiling of the hazard
     bool spare_flag = false;         ///< carried and compared, read by no formula
-    std::uint8_t gap[7] = {};        ///< always zero: equal records have equal bytes
+    Gap<7> gap = {};                 ///< always zero: equal records have equal bytes
 
     friend bool operator==(const Firing&, const Firing&) = default;
 };

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "kelm/core/Gap.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/core/PortableMath.h"
 #include "kelm/core/SplitMix64.h"
@@ -39,7 +40,7 @@ struct PhaseDrive {
     double base = 0.0;            ///< constant part
     double bound = 0.0;           ///< upper bound of the whole drive while this block is valid
     std::int32_t term_count = 0;  ///< terms in use, 0 to max_phase_terms
-    std::uint8_t gap[4] = {};     ///< always zero: equal drives have equal bytes
+    Gap<4> gap = {};              ///< always zero: equal drives have equal bytes
     PhaseTerm terms[max_phase_terms] = {};
 };
 static_assert(std::is_trivially_copyable_v<PhaseDrive> && std::is_standard_layout_v<PhaseDrive>);
@@ -54,10 +55,10 @@ namespace Kernel {
 
 /// One event of a neuron inside a window. Goes to a device byte for byte.
 struct WindowEvent {
-    ModelTime time = 0;        ///< ns
-    double value = 0.0;        ///< signed input, in units of the membrane trace
-    bool wake_only = false;    ///< wakes the neuron for its candidate, carries no input
-    std::uint8_t gap[7] = {};  ///< always zero: equal events have equal bytes
+    ModelTime time = 0;      ///< ns
+    double value = 0.0;      ///< signed input, in units of the membrane trace
+    bool wake_only = false;  ///< wakes the neuron for its candidate, carries no input
+    Gap<7> gap = {};         ///< always zero: equal events have equal bytes
 };
 static_assert(std::is_trivially_copyable_v<WindowEvent> && std::is_standard_layout_v<WindowEvent>);
 static_assert(sizeof(WindowEvent) == 24);
@@ -74,7 +75,7 @@ struct WindowResult {
     State state;                                    ///< at the end of the walk
     std::uint64_t rng = 0;                          ///< raw generator state after the walk
     std::int32_t spike_count = 0;                   ///< 0 to max_window_spikes
-    std::uint8_t count_gap[4] = {};                 ///< always zero
+    Gap<4> count_gap = {};                          ///< always zero
     ModelTime spike_times[max_window_spikes] = {};  ///< ns, ascending; 0 behind spike_count
     ModelTime next_candidate = no_time;  ///< ns; pending candidate after the window, or no_time
     double next_bound = 0.0;             ///< spikes/s; its bound, negative for a marker
@@ -83,7 +84,7 @@ struct WindowResult {
     std::uint32_t accepted = 0;          ///< candidates accepted
     bool spike_overflow = false;         ///< one spike more than the result holds was accepted
     bool bound_violation = false;        ///< a candidate's hazard exceeded its bound
-    std::uint8_t gap[2] = {};            ///< always zero: equal results have equal bytes
+    Gap<2> gap = {};                     ///< always zero: equal results have equal bytes
 };
 static_assert(std::is_trivially_copyable_v<WindowResult> &&
               std::is_standard_layout_v<WindowResult>);

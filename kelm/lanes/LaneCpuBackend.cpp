@@ -104,14 +104,14 @@ bool equalBytes(const Record& a, const Record& b) {
 /// instruction of it, which takes longer to start than the rest of an item's loading.
 void clear(Kernel::WindowResult& result) {
     result.spike_count = 0;
-    for (std::uint8_t& gap : result.count_gap) gap = 0;
+    clearGap(result.count_gap);
     for (ModelTime& time : result.spike_times) time = 0;
     result.updates = 0;
     result.candidates = 0;
     result.accepted = 0;
     result.spike_overflow = false;
     result.bound_violation = false;
-    for (std::uint8_t& gap : result.gap) gap = 0;
+    clearGap(result.gap);
 }
 
 /// The walks of one call. A block holds one step of each walk that is under way; a walk that ends

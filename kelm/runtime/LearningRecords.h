@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "kelm/core/Gap.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/runtime/PlasticityConfig.h"
 
@@ -19,7 +20,7 @@ struct SynapseLearningState {
     double last_weight = 0.0;      ///< the weight as learning last wrote or saw it
     std::uint8_t initialized = 0;  ///< not 0 from the first proposal that passed on
     std::uint8_t pending = 0;      ///< not 0 once the synapse is among the pending ones
-    std::uint8_t gap[6] = {};      ///< always zero: equal states have equal bytes
+    Gap<6> gap = {};               ///< always zero: equal states have equal bytes
 };
 static_assert(std::is_trivially_copyable_v<SynapseLearningState> &&
               std::is_standard_layout_v<SynapseLearningState>);
@@ -53,7 +54,7 @@ struct JournalEntry {
     double delta = 0.0;             ///< from the proposal; 0 without one
     PlasticityRuleKind rule_kind = PlasticityRuleKind::none;  ///< from the proposal
     JournalKind kind = JournalKind::update;
-    std::uint8_t gap[6] = {};  ///< always zero: equal entries have equal bytes
+    Gap<6> gap = {};  ///< always zero: equal entries have equal bytes
 };
 static_assert(std::is_trivially_copyable_v<JournalEntry> &&
               std::is_standard_layout_v<JournalEntry>);
@@ -74,9 +75,9 @@ static_assert(offsetof(JournalEntry, gap) == 90);
 
 /// What the gate answered from a moment on. Goes into blobs byte for byte.
 struct ModulatorSample {
-    ModelTime time = 0;        ///< ns
-    std::uint8_t open = 0;     ///< 0: nothing is learned
-    std::uint8_t gap[7] = {};  ///< always zero: equal samples have equal bytes
+    ModelTime time = 0;     ///< ns
+    std::uint8_t open = 0;  ///< 0: nothing is learned
+    Gap<7> gap = {};        ///< always zero: equal samples have equal bytes
 };
 static_assert(std::is_trivially_copyable_v<ModulatorSample> &&
               std::is_standard_layout_v<ModulatorSample>);
@@ -87,7 +88,7 @@ static_assert(offsetof(ModulatorSample, gap) == 9);
 /// How weights split into a lasting and a fading part. Goes into blobs byte for byte.
 struct FastWeightSettings {
     std::uint8_t enabled = 0;         ///< not 0: learning goes to the fading part
-    std::uint8_t gap[7] = {};         ///< always zero: equal settings have equal bytes
+    Gap<7> gap = {};                  ///< always zero: equal settings have equal bytes
     ModelTime tau = 500'000'000;      ///< ns; time constant of the fading, at least 1
     double consolidation_rate = 0.0;  ///< share that becomes lasting per window, in [0, 1]
 };

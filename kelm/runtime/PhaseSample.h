@@ -4,12 +4,14 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "kelm/core/Gap.h"
+
 namespace Lumenar::Core::Kelm {
 
 /// The phase of one oscillator at some instant. Goes into checkpoints byte for byte.
 struct PhaseSample {
     std::uint32_t oscillator = 0;  ///< id
-    std::uint8_t gap[4] = {};      ///< always zero: equal samples have equal bytes
+    Gap<4> gap = {};               ///< always zero: equal samples have equal bytes
     double phase = 0.0;            ///< radians
 };
 static_assert(std::is_trivially_copyable_v<PhaseSample> && std::is_standard_layout_v<PhaseSample>);

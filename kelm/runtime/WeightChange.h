@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "kelm/core/Gap.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/runtime/PlasticityConfig.h"
 
@@ -44,7 +45,7 @@ struct WeightChangeContext {
     std::uint8_t synapse_kind = 0;  ///< 0 excitatory, 1 inhibitory
     PlasticityRuleKind rule_kind = PlasticityRuleKind::none;
     PlasticitySide side = PlasticitySide::source;
-    std::uint8_t gap[5] = {};  ///< always zero: equal contexts have equal bytes
+    Gap<5> gap = {};  ///< always zero: equal contexts have equal bytes
 };
 static_assert(std::is_trivially_copyable_v<WeightChangeContext> &&
               std::is_standard_layout_v<WeightChangeContext>);
@@ -68,8 +69,8 @@ struct WeightChange {
     EdgeId edge = 0;
     ModelTime time = 0;  ///< ns, of the spike
     PlasticitySide side = PlasticitySide::source;
-    std::uint8_t gap[7] = {};  ///< always zero: equal proposals have equal bytes
-    double delta = 0.0;        ///< to be added to the weight
+    Gap<7> gap = {};     ///< always zero: equal proposals have equal bytes
+    double delta = 0.0;  ///< to be added to the weight
     WeightChangeContext context;
 };
 static_assert(std::is_trivially_copyable_v<WeightChange> &&

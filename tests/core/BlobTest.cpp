@@ -10,12 +10,14 @@
 #include <utility>
 #include <vector>
 
+#include "kelm/core/Gap.h"
+
 namespace Lumenar::Core::Kelm {
 
 struct Image {
     std::int64_t time = 0;
     bool flag = false;
-    std::uint8_t gap[7] = {};
+    Gap<7> gap = {};
 };
 
 using Read = std::function<bool(BlobReader&)>;

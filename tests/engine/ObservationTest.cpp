@@ -83,7 +83,7 @@ TEST_F(ObservationTest, ComesInOrderOfTimeAndThenOfDeclaration) {
     const std::uint64_t first_id = 9223372036854775807U;  // above every id of a store
     Event event = observationAt(0);
     event.id = 77;
-    event.gap[3] = 1;
+    fillGap(event.gap, 1);
     for (const ModelTime time : {18, 5, 18, 50, 5, 18}) {
         event.time = time;
         EXPECT_EQ(engine.declareObserverEvent(event), first_id + event.cause);
@@ -94,7 +94,7 @@ TEST_F(ObservationTest, ComesInOrderOfTimeAndThenOfDeclaration) {
     for (const KeepingObserver::Sight& sight : observer.sights) {
         order.push_back(sight.event.cause);
         EXPECT_EQ(sight.event.id, first_id + order.back());
-        EXPECT_EQ(sight.event.gap[3], 0);
+        EXPECT_EQ(sight.event.gap, Gap<7>());
     }
     EXPECT_EQ(order, (std::vector<std::uint64_t>{1, 4, 0, 2, 5, 3}));
 }

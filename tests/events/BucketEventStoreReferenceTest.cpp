@@ -29,7 +29,7 @@ public:
     std::optional<std::uint64_t> post(Event event) {
         if (started_ && event.time / d_min_ < cursor_) return {};
         event.id = next_id_++;
-        std::fill(std::begin(event.gap), std::end(event.gap), std::uint8_t{0});
+        event.gap = {};
         overflow_posts_ += isBeyondReach(event);
         live_[event.id] = event;
         return event.id;
@@ -156,7 +156,7 @@ private:
         event.id = draws_.next();
         event.kind =
             draws_.oneOf<EventKind>({EventKind::delivery, EventKind::candidate, EventKind::input});
-        event.gap[below(7)] = 0xee;
+        Testing::fillGap(event.gap, 0xee);
         for (std::uint64_t* const id : {&event.source, &event.target, &event.edge}) {
             *id = draws_.oneIn(8) ? (std::uint64_t{1} << 32) - below(2) : below(1000);
         }

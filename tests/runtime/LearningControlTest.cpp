@@ -104,7 +104,10 @@ Blob usedBlob(const Fields& with = {}) {
                        0.5,        0.5, 11,  22,   0.25, PlasticityRuleKind::pair};
     ModulatorSample sample{1, 1};
     FastWeightSettings fast{with.yes, {}, with.tau, with.share};
-    state.gap[5] = entry.gap[5] = sample.gap[6] = fast.gap[6] = with.junk;
+    fillGap(state.gap, with.junk);
+    fillGap(entry.gap, with.junk);
+    fillGap(sample.gap, with.junk);
+    fillGap(fast.gap, with.junk);
     return blobOf(BlobTag("KELMLRN1"), 1UL, 1U, 1UL, state, 3UL, with.yes, with.yes, false, 1UL,
                   entry, 1UL, sample, 1UL, with.pending, fast, with.yes, with.yes, 2UL, 4U, 1U,
                   with.mode, with.rate, with.cap, with.yes, false, false, with.yes, 1UL);

@@ -72,7 +72,8 @@ WeightChange change(EdgeId edge, PlasticitySide side, NodeId post, std::uint8_t 
     made.edge = edge;
     made.side = side;
     made.context.post_neuron = post;
-    made.gap[6] = made.context.gap[4] = junk;
+    fillGap(made.gap, junk);
+    fillGap(made.context.gap, junk);
     return made;
 }
 

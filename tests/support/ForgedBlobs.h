@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kelm/core/Blob.h"
+#include "kelm/core/Gap.h"
 
 namespace Lumenar::Core::Kelm::Testing {
 
@@ -30,6 +31,12 @@ Blob withValueAt(Blob blob, std::size_t offset, Value value) {
     static_assert(std::is_trivially_copyable_v<Value>);
     std::memcpy(blob.data() + offset, &value, sizeof(value));
     return blob;
+}
+
+/// Puts into a gap what only bytes from outside can put there.
+template <std::size_t size>
+void fillGap(Gap<size>& gap, std::uint8_t byte) {
+    std::memset(static_cast<void*>(&gap), byte, size);
 }
 
 /// Expects `object` to refuse each of the forgeries, every truncation of `sound`, another tag and a
