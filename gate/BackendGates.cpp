@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "gate/GateDriver.h"
+#include "gate/GateRequire.h"
 #include "gate/GateRun.h"
 #include "kelm/cuda/CudaWindowBackend.h"
 #include "kelm/cuda/ResidentRecurrence.h"

@@ -2,9 +2,8 @@
 
 #include <chrono>
 #include <cstdint>
-#include <ostream>
+#include <iostream>
 #include <span>
-#include <sstream>
 #include <stdexcept>
 #include <vector>
 
@@ -37,13 +36,10 @@ double timed(Work work) {
     return static_cast<double>(elapsed_ns) / 1e9;
 }
 
-/// Writes one line of the report at once, in the default format of numbers whatever the state of
-/// the stream.
+/// Writes one line of the report at once.
 template <class... Parts>
-void writeLine(std::ostream& out, const Parts&... parts) {
-    std::ostringstream line;
-    (line << ... << parts);
-    out << line.str() << '\n' << std::flush;
+void writeLine(const Parts&... parts) {
+    (std::cout << ... << parts) << std::endl;
 }
 
 const char* verdictOf(double speedup) { return speedup >= required_speedup ? "PASS" : "NOT MET"; }
@@ -81,7 +77,7 @@ SynapseGraph buildGraph(const BenchmarkWorkload& workload) {
 }
 
 /// Construction lies outside the time.
-TimedRun measureRun(const BenchmarkWorkload& workload, IWindowBackend& backend, std::ostream& out) {
+TimedRun measureRun(const BenchmarkWorkload& workload, IWindowBackend& backend) {
     TimedBackend timed_backend(backend);
     KelmRuntime runtime = makeKelmRuntime(buildGraph(workload), workload.neuron, workload.firing,
                                           benchmark_seed, workload.horizon, &timed_backend);
@@ -90,28 +86,27 @@ TimedRun measureRun(const BenchmarkWorkload& workload, IWindowBackend& backend, 
     run.backend_seconds = timed_backend.seconds();
     run.spikes = runtime.spikeLog().size();
     run.deliveries = runtime.profile().deliveries;
-    writeLine(out, "  ", timed_backend.name(), ": ", run.total, " s total, ", run.backend_seconds,
+    writeLine("  ", timed_backend.name(), ": ", run.total, " s total, ", run.backend_seconds,
               " s in the backend (", run.backend_seconds * 100.0 / run.total, " %), ", run.spikes,
               " spikes, ", runtime.profile().windows, " windows, ", run.deliveries, " deliveries");
     run.digests = digestsOf(runtime, runtime.neuronStates());
     return run;
 }
 
-void reportSpeedup(const TimedRun& cpu, const TimedRun& cuda, std::ostream& out) {
-    writeLine(out,
-              "  speedup of the parallelised part: ", cpu.backend_seconds / cuda.backend_seconds,
+void reportSpeedup(const TimedRun& cpu, const TimedRun& cuda) {
+    writeLine("  speedup of the parallelised part: ", cpu.backend_seconds / cuda.backend_seconds,
               "x");
     const double speedup = cpu.total / cuda.total;
-    writeLine(out, "  end-to-end speedup: ", speedup, "x; F-08 criterion 5: ", verdictOf(speedup),
+    writeLine("  end-to-end speedup: ", speedup, "x; F-08 criterion 5: ", verdictOf(speedup),
               " (required >= ", required_speedup, "x)");
 }
 
-void reportShards(const BenchmarkWorkload& workload, std::uint32_t shards, std::ostream& out) {
+void reportShards(const BenchmarkWorkload& workload, std::uint32_t shards) {
     SynapseGraph graph = buildGraph(workload);
     const ShardQueueReport report =
         runShardQueue(graph, benchmark_fanout, shard_source_events, shards, workload.neuron,
                       workload.firing, workload.min_delay, workload.horizon);
-    writeLine(out, "  resident shard queues ", shards, ": ", report.seconds, " s, ",
+    writeLine("  resident shard queues ", shards, ": ", report.seconds, " s, ",
               static_cast<double>(report.routed_events) / report.seconds / 1e6,
               " M routed events/s, local=", report.local_events, ", cross=", report.cross_events,
               ", targets=", report.processed_targets,
@@ -127,32 +122,32 @@ bool equalsCpu(const ResidentRun& resident, const TimedRun& cpu) {
 }
 
 void reportRecurrence(const BenchmarkWorkload& workload, const TimedRun& cpu,
-                      CudaWindowBackend& backend, std::ostream& out) {
+                      CudaWindowBackend& backend) {
     SynapseGraph graph = buildGraph(workload);
     const ResidentRun resident = runResidentRecurrence(
         backend, graph, benchmark_fanout, resident_shards, workload.neuron, workload.firing,
         workload.min_delay, workload.horizon, benchmark_seed);
-    writeLine(out, "  resident recurrent ", resident_shards, ": ", resident.core_seconds, " s, ",
+    writeLine("  resident recurrent ", resident_shards, ": ", resident.core_seconds, " s, ",
               resident.spikes, " spikes, ", resident.deliveries, " deliveries, ", resident.windows,
               " windows, capacity=", resident.capacity_ok ? "OK" : "OVERFLOW");
-    writeLine(out, "  resident lifecycle: setup=", resident.setup_seconds,
+    writeLine("  resident lifecycle: setup=", resident.setup_seconds,
               " s, core=", resident.core_seconds, " s, finalize=", resident.finalize_seconds, " s");
     const WindowProfile& a = cpu.digests.profile;
     const WindowProfile& b = resident.profile;
-    writeLine(out, "  resident profile cpu/resident: deliveries=", a.deliveries, "/", b.deliveries,
+    writeLine("  resident profile cpu/resident: deliveries=", a.deliveries, "/", b.deliveries,
               ", updates=", a.updates, "/", b.updates, ", candidates=", a.candidates, "/",
               b.candidates, ", accepted=", a.accepted, "/", b.accepted);
     if (!equalsCpu(resident, cpu)) {
         throw std::runtime_error("resident recurrence differs from CPU counts");
     }
     const double speedup = cpu.total / resident.core_seconds;
-    writeLine(out, "  resident end-to-end speedup: ", speedup,
+    writeLine("  resident end-to-end speedup: ", speedup,
               "x; log/state/RNG/profile=BIT-IDENTICAL; F-08 criterion 5: ", verdictOf(speedup),
               " (required >= ", required_speedup, "x)");
 }
 
 /// The engine alone hands its whole run to the device.
-void reportIntegrated(const BenchmarkWorkload& workload, const TimedRun& cpu, std::ostream& out) {
+void reportIntegrated(const BenchmarkWorkload& workload, const TimedRun& cpu) {
     CudaWindowBackend backend;
     WindowEngine engine(buildGraph(workload), workload.neuron, workload.firing, benchmark_seed,
                         workload.horizon);
@@ -162,25 +157,25 @@ void reportIntegrated(const BenchmarkWorkload& workload, const TimedRun& cpu, st
         throw std::runtime_error("integrated resident WindowEngine differs from CPU");
     }
     const double speedup = cpu.total / elapsed;
-    writeLine(out, "  integrated WindowEngine resident: ", elapsed, " s, speedup=", speedup,
+    writeLine("  integrated WindowEngine resident: ", elapsed, " s, speedup=", speedup,
               "x, log/state/RNG/profile=BIT-IDENTICAL; criterion: ", verdictOf(speedup));
 }
 
 }  // namespace
 
-void runBenchmark(std::ostream& out) {
+void runBenchmark() {
     const BenchmarkWorkload workload = buildBenchmarkWorkload();
     constexpr ModelTime ns_per_ms = 1'000'000;
-    writeLine(out, "benchmark: ", workload.neuron_count, " neurons, fan-out ", benchmark_fanout,
-              ", ", workload.horizon / ns_per_ms, " ms model time");
+    writeLine("benchmark: ", workload.neuron_count, " neurons, fan-out ", benchmark_fanout, ", ",
+              workload.horizon / ns_per_ms, " ms model time");
     CpuWindowBackend cpu_backend;
     CudaWindowBackend cuda_backend;
-    const TimedRun cpu = measureRun(workload, cpu_backend, out);
-    const TimedRun cuda = measureRun(workload, cuda_backend, out);
-    reportSpeedup(cpu, cuda, out);
-    for (const std::uint32_t shards : {8U, 16U, 32U}) reportShards(workload, shards, out);
-    reportRecurrence(workload, cpu, cuda_backend, out);
-    reportIntegrated(workload, cpu, out);
+    const TimedRun cpu = measureRun(workload, cpu_backend);
+    const TimedRun cuda = measureRun(workload, cuda_backend);
+    reportSpeedup(cpu, cuda);
+    for (const std::uint32_t shards : {8U, 16U, 32U}) reportShards(workload, shards);
+    reportRecurrence(workload, cpu, cuda_backend);
+    reportIntegrated(workload, cpu);
 }
 
 }  // namespace Lumenar::Core::Kelm

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "gate/GateDriver.h"
+#include "gate/GateRequire.h"
 #include "gate/GateRun.h"
 #include "gate/ModelCatalogue.h"
 #include "kelm/cuda/CudaWindowBackend.h"

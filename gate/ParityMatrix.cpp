@@ -1,5 +1,6 @@
 #include "gate/ParityMatrix.h"
 
+#include "gate/GateRequire.h"
 #include "gate/ModelCatalogue.h"
 #include "kelm/cuda/CudaWindowBackend.h"
 #include "kelm/engine/CpuWindowBackend.h"

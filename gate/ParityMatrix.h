@@ -1,11 +1,18 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
-#include "gate/GateDriver.h"
 #include "gate/GateRun.h"
 
 namespace Lumenar::Core::Kelm {
+
+/// What the parity matrix covered.
+struct GateTotals {
+    std::uint64_t runs = 0;     ///< cells that passed
+    std::uint64_t spikes = 0;   ///< of the CPU runs
+    std::uint64_t windows = 0;  ///< of the CPU runs
+};
 
 /// Runs 20 catalogue models by 5 seeds on the CPU and on the device and compares all that the runs
 /// produced.

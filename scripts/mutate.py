@@ -857,7 +857,7 @@ def culprits(output, copy):
 # --- Building and running -----------------------------------------------------------------------
 
 PROGRAMS = ["core", "kernel", "events", "network", "engine", "runtime", "cuda", "lanes",
-            "threads", "gate", "gate-fault", "faults"]
+            "threads", "gate", "gate-fault", "gate-driver", "faults"]
 # Programs that are one test each, with their arguments: a verdict is status 0.
 WHOLE_PROGRAMS = {"gate-run": ["kelmgate-emulated"], "soak-run": ["kelm-soak", "--models", "400"]}
 

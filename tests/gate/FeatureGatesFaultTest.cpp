@@ -43,8 +43,6 @@ bool CudaWindowBackend::tryResidentRun(WindowEngine&) { return false; }
 bool cudaDeviceUsable() { return true; }
 std::string cudaDeviceName() { return "a device that computes wrongly"; }
 
-namespace Gate {
-
 namespace {
 
 using Result = Kernel::WindowResult;
@@ -102,7 +100,5 @@ TEST(FeatureGatesOverAFaultyDevice, TellTheFirstDifference) {
 }
 
 }  // namespace
-
-}  // namespace Gate
 
 }  // namespace Lumenar::Core::Kelm
