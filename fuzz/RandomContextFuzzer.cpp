@@ -28,15 +28,16 @@ void walkStreams(RandomContext& context, RandomContext& twin) {
                 "a snapshot ends behind its streams");
         require(mode <= 2 && cursor <= tape.size(), "a cursor lies on its tape");
         const std::string name(bytes.begin(), bytes.end());
-        require(context.rawState(name, index) == state, "a stream has its state");
-        require(context.tape(name, index).size() == tape.size(), "a stream has its tape");
+        const RandomContext::Stream stream = context.streamFor(name, index);
+        require(stream.state() == state, "a stream has its state");
+        require(stream.tape().size() == tape.size(), "a stream has its tape");
         const std::uint64_t ahead = state + 3 * splitmix_increment;
         if (!sameFor(context, twin, [&](RandomContext& c) { c.advanceTo(name, index, ahead); })) {
             continue;
         }
-        require(context.rawState(name, index) == ahead, "a stream arrives");
+        require(stream.state() == ahead, "a stream arrives");
         if (mode == 1) {
-            require(context.tape(name, index).size() == tape.size() + 3, "a recording grows");
+            require(stream.tape().size() == tape.size() + 3, "a recording grows");
         }
     }
     require(in.atEnd(), "a snapshot ends behind its streams");
@@ -59,7 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         c.next(c.streamFor("spontaneous", 1));
         c.record("spontaneous", 0);
         c.advanceTo("spontaneous", 0, c.rawState("spontaneous", 0) + 2 * splitmix_increment);
-        c.replay("stimulus", 0, c.tape("spontaneous", 0));
+        c.replay("stimulus", 0, c.streamFor("spontaneous", 0).tape());
         c.stopTape("spontaneous", 0);
         c.advanceTo("stimulus", 0, c.rawState("stimulus", 0) + splitmix_increment);
     });

@@ -1,5 +1,6 @@
 #include "kelm/core/RandomContext.h"
 
+#include <iterator>
 #include <stdexcept>
 #include <utility>
 
@@ -14,9 +15,9 @@ namespace {
 
 constexpr BlobTag format_tag("RNDCTX1");
 
-/// One stream as a blob holds it.
+/// One stream as a blob holds it. The name is a view of the blob.
 struct StoredStream {
-    std::string name;
+    std::string_view name;
     std::uint64_t index = 0;
     std::uint64_t state = 0;
     std::uint8_t mode = 0;
@@ -27,19 +28,13 @@ struct StoredStream {
 bool readStream(BlobReader& in, StoredStream& stream) {
     std::uint32_t name_length = 0;
     BlobView name;
-    std::uint64_t tape_length = 0;
     if (!in.readU32(name_length) || !in.readView(name_length, name) || !in.readU64(stream.index) ||
         !in.readU64(stream.state) || !in.readU8(stream.mode) || !in.readU64(stream.cursor) ||
-        !in.readCount(8, tape_length)) {
+        !in.readSequence(stream.tape)) {
         return false;
     }
-    if (stream.cursor > tape_length || stream.mode > 2) return false;
-    stream.name.assign(name.begin(), name.end());
-    stream.tape.resize(tape_length);
-    for (std::uint64_t& value : stream.tape) {
-        if (!in.readU64(value)) return false;
-    }
-    return true;
+    stream.name = {reinterpret_cast<const char*>(name.data()), name.size()};
+    return stream.cursor <= stream.tape.size() && stream.mode <= 2;
 }
 
 }  // namespace
@@ -50,66 +45,47 @@ std::uint64_t RandomContext::deriveStreamState(std::uint64_t seed, std::string_v
     return splitmixOutput(splitmixOutput(digest(name) ^ root) ^ index);
 }
 
-RandomContext::Family RandomContext::family(std::string_view name) {
-    const auto found = places_.find(name);
-    if (found != places_.end()) return Family(found->second);
-    families_.push_back(FamilyTable{std::string(name), {}, {}, {}});
-    try {
-        places_.emplace(std::string(name), families_.size() - 1);
-    } catch (...) {
-        families_.pop_back();
-        throw;
+const RandomContext::Tape& RandomContext::tapeOf(const Run& run, std::uint64_t index) {
+    static const Tape none;
+    const auto found = run.tapes.find(index);
+    return found == run.tapes.end() ? none : found->second;
+}
+
+RandomContext::Runs::value_type& RandomContext::runFor(std::string_view name, std::uint64_t index) {
+    const auto behind = runs_.upper_bound(AddressView{name, index});
+    if (behind != runs_.begin()) {
+        Runs::value_type& run = *std::prev(behind);
+        if (run.first.name == name && index - run.first.index <= run.second.states.size()) {
+            return run;
+        }
     }
-    return Family(families_.size() - 1);
+    return *runs_.emplace_hint(behind, Address{std::string(name), index}, Run());
 }
 
 RandomContext::Stream RandomContext::streamFor(std::string_view name, std::uint64_t index) {
-    const Stream stream{family(name), index};
-    rawState(stream.family, index);
+    const Stream stream(runFor(name, index), index);
+    auto& states = stream.run_->second.states;
+    if (stream.place() == states.size()) states.push_back(deriveStreamState(seed_, name, index));
     return stream;
 }
 
-RandomContext::FamilyTable& RandomContext::tableOf(std::string_view name, std::uint64_t index) {
-    FamilyTable& table = families_[family(name).place_];
-    stateOf(table, index);
-    return table;
-}
-
-std::uint64_t& RandomContext::stateOf(FamilyTable& table, std::uint64_t index) {
-    if (index < table.dense.size()) return table.dense[index];
-    const auto found = table.sparse.find(index);
-    if (found != table.sparse.end()) return found->second;
-    insertState(table, index, deriveStreamState(seed_, table.name, index));
-    return index < table.dense.size() ? table.dense[index] : table.sparse.at(index);
-}
-
-void RandomContext::insertState(FamilyTable& table, std::uint64_t index, std::uint64_t state) {
-    if (index != table.dense.size()) {
-        table.sparse.emplace(index, state);
-        return;
-    }
-    table.dense.push_back(state);
-    while (!table.sparse.empty() && table.sparse.begin()->first == table.dense.size()) {
-        table.dense.push_back(table.sparse.begin()->second);
-        table.sparse.erase(table.sparse.begin());
-    }
-}
-
 std::uint64_t RandomContext::next(Stream stream) {
-    std::uint64_t& state = stateOf(families_[stream.family.place_], stream.index);
+    std::uint64_t& state = stream.run_->second.states[stream.place()];
     state += splitmix_increment;
     return splitmixOutput(state);
 }
 
-void RandomContext::advanceSlowly(FamilyTable& table, std::uint64_t index, std::uint64_t raw) {
-    std::uint64_t& state = stateOf(table, index);
+void RandomContext::advance(Stream stream, std::uint64_t raw) {
+    Run& run = stream.run_->second;
+    std::uint64_t& state = run.states[stream.place()];
     const std::uint64_t steps = requireReachable(state, raw);
-    const auto taped = table.tapes.find(index);
-    if (taped == table.tapes.end() || taped->second.mode == Mode::generate) {
+    const auto taped = run.tapes.find(stream.index());
+    if (taped == run.tapes.end() || taped->second.mode == Mode::generate) {
         state = raw;
         return;
     }
     Tape& tape = taped->second;
+    const std::string& name = stream.run_->first.name;
     for (std::uint64_t step = 0; step < steps; ++step) {
         state += splitmix_increment;
         const std::uint64_t value = splitmixOutput(state);
@@ -118,11 +94,10 @@ void RandomContext::advanceSlowly(FamilyTable& table, std::uint64_t index, std::
             continue;
         }
         if (tape.cursor >= tape.values.size()) {
-            throw ReplayExhausted(ReplayExhausted::stream(table.name));
+            throw ReplayExhausted(ReplayExhausted::stream(name));
         }
         if (tape.values[tape.cursor++] != value) {
-            throw std::runtime_error("RandomContext replay differs from generated stream: " +
-                                     table.name);
+            throw std::runtime_error("RandomContext replay differs from generated stream: " + name);
         }
     }
     if (state != raw) throw std::logic_error("RandomContext raw batch accounting failed");
@@ -132,58 +107,44 @@ void RandomContext::refuseUnreachable() {
     throw std::logic_error("RandomContext raw state is not a reachable batch");
 }
 
+void RandomContext::setTape(std::string_view name, std::uint64_t index, Tape tape) {
+    streamFor(name, index).run_->second.tapes.insert_or_assign(index, std::move(tape));
+}
+
 void RandomContext::record(std::string_view name, std::uint64_t index) {
-    tableOf(name, index).tapes.insert_or_assign(index, Tape{Mode::record, {}, 0});
+    setTape(name, index, Tape{Mode::record, {}, 0});
 }
 
 void RandomContext::replay(std::string_view name, std::uint64_t index,
                            std::span<const std::uint64_t> tape) {
-    std::vector<std::uint64_t> values(tape.begin(), tape.end());
-    tableOf(name, index).tapes.insert_or_assign(index, Tape{Mode::replay, std::move(values), 0});
+    setTape(name, index, Tape{Mode::replay, {tape.begin(), tape.end()}, 0});
 }
 
 void RandomContext::stopTape(std::string_view name, std::uint64_t index) {
-    tableOf(name, index).tapes.erase(index);
-}
-
-std::span<const std::uint64_t> RandomContext::tape(std::string_view name, std::uint64_t index) {
-    const FamilyTable& table = tableOf(name, index);
-    const auto taped = table.tapes.find(index);
-    if (taped == table.tapes.end()) return {};
-    return taped->second.values;
-}
-
-void RandomContext::appendStream(Blob& blob, const FamilyTable& table, std::uint64_t index,
-                                 std::uint64_t state) {
-    const auto taped = table.tapes.find(index);
-    static const Tape no_tape;
-    const Tape& tape = taped == table.tapes.end() ? no_tape : taped->second;
-    appendU32(blob, static_cast<std::uint32_t>(table.name.size()));
-    appendBytes(blob, table.name.data(), table.name.size());
-    appendU64(blob, index);
-    appendU64(blob, state);
-    appendU8(blob, static_cast<std::uint8_t>(tape.mode));
-    appendU64(blob, tape.cursor);
-    appendU64(blob, tape.values.size());
-    for (const std::uint64_t value : tape.values) appendU64(blob, value);
+    streamFor(name, index).run_->second.tapes.erase(index);
 }
 
 Blob RandomContext::snapshot() const {
     std::size_t count = 0;
-    for (const FamilyTable& table : families_) count += table.dense.size() + table.sparse.size();
+    for (const auto& [first, run] : runs_) count += run.states.size();
 
     Blob blob;
     appendTag(blob, format_tag);
     appendU64(blob, seed_);
     appendU32(blob, static_cast<std::uint32_t>(count));
-    // places_ is sorted by name as unsigned bytes, a shorter name first, and the dense indices
-    // stand below the sparse ones.
-    for (const auto& [name, place] : places_) {
-        const FamilyTable& table = families_[place];
-        for (std::size_t i = 0; i < table.dense.size(); ++i) {
-            appendStream(blob, table, i, table.dense[i]);
+    for (const auto& [first, run] : runs_) {
+        std::uint64_t index = first.index;
+        for (const std::uint64_t state : run.states) {
+            const Tape& tape = tapeOf(run, index);
+            appendU32(blob, static_cast<std::uint32_t>(first.name.size()));
+            appendBytes(blob, first.name.data(), first.name.size());
+            appendU64(blob, index);
+            appendU64(blob, state);
+            appendU8(blob, static_cast<std::uint8_t>(tape.mode));
+            appendU64(blob, tape.cursor);
+            appendSequence(blob, tape.values);
+            ++index;
         }
-        for (const auto& [index, state] : table.sparse) appendStream(blob, table, index, state);
     }
     return blob;
 }
@@ -196,14 +157,15 @@ bool RandomContext::restore(BlobView blob) {
 
     RandomContext restored(seed);
     for (std::uint32_t i = 0; i < count; ++i) {
-        StoredStream stream;
-        if (!readStream(in, stream)) return false;
-        FamilyTable& table = restored.families_[restored.family(stream.name).place_];
-        if (stream.index < table.dense.size() || table.sparse.contains(stream.index)) return false;
-        insertState(table, stream.index, stream.state);
-        if (stream.mode != 0 || stream.cursor != 0 || !stream.tape.empty()) {
-            table.tapes.emplace(stream.index, Tape{static_cast<Mode>(stream.mode),
-                                                   std::move(stream.tape), stream.cursor});
+        StoredStream stored;
+        if (!readStream(in, stored)) return false;
+        Stream stream(restored.runFor(stored.name, stored.index), stored.index);
+        Run& run = stream.run_->second;
+        if (stream.place() != run.states.size()) return false;  // it is there already
+        run.states.push_back(stored.state);
+        if (stored.mode != 0 || stored.cursor != 0 || !stored.tape.empty()) {
+            run.tapes.emplace(stored.index, Tape{static_cast<Mode>(stored.mode),
+                                                 std::move(stored.tape), stored.cursor});
         }
     }
     if (!in.atEnd()) return false;

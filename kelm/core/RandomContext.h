@@ -20,34 +20,87 @@ namespace Lumenar::Core::Runtime {
 /// created on first use and never removed. Work on a processor steps a private copy of a stream's
 /// raw state; advanceTo then catches the stream up with it.
 ///
-/// The streams of one name form a family. A family handle reaches its streams by index without
-/// looking at the name; it stays valid until the context is assigned to or restored.
+/// The streams of one name form a family. A handle of a family or of a stream belongs to one
+/// context and is valid until that context is assigned to, restored or destroyed.
 ///
 /// Used by one thread at a time.
 class RandomContext {
 public:
-    /// The streams of one name, in one context.
-    class Family {
-    public:
-        bool operator==(const Family&) const = default;
-
-    private:
-        friend class RandomContext;
-        explicit Family(std::size_t place) : place_(place) {}
-        std::size_t place_;
-    };
-
-    /// One stream of one context; valid as long as its family.
-    struct Stream {
-        Family family;
-        std::uint64_t index;
-    };
-
     /// How a stream treats its values when it is advanced.
     enum class Mode : std::uint8_t {
         generate = 0,  ///< moves on
         record = 1,    ///< appends each value to its tape
         replay = 2,    ///< compares each value with its tape
+    };
+
+private:
+    struct Tape {
+        Mode mode = Mode::generate;
+        std::vector<std::uint64_t> values;
+        std::uint64_t cursor = 0;  ///< in replay, the next value
+    };
+
+    /// The name of a family and an index in it, ordered by name as bytes, then by index.
+    struct Address {
+        std::string name;
+        std::uint64_t index;
+    };
+    struct AddressView {
+        std::string_view name;
+        std::uint64_t index;
+    };
+    struct AddressLess {
+        using is_transparent = void;
+        template <class A, class B>
+        bool operator()(const A& a, const B& b) const {
+            const int order = std::string_view(a.name).compare(b.name);
+            return order != 0 ? order < 0 : a.index < b.index;
+        }
+    };
+
+    /// Streams of one family whose indices follow one another.
+    struct Run {
+        Kelm::LargeArray<std::uint64_t> states;
+        std::map<std::uint64_t, Tape> tapes;  ///< by index, of streams that have or had a tape
+    };
+
+    /// All runs by the address of their first stream. The run at index 0 of a family may be empty.
+    /// Two runs may touch, but each stream is in one.
+    using Runs = std::map<Address, Run, AddressLess>;
+
+    static const Tape& tapeOf(const Run& run, std::uint64_t index);
+
+public:
+    /// The streams of one name. It reaches those of its first run without looking at the name.
+    class Family {
+    private:
+        friend class RandomContext;
+        explicit Family(Runs::value_type& first) : first_(&first) {}
+        Runs::value_type* first_;  ///< the run at index 0
+    };
+
+    /// One stream, as it is at the time of each call.
+    class Stream {
+    public:
+        std::string_view name() const { return run_->first.name; }
+        std::uint64_t index() const { return index_; }
+        /// The raw state.
+        std::uint64_t state() const { return run_->second.states[place()]; }
+        Mode mode() const { return tapeOf(run_->second, index_).mode; }
+        /// The values that the stream has recorded, or that it is replayed against; empty for a
+        /// stream without a tape. The view is valid until the stream is advanced or given another
+        /// tape, or the context is assigned to or restored.
+        std::span<const std::uint64_t> tape() const { return tapeOf(run_->second, index_).values; }
+        /// In replay, the place of the next value on the tape.
+        std::uint64_t cursor() const { return tapeOf(run_->second, index_).cursor; }
+
+    private:
+        friend class RandomContext;
+        Stream(Runs::value_type& run, std::uint64_t index) : run_(&run), index_(index) {}
+        std::uint64_t place() const { return index_ - run_->first.index; }
+
+        Runs::value_type* run_;
+        std::uint64_t index_;
     };
 
     /// An empty table of streams.
@@ -59,25 +112,26 @@ public:
     static std::uint64_t deriveStreamState(std::uint64_t seed, std::string_view name,
                                            std::uint64_t index);
 
-    Family family(std::string_view name);
+    Family family(std::string_view name) { return Family(runFor(name, 0)); }
 
     /// The stream (name, index), created if need be.
     Stream streamFor(std::string_view name, std::uint64_t index);
 
     /// The stream's raw state; the stream is created if need be.
     std::uint64_t rawState(std::string_view name, std::uint64_t index) {
-        return rawState(family(name), index);
+        return streamFor(name, index).state();
     }
     std::uint64_t rawState(Family family, std::uint64_t index) {
-        FamilyTable& table = families_[family.place_];
-        if (index < table.dense.size()) return table.dense[index];
-        return stateOf(table, index);
+        const Run& run = family.first_->second;
+        if (index < run.states.size()) return run.states[index];
+        return rawState(family.first_->first.name, index);
     }
 
-    /// The raw states of the family's streams 0, 1, 2 and so on, up to the first that does not
-    /// exist. The view is valid until a stream is created, or the context assigned to or restored.
+    /// The raw states of the family's streams 0, 1, 2 and so on, as far as they lie in one array:
+    /// all of them if they were created in this order or read from a snapshot. The view is valid
+    /// until a stream is created, or the context assigned to or restored.
     std::span<const std::uint64_t> firstStates(Family family) const {
-        return families_[family.place_].dense;
+        return family.first_->second.states;
     }
 
     /// Moves a stream by one step and returns its value, whatever the stream's mode; a tape is
@@ -90,17 +144,17 @@ public:
     /// end of a tape, std::runtime_error for a value that differs from the tape; steps taken
     /// before a throw stand.
     void advanceTo(std::string_view name, std::uint64_t index, std::uint64_t raw) {
-        advanceTo(family(name), index, raw);
+        advance(streamFor(name, index), raw);
     }
     void advanceTo(Family family, std::uint64_t index, std::uint64_t raw) {
-        FamilyTable& table = families_[family.place_];
-        if (index < table.dense.size() && table.tapes.empty()) {
+        Run& run = family.first_->second;
+        if (index < run.states.size() && run.tapes.empty()) {
             // Without a tape the walk leaves what the assignment leaves.
-            requireReachable(table.dense[index], raw);
-            table.dense[index] = raw;
+            requireReachable(run.states[index], raw);
+            run.states[index] = raw;
             return;
         }
-        advanceSlowly(table, index, raw);
+        advanceTo(family.first_->first.name, index, raw);
     }
 
     /// Records stream (name, index): advanceTo appends each value from here on to a new, empty
@@ -114,14 +168,9 @@ public:
     /// need be; a tape that it had is dropped.
     void replay(std::string_view name, std::uint64_t index, std::span<const std::uint64_t> tape);
 
-    /// Drops the tape of stream (name, index), which then only moves on. The stream itself stays
-    /// where it is, and is created if need be.
+    /// Drops the tape of stream (name, index), which then only moves on. The raw state stays as it
+    /// is. The stream is created if need be.
     void stopTape(std::string_view name, std::uint64_t index);
-
-    /// The values that stream (name, index) has recorded, or that it is replayed against; empty for
-    /// a stream without a tape. The stream is created if need be. The view is valid until the
-    /// stream is advanced or given another tape, or the context is assigned to or restored.
-    std::span<const std::uint64_t> tape(std::string_view name, std::uint64_t index);
 
     /// Format "RNDCTX1": tag, seed (8), stream count (4), then the streams ascending by name as
     /// bytes and by index, each: name length (4), name, index (8), state (8), mode (1), cursor (8),
@@ -133,40 +182,22 @@ public:
     [[nodiscard]] bool restore(Kelm::BlobView blob);
 
 private:
-    struct Tape {
-        Mode mode = Mode::generate;
-        std::vector<std::uint64_t> values;
-        std::uint64_t cursor = 0;  ///< in replay, the next value
-    };
-
-    /// States of indices 0, 1, 2 and so on stand densely; whatever lies behind the first gap is
-    /// sparse. Every sparse index is above dense.size().
-    struct FamilyTable {
-        std::string name;
-        Kelm::LargeArray<std::uint64_t> dense;
-        std::map<std::uint64_t, std::uint64_t> sparse;
-        std::map<std::uint64_t, Tape> tapes;  ///< of streams that record, replay or have a past
-    };
-
-    /// The table that holds stream (name, index), created with the stream if need be.
-    FamilyTable& tableOf(std::string_view name, std::uint64_t index);
-    std::uint64_t& stateOf(FamilyTable& table, std::uint64_t index);
-    static void insertState(FamilyTable& table, std::uint64_t index, std::uint64_t state);
-    void advanceSlowly(FamilyTable& table, std::uint64_t index, std::uint64_t raw);
+    /// The run that holds stream (name, index), or else the one that the stream is to be appended
+    /// to: one that ends right before it, or a new one.
+    Runs::value_type& runFor(std::string_view name, std::uint64_t index);
+    void setTape(std::string_view name, std::uint64_t index, Tape tape);
+    static void advance(Stream stream, std::uint64_t raw);
     static std::uint64_t requireReachable(std::uint64_t state, std::uint64_t raw) {
         const std::uint64_t steps = (raw - state) * Kelm::splitmix_increment_inverse;
         if (steps > max_steps) refuseUnreachable();
         return steps;
     }
     [[noreturn]] static void refuseUnreachable();
-    static void appendStream(Kelm::Blob& blob, const FamilyTable& table, std::uint64_t index,
-                             std::uint64_t state);
 
     static constexpr std::uint64_t max_steps = 1'000'000'000;
 
     std::uint64_t seed_;
-    std::vector<FamilyTable> families_;
-    std::map<std::string, std::size_t, std::less<>> places_;  ///< of names in families_
+    Runs runs_;
 };
 
 }  // namespace Lumenar::Core::Runtime

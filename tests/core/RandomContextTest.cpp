@@ -79,6 +79,12 @@ TEST(RandomContext, StepsAsPublishedAndLeavesATapeAloneWhateverTheMode) {
         RandomContext context = contextOf({{"learning", 3, start, mode, 1, tape}});
         const RandomContext::Stream stream = context.streamFor("learning", 3);
         for (const std::uint64_t value : published) EXPECT_EQ(context.next(stream), value);
+        EXPECT_EQ(stream.name(), "learning");
+        EXPECT_EQ(stream.index(), 3u);
+        EXPECT_EQ(stream.state(), stepped(5));
+        EXPECT_EQ(stream.mode(), RandomContext::Mode(mode));
+        EXPECT_EQ(Values(stream.tape().begin(), stream.tape().end()), tape);
+        EXPECT_EQ(stream.cursor(), 1u);
         EXPECT_EQ(context.snapshot(), blobOf(9182, {{"learning", 3, stepped(5), mode, 1, tape}}));
         if (mode != 0) continue;
         context.advanceTo("learning", 3, stepped(7));  // past both values of its stopped tape
@@ -86,7 +92,7 @@ TEST(RandomContext, StepsAsPublishedAndLeavesATapeAloneWhateverTheMode) {
     }
 }
 
-// Index 0 stands densely, index 7 alone; a tape anywhere in the family takes the slow way.
+// Index 0 is in the first run, index 7 in its own. A tape in the run takes the slow way.
 TEST(RandomContext, AdvancesByUpToABillionStepsAndRefusesTheRest) {
     const std::pair<std::uint64_t, bool> cases[] = {
         {0, true},
@@ -101,10 +107,11 @@ TEST(RandomContext, AdvancesByUpToABillionStepsAndRefusesTheRest) {
             SCOPED_TRACE(testing::Message() << distance << ", way " << way);
             const std::uint64_t index = way % 2 == 0 ? 0 : 7;
             RandomContext context(1);
-            if (way / 2 == 1) context.record("spontaneous", 2);
-            const std::uint64_t before = context.rawState("spontaneous", index);
+            const RandomContext::Family family = context.family("spontaneous");
+            const std::uint64_t before = context.rawState(family, index);
+            if (way / 2 == 1) context.record("spontaneous", index + 1);
             const auto advance = [&, raw = before + distance] {
-                context.advanceTo("spontaneous", index, raw);
+                context.advanceTo(family, index, raw);
             };
             if (accepted) {
                 advance();
@@ -129,7 +136,7 @@ TEST(RandomContext, RecordsTheValuesItIsAdvancedOverAndChecksThemInAReplay) {
                   blobOf(9182, {{"learning", index, stepped(5), 1, 0, published}}));
 
         RandomContext again = contextOf(fresh);
-        again.replay("learning", index, recorded.tape("learning", index));
+        again.replay("learning", index, recorded.streamFor("learning", index).tape());
         for (const std::uint64_t steps : {1U, 4U, 5U}) {
             again.advanceTo("learning", index, stepped(steps));
         }
@@ -140,12 +147,13 @@ TEST(RandomContext, RecordsTheValuesItIsAdvancedOverAndChecksThemInAReplay) {
         EXPECT_EQ(again.snapshot(),
                   blobOf(9182, {{"learning", index, stepped(6), 2, 5, published}}));
         // A stream may be replayed against its own tape.
-        again.replay("learning", index, again.tape("learning", index));
+        again.replay("learning", index, again.streamFor("learning", index).tape());
         EXPECT_EQ(again.snapshot(),
                   blobOf(9182, {{"learning", index, stepped(6), 2, 0, published}}));
 
         recorded.record("learning", index);
-        EXPECT_TRUE(recorded.tape("learning", index).empty()) << "a new recording, a new tape";
+        EXPECT_TRUE(recorded.streamFor("learning", index).tape().empty())
+            << "a new recording, a new tape";
         recorded.stopTape("learning", index);
         recorded.advanceTo("learning", index, stepped(6));
         EXPECT_EQ(recorded.snapshot(), blobOf(9182, {{"learning", index, stepped(6)}}));
@@ -216,6 +224,8 @@ TEST(RandomContext, TakesAllOfABlobOrNothing) {
          {"a cursor without a tape", blobOf(1, {{"a", 0, 0, 0, 1}})},
          {"a stream twice", blobOf(1, {a, a})},
          {"a stream twice, apart", blobOf(1, {{"a", 5}, {"b", 5}, {"a", 5, 1}})},
+         {"a stream twice, the second time reached from below",
+          blobOf(1, {{"a", 2}, {"a", 0}, {"a", 1}, {"a", 2}})},
          {"a tape of 2^61 values, whose bytes would wrap to 0", wrapping}});
     EXPECT_EQ(context.seed(), 9182u);
 }
