@@ -46,14 +46,12 @@ struct ResidentCounters {
 
 /// Zero state and first candidate of each neuron: the draw with which every run begins.
 KELM_KERNEL initializeResidentNeurons(std::uint64_t node_count, ResidentNeurons neurons,
-                                      Kernel::Neuron neuron, Kernel::Firing firing,
-                                      Kernel::ModelTerms terms, ModelTime horizon) {
+                                      Kernel::NeuronModel model, ModelTime horizon) {
     const std::uint64_t i = Device::threadIndex();
     if (i >= node_count) return;
     const Kernel::State zero;
     std::uint64_t rng = neurons.random[i];
-    const Kernel::Candidate first =
-        Kernel::nextCandidate(zero, neuron, firing, terms, 0, horizon, 0.0, rng);
+    const Kernel::Candidate first = Kernel::nextCandidate(zero, model, 0, horizon, 0.0, rng);
     neurons.states[i] = zero;
     neurons.random[i] = rng;
     neurons.pending_times[i] = first.found ? first.time : no_time;
@@ -84,8 +82,7 @@ KELM_KERNEL processResidentWindow(std::uint64_t node_count, const Kernel::Window
                                   Kernel::WindowResult* results, std::uint64_t* spike_counts,
                                   ResidentCounters counters, DeviceFire* fire_log,
                                   std::uint64_t fire_capacity, ModelTime window_end,
-                                  ModelTime horizon, Kernel::Neuron neuron, Kernel::Firing firing,
-                                  Kernel::ModelTerms terms) {
+                                  ModelTime horizon, Kernel::NeuronModel model) {
     const std::uint64_t i = Device::threadIndex();
     if (i >= node_count) return;
     const auto eventsOf = [&](std::uint64_t n) {
@@ -114,9 +111,9 @@ KELM_KERNEL processResidentWindow(std::uint64_t node_count, const Kernel::Window
     }
     const std::uint64_t first = events_here == 0 ? 0 : target_offsets[i];
     const Kernel::WindowResult result =
-        Kernel::processWindow(neurons.states[i], neurons.random[i], neuron, firing, terms,
-                              events + first, static_cast<std::uint32_t>(events_here), window_end,
-                              horizon, PhaseDrive(), pending, neurons.pending_rates[i]);
+        Kernel::processWindow(neurons.states[i], neurons.random[i], model, events + first,
+                              static_cast<std::uint32_t>(events_here), window_end, horizon,
+                              PhaseDrive(), pending, neurons.pending_rates[i]);
     neurons.states[i] = result.state;
     neurons.random[i] = result.rng;
     neurons.pending_times[i] = result.next_candidate;

@@ -98,9 +98,7 @@ public:
         : start_(start),
           node_count_(node_count),
           fanout_(fanout),
-          neuron_(neuron),
-          firing_(firing),
-          terms_(Kernel::modelTerms(neuron, firing)),
+          model_(neuron, firing),
           window_(window),
           horizon_(horizon),
           arena_(arena),
@@ -141,8 +139,7 @@ private:
                   "clear resident fire overflow");
         checkCuda(Device::clear(sections.counters.metrics, 32), "clear resident metrics");
         Device::launch<initializeResidentNeurons>(neuronBlocks(), block_size, node_count_,
-                                                  sections.neurons, neuron_, firing_, terms_,
-                                                  horizon_);
+                                                  sections.neurons, model_, horizon_);
         checkCuda(Device::lastStatus(), "launch resident initialization");
         checkCuda(Device::synchronise(), "synchronise resident initialization");
         return sections;
@@ -193,7 +190,7 @@ private:
             neuronBlocks(), block_size, node_count_, sections_.window_events, arrivals_,
             sections_.target_offsets, sections_.target_counts, sections_.neurons, sections_.results,
             sections_.fanout_counts, sections_.counters, sections_.fire_log, arena_.fire_capacity,
-            window_end, horizon_, neuron_, firing_, terms_);
+            window_end, horizon_, model_);
         checkCuda(Device::lastStatus(), "process resident window");
     }
 
@@ -306,9 +303,7 @@ private:
     std::chrono::steady_clock::time_point start_;
     std::uint64_t node_count_;
     std::uint64_t fanout_;
-    Kernel::Neuron neuron_;
-    Kernel::Firing firing_;
-    Kernel::ModelTerms terms_;
+    Kernel::NeuronModel model_;
     ModelTime window_;
     ModelTime horizon_;
     ResidentArena arena_;

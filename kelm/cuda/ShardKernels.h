@@ -83,8 +83,8 @@ KELM_KERNEL convertShardEvents(const ShardArrival* arrivals, std::uint64_t count
 KELM_KERNEL processShardTargets(const ShardArrival* queue, const Kernel::WindowEvent* events,
                                 std::uint64_t count, Kernel::State* states, std::uint64_t* random,
                                 Kernel::WindowResult* results, std::uint64_t* processed_targets,
-                                ModelTime window_end, ModelTime horizon, Kernel::Neuron neuron,
-                                Kernel::Firing firing, Kernel::ModelTerms terms) {
+                                ModelTime window_end, ModelTime horizon,
+                                Kernel::NeuronModel model) {
     const std::uint64_t i = Device::threadIndex();
     if (i >= count) return;
     const std::uint64_t target = queue[i].target;
@@ -92,8 +92,8 @@ KELM_KERNEL processShardTargets(const ShardArrival* queue, const Kernel::WindowE
     std::uint64_t end = i + 1;
     while (end < count && queue[end].target == target) ++end;
     const Kernel::WindowResult result = Kernel::processWindow(
-        states[target], random[target], neuron, firing, terms, events + i,
-        static_cast<std::uint32_t>(end - i), window_end, horizon, PhaseDrive(), no_time, 0.0);
+        states[target], random[target], model, events + i, static_cast<std::uint32_t>(end - i),
+        window_end, horizon, PhaseDrive(), no_time, 0.0);
     states[target] = result.state;
     random[target] = result.rng;
     results[target] = result;

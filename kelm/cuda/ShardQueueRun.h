@@ -30,9 +30,7 @@ public:
           source_events_(source_events),
           shard_count_(shard_count),
           arrivals_(requireSize(node_count_, fanout, source_events, shard_count)),
-          neuron_(neuron),
-          firing_(firing),
-          terms_(Kernel::modelTerms(neuron, firing)),
+          model_(neuron, firing),
           window_end_(window_end),
           horizon_(horizon),
           counts_(shard_count, "alloc shard counts"),
@@ -155,7 +153,7 @@ private:
         Device::launch<processShardTargets>(blocks(), block_size, queue_.data(), events_.data(),
                                             arrivals_, states_.data(), random_.data(),
                                             results_.data(), processed_targets_.data(), window_end_,
-                                            horizon_, neuron_, firing_, terms_);
+                                            horizon_, model_);
         checkCuda(Device::lastStatus(), "launch shard target processing");
         checkCuda(Device::synchronise(), "synchronise shard fan-out");
     }
@@ -188,9 +186,9 @@ private:
             // A target that the network does not have is a fault of the route.
             if (target >= node_count_) throw WindowEngineError(WindowEngineError::shard_routing);
             const Kernel::WindowResult expected = Kernel::processWindow(
-                Kernel::State(), random_states_[target], neuron_, firing_, terms_,
-                events.data() + first, static_cast<std::uint32_t>(end - first), window_end_,
-                horizon_, PhaseDrive(), no_time, 0.0);
+                Kernel::State(), random_states_[target], model_, events.data() + first,
+                static_cast<std::uint32_t>(end - first), window_end_, horizon_, PhaseDrive(),
+                no_time, 0.0);
             if (!samePhysics(expected, results[target])) {
                 throw WindowEngineError(WindowEngineError::shard_physics);
             }
@@ -233,9 +231,7 @@ private:
     std::uint64_t source_events_;
     std::uint32_t shard_count_;
     std::uint64_t arrivals_;
-    Kernel::Neuron neuron_;
-    Kernel::Firing firing_;
-    Kernel::ModelTerms terms_;
+    Kernel::NeuronModel model_;
     ModelTime window_end_;
     ModelTime horizon_;
     FanoutTable table_;

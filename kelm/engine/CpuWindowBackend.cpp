@@ -17,13 +17,12 @@ bool haveEqualParameters(const WindowWork& a, const WindowWork& b) {
 void processItems(std::span<const WindowWork> work, std::span<const Kernel::WindowEvent> events,
                   ModelTime window_end, ModelTime horizon,
                   std::span<Kernel::WindowResult> results) {
-    Kernel::ModelTerms terms;
-    for (std::size_t i = 0; i < work.size(); ++i) {
-        const WindowWork& item = work[i];
-        if (i == 0 || !haveEqualParameters(item, work[i - 1])) {
-            terms = Kernel::modelTerms(item.parameters, item.firing);
-        }
-        results[i] = Kernel::processWindow(item, terms, events.data(), window_end, horizon);
+    for (std::size_t i = 0; i < work.size();) {
+        const Kernel::NeuronModel model(work[i].parameters, work[i].firing);
+        do {
+            results[i] = Kernel::processWindow(work[i], model, events.data(), window_end, horizon);
+            ++i;
+        } while (i < work.size() && haveEqualParameters(work[i], work[i - 1]));
     }
 }
 

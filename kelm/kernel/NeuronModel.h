@@ -84,32 +84,33 @@ static_assert(offsetof(Firing, max_rate) == 40);
 static_assert(offsetof(Firing, spare_flag) == 48);
 static_assert(offsetof(Firing, gap) == 49);
 
-/// What follows from a neuron's parameters alone: computed once for any number of walks of neurons
-/// with these parameters.
-struct ModelTerms {
-    bool silent = true;                ///< no hazard, whatever the drive
-    bool membrane_falls = false;       ///< a positive membrane trace decays
-    double rate = 0.0;                 ///< spikes/s; hazard at zero net drive less threshold
-    double cap = 0.0;                  ///< largest exponent of the hazard
-    double margin = 0.0;               ///< of a drive's bound, for traces clipped later
-    double membrane_constant = 0.0;    ///< 1/ns
-    double adaptation_constant = 0.0;  ///< 1/ns
-    double constant_difference = 0.0;  ///< 1/ns, of the two
+/// The parameters of a neuron, and what the formulas derive from them alone: computed once for any
+/// number of walks of neurons with these parameters.
+struct NeuronModel {
+    KELM_HD NeuronModel(const Neuron& dynamics, const Firing& hazard);
+
+    Neuron neuron;
+    Firing firing;
+    bool silent;              ///< no hazard, whatever the drive
+    bool membrane_falls;      ///< a positive membrane trace decays
+    double rate;              ///< spikes/s; hazard at zero net drive less threshold
+    double cap;               ///< largest exponent of the hazard
+    double margin;            ///< of a drive's bound, for traces clipped later
+    double membrane_decay;    ///< 1/ns; 1 / tau_membrane
+    double adaptation_decay;  ///< 1/ns; 1 / tau_adaptation
 };
 
-KELM_HD inline ModelTerms modelTerms(const Neuron& neuron, const Firing& firing) {
-    ModelTerms terms;
-    terms.silent = firing.base_rate == 0 || firing.rate_scale == 0;
-    terms.rate = firing.base_rate * firing.rate_scale;
-    terms.cap = terms.silent ? 0.0 : kernelLog(firing.max_rate / terms.rate);
+KELM_HD inline NeuronModel::NeuronModel(const Neuron& dynamics, const Firing& hazard)
+    : neuron(dynamics), firing(hazard) {
+    silent = firing.base_rate == 0 || firing.rate_scale == 0;
+    membrane_falls = !neuron.non_leaky && neuron.tau_membrane > 0;
+    rate = firing.base_rate * firing.rate_scale;
+    cap = silent ? 0.0 : kernelLog(firing.max_rate / rate);
     // Each trace may be clipped by up to epsilon later than the bound saw it.
     const double twice = (firing.adaptation_weight + 1.0) + (firing.adaptation_weight + 1.0);
-    terms.margin = twice * neuron.trace_epsilon;
-    terms.membrane_constant = 1.0 / static_cast<double>(neuron.tau_membrane);
-    terms.adaptation_constant = 1.0 / static_cast<double>(neuron.tau_adaptation);
-    terms.constant_difference = terms.membrane_constant - terms.adaptation_constant;
-    terms.membrane_falls = !neuron.non_leaky && neuron.tau_membrane > 0;
-    return terms;
+    margin = twice * neuron.trace_epsilon;
+    membrane_decay = 1.0 / static_cast<double>(neuron.tau_membrane);
+    adaptation_decay = 1.0 / static_cast<double>(neuron.tau_adaptation);
 }
 
 /// Elapsed ns as a decay sees them. Both ends are rounded before the subtraction: past 2^53 ns
@@ -162,30 +163,22 @@ KELM_HD inline double netDriveAt(const State& state, const Neuron& neuron, const
 
 /// The hazard in spikes/s for a net drive less threshold of `x`: an exponential escape rate. The
 /// ceiling acts on the exponent, so the hazard at the ceiling can miss max_rate in the last places.
-KELM_HD inline double hazardOf(const Firing& firing, const ModelTerms& terms, double x) {
-    if (terms.silent) return 0.0;
-    const double exponent = x * firing.gain;
+KELM_HD inline double hazardOf(const NeuronModel& model, double x) {
+    if (model.silent) return 0.0;
+    const double exponent = x * model.firing.gain;
     // A comparison, not a library minimum: a NaN operand settles in favour of the cap.
-    return kernelExp(exponent < terms.cap ? exponent : terms.cap) * terms.rate;
+    return kernelExp(exponent < model.cap ? exponent : model.cap) * model.rate;
 }
 KELM_HD inline double hazardOf(const Firing& firing, double x) {
-    return hazardOf(firing, modelTerms(Neuron(), firing), x);
+    return hazardOf(NeuronModel(Neuron(), firing), x);
 }
 
 /// The hazard in spikes/s at `time` ns, at which the traces hold, under an external drive.
-KELM_HD inline double hazardAt(const State& state, const Traces& traces, const Neuron& neuron,
-                               const Firing& firing, const ModelTerms& terms, ModelTime time,
-                               double drive) {
-    if (neuron.hard_refractory && time < state.refractory_until) return 0.0;
-    return hazardOf(firing, terms,
-                    ((traces.membrane - traces.adaptation * firing.adaptation_weight) + drive) -
-                        firing.threshold);
-}
-
-KELM_HD inline double hazardAt(const State& state, const Neuron& neuron, const Firing& firing,
+KELM_HD inline double hazardAt(const State& state, const Traces& traces, const NeuronModel& model,
                                ModelTime time, double drive) {
-    return hazardAt(state, tracesAfter(state, neuron, decayInterval(state.last_update, time)),
-                    neuron, firing, modelTerms(neuron, firing), time, drive);
+    if (model.neuron.hard_refractory && time < state.refractory_until) return 0.0;
+    const double weighted = traces.adaptation * model.firing.adaptation_weight;
+    return hazardOf(model, ((traces.membrane - weighted) + drive) - model.firing.threshold);
 }
 
 /// The larger of two drives; a NaN operand settles in favour of `b`.
@@ -196,29 +189,31 @@ KELM_HD inline double largerDrive(double a, double b) { return a > b ? a : b; }
 /// It is a difference of two exponentials, so its maximum lies at an end or at the one interior
 /// extremum, which is sampled at the integer instants on both sides because candidates fall on
 /// integers.
-KELM_HD inline double netDriveBound(const State& state, const Neuron& neuron, const Firing& firing,
-                                    const ModelTerms& terms, ModelTime start, ModelTime to) {
+KELM_HD inline double netDriveBound(const State& state, const NeuronModel& model, ModelTime start,
+                                    ModelTime to) {
+    const Neuron& neuron = model.neuron;
+    const Firing& firing = model.firing;
     const Traces traces = tracesAfter(state, neuron, decayInterval(state.last_update, start));
     const double weighted = traces.adaptation * firing.adaptation_weight;
     double bound = (traces.membrane - weighted) + 0.0;
     // A positive membrane trace that is known here and has nothing beside it only falls: kernelExp
     // of a number not above 0 is at most 1, so a later value is not above this one. (An infinite
     // one can become a NaN.)
-    if (terms.membrane_falls && start == state.last_update && traces.membrane > 0 &&
+    if (model.membrane_falls && start == state.last_update && traces.membrane > 0 &&
         traces.membrane < infinity() && traces.adaptation == 0 && weighted == 0) {
         return bound;
     }
     bound = largerDrive(bound, netDriveAt(state, neuron, firing, to));
 
     if (neuron.non_leaky || traces.membrane == 0 || weighted == 0) return bound;
-    const double k1 = terms.membrane_constant;
-    const double k2 = terms.adaptation_constant;
+    const double k1 = model.membrane_decay;
+    const double k2 = model.adaptation_decay;
     if (k1 == k2) return bound;
     const double ratio = (traces.membrane * k1) / (weighted * k2);
     if (!(ratio > 0)) return bound;
     // The extremum lies before the start where the logarithm and the difference differ in sign,
     // which is known without the logarithm.
-    const double difference = terms.constant_difference;
+    const double difference = k1 - k2;
     if (difference > 0 ? ratio <= 1 : ratio >= 1) return bound;
     const double shift = kernelLog(ratio) / difference;
     if (isNotFinite(shift) || !(shift > 0)) return bound;
@@ -233,22 +228,25 @@ KELM_HD inline double netDriveBound(const State& state, const Neuron& neuron, co
     return bound;
 }
 
+/// The first instant from `from` on at which the hazard need not be 0, in ns: the end of a
+/// refractory time that lies later.
+KELM_HD inline ModelTime firstSpikeTime(const State& state, const Neuron& neuron, ModelTime from) {
+    return neuron.hard_refractory && state.refractory_until > from ? state.refractory_until : from;
+}
+
 /// An upper bound in spikes/s of the hazard on [from, to], in ns, for an external drive of at most
 /// `drive_bound`. 0.0 where no spike is possible.
-KELM_HD inline double hazardUpperBound(const State& state, const Neuron& neuron,
-                                       const Firing& firing, const ModelTerms& terms,
-                                       ModelTime from, ModelTime to, double drive_bound) {
-    ModelTime start = from;
-    if (neuron.hard_refractory && state.refractory_until > from) start = state.refractory_until;
+KELM_HD inline double hazardUpperBound(const State& state, const NeuronModel& model, ModelTime from,
+                                       ModelTime to, double drive_bound) {
+    const ModelTime start = firstSpikeTime(state, model.neuron, from);
     if (start > to) return 0.0;
-    const double drive = netDriveBound(state, neuron, firing, terms, start, to);
-    return hazardOf(firing, terms, ((terms.margin + drive) + drive_bound) - firing.threshold);
+    const double drive = netDriveBound(state, model, start, to);
+    return hazardOf(model, ((model.margin + drive) + drive_bound) - model.firing.threshold);
 }
 KELM_HD inline double hazardUpperBound(const State& state, const Neuron& neuron,
                                        const Firing& firing, ModelTime from, ModelTime to,
                                        double drive_bound) {
-    return hazardUpperBound(state, neuron, firing, modelTerms(neuron, firing), from, to,
-                            drive_bound);
+    return hazardUpperBound(state, NeuronModel(neuron, firing), from, to, drive_bound);
 }
 
 /// An input of `value` at the instant to which the state has been advanced.

@@ -174,15 +174,12 @@ KELM_HD inline ModelTime waitingTime(double wait) {
 /// Draws the next candidate behind `from`, before `limit`, both in ns, under an external drive of
 /// at most `drive_bound`. Moves `rng` by one step exactly where a bound other than 0 was obtained.
 /// A candidate lies at least 1 ns behind the instant that it is drawn from.
-KELM_HD inline Candidate nextCandidate(const State& state, const Neuron& neuron,
-                                       const Firing& firing, const ModelTerms& terms,
-                                       ModelTime from, ModelTime limit, double drive_bound,
-                                       std::uint64_t& rng) {
+KELM_HD inline Candidate nextCandidate(const State& state, const NeuronModel& model, ModelTime from,
+                                       ModelTime limit, double drive_bound, std::uint64_t& rng) {
     Candidate result;
-    ModelTime start = from;
-    if (neuron.hard_refractory && state.refractory_until > from) start = state.refractory_until;
+    const ModelTime start = firstSpikeTime(state, model.neuron, from);
     if (start >= limit) return result;
-    const double bound = hazardUpperBound(state, neuron, firing, terms, start, limit, drive_bound);
+    const double bound = hazardUpperBound(state, model, start, limit, drive_bound);
     if (bound == 0) return result;
     result.bound = bound;
     double u = drawUniform(rng);
@@ -199,12 +196,10 @@ KELM_HD inline Candidate nextCandidate(const State& state, const Neuron& neuron,
     result.found = true;
     return result;
 }
-
 KELM_HD inline Candidate nextCandidate(const State& state, const Neuron& neuron,
                                        const Firing& firing, ModelTime from, ModelTime limit,
                                        double drive_bound, std::uint64_t& rng) {
-    return nextCandidate(state, neuron, firing, modelTerms(neuron, firing), from, limit,
-                         drive_bound, rng);
+    return nextCandidate(state, NeuronModel(neuron, firing), from, limit, drive_bound, rng);
 }
 
 /// A hazard above its bound by more than this factor is a fault of the bound, not of rounding.
@@ -213,7 +208,6 @@ static_assert(bitsOf(bound_tolerance) == 0x3ff0000000001198);
 
 /// Walks one neuron through the window that ends at `window_end`, exclusive.
 ///
-/// `terms`: modelTerms of the neuron's parameters.
 /// `events`: shape (event_count), ascending by (time, id); only those before window_end are taken.
 /// `horizon`: exclusive end of the run in ns. `pending_time`, `pending_bound`: the candidate from
 /// earlier windows. At one instant an input comes before a candidate, which it replaces.
@@ -221,11 +215,11 @@ static_assert(bitsOf(bound_tolerance) == 0x3ff0000000001198);
 /// Random draws, in order: one for each bound other than 0, and one for each candidate, after its
 /// bound check and before the next bound.
 KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
-                                          const Neuron& neuron, const Firing& firing,
-                                          const ModelTerms& terms, const WindowEvent* events,
+                                          const NeuronModel& model, const WindowEvent* events,
                                           std::uint32_t event_count, ModelTime window_end,
                                           ModelTime horizon, const PhaseDrive& drive,
                                           ModelTime pending_time, double pending_bound) {
+    const Neuron& neuron = model.neuron;
     WindowResult result;
     result.state = state;
     result.rng = rng;
@@ -237,8 +231,8 @@ KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
     const bool modulated = drive.term_count > 0;
     const ModelTime limit = modulated ? window_end : horizon;
     const auto redraw = [&](ModelTime from) {
-        const Candidate next = nextCandidate(result.state, neuron, firing, terms, from, limit,
-                                             drive.bound, result.rng);
+        const Candidate next =
+            nextCandidate(result.state, model, from, limit, drive.bound, result.rng);
         bound = next.bound;
         if (next.found) {
             candidate = next.time;
@@ -265,8 +259,8 @@ KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
             const ModelTime time = candidate;
             const Traces traces =
                 tracesAfter(result.state, neuron, decayInterval(result.state.last_update, time));
-            const double hazard = hazardAt(result.state, traces, neuron, firing, terms, time,
-                                           phaseDriveAt(drive, time));
+            const double hazard =
+                hazardAt(result.state, traces, model, time, phaseDriveAt(drive, time));
             if (hazard > bound * bound_tolerance) {
                 result.bound_violation = true;
                 return result;
@@ -310,22 +304,20 @@ KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
                                           ModelTime window_end, ModelTime horizon,
                                           const PhaseDrive& drive, ModelTime pending_time,
                                           double pending_bound) {
-    return processWindow(state, rng, neuron, firing, modelTerms(neuron, firing), events,
-                         event_count, window_end, horizon, drive, pending_time, pending_bound);
+    return processWindow(state, rng, NeuronModel(neuron, firing), events, event_count, window_end,
+                         horizon, drive, pending_time, pending_bound);
 }
 
-/// The walk of a work item; `events` is the event array of the item's window, `terms` are those of
-/// the item's parameters.
-KELM_HD inline WindowResult processWindow(const WindowWork& item, const ModelTerms& terms,
+/// The walk of a work item. `model`: of the item's parameters. `events`: of the item's window.
+KELM_HD inline WindowResult processWindow(const WindowWork& item, const NeuronModel& model,
                                           const WindowEvent* events, ModelTime window_end,
                                           ModelTime horizon) {
-    return processWindow(item.state, item.rng, item.parameters, item.firing, terms,
-                         events + item.first_event, item.event_count, window_end, horizon,
-                         item.drive, item.pending_time, item.pending_bound);
+    return processWindow(item.state, item.rng, model, events + item.first_event, item.event_count,
+                         window_end, horizon, item.drive, item.pending_time, item.pending_bound);
 }
 KELM_HD inline WindowResult processWindow(const WindowWork& item, const WindowEvent* events,
                                           ModelTime window_end, ModelTime horizon) {
-    return processWindow(item, modelTerms(item.parameters, item.firing), events, window_end,
+    return processWindow(item, NeuronModel(item.parameters, item.firing), events, window_end,
                          horizon);
 }
 

@@ -61,22 +61,22 @@ double minimumAdaptation(const Kernel::Neuron& neuron, const Kernel::Firing& fir
     return std::max(neuron.trace_epsilon * 0x1p27, 0x1p-900);
 }
 
-LaneConstants constantsOf(const Kernel::Neuron& neuron, const Kernel::Firing& firing,
-                          ModelTime horizon) {
+LaneConstants constantsOf(const Kernel::NeuronModel& model, ModelTime horizon) {
+    const Kernel::Neuron& neuron = model.neuron;
+    const Kernel::Firing& firing = model.firing;
     LaneConstants c{};
     c.tau_membrane = static_cast<double>(neuron.tau_membrane);
     c.tau_adaptation = static_cast<double>(neuron.tau_adaptation);
-    c.membrane_rate = 1.0 / c.tau_membrane;
-    c.adaptation_rate = 1.0 / c.tau_adaptation;
+    c.membrane_decay = model.membrane_decay;
+    c.adaptation_decay = model.adaptation_decay;
     c.input_coupling = neuron.input_coupling;
     c.trace_epsilon = neuron.trace_epsilon;
     c.adaptation_weight = firing.adaptation_weight;
     c.threshold = firing.threshold;
     c.gain = firing.gain;
-    c.rate = firing.base_rate * firing.rate_scale;
-    c.cap = Kernel::kernelLog(firing.max_rate / c.rate);
-    const double twice = (firing.adaptation_weight + 1.0) + (firing.adaptation_weight + 1.0);
-    c.margin = twice * neuron.trace_epsilon;
+    c.rate = model.rate;
+    c.cap = model.cap;
+    c.margin = model.margin;
     c.horizon_rounded = static_cast<double>(horizon);
     c.horizon = horizon;
     c.minimum_adaptation = minimumAdaptation(neuron, firing);
@@ -127,10 +127,9 @@ public:
           events_(events),
           window_end_(window_end),
           horizon_(horizon),
-          neuron_(neuron),
-          firing_(firing),
+          model_(neuron, firing),
           results_(results),
-          constants_(constantsOf(neuron, firing, horizon)) {}
+          constants_(constantsOf(model_, horizon)) {}
 
     void run() {
         while (count_ < Lanes::block_walks && fill(count_)) ++count_;
@@ -178,7 +177,8 @@ private:
         const PhaseDrive& drive = item.drive;
         const bool driven = (static_cast<std::uint64_t>(drive.term_count) |
                              Kernel::bitsOf(drive.base) | Kernel::bitsOf(drive.bound)) != 0;
-        return !driven && equalBytes(item.parameters, neuron_) && equalBytes(item.firing, firing_);
+        return !driven && equalBytes(item.parameters, model_.neuron) &&
+               equalBytes(item.firing, model_.firing);
     }
 
     /// Puts the next item that has a step for the vectors into `place`; deals with those that have
@@ -256,12 +256,10 @@ private:
         ++result.candidates;
         const ModelTime time = walk.candidate;
         double hazard = 0.0;
-        if (!neuron_.hard_refractory || time >= block_.refractory_until[place]) {
-            const double weighted = block_.adaptation[place] * firing_.adaptation_weight;
-            const double x = ((block_.membrane[place] - weighted) + 0.0) - firing_.threshold;
-            const double exponent = x * firing_.gain;
-            hazard = Kernel::kernelExp(exponent < constants_.cap ? exponent : constants_.cap) *
-                     constants_.rate;
+        if (!model_.neuron.hard_refractory || time >= block_.refractory_until[place]) {
+            const double weighted = block_.adaptation[place] * model_.firing.adaptation_weight;
+            const double drive = (block_.membrane[place] - weighted) + 0.0;
+            hazard = Kernel::hazardOf(model_, drive - model_.firing.threshold);
         }
         // After a fault the result holds the state before it: the ordinary walk knows it.
         if (hazard > walk.bound * Kernel::bound_tolerance) {
@@ -278,9 +276,10 @@ private:
         ++result.accepted;
         result.spike_times[result.spike_count] = time;
         ++result.spike_count;
-        block_.membrane[place] = neuron_.reset_value;
-        block_.adaptation[place] = neuron_.adaptation_increment + block_.adaptation[place];
-        block_.refractory_until[place] = Kernel::refractoryEnd(neuron_.refractory_period, time);
+        block_.membrane[place] = model_.neuron.reset_value;
+        block_.adaptation[place] = model_.neuron.adaptation_increment + block_.adaptation[place];
+        block_.refractory_until[place] =
+            Kernel::refractoryEnd(model_.neuron.refractory_period, time);
         block_.refractory[place] = static_cast<double>(block_.refractory_until[place]);
     }
 
@@ -343,8 +342,7 @@ private:
     const Kernel::WindowEvent* const events_;
     const ModelTime window_end_;
     const ModelTime horizon_;
-    const Kernel::Neuron neuron_;
-    const Kernel::Firing firing_;
+    const Kernel::NeuronModel model_;
     Kernel::WindowResult* const results_;
     const LaneConstants constants_;
     std::size_t next_item_ = 0;

@@ -36,8 +36,8 @@ struct alignas(64) LaneBlock {
 struct LaneConstants {
     double tau_membrane;       ///< ns, rounded
     double tau_adaptation;     ///< ns, rounded
-    double membrane_rate;      ///< 1 / tau_membrane
-    double adaptation_rate;    ///< 1 / tau_adaptation
+    double membrane_decay;     ///< 1/ns; 1 / tau_membrane
+    double adaptation_decay;   ///< 1/ns; 1 / tau_adaptation
     double input_coupling;     ///< as in Kernel::Neuron
     double trace_epsilon;      ///< as in Kernel::Neuron
     double adaptation_weight;  ///< as in Kernel::Firing

@@ -210,8 +210,8 @@ KELM_LANE_INLINE Doubles netDriveBound(TraceLanes state, Doubles last, Doubles s
     Doubles bound = (traces.membrane - weighted) + 0.0;
     bound = larger(bound, netDriveAfter(state, to - last, adapted, constants));
 
-    const double k1 = constants.membrane_rate;
-    const double k2 = constants.adaptation_rate;
+    const double k1 = constants.membrane_decay;
+    const double k2 = constants.adaptation_decay;
     if (constants.non_leaky || !adapted || k1 == k2) return bound;
     const Doubles ratio = (traces.membrane * k1) / (weighted * k2);
     Mask inside = (traces.membrane != 0.0) & (weighted != 0.0) & (ratio > 0.0);

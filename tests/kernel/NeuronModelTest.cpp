@@ -22,7 +22,8 @@ struct Subject {
     Firing firing;
 
     double hazardAt(ModelTime time, double drive) const {
-        return Kernel::hazardAt(state, neuron, firing, time, drive);
+        const Traces traces = tracesAfter(state, neuron, decayInterval(state.last_update, time));
+        return Kernel::hazardAt(state, traces, NeuronModel(neuron, firing), time, drive);
     }
     double boundOn(ModelTime from, ModelTime to, double drive_bound) const {
         return hazardUpperBound(state, neuron, firing, from, to, drive_bound);

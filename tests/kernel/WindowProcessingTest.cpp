@@ -158,6 +158,7 @@ public:
         ModelTime e_time = 0;
         bool event = false;
         double h = 0.0, u = 0.0, ratio = 0.0;
+        Traces traces = {};
 
         out_.state = in_.state;
         out_.rng = in_.rng;
@@ -186,7 +187,8 @@ public:
         }
         out_.updates += 1;
         out_.candidates += 1;
-        h = hazardAt(out_.state, in_.neuron, in_.firing, c_, driveAt(c_));
+        traces = tracesAfter(out_.state, in_.neuron, decayInterval(out_.state.last_update, c_));
+        h = hazardAt(out_.state, traces, NeuronModel(in_.neuron, in_.firing), c_, driveAt(c_));
         if (h > b_ * fromBits(0x3ff0000000001198)) {
             out_.bound_violation = true;
             return out_;
