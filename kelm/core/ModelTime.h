@@ -34,8 +34,4 @@ inline ModelTime addTime(ModelTime time, ModelTime duration) {
     return time + duration;
 }
 
-/// The window that holds `time`, for windows of `d_min` ns: window k is [k * d_min, (k+1) * d_min).
-/// `d_min` must be positive and `time` not negative.
-constexpr std::int64_t windowIndex(ModelTime time, ModelTime d_min) { return time / d_min; }
-
 }  // namespace Lumenar::Core::Kelm

@@ -29,12 +29,4 @@ TEST(ModelTime, AddsUpToTheEndsOfItsRangeAndThrowsBeyond) {
     }
 }
 
-TEST(ModelTime, AWindowHoldsTheInstantAtWhichItStartsAndNotItsEnd) {
-    constexpr ModelTime d_min = 1'000'000;
-    EXPECT_EQ(windowIndex(999'999, d_min), 0);
-    EXPECT_EQ(windowIndex(1'000'000, d_min), 1);
-    EXPECT_EQ(windowIndex(9223372036854775807, 1), 9223372036854775807);
-    EXPECT_EQ(windowIndex(-1, d_min), 0) << "the division truncates toward zero";
-}
-
 }  // namespace Lumenar::Core::Kelm
