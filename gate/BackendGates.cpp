@@ -22,7 +22,7 @@ namespace {
 constexpr std::uint64_t ring_size = 8;
 constexpr ModelTime ring_delay = 1'000'000;
 
-/// Each neuron with synapses to its `fanout` successors, source by source.
+/// Synapses from each neuron to its `fanout` successors, source by source.
 std::vector<Synapse> ringSynapses(std::uint64_t fanout, float weight) {
     std::vector<Synapse> synapses;
     for (std::uint64_t i = 0; i < ring_size; ++i) {
@@ -38,7 +38,7 @@ std::vector<Synapse> ringSynapses(std::uint64_t fanout, float weight) {
     return synapses;
 }
 
-/// Throws `failure` unless the network is eligible, or not for a reason that contains `reason`.
+/// Throws `failure` unless the network is eligible as expected and the reason contains `reason`.
 void requireVerdict(std::vector<Synapse> synapses, bool eligible, const std::string& reason,
                     const char* failure) {
     SynapseGraph graph(ring_size, ring_delay, std::move(synapses));
@@ -71,7 +71,7 @@ std::vector<Kernel::Firing> alternatingFirings() {
     return firings;
 }
 
-/// A ring of unequal neurons, each of which gets one stimulus at time 0.
+/// A ring of unequal neurons with one stimulus for each at time 0.
 std::unique_ptr<WindowEngine> makeHeterogeneousEngine() {
     constexpr std::uint64_t seed = 9182;
     constexpr ModelTime horizon = 80'000'000;
@@ -89,7 +89,7 @@ std::unique_ptr<WindowEngine> makeHeterogeneousEngine() {
     return engine;
 }
 
-/// Numbers, not bits: a NaN differs.
+/// Numeric equality: a NaN differs from everything.
 bool equalNumbers(const Kernel::State& a, const Kernel::State& b) {
     return a.membrane == b.membrane && a.adaptation == b.adaptation &&
            a.last_update == b.last_update && a.refractory_until == b.refractory_until &&

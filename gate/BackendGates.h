@@ -1,19 +1,19 @@
 #pragma once
 
-// Steps around the parity matrix: which networks run whole on the device, networks whose neurons
-// differ, and what a device run reports of itself. Each throws std::runtime_error at the first
-// failed test; what a run throws passes unchanged.
+// Steps beside the parity matrix: the networks that run whole on the device, networks of unequal
+// neurons, and the counters of a device run. Each throws std::runtime_error at the first failed
+// test; exceptions of a run pass unchanged.
 
 namespace Lumenar::Core::Kelm {
 
-/// Three small networks get the right verdict on whether they run whole on the device. Needs none.
+/// Checks on three small networks which of them may run whole on the device. Needs no device.
 void checkResidentEligibility();
 
-/// A network in which every second neuron is different runs to the same log and states on both
-/// backends, through bare engines.
+/// Runs a network in which every second neuron is different on both backends, without a runtime,
+/// and compares logs and states.
 void checkHeterogeneous();
 
-/// The counters and the device name of a device run are plausible.
+/// Checks that the counters and the device name of a device run are plausible.
 void checkProfile();
 
 }  // namespace Lumenar::Core::Kelm

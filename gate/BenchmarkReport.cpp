@@ -25,7 +25,7 @@ constexpr double required_speedup = 10.0;
 constexpr std::uint64_t shard_source_events = 84925;
 constexpr std::uint32_t resident_shards = 32;
 
-/// Monotonic seconds that `work` takes.
+/// The time of `work` on the monotonic clock, in s.
 template <class Work>
 double timed(Work work) {
     using Clock = std::chrono::steady_clock;
@@ -44,7 +44,7 @@ void writeLine(const Parts&... parts) {
 
 const char* verdictOf(double speedup) { return speedup >= required_speedup ? "PASS" : "NOT MET"; }
 
-/// What a run ended in, in three digests and five counters.
+/// The end of a run as three digests and five counters.
 struct RunDigests {
     std::uint64_t log_hash = 0;
     std::uint64_t state_hash = 0;
@@ -54,7 +54,7 @@ struct RunDigests {
     friend bool operator==(const RunDigests&, const RunDigests&) = default;
 };
 
-/// `Run`: a runtime or a bare engine; `states` its neurons' states.
+/// `run`: a runtime or an engine. `states`: of its neurons.
 template <class Run>
 RunDigests digestsOf(Run& run, std::span<const Kernel::State> states) {
     std::vector<std::uint64_t> random(states.size());
@@ -66,7 +66,7 @@ RunDigests digestsOf(Run& run, std::span<const Kernel::State> states) {
 /// One measured run.
 struct TimedRun {
     double total = 0.0;            ///< s
-    double backend_seconds = 0.0;  ///< s, of it in the backend
+    double backend_seconds = 0.0;  ///< s, the part in the backend
     std::uint64_t spikes = 0;
     std::uint64_t deliveries = 0;
     RunDigests digests;
@@ -76,7 +76,7 @@ SynapseGraph buildGraph(const BenchmarkWorkload& workload) {
     return SynapseGraph(workload.neuron_count, workload.min_delay, workload.synapses);
 }
 
-/// Construction lies outside the time.
+/// The construction is not measured.
 TimedRun measureRun(const BenchmarkWorkload& workload, IWindowBackend& backend) {
     TimedBackend timed_backend(backend);
     KelmRuntime runtime = makeKelmRuntime(buildGraph(workload), workload.neuron, workload.firing,
@@ -146,7 +146,7 @@ void reportRecurrence(const BenchmarkWorkload& workload, const TimedRun& cpu,
               " (required >= ", required_speedup, "x)");
 }
 
-/// The engine alone hands its whole run to the device.
+/// An engine without a runtime, whose whole run is on the device.
 void reportIntegrated(const BenchmarkWorkload& workload, const TimedRun& cpu) {
     CudaWindowBackend backend;
     WindowEngine engine(buildGraph(workload), workload.neuron, workload.firing, benchmark_seed,

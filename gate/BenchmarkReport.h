@@ -2,10 +2,10 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Measures the benchmark network on each path of execution and writes a report to standard output:
-/// the CPU, the device window by window, shard queues, resident recurrence, and the engine's whole
-/// run on the device. Speed is only reported. Throws std::runtime_error where a resident result
-/// differs from the CPU's; what a run throws passes unchanged.
+/// Measures the benchmark network on each path and writes a report to standard output: the CPU, the
+/// device window by window, shard queues, resident recurrence, and the engine's whole run on the
+/// device. Speeds are reported, not judged. Throws std::runtime_error if a resident result differs
+/// from the CPU's; exceptions of a run pass unchanged.
 void runBenchmark();
 
 }  // namespace Lumenar::Core::Kelm

@@ -6,8 +6,8 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// Neither stride shares a factor with a power of ten: in networks of such a size as many synapses
-/// enter each neuron as leave it, and a spike's targets do not lie side by side.
+/// Neither stride shares a factor with a power of ten. So in networks of such a size as many
+/// synapses enter each neuron as leave it, and the targets of a spike are not neighbours.
 constexpr std::uint64_t source_stride = 7;
 constexpr std::uint64_t target_stride = 131;
 

@@ -15,8 +15,8 @@ inline constexpr std::uint64_t benchmark_fanout = 16;
 /// The seed of every measurement.
 inline constexpr std::uint64_t benchmark_seed = 1;
 
-/// What a measurement of scaling may vary in the benchmark network. The defaults are the network
-/// that reports speak of.
+/// The size of the benchmark network. The defaults are those of the report; measurements of scaling
+/// use others.
 struct BenchmarkScale {
     std::uint64_t neuron_count = 100'000;
     ModelTime min_delay = 1'000'000;  ///< ns; also the delay of every synapse
@@ -24,8 +24,8 @@ struct BenchmarkScale {
     double base_rate = 5.0;           ///< spikes/s
 };
 
-/// The one large network that all measurements share: built once, each run takes a copy of the
-/// synapses. Its neurons are all alike.
+/// The network of all measurements. It is built once, and each run copies the synapses. All neurons
+/// are equal.
 struct BenchmarkWorkload {
     std::uint64_t neuron_count;
     ModelTime min_delay;            ///< ns
@@ -35,7 +35,7 @@ struct BenchmarkWorkload {
     Kernel::Firing firing;
 };
 
-/// Throws std::length_error for more synapses than a list can hold. Nothing else is tested here.
+/// Throws std::length_error for more synapses than a vector can hold. Nothing else is checked.
 BenchmarkWorkload buildBenchmarkWorkload(const BenchmarkScale& scale = {});
 
 }  // namespace Lumenar::Core::Kelm

@@ -23,7 +23,7 @@ namespace {
 constexpr std::uint64_t first_seed = 1;
 constexpr std::uint64_t last_seed = 3;
 
-/// Calls check(index, seed) for the cells of `models` models by three seeds, model by model.
+/// Calls check(index, seed) for each model below `models` and each of three seeds.
 template <class Check>
 void forEachCell(std::uint64_t models, Check check) {
     for (std::uint64_t index = 0; index < models; ++index) {
@@ -82,7 +82,7 @@ PlasticityConfig plasticConfig() {
     return config;
 }
 
-/// What a plastic run did to the weights.
+/// The weight changes of a plastic run.
 struct PlasticRun {
     double total_change = 0.0;  ///< over the journal, in its order
     double weight_sum = 0.0;    ///< over the synapses, in EdgeId order
@@ -136,7 +136,7 @@ GateRun runPhase(std::uint64_t index, std::uint64_t seed, IWindowBackend& backen
     return collectRun(runtime);
 }
 
-/// A phase run whose failure names its cell and its backend.
+/// Makes a phase run. The text of its failure gets the cell and the backend.
 GateRun runPhaseNamed(std::uint64_t index, std::uint64_t seed, IWindowBackend& backend,
                       const std::string& label, const char* place) {
     try {
@@ -146,7 +146,7 @@ GateRun runPhaseNamed(std::uint64_t index, std::uint64_t seed, IWindowBackend& b
     }
 }
 
-/// A composed run, and what its recorder holds.
+/// A composed run, and the counts of its recorder.
 struct ComposedRun {
     GateRun run;
     std::size_t samples = 0;

@@ -21,7 +21,7 @@ int runSteps(std::span<const std::string_view> arguments) {
         std::cerr << "kelmgate: no CUDA device; the gate cannot be evaluated\n";
         return exit_no_device;
     }
-    // Flushed: a step takes a while, and it may end the process.
+    // Flushed, because a step takes long and could end the process.
     std::cout << "kelmgate: device " << cudaDeviceName() << std::endl;
 
     const GateTotals totals = runParityMatrix();

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-// What the steps of the gate share.
+// Helpers of the gate's steps.
 
 namespace Lumenar::Core::Kelm {
 
@@ -14,7 +14,7 @@ inline void gateRequire(bool condition, std::string_view message) {
     if (!condition) throw std::runtime_error("kelmgate: " + std::string(message));
 }
 
-/// " (<kind> <index>, seed <seed>)": ends every message of a cell.
+/// The end of every message of a cell: " (<kind> <index>, seed <seed>)".
 inline std::string cellLabel(std::string_view kind, std::uint64_t index, std::uint64_t seed) {
     return " (" + std::string(kind) + " " + std::to_string(index) + ", seed " +
            std::to_string(seed) + ")";

@@ -12,7 +12,7 @@ namespace Lumenar::Core::Kelm {
 
 class KelmRuntime;
 
-/// What one run leaves behind for the comparisons.
+/// The results of one run.
 struct GateRun {
     std::vector<SpikeRecord> log;       ///< in canonical order
     std::vector<Kernel::State> states;  ///< final state of every neuron
@@ -21,7 +21,7 @@ struct GateRun {
     std::uint64_t committed_windows = 0;  ///< calls of the runtime's commit hook
 };
 
-/// What a runtime holds after a run.
+/// The results of the run of a runtime.
 GateRun collectRun(KelmRuntime& runtime);
 
 /// Runs the catalogue's model `index` to its horizon in a runtime with every optional part off.
@@ -30,7 +30,7 @@ GateRun runModel(std::uint64_t index, std::uint64_t seed, IWindowBackend& backen
 /// Whether two logs hold the same spikes in the same order.
 bool equalLogs(const GateRun& a, const GateRun& b);
 
-/// Whether two states hold the same 40 bytes: 0.0 and -0.0 differ, two equal NaNs do not.
+/// Whether two states have the same 40 bytes: 0.0 and -0.0 differ, equal NaNs do not.
 bool equalBits(const Kernel::State& a, const Kernel::State& b);
 
 }  // namespace Lumenar::Core::Kelm

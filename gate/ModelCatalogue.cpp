@@ -17,7 +17,7 @@ SynapseGraph buildRing(std::uint64_t node_count, std::uint64_t fanout, ModelTime
             Synapse synapse;
             synapse.source = i;
             synapse.target = (i + j) % node_count;
-            // Product and sum in single precision; the remainder is of i + j, not of the target.
+            // Product and sum in single precision. The remainder is of i + j, not of the target.
             synapse.weight = static_cast<float>((i + j) % 5) * 0.05F + 0.25F;
             synapse.delay = static_cast<ModelTime>((j & 1) + 1) * base_delay;
             synapses.push_back(synapse);

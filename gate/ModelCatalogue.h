@@ -8,7 +8,7 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// A small model whose neurons are all alike.
+/// A small model. All neurons are equal.
 struct GateModel {
     SynapseGraph graph;
     Kernel::Neuron neuron;
@@ -16,11 +16,11 @@ struct GateModel {
     ModelTime horizon;  ///< ns
 };
 
-/// Models that the parity matrix covers: indices from 0.
+/// The parity matrix covers the models with indices below this.
 inline constexpr std::uint64_t catalogue_size = 20;
 
-/// The catalogue's model `index`, by arithmetic on the index alone: a ring of 6 to 12 neurons, each
-/// with one to four synapses to its successors, at one or two times the smallest delay.
+/// Model `index` of the catalogue, computed from the index alone: a ring of 6 to 12 neurons, each
+/// with one to four synapses to its successors, with one or two times the smallest delay.
 GateModel buildModel(std::uint64_t index);
 
 }  // namespace Lumenar::Core::Kelm

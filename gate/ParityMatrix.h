@@ -7,21 +7,20 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// What the parity matrix covered.
+/// The sums over the cells of the parity matrix.
 struct GateTotals {
     std::uint64_t runs = 0;     ///< cells that passed
     std::uint64_t spikes = 0;   ///< of the CPU runs
     std::uint64_t windows = 0;  ///< of the CPU runs
 };
 
-/// Runs 20 catalogue models by 5 seeds on the CPU and on the device and compares all that the runs
-/// produced.
-/// Throws std::runtime_error "kelmgate: ..." at the first difference, and where all cells agree but
-/// the runs were too small to have tested anything; what a run throws passes unchanged.
+/// Runs 20 catalogue models by 5 seeds on the CPU and on the device and compares the results.
+/// Throws std::runtime_error "kelmgate: ..." at the first difference, and also if all cells agree
+/// but the runs were too small to test anything. Exceptions of a run pass unchanged.
 GateTotals runParityMatrix();
 
-/// Compares the two runs of one cell, in the order: spikes, log hash, states as bytes, updates,
-/// committed windows, profiles. `label` ends every message.
+/// Compares the two runs of one cell in this order: spikes, log hash, bytes of the states, updates,
+/// committed windows, profiles. `label`: the end of every message.
 /// Throws std::runtime_error at the first difference.
 void compareRuns(const GateRun& cpu, const GateRun& cuda, const std::string& label);
 

@@ -4,8 +4,8 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Measures the time that a run spends in a backend. It declines whole runs, also where the wrapped
-/// backend would take them, so that every window is measured. The wrapped backend is borrowed.
+/// Measures the time of a run in a backend. It declines whole runs even if the wrapped backend
+/// would take them, so that every window is measured. The wrapped backend is borrowed.
 class TimedBackend final : public IWindowBackend {
 public:
     explicit TimedBackend(IWindowBackend& inner) : inner_(&inner) {}
@@ -20,7 +20,7 @@ public:
     bool tryResidentRun(WindowEngine&) override { return false; }
     std::size_t partItems() const override { return inner_->partItems(); }
 
-    /// Time spent in the wrapped backend's processWindow so far, s.
+    /// The time in processWindow of the wrapped backend so far, s.
     double seconds() const { return seconds_; }
 
 private:

@@ -8,23 +8,23 @@
 #include <type_traits>
 #include <vector>
 
-// How state becomes bytes: fields one behind the other, little-endian, without gaps, names or
-// checksum. The first eight bytes are a tag that carries the class and the version of its format.
+// The encoding of state as bytes: fields follow one another, little-endian, without gaps, names or
+// checksum. The first eight bytes are a tag, which names the class and the version of its format.
 
 namespace Lumenar::Core::Kelm {
 
 static_assert(std::endian::native == std::endian::little,
               "blobs hold memory images, which are little-endian");
 
-/// A byte array under construction, or one handed out by a snapshot.
+/// The bytes of a snapshot.
 using Blob = std::vector<std::uint8_t>;
 
-/// A view of a blob that somebody else owns.
+/// A view of bytes of a blob.
 using BlobView = std::span<const std::uint8_t>;
 
 /// An eight-byte tag.
 struct BlobTag {
-    /// Takes up to eight characters; what is missing is zero.
+    /// Takes up to eight characters and pads them with zeros.
     template <std::size_t size>
     explicit constexpr BlobTag(const char (&text)[size]) {
         static_assert(size <= 9, "a tag holds eight bytes");
@@ -48,14 +48,14 @@ inline void appendI64(Blob& blob, std::int64_t value) { appendBytes(blob, &value
 inline void appendF32(Blob& blob, float value) { appendBytes(blob, &value, 4); }
 inline void appendF64(Blob& blob, double value) { appendBytes(blob, &value, 8); }
 
-/// A record with all its gaps, byte for byte.
+/// A record, byte for byte, with its gaps.
 template <class Record>
 void appendImage(Blob& blob, const Record& record) {
     static_assert(std::is_trivially_copyable_v<Record>);
     appendBytes(blob, &record, sizeof(Record));
 }
 
-/// Records one behind the other, without a count.
+/// Records, without a count.
 template <class Record>
 void appendImages(Blob& blob, std::span<const Record> records) {
     static_assert(std::is_trivially_copyable_v<Record>);
@@ -71,14 +71,14 @@ template <class Record, class Allocator>
 void appendSequence(Blob& blob, const std::vector<Record, Allocator>& records) {
     appendSequence(blob, std::span<const Record>(records));
 }
-/// A blob inside a blob, behind its length.
+/// A blob inside a blob: a 64-bit length, then the bytes.
 inline void appendNested(Blob& blob, BlobView inner) {
     appendU64(blob, inner.size());
     appendBytes(blob, inner.data(), inner.size());
 }
 
-/// A cursor over a blob that can only say no: a read that does not fit returns false and leaves
-/// the cursor where it was. It does not own the bytes.
+/// Reads the fields of a blob in order. A read that does not fit returns false and does not move
+/// the cursor. The reader does not own the bytes.
 class BlobReader {
 public:
     explicit BlobReader(BlobView bytes) : bytes_(bytes) {}
@@ -86,7 +86,7 @@ public:
     std::size_t remaining() const { return bytes_.size() - cursor_; }
     bool atEnd() const { return cursor_ == bytes_.size(); }
 
-    /// Takes the next eight bytes if they are exactly this tag.
+    /// Reads this tag. False for any other bytes.
     [[nodiscard]] bool expectTag(const BlobTag& tag) {
         if (remaining() < 8 || std::memcmp(bytes_.data() + cursor_, tag.bytes, 8) != 0) {
             return false;
@@ -100,21 +100,21 @@ public:
     [[nodiscard]] bool readI64(std::int64_t& value) { return read(&value, 8); }
     [[nodiscard]] bool readF32(float& value) { return read(&value, 4); }
     [[nodiscard]] bool readF64(double& value) { return read(&value, 8); }
-    /// A byte that must be 0 or 1.
+    /// Reads a byte that must be 0 or 1.
     [[nodiscard]] bool readFlag(bool& value) {
         if (remaining() < 1 || bytes_[cursor_] > 1) return false;
         value = bytes_[cursor_] != 0;
         ++cursor_;
         return true;
     }
-    /// The next `length` bytes as a view into the blob.
+    /// Reads `length` bytes as a view into the blob.
     [[nodiscard]] bool readView(std::uint64_t length, BlobView& view) {
         if (length > remaining()) return false;
         view = bytes_.subspan(cursor_, static_cast<std::size_t>(length));
         cursor_ += view.size();
         return true;
     }
-    /// A nested blob, behind its length.
+    /// Reads a blob inside the blob, as appendNested writes it.
     [[nodiscard]] bool readNested(BlobView& inner) {
         const std::size_t before = cursor_;
         std::uint64_t length = 0;
@@ -122,14 +122,14 @@ public:
         cursor_ = before;
         return false;
     }
-    /// A record with all its gaps; its fields may hold anything.
+    /// Reads a record with its gaps. Neither is checked.
     template <class Record>
     [[nodiscard]] bool readImage(Record& record) {
         static_assert(std::is_trivially_copyable_v<Record>);
         return read(&record, sizeof(Record));
     }
-    /// `count` records one behind the other. False, before storage is sized, for a count that the
-    /// remaining bytes cannot hold.
+    /// Reads `count` records. False, before memory is allocated, for a count that the remaining
+    /// bytes cannot hold.
     template <class Record, class Allocator>
     [[nodiscard]] bool readImages(std::uint64_t count, std::vector<Record, Allocator>& records) {
         static_assert(std::is_trivially_copyable_v<Record>);
@@ -137,8 +137,8 @@ public:
         records.resize(static_cast<std::size_t>(count));
         return count == 0 || read(records.data(), records.size() * sizeof(Record));
     }
-    /// A sequence of records, as appendSequence writes it. False as above. Gaps come in as they
-    /// stand; a reader that hands the records on clears them.
+    /// Reads a sequence of records, as appendSequence writes it. False as above. The gaps are read
+    /// as they are; the caller clears them.
     template <class Record, class Allocator>
     [[nodiscard]] bool readSequence(std::vector<Record, Allocator>& records) {
         const std::size_t before = cursor_;
@@ -147,8 +147,8 @@ public:
         cursor_ = before;
         return false;
     }
-    /// A count of items of at least `item_bytes` each. False for a count that the remaining bytes
-    /// cannot hold, so that it may size storage at once.
+    /// Reads a 64-bit count of items of at least `item_bytes` each. False for a count that the
+    /// remaining bytes cannot hold, so the caller may allocate memory for it.
     [[nodiscard]] bool readCount(std::size_t item_bytes, std::uint64_t& count) {
         const std::size_t before = cursor_;
         if (readU64(count) && count <= remaining() / item_bytes) return true;

@@ -7,11 +7,11 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// The digest of no bytes. It is not the published offset basis of FNV.
+/// The digest of no bytes. It differs from the published offset basis of FNV.
 inline constexpr std::uint64_t digest_start = 0x14650fb0739d0383;
 
-/// The digest of what came before and one byte more. Source: FNV-1a, G. Fowler, L. C. Noll,
-/// K.-P. Vo, with the 64-bit prime and a start value of this system's own.
+/// Extends a digest by one byte. Source: FNV-1a, G. Fowler, L. C. Noll, K.-P. Vo, with the 64-bit
+/// prime and another start value.
 constexpr std::uint64_t digestByte(std::uint64_t hash, std::uint8_t byte) {
     return (hash ^ byte) * 0x100000001b3;
 }
@@ -30,7 +30,7 @@ constexpr std::uint64_t digest(std::string_view text) {
     return hash;
 }
 
-/// 64-bit digest of records one behind the other. The records must have no gaps.
+/// 64-bit digest of the bytes of records, which must have no unnamed padding.
 template <class Record>
 std::uint64_t digestImages(std::span<const Record> records) {
     static_assert(std::is_trivially_copyable_v<Record>);

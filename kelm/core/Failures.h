@@ -4,10 +4,10 @@
 #include <stdexcept>
 #include <string>
 
-// Every failure class of the engine, with its fixed texts. The base tells the kind of failure:
-// std::invalid_argument for a value refused at once, std::logic_error for a broken invariant of a
+// All failure classes of the engine, with their fixed texts. The base class gives the kind of
+// failure: std::invalid_argument for a refused value, std::logic_error for a broken invariant of a
 // run, std::runtime_error for the environment and for arithmetic on time, std::out_of_range for an
-// index outside a table. No class carries data beyond its text.
+// index outside a table. No class holds more than its text.
 
 namespace Lumenar::Core::Kelm {
 
@@ -18,7 +18,7 @@ public:
     static constexpr const char* out_of_range = "KELM model time overflow";
 };
 
-/// An engine that cannot be built as asked, or an invariant of a run that did not hold.
+/// An engine that cannot be built, or a broken invariant of a run.
 class WindowEngineError : public std::logic_error {
 public:
     using std::logic_error::logic_error;
@@ -58,7 +58,7 @@ public:
     static constexpr const char* shard_order = "CUDA shard queue is not canonical";
     static constexpr const char* shard_physics = "CUDA shard neuron physics differs from CPU";
     static constexpr const char* shard_routing = "CUDA shard queue routing mismatch";
-    /// A failed call of the device runtime: `what` names the call, `reason` is the runtime's text.
+    /// A failed call of the device runtime. `what`: the call. `reason`: the runtime's text.
     static std::string device(const std::string& what, const std::string& reason) {
         return "CUDA " + what + ": " + reason;
     }
@@ -83,7 +83,7 @@ public:
     static constexpr const char* edge = "KELM synapse EdgeId is out of range";
 };
 
-/// A calendar that cannot be formed.
+/// A calendar that cannot be built.
 class InvalidLookahead : public std::invalid_argument {
 public:
     using std::invalid_argument::invalid_argument;
@@ -91,7 +91,7 @@ public:
     static constexpr const char* bucket_count = "the calendar ring needs at least four buckets";
 };
 
-/// An event for a window that has been handed out already, or for a time before every run.
+/// An event for a window that was taken before, or for a negative time.
 class LookaheadViolation : public std::logic_error {
 public:
     using std::logic_error::logic_error;
@@ -99,7 +99,7 @@ public:
         "KELM event inserted into an already processed window; d_min does not bound this edge";
 };
 
-/// A misuse of the shard layout.
+/// A shard count or a neuron that no shard layout has.
 class InvalidShardLayout : public std::invalid_argument {
 public:
     using std::invalid_argument::invalid_argument;
@@ -135,7 +135,7 @@ public:
     static constexpr const char* gate_order = "learning gate moved back in time";
 };
 
-/// An event whose declared cause no recorder has seen.
+/// An event whose declared cause was not recorded.
 class BrokenCausalTrace : public std::logic_error {
 public:
     using std::logic_error::logic_error;
@@ -265,7 +265,7 @@ public:
 
 namespace Lumenar::Core::Runtime {
 
-/// A replayed random stream that was asked for more values than its tape holds.
+/// A replay of a random stream past the end of its tape.
 class ReplayExhausted : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

@@ -7,8 +7,8 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// Rounds up, down and to zero each give another answer to one of these sums; a tie tells nearest
-/// even from nearest away. The operands are volatile so that no compiler answers beforehand.
+/// Rounding up, down or to zero changes one of these sums; a tie distinguishes nearest even from
+/// nearest away. The operands are volatile, so the compiler cannot compute the sums.
 bool roundsToNearestEven() {
     constexpr double half_ulp = std::numeric_limits<double>::epsilon() / 2;
     volatile double one = 1.0;

@@ -5,11 +5,11 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// The `size` bytes between two fields of a record, or behind its last one. They carry nothing and
-/// are always zero, so that equal records have equal bytes.
+/// Unused bytes between two fields of a record, or after its last one. They are always zero, so
+/// equal records have equal bytes.
 ///
-/// No value converts to a gap: a brace initialisation that leaves the gap out does not compile, and
-/// so cannot shift the values behind it. Write `{}` in the gap's place, or name the fields.
+/// No value converts to a gap, so a list of values in braces that leaves the gap out does not
+/// compile. Write `{}` for the gap, or name the fields.
 template <std::size_t size>
 class Gap {
 public:
@@ -19,7 +19,7 @@ private:
     std::uint8_t bytes_[size] = {};
 };
 
-/// Zeroes the gap of a record whose bytes come from outside.
+/// Zeroes the gap of a record that was read or that a caller has passed.
 template <std::size_t size>
 constexpr void clearGap(Gap<size>& gap) {
     gap = {};

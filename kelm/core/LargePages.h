@@ -8,13 +8,13 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Asks the system to back `bytes` bytes at `address` with large pages. A hint: where it is not
-/// followed, or not understood, nothing else changes.
+/// Advises the system to use large pages for `bytes` bytes at `address`. A hint without any other
+/// effect.
 void adviseLargePages(void* address, std::size_t bytes) noexcept;
 
-/// Storage for large arrays of which a window reads a little here and there: with pages of 4 KiB
-/// nearly every read of one would also miss the table of pages. Small arrays come from the ordinary
-/// allocator, and large ones take whole pages, the last of which may be in use only in part.
+/// Allocates large arrays that a window reads at scattered places: with pages of 4 KiB nearly every
+/// read would also miss the translation cache. A large array takes whole large pages. A small one
+/// comes from the ordinary allocator.
 template <class T>
 struct LargePageAllocator {
     using value_type = T;
@@ -28,7 +28,7 @@ struct LargePageAllocator {
             throw std::bad_array_new_length();
         }
         if (count * sizeof(T) < min_bytes) return std::allocator<T>().allocate(count);
-        // An object's largest size lies far enough below the range for the rounding.
+        // The check above leaves room for the rounding.
         const std::size_t bytes = (count * sizeof(T) + page_bytes - 1) / page_bytes * page_bytes;
         void* address = ::operator new(bytes, std::align_val_t(page_bytes));
         adviseLargePages(address, bytes);
@@ -44,7 +44,7 @@ struct LargePageAllocator {
 
     friend bool operator==(const LargePageAllocator&, const LargePageAllocator&) { return true; }
 
-    /// As many as fill a large page.
+    /// The elements that fill a large page.
     static constexpr std::size_t page_count = (std::size_t{2} << 20) / sizeof(T);
 
 private:

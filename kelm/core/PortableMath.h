@@ -5,10 +5,10 @@
 
 #include "kelm/core/HostDevice.h"
 
-// The exponential, logarithm and sine of the neuron kernel. They are built from additions,
-// multiplications, divisions, comparisons and bit moves alone, all of which IEEE 754 fixes to the
-// last bit, so that a CPU and a device end in the same bits. The order of operations below is
-// part of the result: nothing here may be reassociated, contracted or shared.
+// The exponential, logarithm and sine of the neuron kernel. They use only additions,
+// multiplications, divisions, comparisons and bit operations, which IEEE 754 defines to the last
+// bit, so a CPU and a device compute the same bits. The order of operations is part of the result:
+// nothing here may be reassociated, contracted or shared.
 //
 // Polynomials: fdlibm (Sun Microsystems, 1993), e_exp.c, e_log.c, k_sin.c and k_cos.c. The control
 // flow around them is this system's own.
@@ -25,7 +25,7 @@ KELM_HD constexpr bool isNan(double value) { return value != value; }
 KELM_HD constexpr bool isNotFinite(double value) {
     return (bitsOf(value) & 0x7ff0000000000000) == 0x7ff0000000000000;
 }
-/// Clears the sign bit; of a NaN as well.
+/// Clears the sign bit, also that of a NaN.
 KELM_HD constexpr double magnitude(double value) {
     return fromBits(bitsOf(value) & 0x7fffffffffffffff);
 }
@@ -70,7 +70,7 @@ inline constexpr double c4 = 2.7557314351390663e-07;
 inline constexpr double c5 = 2.087572321298175e-09;
 inline constexpr double c6 = 1.1359647557788195e-11;
 
-// The decimals are shortest texts; a compiler that reads one of them wrongly must not build.
+// The decimals are the shortest ones. A compiler that converts one wrongly must fail here.
 static_assert(bitsOf(exp_overflow) == 0x40862e42fefa39ef);
 static_assert(bitsOf(exp_underflow) == 0xc0874910d52d3051);
 static_assert(bitsOf(ln2_hi) == 0x3fe62e42fee00000 && bitsOf(ln2_lo) == 0x3dea39ef35793c76);
@@ -96,13 +96,13 @@ static_assert(bitsOf(c5) == 0x3e21ee9ebdb4b1c4 && bitsOf(c6) == 0x3da8fae9be8838
 
 }  // namespace PortableMathConstants
 
-/// 2 to the k, for a k that a double's exponent can hold.
+/// 2 to the k, for the k of a normal double.
 KELM_HD constexpr double powerOfTwo(std::int32_t k) {
     return fromBits(static_cast<std::uint64_t>(k + 1023) << 52);
 }
 
-/// The k with x = k * ln2 + r and |r| at most about ln2 / 2, for a finite x of magnitude pattern
-/// `a`. Selections rather than branches: arguments are as good as random to a processor.
+/// The k with x = k * ln2 + r and |r| at most about ln2 / 2, for a finite x. `a`: the bits of |x|.
+/// Selections instead of branches, because no processor can predict the arguments.
 KELM_HD inline std::int32_t exponentOf(double x, std::uint64_t a) {
     using namespace PortableMathConstants;
     constexpr std::uint64_t half = bitsOf(0.5);
@@ -113,10 +113,10 @@ KELM_HD inline std::int32_t exponentOf(double x, std::uint64_t a) {
     return a > 0x3fd62e4200000000 ? k : 0;
 }
 
-/// e to the x, divided by 2 to the k: of k = exponentOf(x).
+/// e to the x, divided by 2 to the k, for k = exponentOf(x).
 ///
-/// A k of 0 needs no case of its own. The terms with k are then exact zeros, q / (2 - c) is minus
-/// q / (c - 2), and neither is 0 where |x| is at least 2^-28.
+/// k = 0 is no separate case: the terms with k are then exact zeros, q / (2 - c) is minus
+/// q / (c - 2), and neither is 0 for |x| of at least 2^-28.
 KELM_HD inline double expOfRemainder(double x, std::int32_t k) {
     using namespace PortableMathConstants;
     const double t = static_cast<double>(k);
@@ -138,7 +138,7 @@ KELM_HD inline double expOfRemainder(double x, std::int32_t k) {
     return 1.0 - ((lo - q / (2.0 - c)) - hi);
 }
 
-/// kernelExp of all that is not of ordinary size.
+/// kernelExp of very small and very large numbers, infinities and NaN.
 KELM_HD inline double expOfExtreme(double x, std::uint64_t a) {
     using namespace PortableMathConstants;
     if (isNan(x)) return x;
@@ -147,7 +147,7 @@ KELM_HD inline double expOfExtreme(double x, std::uint64_t a) {
     if (a < 0x3e30000000000000) return x + 1.0;
     std::int32_t k = exponentOf(x, a);
     double y = expOfRemainder(x, k);
-    // Results near the ends of the range are scaled in steps that a double's exponent can hold.
+    // Results near the ends of the range are scaled in steps, each by a normal double.
     if (k > 1023) {
         y = y * two_1023;
         k = k - 1023;
@@ -168,10 +168,10 @@ KELM_HD inline double expOfExtreme(double x, std::uint64_t a) {
     return y * powerOfTwo(k);
 }
 
-/// e to the x. Infinity above 709.78, +0.0 below -745.13, a NaN unchanged; within one unit in the
-/// last place of the exact value.
+/// e to the x, within one unit in the last place. Infinity above 709.78, +0.0 below -745.13, and a
+/// NaN unchanged.
 KELM_HD inline double kernelExp(double x) {
-    // One test for the ordinary sizes, 2^-28 to 708, whose results need no scaling in steps.
+    // One test for 2^-28 <= |x| < 708, where the result needs no scaling in steps.
     constexpr std::uint64_t least = 0x3e30000000000000;
     constexpr std::uint64_t end = bitsOf(708.0);
     const std::uint64_t a = bitsOf(x) & 0x7fffffffffffffff;
@@ -180,10 +180,10 @@ KELM_HD inline double kernelExp(double x) {
     return expOfRemainder(x, k) * powerOfTwo(k);
 }
 
-/// kernelLog of the positive normal number with pattern `bits` times 2^e.
+/// kernelLog of 2^e times the positive normal number with these bits.
 ///
-/// Behind the series near 1 a k of 0 needs no case of its own: the terms with k are then exact
-/// zeros, and 0 - (a - f) is f - a to the bit.
+/// After the series near 1, k = 0 is no separate case: the terms with k are then exact zeros, and
+/// 0 - (a - f) has the bits of f - a.
 KELM_HD inline double logOfNormal(std::uint64_t bits, std::int32_t e) {
     using namespace PortableMathConstants;
     // x = w * 2^k with w between about sqrt(1/2) and sqrt(2).
@@ -198,7 +198,7 @@ KELM_HD inline double logOfNormal(std::uint64_t bits, std::int32_t e) {
     const double d = static_cast<double>(k);
 
     if (((m + 2) & 0xfffff) < 3) {
-        // w lies within 2^-20 of 1, where two terms of the series are enough.
+        // w is within 2^-20 of 1, where two terms of the series are enough.
         if (f == 0) {
             if (k == 0) return 0.0;
             return d * ln2_lo + d * ln2_hi;
@@ -219,7 +219,7 @@ KELM_HD inline double logOfNormal(std::uint64_t bits, std::int32_t e) {
 }
 
 /// Natural logarithm. Negative infinity for a zero of either sign, the quiet NaN for a negative
-/// number, infinity and NaN unchanged; subnormals are exact arguments like any other.
+/// number, infinity and NaN unchanged. Subnormal arguments are exact.
 KELM_HD inline double kernelLog(double x) {
     constexpr std::uint64_t least_normal = 0x0010000000000000;
     const std::uint64_t bits = bitsOf(x);
@@ -232,13 +232,13 @@ KELM_HD inline double kernelLog(double x) {
 }
 
 /// Sine of x radians. The reduction is one subtraction in double precision, so the error grows
-/// with |x| and is part of the function. Arguments whose count of periods does not fit 64 bits,
-/// infinities among them, give the quiet NaN; a NaN is returned unchanged.
+/// with |x|; it is part of the function. The quiet NaN for an infinity and for an argument whose
+/// count of periods does not fit 64 bits. A NaN is returned unchanged.
 KELM_HD inline double kernelSin(double x) {
     using namespace PortableMathConstants;
     if (isNan(x)) return x;
     const double periods = x / two_pi + (x >= 0 ? 0.5 : -0.5);
-    // Beyond these ends the conversion would differ between processors.
+    // Outside these limits the conversion differs between processors.
     if (!(periods < 9223372036854775808.0 && periods > -9223372036854775808.0)) return quietNan();
     const auto n = static_cast<std::int64_t>(periods);
     double r = x - static_cast<double>(n) * two_pi;

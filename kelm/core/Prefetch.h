@@ -2,11 +2,11 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Asks for the cache line of `address`, which is read or written soon. No more than a hint: the
-/// address need not be valid.
+/// Prefetches the cache line of `address`, which is read or written soon. A hint: the address need
+/// not be valid.
 ///
-/// The empty assembler text is there for the optimiser, which takes a function that does nothing
-/// but ask for one without effect and drops its calls.
+/// Without the empty assembler text the optimiser takes a function that only prefetches for one
+/// without effect and drops its calls.
 inline void prefetchLine(const void* address) {
     __builtin_prefetch(address);
     asm volatile("");

@@ -15,7 +15,7 @@ namespace {
 
 constexpr BlobTag format_tag("RNDCTX1");
 
-/// One stream as a blob holds it. The name is a view of the blob.
+/// A stream of a blob. The name is a view into the blob.
 struct StoredStream {
     std::string_view name;
     std::uint64_t index = 0;
@@ -52,14 +52,14 @@ const RandomContext::Tape& RandomContext::tapeOf(const Run& run, std::uint64_t i
 }
 
 RandomContext::Runs::value_type& RandomContext::runFor(std::string_view name, std::uint64_t index) {
-    const auto behind = runs_.upper_bound(AddressView{name, index});
-    if (behind != runs_.begin()) {
-        Runs::value_type& run = *std::prev(behind);
+    const auto after = runs_.upper_bound(AddressView{name, index});
+    if (after != runs_.begin()) {
+        Runs::value_type& run = *std::prev(after);
         if (run.first.name == name && index - run.first.index <= run.second.states.size()) {
             return run;
         }
     }
-    return *runs_.emplace_hint(behind, Address{std::string(name), index}, Run());
+    return *runs_.emplace_hint(after, Address{std::string(name), index}, Run());
 }
 
 RandomContext::Stream RandomContext::streamFor(std::string_view name, std::uint64_t index) {
@@ -161,7 +161,7 @@ bool RandomContext::restore(BlobView blob) {
         if (!readStream(in, stored)) return false;
         Stream stream(restored.runFor(stored.name, stored.index), stored.index);
         Run& run = stream.run_->second;
-        if (stream.place() != run.states.size()) return false;  // it is there already
+        if (stream.place() != run.states.size()) return false;  // a stream twice
         run.states.push_back(stored.state);
         if (stored.mode != 0 || stored.cursor != 0 || !stored.tape.empty()) {
             run.tapes.emplace(stored.index, Tape{static_cast<Mode>(stored.mode),

@@ -15,29 +15,30 @@ namespace Lumenar::Core::Runtime {
 
 /// All random streams of one simulation, derived from one seed.
 ///
-/// A stream is addressed by a name and an index, and its numbers depend on the seed and that
-/// address alone, never on which other streams exist or in which order they were made. Streams are
-/// created on first use and never removed. Work on a processor steps a private copy of a stream's
-/// raw state; advanceTo then catches the stream up with it.
+/// A stream has a name and an index, and its numbers depend only on the seed, the name and the
+/// index, not on the other streams or the order of their creation. A stream is created on first use
+/// and never removed. A neuron's computation steps a copy of the raw state of its stream; advanceTo
+/// then moves the stream to the state of the copy.
 ///
 /// The streams of one name form a family. A handle of a family or of a stream belongs to one
-/// context and is valid until that context is assigned to, restored or destroyed.
+/// context and is valid until that context is assigned to, restored or destroyed. If the context is
+/// moved, its handles belong to the new one.
 ///
 /// Used by one thread at a time.
 class RandomContext {
 public:
     /// How a stream treats its values when it is advanced.
     enum class Mode : std::uint8_t {
-        generate = 0,  ///< moves on
-        record = 1,    ///< appends each value to its tape
-        replay = 2,    ///< compares each value with its tape
+        generate = 0,  ///< no tape takes part
+        record = 1,    ///< each value is appended to the tape
+        replay = 2,    ///< each value is compared with the tape
     };
 
 private:
     struct Tape {
         Mode mode = Mode::generate;
         std::vector<std::uint64_t> values;
-        std::uint64_t cursor = 0;  ///< in replay, the next value
+        std::uint64_t cursor = 0;  ///< in replay, the index of the next value
     };
 
     /// The name of a family and an index in it, ordered by name as bytes, then by index.
@@ -58,20 +59,20 @@ private:
         }
     };
 
-    /// Streams of one family whose indices follow one another.
+    /// Streams of one family with consecutive indices.
     struct Run {
         Kelm::LargeArray<std::uint64_t> states;
         std::map<std::uint64_t, Tape> tapes;  ///< by index, of streams that have or had a tape
     };
 
-    /// All runs by the address of their first stream. The run at index 0 of a family may be empty.
-    /// Two runs may touch, but each stream is in one.
+    /// All runs, by the address of their first stream. Each stream is in one run. The run at index
+    /// 0 of a family may be empty, and one run may end where the next begins.
     using Runs = std::map<Address, Run, AddressLess>;
 
     static const Tape& tapeOf(const Run& run, std::uint64_t index);
 
 public:
-    /// The streams of one name. It reaches those of its first run without looking at the name.
+    /// The streams of one name. A stream of its first run is found without a look-up of the name.
     class Family {
     private:
         friend class RandomContext;
@@ -91,7 +92,7 @@ public:
         /// stream without a tape. The view is valid until the stream is advanced or given another
         /// tape, or the context is assigned to or restored.
         std::span<const std::uint64_t> tape() const { return tapeOf(run_->second, index_).values; }
-        /// In replay, the place of the next value on the tape.
+        /// In replay, the index of the next value of the tape.
         std::uint64_t cursor() const { return tapeOf(run_->second, index_).cursor; }
 
     private:
@@ -127,29 +128,30 @@ public:
         return rawState(family.first_->first.name, index);
     }
 
-    /// The raw states of the family's streams 0, 1, 2 and so on, as far as they lie in one array:
-    /// all of them if they were created in this order or read from a snapshot. The view is valid
-    /// until a stream is created, or the context assigned to or restored.
+    /// The raw states of the family's streams 0, 1, 2 and so on that lie in one array. These are
+    /// all up to the first missing index, if the streams were created in ascending order or read
+    /// from a snapshot. The view is valid until a stream is created, or the context assigned to or
+    /// restored.
     std::span<const std::uint64_t> firstStates(Family family) const {
         return family.first_->second.states;
     }
 
-    /// Moves a stream by one step and returns its value, whatever the stream's mode; a tape is
-    /// neither read nor written.
+    /// Moves a stream by one step and returns its value. In every mode the tape is neither read nor
+    /// written.
     std::uint64_t next(Stream stream);
 
-    /// Brings stream (name, index) to the raw state `raw`, which must lie at most 10^9 steps ahead.
-    /// A recording stream appends each value to its tape, a replaying one compares each with its.
-    /// Throws std::logic_error for a raw state that is not so reachable, ReplayExhausted past the
-    /// end of a tape, std::runtime_error for a value that differs from the tape; steps taken
-    /// before a throw stand.
+    /// Moves stream (name, index) to the raw state `raw`, which must be at most 10^9 steps ahead.
+    /// In mode record each value is appended to the tape, in mode replay compared with it. Throws
+    /// std::logic_error for a raw state that is not reachable, ReplayExhausted past the end of a
+    /// tape, std::runtime_error for a value that differs from the tape. Steps before a throw are
+    /// not undone.
     void advanceTo(std::string_view name, std::uint64_t index, std::uint64_t raw) {
         advance(streamFor(name, index), raw);
     }
     void advanceTo(Family family, std::uint64_t index, std::uint64_t raw) {
         Run& run = family.first_->second;
         if (index < run.states.size() && run.tapes.empty()) {
-            // Without a tape the walk leaves what the assignment leaves.
+            // Without a tape single steps end in the same state.
             requireReachable(run.states[index], raw);
             run.states[index] = raw;
             return;
@@ -157,19 +159,19 @@ public:
         advanceTo(family.first_->first.name, index, raw);
     }
 
-    /// Records stream (name, index): advanceTo appends each value from here on to a new, empty
-    /// tape, which only grows until another takes its place. The stream is created if need be; a
-    /// tape that it had is dropped.
+    /// Records stream (name, index): from now on advanceTo appends each value to a new, empty tape.
+    /// The tape grows until it is replaced. An earlier tape is dropped. The stream is created if
+    /// need be.
     void record(std::string_view name, std::uint64_t index);
 
-    /// Checks stream (name, index) against `tape`, shape (value_count): advanceTo compares each
-    /// value from here on with the next one of the tape, from its first, and throws as told there.
-    /// The tape is copied, so it may be a view of a tape of this context. The stream is created if
-    /// need be; a tape that it had is dropped.
+    /// Checks stream (name, index) against `tape`, shape (value_count): from now on advanceTo
+    /// compares each value with the next one of the tape, starting with the first. The tape is
+    /// copied, so it may be a view of a tape of this context. An earlier tape is dropped. The
+    /// stream is created if need be.
     void replay(std::string_view name, std::uint64_t index, std::span<const std::uint64_t> tape);
 
-    /// Drops the tape of stream (name, index), which then only moves on. The raw state stays as it
-    /// is. The stream is created if need be.
+    /// Drops the tape of stream (name, index) and sets mode generate. The raw state does not
+    /// change. The stream is created if need be.
     void stopTape(std::string_view name, std::uint64_t index);
 
     /// Format "RNDCTX1": tag, seed (8), stream count (4), then the streams ascending by name as
@@ -178,12 +180,12 @@ public:
     Kelm::Blob snapshot() const;
 
     /// Replaces seed and streams by those of `blob`. False for a blob that is cut short, forged or
-    /// of another format, or that names a stream twice; the context is then as it was.
+    /// of another format, or that has a stream twice; the context is then unchanged.
     [[nodiscard]] bool restore(Kelm::BlobView blob);
 
 private:
-    /// The run that holds stream (name, index), or else the one that the stream is to be appended
-    /// to: one that ends right before it, or a new one.
+    /// The run that holds stream (name, index). If there is none: the run to append the stream to,
+    /// which ends right before it or is new.
     Runs::value_type& runFor(std::string_view name, std::uint64_t index);
     void setTape(std::string_view name, std::uint64_t index, Tape tape);
     static void advance(Stream stream, std::uint64_t raw);

@@ -12,7 +12,7 @@ namespace Lumenar::Core::Kelm {
 /// A stream's raw state moves by this odd constant at each step, modulo 2^64.
 inline constexpr std::uint64_t splitmix_increment = 0x9e3779b97f4a7c15;
 
-/// The inverse of the increment modulo 2^64: a difference of two raw states times this is the
+/// The inverse of the increment modulo 2^64. The difference of two raw states times this is the
 /// number of steps between them.
 inline constexpr std::uint64_t splitmix_increment_inverse = 0xf1de83e19937733d;
 static_assert(splitmix_increment * splitmix_increment_inverse == 1);

@@ -18,13 +18,13 @@
 
 namespace Lumenar::Core::Kelm::Kernel {
 
-/// What changes of one neuron. Goes to a device and into blobs byte for byte.
+/// The state of one neuron. Copied to a device and into blobs byte for byte.
 struct State {
     double membrane = 0.0;           ///< membrane trace, as of last_update
     double adaptation = 0.0;         ///< adaptation trace, as of last_update
-    ModelTime last_update = 0;       ///< ns; the instant at which both traces hold
+    ModelTime last_update = 0;       ///< ns; the time at which the traces have these values
     ModelTime refractory_until = 0;  ///< ns; end of the refractory time of the last spike
-    double hazard_bound = 0.0;       ///< spikes/s; bound in force when the last window ended
+    double hazard_bound = 0.0;       ///< spikes/s; the bound at the end of the last window
 };
 static_assert(std::is_trivially_copyable_v<State> && std::is_standard_layout_v<State>);
 static_assert(sizeof(State) == 40);
@@ -33,8 +33,8 @@ static_assert(offsetof(State, last_update) == 16);
 static_assert(offsetof(State, refractory_until) == 24);
 static_assert(offsetof(State, hazard_bound) == 32);
 
-/// Parameters of one neuron's dynamics. Nothing validates them: a bad value has the outcome that
-/// follows from the arithmetic. Equality is numeric, so a NaN makes a record unequal to itself.
+/// Parameters of one neuron's dynamics. They are not validated: the effect of a bad value follows
+/// from the arithmetic. Equality is numeric, so a record with a NaN does not equal itself.
 struct Neuron {
     ModelTime tau_membrane = 10'000'000;      ///< ns; time constant of the membrane trace
     ModelTime tau_adaptation = 100'000'000;   ///< ns; time constant of the adaptation trace
@@ -69,7 +69,7 @@ struct Firing {
     double adaptation_weight = 1.0;  ///< weight of the adaptation trace in the net drive
     double rate_scale = 1.0;         ///< second factor of the base rate
     double max_rate = 1'000'000.0;   ///< spikes/s; ceiling of the hazard
-    bool spare_flag = false;         ///< carried and compared, read by no formula
+    bool spare_flag = false;         ///< copied and compared, read by no formula
     Gap<7> gap = {};                 ///< always zero: equal records have equal bytes
 
     friend bool operator==(const Firing&, const Firing&) = default;
@@ -84,8 +84,8 @@ static_assert(offsetof(Firing, max_rate) == 40);
 static_assert(offsetof(Firing, spare_flag) == 48);
 static_assert(offsetof(Firing, gap) == 49);
 
-/// The parameters of a neuron, and what the formulas derive from them alone: computed once for any
-/// number of walks of neurons with these parameters.
+/// The parameters of a neuron and the terms that follow from them alone. One model serves all walks
+/// of neurons with these parameters.
 struct NeuronModel {
     KELM_HD NeuronModel(const Neuron& dynamics, const Firing& hazard);
 
@@ -95,7 +95,7 @@ struct NeuronModel {
     bool membrane_falls;      ///< a positive membrane trace decays
     double rate;              ///< spikes/s; hazard at zero net drive less threshold
     double cap;               ///< largest exponent of the hazard
-    double margin;            ///< of a drive's bound, for traces clipped later
+    double margin;            ///< added to a drive's bound, for traces clipped later
     double membrane_decay;    ///< 1/ns; 1 / tau_membrane
     double adaptation_decay;  ///< 1/ns; 1 / tau_adaptation
 };
@@ -106,34 +106,34 @@ KELM_HD inline NeuronModel::NeuronModel(const Neuron& dynamics, const Firing& ha
     membrane_falls = !neuron.non_leaky && neuron.tau_membrane > 0;
     rate = firing.base_rate * firing.rate_scale;
     cap = silent ? 0.0 : kernelLog(firing.max_rate / rate);
-    // Each trace may be clipped by up to epsilon later than the bound saw it.
+    // Each trace may be clipped by up to epsilon after the bound was computed.
     const double twice = (firing.adaptation_weight + 1.0) + (firing.adaptation_weight + 1.0);
     margin = twice * neuron.trace_epsilon;
     membrane_decay = 1.0 / static_cast<double>(neuron.tau_membrane);
     adaptation_decay = 1.0 / static_cast<double>(neuron.tau_adaptation);
 }
 
-/// Elapsed ns as a decay sees them. Both ends are rounded before the subtraction: past 2^53 ns
-/// the exact difference would round differently.
+/// The interval of a decay in ns. Both ends are rounded before the subtraction: past 2^53 ns the
+/// exact difference would round differently.
 KELM_HD inline double decayInterval(ModelTime from, ModelTime to) {
     return static_cast<double>(to) - static_cast<double>(from);
 }
 
-/// `value` after an exponential decay over `interval` ns with time constant `tau` ns; exactly 0.0
-/// once its magnitude falls below `epsilon`, so that a dead trace costs nothing from then on.
+/// `value` after an exponential decay over `interval` ns with time constant `tau` ns. Exactly 0.0
+/// if its magnitude is below `epsilon`; a trace of 0 costs no exponential.
 KELM_HD inline double decayTrace(double value, double interval, ModelTime tau, double epsilon) {
     if (value == 0 || interval == 0) return value;
     const double decayed = kernelExp(-interval / static_cast<double>(tau)) * value;
     return epsilon > magnitude(decayed) ? 0.0 : decayed;
 }
 
-/// The two traces at one instant.
+/// The two traces at one time.
 struct Traces {
     double membrane;
     double adaptation;
 };
 
-/// The traces `interval` ns after state.last_update; the state stays as it is.
+/// The traces `interval` ns after state.last_update. The state does not change.
 KELM_HD inline Traces tracesAfter(const State& state, const Neuron& neuron, double interval) {
     return {neuron.non_leaky
                 ? state.membrane
@@ -141,7 +141,7 @@ KELM_HD inline Traces tracesAfter(const State& state, const Neuron& neuron, doub
             decayTrace(state.adaptation, interval, neuron.tau_adaptation, neuron.trace_epsilon)};
 }
 
-/// Puts traces that hold at `time` ns into the state.
+/// Sets the traces of the state to their values at `time` ns.
 KELM_HD inline void setTraces(State& state, const Traces& traces, ModelTime time) {
     state.membrane = traces.membrane;
     state.adaptation = traces.adaptation;
@@ -153,7 +153,7 @@ KELM_HD inline void advanceTraces(State& state, const Neuron& neuron, ModelTime 
     setTraces(state, tracesAfter(state, neuron, decayInterval(state.last_update, time)), time);
 }
 
-/// The traces' part of the net drive at `time` ns; the state stays as it is.
+/// The traces' part of the net drive at `time` ns. The state does not change.
 KELM_HD inline double netDriveAt(const State& state, const Neuron& neuron, const Firing& firing,
                                  ModelTime time) {
     const Traces traces = tracesAfter(state, neuron, decayInterval(state.last_update, time));
@@ -161,19 +161,20 @@ KELM_HD inline double netDriveAt(const State& state, const Neuron& neuron, const
     return 0.0 + (traces.membrane - traces.adaptation * firing.adaptation_weight);
 }
 
-/// The hazard in spikes/s for a net drive less threshold of `x`: an exponential escape rate. The
-/// ceiling acts on the exponent, so the hazard at the ceiling can miss max_rate in the last places.
+/// The hazard in spikes/s, an exponential escape rate. `x`: the net drive less the threshold. The
+/// ceiling limits the exponent, so at the ceiling the hazard can differ from max_rate in the last
+/// places.
 KELM_HD inline double hazardOf(const NeuronModel& model, double x) {
     if (model.silent) return 0.0;
     const double exponent = x * model.firing.gain;
-    // A comparison, not a library minimum: a NaN operand settles in favour of the cap.
+    // A comparison, not a library minimum: a NaN operand gives the cap.
     return kernelExp(exponent < model.cap ? exponent : model.cap) * model.rate;
 }
 KELM_HD inline double hazardOf(const Firing& firing, double x) {
     return hazardOf(NeuronModel(Neuron(), firing), x);
 }
 
-/// The hazard in spikes/s at `time` ns, at which the traces hold, under an external drive.
+/// The hazard in spikes/s at `time` ns under an external drive. `traces`: their values at `time`.
 KELM_HD inline double hazardAt(const State& state, const Traces& traces, const NeuronModel& model,
                                ModelTime time, double drive) {
     if (model.neuron.hard_refractory && time < state.refractory_until) return 0.0;
@@ -181,14 +182,14 @@ KELM_HD inline double hazardAt(const State& state, const Traces& traces, const N
     return hazardOf(model, ((traces.membrane - weighted) + drive) - model.firing.threshold);
 }
 
-/// The larger of two drives; a NaN operand settles in favour of `b`.
+/// The larger of two drives. A NaN operand gives `b`.
 KELM_HD inline double largerDrive(double a, double b) { return a > b ? a : b; }
 
-/// The largest value that the traces' part of the net drive takes on [start, to], in ns.
+/// The largest value of the traces' part of the net drive on [start, to], in ns.
 ///
-/// It is a difference of two exponentials, so its maximum lies at an end or at the one interior
-/// extremum, which is sampled at the integer instants on both sides because candidates fall on
-/// integers.
+/// That part is a difference of two exponentials, so its maximum lies at an end or at the one
+/// interior extremum. The extremum is sampled at the integer times on both sides, because
+/// candidates have integer times.
 KELM_HD inline double netDriveBound(const State& state, const NeuronModel& model, ModelTime start,
                                     ModelTime to) {
     const Neuron& neuron = model.neuron;
@@ -196,9 +197,8 @@ KELM_HD inline double netDriveBound(const State& state, const NeuronModel& model
     const Traces traces = tracesAfter(state, neuron, decayInterval(state.last_update, start));
     const double weighted = traces.adaptation * firing.adaptation_weight;
     double bound = (traces.membrane - weighted) + 0.0;
-    // A positive membrane trace that is known here and has nothing beside it only falls: kernelExp
-    // of a number not above 0 is at most 1, so a later value is not above this one. (An infinite
-    // one can become a NaN.)
+    // A positive membrane trace alone only falls: kernelExp of a number not above 0 is at most 1,
+    // so a later value is not above this one. (An infinite one can become a NaN.)
     if (model.membrane_falls && start == state.last_update && traces.membrane > 0 &&
         traces.membrane < infinity() && traces.adaptation == 0 && weighted == 0) {
         return bound;
@@ -211,8 +211,8 @@ KELM_HD inline double netDriveBound(const State& state, const NeuronModel& model
     if (k1 == k2) return bound;
     const double ratio = (traces.membrane * k1) / (weighted * k2);
     if (!(ratio > 0)) return bound;
-    // The extremum lies before the start where the logarithm and the difference differ in sign,
-    // which is known without the logarithm.
+    // The extremum lies before the start if the logarithm and the difference differ in sign, which
+    // the ratio shows without the logarithm.
     const double difference = k1 - k2;
     if (difference > 0 ? ratio <= 1 : ratio >= 1) return bound;
     const double shift = kernelLog(ratio) / difference;
@@ -228,14 +228,14 @@ KELM_HD inline double netDriveBound(const State& state, const NeuronModel& model
     return bound;
 }
 
-/// The first instant from `from` on at which the hazard need not be 0, in ns: the end of a
-/// refractory time that lies later.
+/// The earliest time from `from` on at which a spike is possible, in ns: the end of the refractory
+/// time if that is later.
 KELM_HD inline ModelTime firstSpikeTime(const State& state, const Neuron& neuron, ModelTime from) {
     return neuron.hard_refractory && state.refractory_until > from ? state.refractory_until : from;
 }
 
 /// An upper bound in spikes/s of the hazard on [from, to], in ns, for an external drive of at most
-/// `drive_bound`. 0.0 where no spike is possible.
+/// `drive_bound`. 0.0 if no spike is possible.
 KELM_HD inline double hazardUpperBound(const State& state, const NeuronModel& model, ModelTime from,
                                        ModelTime to, double drive_bound) {
     const ModelTime start = firstSpikeTime(state, model.neuron, from);
@@ -249,13 +249,13 @@ KELM_HD inline double hazardUpperBound(const State& state, const Neuron& neuron,
     return hazardUpperBound(state, NeuronModel(neuron, firing), from, to, drive_bound);
 }
 
-/// An input of `value` at the instant to which the state has been advanced.
+/// Applies an input of `value` at the time of the state.
 KELM_HD inline void applyInput(State& state, const Neuron& neuron, double value) {
     state.membrane = ((state.membrane * neuron.input_coupling) * value + value) + state.membrane;
 }
 
-/// The sum of a time and a refractory period, held at the ends of the range: a period without end
-/// means a neuron that fires once, not one whose refractory time has wrapped into the past.
+/// The sum of a time and a refractory period, limited to the range of ModelTime: a neuron with an
+/// endless period fires once, instead of having a refractory time that wraps into the past.
 KELM_HD inline ModelTime refractoryEnd(ModelTime period, ModelTime time) {
     constexpr ModelTime last = 0x7fffffffffffffff;
     if (period > 0 && time > last - period) return last;
@@ -263,7 +263,7 @@ KELM_HD inline ModelTime refractoryEnd(ModelTime period, ModelTime time) {
     return period + time;
 }
 
-/// A spike at `time` ns, to which the state has been advanced.
+/// Applies a spike at `time` ns, the time of the state.
 KELM_HD inline void applySpike(State& state, const Neuron& neuron, ModelTime time) {
     state.membrane = neuron.reset_value;
     state.adaptation = neuron.adaptation_increment + state.adaptation;

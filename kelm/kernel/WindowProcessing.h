@@ -15,8 +15,8 @@
 // accepted with the ratio of the hazard to the bound (P. A. W. Lewis, G. S. Shedler, "Simulation
 // of nonhomogeneous Poisson processes by thinning", Naval Research Logistics Quarterly 26, 1979).
 //
-// A walk reads its arguments and writes its result, so all neurons of a window may run at once, in
-// any order, on any processor. It throws nothing and allocates nothing.
+// A walk reads its arguments and writes its result, so the neurons of a window may be computed in
+// any order, at the same time and on any processor. It throws nothing and allocates nothing.
 
 namespace Lumenar::Core::Kelm {
 
@@ -34,11 +34,11 @@ static_assert(offsetof(PhaseTerm, omega) == 16);
 /// Sine terms that one neuron's drive can hold.
 inline constexpr int max_phase_terms = 8;
 
-/// The external drive of one neuron during one window; all zero without modulation.
+/// The external drive of one neuron during one window. All zero without modulation.
 struct PhaseDrive {
-    ModelTime origin = 0;         ///< ns; the instant at which the terms' phases hold
+    ModelTime origin = 0;         ///< ns; the time at which the terms have their phases
     double base = 0.0;            ///< constant part
-    double bound = 0.0;           ///< upper bound of the whole drive while this block is valid
+    double bound = 0.0;           ///< upper bound of the whole drive during the window
     std::int32_t term_count = 0;  ///< terms in use, 0 to max_phase_terms
     Gap<4> gap = {};              ///< always zero: equal drives have equal bytes
     PhaseTerm terms[max_phase_terms] = {};
@@ -53,11 +53,11 @@ static_assert(offsetof(PhaseDrive, terms) == 32);
 
 namespace Kernel {
 
-/// One event of a neuron inside a window. Goes to a device byte for byte.
+/// One event of a neuron in a window. Copied to a device byte for byte.
 struct WindowEvent {
     ModelTime time = 0;      ///< ns
     double value = 0.0;      ///< signed input, in units of the membrane trace
-    bool wake_only = false;  ///< wakes the neuron for its candidate, carries no input
+    bool wake_only = false;  ///< wakes the neuron for its candidate, is no input
     Gap<7> gap = {};         ///< always zero: equal events have equal bytes
 };
 static_assert(std::is_trivially_copyable_v<WindowEvent> && std::is_standard_layout_v<WindowEvent>);
@@ -66,23 +66,23 @@ static_assert(offsetof(WindowEvent, value) == 8);
 static_assert(offsetof(WindowEvent, wake_only) == 16);
 static_assert(offsetof(WindowEvent, gap) == 17);
 
-/// Spikes that one neuron's result can hold in one window. A neuron with a hard refractory period
-/// of at least an eighth of the window cannot exceed it.
+/// The most spikes of one neuron in one window. A neuron with a hard refractory period of at least
+/// an eighth of the window cannot exceed it.
 inline constexpr int max_window_spikes = 8;
 
-/// What a walk leaves behind; after either flag the rest is partial and must not be committed.
+/// The result of a walk. If a flag is set, the rest is partial and must not be committed.
 struct WindowResult {
     State state;                                    ///< at the end of the walk
     std::uint64_t rng = 0;                          ///< raw generator state after the walk
     std::int32_t spike_count = 0;                   ///< 0 to max_window_spikes
     Gap<4> count_gap = {};                          ///< always zero
-    ModelTime spike_times[max_window_spikes] = {};  ///< ns, ascending; 0 behind spike_count
+    ModelTime spike_times[max_window_spikes] = {};  ///< ns, ascending; 0 from spike_count on
     ModelTime next_candidate = no_time;  ///< ns; pending candidate after the window, or no_time
     double next_bound = 0.0;             ///< spikes/s; its bound, negative for a marker
     std::uint32_t updates = 0;           ///< inputs applied plus candidates evaluated
     std::uint32_t candidates = 0;        ///< candidates evaluated
     std::uint32_t accepted = 0;          ///< candidates accepted
-    bool spike_overflow = false;         ///< one spike more than the result holds was accepted
+    bool spike_overflow = false;         ///< a spike past max_window_spikes was accepted
     bool bound_violation = false;        ///< a candidate's hazard exceeded its bound
     Gap<2> gap = {};                     ///< always zero: equal results have equal bytes
 };
@@ -104,7 +104,7 @@ static_assert(offsetof(WindowResult, gap) == 150);
 
 }  // namespace Kernel
 
-/// One neuron's work in one window. Goes to a device byte for byte.
+/// One neuron's work in one window. Copied to a device byte for byte.
 struct WindowWork {
     NodeId neuron = 0;
     Kernel::State state;            ///< at the start of the window
@@ -131,7 +131,7 @@ static_assert(offsetof(WindowWork, drive) == 200);
 
 namespace Kernel {
 
-/// Moves `rng` by one step; a double in [0, 1) with 53 random bits.
+/// Moves `rng` by one step and returns a double in [0, 1) with 53 random bits.
 KELM_HD inline double drawUniform(std::uint64_t& rng) {
     rng = rng + splitmix_increment;
     constexpr double two_m53 = 1.1102230246251565e-16;
@@ -141,8 +141,8 @@ KELM_HD inline double drawUniform(std::uint64_t& rng) {
 
 /// The external drive at `time` ns.
 KELM_HD inline double phaseDriveAt(const PhaseDrive& drive, ModelTime time) {
-    // The integer difference first, converted after: a phase must not lose digits far from zero.
-    // Through unsigned arithmetic, so that no pair of times is undefined.
+    // An integer difference, so that the phase loses no digits at large times. Unsigned arithmetic,
+    // so that it is defined for every pair of times.
     const auto elapsed = static_cast<ModelTime>(static_cast<std::uint64_t>(time) -
                                                 static_cast<std::uint64_t>(drive.origin));
     const double t = static_cast<double>(elapsed);
@@ -158,22 +158,22 @@ KELM_HD inline double phaseDriveAt(const PhaseDrive& drive, ModelTime time) {
 /// A drawn candidate.
 struct Candidate {
     ModelTime time = 0;  ///< ns, if found
-    double bound = 0.0;  ///< spikes/s; stays meaningful where no time was found
+    double bound = 0.0;  ///< spikes/s; valid also if no time was found
     bool found = false;
 };
 
 /// A waiting time of `wait` ns as an integer of at least 1, rounded half up.
 /// `wait` must be below 9e18 and no NaN.
 KELM_HD inline ModelTime waitingTime(double wait) {
-    // Every negative wait rounds below 1, whatever its size; converting it could be out of range.
+    // Every negative wait gives 1, and its conversion could be out of range.
     if (wait < 0) return 1;
     const auto rounded = static_cast<ModelTime>(wait + 0.5);
     return rounded < 1 ? 1 : rounded;
 }
 
-/// Draws the next candidate behind `from`, before `limit`, both in ns, under an external drive of
-/// at most `drive_bound`. Moves `rng` by one step exactly where a bound other than 0 was obtained.
-/// A candidate lies at least 1 ns behind the instant that it is drawn from.
+/// Draws the next candidate after `from` and before `limit`, both in ns, under an external drive of
+/// at most `drive_bound`. Moves `rng` by one step if and only if the bound is not 0. A candidate
+/// comes at least 1 ns after the time from which it is drawn.
 KELM_HD inline Candidate nextCandidate(const State& state, const NeuronModel& model, ModelTime from,
                                        ModelTime limit, double drive_bound, std::uint64_t& rng) {
     Candidate result;
@@ -187,7 +187,7 @@ KELM_HD inline Candidate nextCandidate(const State& state, const NeuronModel& mo
     const double wait = -kernelLog(u) / bound * 1e9;
     if (isNotFinite(wait) || wait >= 9e18) return result;
     const ModelTime step = waitingTime(wait);
-    // start + step >= limit, asked without a sum that could leave the range.
+    // start + step >= limit, without a sum that could overflow.
     if (static_cast<std::uint64_t>(step) >=
         static_cast<std::uint64_t>(limit) - static_cast<std::uint64_t>(start)) {
         return result;
@@ -202,15 +202,15 @@ KELM_HD inline Candidate nextCandidate(const State& state, const Neuron& neuron,
     return nextCandidate(state, NeuronModel(neuron, firing), from, limit, drive_bound, rng);
 }
 
-/// A hazard above its bound by more than this factor is a fault of the bound, not of rounding.
+/// A hazard above its bound by more than this factor is an error of the bound, not of rounding.
 inline constexpr double bound_tolerance = 1.000000000001;
 static_assert(bitsOf(bound_tolerance) == 0x3ff0000000001198);
 
 /// Walks one neuron through the window that ends at `window_end`, exclusive.
 ///
-/// `events`: shape (event_count), ascending by (time, id); only those before window_end are taken.
+/// `events`: shape (event_count), ascending by (time, id). Those from window_end on are not taken.
 /// `horizon`: exclusive end of the run in ns. `pending_time`, `pending_bound`: the candidate from
-/// earlier windows. At one instant an input comes before a candidate, which it replaces.
+/// earlier windows. An input replaces a candidate of the same time.
 ///
 /// Random draws, in order: one for each bound other than 0, and one for each candidate, after its
 /// bound check and before the next bound.
@@ -226,8 +226,8 @@ KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
     ModelTime candidate = pending_time;
     double bound = pending_bound;
 
-    // With phase terms the drive's bound holds for this window alone: draw no further than its end
-    // and leave a marker there, which tells the next window to draw afresh.
+    // With phase terms the drive's bound is valid for this window only. The draw then ends with the
+    // window and leaves a marker there, at which the next window draws again.
     const bool modulated = drive.term_count > 0;
     const ModelTime limit = modulated ? window_end : horizon;
     const auto redraw = [&](ModelTime from) {

@@ -41,11 +41,11 @@ using Lanes::LaneBlock;
 using Lanes::LaneConstants;
 using Lanes::LaneKernels;
 
-/// Times up to here keep half a nanosecond as a double, which the truncation in lanes relies on.
+/// Doubles up to here hold half nanoseconds. The truncation in LaneText.h needs that.
 constexpr ModelTime greatest_horizon = ModelTime{1} << 51;
 
-/// The least adaptation trace for which a minimum of the net drive may be passed over without a
-/// sample (the reasoning stands at the lanes' netDriveBound), or infinity.
+/// The smallest adaptation trace for which a minimum of the net drive needs no sample, or infinity
+/// (see netDriveBound in LaneText.h for the proof).
 double minimumAdaptation(const Kernel::Neuron& neuron, const Kernel::Firing& firing) {
     const ModelTime membrane = neuron.tau_membrane;
     const ModelTime adaptation = neuron.tau_adaptation;
@@ -53,7 +53,7 @@ double minimumAdaptation(const Kernel::Neuron& neuron, const Kernel::Firing& fir
     if (adaptation < membrane + membrane / 16 || adaptation > membrane * 1024) {
         return Kernel::infinity();
     }
-    // Far from where products leave the normal numbers.
+    // All products stay far inside the normal numbers.
     if (!(firing.adaptation_weight >= 0x1p-60 && firing.adaptation_weight <= 0x1p60)) {
         return Kernel::infinity();
     }
@@ -85,7 +85,7 @@ LaneConstants constantsOf(const Kernel::NeuronModel& model, ModelTime horizon) {
     return c;
 }
 
-/// Equality byte for byte, in words that the compiler compares in vectors without a call.
+/// Equality byte for byte. The compiler compares the words in vectors, without a call.
 template <class Record>
 bool equalBytes(const Record& a, const Record& b) {
     static_assert(std::is_trivially_copyable_v<Record> && sizeof(Record) % 8 == 0);
@@ -100,8 +100,9 @@ bool equalBytes(const Record& a, const Record& b) {
     return difference == 0;
 }
 
-/// All fields that a walk adds to, and the gaps. One assignment of a whole record makes a string
-/// instruction of it, which takes longer to start than the rest of an item's loading.
+/// Clears the fields that a walk changes step by step, and the gaps. The assignment of a whole
+/// record would become a string instruction, whose start alone takes longer than the rest of
+/// fill().
 void clear(Kernel::WindowResult& result) {
     result.spike_count = 0;
     clearGap(result.count_gap);
@@ -114,8 +115,8 @@ void clear(Kernel::WindowResult& result) {
     clearGap(result.gap);
 }
 
-/// The walks of one call. A block holds one step of each walk that is under way; a walk that ends
-/// hands its place to the next item at once, so that the vectors stay full until the items run out.
+/// The walks of one call. A block holds one step of each current walk. When a walk ends, the next
+/// item takes its place, so the vectors stay full until the items run out.
 class BlockWalk {
 public:
     BlockWalk(const LaneKernels& kernels, std::span<const WindowWork> work,
@@ -149,7 +150,7 @@ public:
                 if (fill(place)) {
                     ++place;
                 } else {
-                    // The last place moves here; if it lies behind this one, its turn comes next.
+                    // The last walk moves to this place and is treated next, if it is another one.
                     --count_;
                     movePlace(count_, place);
                 }
@@ -158,7 +159,7 @@ public:
     }
 
 private:
-    /// What a walk needs between its steps and the vectors do not.
+    /// What a walk needs beside its place in the block.
     struct Walk {
         std::size_t item;
         const Kernel::WindowEvent* event;  ///< the next one
@@ -166,10 +167,10 @@ private:
         ModelTime candidate;
         double bound;
         bool at_candidate;  ///< the step is the candidate's, not an input's
-        bool given_up;      ///< left to the ordinary walk
+        bool given_up;      ///< left to the scalar walk
     };
 
-    void walkOrdinarily(std::size_t item) {
+    void walkScalar(std::size_t item) {
         results_[item] = Kernel::processWindow(work_[item], events_, window_end_, horizon_);
     }
 
@@ -181,14 +182,14 @@ private:
                equalBytes(item.firing, model_.firing);
     }
 
-    /// Puts the next item that has a step for the vectors into `place`; deals with those that have
-    /// none on the way. False where no item is left.
+    /// Puts the next item that has a step for the vectors into `place`. Items before it, which have
+    /// none, are finished. False if no item is left.
     bool fill(int place) {
         while (next_item_ < work_.size()) {
             const std::size_t index = next_item_++;
             const WindowWork& item = work_[index];
             if (!suitsLanes(item)) {
-                walkOrdinarily(index);
+                walkScalar(index);
                 continue;
             }
             clear(results_[index]);
@@ -209,8 +210,8 @@ private:
         return false;
     }
 
-    /// Sets the step that comes next at `place`. False where the walk has none left, or none that
-    /// the vectors may take.
+    /// Sets the next step at `place`. False if the walk has no step left, or if the vectors may not
+    /// compute it.
     bool findStep(int place) {
         Walk& walk = walks_[place];
         if (walk.given_up) return false;
@@ -219,7 +220,7 @@ private:
             const ModelTime event_time = has_event ? walk.event->time : window_end_;
             walk.at_candidate = walk.candidate >= 0 && walk.candidate < event_time;
             if (walk.at_candidate) {
-                // A marker, or a negative bound that bad parameters have made look like one.
+                // A marker, or a negative bound from bad parameters.
                 if (walk.bound < 0) return giveUp(walk);
                 setStep(place, walk.candidate, 0.0);
                 return true;
@@ -248,8 +249,8 @@ private:
         block_.is_input[place] = walk.at_candidate ? 0 : -1;
     }
 
-    /// The kernel's treatment of a due candidate, once the traces stand at its instant: the hazard
-    /// asks for no others. Few steps are candidates, and they go their own ways.
+    /// Accepts or rejects a due candidate, as the kernel does. The traces are at its time already.
+    /// Not in vectors, because few steps are candidates.
     void evaluateCandidate(int place) {
         Walk& walk = walks_[place];
         Kernel::WindowResult& result = results_[walk.item];
@@ -261,7 +262,7 @@ private:
             const double drive = (block_.membrane[place] - weighted) + 0.0;
             hazard = Kernel::hazardOf(model_, drive - model_.firing.threshold);
         }
-        // After a fault the result holds the state before it: the ordinary walk knows it.
+        // The result of a fault holds the state before the candidate: the scalar walk computes it.
         if (hazard > walk.bound * Kernel::bound_tolerance) {
             giveUp(walk);
             return;
@@ -283,12 +284,12 @@ private:
         block_.refractory[place] = static_cast<double>(block_.refractory_until[place]);
     }
 
-    /// Kernel::nextCandidate from the waiting time on.
+    /// The part of Kernel::nextCandidate after the waiting time.
     void takeCandidate(int place) {
         Walk& walk = walks_[place];
         walk.bound = block_.bound[place];
         walk.candidate = no_time;
-        // Which of two NaNs an operation passes on is not fixed, so vectors may choose otherwise.
+        // Of two NaN operands, vectors may return another one than the scalar operation does.
         if (Kernel::isNan(block_.membrane[place] + block_.adaptation[place] + walk.bound)) {
             giveUp(walk);
             return;
@@ -308,7 +309,7 @@ private:
     void finish(int place) {
         const Walk& walk = walks_[place];
         if (walk.given_up) {
-            walkOrdinarily(walk.item);
+            walkScalar(walk.item);
             return;
         }
         Kernel::WindowResult& result = results_[walk.item];
@@ -322,7 +323,7 @@ private:
         result.next_bound = walk.bound;
     }
 
-    /// What a walk has between its last step and the next, which is set anew.
+    /// Copies everything but the step, which is set afterwards.
     void movePlace(int from, int to) {
         walks_[to] = walks_[from];
         block_.membrane[to] = block_.membrane[from];
@@ -346,12 +347,12 @@ private:
     Kernel::WindowResult* const results_;
     const LaneConstants constants_;
     std::size_t next_item_ = 0;
-    int count_ = 0;         ///< places in use, from 0 on
-    LaneBlock block_ = {};  // places that were never used are computed as well
+    int count_ = 0;         ///< places in use: 0 to count_ - 1
+    LaneBlock block_ = {};  ///< zeroed, because unused places are computed as well
     Walk walks_[Lanes::block_walks];
 };
 
-/// Whether the vectors can serve a call at all. A rate of 0 ends a draw before the generator moves.
+/// Whether the vectors can compute a call. With a rate of 0 a draw does not move the generator.
 bool lanesCanServe(const Kernel::Firing& firing, ModelTime horizon) {
     return firing.base_rate != 0 && firing.rate_scale != 0 && horizon >= 0 &&
            horizon <= greatest_horizon;

@@ -11,25 +11,25 @@ namespace Lanes {
 struct LaneKernels;
 }
 
-/// The kernel over several neurons at once, one in each lane of the processor's vectors, on the
-/// calling thread. Each lane carries out the operations of the kernel in their order, so results
-/// are those of the CPU backend to the bit.
+/// Computes several neurons at once on the calling thread, one in each lane of the processor's
+/// vectors. Each lane performs the operations of the kernel in their order, so results have the
+/// bits of the CPU backend.
 ///
-/// Items with phase terms, with other parameters than the call's, or with values that no model
-/// should hold take the ordinary walk, and so does everything on a processor without the vectors.
-/// It holds no state between calls, so one object may serve any number of engines, one after the
-/// other. Floating-point exceptions must be masked, as they are when a program starts: a lane also
-/// computes what it drops.
+/// The scalar walk computes items with phase terms, with other parameters than the call's, or with
+/// values that no sound model has, and all items on a processor without these vectors. The backend
+/// holds no state between calls, so it may serve any number of engines, one after the other.
+/// Floating-point exceptions must be masked, as they are when a program starts, because a lane also
+/// computes values that are then dropped.
 class LaneCpuBackend final : public IWindowBackend {
 public:
-    /// Takes the widest vectors that this build and this processor have.
+    /// Uses the widest vectors that this build and this processor have.
     LaneCpuBackend();
-    /// Takes the vectors of one instruction set. `kernels` must be available on this processor and
+    /// Uses the vectors of one instruction set. `kernels` must be available on this processor and
     /// outlive the backend.
     explicit LaneCpuBackend(const Lanes::LaneKernels& kernels) : kernels_(&kernels) {}
 
     const char* name() override { return "cpu-lanes"; }
-    /// The instruction set in use; "none" where every item takes the ordinary walk.
+    /// The instruction set in use; "none" if all items take the scalar walk.
     const char* instructionSet() const;
     void processWindow(const std::span<const WindowWork>& work,
                        const std::span<const Kernel::WindowEvent>& events, ModelTime window_end,
@@ -40,10 +40,10 @@ public:
     std::size_t partItems() const override { return part_items; }
 
 private:
-    /// Enough for the vectors to be full most of the time, and little enough for the second cache.
+    /// Enough to keep the vectors full most of the time, and few enough for the second cache.
     static constexpr std::size_t part_items = 256;
 
-    const Lanes::LaneKernels* kernels_;  ///< null where there are none
+    const Lanes::LaneKernels* kernels_;  ///< null if there are none
 };
 
 }  // namespace Lumenar::Core::Kelm

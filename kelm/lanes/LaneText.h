@@ -1,11 +1,11 @@
-// The kernel's formulas over vectors of doubles: the text of one instruction set, included once by
-// its source file, which defines KELM_LANE_COUNT and KELM_LANE_KERNELS (the table's name) and is
-// compiled for that set.
+// The kernel's formulas over vectors of doubles. A source file for one instruction set defines
+// KELM_LANE_COUNT and KELM_LANE_KERNELS (the table's name), includes this file once and is compiled
+// for that set.
 //
-// Each lane carries out the operations of Kernel::kernelExp, kernelLog, advanceTraces and
-// nextCandidate in their order, and so ends in their bits. A branch of theirs becomes a selection:
-// both sides are computed, and what a lane does not take is dropped. Everything has internal
-// linkage (see LaneKernels.h), and of the kernel's own headers only constants are used.
+// Each lane performs the operations of Kernel::kernelExp, kernelLog, advanceTraces and
+// nextCandidate in their order and so computes their bits. A branch becomes a selection: both sides
+// are computed, and a lane drops one. Everything has internal linkage (see LaneKernels.h), and only
+// constants of the kernel's headers are used.
 
 #include <immintrin.h>
 
@@ -28,7 +28,7 @@ typedef double Doubles __attribute__((vector_size(lane_count * 8)));
 typedef std::int64_t Integers __attribute__((vector_size(lane_count * 8)));
 typedef std::uint64_t Words __attribute__((vector_size(lane_count * 8)));
 typedef std::int32_t Counts __attribute__((vector_size(lane_count * 4)));
-/// All bits of a lane set where a comparison holds, none where it does not.
+/// A lane has all bits set if a comparison holds, else none.
 using Mask = Integers;
 
 template <class Vector, class Element>
@@ -46,7 +46,7 @@ KELM_LANE_INLINE Doubles fromBits(Words bits) { return reinterpret_cast<Doubles>
 KELM_LANE_INLINE Doubles magnitude(Doubles x) {
     return fromBits(bitsOf(x) & std::uint64_t{0x7fffffffffffffff});
 }
-/// The same value in every lane. Not for -0.0, which a sum with zero would lose.
+/// The same value in every lane. Not for -0.0, which the sum with zero turns into 0.0.
 KELM_LANE_INLINE Doubles all(double x) { return Doubles{} + x; }
 KELM_LANE_INLINE Doubles select(Mask mask, Doubles a, Doubles b) { return mask ? a : b; }
 KELM_LANE_INLINE Integers select(Mask mask, Integers a, Integers b) { return mask ? a : b; }
@@ -64,9 +64,9 @@ constexpr double infinity = __builtin_inf();
 /// Kernel::kernelExp.
 ///
 /// Its three reductions are one here. With k = 0 the general one gives hi = x and lo = 0, and the
-/// general ending then rounds as the shorter one does, whose quotient and difference have merely
-/// the other sign. Arguments beyond the ends are moved to where the general scaling ends in
-/// infinity and in 0 by itself.
+/// general formula then rounds as the shorter one does, whose quotient and difference only have the
+/// other sign. Arguments outside the range are limited to values that the general scaling turns
+/// into infinity and 0.
 KELM_LANE_INLINE Doubles expOf(Doubles argument) {
     const Mask is_nan = argument != argument;
     Doubles x = select(is_nan, Doubles{}, argument);
@@ -77,7 +77,7 @@ KELM_LANE_INLINE Doubles expOf(Doubles argument) {
     const Doubles size = magnitude(x);
     const Doubles half = fromBits(sign | std::uint64_t{0x3fe0000000000000});
     const Doubles one = fromBits(sign | std::uint64_t{0x3ff0000000000000});
-    // Truncates, as a conversion does; a magnitude is ordered as its pattern is.
+    // The conversion truncates. Magnitudes have the order of their bit patterns.
     Doubles k =
         __builtin_convertvector(__builtin_convertvector(x * inv_ln2 + half, Counts), Doubles);
     constexpr double one_below = __builtin_bit_cast(double, std::uint64_t{0x3ff0a2b200000000});
@@ -114,7 +114,7 @@ KELM_LANE_INLINE Doubles expOf(Doubles argument) {
     return select(is_nan, argument, y);
 }
 
-/// Kernel::kernelLog. With k = 0 its longer endings round as the shorter ones do, for the same
+/// Kernel::kernelLog. With k = 0 its longer formulas round as the shorter ones do, for the same
 /// reason as in expOf.
 KELM_LANE_INLINE Doubles logOf(Doubles x) {
     const Mask subnormal = x < 0x1p-1022;
@@ -165,7 +165,7 @@ struct TraceLanes {
     Doubles adaptation;
 };
 
-/// Kernel::tracesAfter. Vectors of neurons that have not spiked yet save the second exponential.
+/// Kernel::tracesAfter. Neurons without an adaptation trace save the second exponential.
 KELM_LANE_INLINE TraceLanes tracesAfter(TraceLanes traces, Doubles interval, bool adapted,
                                         const LaneConstants& constants) {
     return {constants.non_leaky ? traces.membrane
@@ -188,17 +188,16 @@ KELM_LANE_INLINE Doubles larger(Doubles a, Doubles b) { return select(a > b, a, 
 
 /// Kernel::netDriveBound. `last`, `start`: ns, rounded.
 ///
-/// Where both terms are positive (as a positive weight, adaptation and ratio make them) and the
-/// membrane decays faster, the interior extremum is a
-/// minimum, and what is sampled there cannot exceed the drive at the start. This holds of the
-/// rounded values too under the conditions of minimumAdaptation (LaneCpuBackend.cpp) and with
-/// x := ratio - 1 of at least 1/64. Let W be the weighted adaptation, S the sum of both terms at
-/// the start, k1 and k2 the rates. Up to half the way to the minimum the slope is at least W * k2 *
-/// exp(-k2 * t) * (sqrt(ratio) - 1), so the drive falls by more than 0.09 * min(1, k2 / (k1 - k2))
-/// * x^2 * W for x up to 1, and in proportion to S beyond: with k2 at least k1 / 1024 by more than
-/// 7e-9 * S. Against this stand the rounding of the samples, below 1e-14 * S, their distance from
-/// the minimum of up to 1.5 ns, below 1e-10 * S, and the clipping of the adaptation, below its
-/// weight times trace_epsilon.
+/// If both terms are positive (which follows from a positive weight, adaptation and ratio) and the
+/// membrane decays faster, the interior extremum is a minimum, and a sample there cannot exceed the
+/// drive at the start. This is true for the rounded values too under the conditions of
+/// minimumAdaptation (LaneCpuBackend.cpp) and for x := ratio - 1 of at least 1/64. Let W be the
+/// weighted adaptation, S the sum of both terms at the start, k1 and k2 the rates. Up to half the
+/// way to the minimum the slope is at least W * k2 * exp(-k2 * t) * (sqrt(ratio) - 1). So the drive
+/// falls by more than 0.09 * min(1, k2 / (k1 - k2)) * x^2 * W for x up to 1, and in proportion to S
+/// for larger x: with k2 at least k1 / 1024 by more than 7e-9 * S. The errors are smaller: the
+/// rounding of the samples below 1e-14 * S, their distance from the minimum of up to 1.5 ns below
+/// 1e-10 * S, and the clipping of the adaptation below its weight times trace_epsilon.
 KELM_LANE_INLINE Doubles netDriveBound(TraceLanes state, Doubles last, Doubles start, bool adapted,
                                        const LaneConstants& constants) {
     const Doubles to = all(constants.horizon_rounded);
@@ -226,7 +225,7 @@ KELM_LANE_INLINE Doubles netDriveBound(TraceLanes state, Doubles last, Doubles s
     const Doubles extremum = start + shift;
     inside = inside & (shift > 0.0) & (shift < infinity) & (extremum > start) & (extremum < to);
     if (!any(inside)) return bound;
-    // Truncation of a number between 0 and 2^51: to the nearest integer, and back where that is up.
+    // Truncation of a number between 0 and 2^51: to the nearest integer, less 1 if that is larger.
     const Doubles nearest = (extremum + 0x1p52) - 0x1p52;
     const Doubles before = select(nearest > extremum, nearest - 1.0, nearest);
     Doubles sampled = larger(bound, netDriveAfter(state, before - last, adapted, constants));
@@ -252,13 +251,12 @@ void advance(LaneBlock& block, int count, const LaneConstants& constants) {
     }
 }
 
-/// Kernel::drawUniform of a state that has moved.
+/// Kernel::drawUniform after the step of the state.
 KELM_LANE_INLINE Doubles uniformOf(Words z) {
     z = (z ^ (z >> 30)) * std::uint64_t{0xbf58476d1ce4e5b9};
     z = (z ^ (z >> 27)) * std::uint64_t{0x94d049bb133111eb};
     z = (z ^ (z >> 31)) >> 11;
-    // 21 and 32 bits, each behind a power of two that it cannot reach; differences and sum are
-    // exact.
+    // 21 and 32 bits, each as the low bits of a larger power of two. Differences and sum are exact.
     const Doubles high = fromBits((z >> 32) | std::uint64_t{0x4530000000000000}) - 0x1p84;
     const Doubles low =
         fromBits((z & std::uint64_t{0xffffffff}) | std::uint64_t{0x4330000000000000}) - 0x1p52;
@@ -279,7 +277,7 @@ void redraw(LaneBlock& block, int count, const LaneConstants& constants) {
         }
         const Doubles drive = netDriveBound(state, load<Doubles>(block.last_update + i),
                                             start_rounded, any(state.adaptation != 0.0), constants);
-        // The zero is the bound of an absent external drive: it takes the sign from a -0.0.
+        // The zero is the bound of the absent external drive. It turns -0.0 into 0.0.
         const Doubles x = ((constants.margin + drive) + 0.0) - constants.threshold;
         const Doubles exponent = x * constants.gain;
         const Doubles bound =

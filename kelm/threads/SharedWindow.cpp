@@ -6,12 +6,12 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// Pieces of a range, if they are then neither too large nor too small: items differ in cost, and
+/// Pieces of a range within the limits of pieceSize. Several, because items differ in cost and
 /// workers come late.
 constexpr std::size_t pieces_per_range = 4;
 
-/// What suits `pieces` fills its vectors, and the drawing of a piece is lost in half of that. No
-/// larger: a thread that comes last to a window lets the others wait for a piece.
+/// The piece size that the backend prefers fills its vectors; half of it still hides the cost of
+/// taking a piece. No larger, because at the end of a window the threads wait for the last piece.
 std::size_t pieceSize(const IWindowBackend& pieces, std::size_t range_items) {
     const std::size_t most = pieces.partItems();
     return std::clamp(range_items / pieces_per_range, most / 2, most);
@@ -32,7 +32,7 @@ SharedWindow::SharedWindow(const Task& task, IWindowBackend& pieces, std::size_t
         first += size + (i < longer ? 1 : 0);
         ranges_[i].end = first;
     }
-    // A pool of threads orders all this too; said here, it holds whatever the pool's is made of.
+    // The thread pool orders these writes too. With this store the order does not depend on it.
     returned_.store(0, std::memory_order_release);
 }
 
@@ -45,7 +45,7 @@ void SharedWindow::drain(std::size_t own) {
 void SharedWindow::finish() const { (void)returned_.load(std::memory_order_acquire); }
 
 void SharedWindow::drainRange(Range& range) {
-    // Looked at before it is drawn from, so that late helpers leave the line where it is.
+    // A read before the write, so that late threads do not take the cache line away.
     while (range.next.load(std::memory_order_relaxed) < range.end) {
         const std::size_t first = range.next.fetch_add(piece_, std::memory_order_relaxed);
         if (first >= range.end) return;

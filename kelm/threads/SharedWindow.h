@@ -10,18 +10,17 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// One window that several threads compute together, for the length of one call.
+/// One window that several threads compute together. It exists for one call of a backend.
 ///
-/// It is cut into ranges, which threads draw pieces from. Each thread has a range of its own and
-/// walks it in order: pieces taken by turns from all over the window would break the streams that
-/// a processor reads ahead. A thread that is done helps with the other ranges, so nobody waits for
-/// one that came late or not at all.
+/// The window is divided into ranges, and threads take pieces of the ranges. Each thread has its
+/// own range and takes its pieces in order, so that the processor can read ahead. A thread that has
+/// finished its range continues with the others, so a late or missing thread delays no other.
 ///
-/// drain() may run on any number of threads at once. What the maker of the object wrote before is
-/// seen by each of them, and what they wrote by whoever calls finish() after they have returned.
+/// drain() may run on any number of threads at once. Each of them sees the writes before the
+/// constructor, and a thread that calls finish() after they have returned sees their writes.
 class SharedWindow {
 public:
-    /// What IWindowBackend::processWindow was given. The arrays are borrowed.
+    /// The arguments of IWindowBackend::processWindow. The arrays are borrowed.
     struct Task {
         std::span<const WindowWork> work;
         std::span<const Kernel::WindowEvent> events;
@@ -32,25 +31,25 @@ public:
         std::span<Kernel::WindowResult> results;
     };
 
-    /// For at most `threads` threads, and at least one item. `pieces` computes a piece, on several
-    /// threads at once.
+    /// For at most `threads` threads; the task must have an item. `pieces` computes the pieces, on
+    /// several threads at once.
     SharedWindow(const Task& task, IWindowBackend& pieces, std::size_t threads);
 
-    /// Computes what is left of the range of thread `own`, counted from 0, then of the others.
+    /// Computes the rest of range `own`, which counts from 0, then of the other ranges.
     void drain(std::size_t own);
 
-    /// To be called once every drain() has returned.
+    /// Call after every drain() has returned.
     void finish() const;
 
 private:
-    /// It fills a cache line, so that threads meet in one only where they draw from one range.
-    /// Results are not kept apart: neighbours share one line a piece, of about 150.
+    /// A cache line each, so that only threads in the same range share a line. Results are not
+    /// aligned: two neighbouring pieces share one line of about 150.
     struct alignas(64) Range {
         std::atomic<std::size_t> next = 0;
         std::size_t end = 0;
     };
 
-    /// More threads than that share ranges.
+    /// More threads share ranges.
     static constexpr std::size_t max_ranges = 64;
 
     void drainRange(Range& range);

@@ -20,25 +20,25 @@ namespace {
 
 constexpr std::size_t part_items_per_thread = 512;
 
-std::size_t threadCount(std::uint64_t asked) {
-    if (asked > ThreadedCpuBackend::max_threads) {
+std::size_t threadCount(std::uint64_t wanted) {
+    if (wanted > ThreadedCpuBackend::max_threads) {
         throw InvalidThreadCount(
-            InvalidThreadCount::tooMany(asked, ThreadedCpuBackend::max_threads));
+            InvalidThreadCount::tooMany(wanted, ThreadedCpuBackend::max_threads));
     }
-    // oneTBB would lend no more than that either, and complain on the error stream.
-    const std::size_t lent = std::max<std::size_t>(
+    // More threads than oneTBB allows would only give a warning on standard error.
+    const std::size_t allowed = std::max<std::size_t>(
         tbb::global_control::active_value(tbb::global_control::max_allowed_parallelism), 1);
-    return asked == 0 ? lent : std::min(static_cast<std::size_t>(asked), lent);
+    return wanted == 0 ? allowed : std::min(static_cast<std::size_t>(wanted), allowed);
 }
 
-/// Not inlined, so that a window of few items does not pay for the stack that this takes.
+/// Not inlined, so that a window of few items does not pay for its stack frame.
 [[gnu::noinline]] void share(const SharedWindow::Task& task, IWindowBackend& pieces,
                              std::size_t threads, tbb::task_arena& arena) {
     SharedWindow window(task, pieces, threads);
     try {
-        // Isolated: no cancelled task group around the call may cut the window short. The calling
-        // thread's floating-point environment, which the engine has tested, goes along: workers
-        // would otherwise compute in the one that the arena was made in.
+        // Isolated: the cancellation of an outer task group must not end the window early. Workers
+        // get the calling thread's floating-point environment, which the engine has checked,
+        // instead of the one in which the arena was made.
         tbb::task_group_context context(tbb::task_group_context::isolated,
                                         tbb::task_group_context::fp_settings);
         arena.execute([&] {
@@ -47,8 +47,8 @@ std::size_t threadCount(std::uint64_t asked) {
                 [&](std::size_t own) { window.drain(own); }, tbb::simple_partitioner(), context);
         });
     } catch (...) {
-        // Pieces do not throw: oneTBB had no memory for a task. Those that had begun have returned,
-        // and what they left undrawn is drawn here.
+        // Pieces do not throw, so oneTBB had no memory for a task. The tasks that had begun have
+        // returned. This thread computes the rest.
         window.drain(0);
     }
     window.finish();
@@ -65,7 +65,7 @@ struct ThreadedCpuBackend::Arena {
 ThreadedCpuBackend::ThreadedCpuBackend(std::unique_ptr<IWindowBackend>&& pieces,
                                        std::uint64_t threads, std::size_t threshold)
     : pieces_(std::move(pieces)),
-      ordinary_(dynamic_cast<CpuWindowBackend*>(pieces_.get()) != nullptr),
+      scalar_(dynamic_cast<CpuWindowBackend*>(pieces_.get()) != nullptr),
       threads_(threadCount(threads)),
       threshold_(threshold),
       arena_(threads_ > 1 ? std::make_unique<Arena>(threads_) : nullptr) {}
@@ -85,8 +85,8 @@ void ThreadedCpuBackend::processWindow(const std::span<const WindowWork>& work,
                                        const Kernel::Neuron& neuron, const Kernel::Firing& firing,
                                        const std::span<Kernel::WindowResult>& results) {
     if (arena_ == nullptr || work.size() < threshold_ || work.size() < 2) {
-        // A second call through a table costs a window of one item a tenth of its time.
-        if (ordinary_) {
+        // A virtual call would cost a window of one item a tenth of its time.
+        if (scalar_) {
             processItems(work, events, window_end, horizon, results);
         } else {
             pieces_->processWindow(work, events, window_end, horizon, neuron, firing, results);

@@ -22,7 +22,7 @@ struct Image {
 
 using Read = std::function<bool(BlobReader&)>;
 
-/// Whether a read says yes and gives these bytes.
+/// A read that must succeed and give these bytes.
 template <class Value>
 Read gives(bool (BlobReader::*read)(Value&), Value expected) {
     return [=](BlobReader& in) {
@@ -32,9 +32,9 @@ Read gives(bool (BlobReader::*read)(Value&), Value expected) {
 }
 
 TEST(Blob, WritesEachFieldLittleEndianWithItsWidthAndReadsWhatFits) {
-    const Blob expected{'R',  'N',  'D',  'C',  'T',  'X',  '1',  0,  // a tag, filled up with zero
-                        0xa1, 1,    0,                                // bytes and flags
-                        0x04, 0x03, 0x02, 0x01,                       // 32 bits
+    const Blob expected{'R',  'N',  'D',  'C',  'T',  'X',  '1',  0,     // a tag, padded with zero
+                        0xa1, 1,    0,                                   // bytes and flags
+                        0x04, 0x03, 0x02, 0x01,                          // 32 bits
                         0x18, 0x17, 0x16, 0x15, 0x14, 0x13, 0x12, 0x11,  // 64 bits
                         0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,  // two's complement
                         0,    0,    0x80, 0x3f,                          // 1.0 in single precision
@@ -83,7 +83,7 @@ TEST(Blob, WritesEachFieldLittleEndianWithItsWidthAndReadsWhatFits) {
             EXPECT_EQ(in.remaining(), length - (end <= length ? end : begin));
             EXPECT_EQ(in.atEnd(), in.remaining() == 0);
             begin = end;
-            if (end > length) break;  // a read that does not fit says no and moves nothing
+            if (end > length) break;  // a read that does not fit fails and moves nothing
         }
     }
 }
@@ -102,29 +102,29 @@ TEST(Blob, RefusesFlagsAndTagsThatDifferInAnyBit) {
 
 TEST(Blob, ACountIsAcceptedOnlyIfItsItemsCanFollow) {
     constexpr std::uint64_t huge = std::numeric_limits<std::uint64_t>::max();
-    // A count, the bytes of an item and those behind the count. 2^61 times 8 would wrap to 0.
+    // A count, the bytes of an item and those after the count. 2^61 times 8 would wrap to 0.
     using Case = std::tuple<std::uint64_t, std::size_t, std::size_t, bool>;
-    for (const auto& [written, item_bytes, behind, accepted] :
+    for (const auto& [written, item_bytes, after, accepted] :
          {Case{0, 8, 0, true}, Case{3, 8, 24, true}, Case{3, 8, 30, true}, Case{3, 8, 23, false},
           Case{huge / 8 + 1, 8, 64, false}, Case{huge, 1, 64, false}}) {
         SCOPED_TRACE(written);
         Blob blob;
         appendU64(blob, written);
-        blob.resize(8 + behind);
+        blob.resize(8 + after);
         BlobReader in(blob);
         std::uint64_t count = 0;
         EXPECT_EQ(in.readCount(item_bytes, count), accepted);
-        EXPECT_EQ(in.remaining(), behind + (accepted ? 0 : 8));
+        EXPECT_EQ(in.remaining(), after + (accepted ? 0 : 8));
         EXPECT_TRUE(!accepted || count == written);
         BlobView view;
         EXPECT_FALSE(in.readView(huge, view));
         BlobReader nested(blob);
-        EXPECT_EQ(nested.readNested(view), written <= behind);
-        EXPECT_EQ(nested.remaining(), written <= behind ? behind - written : behind + 8);
+        EXPECT_EQ(nested.readNested(view), written <= after);
+        EXPECT_EQ(nested.remaining(), written <= after ? after - written : after + 8);
         BlobReader sequence(blob);
         std::vector<std::uint64_t> records;
-        EXPECT_EQ(sequence.readSequence(records), written <= behind / 8);
-        EXPECT_EQ(sequence.remaining(), behind + 8 - (written <= behind / 8 ? 8 + 8 * written : 0));
+        EXPECT_EQ(sequence.readSequence(records), written <= after / 8);
+        EXPECT_EQ(sequence.remaining(), after + 8 - (written <= after / 8 ? 8 + 8 * written : 0));
     }
 }
 

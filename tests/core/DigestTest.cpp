@@ -10,7 +10,7 @@
 
 namespace Lumenar::Core::Kelm {
 
-// The values of texts were computed with scripts/reference/kernel.py's digest.
+// The values of texts were computed with the digest of scripts/reference/kernel.py.
 TEST(Digest, GivesTheValuesOfAnotherImplementation) {
     static_assert(digest("") == 1469598103934665603u);
     EXPECT_EQ(digest(std::vector<std::uint8_t>{}), 1469598103934665603u);

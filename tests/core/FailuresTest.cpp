@@ -12,9 +12,9 @@ constexpr bool are_all = (std::is_base_of_v<Base, Failures> && ...);
 template <class Base, class... Failures>
 constexpr bool are_none = !(std::is_base_of_v<Base, Failures> || ...);
 
-// std::invalid_argument is a std::logic_error too, so a handler of refused values would swallow a
-// broken invariant that was one.
-TEST(Failures, AreSeenByACatchOfTheirKind) {
+// std::invalid_argument is a std::logic_error too, so a broken invariant must not be one: a handler
+// of refused values would catch it.
+TEST(Failures, AreCaughtByTheirKind) {
     using Argument = std::invalid_argument;
     EXPECT_TRUE(
         (are_all<Argument, InvalidSynapse, InvalidLookahead, InvalidShardLayout, InvalidThreadCount,

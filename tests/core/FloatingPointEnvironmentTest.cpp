@@ -11,8 +11,8 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// What the check says once `change` has been made; empty where it passes. The thread's
-/// environment is put back, flush bits included.
+/// The text of the check after `change`; empty if it passes. The thread's environment is restored,
+/// with its flush bits.
 template <class Change>
 std::string complaintAfter(const Change& change) {
     std::fenv_t saved;

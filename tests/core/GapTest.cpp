@@ -11,7 +11,7 @@
 #include "kelm/runtime/PhaseSample.h"
 #include "kelm/runtime/WeightChange.h"
 
-// Checked by the compiler alone.
+// The compiler makes these checks.
 
 namespace Lumenar::Core::Kelm {
 
@@ -31,8 +31,8 @@ constexpr bool takesValues(std::index_sequence<place...>) {
     return Takes<Record, decltype((void)place, AnyValue())...>;
 }
 
-/// Whether a list of values in braces fills a record up to its first gap, which it has behind
-/// `count` values, and no further.
+/// Whether a record takes a list of `count` values in braces, up to its first gap, but no longer
+/// one.
 template <class Record, std::size_t count>
 constexpr bool endsAtGap() {
     return takesValues<Record>(std::make_index_sequence<count>()) &&

@@ -21,7 +21,7 @@ using Values = std::vector<std::uint64_t>;
 
 constexpr std::uint64_t increment = 0x9e3779b97f4a7c15;
 
-/// One stream as a blob holds it.
+/// A stream of a blob.
 struct StreamImage {
     std::string name;
     std::uint64_t index = 0;
@@ -63,7 +63,7 @@ const Values published{6457827717110365317u, 3203168211198807973u, 9817491932198
 /// The raw state after `steps` of those outputs.
 std::uint64_t stepped(std::uint64_t steps) { return start + steps * increment; }
 
-TEST(RandomContext, AStreamStartsWhereItsSeedNameAndIndexSay) {
+TEST(RandomContext, TheStartOfAStreamFollowsFromSeedNameAndIndex) {
     EXPECT_EQ(RandomContext::deriveStreamState(0, "spontaneous", 0), 0x72c24b5610603cb3u);
     EXPECT_EQ(RandomContext::deriveStreamState(0, "spontaneous", 1), 0x48d06105aaa201dfu);
     EXPECT_EQ(RandomContext::deriveStreamState(1, "spontaneous", 0), 0x3c9c77c8b045dfa4u);
@@ -73,7 +73,7 @@ TEST(RandomContext, AStreamStartsWhereItsSeedNameAndIndexSay) {
     EXPECT_EQ(context.rawState(context.family("spontaneous"), 0), 0x72c24b5610603cb3u);
 }
 
-TEST(RandomContext, StepsAsPublishedAndLeavesATapeAloneWhateverTheMode) {
+TEST(RandomContext, StepsAsPublishedAndKeepsTheTapeInEveryMode) {
     const Values tape{17, 18};
     for (std::uint8_t mode = 0; mode <= 2; ++mode) {
         RandomContext context = contextOf({{"learning", 3, start, mode, 1, tape}});
@@ -87,7 +87,7 @@ TEST(RandomContext, StepsAsPublishedAndLeavesATapeAloneWhateverTheMode) {
         EXPECT_EQ(stream.cursor(), 1u);
         EXPECT_EQ(context.snapshot(), blobOf(9182, {{"learning", 3, stepped(5), mode, 1, tape}}));
         if (mode != 0) continue;
-        context.advanceTo("learning", 3, stepped(7));  // past both values of its stopped tape
+        context.advanceTo("learning", 3, stepped(7));  // past both values of the tape
         EXPECT_EQ(context.snapshot(), blobOf(9182, {{"learning", 3, stepped(7), 0, 1, tape}}));
     }
 }
@@ -143,7 +143,7 @@ TEST(RandomContext, RecordsTheValuesItIsAdvancedOverAndChecksThemInAReplay) {
         const auto goOn = [&] { again.advanceTo("learning", index, stepped(7)); };
         const char* const exhausted = "RandomContext replay exhausted: learning";
         expectThrows<ReplayExhausted>(goOn, exhausted);
-        // The step whose value the tape lacks has been taken.
+        // The step past the end of the tape was taken.
         EXPECT_EQ(again.snapshot(),
                   blobOf(9182, {{"learning", index, stepped(6), 2, 5, published}}));
         // A stream may be replayed against its own tape.
@@ -160,7 +160,7 @@ TEST(RandomContext, RecordsTheValuesItIsAdvancedOverAndChecksThemInAReplay) {
     }
 }
 
-TEST(RandomContext, AStoredReplayGoesOnWhereItStoodAndStopsAtAValueThatDiffers) {
+TEST(RandomContext, AStoredReplayContinuesAndStopsAtAValueThatDiffers) {
     Values tape = published;
     tape[2] ^= 1;
     RandomContext context = contextOf({{"learning", 4, stepped(1), 2, 1, tape}});
@@ -168,7 +168,7 @@ TEST(RandomContext, AStoredReplayGoesOnWhereItStoodAndStopsAtAValueThatDiffers) 
     expectThrows<std::runtime_error>(
         [&] { context.advanceTo("learning", 4, stepped(5)); },
         "RandomContext replay differs from generated stream: learning");
-    // What was taken before the failure stands: three steps, three values of the tape.
+    // Three steps and three values of the tape before the failure are not undone.
     EXPECT_EQ(context.snapshot(), blobOf(9182, {{"learning", 4, stepped(3), 2, 3, tape}}));
 }
 
@@ -181,12 +181,12 @@ TEST(RandomContext, ASnapshotIsSortedWhateverTheOrderOfCreation) {
     }
     std::vector<StreamImage> order = sorted;
     for (std::size_t round = 0; round < order.size(); ++round) {
-        // Every stream is the first and the last one once.
+        // Each stream is the first and the last one once.
         std::rotate(order.begin(), order.begin() + 3, order.end());
         RandomContext context(9182);
         for (const StreamImage& image : order) context.rawState(image.name, image.index);
         ASSERT_EQ(context.snapshot(), blobOf(9182, sorted)) << "round " << round;
-        // A blob need not be sorted to be read; what comes back is.
+        // A blob in any order is read, and the snapshot of the result is sorted.
         ASSERT_EQ(contextOf(order).snapshot(), blobOf(9182, sorted)) << "round " << round;
     }
 }
@@ -194,7 +194,7 @@ TEST(RandomContext, ASnapshotIsSortedWhateverTheOrderOfCreation) {
 TEST(RandomContext, KeepsStreamsThatWereCreatedInAnyOrderOrOnlyRecorded) {
     RandomContext context(9182);
     std::vector<StreamImage> expected;
-    for (const std::uint64_t index : {3U, 1U, 2U, 0U}) {  // the last one closes the gap
+    for (const std::uint64_t index : {3U, 1U, 2U, 0U}) {  // 3 is created before 2
         const std::uint64_t state = context.rawState("a", index) + (index + 1) * increment;
         context.advanceTo("a", index, state);
         expected.insert(expected.begin(), {"a", index, state});
@@ -209,7 +209,7 @@ TEST(RandomContext, TakesAllOfABlobOrNothing) {
     EXPECT_EQ(context.snapshot(), blobOf(0x0102030405060708, {}));
     context.record("spontaneous", 0);
     context.advanceTo("spontaneous", 0, context.rawState("spontaneous", 0) + 3 * increment);
-    // The length of a tape without values ends the blob.
+    // The blob ends with the length of an empty tape.
     Blob wrapping = blobOf(1, {{"a"}});
     wrapping.back() = 0x20;
     const StreamImage a{"a"};
@@ -220,7 +220,7 @@ TEST(RandomContext, TakesAllOfABlobOrNothing) {
                       {"spontaneous", 1, 7, 2, 3, {24, 25, 26}},
                       {"spontaneous", 8, 8, 2}}),
         {{"a mode of 3", blobOf(1, {{"a", 0, 0, 3}})},
-         {"a cursor behind the tape", blobOf(1, {{"a", 0, 0, 2, 2, {1}}})},
+         {"a cursor past the tape", blobOf(1, {{"a", 0, 0, 2, 2, {1}}})},
          {"a cursor without a tape", blobOf(1, {{"a", 0, 0, 0, 1}})},
          {"a stream twice", blobOf(1, {a, a})},
          {"a stream twice, apart", blobOf(1, {{"a", 5}, {"b", 5}, {"a", 5, 1}})},

@@ -1,6 +1,6 @@
-// Prints the digests of many runs, a line a run: catalogue models in runtimes with every optional
-// part off, then random models with every part on, each on every backend. No outcome of a build is
-// known to it; two builds are right if they print the same text (scripts/same-bits.sh).
+// Prints the digests of many runs, one line a run: catalogue models in runtimes with every optional
+// part off, then random models with every part on, each on every backend. It has no expected
+// values: two builds must print the same text (scripts/same-bits.sh).
 
 #include <cinttypes>
 #include <cstdint>
@@ -32,7 +32,7 @@ void printDigest(const char* what, std::uint64_t digest) {
     std::printf(" %s=%016" PRIx64, what, digest);
 }
 
-/// The rest of a line. `finished`: a runtime whose run has thrown has no checkpoint.
+/// The rest of a line. `finished`: no exception has ended the run; only then there is a checkpoint.
 void printRuntime(KelmRuntime& runtime, bool finished) {
     const RunImage image = imageOf(runtime);
     printDigest("log", runtime.logHash());

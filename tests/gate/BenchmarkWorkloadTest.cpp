@@ -12,7 +12,7 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-TEST(BenchmarkWorkload, HasTheNetworkThatReportsSpeakOf) {
+TEST(BenchmarkWorkload, IsTheNetworkOfTheReport) {
     const BenchmarkWorkload workload = buildBenchmarkWorkload();
     EXPECT_EQ(workload.neuron_count, 100000U);
     EXPECT_EQ(workload.min_delay, 1000000);
@@ -22,7 +22,7 @@ TEST(BenchmarkWorkload, HasTheNetworkThatReportsSpeakOf) {
         (Kernel::Neuron{10000000, 100000000, 2000000, 0.5, 0.0, 0.0, 1e-15, true, false, {}}));
     EXPECT_EQ(workload.firing, (Kernel::Firing{5.0, 2.0, 0.0, 1.0, 1.0, 1000000.0, false, {}}));
     ASSERT_EQ(workload.synapses.size(), 1600000U);
-    // Worked out by hand from 131 + 7 * source + 131 * place, modulo 100000.
+    // Computed by hand from 131 + 7 * source + 131 * place, modulo 100000.
     using Edge = std::tuple<std::size_t, NodeId, NodeId>;
     for (const auto& [edge, source, target] :
          {Edge{0, 0, 131}, Edge{15, 0, 2096}, Edge{16, 1, 138}, Edge{1599984, 99999, 124},
@@ -36,7 +36,7 @@ TEST(BenchmarkWorkload, HasTheNetworkThatReportsSpeakOf) {
 
 TEST(BenchmarkWorkload, RefusesMoreSynapsesThanAListCanHold) {
     BenchmarkScale scale;
-    // Sixteen times this wraps around to sixteen.
+    // 16 times this wraps to 16.
     scale.neuron_count = std::numeric_limits<std::uint64_t>::max() / 16 + 2;
     Testing::expectThrows<std::length_error>(
         [&] { buildBenchmarkWorkload(scale); },

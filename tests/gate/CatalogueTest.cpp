@@ -24,7 +24,7 @@ namespace {
 using namespace Compare;
 using namespace Testing;
 
-/// What a run has left behind, as the golden table tells it.
+/// The line of the golden table for a run.
 template <class Run>
 std::string lineOf(std::uint64_t index, std::uint64_t seed, Run& run) {
     const RunImage image = imageOf(run);
@@ -44,13 +44,13 @@ std::string lineOf(std::uint64_t index, std::uint64_t seed, Run& run) {
 
 class Catalogue : public EmulatedDeviceTest {
 protected:
-    /// Compares all runs with the golden table: every model under every seed of the parity matrix.
-    /// It was computed by a naive program of its own that shares no code with this one, with equal
-    /// outcome under two compilers and on two architectures.
+    /// Compares all models and seeds of the parity matrix with the golden table. A separate naive
+    /// program, which shares no code with this one, computed the table, with two compilers and on
+    /// two architectures.
     static void expectGoldenRuns(IWindowBackend& backend) {
         std::ifstream file(KELM_GATE_TEST_DATA "/catalogue.tsv");
         std::string line;
-        std::getline(file, line);  // the names of the columns
+        std::getline(file, line);  // column names
         int lines = 0;
         for (; std::getline(file, line); ++lines) {
             std::uint64_t index = 0;
@@ -85,7 +85,7 @@ TEST_F(Catalogue, RunsToTheKnownResultsOnAnyBackendInAnyThreadOrder) {
 
 TEST(ModelCatalogue, HasModelsByArithmeticAlone) {
     EXPECT_EQ(buildModel(~std::uint64_t{0}).graph.nodeCount(), 7);
-    // 0.1 + 0.2 in binary, which is not the double nearest to 0.3.
+    // 0.1 + 0.2 as doubles, which is not the double nearest to 0.3.
     EXPECT_EQ(std::bit_cast<std::uint64_t>(buildModel(1).neuron.adaptation_increment),
               0x3fd3333333333334);
     CpuWindowBackend cpu;

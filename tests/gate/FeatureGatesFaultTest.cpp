@@ -1,6 +1,5 @@
-// The feature steps over a device that computes wrongly. This program brings a device backend of
-// its own, which is the CPU backend with a fault planted in it, so that every comparison can be
-// seen to fail.
+// The feature steps with a device that computes wrongly, so that every comparison fails once. This
+// program has its own device backend: the CPU backend with a fault.
 
 #include <gtest/gtest.h>
 
@@ -18,7 +17,7 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// Called with each result of the device of a window that ends at `window_end` ns.
+/// Called with each result of the device. The window ends at `window_end` ns.
 std::function<void(NodeId neuron, ModelTime window_end, Kernel::WindowResult& result)> tamper;
 
 }  // namespace
@@ -50,7 +49,7 @@ using Result = Kernel::WindowResult;
 void dropASpike(NodeId, ModelTime, Result& result) {
     result.spike_count -= result.spike_count != 0;
 }
-/// In the last window, like the next, so that nothing else comes to differ.
+/// Only in the last window, as in the next function, so that nothing else differs.
 void delayASpike(NodeId, ModelTime window_end, Result& result) {
     if (window_end == 20'000'000 && result.spike_count != 0) ++result.spike_times[0];
 }
@@ -69,7 +68,7 @@ TEST(FeatureGatesOverAFaultyDevice, TellTheFirstDifference) {
              Case{checkRestore, dropASpike,
                   "kelmgate: a snapshot/restore in the middle changed the number of spikes "
                   "(model 0, seed 1)"},
-             // Which spike of which cell is the model's affair.
+             // The spike and the cell depend on the model.
              Case{checkRestore, delayASpike,
                   "kelmgate: the resumed run diverged from the reference at spike "},
              Case{checkRestore, turnABit,

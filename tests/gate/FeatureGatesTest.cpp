@@ -26,11 +26,11 @@ namespace {
 using namespace Compare;
 using namespace Testing;
 
-/// The features on catalogue models. The values of whole runs are those that are documented for
-/// the models; they hold on either backend, and on the device in any thread order.
+/// The features on catalogue models. The expected values of whole runs are the documented ones of
+/// the models. They are valid on both backends, and on the device in any thread order.
 class FeatureGatesTest : public EmulatedDeviceTest {
 protected:
-    /// Gives `check` a maker of runtimes on each backend in turn.
+    /// Calls `check` for each backend with a function that makes runtimes on it.
     template <class Check>
     static void onEachBackend(Check check) {
         CpuWindowBackend cpu;
@@ -59,7 +59,7 @@ TEST_F(FeatureGatesTest, PassInAnyThreadOrderAndPassOnWhatTheDeviceThrows) {
         if (step == checkPhase) break;
         EXPECT_THROW(step(), WindowEngineError);
     }
-    // A phase run that fails tells its cell and its backend, without the gate's name before it.
+    // The text of a failed phase run ends in its cell and backend and has no "kelmgate: " in front.
     try {
         checkPhase();
         ADD_FAILURE() << "nothing was thrown";
@@ -155,7 +155,7 @@ TEST_F(FeatureGatesTest, AKnownComposedRunAndItsCheckpoint) {
             {"spikes", 57},  {"samples", 9},      {"causes", 9},
             {"channels", 1}, {"observations", 1}, {"commit count", 20}};
         for (const auto& [field, count] : counts) EXPECT_EQ(layout.number(field), count) << field;
-        // Keys ascend from the first id of an observation; an entry without a cause has 9 bytes.
+        // Keys ascend from the first id of an observation. An entry without a cause has 9 bytes.
         for (std::uint64_t i = 0; i < 9; ++i) {
             EXPECT_EQ(numberAt(layout.bytes(), layout.begin("causes") + 8 + 9 * i),
                       9223372036854775807U + i);

@@ -1,5 +1,5 @@
-// The driver over steps and a device that this program brings itself, so that the order of the
-// steps and each outcome can be seen.
+// The driver with steps and a device that this program defines, to test the order of the steps and
+// each outcome.
 
 #include "gate/GateDriver.h"
 
@@ -25,7 +25,7 @@ bool device_present = true;
 std::string steps_run;  // a digit each
 int failing_step = -1;
 
-/// A step notes that it runs, and fails if it is the one to fail.
+/// Notes the step, and throws if it is the failing one.
 void step(int index) {
     steps_run += static_cast<char>('0' + index);
     gateRequire(index != failing_step, "this differs");
@@ -104,14 +104,14 @@ TEST(GateDriver, StopsAtTheFirstStepThatThrowsWithItsText) {
     }
 }
 
-TEST(GateDriver, EndsBehindTheStepsThatNeedNoDeviceWhereThereIsNone) {
+TEST(GateDriver, EndsAfterTheStepsThatNeedNoDeviceIfThereIsNone) {
     device_present = false;
     const Outcome outcome = run({"--benchmark"});
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(steps_run, "01");
     EXPECT_EQ(outcome.out, "");
     EXPECT_EQ(outcome.err, "kelmgate: no CUDA device; the gate cannot be evaluated\n");
-    // A fault in those steps counts for more than the missing device.
+    // A failure of those steps comes before the missing device.
     EXPECT_EQ(run({}, 1).status, 1);
     device_present = true;
 }

@@ -28,14 +28,14 @@ GateRun someRun() {
     return run;
 }
 
-/// One way in which two runs can differ, with its message before and behind the label.
+/// A difference of two runs, with the parts of its message before and after the label.
 struct Difference {
     std::string message;
     void (*make)(GateRun& cpu, GateRun& cuda);
     std::string counts = {};
 };
 
-/// In the order in which the comparisons are made.
+/// In the order of the comparisons.
 const Difference differences[] = {
     {"the two backends produced a different number of spikes",
      [](GateRun&, GateRun& b) {
@@ -68,7 +68,7 @@ TEST(CompareRuns, AcceptsEqualBitsAndReportsTheFirstDifference) {
     for (std::size_t first = 0; first < count; ++first) {
         GateRun cpu = someRun();
         GateRun cuda = someRun();
-        // The last ones first: a later change must not undo an earlier one.
+        // From the last to `first`, so that a later change does not undo an earlier one.
         for (std::size_t i = count; i-- > first;) differences[i].make(cpu, cuda);
         expectThrows<std::runtime_error>(
             [&] { compareRuns(cpu, cuda, label); },
@@ -76,7 +76,7 @@ TEST(CompareRuns, AcceptsEqualBitsAndReportsTheFirstDifference) {
     }
 }
 
-TEST(RequireExercised, RefusesRunsThatWouldProveNothing) {
+TEST(RequireExercised, RefusesRunsThatAreTooSmall) {
     const auto requiring = [](const GateTotals& totals) {
         return [totals] { requireExercised(totals); };
     };

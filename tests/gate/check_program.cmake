@@ -1,6 +1,6 @@
-# Runs PROGRAM with ARGUMENTS, separated by spaces, and compares what it leaves behind with the
-# outcome EXPECTED: "verdict" (every step passed), "no-device" or "either". A verdict has to name
-# DEVICE, if that is given. Nothing may be written beyond the lines of the outcome.
+# Runs PROGRAM with ARGUMENTS, separated by spaces, and compares its status and output with the
+# outcome EXPECTED: "verdict" (every step passed), "no-device" or "either". If DEVICE is given, a
+# verdict must name it. Any other output is an error.
 
 cmake_minimum_required(VERSION 3.25)
 

@@ -15,7 +15,7 @@ namespace Lumenar::Core::Kelm::Kernel {
 using Testing::Draws;
 using Testing::sameBits;
 
-/// A neuron with all that its formulas read.
+/// The arguments of the formulas of one neuron.
 struct Subject {
     State state;
     Neuron neuron;
@@ -30,7 +30,7 @@ struct Subject {
     }
 };
 
-/// The neurons of scripts/reference/kernel.py; refractory_until is left at 0.
+/// The neurons of scripts/reference/kernel.py. refractory_until is 0.
 Subject drawSubject(Draws& draws) {
     Subject s;
     s.state.membrane = draws.between(-3.0, 5.0);
@@ -50,8 +50,8 @@ Subject drawSubject(Draws& draws) {
     return s;
 }
 
-// Digest of 4000 neurons from a second implementation (scripts/reference/kernel.py). Their times
-// reach past 2^53 ns, where a decay's interval depends on the order of rounding.
+// Digest of 4000 neurons from a second implementation (scripts/reference/kernel.py). Some times are
+// past 2^53 ns, where the interval of a decay depends on the order of rounding.
 TEST(NeuronModel, GivesTheBitsOfAnotherImplementation) {
     Draws draws(2);
     std::vector<double> values;
@@ -88,7 +88,7 @@ TEST(NeuronModel, ATraceDecaysAndDiesOnceItIsBelowEpsilon) {
              Case{-1e-15, 1e7, tau, 1e-15, 0.0},
              Case{3e-15, 1e7, tau, 1e-15, 1.1036383235143268e-15},
              Case{1.0, 1e7, tau, 0.36787944117144233, 0.36787944117144233},  // epsilon itself
-             Case{1e-16, 0.0, tau, 1e-15, 1e-16},  // no interval: untouched even below epsilon
+             Case{1e-16, 0.0, tau, 1e-15, 1e-16},  // no interval: unchanged, also below epsilon
              Case{-0.0, 1e7, tau, 1e-15, -0.0},
              Case{1.0, 1.0, 0, 1e-15, 0.0},
          }) {
@@ -106,7 +106,7 @@ TEST(NeuronModel, AHardRefractoryTimeEndsAtItsInstantAndASoftOneHasNoEffect) {
     s.neuron.hard_refractory = false;
     EXPECT_EQ(s.hazardAt(99, 0.0), 0.5);
     EXPECT_GT(s.boundOn(0, 99, 0.0), 0.0);
-    // The traces' part of a drive is never a negative zero.
+    // The traces' part of a drive is never -0.0.
     s.state.membrane = -0.0;
     EXPECT_TRUE(sameBits(netDriveAt(s.state, s.neuron, s.firing, 0), 0.0));
 }

@@ -18,7 +18,7 @@ using Testing::sameBits;
 
 constexpr std::uint64_t increment = 0x9e3779b97f4a7c15;
 constexpr std::uint64_t seed_one = 0x3c9c77c8b045dfa4;  // the first neuron's stream under seed 1
-/// The raw state whose next value is 0: the output function maps 0 to 0.
+/// The raw state before 0, whose next value is 0: the output function maps 0 to 0.
 constexpr std::uint64_t before_zero = 0 - increment;
 
 std::uint64_t drawsBetween(std::uint64_t before, std::uint64_t after) {
@@ -45,12 +45,12 @@ struct Walk {
     }
 };
 
-/// Two results are equal to the bit, gaps included.
+/// Equality of all bytes, gaps included.
 ::testing::AssertionResult same(const WindowResult& actual, const WindowResult& expected) {
     return Testing::sameImages<WindowResult>({&actual, 1}, {&expected, 1});
 }
 
-/// A neuron at rest that fires readily and takes two inputs.
+/// A neuron at rest with a high rate and two inputs.
 Walk twoInputs() {
     Walk walk;
     walk.firing.base_rate = 200.0;
@@ -59,7 +59,7 @@ Walk twoInputs() {
     return walk;
 }
 
-// The numbers of these two tests come with the model's definition, not from this code.
+// The numbers of these two tests come from the definition of the model, not from this code.
 TEST(WindowProcessing, WalksTwoInputs) {
     const WindowResult result = twoInputs().result();
     EXPECT_TRUE(same(result, {.state = {.membrane = 0.0,
@@ -99,7 +99,7 @@ TEST(WindowProcessing, WalksTwoInputsUnderAPhaseTerm) {
                                      .accepted = 1}));
 }
 
-// A draw of zero counts as the least normal number, of which the logarithm is -708.3964185322641.
+// A draw of zero counts as the smallest normal number. Its logarithm is -708.3964185322641.
 TEST(NextCandidate, TakesTheLeastNormalNumberForADrawOfZeroAndDropsAWaitOf9e18) {
     const double longest = 708.3964185322641 / 9e9;
     for (const double rate : {2.0, 7.88e-8, longest, 7.87e-8}) {
@@ -126,7 +126,7 @@ TEST(NextCandidate, LiesBelowTheLimitAndWithinTime) {
 }
 
 TEST(WindowProcessing, AHazardAboveItsBoundStopsTheWalkBeforeAnythingMoves) {
-    // The hazard is exactly 200; 200 less one part in 10^12 is within the margin.
+    // The hazard is exactly 200. A bound of 200 less one part in 10^12 is within the tolerance.
     for (const double bound : {1e300, 200.0, 199.9999999998, 199.9999999997, 0.0}) {
         SCOPED_TRACE(bound);
         Walk walk;
@@ -147,7 +147,7 @@ TEST(WindowProcessing, AHazardAboveItsBoundStopsTheWalkBeforeAnythingMoves) {
     }
 }
 
-/// The walk a second time, as a list of numbered steps with jumps between them.
+/// A second implementation of the walk, as a list of steps with jumps.
 class StepByStep {
 public:
     explicit StepByStep(const Walk& walk) : in_(walk) {}
@@ -240,7 +240,7 @@ private:
         return d;
     }
 
-    /// Draws from `from` on, then settles what a draw without a time leaves behind.
+    /// Draws from `from` on. Without a time it sets the marker or no candidate.
     void draw(ModelTime from) {
         const bool terms = in_.drive.term_count > 0;
         const ModelTime limit = terms ? in_.window_end : in_.horizon;
@@ -254,7 +254,7 @@ private:
             bound =
                 hazardUpperBound(out_.state, in_.neuron, in_.firing, start, limit, in_.drive.bound);
         }
-        if (bound != 0) {  // true of a NaN
+        if (bound != 0) {  // also for a NaN
             double u = uniform();
             if (u == 0) u = fromBits(0x0010000000000000);
             const double w = -kernelLog(u) / bound * 1e9;
@@ -300,7 +300,7 @@ Walk generateWalk(Draws& draws) {
     walk.state.last_update = start - draws.timeBelow(static_cast<std::uint64_t>(width)) / 2;
     walk.state.refractory_until = draws.oneIn(3) ? inWindow() : start - 1;
 
-    // Rates are chosen in candidates per window.
+    // Rates are drawn as candidates per window.
     const double windows_per_s = 1e9 / static_cast<double>(width);
     walk.neuron.tau_membrane = 1 + draws.timeBelow(static_cast<std::uint64_t>(8 * width));
     walk.neuron.tau_adaptation = 1 + draws.timeBelow(static_cast<std::uint64_t>(32 * width));
@@ -331,7 +331,7 @@ Walk generateWalk(Draws& draws) {
             walk.drive.bound += std::fabs(amplitude);
         }
     }
-    if (draws.oneIn(30)) walk.drive.bound -= 0.3;  // a bound that will not hold
+    if (draws.oneIn(30)) walk.drive.bound -= 0.3;  // a bound that is too low
 
     for (std::uint64_t left = draws.below(10); left > 0; --left) {
         WindowEvent event{.time = inWindow(), .value = draws.between(-1.5, 1.5)};
@@ -368,7 +368,7 @@ TEST(WindowProcessing, AgreesWithTheWalkWrittenStepByStep) {
         markers += reference.sawMarker();
         nan_bounds += isNan(result.next_bound);
     }
-    // Every road through the walk has been taken often.
+    // Every path of the walk was taken often.
     EXPECT_GT(spikes, 10000);
     EXPECT_GT(std::min({overflows, violations, markers}), 200);
     EXPECT_GT(nan_bounds, 20);

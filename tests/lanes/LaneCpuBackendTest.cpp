@@ -1,5 +1,5 @@
-// The lane backend against the kernel, on every vector width that this processor has: work items of
-// every temper. Whole runs are the soak's.
+// The lane backend against the kernel, on every vector width of this processor, with single
+// windows. The soak tests whole runs.
 
 #include "kelm/lanes/LaneCpuBackend.h"
 
@@ -21,7 +21,7 @@ namespace {
 
 using namespace Testing;
 
-/// The tests for one width of vectors, by its place among those available.
+/// The tests for one vector width. The parameter is its index in availableKernels().
 class LaneCpuBackendTest : public testing::TestWithParam<std::size_t> {
 protected:
     void compareCalls(std::uint64_t first_seed, std::uint64_t count, bool strange) {
@@ -44,21 +44,21 @@ protected:
 };
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(LaneCpuBackendTest);
 
-TEST_P(LaneCpuBackendTest, ComputesItemsOfEveryTemperToTheBit) {
+TEST_P(LaneCpuBackendTest, ComputesTheBitsOfTheKernel) {
     compareCalls(1, 4000, false);
     EXPECT_GT(violations_, 1000);
     EXPECT_GT(spikes_, 1000);
 }
 
-TEST_P(LaneCpuBackendTest, ComputesValuesThatNoModelShouldHoldToTheBit) {
+TEST_P(LaneCpuBackendTest, ComputesTheBitsOfTheKernelForBadValues) {
     compareCalls(10'000, 2000, true);
     EXPECT_GT(overflows_, 10);
 }
 
-// A drive that falls at first, and jumps at its minimum, where the adaptation has been clipped:
-// what is sampled there is above both ends. Only an adaptation far above the clipping makes a
-// minimum one that need not be looked at.
-TEST_P(LaneCpuBackendTest, SeesADriveRiseWhereItsAdaptationIsClipped) {
+// A drive that falls at first and jumps at its minimum, because the adaptation is clipped there:
+// the sample is above both ends. A minimum needs no sample only if the adaptation is far above the
+// clipping.
+TEST_P(LaneCpuBackendTest, SamplesADriveThatRisesWhereItsAdaptationIsClipped) {
     DrawnCall call;
     call.neuron.tau_adaptation = 2 * call.neuron.tau_membrane;
     call.neuron.trace_epsilon = 1e-3;
@@ -78,7 +78,7 @@ TEST_P(LaneCpuBackendTest, SeesADriveRiseWhereItsAdaptationIsClipped) {
         item.event_count = 1;
         item.pending_time = no_time;
         const double ends = std::max(item.state.membrane - 10.0 * item.state.adaptation, 0.0);
-        // ln(1.05) times 20 ms behind the input.
+        // ln(1.05) times 20 ms after the input.
         const double minimum =
             Kernel::netDriveAt(item.state, item.parameters, item.firing, 1'475'803);
         highest_rise = std::max(highest_rise, minimum - ends);
@@ -93,7 +93,7 @@ INSTANTIATE_TEST_SUITE_P(Vectors, LaneCpuBackendTest,
                              return std::string(Lanes::availableKernels()[test.param]->name);
                          });
 
-/// Counts what the vectors are given.
+/// Counts the steps that the vectors compute.
 struct CountedKernels {
     static inline const Lanes::LaneKernels* inner = nullptr;
     static inline std::int64_t steps = 0;
@@ -104,7 +104,7 @@ struct CountedKernels {
     }
 };
 
-TEST(LaneCpuBackend, GivesUniformItemsToTheVectorsAndOthersToTheOrdinaryWalk) {
+TEST(LaneCpuBackend, GivesUniformItemsToTheVectorsAndOthersToTheScalarWalk) {
     if (Lanes::availableKernels().empty()) GTEST_SKIP() << "no vectors for this processor";
     CountedKernels::inner = Lanes::availableKernels().back();
     Lanes::LaneKernels counted = *CountedKernels::inner;

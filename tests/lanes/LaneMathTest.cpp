@@ -1,4 +1,4 @@
-// The exponential and logarithm of every vector width against the kernel's, bit by bit.
+// The exponential and logarithm of every vector width against those of the kernel, bit by bit.
 
 #include <gtest/gtest.h>
 
@@ -22,14 +22,14 @@ using Kernel::fromBits;
 
 constexpr std::size_t arguments_of_a_kind = 1 << 16;
 
-/// Numbers at which one of the two functions changes its way, or an end of its range lies.
+/// Numbers where one of the two functions takes another branch, and the ends of their ranges.
 const std::vector<double> borders = {
     0.0, 5e-324, 0x1p-1022, fromBits(0x3e30000000000000), fromBits(0x3fd62e4200000000), 0.5,
-    // sqrt(1/2), as the reduction of the logarithm sees it, and sqrt(2).
+    // sqrt(1/2) and sqrt(2), as the reduction of the logarithm rounds them.
     fromBits(0x3fe6a09e00000000), 1.0, fromBits(0x3ff0a2b200000000), fromBits(0x3ff6a09c00000000),
-    // Exponents of 2^-1022 and 2^1022, 2^1023 and 2^1024.
+    // ln(2) times 1022, 1023 and 1024.
     708.3964185322641, 709.0895657128241, 709.782712893384,
-    // Of the subnormal powers' end.
+    // ln(2) times 1074 and 1075.
     744.4400719213812, 745.1332191019411, 0x1p31, 0x1.fffffffffffffp1023, Kernel::infinity(),
     Kernel::quietNan()};
 

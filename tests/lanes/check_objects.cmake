@@ -1,5 +1,5 @@
-# Looks at the objects that hold vector instructions. They may define nothing that the linker could
-# take instead of a definition for every processor, and no multiplication may be joined to a sum.
+# Checks the objects that contain vector instructions. They may not define a symbol that the linker
+# could use in place of code for every processor, nor fuse a multiplication with an addition.
 #
 # cmake -DNM=... -DOBJDUMP=... -DOBJECTS=... -P check_objects.cmake
 

@@ -1,6 +1,5 @@
-// The threaded backend against the reference: whatever the number of threads, and however many of
-// a window's items each of them gets, the results are the same to the bit. Whole runs are the
-// soak's.
+// The threaded backend against the CPU backend: the bits of the results are the same for any number
+// of threads and any share of the items. The soak tests whole runs.
 
 #include "kelm/threads/ThreadedCpuBackend.h"
 
@@ -63,7 +62,7 @@ protected:
     CpuWindowBackend cpu_;
 
 private:
-    // More workers than processors, so that a machine with few of them mixes their work as well.
+    // More workers than processors, so that their work mixes on a small machine too.
     tbb::global_control workers_{tbb::global_control::max_allowed_parallelism, 100};
 };
 
@@ -105,7 +104,7 @@ TEST_F(ThreadedCpuBackendTest, ServesEnginesOfSeveralThreadsAtOnce) {
     }
 }
 
-/// Kernels of which each thread's first call in a turn fails.
+/// Kernels whose first call on each thread in a turn throws.
 struct FailingKernels {
     static inline const Lanes::LaneKernels* inner = nullptr;
     static inline int turn = 0;
@@ -119,8 +118,8 @@ struct FailingKernels {
     }
 };
 
-// Outside of tests only a lack of memory makes oneTBB fail, and pieces do not. Here each thread's
-// first piece does and is lost; with it the thread is, and nobody comes after it.
+// Outside of tests pieces do not throw, and oneTBB fails only for lack of memory. Here the first
+// piece of each thread throws: the thread ends, and this piece is not computed.
 TEST_F(ThreadedCpuBackendTest, ComputesItselfWhatFailedThreadsLeft) {
     if (Lanes::availableKernels().empty()) GTEST_SKIP() << "no vectors for this processor";
     FailingKernels::inner = Lanes::availableKernels().back();
@@ -142,55 +141,55 @@ TEST_F(ThreadedCpuBackendTest, ComputesItselfWhatFailedThreadsLeft) {
     EXPECT_GT(FailingKernels::calls, 10);
 }
 
-/// The calling thread rounds upward and flushes subnormals where it can, for a while.
-class StrangeEnvironment {
+/// While it lives, the calling thread rounds upward and flushes subnormals if it can.
+class OtherEnvironment {
 public:
-    StrangeEnvironment() {
+    OtherEnvironment() {
         std::fegetenv(&saved_);
         std::fesetround(FE_UPWARD);
 #if defined(__SSE2__)
         _mm_setcsr(_mm_getcsr() | 0x8040);
 #endif
     }
-    ~StrangeEnvironment() { std::fesetenv(&saved_); }
-    StrangeEnvironment(const StrangeEnvironment&) = delete;
-    StrangeEnvironment& operator=(const StrangeEnvironment&) = delete;
+    ~OtherEnvironment() { std::fesetenv(&saved_); }
+    OtherEnvironment(const OtherEnvironment&) = delete;
+    OtherEnvironment& operator=(const OtherEnvironment&) = delete;
 
 private:
     std::fenv_t saved_;
 };
 
-// A worker that was born in a strange environment, or left in one by other work, must not compute
-// a window in it.
+// A worker may have started in another environment, or other work may have left it in one. It must
+// not compute a window in that.
 TEST_F(ThreadedCpuBackendTest, ComputesInTheFloatingPointEnvironmentOfTheCall) {
     DrawnCall call = drawCall(1, 3000, false);
     for (WindowWork& item : call.work) {
         item.parameters.trace_epsilon = 0.0;
         item.state.adaptation *= 1e-308;
     }
-    const auto computeStrangely = [&](IWindowBackend& backend) {
-        const StrangeEnvironment strange;
+    const auto computeInOther = [&](IWindowBackend& backend) {
+        const OtherEnvironment other_environment;
         return compute(backend, call);
     };
-    const auto bornStrangely = [] {
-        const StrangeEnvironment strange;
+    const auto madeInOther = [] {
+        const OtherEnvironment other_environment;
         return ThreadedCpuBackend(8, 0);
     };
     const Results exact = compute(cpu_, call);
-    const Results strange = computeStrangely(cpu_);
-    ASSERT_FALSE(sameImages<Kernel::WindowResult>(strange, exact));
+    const Results other = computeInOther(cpu_);
+    ASSERT_FALSE(sameImages<Kernel::WindowResult>(other, exact));
     for (int turn = 0; turn < 20; ++turn) {
         ThreadedCpuBackend plain(8, 0);
-        ThreadedCpuBackend stranger = bornStrangely();
-        for (ThreadedCpuBackend* backend : {&plain, &stranger}) {
+        ThreadedCpuBackend made_in_other = madeInOther();
+        for (ThreadedCpuBackend* backend : {&plain, &made_in_other}) {
             SCOPED_TRACE("turn " + std::to_string(turn));
             ASSERT_TRUE(sameImages<Kernel::WindowResult>(compute(*backend, call), exact));
-            ASSERT_TRUE(sameImages<Kernel::WindowResult>(computeStrangely(*backend), strange));
+            ASSERT_TRUE(sameImages<Kernel::WindowResult>(computeInOther(*backend), other));
         }
     }
 }
 
-TEST_F(ThreadedCpuBackendTest, TakesWhatThereMayBeForNoneOrMoreAndRefusesTooMany) {
+TEST_F(ThreadedCpuBackendTest, LimitsItsThreadsToThoseAllowedAndRefusesTooMany) {
     EXPECT_STREQ(cpu_.name(), "cpu");
     EXPECT_STREQ(ThreadedCpuBackend(5).name(), "cpu-threads");
     EXPECT_EQ(ThreadedCpuBackend(5).threads(), 5);
