@@ -128,7 +128,7 @@ public:
         if (source >= node_count_) throw SynapseRoutingViolation(SynapseRoutingViolation::source);
         const Routes& routes = outRoutes();
         if constexpr (requires(const PackedDelivery& packed) { sink.postPacked(packed); }) {
-            if (synapses_.areUsual()) return deliverPacked(routes, source, time, sink);
+            if (synapses_.isCompact()) return deliverPacked(routes, source, time, sink);
         }
         std::uint64_t count = 0;
         const std::uint64_t end = routes.offsets[source + 1];

@@ -12,11 +12,11 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Synapses in columns. What a delivery reads of a synapse lies in 16 bytes, so that the fan-out of
-/// a spike touches few cache lines; its source takes 4 more, and what hardly any network uses takes
-/// no memory until it is used. A synapse that comes out is the one that went in, to the bit.
+/// Synapses in columns. A delivery reads 16 bytes of a synapse, so the fan-out of a spike touches
+/// few cache lines. The source takes 4 more bytes. Fields that few networks use take no memory
+/// until one synapse uses them. The table returns every synapse unchanged, to the bit.
 ///
-/// Tests nothing: ids must lie below size().
+/// Checks nothing: ids must lie below size().
 class SynapseTable {
     static constexpr std::uint64_t enabled_bit = 1;
     static constexpr std::uint64_t inhibitory_bit = 2;
@@ -24,7 +24,7 @@ class SynapseTable {
     static constexpr int delay_shift = 3;
 
 public:
-    /// What a delivery reads of a synapse that is as usual.
+    /// What a delivery reads of a synapse in a compact table.
     struct Transmission {
         std::uint32_t target = 0;
         float weight = 0.0F;
@@ -37,10 +37,10 @@ public:
     };
     static_assert(sizeof(Transmission) == 16);
 
-    /// Whether all that a delivery has to know of a synapse is its transmission and its source,
-    /// and ids of both fit 32 bits.
-    bool areUsual() const {
-        return rarities_.empty() && transmissions_.size() <= std::uint64_t{1} << 32;
+    /// Whether a synapse's transmission and source hold all that a delivery needs, and all ids fit
+    /// into 32 bits.
+    bool isCompact() const {
+        return extra_fields_.empty() && transmissions_.size() <= std::uint64_t{1} << 32;
     }
     const Transmission& transmission(EdgeId id) const { return transmissions_[id]; }
 
@@ -63,7 +63,7 @@ public:
             changes_.resize(sources_.size());
             changes_.back() = synapse.last_change;
         }
-        if (!rarities_.empty() || isRare(synapse)) appendRarity(synapse);
+        if (!extra_fields_.empty() || needsExtraFields(synapse)) appendExtraFields(synapse);
     }
 
     std::size_t size() const { return transmissions_.size(); }
@@ -78,15 +78,15 @@ public:
         synapse.inhibitory = entry.inhibitory();
         synapse.enabled = entry.enabled();
         synapse.last_change = lastChange(id);
-        if (!rarities_.empty()) rarities_[id].complete(synapse);
+        if (!extra_fields_.empty()) extra_fields_[id].copyTo(synapse);
         return synapse;
     }
 
     NodeId source(EdgeId id) const {
-        return rarities_.empty() ? sources_[id] : rarities_[id].source;
+        return extra_fields_.empty() ? sources_[id] : extra_fields_[id].source;
     }
     NodeId target(EdgeId id) const {
-        return rarities_.empty() ? transmissions_[id].target : rarities_[id].target;
+        return extra_fields_.empty() ? transmissions_[id].target : extra_fields_[id].target;
     }
     float weight(EdgeId id) const { return transmissions_[id].weight; }
     void setWeight(EdgeId id, float weight) { transmissions_[id].weight = weight; }
@@ -103,21 +103,22 @@ public:
     }
 
     void prefetch(EdgeId id) const { prefetchLine(&transmissions_[id]); }
-    /// Hints that synapses [first, end) are read soon, the first of them in any case.
+    /// Hints that synapses [first, end) are read soon. A long range is cut.
     void prefetchRange(EdgeId first, EdgeId end) const {
         constexpr EdgeId line = 64 / sizeof(Transmission);
         if (end - first > max_prefetched) end = first + max_prefetched;
-        // The last one too: a range begins anywhere in its first line.
+        // The range may start in the middle of a line, so the last synapse may lie one line
+        // further.
         for (EdgeId id = first; id < end; id += line) prefetch(id);
         if (first < end) prefetch(end - 1);
     }
 
 private:
-    /// As much as a processor fetches at once without losing some.
+    /// Most hints of one call. A processor drops hints beyond its capacity.
     static constexpr EdgeId max_prefetched = 48;
 
-    /// What does not fit the narrow columns, or is not as in a synapse by default.
-    struct Rarity {
+    /// The fields that do not fit the compact columns, or that have no column there.
+    struct ExtraFields {
         NodeId source = 0;
         NodeId target = 0;
         ModelTime delay = 0;
@@ -126,7 +127,7 @@ private:
         std::int64_t reserved_b = 0;
         std::uint64_t reserved_d = 0;
 
-        explicit Rarity(const Synapse& synapse)
+        explicit ExtraFields(const Synapse& synapse)
             : source(synapse.source),
               target(synapse.target),
               delay(synapse.delay),
@@ -134,7 +135,7 @@ private:
               reserved_c(synapse.reserved_c),
               reserved_b(synapse.reserved_b),
               reserved_d(synapse.reserved_d) {}
-        void complete(Synapse& synapse) const {
+        void copyTo(Synapse& synapse) const {
             synapse.source = source;
             synapse.target = target;
             synapse.delay = delay;
@@ -145,30 +146,32 @@ private:
         }
     };
 
-    static bool isRare(const Synapse& synapse) {
-        constexpr Synapse usual;
+    static bool needsExtraFields(const Synapse& synapse) {
+        constexpr Synapse defaults;
         constexpr std::uint64_t wide_node = std::uint64_t{1} << 32;
         constexpr ModelTime long_delay = ModelTime{1} << (64 - delay_shift);
         return synapse.source >= wide_node || synapse.target >= wide_node ||
-               synapse.delay >= long_delay || synapse.reserved_a != usual.reserved_a ||
-               synapse.reserved_b != usual.reserved_b || synapse.reserved_c != usual.reserved_c ||
-               synapse.reserved_d != usual.reserved_d;
+               synapse.delay >= long_delay || synapse.reserved_a != defaults.reserved_a ||
+               synapse.reserved_b != defaults.reserved_b ||
+               synapse.reserved_c != defaults.reserved_c ||
+               synapse.reserved_d != defaults.reserved_d;
     }
-    /// Of the synapse just added. The first one brings those of all before it.
-    void appendRarity(const Synapse& synapse) {
-        if (rarities_.empty()) {
-            std::vector<Rarity> rarities;
-            rarities.reserve(transmissions_.capacity());
-            for (EdgeId id = 0; id + 1 < size(); ++id) rarities.emplace_back((*this)[id]);
-            rarities_ = std::move(rarities);
+    /// Adds the extra fields of the newest synapse. The first call also adds those of all synapses
+    /// before it.
+    void appendExtraFields(const Synapse& synapse) {
+        if (extra_fields_.empty()) {
+            std::vector<ExtraFields> fields;
+            fields.reserve(transmissions_.capacity());
+            for (EdgeId id = 0; id + 1 < size(); ++id) fields.emplace_back((*this)[id]);
+            extra_fields_ = std::move(fields);
         }
-        rarities_.emplace_back(synapse);
+        extra_fields_.emplace_back(synapse);
     }
 
     LargeArray<Transmission> transmissions_;
     std::vector<std::uint32_t> sources_;
-    std::vector<ModelTime> changes_;  ///< empty while no synapse was ever changed
-    std::vector<Rarity> rarities_;    ///< empty while no synapse needs one
+    std::vector<ModelTime> changes_;         ///< times of last change; empty while all are 0
+    std::vector<ExtraFields> extra_fields_;  ///< empty while no synapse needs them
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -21,14 +21,14 @@ bool sameSynapse(const Synapse& a, const Synapse& b) {
            a.enabled == b.enabled && a.reserved_c == b.reserved_c && a.reserved_d == b.reserved_d;
 }
 
-/// Synapses at both sides of every border between what is usual and what is not.
-std::vector<Synapse> strangeSynapses() {
-    Synapse usual;
-    usual.source = wide_node - 1;
-    usual.target = wide_node - 1;
-    usual.delay = long_delay - 1;
-    usual.weight = -0.0F;
-    std::vector<Synapse> synapses(10, usual);
+/// Synapses at both sides of every limit of the compact columns.
+std::vector<Synapse> limitSynapses() {
+    Synapse compact;
+    compact.source = wide_node - 1;
+    compact.target = wide_node - 1;
+    compact.delay = long_delay - 1;
+    compact.weight = -0.0F;
+    std::vector<Synapse> synapses(10, compact);
     synapses[1].source = wide_node;
     synapses[2].target = 0xffffffffffffffff;
     synapses[3].delay = long_delay;
@@ -47,8 +47,8 @@ std::vector<Synapse> strangeSynapses() {
 
 }  // namespace
 
-TEST(SynapseTable, GivesBackWhatWentInWhateverCameBefore) {
-    const std::vector<Synapse> kinds = strangeSynapses();
+TEST(SynapseTable, ReturnsEverySynapseUnchangedInAnyOrder) {
+    const std::vector<Synapse> kinds = limitSynapses();
     for (std::size_t start = 0; start < kinds.size(); ++start) {
         SynapseTable table;
         for (std::size_t i = 0; i < kinds.size(); ++i) {
