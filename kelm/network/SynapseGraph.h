@@ -74,10 +74,30 @@ public:
     NodeId target(EdgeId id) const { return synapses_.target(checked(id)); }
     bool isRouted(EdgeId id) const { return synapses_.isRouted(checked(id)); }
     ModelTime lastChange(EdgeId id) const { return synapses_.lastChange(checked(id)); }
-    /// The first call may throw std::bad_alloc, with nothing changed.
-    ModelTime& lastChange(EdgeId id) { return synapses_.lastChange(checked(id)); }
+    /// Reads or writes the time of a synapse's last change. Valid as long as the graph. A read
+    /// allocates nothing; the first write may throw std::bad_alloc, with nothing changed.
+    class LastChange {
+    public:
+        operator ModelTime() const { return synapses_.lastChange(id_); }
+        const LastChange& operator=(ModelTime time) const {
+            synapses_.setLastChange(id_, time);
+            return *this;
+        }
+        const LastChange& operator=(const LastChange& other) const {
+            return *this = static_cast<ModelTime>(other);
+        }
 
-    /// Whether synapses of a class, excitatory or inhibitory, transmit.
+    private:
+        friend class SynapseGraph;
+        LastChange(SynapseTable& synapses, EdgeId id) : synapses_(synapses), id_(id) {}
+        LastChange(const LastChange&) = default;
+
+        SynapseTable& synapses_;
+        EdgeId id_;
+    };
+    LastChange lastChange(EdgeId id) { return {synapses_, checked(id)}; }
+
+    /// Whether the synapses of a class, excitatory or inhibitory, transmit.
     bool transmissionEnabled(bool inhibitory) const {
         return inhibitory ? inhibitory_on_ : excitatory_on_;
     }

@@ -96,10 +96,10 @@ public:
         bits = on ? bits | enabled_bit : bits & ~enabled_bit;
     }
     ModelTime lastChange(EdgeId id) const { return changes_.empty() ? 0 : changes_[id]; }
-    /// May throw std::bad_alloc the first time, with nothing changed.
-    ModelTime& lastChange(EdgeId id) {
+    /// The first call may throw std::bad_alloc, with nothing changed.
+    void setLastChange(EdgeId id, ModelTime time) {
         if (changes_.empty()) changes_.resize(size());
-        return changes_[id];
+        changes_[id] = time;
     }
 
     void prefetch(EdgeId id) const { prefetchLine(&transmissions_[id]); }

@@ -147,6 +147,10 @@ TEST_F(AllocationFault, LeavesAGraphAsItWas) {
     expectUnchanged("routes", arrange, routes, routes);
     expectUnchanged(
         "last change", arrange, [](SynapseGraph& graph) { graph.lastChange(1) = 17; }, image);
+    const auto graph = arrange();
+    const std::uint64_t allocations = allocationCount();
+    EXPECT_EQ(graph->lastChange(1), 0);
+    EXPECT_EQ(allocationCount(), allocations) << "a read allocates nothing";
 }
 
 TEST_F(AllocationFault, LeavesAnEngineAsItWas) {
