@@ -27,7 +27,7 @@ void requireValid(const SynapseGraph& graph, const Synapse& synapse) {
     require(synapse.delay >= 1, "delays are positive");
 }
 
-/// Every routed synapse stands in both of its lists and nowhere else.
+/// Every routed synapse is in both of its lists and in no other.
 void walkRoutes(SynapseGraph& graph) {
     std::uint64_t listed = 0;
     for (NodeId n = 0; n < graph.nodeCount(); ++n) {
@@ -59,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     SynapseGraph graph = makeGraph();
     SynapseGraph twin = makeGraph();
     static const Blob past = longestPast(makeGraph(), "SynapseGraph");
-    // So that tables of another network are there to be replaced.
+    // Build the tables of this network, which a restore replaces.
     (void)graph.outgoing(0);
     (void)graph.incoming(0);
     (void)graph.dMin();
@@ -73,7 +73,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         (void)outcomeOf([&] { graph.deliver(n, last_model_time - 1'000, sink); });
     }
     std::vector<NodeId> targets;
-    for (SynapseGraph* one : {&graph, &twin}) one->takeReweightedTargets(targets);
+    std::uint64_t call = 0;
+    for (SynapseGraph* one : {&graph, &twin}) call = one->takeReweightedTargets(0, targets);
     sameFor(graph, twin, [](SynapseGraph& g) {
         applyHomeostasis(g, {true, 0.5});
         for (EdgeId id = 0; id < g.edgeCount(); ++id) {
@@ -82,7 +83,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
         applyHomeostasis(g, {true, 1e-300});
     });
-    graph.takeReweightedTargets(targets);
+    graph.takeReweightedTargets(call, targets);
     requireRestorable(graph, makeGraph());
     return 0;
 }

@@ -150,18 +150,20 @@ void SynapseGraph::noteReweighted(NodeId target) {
     reweighted_.noted[target] = 1;
 }
 
-void SynapseGraph::takeReweightedTargets(std::vector<NodeId>& targets) {
-    if (!reweighted_.recording) {
+std::uint64_t SynapseGraph::takeReweightedTargets(std::uint64_t last_call,
+                                                  std::vector<NodeId>& targets) {
+    if (reweighted_.recording && last_call == reweighted_.calls) {
+        targets.assign(reweighted_.nodes.begin(), reweighted_.nodes.end());
+        std::sort(targets.begin(), targets.end());
+        for (const NodeId node : targets) reweighted_.noted[node] = 0;
+    } else {
         targets.resize(node_count_);
         std::iota(targets.begin(), targets.end(), NodeId{0});
         reweighted_.noted.assign(node_count_, 0);
         reweighted_.recording = true;
-        return;
     }
-    targets.assign(reweighted_.nodes.begin(), reweighted_.nodes.end());
-    std::sort(targets.begin(), targets.end());
-    for (const NodeId node : targets) reweighted_.noted[node] = 0;
     reweighted_.nodes.clear();
+    return ++reweighted_.calls;
 }
 
 Blob SynapseGraph::snapshot() const {

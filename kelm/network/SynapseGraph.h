@@ -115,17 +115,19 @@ public:
     /// SynapseRoutingViolation for an id outside the network.
     void setWeight(EdgeId id, float weight);
 
-    /// Fills `targets` with the neurons that a reader of incoming weights has to look at again,
-    /// ascending, each once: at first every neuron, later the targets of all synapses whose weight
-    /// was set since the call before, to whatever value.
+    /// Replaces `targets` by the neurons whose incoming weights were set since an earlier call, to
+    /// whatever value: ascending, each once. `last_call` is what that call returned, 0 for none.
+    /// Returns the number of this call.
     ///
-    /// The record begins with the first call, so that a graph which nobody asks keeps none, and
-    /// belongs to this object: a copied, moved, assigned or restored graph begins anew. Memory is
-    /// bounded by the neuron count. May throw std::bad_alloc, with the record as it was.
-    void takeReweightedTargets(std::vector<NodeId>& targets);
+    /// `targets` becomes every neuron if `last_call` is not the latest call, or if the graph was
+    /// copied, moved, assigned to or restored since. So a second reader costs the first reader
+    /// time, but hides no change from it.
+    ///
+    /// A graph keeps no record before the first call. Memory is bounded by the neuron count. May
+    /// throw std::bad_alloc, with the record unchanged.
+    std::uint64_t takeReweightedTargets(std::uint64_t last_call, std::vector<NodeId>& targets);
 
-    /// Hints that deliver from `source` comes soon. Does nothing but ask for memory; `source` must
-    /// lie in the network.
+    /// Hints that deliver() from `source` follows soon. `source` must lie in the network.
     void prefetchSynapses(NodeId source) const {
         if (!out_.built) return;
         const std::uint64_t first = out_.offsets[source];
@@ -135,14 +137,17 @@ public:
             prefetchLine(out_.edges.data() + first);
         }
     }
-    /// Hints that a synapse is read soon; `id` must lie in the network.
+    /// Hints that a synapse is read soon. `id` must lie in the network.
     void prefetchEdge(EdgeId id) const { synapses_.prefetch(id); }
 
+    /// How many synapses to hint at once. A processor drops hints beyond its capacity.
+    static constexpr std::size_t prefetch_block = 16;
+
     /// Posts one delivery for each transmitting synapse of `source`, in EdgeId order, for a spike
-    /// at `time` ns, and returns their number. A Sink of a final class is called directly, and gets
-    /// packed deliveries where it takes them and they can be packed.
-    /// Throws SynapseRoutingViolation for a source outside the network, TimeOverflow for a delivery
-    /// beyond the range of ModelTime; the deliveries before it stay posted.
+    /// at `time` ns. Returns their number. A Sink of a final class needs no virtual calls.
+    /// A Sink that takes packed deliveries gets them where the table is compact. Throws
+    /// SynapseRoutingViolation for a source outside the network, and TimeOverflow for a delivery
+    /// beyond the range of ModelTime. The deliveries before that one stay posted.
     template <class Sink>
     std::uint64_t deliver(NodeId source, ModelTime time, Sink& sink) {
         if (source >= node_count_) throw SynapseRoutingViolation(SynapseRoutingViolation::source);
@@ -197,6 +202,7 @@ private:
         }
 
         bool recording = false;
+        std::uint64_t calls = 0;          ///< calls that took the targets
         std::vector<NodeId> nodes;        ///< in the order of the first change
         std::vector<std::uint8_t> noted;  ///< by NodeId: 1 for a neuron in `nodes`
     };

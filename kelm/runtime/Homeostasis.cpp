@@ -11,14 +11,11 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// As many as a processor fetches at once without losing some.
-constexpr std::size_t prefetched_synapses = 16;
-
 void requireCap(double cap) {
     if (!std::isfinite(cap) || !(cap > 0.0)) throw InvalidPlasticity(InvalidPlasticity::cap);
 }
 
-/// Whether the neuron was scaled. The sum runs in EdgeId order.
+/// Scales one neuron and returns whether that was necessary. The sum runs in EdgeId order.
 bool scaleNeuron(SynapseGraph& graph, NodeId neuron, double cap) {
     const std::span<const EdgeId> list = graph.incoming(neuron);
     if (list.empty()) return false;
@@ -34,10 +31,10 @@ bool scaleNeuron(SynapseGraph& graph, NodeId neuron, double cap) {
     return true;
 }
 
-/// Asks for the first of the synapses that enter a neuron, which lie anywhere.
+/// Hints the first synapses that enter a neuron. They lie anywhere in memory.
 void prefetchIncoming(SynapseGraph& graph, NodeId neuron) {
     const std::span<const EdgeId> list = graph.incoming(neuron);
-    for (const EdgeId id : list.first(std::min(list.size(), prefetched_synapses))) {
+    for (const EdgeId id : list.first(std::min(list.size(), SynapseGraph::prefetch_block))) {
         graph.prefetchEdge(id);
     }
 }
@@ -61,15 +58,15 @@ std::uint64_t applyHomeostasis(SynapseGraph& graph, const HomeostasisConfig& con
 std::uint64_t Homeostasis::apply(SynapseGraph& graph, const HomeostasisConfig& config) {
     if (!config.enabled) return 0;
     requireCap(config.cap);
-    // Taken before anything is scaled: the neurons scaled below are then due at the next call.
-    graph.takeReweightedTargets(targets_);
+    // Taken before anything is scaled, so the next call visits the neurons that are scaled below.
+    last_call_ = graph.takeReweightedTargets(last_call_, targets_);
     if (cap_ != config.cap) {
-        // A neuron below the old cap, and so not among the targets, may lie above the new one.
+        // A neuron that is not among the targets was below the old cap, and may exceed the new one.
         cap_ = config.cap;
         return scaleNetwork(graph, config.cap);
     }
-    // A neuron's sum reads its own incoming weights alone, so the neurons left out would come out
-    // as they did the last time: not scaled.
+    // A neuron's sum reads only its own incoming weights. So the neurons left out would give the
+    // result of the last call again: not scaled.
     std::uint64_t scaled = 0;
     for (std::size_t i = 0; i < targets_.size(); ++i) {
         if (i + 1 < targets_.size()) prefetchIncoming(graph, targets_[i + 1]);

@@ -10,26 +10,25 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Scales the incoming weights of each neuron whose mean incoming weight, enabled or not, exceeds
-/// the cap, so that the mean comes down to the cap but for single-precision rounding. Walks the
-/// whole network and returns how many neurons were scaled; 0 where homeostasis is off.
-/// Throws InvalidPlasticity for a cap that is not finite and positive; nothing is scaled then.
+/// Scales the incoming weights of each neuron whose mean incoming weight exceeds the cap, so that
+/// the mean becomes the cap, up to single-precision rounding. Disabled synapses count. Walks the
+/// whole network and returns the number of neurons scaled; 0 if homeostasis is off.
+/// Throws InvalidPlasticity, with nothing scaled, for a cap that is not finite and positive.
 /// Source: synaptic scaling, Turrigiano, Cell 135 (2008).
 std::uint64_t applyHomeostasis(SynapseGraph& graph, const HomeostasisConfig& config);
 
-/// applyHomeostasis for a caller that comes once per window: it leaves the same weights and returns
-/// the same count, but looks again only at neurons whose incoming weights were set since it last
-/// looked. A neuron that it scaled is looked at once more, as its mean may miss the cap by a
-/// rounding step.
-///
-/// It must be the only one that takes the graph's reweighted targets, and stays with one graph.
+/// applyHomeostasis for a caller that calls it once per window. It leaves the same weights and
+/// returns the same count, but visits only the neurons whose incoming weights were set since its
+/// last call. It visits a neuron that it scaled once more, since the mean may miss the cap by a
+/// rounding step. One object serves one graph.
 class Homeostasis {
 public:
-    /// Throws as above. A change of the cap since the call before makes it walk the whole network.
+    /// Throws as above. Walks the whole network if the cap differs from that of the last call.
     std::uint64_t apply(SynapseGraph& graph, const HomeostasisConfig& config);
 
 private:
-    std::optional<double> cap_;    ///< of the last walk; none before the first
+    std::optional<double> cap_;    ///< of the last call; none before the first
+    std::uint64_t last_call_ = 0;  ///< number of the last call that took the graph's targets
     std::vector<NodeId> targets_;  ///< scratch
 };
 

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <numeric>
 #include <optional>
 #include <set>
 #include <span>
@@ -49,16 +50,17 @@ using Edges = std::vector<EdgeId>;
 
 Edges copyOf(std::span<const EdgeId> view) { return Edges(view.begin(), view.end()); }
 
-Nodes takeTargets(SynapseGraph& graph) {
-    Nodes targets = {77, 77};  // old contents must vanish
-    graph.takeReweightedTargets(targets);
+/// Takes the reweighted targets since `last_call`, and sets that to the number of this call.
+Nodes takeTargets(SynapseGraph& graph, std::uint64_t& last_call) {
+    Nodes targets = {77, 77};  // must be replaced
+    last_call = graph.takeReweightedTargets(last_call, targets);
     return targets;
 }
 
-/// Where the routed byte of a synapse lies in a snapshot.
+/// The position of a synapse's routed byte in a snapshot.
 std::size_t routedAt(EdgeId id) { return 35 + 63 * id + 62; }
 
-/// The same network with some synapses taken off the routing tables.
+/// The same network with some synapses removed from the routing tables.
 SynapseGraph withUnrouted(SynapseGraph graph, const Edges& unrouted) {
     Blob blob = graph.snapshot();
     for (const EdgeId id : unrouted) blob.at(routedAt(id)) = 0;
@@ -94,8 +96,8 @@ TEST(SynapseGraph, RefusesTheFirstFaultOfTheFirstSynapseThatHasOne) {
 }
 
 TEST(SynapseGraph, ListsTheSynapsesOfEachNeuronInAscendingOrder) {
-    // Against a search through all synapses; few neurons, so that self-loops and parallel synapses
-    // abound, and some that have none.
+    // Compared with a search through all synapses. Few neurons, so that self-loops and parallel
+    // synapses are frequent, and some neurons have no synapse.
     for (std::uint64_t seed = 0; seed < 200; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         Draws draws(seed);
@@ -144,14 +146,14 @@ TEST(SynapseGraph, FormsWindowsByTheDeclaredDelayElseByTheSmallestRouted) {
 
     EXPECT_EQ(SynapseGraph(2, {}, {}).dMin(), Delay());
     EXPECT_EQ(SynapseGraph(2, 6, {}).dMin(), Delay(6));
-    EXPECT_EQ(SynapseGraph(2, 6, edges).dMin(), Delay(6)) << "though every delay is longer";
+    EXPECT_EQ(SynapseGraph(2, 6, edges).dMin(), Delay(6)) << "although every delay is longer";
     SynapseGraph graph(2, {}, edges);
     EXPECT_EQ(graph.dMin(), Delay(7)) << "a disabled synapse counts";
     graph.setEnabled(1, true);
     graph.setEnabled(2, false);
     EXPECT_EQ(graph.dMin(), Delay(7));
     graph = withUnrouted(graph, {1});
-    EXPECT_EQ(graph.dMin(), Delay(8)) << "one that is not routed does not";
+    EXPECT_EQ(graph.dMin(), Delay(8)) << "a synapse that is not routed does not count";
     graph = withUnrouted(graph, {0, 2});
     EXPECT_EQ(graph.dMin(), Delay());
     EXPECT_EQ(graph.dMin(), Delay());
@@ -174,7 +176,7 @@ TEST(SynapseGraph, DeliversASpikeToEachTargetInEdgeOrder) {
     EXPECT_TRUE(sameImages<Event>(sink.events, expected));
 }
 
-TEST(SynapseGraph, DeliversNothingAlongWhatIsSwitchedOff) {
+TEST(SynapseGraph, SkipsDisabledSynapsesAndClassesOnDelivery) {
     std::vector<Synapse> edges = {synapse(0, 1), synapse(0, 1, 0.5F, 10, true), synapse(0, 0),
                                   synapse(0, 0, 0.5F, 10, true), synapse(0, 1)};
     edges[4].enabled = false;
@@ -202,7 +204,7 @@ TEST(SynapseGraph, DeliversNothingAlongWhatIsSwitchedOff) {
     EXPECT_EQ(graph.rebuilds(), 1U);
 }
 
-TEST(SynapseGraph, LeavesTheDeliveriesBeforeOneBeyondTimePosted) {
+TEST(SynapseGraph, KeepsTheDeliveriesBeforeATimeOverflow) {
     SynapseGraph graph(1, {},
                        {synapse(0, 0, 0.5F, 10), synapse(0, 0, 0.5F, 11), synapse(0, 0, 0.5F, 1)});
     RecordingSink sink;
@@ -210,7 +212,7 @@ TEST(SynapseGraph, LeavesTheDeliveriesBeforeOneBeyondTimePosted) {
                                "KELM model time overflow");
     ASSERT_EQ(edgesOf(sink.events), Edges{0});
     EXPECT_EQ(sink.events[0].time, last_model_time);
-    // A synapse that delivers nothing computes no time.
+    // A disabled synapse computes no time.
     graph.setEnabled(1, false);
     EXPECT_EQ(graph.deliver(0, last_model_time - 10, sink), 2U);
 }
@@ -238,13 +240,13 @@ TEST(SynapseGraph, RefusesIndicesOutsideTheNetwork) {
     EXPECT_EQ(graph.snapshot(), before);
 }
 
-TEST(SynapseGraph, RefusesTablesThatNoMemoryHolds) {
-    // One entry more than 2^64 - 1 neurons is none at all.
+TEST(SynapseGraph, RefusesTablesTooLargeForMemory) {
+    // The offsets have one entry more than neurons, which wraps to 0 here.
     SynapseGraph graph(~std::uint64_t{0}, {}, {});
     EXPECT_THROW(graph.outgoing(0), std::length_error);
     EXPECT_THROW(graph.outOffsets(), std::length_error);
     Nodes targets;
-    EXPECT_THROW(graph.takeReweightedTargets(targets), std::length_error);
+    EXPECT_THROW(graph.takeReweightedTargets(0, targets), std::length_error);
 }
 
 TEST(SynapseGraph, BuildsItsTablesOnceAndOnlyWhenTheyAreRead) {
@@ -267,36 +269,42 @@ TEST(SynapseGraph, BuildsItsTablesOnceAndOnlyWhenTheyAreRead) {
     EXPECT_EQ(graph.rebuilds(), 2U) << "the next read builds";
 }
 
-// A graph that nobody asked, or that was copied, assigned, moved or restored, has not been looked
-// at: it answers with every neuron.
-TEST(SynapseGraph, TellsWhoseIncomingWeightsWereSetSinceItWasAsked) {
+// These are all neurons at the first call, after the call of another reader, and after a copy,
+// move, assignment or restore.
+TEST(SynapseGraph, ReturnsTheNeuronsWhoseIncomingWeightsWereSetSinceTheLastCall) {
     Draws draws(11);
     std::vector<Synapse> edges;
     for (int i = 0; i < 300; ++i) edges.push_back(synapse(draws.below(40), draws.below(40)));
     SynapseGraph graph(40, {}, edges);
-    std::set<NodeId> everyone;
-    for (NodeId node = 0; node < 40; ++node) everyone.insert(node);
-    std::set<NodeId> expected = everyone;
+    Nodes all(40);
+    std::iota(all.begin(), all.end(), NodeId{0});
+    std::set<NodeId> expected(all.begin(), all.end());
+    std::uint64_t last_call = 0;
+    std::uint64_t intruders_call = 0;
     for (int round = 0; round < 500; ++round) {
         for (std::uint64_t i = draws.below(100); i-- > 0;) {
             const EdgeId id = draws.below(300);
-            graph.setWeight(id, 0.5F);  // at times the value that it has
+            graph.setWeight(id, 0.5F);  // sometimes the value that it has
             expected.insert(edges[id].target);
         }
         EXPECT_THROW(graph.setWeight(0, -1.0F), InvalidSynapse);
         EXPECT_FALSE(graph.restore(Blob{}));
         if (draws.oneIn(8)) {
             SynapseGraph copy = graph;
-            ASSERT_EQ(takeTargets(copy), Nodes(everyone.begin(), everyone.end()));
-            const std::uint64_t way = draws.below(4);
+            std::uint64_t copys_call = last_call;
+            ASSERT_EQ(takeTargets(copy, copys_call), all);
+            const std::uint64_t way = draws.below(5);
             if (way == 0) graph = copy;
             if (way == 1) graph = std::move(copy);
             if (way == 2) {
                 ASSERT_TRUE(graph.restore(graph.snapshot()));
             }
-            if (way != 3) expected = everyone;
+            if (way == 3) {
+                ASSERT_EQ(takeTargets(graph, intruders_call), all);
+            }
+            if (way != 4) expected.insert(all.begin(), all.end());
         }
-        ASSERT_EQ(takeTargets(graph), Nodes(expected.begin(), expected.end())) << round;
+        ASSERT_EQ(takeTargets(graph, last_call), Nodes(expected.begin(), expected.end())) << round;
         expected.clear();
     }
 }

@@ -147,8 +147,11 @@ TEST(LearningChain, AgreesToTheBitWithThePlainRules) {
 
             cap.enabled = draws.oneIn(3);
             if (draws.oneIn(20)) cap.cap = static_cast<double>(1 + draws.below(6)) / 8.0;
-            // A new one meets a graph that was asked before.
+            // A new object on a graph that another one has visited, and a second one beside it.
             if (draws.oneIn(20)) homeostasis = Homeostasis();
+            if (draws.oneIn(20)) {
+                ASSERT_EQ(Homeostasis().apply(graph, {true, 1e6}), 0U);
+            }
             SynapseGraph whole = graph;
             const std::uint64_t scaled = cap.enabled ? plain.scale(cap.cap) : 0;
             ASSERT_EQ(homeostasis.apply(graph, cap), scaled);
