@@ -15,14 +15,14 @@ struct Synapse {
     bool inhibitory = false;  ///< delivers the negated weight; also selects the plasticity rule
     std::uint32_t reserved_a = 0;  ///< carried, not interpreted
     std::int64_t reserved_b = 0;   ///< carried, not interpreted
-    ModelTime last_change = 0;     ///< ns; when learning last changed the weight
+    ModelTime last_change = 0;     ///< ns; time of the last change by learning
     bool enabled = true;           ///< a disabled synapse stays routed and delivers nothing
     std::uint32_t reserved_c = 0xffffffff;          ///< carried, not interpreted
     std::uint64_t reserved_d = 0xffffffffffffffff;  ///< carried, not interpreted
 };
 
-/// What a synapse of a weight delivers: negated in single precision before it is widened, so that
-/// one of 0 arrives as -0.0.
+/// The value that a synapse delivers. An inhibitory weight is negated in single precision before it
+/// is widened, so a weight of 0 arrives as -0.0.
 inline float deliveredWeight(float weight, bool inhibitory) {
     return inhibitory ? -weight : weight;
 }

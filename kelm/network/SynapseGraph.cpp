@@ -15,7 +15,7 @@ constexpr std::size_t edge_bytes = 63;
 
 bool isWeight(float weight) { return std::isfinite(weight) && !(weight < 0.0F); }
 
-/// The reason why a network cannot hold a synapse, or null.
+/// The first fault of a synapse, or null.
 const char* faultOf(const Synapse& synapse, std::uint64_t node_count,
                     std::optional<ModelTime> min_delay) {
     if (synapse.source >= node_count || synapse.target >= node_count) {
@@ -52,16 +52,16 @@ SynapseGraph::SynapseGraph(std::uint64_t node_count, std::optional<ModelTime> mi
         synapses_.append(synapse, true);
     }
     routed_count_ = synapses_.size();
-    // Now, and not when the expression ends in which the graph is made: it is the larger part of
-    // what a large network ever takes.
+    // Released here and not at the end of the caller's expression: the list is larger than the
+    // table.
     std::vector<Synapse>().swap(edges);
 }
 
-/// Lists the routed synapses by one of their ends. Ascending EdgeId within a list: it fixes the
+/// Lists the routed synapses by source or by target. A list ascends by EdgeId: this order fixes the
 /// order of deliveries, and with it the ids of events.
 template <class End>
 void SynapseGraph::buildRoutes(Routes& routes, End end) {
-    // One entry more than there are neurons: it must not wrap around to a table without entries.
+    // The table has one entry more than there are neurons; the sum must not wrap around.
     if (node_count_ >= routes.offsets.max_size()) {
         throw std::length_error("the network has more neurons than a table can hold");
     }
@@ -73,11 +73,11 @@ void SynapseGraph::buildRoutes(Routes& routes, End end) {
     routes.built = true;
 }
 
-/// Fills the offsets of a graph that is given in order, in one pass. False where it is not.
+/// Fills the offsets in one pass if the synapses are sorted by `end`. False if they are not.
 template <class End>
 bool SynapseGraph::buildAscending(Routes& routes, End end) const {
     const EdgeId count = synapses_.size();
-    NodeId started = 0;  // lists whose beginning is known
+    NodeId started = 0;  // number of lists whose first entry is known
     for (EdgeId id = 0; id < count; ++id) {
         const NodeId node = end(id);
         if (node + 1 < started) return false;
@@ -90,8 +90,8 @@ bool SynapseGraph::buildAscending(Routes& routes, End end) const {
 
 template <class End>
 void SynapseGraph::buildSorted(Routes& routes, End end) const {
-    // Each list is filled from its beginning, which moves its offset to its end: to where the next
-    // one's offset stood.
+    // Filling a list moves its offset from its begin to its end, which is the begin of the next
+    // list.
     std::fill(routes.offsets.begin(), routes.offsets.end(), 0);
     for (EdgeId id = 0; id < synapses_.size(); ++id) {
         if (synapses_.isRouted(id)) ++routes.offsets[end(id)];
@@ -194,46 +194,54 @@ Blob SynapseGraph::snapshot() const {
     return blob;
 }
 
-bool SynapseGraph::restore(BlobView blob) {
+std::optional<SynapseGraph::State> SynapseGraph::read(BlobView blob) const {
     BlobReader in(blob);
     std::uint64_t node_count = 0;
     bool has_min_delay = false;
-    std::int64_t stored_min_delay = 0;
+    std::int64_t min_delay = 0;
     std::uint8_t excitatory_on = 0;
     std::uint8_t inhibitory_on = 0;
     std::uint64_t edge_count = 0;
     if (!in.expectTag(format_tag) || !in.readU64(node_count) || !in.readFlag(has_min_delay) ||
-        !in.readI64(stored_min_delay) || !in.readU8(excitatory_on) || !in.readU8(inhibitory_on) ||
+        !in.readI64(min_delay) || !in.readU8(excitatory_on) || !in.readU8(inhibitory_on) ||
         !in.readCount(edge_bytes, edge_count)) {
-        return false;
+        return std::nullopt;
     }
-    if (node_count != node_count_) return false;
-    std::optional<ModelTime> min_delay;
-    if (has_min_delay) min_delay = stored_min_delay;
-    if (min_delay && *min_delay < 1) return false;
+    if (node_count != node_count_ || (has_min_delay && min_delay < 1)) return std::nullopt;
 
-    SynapseTable synapses;
-    synapses.reserve(edge_count);
-    std::uint64_t routed_count = 0;
+    State state;
+    if (has_min_delay) state.min_delay = min_delay;
+    state.excitatory_on = excitatory_on != 0;
+    state.inhibitory_on = inhibitory_on != 0;
+    state.synapses.reserve(edge_count);
     for (EdgeId id = 0; id < edge_count; ++id) {
         Synapse synapse;
         bool routed = false;
-        if (!readSynapse(in, synapse, routed)) return false;
-        if (faultOf(synapse, node_count_, min_delay) != nullptr) return false;
-        synapses.append(synapse, routed);
-        if (routed) ++routed_count;
+        if (!readSynapse(in, synapse, routed)) return std::nullopt;
+        if (faultOf(synapse, node_count_, state.min_delay) != nullptr) return std::nullopt;
+        state.synapses.append(synapse, routed);
+        if (routed) ++state.routed_count;
     }
-    if (!in.atEnd()) return false;
+    if (!in.atEnd()) return std::nullopt;
+    return state;
+}
 
-    min_delay_ = min_delay;
-    routed_count_ = routed_count;
-    synapses_ = std::move(synapses);
-    excitatory_on_ = excitatory_on != 0;
-    inhibitory_on_ = inhibitory_on != 0;
+void SynapseGraph::adopt(State&& state) noexcept {
+    min_delay_ = state.min_delay;
+    synapses_ = std::move(state.synapses);
+    routed_count_ = state.routed_count;
+    excitatory_on_ = state.excitatory_on;
+    inhibitory_on_ = state.inhibitory_on;
     out_.built = false;
     in_.built = false;
     d_min_stale_ = true;
     reweighted_.clear();
+}
+
+bool SynapseGraph::restore(BlobView blob) {
+    std::optional<State> state = read(blob);
+    if (!state) return false;
+    adopt(std::move(*state));
     return true;
 }
 

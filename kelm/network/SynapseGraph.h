@@ -20,17 +20,16 @@ namespace Lumenar::Core::Kelm {
 ///
 /// Invariant: every endpoint lies below nodeCount(), every weight is finite and not negative, every
 /// delay is at least 1 and at least the declared smallest delay. Self-loops and parallel synapses
-/// are allowed. Neurons and synapses are never added or removed after construction; weights, times
-/// of last change and the switches move.
+/// are allowed. Neurons and synapses are never added or removed after construction. Weights, times
+/// of last change and the switches may change.
 ///
-/// The synapses lie in columns, 20 bytes each while they are as usual, and a graph given in the
-/// order of sources needs no outgoing lists to deliver. The routing tables are built when they are
-/// first read, so a read may build them and is not constant. Views are valid until the graph is
-/// assigned to or restored. A graph that was moved from may only be assigned to or destroyed. Used
-/// by one thread at a time.
+/// The synapses lie in columns, 20 bytes each in a compact table. A graph whose synapses are sorted
+/// by source delivers without outgoing lists. The first read of the routing tables builds them, so
+/// such a read is not const. Views are valid until the graph is assigned to or restored. A graph
+/// that was moved from may only be assigned to or destroyed. One thread at a time.
 class SynapseGraph {
 public:
-    /// Takes the synapses; a synapse's EdgeId is its place in the list.
+    /// Takes over the synapses. A synapse's EdgeId is its index in the list.
     /// `min_delay`: declared smallest delay in ns, or none.
     /// Throws InvalidSynapse for a min_delay below 1, then for the first synapse that breaks the
     /// invariant: endpoints, weight, delay, in this order.
@@ -58,14 +57,14 @@ public:
     }
     /// Shape (nodeCount() + 1): neuron n's outgoing list is outEdges() from entry n to entry n + 1.
     std::span<const std::uint64_t> outOffsets();
-    /// Shape (routedCount()): all outgoing lists, one behind the other.
+    /// Shape (routedCount()): all outgoing lists, one after the other.
     std::span<const EdgeId> outEdges();
 
-    /// The window length of a run: the declared smallest delay in ns, else the smallest delay of
-    /// all routed synapses, enabled or not; no value for a network that has neither.
+    /// The window length of a run in ns: the declared smallest delay, else the smallest delay of
+    /// all routed synapses, enabled or not. No value for a network that has neither.
     std::optional<ModelTime> dMin();
 
-    /// How many times the routing tables have been built.
+    /// How many times the routing tables were built.
     std::uint64_t rebuilds() const { return rebuilds_; }
 
     /// Each throws SynapseRoutingViolation for an id outside the network.
@@ -101,16 +100,16 @@ public:
     bool transmissionEnabled(bool inhibitory) const {
         return inhibitory ? inhibitory_on_ : excitatory_on_;
     }
-    /// Switches a class on or off from the next delivery on; events on their way arrive.
+    /// Switches a class on or off from the next delivery on. Events already posted still arrive.
     void setTransmissionEnabled(bool inhibitory, bool on) {
         (inhibitory ? inhibitory_on_ : excitatory_on_) = on;
     }
-    /// Switches one synapse on or off from the next delivery on; events on their way arrive. It
-    /// stays routed and counts for dMin() either way.
-    /// Throws SynapseRoutingViolation for an id outside the network.
+    /// Switches one synapse on or off from the next delivery on. Events already posted still
+    /// arrive. The synapse stays routed and counts for dMin() either way. Throws
+    /// SynapseRoutingViolation for an id outside the network.
     void setEnabled(EdgeId id, bool on) { synapses_.setEnabled(checked(id), on); }
 
-    /// Sets a weight magnitude from the next delivery on; events on their way keep their value.
+    /// Sets a weight magnitude from the next delivery on. Events already posted keep their value.
     /// Throws InvalidSynapse for a weight that is negative or not finite, then
     /// SynapseRoutingViolation for an id outside the network.
     void setWeight(EdgeId id, float weight);
@@ -179,15 +178,26 @@ public:
     /// enabled (1), reserved_c (4), reserved_d (8), routed (1).
     Blob snapshot() const;
 
-    /// Replaces the synapses, the declared smallest delay and the class switches by those of
-    /// `blob`. False for a blob that is cut short, forged, of another format or of a network with
-    /// another neuron count, or that holds a synapse which construction refuses; the graph is then
-    /// as it was.
+    /// What a snapshot holds, but for the neuron count.
+    struct State {
+        std::optional<ModelTime> min_delay;
+        SynapseTable synapses;
+        std::uint64_t routed_count = 0;
+        bool excitatory_on = true;
+        bool inhibitory_on = true;
+    };
+    /// Reads a snapshot for adopt. No value for a blob that is cut short, forged, of another format
+    /// or of a network with another neuron count, or that holds a synapse which construction
+    /// refuses.
+    std::optional<State> read(BlobView blob) const;
+    /// Replaces what a snapshot holds.
+    void adopt(State&& state) noexcept;
+    /// Reads and adopts. False, with the graph unchanged, for a blob that read() refuses.
     [[nodiscard]] bool restore(BlobView blob);
 
 private:
-    /// Which neurons' incoming weights were set. It stays behind when the graph is copied or moved:
-    /// whoever asks another graph has not yet looked at any of its neurons.
+    /// The neurons whose incoming weights were set since the last call that took them. A copied or
+    /// moved graph starts a new record.
     struct ReweightedTargets {
         ReweightedTargets() = default;
         ReweightedTargets(const ReweightedTargets&) noexcept {}
@@ -211,13 +221,13 @@ private:
         if (id >= synapses_.size()) throw SynapseRoutingViolation(SynapseRoutingViolation::edge);
         return static_cast<std::size_t>(id);
     }
-    /// The routed synapses by one of their ends, in compressed sparse rows.
+    /// The routed synapses by source or by target, in compressed sparse rows.
     struct Routes {
         std::vector<std::uint64_t> offsets;  ///< shape (neurons + 1)
         std::vector<EdgeId> edges;           ///< shape (routed synapses), see ascending
         bool built = false;
-        /// Entry i is synapse i: a graph given in this order. The list is then left out until
-        /// somebody wants to read it.
+        /// Entry i is synapse i, because the synapses came in this order. `edges` is then filled
+        /// only when it is read.
         bool ascending = false;
 
         std::span<const EdgeId> of(NodeId node) const {
@@ -237,7 +247,7 @@ private:
     bool buildAscending(Routes& routes, End end) const;
     template <class End>
     void buildSorted(Routes& routes, End end) const;
-    /// The routes, with their list.
+    /// The routes with their list filled.
     const Routes& listed(Routes& routes) {
         if (routes.edges.size() != routed_count_) listAscending(routes);
         return routes;
@@ -269,7 +279,7 @@ private:
     SynapseTable synapses_;
     std::uint64_t routed_count_ = 0;
     Routes out_;
-    Routes in_;  ///< built when it is first asked for: only learning asks
+    Routes in_;  ///< only learning reads it
     std::optional<ModelTime> derived_d_min_;
     std::uint64_t rebuilds_ = 0;
     bool d_min_stale_ = true;

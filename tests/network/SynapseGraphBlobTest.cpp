@@ -10,8 +10,7 @@ namespace {
 
 using namespace Testing;
 
-/// What a blob of two neurons and two synapses holds: between the header's 35 bytes and the second
-/// synapse's 63, the fields of the first lie at 35 and so on.
+/// A blob of two neurons and two synapses: a header of 35 bytes, then 63 bytes per synapse.
 const Blob sound = blobOf(BlobTag("KELMSYN1"), 2UL,  // neurons
                           true, 6L,                  // has min_delay, min_delay
                           true, true, 2UL,           // excitatory on, inhibitory on, synapses
@@ -40,7 +39,7 @@ TEST(SynapseGraphBlob, ReplacesAllButTheNeuronCount) {
     SynapseGraph graph(2, {}, {Synapse{.source = 1, .target = 1, .delay = 3}});
     ASSERT_EQ(graph.incoming(1).size(), 1U);
     ASSERT_EQ(graph.dMin(), 3);
-    // A switch is on for all but 0.
+    // Every value but 0 switches a class on.
     Blob blob = withValueAt(withValueAt(sound, 25, false), 26, '\7');
     blob = withValueAt(blob, first + 62, false);
     ASSERT_TRUE(graph.restore(blob));
@@ -52,15 +51,15 @@ TEST(SynapseGraphBlob, ReplacesAllButTheNeuronCount) {
     EXPECT_EQ(graph.dMin(), 6);
     EXPECT_TRUE(graph.outgoing(1).empty());
     EXPECT_EQ(graph.incoming(1).front(), 1U);
-    // The delay behind a has-flag of 0 is not looked at.
+    // A has-flag of 0 makes the delay after it meaningless.
     blob = withValueAt(withValueAt(blob, 16, false), 17, -9L);
     ASSERT_TRUE(graph.restore(withValueAt(blob, 25, '\2')));
     EXPECT_TRUE(graph.transmissionEnabled(false));
-    EXPECT_EQ(graph.dMin(), 0x0102030405060708) << "the smallest that is routed";
+    EXPECT_EQ(graph.dMin(), 0x0102030405060708) << "the smallest routed delay";
 }
 
-TEST(SynapseGraphBlob, IsTakenWholeOrLeavesTheGraphAsItIs) {
-    // With a delay of 3, which the blob's own declared delay would refuse.
+TEST(SynapseGraphBlob, IsRestoredWholeOrLeavesTheGraphUnchanged) {
+    // Its delay of 3 is below the declared delay of the blob.
     SynapseGraph graph(2, {}, {Synapse{.source = 1, .target = 1, .delay = 3}});
     graph.outgoing(0);
     SynapseGraph untouched = graph;
