@@ -56,7 +56,6 @@ KelmRuntime makeKelmRuntime(SynapseGraph network, const Kernel::Neuron& neuron,
                             std::vector<InputChannelSpec> input_channels,
                             std::optional<PredictionConfig> prediction, std::uint64_t config_id,
                             std::string label) {
-    if (backend == nullptr) throw std::invalid_argument("a runtime needs a backend");
     return KelmRuntime(std::move(network), neuron, firing, seed, horizon, backend, std::move(store),
                        plasticity, std::move(phase), std::move(recorder), std::move(input_channels),
                        std::move(prediction), config_id, std::move(label));
@@ -148,6 +147,7 @@ void KelmRuntime::reseedModulated() {
 void KelmRuntime::run() { run(horizon_); }
 
 void KelmRuntime::run(ModelTime until) {
+    if (backend_ == nullptr) throw std::invalid_argument("a runtime needs a backend");
     engine_.run(*backend_, until);
     position_ = until;
 }

@@ -31,33 +31,34 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// The version that checkpoints carry; a runtime takes those of its own version alone.
+/// The version in a checkpoint. A runtime restores only checkpoints of its own version.
 inline constexpr std::string_view engine_version = "2.0.0-beta.1";
 
-/// What a user of the library composes: one engine, and through its three window hooks everything
-/// that is more than spiking neurons. Each part is a slot that may be empty, and a runtime with
-/// all slots empty is complete: its hooks then only count.
+/// An engine with everything that is more than spiking neurons. This is what a user of the library
+/// composes. The parts act through the engine's three window hooks. Each part is optional. Without
+/// any part the hooks only count.
 ///
-/// In a window, `prepare` advances the oscillators' coupling and writes each item's drive, from
-/// phase modulation and prediction errors; when the engine has put the results in force, `commit`
-/// passes the window's spikes to plasticity, its proposals through learning control to the graph,
-/// applies homeostasis, and logs the spikes; samples of the recorder follow. Injections and
-/// perturbations are events, posted between runs. All of it runs on the host, in one order, so a
-/// composed run is the same bits on every backend.
+/// In each window, `prepare` advances the coupling of the oscillators and writes each item's drive,
+/// from phase modulation and prediction errors. After the engine has committed the results,
+/// `commit` passes the window's spikes to plasticity and its proposals through learning control to
+/// the graph, applies homeostasis, and logs the spikes. Samples of the recorder follow. Injections
+/// and perturbations are events, posted between runs. All of this runs on the host, in one order,
+/// so a composed run gives the same bits on every backend.
 ///
-/// Build one with makeKelmRuntime. The engine's hooks refer to the object, so it stays where it
-/// was built: it is neither copied nor moved. Between runs a caller may use its parts; learning
-/// takes up a weight that was set in the graph at the synapse's next change. After a throw out of
-/// run it may only be destroyed. One thread at a time.
+/// makeKelmRuntime builds one. The engine's hooks refer to the object, so it is neither copied nor
+/// moved. Between runs a caller may use its parts. Learning notices a weight that was set in the
+/// graph at the synapse's next change. After a throw out of run, but for a missing backend, it may
+/// only be destroyed. One thread at a time.
 class KelmRuntime : private IWindowPrepare, private IWindowCommit, private IWindowObserver {
 public:
     KelmRuntime(const KelmRuntime&) = delete;
     KelmRuntime& operator=(const KelmRuntime&) = delete;
     ~KelmRuntime() override = default;
 
-    /// Runs to the horizon. Throws what WindowEngine::run and the parts throw.
+    /// Runs to the horizon. Throws std::invalid_argument without a backend, then what
+    /// WindowEngine::run and the parts throw.
     void run();
-    /// Runs every window that starts before `until` ns. Throws as above; position() then stays.
+    /// Runs every window that starts before `until` ns. Throws as above, with position() unchanged.
     void run(ModelTime until);
 
     /// Injects a value on a named input channel at `time` ns and returns the ids of its events.
@@ -206,16 +207,17 @@ private:
 /// Builds a runtime in the caller's storage.
 ///
 /// `network`: the graph, taken over. `neuron`, `firing`: the parameters of every neuron. `seed`:
-/// of all random streams. `horizon`: ns. `backend`: borrowed, must outlive the runtime. `store`:
-/// the pending events, or null for the engine's own. `plasticity`: its `enabled` decides whether
-/// weights learn. `phase`: oscillators and one list of bindings per neuron. `recorder`: what is
-/// kept; a sample each interval below the horizon. `input_channels`, `prediction`: named lines in
-/// and local errors. `config_id`, `label`: name the configuration in checkpoints.
+/// of all random streams. `horizon`: ns. `backend`: borrowed, must outlive the runtime; run refuses
+/// null. `store`: the pending events, or null for the engine's own. `plasticity`: its `enabled`
+/// decides whether weights learn. `phase`: oscillators and one list of bindings per neuron.
+/// `recorder`: what is recorded, with a sample each interval below the horizon. `input_channels`,
+/// `prediction`: named input lines and local errors. `config_id`, `label`: name the configuration
+/// in checkpoints.
 ///
-/// Throws std::invalid_argument for a null backend, then what WindowEngine's constructor and those
-/// of the parts throw, in the order plasticity, recorder, input channels, prediction, phase.
-/// A recorder whose interval cuts the horizon into more than 10 million samples is a
-/// std::invalid_argument.
+/// Throws what WindowEngine's constructor and those of the parts throw, in the order plasticity,
+/// recorder, input channels, prediction, phase. The range of a channel's targets comes before its
+/// other checks. Throws std::invalid_argument for a recorder whose interval divides the horizon
+/// into more than 10 million samples.
 KelmRuntime makeKelmRuntime(SynapseGraph network, const Kernel::Neuron& neuron,
                             const Kernel::Firing& firing, std::uint64_t seed, ModelTime horizon,
                             IWindowBackend* backend, std::unique_ptr<IEventStore> store = nullptr,

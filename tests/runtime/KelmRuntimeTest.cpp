@@ -20,8 +20,8 @@
 #include "tests/support/SameBits.h"
 #include "tests/support/SameImages.h"
 
-// That the parts act together is shown by composed runs with known values and by random ones, run
-// in several ways. Here is what those cannot tell.
+// Composed runs with known values and random ones, run in several ways, show that the parts act
+// together. These tests cover what those runs cannot show.
 
 namespace Lumenar::Core::Kelm {
 
@@ -32,8 +32,8 @@ using namespace Testing;
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 constexpr ModelTime d_min = 1'000'000;
 
-/// What makeKelmRuntime takes: three neurons in a ring, each some ten spikes in twenty windows of
-/// 1 ms. Every item passes `show` before it is computed.
+/// The arguments of makeKelmRuntime: three neurons in a ring, each with about ten spikes in twenty
+/// windows of 1 ms. The backend passes every item to `show` before it computes it.
 class KelmRuntimeTest : public testing::Test {
 protected:
     KelmRuntime make() const {
@@ -43,8 +43,8 @@ protected:
                                nullptr, plasticity, phase, recorder, channels, prediction);
     }
 
-    /// Binds neuron 0 to an oscillator that turns four times a window, neuron 1 to nothing, neuron
-    /// 2 to it twice. Neuron 1 hears of one error, neuron 2 of two.
+    /// Binds neuron 0 once and neuron 2 twice to an oscillator with four cycles per window. One
+    /// error channel reaches neuron 1, two reach neuron 2.
     void modulate() {
         phase = PhaseConfig{{{5, 4000.0, 0.5, 0.75}},
                             {{{5, 0, 0.5, 0.0}}, {}, {{5, 1, 0.25, 0.1}, {5, 0, 0.125, 0.2}}},
@@ -79,9 +79,9 @@ protected:
     std::optional<PredictionConfig> prediction;
 };
 
-// Every fault at once, and then one healed after the other: the text tells which check comes next.
+// Starts with every fault and mends one after the other. The text shows which check is next.
 TEST_F(KelmRuntimeTest, ChecksItsArgumentsInOneOrder) {
-    IWindowBackend* const usable = std::exchange(backend, nullptr);
+    backend = nullptr;  // the first run refuses it
     horizon = 0;
     plasticity.enabled = true;
     plasticity.trace.tau_pre = 0;
@@ -92,8 +92,6 @@ TEST_F(KelmRuntimeTest, ChecksItsArgumentsInOneOrder) {
     const auto making = [&] { make(); };
     using Argument = std::invalid_argument;
     using Phase = InvalidPhaseModulation;
-    expectThrows<Argument>(making, "a runtime needs a backend");
-    backend = usable;
     expectThrows<WindowEngineError>(making, "the window engine needs a positive horizon");
     horizon = 100'000'002;
     expectThrows<InvalidPlasticity>(making, "plasticity trace windows must be positive");
@@ -103,7 +101,7 @@ TEST_F(KelmRuntimeTest, ChecksItsArgumentsInOneOrder) {
     expectThrows<Argument>(making, "recorder sample interval is too short for the horizon");
     horizon = 20 * d_min;
     recorder->sample_interval = d_min;
-    // The range comes before the bank's own checks of the same channel.
+    // The range check comes before the bank's checks of the same channel.
     expectThrows<InvalidModality>(making, "runtime input channel target is outside the graph");
     channels[1].targets = {2};
     expectThrows<InvalidModality>(making, "an input channel must be named");
@@ -125,22 +123,26 @@ TEST_F(KelmRuntimeTest, ChecksItsArgumentsInOneOrder) {
     phase->bindings[0][0].oscillator = 6;
     expectThrows<Phase>(making, "phase modulation must be finite");
     phase->bindings[0][0].strength = 0.0;
-    EXPECT_NO_THROW(make());
+    KelmRuntime runtime = make();
+    expectThrows<Argument>([&] { runtime.run(d_min); }, "a runtime needs a backend");
+    expectThrows<Argument>([&] { runtime.run(); }, "a runtime needs a backend");
+    EXPECT_EQ(runtime.position(), 0);
 }
 
-// The oscillator turns four times a window, so each binding adds its whole amplitude to the bound.
-// Its margin is that of gain 1.
-TEST_F(KelmRuntimeTest, DrivesItsNeuronsByRhythmsAndErrorsTimesTheirGains) {
+// A window spans four cycles, so each binding adds its whole amplitude to the bound. The margin is
+// that of gain 1.
+TEST_F(KelmRuntimeTest, DrivesItsNeuronsByPhasesAndErrorsTimesTheirGains) {
     modulate();
-    for (const auto& [rhythm, error] : {std::pair(1.0, 1.0), std::pair(0.5, 0.25), {0.0, 0.5}}) {
-        SCOPED_TRACE("gains " + std::to_string(rhythm) + ", " + std::to_string(error));
+    for (const auto& [phase_gain, error] :
+         {std::pair(1.0, 1.0), std::pair(0.5, 0.25), {0.0, 0.5}}) {
+        SCOPED_TRACE("gains " + std::to_string(phase_gain) + ", " + std::to_string(error));
         KelmRuntime runtime = make();
         InterventionState& state = runtime.interventions();
         for (std::size_t i = 0; i < InterventionState::mechanism_count; ++i) {
             state.setGain(i, 0.0);
-            state.setOff(i, true);  // no mechanism of a drive has a switch
+            state.setOff(i, true);  // the mechanisms of a drive ignore their switches
         }
-        state.setGain(InterventionState::oscillators, rhythm);
+        state.setGain(InterventionState::oscillators, phase_gain);
         state.setGain(InterventionState::prediction, error);
         runtime.prediction()->observeValue(0, 1.0, 0.25, 0);
         runtime.prediction()->observeValue(1, 0.0, 9.0, 0);
@@ -157,19 +159,19 @@ TEST_F(KelmRuntimeTest, DrivesItsNeuronsByRhythmsAndErrorsTimesTheirGains) {
         for (NodeId n = 0; n < 3; ++n) {
             expected[n].base = errors[n] * error;
             expected[n].bound =
-                ((weights[n] + 1.0) * 1e-10 + weights[n] * rhythm) + error_bounds[n] * error;
+                ((weights[n] + 1.0) * 1e-10 + weights[n] * phase_gain) + error_bounds[n] * error;
         }
-        if (rhythm != 0.0) {
-            expected[0].terms[expected[0].term_count++] = {0.375 * rhythm, 0.5, omega};
-            expected[2].terms[expected[2].term_count++] = {-0.1875 * rhythm, 0.5 + 0.1, omega};
-            expected[2].terms[expected[2].term_count++] = {0.09375 * rhythm, 0.5 + 0.2, omega};
+        if (phase_gain != 0.0) {
+            expected[0].terms[expected[0].term_count++] = {0.375 * phase_gain, 0.5, omega};
+            expected[2].terms[expected[2].term_count++] = {-0.1875 * phase_gain, 0.5 + 0.1, omega};
+            expected[2].terms[expected[2].term_count++] = {0.09375 * phase_gain, 0.5 + 0.2, omega};
         }
         EXPECT_TRUE(sameImages<PhaseDrive>(drives, expected));
         EXPECT_EQ(shown.offers, 0);
     }
 }
 
-TEST_F(KelmRuntimeTest, ReadsPhasesAtTheWindowsStartBehindTheCouplingUpToIt) {
+TEST_F(KelmRuntimeTest, ReadsPhasesAtTheWindowsStartAfterTheCoupling) {
     phase = PhaseConfig{{{5, 4000.0, 0.5, 0.75}, {6, 10.0, 2.0, 1.0}},
                         {{}, {{6, 0, 0.25, 0.5}}, {}},
                         {{5, 6, 300.0}, {6, 5, -200.0}},
@@ -187,9 +189,9 @@ TEST_F(KelmRuntimeTest, ReadsPhasesAtTheWindowsStartBehindTheCouplingUpToIt) {
     EXPECT_GT(twin.couplingSteps(), 10);
 }
 
-// Nothing is routed within a window, so an engine with windows of 1 ns makes the same run and can
-// be stopped at any moment.
-TEST_F(KelmRuntimeTest, SamplesOnTheGridBelowTheHorizonWhatAnEngineShowsThatStopsThere) {
+// No delivery arrives within its own window, so an engine with windows of 1 ns makes the same run
+// and can stop at any time.
+TEST_F(KelmRuntimeTest, SamplesTheStateOfAnEngineThatStopsAtThatTime) {
     recorder = RecorderConfig();
     for (const int kind : {0, 2, 3, 4, 5, 6}) {
         recorder->sample_kinds.push_back(static_cast<SampleKind>(kind));
@@ -228,23 +230,23 @@ TEST_F(KelmRuntimeTest, SamplesOnTheGridBelowTheHorizonWhatAnEngineShowsThatStop
     EXPECT_EQ(silent.recorder()->samples()[0].spike_counts, std::vector<double>(3));
 }
 
-/// Keeps what it is told.
-class KeepingListener : public ICommitListener {
+/// Stores the spikes of all calls.
+class StoringListener : public ICommitListener {
 public:
     void committed(ModelTime window_start, ModelTime window_end,
                    std::span<const SpikeRecord> spikes) override {
         EXPECT_EQ(window_end - window_start, d_min);
         ++windows;
-        told.insert(told.end(), spikes.begin(), spikes.end());
+        seen.insert(seen.end(), spikes.begin(), spikes.end());
         look();
     }
 
     std::uint64_t windows = 0;
-    std::vector<SpikeRecord> told;
+    std::vector<SpikeRecord> seen;
     std::function<void()> look;
 };
 
-TEST_F(KelmRuntimeTest, TellsItsListenerWhenEveryPartHasDoneItsWork) {
+TEST_F(KelmRuntimeTest, CallsItsListenerAfterAllParts) {
     plasticity = learning;
     plasticity.homeostasis = {true, 0.25};
     modulate();
@@ -253,19 +255,22 @@ TEST_F(KelmRuntimeTest, TellsItsListenerWhenEveryPartHasDoneItsWork) {
     runtime.oscillators()->setMemberships({{5}, {}});
     double phases_at_proposals = 0.0;
     runtime.plasticity()->setChangeHook([&](const WeightChangeContext& context) {
-        const OscillatorBank& bank = *runtime.oscillators();
-        EXPECT_EQ(context.pre_phase, bank.firstPhase(context.pre_neuron, context.time));
-        EXPECT_EQ(context.post_phase, bank.firstPhase(context.post_neuron, context.time));
+        const auto firstPhase = [&](NodeId neuron) {
+            const auto phases = runtime.oscillators()->neuronPhases(neuron, context.time);
+            return phases.empty() ? 0.0 : phases[0].phase;
+        };
+        EXPECT_EQ(context.pre_phase, firstPhase(context.pre_neuron));
+        EXPECT_EQ(context.post_phase, firstPhase(context.post_neuron));
         phases_at_proposals += context.pre_phase + context.post_phase;
         return 1.0;
     });
-    KeepingListener listener;
+    StoringListener listener;
     listener.look = [&] {
         EXPECT_EQ(runtime.commitCount(), listener.windows - 1);
-        ASSERT_EQ(runtime.phaseLog().size(), listener.told.size());
-        ASSERT_EQ(runtime.recorder()->spikes().size(), listener.told.size());
-        for (std::size_t i = 0; i < listener.told.size(); ++i) {
-            const auto& [time, neuron] = listener.told[i];
+        ASSERT_EQ(runtime.phaseLog().size(), listener.seen.size());
+        ASSERT_EQ(runtime.recorder()->spikes().size(), listener.seen.size());
+        for (std::size_t i = 0; i < listener.seen.size(); ++i) {
+            const auto& [time, neuron] = listener.seen[i];
             const PhaseLogEntry& entry = runtime.phaseLog()[i];
             const RecordedSpike& spike = runtime.recorder()->spikes()[i];
             EXPECT_GE(runtime.plasticity()->traces()[neuron].last_spike, time);
@@ -277,15 +282,15 @@ TEST_F(KelmRuntimeTest, TellsItsListenerWhenEveryPartHasDoneItsWork) {
             EXPECT_TRUE(sameImages<PhaseSample>(entry.phases, phases));
             EXPECT_TRUE(sameImages<PhaseSample>(spike.phases, phases));
         }
-        // One synapse leads into each neuron, so the cap bounds each weight but for a rounding.
+        // One synapse enters each neuron, so the cap bounds each weight, up to rounding.
         for (const float weight : weightsOf(runtime)) EXPECT_LE(weight, 0.25F * (1 + 1e-6F));
     };
     runtime.setCommitListener(&listener);
     runtime.run(10 * d_min);
-    EXPECT_GT(listener.told.size(), 10);
+    EXPECT_GT(listener.seen.size(), 10);
     EXPECT_GT(phases_at_proposals, 0.0);
 
-    // What a listener throws ends the run and nothing else.
+    // An exception of the listener ends the run and changes nothing else.
     listener.look = [] { throw std::domain_error("enough"); };
     EXPECT_THROW(runtime.run(), std::domain_error);
     EXPECT_EQ(runtime.position(), 10 * d_min);
@@ -293,7 +298,7 @@ TEST_F(KelmRuntimeTest, TellsItsListenerWhenEveryPartHasDoneItsWork) {
     EXPECT_EQ(runtime.profile().windows, listener.windows);
 }
 
-TEST_F(KelmRuntimeTest, LearnsNothingWhileThatIsOffAndDoesNotCatchUp) {
+TEST_F(KelmRuntimeTest, SkipsSpikesForGoodWhilePlasticityIsOff) {
     plasticity = learning;
     plasticity.homeostasis = {true, 0.25};
     KelmRuntime runtime = make();
@@ -332,7 +337,7 @@ TEST_F(KelmRuntimeTest, TracesAnInjectionBeforeTheChannelDecides) {
     EXPECT_EQ(runtime.inject("in", 5, 0.5).size(), 2);
     expectThrows<InvalidModality>([&] { runtime.inject("out", 6, 1.0); },
                                   "unknown input channel out");
-    // What the trace refuses never reaches the channel.
+    // An injection that the trace refuses does not reach the channel.
     expectThrows<std::invalid_argument>([&] { runtime.inject("in", 7, nan); },
                                         "invalid trace injection");
     ASSERT_EQ(trace.records().size(), 2);
