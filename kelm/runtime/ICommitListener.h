@@ -7,11 +7,11 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Told of each window that a runtime has committed, when all its parts have done their work.
+/// A runtime calls it for each committed window, after all its parts have processed the window.
 class ICommitListener {
 public:
     virtual ~ICommitListener() = default;
-    /// `window_start`, `window_end`: ns. `spikes`: what the window added, by neuron, then time;
+    /// `window_start`, `window_end`: ns. `spikes`: the spikes of the window, by neuron, then time;
     /// valid during the call.
     virtual void committed(ModelTime window_start, ModelTime window_end,
                            std::span<const SpikeRecord> spikes) = 0;

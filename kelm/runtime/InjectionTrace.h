@@ -8,15 +8,15 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// One injection as it was asked for.
+/// The arguments of one injection.
 struct InjectionRecord {
     std::string name;    ///< of the channel
     ModelTime time = 0;  ///< ns
     double value = 0.0;
 };
 
-/// A record of what was injected into a runtime, in the order of the calls. An injection is noted
-/// before its channel sees it, so one that the channel then refuses is here as well. It only grows.
+/// The injections into a runtime, in the order of the calls. An injection is recorded before its
+/// channel checks it, so the trace also holds those that the channel refuses. It only grows.
 class InjectionTrace {
 public:
     /// Throws std::invalid_argument, with nothing appended, for an empty name, a negative time or a

@@ -10,12 +10,12 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Gains and switches over the mechanisms of a runtime, neutral at the start. They act from the
-/// next window on and stay until they are changed.
+/// Gains and switches of the mechanisms of a runtime, neutral at the start. A change acts from the
+/// next window on.
 struct InterventionState {
     static constexpr std::size_t mechanism_count = 9;
 
-    // The mechanisms that read their entries; all others are stored alone.
+    // The mechanisms that read their entries. The other entries are only stored.
     static constexpr std::size_t oscillators = 1;  ///< gain of all phase modulation; no switch
     static constexpr std::size_t plasticity = 3;   ///< gain of each weight change; off: no learning
     static constexpr std::size_t prediction = 4;   ///< gain of error drive and bound; no switch
@@ -25,8 +25,8 @@ struct InterventionState {
     std::vector<std::uint64_t> intervention_log;
 
     /// Throws InvalidIntervention for an index that is not below mechanism_count, for a gain that
-    /// is not finite, and for a negative gain of oscillators or prediction, in this order: a
-    /// negative bound would bound nothing.
+    /// is not finite, and for a negative gain of oscillators or prediction, in this order. A
+    /// negative gain would make a negative bound.
     void setGain(std::size_t mechanism, double gain) {
         requireMechanism(mechanism);
         if (!std::isfinite(gain)) throw InvalidIntervention(InvalidIntervention::gain);

@@ -8,18 +8,18 @@
 #include "kelm/core/ModelTime.h"
 #include "kelm/runtime/PlasticityConfig.h"
 
-// What learning control keeps of a synapse, and what it notes about its work.
+// The records of learning control: states of synapses, journal entries, settings and counts.
 
 namespace Lumenar::Core::Kelm {
 
-/// A learning synapse's weight as the sum of a lasting and a fading part. Goes into blobs byte for
-/// byte.
+/// The weight of a learning synapse as the sum of a lasting and a fading part. Goes into blobs byte
+/// for byte.
 struct SynapseLearningState {
     double slow = 0.0;             ///< lasting part of the weight
     double fast = 0.0;             ///< fading part of the weight
-    double last_weight = 0.0;      ///< the weight as learning last wrote or saw it
-    std::uint8_t initialized = 0;  ///< not 0 from the first proposal that passed on
-    std::uint8_t pending = 0;      ///< not 0 once the synapse is among the pending ones
+    double last_weight = 0.0;      ///< the weight that learning last wrote or read
+    std::uint8_t initialized = 0;  ///< not 0 after the first proposal that took effect
+    std::uint8_t pending = 0;      ///< not 0 once the synapse is in the list of pending edges
     Gap<6> gap = {};               ///< always zero: equal states have equal bytes
 };
 static_assert(std::is_trivially_copyable_v<SynapseLearningState> &&
@@ -43,8 +43,8 @@ enum class JournalKind : std::uint8_t {
 struct JournalEntry {
     EdgeId edge = 0;
     ModelTime time = 0;          ///< ns
-    double weight_before = 0.0;  ///< as learning had last written or seen it
-    double weight_after = 0.0;   ///< as the network holds it now
+    double weight_before = 0.0;  ///< that learning last wrote or read
+    double weight_after = 0.0;   ///< as written to the network
     double fast_before = 0.0;
     double fast_after = 0.0;
     double slow_before = 0.0;
@@ -73,7 +73,7 @@ static_assert(offsetof(JournalEntry, rule_kind) == 88);
 static_assert(offsetof(JournalEntry, kind) == 89);
 static_assert(offsetof(JournalEntry, gap) == 90);
 
-/// What the gate answered from a moment on. Goes into blobs byte for byte.
+/// The result of the gate from a time on. Goes into blobs byte for byte.
 struct ModulatorSample {
     ModelTime time = 0;     ///< ns
     std::uint8_t open = 0;  ///< 0: nothing is learned
@@ -106,7 +106,7 @@ enum class JournalMode : std::uint8_t {
     sampled = 2,  ///< the first of each 1 / rate entries
 };
 
-/// What one window's learning came to.
+/// The counts of one window's learning.
 struct LearningStatistics {
     std::uint64_t applied = 0;           ///< proposals that took effect
     std::uint64_t blocked_by_group = 0;  ///< proposals whose target's group may not learn

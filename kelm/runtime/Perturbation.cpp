@@ -21,7 +21,7 @@ std::vector<std::uint64_t> postPerturbation(const Perturbation& perturbation,
     Event event;
     event.time = perturbation.time;
     event.kind = EventKind::perturbation;
-    // A negation, not a subtraction from zero: it flips the sign of a zero as well.
+    // A negation, not a subtraction from zero, so that 0.0 becomes -0.0.
     event.value = inhibits ? -perturbation.strength : perturbation.strength;
     event.cause = perturbation.cause;
     std::vector<std::uint64_t> ids;

@@ -10,7 +10,7 @@ namespace Lumenar::Core::Kelm {
 
 enum class PerturbationKind : std::uint8_t { activation = 0, inhibition = 1 };
 
-/// A direct action on named neurons, without a channel.
+/// An input to neurons without a channel.
 struct Perturbation {
     std::uint64_t cause = 0;  ///< the caller's identifier, copied into every event
     ModelTime time = 0;       ///< ns, when it acts
@@ -21,8 +21,8 @@ struct Perturbation {
 
 /// Posts one event per target, in the order of the targets, and returns their ids.
 /// Throws InvalidIntervention for a strength that is not finite, an unknown kind and no target, in
-/// this order and with nothing posted, and for a target that is not below `node_count`; throws what
-/// the sink throws. In these two cases the events of the targets before it stay posted.
+/// this order and with nothing posted. Throws InvalidIntervention for a target that is not below
+/// `node_count`, and what the sink throws. The events of the targets before that one stay posted.
 std::vector<std::uint64_t> postPerturbation(const Perturbation& perturbation,
                                             std::uint64_t node_count, IEventSink& sink);
 

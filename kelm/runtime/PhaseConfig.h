@@ -15,14 +15,14 @@ struct Oscillator {
     double amplitude = 0.0;  ///< factor of every binding, finite, not negative
 };
 
-/// The pull of one oscillator's phase on another's.
+/// A coupling pulls the target's phase towards the source's phase.
 struct OscillatorCoupling {
     std::uint32_t source = 0;
     std::uint32_t target = 0;
-    double strength = 0.0;  ///< radians per second at a quarter cycle's difference; finite
+    double strength = 0.0;  ///< radians per second at a difference of a quarter cycle; finite
 };
 
-/// A tie of a neuron to an oscillator.
+/// Binds a neuron to an oscillator.
 struct PhaseBinding {
     std::uint32_t oscillator = 0;
     std::uint8_t polarity = 0;  ///< 0 excitatory, 1 inhibitory; any other value has no effect
@@ -30,12 +30,12 @@ struct PhaseBinding {
     double phase_offset = 0.0;  ///< radians added to the oscillator's phase, finite
 };
 
-/// The rhythm of a runtime.
+/// The oscillators of a runtime and the bindings of its neurons.
 struct PhaseConfig {
     std::vector<Oscillator> oscillators;
     std::vector<std::vector<PhaseBinding>> bindings;  ///< shape (neurons): a list per neuron
     std::vector<OscillatorCoupling> couplings;
-    ModelTime coupling_period = 0;  ///< ns, positive where there are couplings
+    ModelTime coupling_period = 0;  ///< ns, positive if there are couplings
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -7,11 +7,11 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// A spike, and where the oscillators of its neuron stood.
+/// A spike with the phases of its oscillators.
 struct PhaseLogEntry {
     ModelTime time = 0;  ///< ns
     NodeId neuron = 0;
-    std::vector<PhaseSample> phases;  ///< of the neuron's oscillators at that time
+    std::vector<PhaseSample> phases;  ///< of the oscillators reported for the neuron
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -8,7 +8,7 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// The phase of one oscillator at some instant. Goes into checkpoints byte for byte.
+/// The phase of one oscillator at one time. Goes into checkpoints byte for byte.
 struct PhaseSample {
     std::uint32_t oscillator = 0;  ///< id
     Gap<4> gap = {};               ///< always zero: equal samples have equal bytes

@@ -25,13 +25,13 @@ struct PlasticityRule {
     double scale = 1.0;           ///< factor of every change
 };
 
-/// A cap on the mean weight that enters a neuron.
+/// A cap on the mean incoming weight of a neuron.
 struct HomeostasisConfig {
     bool enabled = false;
     double cap = 1.0;  ///< finite, > 0
 };
 
-/// Whether and how a runtime's weights change.
+/// How a runtime's weights learn.
 struct PlasticityConfig {
     TraceConfig trace;
     PlasticityRule excitatory;  ///< for synapses that are not inhibitory

@@ -8,7 +8,7 @@
 #include "kelm/core/ModelTime.h"
 #include "kelm/runtime/PlasticityConfig.h"
 
-// What plasticity keeps of a neuron, and what it proposes for a synapse.
+// The records of plasticity: traces of neurons and proposals for synapses.
 
 namespace Lumenar::Core::Kelm {
 
@@ -17,7 +17,7 @@ struct SpikeTrace {
     double pre = 0.0;          ///< read where this neuron is the source and the target fired
     double post = 0.0;         ///< read where this neuron is the target and the source fired
     double coincidence = 0.0;  ///< read by the coincidence rule
-    ModelTime updated = 0;     ///< ns; up to where the three are decayed
+    ModelTime updated = 0;     ///< ns; the time up to which the traces are decayed
     ModelTime last_spike = 0;  ///< ns; of the last processed spike, 0 before the first
 };
 static_assert(std::is_trivially_copyable_v<SpikeTrace> && std::is_standard_layout_v<SpikeTrace>);
@@ -27,10 +27,10 @@ static_assert(offsetof(SpikeTrace, coincidence) == 16);
 static_assert(offsetof(SpikeTrace, updated) == 24);
 static_assert(offsetof(SpikeTrace, last_spike) == 32);
 
-/// Which end of the synapse fired.
+/// Which neuron of the synapse fired.
 enum class PlasticitySide : std::uint8_t { source = 0, target = 1 };
 
-/// Under which circumstances a change was proposed. Goes into blobs byte for byte.
+/// The context of a proposal. Goes into blobs byte for byte.
 struct WeightChangeContext {
     EdgeId edge = 0;
     NodeId pre_neuron = 0;          ///< the synapse's source
@@ -39,7 +39,7 @@ struct WeightChangeContext {
     ModelTime pre_last_spike = 0;   ///< ns, of the source before this spike
     ModelTime post_last_spike = 0;  ///< ns, of the target before this spike
     double weight = 0.0;            ///< magnitude before the change
-    double factor = 0.0;            ///< what the rule read from the traces
+    double factor = 0.0;            ///< from the traces, by the rule
     double pre_phase = 0.0;   ///< radians; first oscillator reported for the source, 0 if none
     double post_phase = 0.0;  ///< radians; first oscillator reported for the target, 0 if none
     std::uint8_t synapse_kind = 0;  ///< 0 excitatory, 1 inhibitory

@@ -26,7 +26,7 @@ namespace {
 using namespace Compare;
 using namespace Testing;
 
-/// The checkpoint of a small model with every part on, in the middle of its run.
+/// The checkpoint of a small model with every part, in the middle of its run.
 class CheckpointTest : public testing::Test {
 protected:
     CheckpointTest() {
@@ -39,7 +39,7 @@ protected:
         extension = layout.begin("extension tag");
     }
 
-    /// Expects a fresh runtime to refuse `forged` and to stay as it was.
+    /// Expects a fresh runtime to refuse `forged` and to stay unchanged.
     void expectRefused(BlobView forged) {
         const auto fresh = model.build(cpu);
         const Blob before = fresh->checkpoint();
@@ -54,8 +54,8 @@ protected:
     std::size_t extension = 0;
 };
 
-// So that forging any byte forges something: no part is empty, and the run goes on.
-TEST_F(CheckpointTest, IsOfARunInWhichEverythingHappens) {
+// No part is empty and the run continues, so every forged byte can matter.
+TEST_F(CheckpointTest, ComesFromARunThatFillsEveryPart) {
     for (const char* field : {"log", "moments", "moment cursor", "phase log", "spikes", "samples",
                               "causes", "channels", "observations", "intervention log"}) {
         EXPECT_NE(layout.number(field), 0) << field;
@@ -79,7 +79,7 @@ TEST_F(CheckpointTest, NamesItsFormatVersionAndExtension) {
     EXPECT_EQ(text.substr(extension, 8), "ETATSCER");
 }
 
-TEST_F(CheckpointTest, IsRefusedCutShortAnywhereButInFrontOfItsExtension) {
+TEST_F(CheckpointTest, IsRefusedCutShortAnywhereButBeforeItsExtension) {
     const auto fresh = model.build(cpu);
     const Blob before = fresh->checkpoint();
     for (std::size_t length = 0; length < bytes.size(); ++length) {
@@ -89,7 +89,7 @@ TEST_F(CheckpointTest, IsRefusedCutShortAnywhereButInFrontOfItsExtension) {
     Blob longer = bytes;
     longer.push_back(0);
     EXPECT_FALSE(fresh->restore(longer));
-    // An extension without a count, of another tag, and one of fewer samples.
+    // An extension with another tag and without a count, and one of fewer samples.
     for (const std::uint64_t tag : {std::uint64_t{0}, numberAt(bytes, extension)}) {
         Blob other(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(extension));
         appendU64(other, tag);
@@ -98,7 +98,7 @@ TEST_F(CheckpointTest, IsRefusedCutShortAnywhereButInFrontOfItsExtension) {
     }
     EXPECT_EQ(fresh->checkpoint(), before);
 
-    // Older files have none. All else is in force: the samples' values are missing from now on.
+    // A file without an extension restores everything but the values of the extension.
     ASSERT_TRUE(fresh->restore(BlobView(bytes).first(extension)));
     EXPECT_TRUE(std::ranges::equal(BlobView(fresh->checkpoint()).first(extension),
                                    BlobView(bytes).first(extension)));
@@ -112,8 +112,8 @@ TEST_F(CheckpointTest, HoldsASnapshotForAnEngineOfTheNetwork) {
     const std::size_t begin = layout.begin("engine") + 8;
     const BlobView snapshot = BlobView(bytes).subspan(begin, layout.number("engine") + 1);
     WindowEngine engine = makeEngine(model.network);
-    EXPECT_FALSE(engine.restore(snapshot)) << "a byte behind the end";
-    // What was posted is gone; that something was is not.
+    EXPECT_FALSE(engine.restore(snapshot)) << "one byte too many";
+    // A restore removes posted events, but not the fact that an event was posted.
     engine.post({});
     ASSERT_TRUE(engine.restore(snapshot.first(snapshot.size() - 1)));
     EXPECT_TRUE(engine.hasExternalEvents());
@@ -125,7 +125,7 @@ TEST_F(CheckpointTest, HoldsASnapshotForAnEngineOfTheNetwork) {
     EXPECT_EQ(firstDifference(image, imageOf(*runtime)), "");
     EXPECT_EQ(numberAt(snapshot, 0), 0x334e45574d4c454b);  // KELMWEN3
     EXPECT_FALSE(engine.isPristine());
-    // A store that refuses leaves the engine alone.
+    // If the store refuses, the engine stays unchanged.
     struct RefusingStore final : PlainStore {
         using PlainStore::PlainStore;
         bool restore(BlobView) override { return false; }
@@ -137,7 +137,7 @@ TEST_F(CheckpointTest, HoldsASnapshotForAnEngineOfTheNetwork) {
     EXPECT_EQ(firstDifference(imageOf(foreign), before), "");
 }
 
-TEST_F(CheckpointTest, OfAnotherVersionIsThrownOut) {
+TEST_F(CheckpointTest, OfAnotherVersionThrows) {
     const auto fresh = model.build(cpu);
     const Blob before = fresh->checkpoint();
     Blob forged = bytes;
@@ -172,18 +172,18 @@ TEST_F(CheckpointTest, IsRefusedUnderAnotherIdentityAndWithCountsThatItsBytesCan
         }
     }
     expectRefused(withValueAt(bytes, layout.begin("moment cursor"), layout.number("moments") + 1));
-    // The seed of the nested streams, behind their length and tag.
+    // The seed of the nested streams, after their length and tag.
     expectRefused(withValueAt(bytes, layout.begin("random") + 16, model.network.run_seed + 1));
 }
 
-TEST_F(CheckpointTest, WithAChannelThatCannotBeIsRefused) {
+TEST_F(CheckpointTest, IsRefusedWithInvalidChannels) {
     for (const Blob& forged :
          {withValueAt(bytes, layout.begin("channels") + 8, ~0ULL),         // NaN
           withValueAt(bytes, layout.begin("precisions") + 8, 9ULL << 60),  // < 0
           withValueAt(bytes, layout.begin("observations") + 8, 1000UL)}) {
         expectRefused(forged);
     }
-    // Of the last nested blob, when all others have been found right: the steps of the coupling.
+    // The last nested blob, after all others were accepted: the steps of the coupling.
     expectRefused(withValueAt(bytes, layout.begin("oscillators") + 32, ~std::uint64_t{0}));
 }
 
@@ -194,7 +194,7 @@ TEST_F(CheckpointTest, GapsAndFlagsComeBackAsZeroAndOne) {
     while (numberAt(bytes, entry + 16) == 0) entry += 24;
     dirty[entry + 24 + 4] = 0xff;
     dirty[layout.begin("moments") + 8 + 17] = 0xff;
-    // The second channel's: count, an item of 41 bytes, gain.
+    // The flag of the second channel: after the count, an item of 41 bytes and a gain.
     const std::size_t connected = layout.begin("channels") + 8 + 41 + 8;
     dirty[connected] = bytes[connected] == 1 ? 0x40 : 0;
     const auto fresh = model.build(cpu);
@@ -210,8 +210,8 @@ TEST_F(CheckpointTest, GapsAndFlagsComeBackAsZeroAndOne) {
     }
 }
 
-TEST_F(CheckpointTest, MayHoldAnyNumberOfSamplesOfNothing) {
-    // More of them than there are bytes of anything else: 32 bytes a sample, and no more.
+TEST_F(CheckpointTest, MayHoldAnyNumberOfEmptySamples) {
+    // More samples than all other bytes, at their smallest size of 32 bytes each.
     const std::size_t samples = layout.begin("samples"), behind = layout.begin("causes");
     Blob many(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(samples));
     const std::uint64_t count = bytes.size();
@@ -244,14 +244,14 @@ TEST_F(CheckpointTest, BelongsToARuntimeOfTheSameParts) {
                                part == 'e' ? std::optional(model.prediction) : std::nullopt);
     };
     for (const char reads : "lprce") {
-        for (const char wrote : "lprce") {  // and without any, for the byte at the end
+        for (const char wrote : "lprce") {  // and the terminating 0: no part
             SCOPED_TRACE(std::string("part ") + wrote + " read as " + reads);
             KelmRuntime writer = runtimeWith(wrote);
             writer.run(model.network.horizon / 2);
             if (wrote == 'l') writer.plasticity()->recordSpike(1, model.network.horizon);
             KelmRuntime reader = runtimeWith(reads);
             const Blob fresh = reader.checkpoint();
-            // A file does not tell an empty recorder from none.
+            // A file does not distinguish an empty recorder from none.
             const bool fits = reads == wrote || (reads == 'r' && wrote == '\0');
             EXPECT_EQ(reader.restore(writer.checkpoint()), fits);
             EXPECT_EQ(reader.checkpoint(), fits ? writer.checkpoint() : fresh);
@@ -263,7 +263,8 @@ TEST_F(CheckpointTest, BelongsToARuntimeOfTheSameParts) {
     Blob caused = withValueAt(unread.bytes(), unread.begin("causes"), 1UL);
     caused.insert(caused.begin() + static_cast<std::ptrdiff_t>(unread.begin("channels")), 9, 0);
     EXPECT_FALSE(bare.restore(caused)) << "a cause without a recorder";
-    // Before its first sample a recorder is as empty as none. Nobody looks at its moments then.
+    // Before its first sample a recorder is empty. The runtime without one ignores its sample
+    // events.
     ASSERT_TRUE(bare.restore(runtimeWith('r').checkpoint()));
     bare.run();
     EXPECT_GT(bare.commitCount(), 0U);

@@ -59,7 +59,7 @@ TEST(Perturbation, IsRefusedForItsFirstFault) {
     EXPECT_EQ(sink.events.size(), 2U);
 }
 
-TEST(InterventionState, StartsNeutralAndTakesWhatEachMechanismCanBear) {
+TEST(InterventionState, StartsNeutralAndRefusesGainsByMechanism) {
     InterventionState state;
     const char* const unknown = "intervention names no mechanism";
     const char* const not_finite = "intervention gain must be finite";
@@ -82,7 +82,7 @@ TEST(InterventionState, StartsNeutralAndTakesWhatEachMechanismCanBear) {
     }
 }
 
-TEST(InjectionTrace, KeepsWhatIsSound) {
+TEST(InjectionTrace, StoresValidInjections) {
     InjectionTrace trace;
     const char* const text = "invalid trace injection";
     expectRefusals<std::invalid_argument>({{text, [&] { trace.record("", 7, 1.0); }},

@@ -24,7 +24,7 @@ constexpr ModelTime second = 1'000'000'000;
 constexpr std::uint32_t last_id = 4'294'967'295;
 const char* const unknown = "unknown KELM oscillator id";
 
-/// The closed form with a library remainder at every place where something is reduced.
+/// The closed form with a library remainder for every reduction.
 double phaseByRemainders(const Oscillator& oscillator, ModelTime time, double offset) {
     const ModelTime whole = time / second;
     double fraction = std::fmod(oscillator.frequency, 1.0);
@@ -40,11 +40,11 @@ double phaseByRemainders(const Oscillator& oscillator, ModelTime time, double of
     return turned < 0.0 ? turned + two_pi : turned;
 }
 
-TEST(OscillatorPhase, RoundsAsRemaindersDoAtAnyDistanceFromZero) {
+TEST(OscillatorPhase, EqualsTheFormWithRemaindersAtAnyTime) {
     Draws draws(7);
     for (int i = 0; i < 40'000; ++i) {
-        // Some in eighths of a hertz, whose fractions double to exactly 1, and some past all
-        // fractions. A tiny negative start turns up to 2 pi itself.
+        // Some frequencies are eighths of a hertz, whose fractions double to exactly 1, and some
+        // are too large to have a fraction. A tiny negative start rounds up to 2 pi.
         double frequency = std::exp2(draws.between(-20.0, draws.oneIn(8) ? 1000.0 : 20.0));
         if (draws.oneIn(4)) frequency = static_cast<double>(draws.below(64)) / 8.0;
         const double start = draws.oneIn(8) ? -1e-17 : draws.between(-50.0, 50.0);
@@ -78,7 +78,7 @@ TEST(OscillatorBank, RefusesParametersAndRepeatedIdsInOrder) {
     EXPECT_NO_THROW(OscillatorBank({{0, -0.0, 10.0, 0.0}}));
 }
 
-TEST(OscillatorBank, ReportsPhasesByIdInTheOrderAskedFor) {
+TEST(OscillatorBank, ReportsPhasesByIdInTheOrderOfTheLists) {
     OscillatorBank bank({{9, 7.25, 0.1, 1.0}, {last_id, 0.3, 0.2, 0.0}, {0, 11.0, 0.3, 2.0}});
     EXPECT_TRUE(bank.neuronPhases(0, 7).empty());
     bank.setMemberships({{0, 9}, {}, {last_id, 0, last_id}});
@@ -121,7 +121,7 @@ TEST(OscillatorCoupling, RefusesBadSettingsAndKeepsTheOldOnes) {
     EXPECT_NE(bank.phaseOffsets()[1], 0.0) << "a new coupling keeps the phases";
 }
 
-TEST(OscillatorCoupling, TakesTheSameStepsHoweverItIsAdvancedAndAsked) {
+TEST(OscillatorCoupling, TakesTheSameStepsHoweverItIsAdvanced) {
     const std::vector<Oscillator> oscillators{
         {0, 7.3, 0.1, 1.0}, {1, 6.9, 2.0, 0.0}, {2, 40.1, -3.0, 2.0}};
     const std::vector<OscillatorCoupling> couplings{
@@ -141,16 +141,16 @@ TEST(OscillatorCoupling, TakesTheSameStepsHoweverItIsAdvancedAndAsked) {
     std::vector<double> offsets(3, 0.0);
     ModelTime now = 0;
     for (ModelTime time = 0; time < second; time += draws.timeBelow(3 * period)) {
-        if (draws.oneIn(4)) time = now + period;  // to the very end of a step
+        if (draws.oneIn(4)) time = now + period;  // exactly at the end of a step
         OscillatorBank twin = build();
-        twin.phaseOf(0, time);  // under offsets that are not yet restored
+        twin.phaseOf(0, time);  // before the restore
         ASSERT_TRUE(twin.restore(bank.snapshot()));
         bank = twin;
-        // Before the steps up to then.
+        // Before the steps up to that time.
         ASSERT_TRUE(sameBits(bank.phaseOf(0, time), phaseAt(oscillators[0], time, offsets[0])));
         bank.advanceCoupling(time);
         for (; now + period <= time; now += period) {
-            // All phases are read before one is moved.
+            // All phases are read before an offset changes.
             double deltas[3] = {};
             for (const auto& [source, target, strength] : couplings) {
                 const double a = phaseAt(oscillators[source], now, offsets[source]);
@@ -183,10 +183,10 @@ TEST(OscillatorCoupling, RefusesThePastAndTheEndOfTime) {
     bank.setCouplingEnabled(false);
     expectThrows<InvalidOscillator>([&] { bank.advanceCoupling(2 * period - 1); }, past);
     bank.advanceCoupling(last_model_time);
-    EXPECT_EQ(bank.couplingSteps(), 2U) << "the steps before the end stand";
+    EXPECT_EQ(bank.couplingSteps(), 2U) << "the steps before the overflow stay";
 }
 
-TEST(OscillatorCoupling, ReportsAnOffsetThatItHasDrivenOutOfTheFiniteNumbers) {
+TEST(OscillatorCoupling, RefusesAnOffsetThatBecomesInfinite) {
     OscillatorBank bank({{0, 0.0, quarter, 1.0}, {1, 0.0, 0.0, 1.0}});
     bank.setCouplingEnabled(true);
     bank.configureCoupling({{0, 1, std::numeric_limits<double>::max()}}, 2 * second);
@@ -195,11 +195,11 @@ TEST(OscillatorCoupling, ReportsAnOffsetThatItHasDrivenOutOfTheFiniteNumbers) {
     EXPECT_EQ(bank.couplingSteps(), 1U);
 }
 
-TEST(OscillatorBlob, HoldsEveryFieldAtItsPlaceAndTakesNoneOfAnotherConfiguration) {
+TEST(OscillatorBlob, HoldsEveryFieldInItsPlaceAndRefusesAnotherConfiguration) {
     OscillatorBank bank({{0x01020304, 7.25, 0.125, 1.5}, {last_id, 0.25, 0.125 + quarter, 3.0}});
     bank.configureCoupling({{last_id, 0x01020304, 2.0}}, second / 4);
     bank.setCouplingEnabled(true);
-    bank.advanceCoupling(second / 4);  // by exactly half a radian
+    bank.advanceCoupling(second / 4);  // moves the phase by exactly half a radian
     const Blob blob = blobOf(BlobTag("KELMOSC2"), 2UL, second / 4, 1UL, true, 0x01020304U, 7.25,
                              0.125, 1.5, 0.5, last_id, 0.25, 0.125 + quarter, 3.0, 0.0);
     EXPECT_EQ(bank.snapshot(), blob);
@@ -220,7 +220,7 @@ TEST(OscillatorBlob, HoldsEveryFieldAtItsPlaceAndTakesNoneOfAnotherConfiguration
          {"another amplitude", withValueAt(blob, 53, std::nextafter(1.5, 8.0))},
          {"an infinite offset", withValueAt(blob, 97, -infinity)}});
     EXPECT_TRUE(bank.restore(withValueAt(blob, steps_at, last_step)));
-    // Configuration is compared as numbers, and without a period every count of steps is one.
+    // Configuration is compared as numbers. Without a period every count of steps is valid.
     const Blob still = OscillatorBank({{0, 0.0, -0.0, 1.0}}).snapshot();
     EXPECT_TRUE(OscillatorBank({{0, -0.0, 0.0, 1.0}}).restore(withValueAt(still, steps_at, ~0UL)));
 }

@@ -46,7 +46,8 @@ TEST(PhaseModulator, RefusesBadBindingsGainsAndIntervals) {
          {gain, [&] { subject.setGain(infinity); }},
          {"phase bound interval runs backwards", [&] { subject.intervalBound(5, 4); }}},
         [&] { EXPECT_EQ(subject.weightSum(), 0.5); });
-    EXPECT_EQ(subject.effectiveAmplitude({4, 2, 1.0, 0.0}), 0.0) << "inert, so not looked up";
+    EXPECT_EQ(subject.effectiveAmplitude({4, 2, 1.0, 0.0}), 0.0)
+        << "an inert binding is not looked up";
 }
 
 TEST(PhaseModulator, WritesOneTermPerEffectiveBindingInTheirOrder) {
@@ -61,8 +62,8 @@ TEST(PhaseModulator, WritesOneTermPerEffectiveBindingInTheirOrder) {
                                               {8, 0, 0.0, 0.1},
                                               {5, 1, -0.7, -0.1}});
     subject.setGain(2.2);
-    // (2.2 * 0.7) * 2.5 and (7.1 * 6.283185307179586) / 1e9 in doubles, by Python; other orders
-    // end in other bits.
+    // (2.2 * 0.7) * 2.5 and (7.1 * 6.283185307179586) / 1e9 in doubles, by Python. Other orders
+    // give other bits.
     constexpr double amplitude = 0x1.ecccccccccccdp+1;
     constexpr double omega = 0x1.7f33c8050b1f4p-25;
     const ModelTime origin = 333'333'333;
@@ -76,7 +77,7 @@ TEST(PhaseModulator, WritesOneTermPerEffectiveBindingInTheirOrder) {
     const PhaseDrive drive = subject.kernelDrive(origin, 0.375);
     EXPECT_TRUE(sameImages<PhaseDrive>({&drive, 1}, {&expected, 1}));
 
-    // Only effective bindings count against the kernel's eight.
+    // Only effective bindings count against the kernel's limit of eight.
     for (int i = 0; i < 5; ++i) subject.addBinding({5, 0, 0.5, 0.0});
     EXPECT_EQ(subject.kernelDrive(0, 0.0).term_count, 8);
     subject.addBinding({5, 1, 0.5, 0.0});
@@ -86,7 +87,7 @@ TEST(PhaseModulator, WritesOneTermPerEffectiveBindingInTheirOrder) {
     EXPECT_EQ(subject.kernelDrive(0, 0.0).term_count, 0);
 }
 
-TEST(PhaseBound, HoldsAtEveryInstantAndIsReachedBySingleBindings) {
+TEST(PhaseBound, HoldsAtEveryTimeAndIsReachedBySingleBindings) {
     for (std::uint64_t seed = 1; seed <= 4'000; ++seed) {
         Draws draws(seed);
         std::vector<Oscillator> oscillators;
@@ -104,7 +105,7 @@ TEST(PhaseBound, HoldsAtEveryInstantAndIsReachedBySingleBindings) {
             subject.addBinding({id, polarity, strength, draws.between(-10.0, 10.0)});
         }
         subject.setGain(draws.between(0.0, 3.0));
-        // Below 2^53 ns, where both ends of the interval are exact doubles.
+        // Below 2^53 ns both ends of the interval are exact doubles.
         const ModelTime start = draws.timeBelow(std::uint64_t{1} << (10 + draws.below(43)));
         const ModelTime end = start + draws.timeBelow(1 << draws.below(12));
         const PhaseDrive drive = subject.kernelDrive(start, 0.0);
@@ -115,14 +116,14 @@ TEST(PhaseBound, HoldsAtEveryInstantAndIsReachedBySingleBindings) {
         const double bound = subject.intervalBound(start, end);
         const double margin = (subject.weightSum() + 1.0) * 1e-10;
         ASSERT_LE(largest, bound + margin) << "seed " << seed;
-        // A crest between two instants is missed by at most half a nanosecond.
+        // A crest lies at most half a nanosecond from a whole one.
         const PhaseTerm& term = drive.terms[0];
         const double missed = std::fabs(term.amplitude) * term.omega * term.omega / 8.0;
         ASSERT_TRUE(count > 1 || largest >= bound - missed - margin) << "seed " << seed;
     }
 }
 
-TEST(PhaseBound, KnowsCrestsAtTheEndsWholeCyclesAndInstants) {
+TEST(PhaseBound, CountsCrestsAtTheEndsWholeCyclesAndEmptyIntervals) {
     // A quarter of a cycle takes 1000 ns: crest at 1000, trough at 3000.
     const OscillatorBank bank({{0, 250'000.0, 0.0, 1.0}, {1, 2.0, 1.0, 1.0}});
     const PhaseModulator up = modulator(bank, {{0, 0, 0.75, 0.0}});
@@ -131,7 +132,7 @@ TEST(PhaseBound, KnowsCrestsAtTheEndsWholeCyclesAndInstants) {
     EXPECT_EQ(up.intervalBound(1'000, 1'500), 0.75) << "and so does one at the start";
     EXPECT_EQ(down.intervalBound(1'500, 3'000), 0.75) << "the trough of an inhibitory binding";
     EXPECT_NEAR(up.intervalBound(0, 0), 0.75e-12, 1e-15) << "an end may be off by 1e-12 radians";
-    // From one whole cycle on, a bound is the sum of magnitudes to the bit.
+    // From one whole cycle on, the bound equals the sum of magnitudes to the bit.
     const PhaseModulator all =
         modulator(bank, {{1, 0, 0.3, 0.3}, {1, 1, 0.2, 4.0}, {1, 0, -0.1, 0}});
     EXPECT_TRUE(sameBits(all.weightSum(), (0.3 + 0.2) + 0.1));
@@ -139,8 +140,8 @@ TEST(PhaseBound, KnowsCrestsAtTheEndsWholeCyclesAndInstants) {
     EXPECT_TRUE(sameBits(all.intervalBound(first_model_time, last_model_time), all.weightSum()));
     const OscillatorBank fastest({{0, std::numeric_limits<double>::max(), 0.0, 1.0}});
     EXPECT_EQ(modulator(fastest, {{0, 0, 0.75, 0.0}}).intervalBound(5, 5), 0.75)
-        << "an infinite speed turns even in no time";
-    // Past 2^53 ns both ends are rounded first: 1 ns from an odd instant on counts as 2.
+        << "an infinite frequency completes a cycle in an empty interval";
+    // Past 2^53 ns both ends are rounded first: 1 ns from an odd time counts as 2 ns.
     const ModelTime odd = (ModelTime{1} << 53) + 1;
     const PhaseModulator rising = modulator(bank, {{0, 0, 0.75, -bank.phaseOf(0, odd)}});
     EXPECT_NEAR(rising.intervalBound(odd, odd + 1), 0.75 * std::sin(quarter * 0.002), 1e-9);
