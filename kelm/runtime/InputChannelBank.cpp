@@ -19,10 +19,6 @@ bool repeatsATarget(std::vector<NodeId> targets) {
 }  // namespace
 
 std::size_t InputChannelBank::addChannel(InputChannelSpec spec) {
-    if (std::any_of(spec.targets.begin(), spec.targets.end(),
-                    [this](NodeId target) { return target >= neuron_count_; })) {
-        throw InvalidModality(InvalidModality::target);
-    }
     if (spec.name.empty()) throw InvalidModality(InvalidModality::unnamed);
     if (places_.contains(spec.name)) throw InvalidModality(InvalidModality::duplicate(spec.name));
     if (spec.targets.empty()) throw InvalidModality(InvalidModality::noTargets(spec.name));
@@ -88,13 +84,12 @@ void InputChannelBank::setGain(std::string_view name, double gain) {
     spec.gain = gain;
 }
 
-bool InputChannelBank::restoreChannel(std::size_t index, double gain, bool connected,
-                                      const InputChannelStats& stats) {
-    if (index >= channels_.size() || !std::isfinite(gain)) return false;
-    channels_[index].spec.gain = gain;
-    channels_[index].connected = connected;
-    channels_[index].stats = stats;
-    return true;
+void InputChannelBank::adopt(std::span<const ChannelState> states) noexcept {
+    for (std::size_t i = 0; i < states.size(); ++i) {
+        channels_[i].spec.gain = states[i].gain;
+        channels_[i].connected = states[i].connected;
+        channels_[i].stats = states[i].stats;
+    }
 }
 
 }  // namespace Lumenar::Core::Kelm

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -14,11 +15,11 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// What has gone through one channel. Goes into checkpoints byte for byte.
+/// The counters of one channel. Goes into checkpoints byte for byte.
 struct InputChannelStats {
     std::uint64_t injections = 0;   ///< accepted, whether connected or not
     std::uint64_t events = 0;       ///< posted
-    std::uint64_t dropped = 0;      ///< injections that found the channel disconnected
+    std::uint64_t dropped = 0;      ///< injections while disconnected
     ModelTime last_time = no_time;  ///< ns, of the last accepted injection
 };
 static_assert(std::is_trivially_copyable_v<InputChannelStats> &&
@@ -28,27 +29,24 @@ static_assert(offsetof(InputChannelStats, events) == 8);
 static_assert(offsetof(InputChannelStats, dropped) == 16);
 static_assert(offsetof(InputChannelStats, last_time) == 24);
 
-/// The doors for the outside world: named lines that turn an injected number into one delayed,
-/// scaled event for each target neuron.
+/// Named input lines. A channel turns an injected number into one delayed, scaled event for each of
+/// its target neurons.
 ///
-/// Invariant: names are unique, every gain is finite, every target lies in the network, and no
-/// channel reaches a neuron twice. A channel's index is its place in the order of addition.
-/// Channels are never removed. References and views are valid until a channel is added.
+/// Invariant: names are unique, every gain is finite, and no channel reaches a neuron twice. The
+/// bank does not know the network: the sink refuses a target outside it. A channel's index is its
+/// place in the order of addition. Channels are never removed. References are valid until a channel
+/// is added.
 class InputChannelBank {
 public:
-    /// The source of an event is its channel's index above this, so that no neuron's id meets it.
+    /// An event's source is this plus the index of its channel.
     static constexpr std::uint64_t first_source = 1'000'000;
 
-    /// A bank without channels, for a network of `neuron_count` neurons.
-    explicit InputChannelBank(std::uint64_t neuron_count) : neuron_count_(neuron_count) {}
-
     /// Adds a connected channel and returns its index.
-    /// Throws InvalidModality, with the bank as it was, for a target outside the network; an empty
-    /// name; a name in use; no target; a negative delay; a gain that is not finite; a repeated
-    /// target, in this order.
+    /// Throws InvalidModality, with the bank unchanged, for an empty name, a name in use, no
+    /// target, a negative delay, a gain that is not finite and a repeated target, in this order.
     std::size_t addChannel(InputChannelSpec spec);
 
-    /// How many channels there are.
+    /// The number of channels.
     std::size_t size() const { return channels_.size(); }
 
     /// The index of the channel `name`. Throws InvalidModality for an unknown name.
@@ -60,12 +58,12 @@ public:
     ///
     /// Throws InvalidModality, with nothing changed, for an unknown name, for a value that is not
     /// finite, and for a time before the channel's last injection, in this order. Throws
-    /// TimeOverflow for an arrival beyond the range of ModelTime, and what the sink throws; the
-    /// injection and its time are then counted, its events are not.
+    /// TimeOverflow for an arrival beyond the range of ModelTime, and what the sink throws. The
+    /// counters then hold the injection and its time, but none of its events.
     std::vector<std::uint64_t> inject(std::string_view name, ModelTime time, double value,
                                       IEventSink& sink);
 
-    /// Connects or disconnects a channel. A disconnected one still counts its injections, and drops
+    /// Connects or disconnects a channel. A disconnected channel counts its injections and drops
     /// them. Throws InvalidModality for an unknown name.
     void setConnected(std::string_view name, bool connected);
 
@@ -78,10 +76,14 @@ public:
     bool isConnected(std::size_t index) const { return channels_[index].connected; }
     const InputChannelStats& stats(std::size_t index) const { return channels_[index].stats; }
 
-    /// Puts back what a run has changed of a channel. False, with nothing changed, for an index
-    /// without a channel and for a gain that is not finite.
-    [[nodiscard]] bool restoreChannel(std::size_t index, double gain, bool connected,
-                                      const InputChannelStats& stats);
+    /// What a run changes of a channel.
+    struct ChannelState {
+        double gain = 1.0;
+        bool connected = true;
+        InputChannelStats stats;
+    };
+    /// Puts back what a run has changed. `states`: shape (channels), every gain finite.
+    void adopt(std::span<const ChannelState> states) noexcept;
 
 private:
     struct Channel {
@@ -90,7 +92,6 @@ private:
         InputChannelStats stats;
     };
 
-    std::uint64_t neuron_count_;
     std::vector<Channel> channels_;
     std::map<std::string, std::size_t, std::less<>> places_;  ///< of names in channels_
 };

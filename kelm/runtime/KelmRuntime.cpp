@@ -12,11 +12,17 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// More samples than this are a mistake of units, not a plan.
+/// More samples than this point to a wrong unit of the interval.
 constexpr ModelTime max_samples = 10'000'000;
 
-/// What each neuron's drive may miss of its bound by rounding, per unit of its weights plus one.
+/// The rounding by which a neuron's drive may exceed its bound, per unit of its weight sum plus
+/// one.
 constexpr double bound_margin = 1e-10;
+
+bool allBelow(std::span<const NodeId> targets, std::uint64_t neuron_count) {
+    return std::all_of(targets.begin(), targets.end(),
+                       [neuron_count](NodeId target) { return target < neuron_count; });
+}
 
 }  // namespace
 
@@ -86,16 +92,25 @@ void KelmRuntime::createRecorder(RecorderConfig&& config) {
 }
 
 void KelmRuntime::createInputChannels(std::vector<InputChannelSpec>&& specs) {
-    input_channels_ = std::make_unique<InputChannelBank>(graph().nodeCount());
-    for (InputChannelSpec& spec : specs) input_channels_->addChannel(std::move(spec));
+    input_channels_ = std::make_unique<InputChannelBank>();
+    for (InputChannelSpec& spec : specs) {
+        if (!allBelow(spec.targets, graph().nodeCount())) {
+            throw InvalidModality(InvalidModality::target);
+        }
+        input_channels_->addChannel(std::move(spec));
+    }
 }
 
 void KelmRuntime::createPrediction(PredictionConfig&& config) {
     if (!config.predictors.empty() && config.predictors.size() != config.channels.size()) {
         throw InvalidPrediction(InvalidPrediction::predictor_count);
     }
-    prediction_ = std::make_unique<PredictionBank>(graph().nodeCount());
+    prediction_ = std::make_unique<PredictionBank>();
+    error_terms_.resize(graph().nodeCount());
     for (std::size_t i = 0; i < config.channels.size(); ++i) {
+        if (!allBelow(config.channels[i].targets, graph().nodeCount())) {
+            throw InvalidPrediction(InvalidPrediction::target);
+        }
         const std::size_t channel = prediction_->addErrorChannel(std::move(config.channels[i]));
         if (config.predictors.empty() || !config.predictors[i]) continue;
         prediction_->setPredictor(channel, std::move(*config.predictors[i]));
@@ -178,10 +193,20 @@ void KelmRuntime::prepare(ModelTime window_start, ModelTime window_end, std::spa
                 window_start, (modulation_weight_sum_[n] + 1.0) * bound_margin + bound);
         }
         if (prediction_) {
-            item.drive.base += prediction_->errorDrive(n) * error_gain;
-            item.drive.bound += prediction_->errorBound(n) * error_gain;
+            const PredictionBank::ErrorTerms& error = errorTermsOf(n);
+            item.drive.base += error.drive * error_gain;
+            item.drive.bound += error.bound * error_gain;
         }
     }
+}
+
+/// A neuron's error terms change only with a report, so most windows reuse them.
+const PredictionBank::ErrorTerms& KelmRuntime::errorTermsOf(NodeId neuron) {
+    CachedErrorTerms& cached = error_terms_[neuron];
+    if (cached.version != prediction_->version()) {
+        cached = {prediction_->errorTerms(neuron), prediction_->version()};
+    }
+    return cached.terms;
 }
 
 void KelmRuntime::commit(ModelTime window_start, ModelTime window_end,
@@ -238,19 +263,19 @@ void KelmRuntime::observe(const Event& event, std::span<const Kernel::State> sta
         return std::span<const double>(values);
     };
     SampleContext context;
-    context.membrane = sampled(SampleKind::membrane, sample_values_[0],
+    context.membrane = sampled(SampleKind::membrane, sampled_.membrane,
                                [&](NodeId n) { return states[n].membrane; });
-    context.adaptation = sampled(SampleKind::adaptation, sample_values_[1],
+    context.adaptation = sampled(SampleKind::adaptation, sampled_.adaptation,
                                  [&](NodeId n) { return states[n].adaptation; });
     context.refractory_left =
-        sampled(SampleKind::refractory_left, sample_values_[2], [&](NodeId n) {
+        sampled(SampleKind::refractory_left, sampled_.refractory_left, [&](NodeId n) {
             const ModelTime end = states[n].refractory_until;
             if (end <= event.time) return 0.0;
             // Unsigned: of two times of a restored run the difference may leave ModelTime.
             return static_cast<double>(static_cast<std::uint64_t>(end) -
                                        static_cast<std::uint64_t>(event.time));
         });
-    context.next_candidate = sampled(SampleKind::next_candidate, sample_values_[3], [&](NodeId n) {
+    context.next_candidate = sampled(SampleKind::next_candidate, sampled_.next_candidate, [&](NodeId n) {
         return n < candidate_times.size() ? static_cast<double>(candidate_times[n]) : -1.0;
     });
     context.oscillators = oscillators();
@@ -283,7 +308,7 @@ Blob KelmRuntime::checkpoint() {
     }
     appendU64(blob, prediction_ ? prediction_->channels().size() : 0);
     if (prediction_) {
-        for (const double precision : prediction_->precisions()) appendF64(blob, precision);
+        for (const ErrorChannel& c : prediction_->channels()) appendF64(blob, c.precision);
         appendSequence(blob, prediction_->observations());
         appendF64(blob, prediction_->reservedA());
         appendF64(blob, prediction_->reservedB());
@@ -296,12 +321,6 @@ Blob KelmRuntime::checkpoint() {
 
 /// A checkpoint's content, before any of it is in force.
 struct KelmRuntime::StoredState {
-    struct Channel {
-        double gain = 0.0;
-        bool connected = false;
-        InputChannelStats stats;
-    };
-
     ModelTime position = 0;
     BlobView engine;
     BlobView plasticity;
@@ -311,11 +330,8 @@ struct KelmRuntime::StoredState {
     std::vector<RecordedSpike> spikes;
     std::vector<RecordedSample> samples;
     std::vector<CauseEntry> causes;
-    std::vector<Channel> channels;
-    std::vector<double> precisions;
-    std::vector<Observation> observations;
-    double reserved_a = 0.0;
-    double reserved_b = 0.0;
+    std::vector<InputChannelBank::ChannelState> channels;
+    PredictionBank::State prediction;
     InterventionState interventions;
     std::uint64_t commit_count = 0;
 };
@@ -361,7 +377,7 @@ bool KelmRuntime::readChannels(BlobReader& in, StoredState& state) const {
         return false;
     }
     state.channels.resize(count);
-    for (StoredState::Channel& channel : state.channels) {
+    for (InputChannelBank::ChannelState& channel : state.channels) {
         std::uint8_t connected = 0;
         if (!in.readF64(channel.gain) || !in.readU8(connected) || !in.readImage(channel.stats)) {
             return false;
@@ -378,8 +394,10 @@ bool KelmRuntime::readPrediction(BlobReader& in, StoredState& state) const {
     }
     // The file has no flag for these: whether they are there is a matter of the configuration.
     if (!prediction_) return true;
-    return in.readImages(count, state.precisions) && in.readSequence(state.observations) &&
-           in.readF64(state.reserved_a) && in.readF64(state.reserved_b);
+    PredictionBank::State& prediction = state.prediction;
+    return in.readImages(count, prediction.precisions) &&
+           in.readSequence(prediction.observations) && in.readF64(prediction.reserved_a) &&
+           in.readF64(prediction.reserved_b) && prediction_->accepts(prediction);
 }
 
 /// Puts what was read in force. Each part takes it up in a twin first and the engine comes last of
@@ -398,15 +416,7 @@ bool KelmRuntime::restoreParts(StoredState& state) {
     }
     std::optional<OscillatorBank> oscillators = oscillators_;
     if (oscillators && !oscillators->restore(state.oscillators)) return false;
-    std::unique_ptr<PredictionBank> prediction;
-    if (prediction_) {
-        prediction = std::make_unique<PredictionBank>(*prediction_);
-        if (!prediction->restoreState(state.precisions, std::move(state.observations),
-                                      state.reserved_a, state.reserved_b)) {
-            return false;
-        }
-    }
-    for (const StoredState::Channel& channel : state.channels) {
+    for (const InputChannelBank::ChannelState& channel : state.channels) {
         if (!std::isfinite(channel.gain)) return false;
     }
     Recorder::CauseMap causes = Recorder::causeMapOf(state.causes);
@@ -417,12 +427,8 @@ bool KelmRuntime::restoreParts(StoredState& state) {
     if (plasticity) plasticity_->swapState(*plasticity);
     if (learning) learning_->swapState(*learning);
     if (oscillators) *oscillators_ = std::move(*oscillators);
-    if (prediction) *prediction_ = std::move(*prediction);
-    for (std::size_t i = 0; i < state.channels.size(); ++i) {
-        const StoredState::Channel& channel = state.channels[i];
-        static_cast<void>(
-            input_channels_->restoreChannel(i, channel.gain, channel.connected, channel.stats));
-    }
+    if (prediction_) prediction_->adopt(std::move(state.prediction));
+    if (input_channels_) input_channels_->adopt(state.channels);
     if (recorder_) {
         recorder_->restoreState(std::move(state.spikes), std::move(state.samples),
                                 std::move(causes));

@@ -199,9 +199,23 @@ private:
     InjectionTrace* injection_trace_ = nullptr;
     std::uint64_t commit_count_ = 0;
 
-    // Scratch of the hooks, kept for its capacity.
+    /// A neuron's error terms as of one version of the bank.
+    struct CachedErrorTerms {
+        PredictionBank::ErrorTerms terms;
+        std::uint64_t version = 0;  ///< 0 for not yet computed
+    };
+    const PredictionBank::ErrorTerms& errorTermsOf(NodeId neuron);
+
+    // What the hooks keep from item to item and from window to window.
+    std::vector<CachedErrorTerms> error_terms_;  ///< shape (neurons), or empty
     std::vector<WeightChange> changes_;
-    std::vector<double> sample_values_[4];
+    /// One value per neuron of each kind that a sample holds.
+    struct {
+        std::vector<double> membrane;
+        std::vector<double> adaptation;
+        std::vector<double> refractory_left;
+        std::vector<double> next_candidate;
+    } sampled_;
 };
 
 /// Builds a runtime in the caller's storage.

@@ -14,12 +14,8 @@ bool isFinite(double value) { return std::isfinite(value); }
 
 bool isPrecision(double precision) { return std::isfinite(precision) && !(precision < 0.0); }
 
-/// The reason why a channel cannot be, whatever the others are called, or null.
-const char* faultOf(const ErrorChannel& channel, std::uint64_t neuron_count) {
-    if (std::any_of(channel.targets.begin(), channel.targets.end(),
-                    [neuron_count](NodeId target) { return target >= neuron_count; })) {
-        return InvalidPrediction::target;
-    }
+/// The first fault of a channel, but for a name in use, or null.
+const char* faultOf(const ErrorChannel& channel) {
     if (channel.name.empty()) return InvalidPrediction::unnamed;
     if (channel.name == "global" || channel.name == "global_error") {
         return InvalidPrediction::global;
@@ -31,13 +27,13 @@ const char* faultOf(const ErrorChannel& channel, std::uint64_t neuron_count) {
     return nullptr;
 }
 
-/// Makes room for one element, so that adding it cannot fail, and for more where there is none.
+/// Makes room for one more element, so that adding it cannot fail. Growth stays geometric.
 template <class T>
 void reserveOneMore(std::vector<T>& list) {
     if (list.size() == list.capacity()) list.reserve(2 * list.size() + 1);
 }
 
-/// The reason why a readout cannot be, or null.
+/// The first fault of a readout, or null.
 const char* faultOf(const Predictor& predictor) {
     if (predictor.kind != PredictorKind::explicit_readout) return nullptr;
     if (predictor.sources.size() != predictor.weights.size()) {
@@ -54,30 +50,26 @@ const char* faultOf(const Predictor& predictor) {
 }  // namespace
 
 std::size_t PredictionBank::addErrorChannel(ErrorChannel channel) {
-    if (const char* fault = faultOf(channel, channels_of_.size())) throw InvalidPrediction(fault);
+    if (const char* fault = faultOf(channel)) throw InvalidPrediction(fault);
     if (names_.contains(channel.name)) {
         throw InvalidPrediction(InvalidPrediction::duplicate(channel.name));
     }
-    // Whatever can fail comes before the first change.
+    // Everything that can fail comes before the first visible change.
     for (const NodeId target : channel.targets) reserveOneMore(channels_of_[target]);
     reserveOneMore(channels_);
     reserveOneMore(predictors_);
-    reserveOneMore(drive_terms_);
-    reserveOneMore(latest_);
+    reserveOneMore(effects_);
     names_.insert(channel.name);
 
     const std::size_t index = channels_.size();
     for (const NodeId target : channel.targets) {
-        std::vector<std::size_t>& reached_by = channels_of_[target];
-        if (!reached_by.empty() && reached_by.back() == index) continue;
-        reached_by.push_back(index);
-        // Channels come in index order, so this running sum is the sum in that order.
-        bounds_[target] += std::fabs(channel.strength) * channel.clamp;
+        std::vector<std::size_t>& reached_by = channels_of_.find(target)->second;
+        if (reached_by.empty() || reached_by.back() != index) reached_by.push_back(index);
     }
+    effects_.push_back({{0.0, std::fabs(channel.strength) * channel.clamp}, std::nullopt});
     channels_.push_back(std::move(channel));
     predictors_.emplace_back();
-    drive_terms_.push_back(0.0);
-    latest_.emplace_back();
+    ++version_;
     return index;
 }
 
@@ -102,7 +94,8 @@ void PredictionBank::observeValue(std::size_t index, double observed, double pre
     const double error = observed - predicted;
     observations_.push_back(
         {index, observed, predicted, error, weightedError(channels_[index], error), time});
-    enforce(observations_.size() - 1);
+    setLatest(observations_.size() - 1);
+    ++version_;
 }
 
 double PredictionBank::weightedError(const ErrorChannel& channel, double error) {
@@ -114,46 +107,51 @@ double PredictionBank::weightedError(const ErrorChannel& channel, double error) 
 
 std::optional<Observation> PredictionBank::latestObservation(std::size_t index) const {
     requireChannel(index);
-    if (!latest_[index]) return std::nullopt;
-    return observations_[*latest_[index]];
+    if (!effects_[index].latest) return std::nullopt;
+    return observations_[*effects_[index].latest];
 }
 
-std::vector<double> PredictionBank::precisions() const {
-    std::vector<double> precisions;
-    precisions.reserve(channels_.size());
-    for (const ErrorChannel& channel : channels_) precisions.push_back(channel.precision);
-    return precisions;
-}
-
-bool PredictionBank::restoreState(std::span<const double> precisions,
-                                  std::vector<Observation> observations, double reserved_a,
-                                  double reserved_b) {
-    if (precisions.size() != channels_.size() ||
-        !std::all_of(precisions.begin(), precisions.end(), isPrecision) ||
-        std::any_of(observations.begin(), observations.end(),
-                    [this](const Observation& seen) { return seen.channel >= channels_.size(); })) {
-        return false;
+PredictionBank::ErrorTerms PredictionBank::errorTerms(NodeId neuron) const {
+    ErrorTerms sum;
+    const auto found = channels_of_.find(neuron);
+    if (found == channels_of_.end()) return sum;
+    // A channel without a report adds 0.0, which changes no sum that starts at 0.0.
+    for (const std::size_t channel : found->second) {
+        sum.drive += effects_[channel].terms.drive;
+        sum.bound += effects_[channel].terms.bound;
     }
-    for (std::size_t i = 0; i < channels_.size(); ++i) channels_[i].precision = precisions[i];
-    observations_ = std::move(observations);
-    reserved_a_ = reserved_a;
-    reserved_b_ = reserved_b;
-    drive_terms_.assign(channels_.size(), 0.0);
+    return sum;
+}
+
+bool PredictionBank::accepts(const State& state) const {
+    return state.precisions.size() == channels_.size() &&
+           std::all_of(state.precisions.begin(), state.precisions.end(), isPrecision) &&
+           std::all_of(state.observations.begin(), state.observations.end(),
+                       [this](const Observation& o) { return o.channel < channels_.size(); });
+}
+
+void PredictionBank::adopt(State&& state) noexcept {
+    for (std::size_t i = 0; i < channels_.size(); ++i) channels_[i].precision = state.precisions[i];
+    observations_ = std::move(state.observations);
+    reserved_a_ = state.reserved_a;
+    reserved_b_ = state.reserved_b;
+    for (Effect& effect : effects_) {
+        effect.terms.drive = 0.0;
+        effect.latest = std::nullopt;
+    }
+    for (std::size_t place = 0; place < observations_.size(); ++place) setLatest(place);
     ++version_;
-    latest_.assign(channels_.size(), std::nullopt);
-    for (std::size_t place = 0; place < observations_.size(); ++place) enforce(place);
-    return true;
 }
 
 void PredictionBank::requireChannel(std::size_t index) const {
     if (index >= channels_.size()) throw InvalidPrediction(InvalidPrediction::unknown_channel);
 }
 
-void PredictionBank::enforce(std::size_t place) {
-    const Observation& seen = observations_[place];
-    latest_[seen.channel] = place;
-    drive_terms_[seen.channel] = seen.weighted_error * channels_[seen.channel].strength;
-    ++version_;
+void PredictionBank::setLatest(std::size_t place) {
+    const Observation& observation = observations_[place];
+    Effect& effect = effects_[observation.channel];
+    effect.latest = place;
+    effect.terms.drive = observation.weighted_error * channels_[observation.channel].strength;
 }
 
 }  // namespace Lumenar::Core::Kelm

@@ -7,6 +7,7 @@
 #include <span>
 #include <string>
 #include <type_traits>
+#include <unordered_map>
 #include <vector>
 
 #include "kelm/core/ModelTime.h"
@@ -20,7 +21,7 @@ struct Observation {
     double observed = 0.0;
     double predicted = 0.0;
     double error = 0.0;           ///< observed - predicted
-    double weighted_error = 0.0;  ///< times the precision of its day, within the clamp
+    double weighted_error = 0.0;  ///< error times the precision at that time, within the clamp
     ModelTime time = 0;           ///< ns, as reported
 };
 static_assert(std::is_trivially_copyable_v<Observation> && std::is_standard_layout_v<Observation>);
@@ -31,25 +32,25 @@ static_assert(offsetof(Observation, error) == 24);
 static_assert(offsetof(Observation, weighted_error) == 32);
 static_assert(offsetof(Observation, time) == 40);
 
-/// Prediction errors that act locally. A report of an observed and a predicted value on an error
-/// channel becomes, from the next window on, a constant term in the hazard of the channel's
-/// neurons: the difference, weighted by the precision and clamped, times the channel's strength.
+/// Prediction errors that act locally. The report of an observed and a predicted value on an error
+/// channel sets, from the next window on, a constant term in the hazard of the channel's neurons:
+/// the difference times the precision, clamped, times the channel's strength.
 ///
-/// Invariant: names are unique, every target lies in the network, and every channel has a
-/// predictor record beside it. A channel's index is its place in the order of addition; channels
-/// are never removed. All reports are kept, in the order in which they came. Predictors are stored
-/// and validated, but nothing evaluates them: the reporter supplies the prediction. Views are valid
-/// until the bank is changed. One thread at a time, queries included.
+/// Invariant: names are unique, and every channel has a predictor record. A channel's index is its
+/// place in the order of addition. Channels are never removed. All reports are kept, in the order
+/// of report. Predictors are stored and validated but not evaluated: the caller gives the
+/// prediction. Views are valid until the bank is changed. The bank cannot be assigned to, since
+/// version() tells its states apart.
 class PredictionBank {
 public:
-    /// A bank without channels, for a network of `neuron_count` neurons.
-    explicit PredictionBank(std::uint64_t neuron_count)
-        : channels_of_(neuron_count), bounds_(neuron_count, 0.0), drives_(neuron_count) {}
+    PredictionBank() = default;
+    PredictionBank(const PredictionBank&) = default;
+    PredictionBank& operator=(const PredictionBank&) = delete;
 
     /// Adds a channel with an empty predictor and returns its index.
-    /// Throws InvalidPrediction, with the bank as it was, for a target outside the network; an
-    /// empty name; a global name; no target; a bad precision, strength or clamp; a name in use, in
-    /// this order. A target may repeat; it counts once.
+    /// Throws InvalidPrediction, with the bank unchanged, for an empty name; a global name; no
+    /// target; a bad precision, strength or clamp; a name in use, in this order. A target may
+    /// repeat; it counts once.
     std::size_t addErrorChannel(ErrorChannel channel);
 
     /// Replaces a channel's predictor. Throws InvalidPrediction for an unknown channel and, in an
@@ -57,90 +58,74 @@ public:
     /// not finite and a bias that is not finite, in this order.
     void setPredictor(std::size_t index, Predictor predictor);
 
-    /// Sets the weight of the errors reported from now on.
+    /// Sets the weight of the errors of all later reports.
     /// Throws InvalidPrediction for an unknown channel, then for a precision that is negative or
     /// not finite.
     void setPrecision(std::size_t index, double precision);
 
-    /// Reports a pair of values on a channel. `time`: ns, stored but not read: the report that came
-    /// last is in force. Throws InvalidPrediction for an unknown channel, then for a value that is
-    /// not finite.
+    /// Reports a pair of values on a channel. The last report is the one in force. `time`: ns,
+    /// stored but not read. Throws InvalidPrediction for an unknown channel, then for a value that
+    /// is not finite.
     void observeValue(std::size_t index, double observed, double predicted, ModelTime time);
 
     /// An error times the channel's precision, within plus and minus its clamp.
     static double weightedError(const ErrorChannel& channel, double error);
 
-    /// The channel's last report, if there is one. Throws InvalidPrediction for an unknown channel.
+    /// The channel's last report, if any. Throws InvalidPrediction for an unknown channel.
     std::optional<Observation> latestObservation(std::size_t index) const;
 
-    /// What the reports so far add to a neuron's drive: the sum, in index order, over the channels
-    /// that reach it. 0 for a neuron outside the network.
-    double errorDrive(NodeId neuron) const {
-        if (neuron >= drives_.size()) return 0.0;
-        Drive& drive = drives_[neuron];
-        if (drive.version != version_) drive = {sumOfTerms(neuron), version_};
-        return drive.sum;
-    }
-
-    /// An upper bound of a neuron's drive for any report: the sum, in index order, of strength
-    /// times clamp in magnitude. 0 for a neuron outside the network.
-    double errorBound(NodeId neuron) const {
-        return neuron < bounds_.size() ? bounds_[neuron] : 0.0;
-    }
+    /// What error channels add to a neuron's drive. Each sum runs in index order over the channels
+    /// that reach the neuron.
+    struct ErrorTerms {
+        double drive = 0.0;  ///< sum of the last reports' weighted errors times strength
+        double bound = 0.0;  ///< bound of any drive: sum of the magnitudes of strength times clamp
+    };
+    ErrorTerms errorTerms(NodeId neuron) const;
+    double errorDrive(NodeId neuron) const { return errorTerms(neuron).drive; }
+    double errorBound(NodeId neuron) const { return errorTerms(neuron).bound; }
+    /// Grows with each change of any neuron's terms.
+    std::uint64_t version() const { return version_; }
 
     std::span<const ErrorChannel> channels() const { return channels_; }
     /// Shape (channels).
     std::span<const Predictor> predictors() const { return predictors_; }
-    /// In the order of report. The list only grows.
+    /// In the order of report.
     std::span<const Observation> observations() const { return observations_; }
-    /// Two values that travel in checkpoints and have no reader.
+    /// What a run changes.
+    struct State {
+        std::vector<double> precisions;         ///< shape (channels)
+        std::vector<Observation> observations;  ///< in the order of report
+        double reserved_a = 0.5;                ///< carried, not interpreted
+        double reserved_b = 1.0;                ///< carried, not interpreted
+    };
     double reservedA() const { return reserved_a_; }
     double reservedB() const { return reserved_b_; }
-    /// Shape (channels).
-    std::vector<double> precisions() const;
-
-    /// Puts back what a run has changed. `precisions`: shape (channels). `observations`: in the
-    /// order of report. False, with nothing changed, for another number of precisions, for one that
-    /// is negative or not finite, and for an observation of a channel that does not exist.
-    [[nodiscard]] bool restoreState(std::span<const double> precisions,
-                                    std::vector<Observation> observations, double reserved_a,
-                                    double reserved_b);
+    /// False for another number of precisions, for a precision that is negative or not finite, and
+    /// for an observation of a channel that does not exist.
+    bool accepts(const State& state) const;
+    /// Puts back what a run has changed. The bank must accept `state`.
+    void adopt(State&& state) noexcept;
 
 private:
-    /// A neuron's drive as it was under some version of the reports.
-    struct Drive {
-        double sum = 0.0;
-        std::uint64_t version = 0;  ///< 0: never asked for
+    /// What one channel adds to the terms of each of its neurons.
+    struct Effect {
+        ErrorTerms terms;
+        std::optional<std::size_t> latest;  ///< place of the last report in observations_
     };
 
-    double sumOfTerms(NodeId neuron) const {
-        double sum = 0.0;
-        for (const std::size_t channel : channels_of_[neuron]) sum += drive_terms_[channel];
-        return sum;
-    }
     void requireChannel(std::size_t index) const;
-    /// Puts the observation at `place` in force.
-    void enforce(std::size_t place);
+    void setLatest(std::size_t place);
 
     std::vector<ErrorChannel> channels_;
     std::vector<Predictor> predictors_;
     std::vector<Observation> observations_;
-    double reserved_a_ = 0.5;
-    double reserved_b_ = 1.0;
-
-    // What windows read, kept up to date by the changes: a window asks per neuron, and neither the
-    // number of channels elsewhere nor the length of the history may cost it anything.
-    std::vector<std::vector<std::size_t>> channels_of_;  ///< shape (neurons): ascending, once each
-    std::vector<double> bounds_;                         ///< shape (neurons)
-    /// Shape (channels). 0 before the first report, which alters no sum: one that starts at 0.0
-    /// never comes to -0.0.
-    std::vector<double> drive_terms_;
-    /// Shape (neurons). Summed when a neuron is first asked for after a report: reports are many,
-    /// windows ask for the same sums until the next one.
-    mutable std::vector<Drive> drives_;
-    std::uint64_t version_ = 1;                       ///< of drive_terms_
-    std::vector<std::optional<std::size_t>> latest_;  ///< shape (channels): places in observations_
+    double reserved_a_ = State().reserved_a;
+    double reserved_b_ = State().reserved_b;
+    std::vector<Effect> effects_;  ///< shape (channels)
+    /// The channels that reach a neuron, ascending. Never walked.
+    std::unordered_map<NodeId, std::vector<std::size_t>> channels_of_;
     std::set<std::string> names_;
+    std::uint64_t version_ = 1;
 };
 
 }  // namespace Lumenar::Core::Kelm

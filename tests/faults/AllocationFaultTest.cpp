@@ -366,7 +366,7 @@ TEST_F(AllocationFault, LeavesABankOfAnySizeAsItWas) {
         expectUnchanged(
             "error channel",
             [&] {
-                auto bank = std::make_unique<PredictionBank>(3);
+                auto bank = std::make_unique<PredictionBank>();
                 for (int i = 0; i < size; ++i) bank->addErrorChannel({std::to_string(i), {0, 2}});
                 return bank;
             },

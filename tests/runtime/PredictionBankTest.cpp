@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kelm/core/Failures.h"
@@ -20,8 +21,8 @@ using namespace Testing;
 
 using Values = std::vector<double>;
 
-TEST(PredictionBank, RefusesAChannelForItsFirstFaultAndKeepsNothingOfIt) {
-    PredictionBank bank(4);
+TEST(PredictionBank, RefusesAChannelForItsFirstFaultWithoutAChange) {
+    PredictionBank bank;
     bank.addErrorChannel({"hand", {3}, 1.0, 2.0, 0.5});
     const auto adding = [&](const ErrorChannel& channel) {
         return [&bank, channel] { bank.addErrorChannel(channel); };
@@ -30,11 +31,9 @@ TEST(PredictionBank, RefusesAChannelForItsFirstFaultAndKeepsNothingOfIt) {
     const char* const precision = "precision must be finite and >= 0";
     const char* const strength = "error strength must be finite";
     const char* const clamp = "error clamp must be finite and > 0";
-    // Each channel has the faults of all rows below it, as far as they go together.
+    // Each channel also has the faults of the rows below it, if they can occur together.
     expectRefusals<InvalidPrediction>(
-        {{"runtime prediction target is outside the graph",
-          adding({"", {1, 4}, -1.0, infinity, 0.0})},
-         {"error channel needs a name", adding({"", {}, -1.0, infinity, 0.0})},
+        {{"error channel needs a name", adding({"", {}, -1.0, infinity, 0.0})},
          {global, adding({"global", {}, -1.0, infinity, 0.0})},
          {global, adding({"global_error", {}, -1.0, infinity, 0.0})},
          {"error channel acts on no local circuit", adding({"hand", {}, -1.0, infinity, 0.0})},
@@ -46,11 +45,13 @@ TEST(PredictionBank, RefusesAChannelForItsFirstFaultAndKeepsNothingOfIt) {
          {"duplicate error channel 'hand'", adding({"hand", {1}, 0.0, 0.0, 0x1p-1074})}},
         [&] { EXPECT_EQ(bank.channels().size(), 1U); });
     EXPECT_EQ(bank.errorBound(1), 0.0);
-    EXPECT_EQ(bank.addErrorChannel({"Global", {1}}), 1U) << "only the exact words are global";
+    EXPECT_EQ(bank.addErrorChannel({"Global", {~NodeId{0}}}), 1U)
+        << "only the exact names are global";
+    EXPECT_EQ(bank.errorBound(~NodeId{0}), 0.5) << "a bank knows no network";
 }
 
 TEST(PredictionBank, RefusesAReadoutOrReportForItsFirstFault) {
-    PredictionBank bank(1);
+    PredictionBank bank;
     bank.addErrorChannel({"hand", {0}});
     bank.setPredictor(0, {PredictorKind::explicit_readout, {7, 9}, {-1.0, 0.5}, 3.0});
     const auto setting = [&](std::size_t index, const Predictor& predictor) {
@@ -73,21 +74,21 @@ TEST(PredictionBank, RefusesAReadoutOrReportForItsFirstFault) {
         [&] { EXPECT_EQ(bank.predictors()[0].bias, 3.0); });
     EXPECT_TRUE(bank.observations().empty());
     bank.setPredictor(0, {static_cast<PredictorKind>(7), {1}, {}, infinity});
-    EXPECT_EQ(bank.predictors()[0].bias, infinity) << "a kind without rules is only kept";
+    EXPECT_EQ(bank.predictors()[0].bias, infinity) << "an unknown kind is stored unchecked";
 }
 
-/// Of widely different sizes, so that another order of a sum shows; some are zeros of either sign.
+/// Values of widely different sizes, so that another order of a sum shows. Some are 0.0 or -0.0.
 double value(Draws& draws) {
     const int exponent = static_cast<int>(draws.below(60)) - 30;
     const double size = draws.oneIn(16) ? 0.0 : std::ldexp(draws.between(0.5, 1.0), exponent);
     return draws.oneIn(2) ? size : -size;
 }
 
-TEST(PredictionBank, AnswersEveryNeuronToTheBitAsASearchOfAllChannelsAndReportsWould) {
+TEST(PredictionBank, EqualsASearchOfAllChannelsAndReportsToTheBit) {
     constexpr NodeId neurons = 9;
     for (std::uint64_t seed = 1; seed <= 25; ++seed) {
         Draws draws(seed);
-        PredictionBank bank(neurons);
+        PredictionBank bank;
         std::vector<ErrorChannel> channels;
         std::vector<Observation> reports;
         for (int step = 0; step < 120; ++step) {
@@ -102,21 +103,25 @@ TEST(PredictionBank, AnswersEveryNeuronToTheBitAsASearchOfAllChannelsAndReportsW
             const std::uint64_t index = draws.below(channels.size());
             ErrorChannel& channel = channels[index];
             channel.precision = std::fabs(value(draws));
+            const std::uint64_t version = bank.version();
             if (draws.oneIn(16)) {  // back to an earlier history, under another precision
                 reports.resize(draws.below(reports.size() + 1));
-                std::vector<double> precisions;
-                for (const ErrorChannel& each : channels) precisions.push_back(each.precision);
-                ASSERT_TRUE(bank.restoreState(precisions, reports, 0.0, 0.0));
+                PredictionBank::State state{{}, reports};
+                for (const ErrorChannel& c : channels) state.precisions.push_back(c.precision);
+                ASSERT_TRUE(bank.accepts(state));
+                bank.adopt(std::move(state));
+                ASSERT_GT(bank.version(), version);
             } else {
                 bank.setPrecision(index, channel.precision);
             }
-            if (draws.oneIn(2)) {  // the report that comes last is in force, whatever its time
+            if (draws.oneIn(2)) {  // the last report is in force, whatever its time
                 const double observed = value(draws);
                 const double error = observed - 0.25;
                 const double weighted =
                     std::clamp(error * channel.precision, -channel.clamp, channel.clamp);
                 reports.push_back({index, observed, 0.25, error, weighted, -step});
                 bank.observeValue(index, observed, 0.25, -step);
+                ASSERT_GT(bank.version(), version);
             }
             ASSERT_TRUE(sameImages<Observation>(bank.observations(), reports));
             std::vector<double> terms(channels.size(), 0.0);
@@ -142,19 +147,18 @@ TEST(PredictionBank, AnswersEveryNeuronToTheBitAsASearchOfAllChannelsAndReportsW
     }
 }
 
-TEST(PredictionBank, RestoresAllOfAStateOrNothing) {
-    PredictionBank bank(1);
+TEST(PredictionBank, AcceptsOnlyAStateOfItsChannels) {
+    PredictionBank bank;
     bank.addErrorChannel({"a", {0}});
     bank.addErrorChannel({"b", {0}});
-    const Values precisions{2.0, 0.5};
     for (const Values& bad : {Values{2.0}, {2.0, 0.5, 1.0}, {2.0, -0.5}, {not_a_number, 0.5}}) {
-        EXPECT_FALSE(bank.restoreState(bad, {}, 8.0, 9.0));
+        EXPECT_FALSE(bank.accepts({bad, {}}));
     }
-    EXPECT_FALSE(bank.restoreState(precisions, {Observation{.channel = 2}}, 8.0, 9.0));
-    EXPECT_EQ(bank.precisions(), (Values{1.0, 1.0}));
+    EXPECT_FALSE(bank.accepts({{2.0, 0.5}, {Observation{.channel = 2}}}));
     EXPECT_EQ((Values{bank.reservedA(), bank.reservedB()}), (Values{0.5, 1.0}));
-    EXPECT_TRUE(bank.restoreState(precisions, {Observation{}}, 8.0, 9.0));
-    EXPECT_EQ(bank.precisions(), precisions);
+    bank.adopt({{2.0, 0.5}, {Observation{}}, 8.0, 9.0});
+    EXPECT_EQ((Values{bank.channels()[0].precision, bank.channels()[1].precision}),
+              (Values{2.0, 0.5}));
     EXPECT_EQ((Values{bank.reservedA(), bank.reservedB()}), (Values{8.0, 9.0}));
 }
 
