@@ -4,6 +4,7 @@
 #include "fuzz/Fuzzing.h"
 #include "fuzz/Mutation.h"
 #include "fuzz/Subjects.h"
+#include "kelm/runtime/InstantPhases.h"
 
 using namespace Lumenar::Core::Kelm;
 using namespace Lumenar::Core::Kelm::Fuzzing;
@@ -16,7 +17,6 @@ void requirePhases(const OscillatorBank& bank, ModelTime time) {
         const double phase = samples[i].phase;
         require(phase >= 0.0 && phase <= 6.2831853071795865, "a phase is wrapped");
         require(phase == bank.phaseOf(samples[i].oscillator, time), "a phase has one value");
-        // The bank keeps answers, which must not outlive the offset that they were given under.
         require(phase == phaseAt(bank.oscillators()[i], time, bank.phaseOffsets()[i]),
                 "a phase is that of its offset");
     }
@@ -37,15 +37,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!acceptedByTwins(bank, twin, past, {data, size})) return 0;
     for (const ModelTime time : {ModelTime{0}, ModelTime{1}, last_model_time, -last_model_time}) {
         requirePhases(bank, time);
+        InstantPhases phases;
+        phases.moveTo(bank, time);
         for (NodeId n = 0; n < model().network.node_count; ++n) {
-            const double first = bank.firstPhase(n, time);
-            const std::vector<PhaseSample> phases = bank.neuronPhases(n, time);
-            require(phases.empty() || phases[0].phase == first, "a neuron's first phase is one");
+            const std::vector<PhaseSample> samples = bank.neuronPhases(n, time);
+            const double first = samples.empty() ? 0.0 : samples[0].phase;
+            require(phases.firstPhase(n) == first, "the first phase is the first reported");
         }
     }
     const ModelTime period = bank.couplingPeriod();
     const ModelTime now = static_cast<ModelTime>(bank.couplingSteps()) * period;
-    require(now >= 0, "coupling stands at a time");
+    require(now >= 0, "the end of the last step is a time");
     // Ten steps, or as many as there are up to the end of time.
     const ModelTime until =
         now > last_model_time - 10 * period ? last_model_time : now + 10 * period;

@@ -180,7 +180,10 @@ std::vector<std::uint64_t> KelmRuntime::perturb(const Perturbation& perturbation
 
 void KelmRuntime::prepare(ModelTime window_start, ModelTime window_end, std::span<WindowWork> work,
                           SynapseGraph&) {
-    if (oscillators_) oscillators_->advanceCoupling(window_start);
+    if (oscillators_) {
+        oscillators_->advanceCoupling(window_start);
+        window_phases_.moveTo(*oscillators_, window_start);
+    }
     const double phase_gain = interventions_.mechanism_gain[InterventionState::oscillators];
     const double error_gain = interventions_.mechanism_gain[InterventionState::prediction];
     for (WindowWork& item : work) {
@@ -188,9 +191,9 @@ void KelmRuntime::prepare(ModelTime window_start, ModelTime window_end, std::spa
         if (oscillators_) {
             PhaseModulator& modulator = phase_modulators_[n];
             modulator.setGain(phase_gain);
-            const double bound = modulator.intervalBound(window_start, window_end);
+            const double bound = modulator.intervalBound(window_phases_, window_end);
             item.drive = modulator.kernelDrive(
-                window_start, (modulation_weight_sum_[n] + 1.0) * bound_margin + bound);
+                window_phases_, (modulation_weight_sum_[n] + 1.0) * bound_margin + bound);
         }
         if (prediction_) {
             const PredictionBank::ErrorTerms& error = errorTermsOf(n);

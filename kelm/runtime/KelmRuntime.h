@@ -15,6 +15,7 @@
 #include "kelm/runtime/InjectionTrace.h"
 #include "kelm/runtime/InputChannelBank.h"
 #include "kelm/runtime/InputChannelSpec.h"
+#include "kelm/runtime/InstantPhases.h"
 #include "kelm/runtime/InterventionState.h"
 #include "kelm/runtime/LearningControl.h"
 #include "kelm/runtime/OscillatorBank.h"
@@ -207,6 +208,7 @@ private:
     const PredictionBank::ErrorTerms& errorTermsOf(NodeId neuron);
 
     // What the hooks keep from item to item and from window to window.
+    InstantPhases window_phases_;                ///< at the start of the window
     std::vector<CachedErrorTerms> error_terms_;  ///< shape (neurons), or empty
     std::vector<WeightChange> changes_;
     /// One value per neuron of each kind that a sample holds.

@@ -22,14 +22,14 @@ constexpr double ns_per_second = 1e9;
 
 bool isFactor(double value) { return std::isfinite(value) && !(value < 0.0); }
 
-/// fmod(cycles, 1.0) for `cycles` in [0, 2): a remainder is exact, and so is this subtraction.
+/// fmod(cycles, 1.0) for `cycles` in [0, 2). Both the remainder and this subtraction are exact.
 double wrapCycle(double cycles) { return cycles >= 1.0 ? cycles - 1.0 : cycles; }
 
-/// The fractional part of `fraction` * `count`, for a fraction in [0, 1), by doubling: the product
-/// itself would lose the fraction's digits to its whole part.
+/// The fractional part of `fraction` * `count`, for a fraction in [0, 1), by doubling. The product
+/// itself would round away low digits of the fraction.
 double fractionalProduct(double fraction, std::uint64_t count) {
     double sum = 0.0;
-    // A fraction of few bits, such as that of 7.25, soon doubles to nothing.
+    // A fraction of few bits, such as that of 7.25, soon doubles to 0.
     for (; count != 0 && fraction != 0.0; count >>= 1) {
         if ((count & 1) != 0) sum = wrapCycle(sum + fraction);
         fraction = wrapCycle(fraction + fraction);
@@ -37,7 +37,7 @@ double fractionalProduct(double fraction, std::uint64_t count) {
     return sum;
 }
 
-/// `x` radians modulo 2 pi. A tiny negative remainder can round up to 2 pi itself.
+/// `x` radians modulo 2 pi. A tiny negative remainder can round up to 2 pi.
 double wrapPhase(double x) {
     const double rest = std::fmod(x, two_pi);
     return rest < 0.0 ? rest + two_pi : rest;
@@ -50,7 +50,7 @@ double phaseAt(const Oscillator& oscillator, ModelTime time, double offset) {
         !isFactor(oscillator.amplitude) || !std::isfinite(offset)) {
         throw InvalidOscillator(InvalidOscillator::parameters);
     }
-    // Whole seconds contribute the fraction of their cycles alone, the rest of a second all of its.
+    // Whole seconds contribute only the fraction of their cycles, the rest of a second all cycles.
     const ModelTime whole = time / second;
     const ModelTime rest = time - whole * second;
     const double fraction = std::fmod(oscillator.frequency, 1.0);
@@ -63,12 +63,10 @@ double phaseAt(const Oscillator& oscillator, ModelTime time, double offset) {
 }
 
 OscillatorBank::OscillatorBank(std::vector<Oscillator> oscillators)
-    : oscillators_(std::move(oscillators)),
-      phase_offsets_(oscillators_.size(), 0.0),
-      answers_(oscillators_.size()) {
+    : oscillators_(std::move(oscillators)), phase_offsets_(oscillators_.size(), 0.0) {
     index_.reserve(oscillators_.size());
     for (std::size_t position = 0; position < oscillators_.size(); ++position) {
-        phaseAt(oscillators_[position], 0, 0.0);  // for its checks
+        phaseAt(oscillators_[position], 0, 0.0);  // checks the parameters
         if (!index_.emplace(oscillators_[position].id, position).second) {
             throw InvalidOscillator(InvalidOscillator::duplicate);
         }
@@ -91,8 +89,7 @@ std::vector<PhaseSample> OscillatorBank::allPhases(ModelTime time) const {
 }
 
 std::vector<PhaseSample> OscillatorBank::neuronPhases(NodeId neuron, ModelTime time) const {
-    if (neuron >= memberships_.size()) return {};
-    const std::vector<std::uint32_t>& positions = memberships_[neuron];
+    const std::span<const std::uint32_t> positions = positionsOf(neuron);
     std::vector<PhaseSample> samples(positions.size());
     for (std::size_t i = 0; i < samples.size(); ++i) {
         samples[i].oscillator = oscillators_[positions[i]].id;
@@ -102,7 +99,7 @@ std::vector<PhaseSample> OscillatorBank::neuronPhases(NodeId neuron, ModelTime t
 }
 
 void OscillatorBank::setMemberships(std::vector<std::vector<std::uint32_t>> memberships) {
-    // Kept as positions, which fit because ids are unique: a report per spike looks up no id.
+    // Stored as positions, so a report per spike looks up no id. They fit, because ids are unique.
     for (std::vector<std::uint32_t>& list : memberships) {
         for (std::uint32_t& entry : list) entry = static_cast<std::uint32_t>(indexOf(entry));
     }
@@ -140,15 +137,13 @@ void OscillatorBank::takeStep(ModelTime now, std::vector<double>& phases,
                               std::vector<double>& deltas) {
     phases.resize(oscillators_.size());
     deltas.assign(oscillators_.size(), 0.0);
-    // Once per oscillator and not per coupling: a bank coupled all to all would ask for each phase
-    // as often as it has oscillators.
+    // Each phase once, not once per coupling: a bank may be coupled all to all.
     for (const std::size_t position : coupled_) phases[position] = phaseOfPosition(position, now);
     const double step_seconds = static_cast<double>(coupling_period_) / ns_per_second;
     for (const Pull& pull : pulls_) {
         const double sine = std::sin(phases[pull.source] - phases[pull.target]);
         deltas[pull.target] = (sine * pull.strength) * step_seconds + deltas[pull.target];
     }
-    forgetAnswers();
     for (std::size_t position = 0; position < phase_offsets_.size(); ++position) {
         phase_offsets_[position] = wrapPhase(deltas[position] + phase_offsets_[position]);
     }
@@ -158,7 +153,7 @@ void OscillatorBank::advanceCoupling(ModelTime time) {
     ModelTime now = coupledUntil();
     if (time < now) throw InvalidOscillator(InvalidOscillator::into_the_past);
     if (!coupling_enabled_ || couplings_.empty()) return;
-    // Empty until a step is due, which in most windows is never.
+    // No allocation unless a step is due.
     std::vector<double> phases;
     std::vector<double> deltas;
     for (;;) {
@@ -189,39 +184,49 @@ Blob OscillatorBank::snapshot() const {
     return blob;
 }
 
-bool OscillatorBank::restore(BlobView blob) {
+std::optional<OscillatorBank::State> OscillatorBank::read(BlobView blob) const {
     BlobReader in(blob);
     std::uint64_t count = 0;
     ModelTime period = 0;
-    std::uint64_t steps = 0;
-    bool enabled = false;
+    State state;
     if (!in.expectTag(format_tag) || !in.readCount(oscillator_bytes, count) ||
-        count != oscillators_.size() || !in.readI64(period) || !in.readU64(steps) ||
-        !in.readFlag(enabled)) {
-        return false;
+        count != oscillators_.size() || !in.readI64(period) || !in.readU64(state.coupling_steps) ||
+        !in.readFlag(state.coupling_enabled)) {
+        return std::nullopt;
     }
-    std::vector<double> offsets(oscillators_.size());
-    for (std::size_t position = 0; position < offsets.size(); ++position) {
+    state.phase_offsets.resize(oscillators_.size());
+    for (std::size_t position = 0; position < oscillators_.size(); ++position) {
         const Oscillator& live = oscillators_[position];
         Oscillator stored;
+        double& offset = state.phase_offsets[position];
         if (!in.readU32(stored.id) || !in.readF64(stored.frequency) || !in.readF64(stored.phase) ||
-            !in.readF64(stored.amplitude) || !in.readF64(offsets[position])) {
-            return false;
+            !in.readF64(stored.amplitude) || !in.readF64(offset)) {
+            return std::nullopt;
         }
         if (stored.id != live.id || !(stored.frequency == live.frequency) ||
             !(stored.phase == live.phase) || !(stored.amplitude == live.amplitude) ||
-            !std::isfinite(offsets[position])) {
-            return false;
+            !std::isfinite(offset)) {
+            return std::nullopt;
         }
     }
-    if (!in.atEnd() || period < 0 || period != coupling_period_) return false;
-    // The steps' end must stay a valid time.
-    if (period > 0 && steps > static_cast<std::uint64_t>(last_model_time / period)) return false;
+    if (!in.atEnd() || period < 0 || period != coupling_period_) return std::nullopt;
+    // The end of the last step must be a valid time.
+    if (period > 0 && state.coupling_steps > static_cast<std::uint64_t>(last_model_time / period)) {
+        return std::nullopt;
+    }
+    return state;
+}
 
-    coupling_steps_ = steps;
-    coupling_enabled_ = enabled;
-    phase_offsets_ = std::move(offsets);
-    forgetAnswers();
+void OscillatorBank::adopt(State&& state) noexcept {
+    coupling_steps_ = state.coupling_steps;
+    coupling_enabled_ = state.coupling_enabled;
+    phase_offsets_ = std::move(state.phase_offsets);
+}
+
+bool OscillatorBank::restore(BlobView blob) {
+    std::optional<State> state = read(blob);
+    if (!state) return false;
+    adopt(std::move(*state));
     return true;
 }
 

@@ -29,7 +29,7 @@ double sineMaximum(double theta, double span) {
     const double last = (span + 1e-12) + theta;
     const double crest = std::ceil((theta - pi_2) / two_pi) * two_pi + pi_2;
     if (last >= crest) return 1.0;
-    // The kernel's own sine: the bound must hold for what the kernel will compute.
+    // The kernel's own sine: the bound must hold for the values that the kernel computes.
     const double at_last = Kernel::kernelSin(last);
     const double at_theta = Kernel::kernelSin(theta);
     return at_last > at_theta ? at_last : at_theta;
@@ -72,14 +72,15 @@ double PhaseModulator::weightSum() const {
     return sum;
 }
 
-double PhaseModulator::intervalBound(ModelTime start, ModelTime end) const {
+template <class PhaseOf>
+double PhaseModulator::boundOf(ModelTime start, ModelTime end, PhaseOf phase_of) const {
     if (end < start) throw InvalidPhaseModulation(InvalidPhaseModulation::backwards);
     const double seconds = (static_cast<double>(end) - static_cast<double>(start)) / ns_per_second;
     double sum = 0.0;
     for (const Tie& tie : ties_) {
         const double amplitude = amplitudeOf(tie);
         if (amplitude == 0.0) continue;
-        const double theta = phaseOf(tie, start);
+        const double theta = phase_of(tie.position) + tie.binding.phase_offset;
         const double span = (bank_->oscillators()[tie.position].frequency * two_pi) * seconds;
         const double extreme =
             amplitude > 0.0 ? sineMaximum(theta, span) : sineMinimum(theta, span);
@@ -88,7 +89,18 @@ double PhaseModulator::intervalBound(ModelTime start, ModelTime end) const {
     return sum;
 }
 
-PhaseDrive PhaseModulator::kernelDrive(ModelTime origin, double bound) const {
+double PhaseModulator::intervalBound(ModelTime start, ModelTime end) const {
+    return boundOf(start, end,
+                   [&](std::size_t position) { return bank_->phaseOfPosition(position, start); });
+}
+
+double PhaseModulator::intervalBound(InstantPhases& phases, ModelTime end) const {
+    return boundOf(phases.time(), end,
+                   [&](std::size_t position) { return phases.phaseOfPosition(position); });
+}
+
+template <class PhaseOf>
+PhaseDrive PhaseModulator::driveOf(ModelTime origin, double bound, PhaseOf phase_of) const {
     PhaseDrive drive;
     drive.origin = origin;
     drive.bound = bound;
@@ -100,11 +112,21 @@ PhaseDrive PhaseModulator::kernelDrive(ModelTime origin, double bound) const {
         }
         PhaseTerm& term = drive.terms[drive.term_count];
         term.amplitude = amplitude;
-        term.phase = phaseOf(tie, origin);
+        term.phase = phase_of(tie.position) + tie.binding.phase_offset;
         term.omega = (bank_->oscillators()[tie.position].frequency * two_pi) / ns_per_second;
         ++drive.term_count;
     }
     return drive;
+}
+
+PhaseDrive PhaseModulator::kernelDrive(ModelTime origin, double bound) const {
+    return driveOf(origin, bound,
+                   [&](std::size_t position) { return bank_->phaseOfPosition(position, origin); });
+}
+
+PhaseDrive PhaseModulator::kernelDrive(InstantPhases& phases, double bound) const {
+    return driveOf(phases.time(), bound,
+                   [&](std::size_t position) { return phases.phaseOfPosition(position); });
 }
 
 }  // namespace Lumenar::Core::Kelm

@@ -7,8 +7,6 @@
 
 #include "kelm/core/Failures.h"
 #include "kelm/core/Prefetch.h"
-#include "kelm/runtime/OscillatorBank.h"
-#include "kelm/runtime/PhaseSample.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -92,11 +90,6 @@ void PlasticityEngine::advance(SpikeTrace& trace, ModelTime time) const {
     trace.coincidence = decay(trace.coincidence, trace_config_.tau_coincidence);
 }
 
-/// The phase that a proposal carries: of the first oscillator reported for the neuron, in radians.
-double PlasticityEngine::phaseOf(NodeId neuron, ModelTime time) const {
-    return bank_ == nullptr ? 0.0 : bank_->firstPhase(neuron, time);
-}
-
 /// At the head of each block of a neuron's synapses, asks for the traces at their other ends, which
 /// lie anywhere: one wait for many of them, instead of one each.
 void PlasticityEngine::prefetchPartners(const SynapseGraph& graph, std::span<const EdgeId> ids,
@@ -116,7 +109,8 @@ void PlasticityEngine::processSpike(const SpikeRecord& spike, SynapseGraph& grap
         inhibitory_.kind == PlasticityRuleKind::coincidence) {
         own.coincidence += 1.0;
     }
-    const double phase = phaseOf(neuron, time);
+    if (bank_ != nullptr) phases_.moveTo(*bank_, time);
+    const double phase = phaseOf(neuron);
     const auto outgoing = graph.outgoing(neuron);
     for (std::size_t i = 0; i < outgoing.size(); ++i) {
         prefetchPartners(graph, outgoing, i, &SynapseGraph::target);
@@ -174,8 +168,8 @@ void PlasticityEngine::propose(EdgeId edge, const Synapse& synapse, ModelTime ti
     context.post_last_spike = traces_[synapse.target].last_spike;
     context.weight = static_cast<double>(synapse.weight);
     context.factor = factor;
-    context.pre_phase = by_source ? spike_phase : phaseOf(synapse.source, time);
-    context.post_phase = by_source ? phaseOf(synapse.target, time) : spike_phase;
+    context.pre_phase = by_source ? spike_phase : phaseOf(synapse.source);
+    context.post_phase = by_source ? phaseOf(synapse.target) : spike_phase;
     context.synapse_kind = synapse.inhibitory ? 1 : 0;
     context.rule_kind = rule.kind;
     context.side = side;

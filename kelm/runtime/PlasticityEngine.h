@@ -12,12 +12,11 @@
 #include "kelm/engine/SpikeRecord.h"
 #include "kelm/network/Synapse.h"
 #include "kelm/network/SynapseGraph.h"
+#include "kelm/runtime/InstantPhases.h"
 #include "kelm/runtime/PlasticityConfig.h"
 #include "kelm/runtime/WeightChange.h"
 
 namespace Lumenar::Core::Kelm {
-
-class OscillatorBank;
 
 /// Turns spikes into proposals of weight changes, by spike-timing rules over one decaying trace
 /// set per neuron. It reads the network and never writes a weight.
@@ -98,7 +97,7 @@ private:
     void processSpike(const SpikeRecord& spike, SynapseGraph& graph);
     void propose(EdgeId edge, const Synapse& synapse, ModelTime time, PlasticitySide side,
                  double factor, double spike_phase);
-    double phaseOf(NodeId neuron, ModelTime time) const;
+    double phaseOf(NodeId neuron) { return bank_ == nullptr ? 0.0 : phases_.firstPhase(neuron); }
     void handOut(std::vector<WeightChange>& changes);
 
     TraceConfig trace_config_;
@@ -110,6 +109,7 @@ private:
     std::vector<ChangeKey> keys_;  ///< scratch of handOut
     ChangeHook change_hook_;
     const OscillatorBank* bank_ = nullptr;
+    InstantPhases phases_;  ///< at the time of the spike in work
 };
 
 }  // namespace Lumenar::Core::Kelm
