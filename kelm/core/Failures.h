@@ -131,7 +131,6 @@ public:
     static constexpr const char* journal_rate = "journal rate must be in (0, 1]";
     static constexpr const char* weight_cap = "weight cap must be finite and >= 0";
     static constexpr const char* freeze = "learning freeze index must be below 3";
-    static constexpr const char* size = "learning control and graph differ in size";
     static constexpr const char* gate_order = "learning gate moved back in time";
 };
 
@@ -224,7 +223,6 @@ public:
     static constexpr const char* gain = "oscillator gain must be finite and >= 0";
     static constexpr const char* binding_count =
         "runtime phase bindings do not match the neuron count";
-    static constexpr const char* lost_oscillators = "moved runtime lost its oscillator state";
 };
 
 /// A checkpoint that another version of the engine wrote.
@@ -258,7 +256,6 @@ public:
     static constexpr const char* amplitudes_negative = "plasticity amplitudes must be non-negative";
     static constexpr const char* into_the_past = "plasticity trace advanced into the past";
     static constexpr const char* cap = "homeostasis cap must be finite and > 0";
-    static constexpr const char* neuron_count = "plasticity neuron count does not match graph";
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -9,7 +9,7 @@ namespace {
 constexpr BlobTag magic("KELMV1\r\n");
 constexpr std::uint64_t extension_tag = 0x5245435354415445;
 
-// The least bytes that an item can take.
+// The smallest size of each item.
 constexpr std::size_t min_phase_log_bytes = 24;
 constexpr std::size_t min_spike_bytes = 29;
 constexpr std::size_t min_sample_bytes = 32;
@@ -136,10 +136,15 @@ void appendCauses(Blob& blob, std::span<const CauseEntry> causes) {
     }
 }
 
-bool readCauses(BlobReader& in, std::vector<CauseEntry>& causes) {
-    return readItems(in, min_cause_bytes, causes, [&](CauseEntry& entry) {
-        return in.readU64(entry.event_id) && readCause(in, entry.cause);
-    });
+bool readCauses(BlobReader& in, std::unordered_map<std::uint64_t, Cause>& causes) {
+    std::uint64_t count = 0;
+    if (!in.readCount(min_cause_bytes, count)) return false;
+    for (; count > 0; --count) {
+        CauseEntry entry;
+        if (!in.readU64(entry.event_id) || !readCause(in, entry.cause)) return false;
+        causes.emplace(entry.event_id, entry.cause);
+    }
+    return true;
 }
 
 void appendSampleExtension(Blob& blob, std::span<const RecordedSample> samples) {

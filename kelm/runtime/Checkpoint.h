@@ -4,6 +4,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "kelm/core/Blob.h"
@@ -12,9 +13,9 @@
 #include "kelm/runtime/PhaseLogEntry.h"
 #include "kelm/runtime/Recorder.h"
 
-// The byte grammar of a runtime's checkpoint. A string is a 64-bit length and its bytes, a sequence
-// a 64-bit count and its items, a nested blob a 64-bit length and the blob; length 0 means that the
-// runtime has no such part.
+// The byte grammar of a runtime's checkpoint. A string is a 64-bit length and its bytes. A sequence
+// is a 64-bit count and its items. A nested blob is a 64-bit length and the blob; length 0 means
+// that the runtime has no such part.
 //
 //   magic               8 bytes "KELMV1\r\n"
 //   engine version      string
@@ -42,12 +43,12 @@
 //   extension           sequence, one item per sample: adaptation, refractory left, next candidate,
 //                       spike counts: four sequences of f64
 //
-// A cause is a byte 1 and the id u64, or a byte 0. A file may end behind the commit count; the
-// samples then lack what the extension holds.
+// A cause is a byte 1 and the id u64, or a byte 0. A file may end after the commit count. The
+// samples then lack the values of the extension.
 
 namespace Lumenar::Core::Kelm::Checkpoint {
 
-/// What a checkpoint says of the runtime that wrote it.
+/// The identity and position of the runtime that wrote a checkpoint.
 struct Head {
     std::string label;
     std::uint64_t config_id = 0;
@@ -57,7 +58,7 @@ struct Head {
 
 void appendHead(Blob& blob, std::string_view engine_version, const Head& head);
 /// False for another magic or a head that is cut short.
-/// Throws IncompatibleCheckpoint for another version than `engine_version`.
+/// Throws IncompatibleCheckpoint for a version other than `engine_version`.
 [[nodiscard]] bool readHead(BlobReader& in, std::string_view engine_version, Head& head);
 
 void appendPhaseLog(Blob& blob, std::span<const PhaseLogEntry> log);
@@ -67,12 +68,13 @@ void appendCauses(Blob& blob, std::span<const CauseEntry> causes);
 void appendSampleExtension(Blob& blob, std::span<const RecordedSample> samples);
 void appendInterventions(Blob& blob, const InterventionState& interventions);
 
-// Each reader is false for what is cut short or cannot have been written; its last argument is then
-// of no use. No count sizes storage before it has been held against the bytes that remain.
+// Each reader returns false on malformed input, and then leaves its last argument unspecified. It
+// compares every count with the remaining bytes before it allocates.
 [[nodiscard]] bool readPhaseLog(BlobReader& in, std::vector<PhaseLogEntry>& log);
 [[nodiscard]] bool readSpikes(BlobReader& in, std::vector<RecordedSpike>& spikes);
 [[nodiscard]] bool readSamples(BlobReader& in, std::vector<RecordedSample>& samples);
-[[nodiscard]] bool readCauses(BlobReader& in, std::vector<CauseEntry>& causes);
+/// Of two entries of one event it takes the first.
+[[nodiscard]] bool readCauses(BlobReader& in, std::unordered_map<std::uint64_t, Cause>& causes);
 /// Completes the samples that readSamples gave.
 [[nodiscard]] bool readSampleExtension(BlobReader& in, std::vector<RecordedSample>& samples);
 [[nodiscard]] bool readInterventions(BlobReader& in, InterventionState& interventions);

@@ -40,16 +40,15 @@ KelmRuntime::KelmRuntime(SynapseGraph&& network, const Kernel::Neuron& neuron,
       label_(std::move(label)),
       engine_(std::move(network), neuron, firing, seed, horizon, std::move(store)),
       backend_(backend),
-      plasticity_config_(plasticity),
-      phase_config_(std::move(phase)) {
+      plasticity_config_(plasticity) {
     if (plasticity_config_.enabled) createPlasticity();
     if (recorder) createRecorder(std::move(*recorder));
     if (!input_channels.empty()) createInputChannels(std::move(input_channels));
     if (prediction) createPrediction(std::move(*prediction));
-    if (phase_config_) createOscillators();
+    if (phase) createOscillators(std::move(*phase));
     const bool modulated = oscillators_ || prediction_;
-    // An engine with a prepare hook fills every item anew, which costs more than the hook: one that
-    // would leave the items alone is not set.
+    // With a prepare hook the engine fills every item anew, which costs more than the hook. So the
+    // hook is set only if it changes items.
     engine_.setHooks(modulated ? this : nullptr, this, this);
     if (modulated) reseedModulated();
 }
@@ -117,39 +116,27 @@ void KelmRuntime::createPrediction(PredictionConfig&& config) {
     }
 }
 
-void KelmRuntime::createOscillators() {
-    if (phase_config_->bindings.size() != graph().nodeCount()) {
+void KelmRuntime::createOscillators(PhaseConfig&& config) {
+    if (config.bindings.size() != graph().nodeCount()) {
         throw InvalidPhaseModulation(InvalidPhaseModulation::binding_count);
     }
-    oscillators_.emplace(phase_config_->oscillators);
-    if (!phase_config_->couplings.empty()) {
-        oscillators_->configureCoupling(phase_config_->couplings, phase_config_->coupling_period);
+    oscillators_.emplace(std::move(config.oscillators));
+    if (!config.couplings.empty()) {
+        oscillators_->configureCoupling(std::move(config.couplings), config.coupling_period);
     }
-    putInForce(makeModulators());
-}
-
-/// The modulators on the bank as it stands, at construction or after a restore.
-KelmRuntime::Modulators KelmRuntime::makeModulators() const {
-    Modulators made;
-    if (!phase_config_) return made;
-    if (!oscillators_) throw InvalidPhaseModulation(InvalidPhaseModulation::lost_oscillators);
-    for (const std::vector<PhaseBinding>& bindings : phase_config_->bindings) {
-        PhaseModulator modulator(*oscillators_);
+    // A modulator refers to the bank by address and position, so a restore leaves it as it is.
+    phase_modulators_.reserve(graph().nodeCount());
+    modulation_weight_sum_.reserve(graph().nodeCount());
+    for (const std::vector<PhaseBinding>& bindings : config.bindings) {
+        PhaseModulator& modulator = phase_modulators_.emplace_back(*oscillators_);
         for (const PhaseBinding& binding : bindings) modulator.addBinding(binding);
-        made.weight_sums.push_back(modulator.weightSum());
-        made.modulators.push_back(std::move(modulator));
+        modulation_weight_sum_.push_back(modulator.weightSum());
     }
-    return made;
+    if (plasticity_) plasticity_->setBank(&*oscillators_);
 }
 
-void KelmRuntime::putInForce(Modulators&& made) noexcept {
-    phase_modulators_ = std::move(made.modulators);
-    modulation_weight_sum_ = std::move(made.weight_sums);
-    if (plasticity_ && oscillators_) plasticity_->setBank(&*oscillators_);
-}
-
-/// Draws the first candidates anew under bounds that cover whatever modulation can come; the draws
-/// of the engine's construction knew of none.
+/// Draws the first candidates again, under bounds that cover all modulation. The engine's
+/// construction draws them without modulation.
 void KelmRuntime::reseedModulated() {
     std::vector<double> bounds(graph().nodeCount(), 0.0);
     for (NodeId n = 0; n < bounds.size(); ++n) {
@@ -258,7 +245,7 @@ void KelmRuntime::observe(const Event& event, std::span<const Kernel::State> sta
 void KelmRuntime::observe(const Event& event, std::span<const Kernel::State> states,
                           std::span<const ModelTime> candidate_times, SynapseGraph& graph) {
     if (!recorder_) return;
-    // A view of one value per neuron where the kind is selected, else of none.
+    // One value per neuron if the kind is selected, else none.
     const auto sampled = [&](SampleKind kind, std::vector<double>& values, auto value_of) {
         values.clear();
         if (!recorder_->selects(kind)) return std::span<const double>();
@@ -274,13 +261,14 @@ void KelmRuntime::observe(const Event& event, std::span<const Kernel::State> sta
         sampled(SampleKind::refractory_left, sampled_.refractory_left, [&](NodeId n) {
             const ModelTime end = states[n].refractory_until;
             if (end <= event.time) return 0.0;
-            // Unsigned: of two times of a restored run the difference may leave ModelTime.
+            // Unsigned: a restored run may hold times whose difference exceeds ModelTime.
             return static_cast<double>(static_cast<std::uint64_t>(end) -
                                        static_cast<std::uint64_t>(event.time));
         });
-    context.next_candidate = sampled(SampleKind::next_candidate, sampled_.next_candidate, [&](NodeId n) {
-        return n < candidate_times.size() ? static_cast<double>(candidate_times[n]) : -1.0;
-    });
+    context.next_candidate =
+        sampled(SampleKind::next_candidate, sampled_.next_candidate, [&](NodeId n) {
+            return n < candidate_times.size() ? static_cast<double>(candidate_times[n]) : -1.0;
+        });
     context.oscillators = oscillators();
     context.active_synapses = graph.routedCount();
     context.neuron_count = states.size();
@@ -322,59 +310,74 @@ Blob KelmRuntime::checkpoint() {
     return blob;
 }
 
-/// A checkpoint's content, before any of it is in force.
-struct KelmRuntime::StoredState {
+/// What a checkpoint holds, checked but not yet adopted.
+struct KelmRuntime::State {
     ModelTime position = 0;
     BlobView engine;
-    BlobView plasticity;
-    BlobView learning;
-    BlobView oscillators;
+    std::optional<PlasticityEngine::State> plasticity;
+    std::optional<LearningControl::State> learning;
+    std::optional<OscillatorBank::State> oscillators;
     std::vector<PhaseLogEntry> phase_log;
-    std::vector<RecordedSpike> spikes;
-    std::vector<RecordedSample> samples;
-    std::vector<CauseEntry> causes;
+    Recorder::State records;
     std::vector<InputChannelBank::ChannelState> channels;
     PredictionBank::State prediction;
     InterventionState interventions;
     std::uint64_t commit_count = 0;
 };
 
+/// Reads and checks everything first. The engine is the last that can refuse or run out of memory.
 bool KelmRuntime::restore(BlobView bytes) {
     BlobReader in(bytes);
     Checkpoint::Head head;
     if (!Checkpoint::readHead(in, engine_version, head)) return false;
     if (head.config_id != config_id_ || head.seed != seed_ || head.label != label_) return false;
-    StoredState state;
+    State state;
     state.position = head.position;
-    return readState(in, state) && restoreParts(state);
+    if (!readState(in, state) || !engine_.restore(state.engine)) return false;
+    adopt(std::move(state));
+    return true;
 }
 
-/// Reads the rest of a checkpoint and holds it against the parts that this runtime has.
-bool KelmRuntime::readState(BlobReader& in, StoredState& state) const {
-    if (!in.readNested(state.engine) || !in.readNested(state.plasticity) ||
-        !in.readNested(state.learning) || !in.readNested(state.oscillators)) {
-        return false;
-    }
-    if (state.plasticity.empty() == (plasticity_ != nullptr) ||
-        state.learning.empty() == (learning_ != nullptr) ||
-        state.oscillators.empty() == oscillators_.has_value()) {
-        return false;
-    }
-    if (!Checkpoint::readPhaseLog(in, state.phase_log) ||
-        !Checkpoint::readSpikes(in, state.spikes) || !Checkpoint::readSamples(in, state.samples) ||
-        !Checkpoint::readCauses(in, state.causes)) {
+bool KelmRuntime::readState(BlobReader& in, State& state) const {
+    Recorder::State& records = state.records;
+    if (!readParts(in, state) || !Checkpoint::readPhaseLog(in, state.phase_log) ||
+        !Checkpoint::readSpikes(in, records.spikes) ||
+        !Checkpoint::readSamples(in, records.samples) ||
+        !Checkpoint::readCauses(in, records.causes)) {
         return false;
     }
     const bool has_records =
-        !state.spikes.empty() || !state.samples.empty() || !state.causes.empty();
+        !records.spikes.empty() || !records.samples.empty() || !records.causes.empty();
     if (has_records && !recorder_) return false;
     return readChannels(in, state) && readPrediction(in, state) &&
            Checkpoint::readInterventions(in, state.interventions) &&
            in.readU64(state.commit_count) &&
-           (in.atEnd() || Checkpoint::readSampleExtension(in, state.samples)) && in.atEnd();
+           (in.atEnd() || Checkpoint::readSampleExtension(in, records.samples)) && in.atEnd();
 }
 
-bool KelmRuntime::readChannels(BlobReader& in, StoredState& state) const {
+/// The nested blobs. Each is empty exactly if the runtime lacks the part.
+bool KelmRuntime::readParts(BlobReader& in, State& state) const {
+    BlobView plasticity;
+    BlobView learning;
+    BlobView oscillators;
+    if (!in.readNested(state.engine) || !in.readNested(plasticity) || !in.readNested(learning) ||
+        !in.readNested(oscillators)) {
+        return false;
+    }
+    if (plasticity.empty() == (plasticity_ != nullptr) ||
+        learning.empty() == (learning_ != nullptr) ||
+        oscillators.empty() == oscillators_.has_value()) {
+        return false;
+    }
+    if (plasticity_) state.plasticity = plasticity_->read(plasticity);
+    if (learning_) state.learning = learning_->read(learning);
+    if (oscillators_) state.oscillators = oscillators_->read(oscillators);
+    return state.plasticity.has_value() == (plasticity_ != nullptr) &&
+           state.learning.has_value() == (learning_ != nullptr) &&
+           state.oscillators.has_value() == oscillators_.has_value();
+}
+
+bool KelmRuntime::readChannels(BlobReader& in, State& state) const {
     std::uint64_t count = 0;
     if (!in.readU64(count) || count != (input_channels_ ? input_channels_->size() : 0)) {
         return false;
@@ -385,17 +388,18 @@ bool KelmRuntime::readChannels(BlobReader& in, StoredState& state) const {
         if (!in.readF64(channel.gain) || !in.readU8(connected) || !in.readImage(channel.stats)) {
             return false;
         }
+        if (!std::isfinite(channel.gain)) return false;
         channel.connected = connected != 0;
     }
     return true;
 }
 
-bool KelmRuntime::readPrediction(BlobReader& in, StoredState& state) const {
+bool KelmRuntime::readPrediction(BlobReader& in, State& state) const {
     std::uint64_t count = 0;
     if (!in.readU64(count) || count != (prediction_ ? prediction_->channels().size() : 0)) {
         return false;
     }
-    // The file has no flag for these: whether they are there is a matter of the configuration.
+    // The file has no flag for these fields: the configuration decides whether they are there.
     if (!prediction_) return true;
     PredictionBank::State& prediction = state.prediction;
     return in.readImages(count, prediction.precisions) &&
@@ -403,45 +407,18 @@ bool KelmRuntime::readPrediction(BlobReader& in, StoredState& state) const {
            in.readF64(prediction.reserved_b) && prediction_->accepts(prediction);
 }
 
-/// Puts what was read in force. Each part takes it up in a twin first and the engine comes last of
-/// all that can refuse or run out of memory, so that nothing has changed where one does.
-bool KelmRuntime::restoreParts(StoredState& state) {
-    std::optional<PlasticityEngine> plasticity;
-    if (plasticity_) {
-        plasticity.emplace(graph().nodeCount(), plasticity_config_.trace,
-                           plasticity_config_.excitatory, plasticity_config_.inhibitory);
-        if (!plasticity->restore(state.plasticity)) return false;
-    }
-    std::optional<LearningControl> learning;
-    if (learning_) {
-        learning.emplace(graph().nodeCount(), learning_->synapseStates().size());
-        if (!learning->restore(state.learning)) return false;
-    }
-    std::optional<OscillatorBank> oscillators = oscillators_;
-    if (oscillators && !oscillators->restore(state.oscillators)) return false;
-    for (const InputChannelBank::ChannelState& channel : state.channels) {
-        if (!std::isfinite(channel.gain)) return false;
-    }
-    Recorder::CauseMap causes = Recorder::causeMapOf(state.causes);
-    Modulators modulators = makeModulators();
-    if (!engine_.restore(state.engine)) return false;
-
-    // Into the parts where they stand: they have been handed out.
-    if (plasticity) plasticity_->swapState(*plasticity);
-    if (learning) learning_->swapState(*learning);
-    if (oscillators) *oscillators_ = std::move(*oscillators);
+/// The parts keep their addresses, because callers hold pointers to them.
+void KelmRuntime::adopt(State&& state) noexcept {
+    if (plasticity_) plasticity_->adopt(std::move(*state.plasticity));
+    if (learning_) learning_->adopt(std::move(*state.learning));
+    if (oscillators_) oscillators_->adopt(std::move(*state.oscillators));
     if (prediction_) prediction_->adopt(std::move(state.prediction));
     if (input_channels_) input_channels_->adopt(state.channels);
-    if (recorder_) {
-        recorder_->restoreState(std::move(state.spikes), std::move(state.samples),
-                                std::move(causes));
-    }
+    if (recorder_) recorder_->adopt(std::move(state.records));
     interventions_ = std::move(state.interventions);
     phase_log_ = std::move(state.phase_log);
     position_ = state.position;
     commit_count_ = state.commit_count;
-    putInForce(std::move(modulators));
-    return true;
 }
 
 }  // namespace Lumenar::Core::Kelm

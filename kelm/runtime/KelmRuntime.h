@@ -67,10 +67,11 @@ public:
     /// InputChannelBank::inject throw.
     std::vector<std::uint64_t> inject(const std::string& name, ModelTime time, double value);
 
-    /// Acts on neurons directly and returns the ids of the events. Throws as postPerturbation does.
+    /// Acts on neurons directly, without a channel. Returns the ids of the events. Throws as
+    /// postPerturbation does.
     std::vector<std::uint64_t> perturb(const Perturbation& perturbation);
 
-    // The parts of the composition; null for an empty slot.
+    // The parts; null for a part that the runtime lacks.
     Recorder* recorder() { return recorder_.get(); }
     const Recorder* recorder() const { return recorder_.get(); }
     PredictionBank* prediction() { return prediction_.get(); }
@@ -83,15 +84,15 @@ public:
     const InputChannelBank* inputChannels() const { return input_channels_.get(); }
     OscillatorBank* oscillators() { return oscillators_ ? &*oscillators_ : nullptr; }
     const OscillatorBank* oscillators() const { return oscillators_ ? &*oscillators_ : nullptr; }
-    /// Gains and switches over the mechanisms; they act from the next window on.
+    /// Gains and switches of the mechanisms. They act from the next window on.
     InterventionState& interventions() { return interventions_; }
     const InterventionState& interventions() const { return interventions_; }
 
-    /// All spikes so far, by time, then neuron; the list only grows. Valid until the next run.
+    /// All spikes so far, by time, then neuron. The list only grows. Valid until the next run.
     std::span<const SpikeRecord> spikeLog() { return engine_.spikeLog(); }
     /// 64-bit digest of spikeLog().
     std::uint64_t logHash() { return engine_.logHash(); }
-    /// Every spike with its oscillators' phases, in the order of commit; empty without a rhythm.
+    /// Every spike with its oscillators' phases, in the order of commit. Empty without oscillators.
     /// The list only grows.
     std::span<const PhaseLogEntry> phaseLog() const { return phase_log_; }
     WindowProfile profile() const { return engine_.profile(); }
@@ -104,29 +105,31 @@ public:
     const SynapseGraph& graph() const { return engine_.graph(); }
     SynapseGraph& graph() { return engine_.graph(); }
 
-    /// How many windows have reached the end of the commit hook.
+    /// The number of windows whose commit hook has finished.
     std::uint64_t commitCount() const { return commit_count_; }
-    /// The `until` of the last finished run in ns; 0 at the start.
+    /// The `until` of the last finished run in ns; 0 before the first.
     ModelTime position() const { return position_; }
     std::uint64_t seed() const { return seed_; }
     ModelTime horizon() const { return horizon_; }
     std::uint64_t configId() const { return config_id_; }
     const std::string& label() const { return label_; }
 
-    /// Sets who is told of committed windows; null for nobody. It must outlive the runs.
+    /// Sets the listener that each committed window calls; null for none. It must outlive the runs.
     void setCommitListener(ICommitListener* listener) { commit_listener_ = listener; }
-    /// Sets what notes every injection that is asked for; null for nothing. It must outlive them.
+    /// Sets the trace that records every call of inject; null for none. It must outlive the calls.
     void setInjectionTrace(InjectionTrace* trace) { injection_trace_ = trace; }
 
-    /// The whole run state in one byte sequence; Checkpoint.h holds its grammar. Spikes that wait
-    /// to be counted by a later sample, hooks and callables are not in it. Call it between runs.
+    /// The whole run state in one byte sequence; Checkpoint.h holds its grammar. It lacks spikes
+    /// that no sample has counted yet, hooks and callables. Call it between runs.
     Blob checkpoint();
 
-    /// Puts a checkpoint in force that a runtime built from the same arguments has written: the run
-    /// goes on as that one would have. False for one that is cut short or forged, or that was
-    /// written under another label, config id, seed or set of parts. The runtime is then as it was,
-    /// unless a store that was handed in refused after it had changed itself. Call it between runs.
+    /// Replaces the run state by a checkpoint of a runtime that was built from the same arguments.
+    /// The run continues as that one would. False, with nothing changed, for a checkpoint that is
+    /// cut short or forged, or that was written under another label, config id, seed or set of
+    /// parts. A store that the caller gave may have changed if it refuses. Call it between runs.
     /// Throws IncompatibleCheckpoint, with nothing changed, for another engine version.
+    ///
+    /// Memory: one copy of what the checkpoint holds, beside the live state.
     [[nodiscard]] bool restore(BlobView bytes);
 
 private:
@@ -150,13 +153,7 @@ private:
     void createRecorder(RecorderConfig&& config);
     void createInputChannels(std::vector<InputChannelSpec>&& specs);
     void createPrediction(PredictionConfig&& config);
-    void createOscillators();
-    struct Modulators {
-        std::vector<PhaseModulator> modulators;
-        std::vector<double> weight_sums;
-    };
-    Modulators makeModulators() const;
-    void putInForce(Modulators&& made) noexcept;
+    void createOscillators(PhaseConfig&& config);
     void reseedModulated();
 
     void prepare(ModelTime window_start, ModelTime window_end, std::span<WindowWork> work,
@@ -170,11 +167,12 @@ private:
     void observe(const Event& event, std::span<const Kernel::State> states,
                  std::span<const ModelTime> candidate_times, SynapseGraph& graph) override;
 
-    struct StoredState;
-    [[nodiscard]] bool readState(BlobReader& in, StoredState& state) const;
-    [[nodiscard]] bool readChannels(BlobReader& in, StoredState& state) const;
-    [[nodiscard]] bool readPrediction(BlobReader& in, StoredState& state) const;
-    [[nodiscard]] bool restoreParts(StoredState& state);
+    struct State;
+    [[nodiscard]] bool readState(BlobReader& in, State& state) const;
+    [[nodiscard]] bool readParts(BlobReader& in, State& state) const;
+    [[nodiscard]] bool readChannels(BlobReader& in, State& state) const;
+    [[nodiscard]] bool readPrediction(BlobReader& in, State& state) const;
+    void adopt(State&& state) noexcept;
 
     std::uint64_t seed_;
     ModelTime horizon_;
@@ -187,7 +185,6 @@ private:
     std::unique_ptr<PlasticityEngine> plasticity_;
     std::unique_ptr<LearningControl> learning_;
     Homeostasis homeostasis_;
-    std::optional<PhaseConfig> phase_config_;
     std::optional<OscillatorBank> oscillators_;
     std::vector<PhaseModulator> phase_modulators_;  ///< shape (neurons), or empty
     std::vector<double> modulation_weight_sum_;     ///< shape (neurons), or empty; at gain 1

@@ -14,7 +14,7 @@ namespace {
 
 constexpr BlobTag format_tag("KELMLRN1");
 
-/// How many synapses ahead the fading asks for their memory.
+/// How many synapses ahead the fading hints their memory.
 constexpr std::size_t prefetch_distance = 16;
 
 void requireGroup(std::uint32_t group) {
@@ -23,14 +23,16 @@ void requireGroup(std::uint32_t group) {
     }
 }
 
-/// Low end first and high end second, so that the high end wins if the two cross. A NaN passes.
+/// Tests the low end first and the high end second: the high end wins if the bounds cross. NaN
+/// passes.
 double clampTo(double value, double low, double high) {
     const double raised = value < low ? low : value;
     return raised > high ? high : raised;
 }
 
-/// One of how many entries a sampled journal keeps; 0 and 1 both mean every entry. A restored rate
-/// may be anything: where its inverse is no 64-bit integer, only the very first entry is kept.
+/// A sampled journal keeps the first of each so many entries; 0 and 1 both mean every entry. A
+/// restored rate may be any number. If its inverse fits no 64-bit integer, only the first entry is
+/// kept.
 std::uint64_t strideOf(double rate) {
     if (!(std::fabs(rate) > 0x1p-63)) return std::uint64_t{1} << 63;
     return static_cast<std::uint64_t>(std::llround(1.0 / rate));
@@ -43,53 +45,79 @@ bool readAnyFlag(BlobReader& in, bool& value) {
     return true;
 }
 
+bool readSettings(BlobReader& in, LearningControl::State& state) {
+    bool fast_enabled = false;
+    BlobView gap;
+    std::uint8_t mode = 0;
+    if (!readAnyFlag(in, fast_enabled) || !in.readView(sizeof(state.fast.gap), gap) ||
+        !in.readI64(state.fast.tau) || !in.readF64(state.fast.consolidation_rate) ||
+        !readAnyFlag(in, state.restrict_groups) || !readAnyFlag(in, state.reserved_flag) ||
+        !in.readSequence(state.allowed_groups) || !in.readU8(mode) ||
+        !in.readF64(state.journal_rate) || !in.readF64(state.weight_cap) ||
+        !readAnyFlag(in, state.learning_enabled)) {
+        return false;
+    }
+    for (bool& frozen : state.frozen) {
+        if (!readAnyFlag(in, frozen)) return false;
+    }
+    if (!in.readU64(state.journal_counter)) return false;
+    state.fast.enabled = fast_enabled ? 1 : 0;
+    state.journal_mode = static_cast<JournalMode>(mode);  // an unknown mode keeps every entry
+    state.journal_stride = strideOf(state.journal_rate);
+    state.allowed_sorted = state.allowed_groups;
+    std::sort(state.allowed_sorted.begin(), state.allowed_sorted.end());
+    return true;
+}
+
 }  // namespace
 
-LearningControl::LearningControl(std::uint64_t neuron_count, std::uint64_t synapse_count)
-    : group_of_(neuron_count), synapses_(synapse_count) {}
+LearningControl::LearningControl(std::uint64_t neuron_count, std::uint64_t synapse_count) {
+    state_.group_of.resize(neuron_count);
+    state_.synapses.resize(synapse_count);
+}
 
 bool LearningControl::neuronAdmitted(NodeId neuron) const {
     const std::uint32_t group = groupOf(neuron);
     if (!groupAllows(group)) return false;
-    if (!restrict_groups_) return true;
-    return std::binary_search(allowed_sorted_.begin(), allowed_sorted_.end(), group);
+    if (!state_.restrict_groups) return true;
+    return std::binary_search(state_.allowed_sorted.begin(), state_.allowed_sorted.end(), group);
 }
 
 void LearningControl::setGroup(NodeId neuron, std::uint32_t group) {
-    if (neuron >= group_of_.size()) {
+    if (neuron >= state_.group_of.size()) {
         throw InvalidLearningControl(InvalidLearningControl::group_neuron);
     }
     requireGroup(group);
-    group_of_[neuron] = group;
+    state_.group_of[neuron] = group;
 }
 
 void LearningControl::setGroupEnabled(std::uint32_t group, bool enabled) {
     requireGroup(group);
-    if (group >= group_enabled_.size()) {
+    if (group >= state_.group_enabled.size()) {
         if (enabled) return;
-        group_enabled_.resize(group + std::size_t{1}, 1);
+        state_.group_enabled.resize(group + std::size_t{1}, 1);
     }
-    group_enabled_[group] = enabled ? 1 : 0;
+    state_.group_enabled[group] = enabled ? 1 : 0;
 }
 
 void LearningControl::allowOnlyGroups(std::vector<std::uint32_t> groups) {
     for (const std::uint32_t group : groups) requireGroup(group);
     std::vector<std::uint32_t> sorted = groups;
     std::sort(sorted.begin(), sorted.end());
-    allowed_groups_ = std::move(groups);
-    allowed_sorted_ = std::move(sorted);
-    restrict_groups_ = true;
+    state_.allowed_groups = std::move(groups);
+    state_.allowed_sorted = std::move(sorted);
+    state_.restrict_groups = true;
 }
 
 void LearningControl::allowAllGroups() {
-    allowed_groups_.clear();
-    allowed_sorted_.clear();
-    restrict_groups_ = false;
+    state_.allowed_groups.clear();
+    state_.allowed_sorted.clear();
+    state_.restrict_groups = false;
 }
 
 void LearningControl::setFrozen(std::uint32_t index, bool frozen) {
-    if (index >= frozen_.size()) throw InvalidLearningControl(InvalidLearningControl::freeze);
-    frozen_[index] = frozen;
+    if (index >= state_.frozen.size()) throw InvalidLearningControl(InvalidLearningControl::freeze);
+    state_.frozen[index] = frozen;
 }
 
 void LearningControl::setFastWeights(bool enabled, ModelTime tau, double consolidation_rate) {
@@ -97,9 +125,9 @@ void LearningControl::setFastWeights(bool enabled, ModelTime tau, double consoli
     if (!(consolidation_rate >= 0.0 && consolidation_rate <= 1.0)) {
         throw InvalidLearningControl(InvalidLearningControl::consolidation_rate);
     }
-    fast_.enabled = enabled ? 1 : 0;
-    fast_.tau = tau;
-    fast_.consolidation_rate = consolidation_rate;
+    state_.fast.enabled = enabled ? 1 : 0;
+    state_.fast.tau = tau;
+    state_.fast.consolidation_rate = consolidation_rate;
 }
 
 void LearningControl::setJournal(JournalMode mode, double rate) {
@@ -109,28 +137,24 @@ void LearningControl::setJournal(JournalMode mode, double rate) {
     if (!(rate > 0.0 && rate <= 1.0)) {
         throw InvalidLearningControl(InvalidLearningControl::journal_rate);
     }
-    journal_mode_ = mode;
-    journal_rate_ = rate;
-    journal_stride_ = strideOf(rate);
+    state_.journal_mode = mode;
+    state_.journal_rate = rate;
+    state_.journal_stride = strideOf(rate);
 }
 
 void LearningControl::setWeightCap(double cap) {
     if (!std::isfinite(cap) || cap < 0.0) {
         throw InvalidLearningControl(InvalidLearningControl::weight_cap);
     }
-    weight_cap_ = cap;
+    state_.weight_cap = cap;
 }
 
 LearningStatistics LearningControl::applyChanges(SynapseGraph& graph,
                                                  std::span<const WeightChange> changes,
                                                  ModelTime window_end) {
-    // A restored graph may have come to another synapse count than this object's.
-    if (graph.nodeCount() != group_of_.size() || graph.edgeCount() != synapses_.size()) {
-        throw InvalidLearningControl(InvalidLearningControl::size);
-    }
     LearningStatistics statistics;
-    const bool gate_open = askGate(window_end);
-    const bool stopped = frozen_[0] || frozen_[1];
+    const bool gate_open = isGateOpen(window_end);
+    const bool stopped = state_.frozen[0] || state_.frozen[1];
     for (const WeightChange& change : changes) {
         if (!graph.isRouted(change.edge)) continue;
         if (stopped) {
@@ -144,28 +168,33 @@ LearningStatistics LearningControl::applyChanges(SynapseGraph& graph,
             ++statistics.applied;
         }
     }
-    if (fast_.enabled != 0 && !frozen_[1]) fade(graph, window_end, statistics);
+    if (state_.fast.enabled != 0 && !state_.frozen[1]) fade(graph, window_end, statistics);
     return statistics;
 }
 
-bool LearningControl::askGate(ModelTime window_end) {
+bool LearningControl::isGateOpen(ModelTime window_end) {
     if (!modulator_) return true;
     const bool open = modulator_(window_end);
-    if (modulator_history_.empty() || (modulator_history_.back().open != 0) != open) {
-        if (!modulator_history_.empty() && window_end < modulator_history_.back().time) {
+    if (state_.modulator_history.empty() || (state_.modulator_history.back().open != 0) != open) {
+        if (!state_.modulator_history.empty() &&
+            window_end < state_.modulator_history.back().time) {
             throw InvalidLearningControl(InvalidLearningControl::gate_order);
         }
         ModulatorSample sample;
         sample.time = window_end;
         sample.open = open ? 1 : 0;
-        modulator_history_.push_back(sample);
+        state_.modulator_history.push_back(sample);
     }
     return open;
 }
 
 void LearningControl::learn(SynapseGraph& graph, const WeightChange& change) {
     const EdgeId edge = change.edge;
-    SynapseLearningState& state = synapses_[edge];
+    // The graph may hold more synapses than this object was made for.
+    if (edge >= state_.synapses.size()) {
+        throw SynapseRoutingViolation(SynapseRoutingViolation::edge);
+    }
+    SynapseLearningState& state = state_.synapses[edge];
     const double weight = static_cast<double>(graph.edge(edge).weight);
     if (state.initialized == 0) {
         state.slow = weight;
@@ -174,44 +203,44 @@ void LearningControl::learn(SynapseGraph& graph, const WeightChange& change) {
         state.initialized = 1;
     }
     if (weight != state.last_weight) {
-        // Somebody else, such as homeostasis, moved the weight: the lasting part takes it up.
+        // Something else, such as homeostasis, changed the weight: the lasting part takes it up.
         SynapseLearningState moved = state;
         moved.slow = weight - state.fast;
         commitWeight(graph, edge, moved, change.time, nullptr, JournalKind::external);
     }
     SynapseLearningState learned = state;
-    double& part = fast_.enabled != 0 ? learned.fast : learned.slow;
+    double& part = state_.fast.enabled != 0 ? learned.fast : learned.slow;
     part = change.delta + part;
     commitWeight(graph, edge, learned, change.time, &change, JournalKind::update);
-    if (fast_.enabled != 0 && state.pending == 0) {
-        pending_edges_.push_back(edge);
+    if (state_.fast.enabled != 0 && state.pending == 0) {
+        state_.pending_edges.push_back(edge);
         state.pending = 1;
     }
 }
 
-/// Each interval runs from a synapse's last change, which this pass itself moves to the window's
-/// end: over any span of time a fading part fades exactly once, whichever windows the span crosses.
+/// Fades over the interval since a synapse's last change, and sets that change to the window's end.
+/// So a fading part fades exactly once over any span of time, however windows divide the span.
 void LearningControl::fade(SynapseGraph& graph, ModelTime window_end,
                            LearningStatistics& statistics) {
-    // Most synapses were last changed by the pass before, so neighbours share a factor.
+    // The last pass was the last change of most synapses, so neighbours share a factor.
     double factor_interval = 0.0;
     double factor = 1.0;
-    for (std::size_t i = 0; i < pending_edges_.size(); ++i) {
-        // In the order of first touch, which is none in memory.
-        if (i + prefetch_distance < pending_edges_.size()) {
-            const EdgeId later = pending_edges_[i + prefetch_distance];
-            prefetchLine(&synapses_[later]);
-            graph.prefetchEdge(later);
+    for (std::size_t i = 0; i < state_.pending_edges.size(); ++i) {
+        // The list has the order of first change, so its synapses lie anywhere in memory.
+        if (i + prefetch_distance < state_.pending_edges.size()) {
+            const EdgeId later = state_.pending_edges[i + prefetch_distance];
+            prefetchLine(&state_.synapses[later]);
+            if (later < graph.edgeCount()) graph.prefetchEdge(later);
         }
-        const EdgeId edge = pending_edges_[i];
-        const SynapseLearningState& state = synapses_[edge];
+        const EdgeId edge = state_.pending_edges[i];
+        const SynapseLearningState& state = state_.synapses[edge];
         if (state.initialized == 0 || state.fast == 0.0 || !graph.isRouted(edge)) continue;
         const double interval =
             static_cast<double>(window_end) - static_cast<double>(graph.lastChange(edge));
         if (0.0 >= interval) continue;
-        if (fast_.consolidation_rate > 0.0) {
+        if (state_.fast.consolidation_rate > 0.0) {
             SynapseLearningState consolidated = state;
-            const double share = state.fast * fast_.consolidation_rate;
+            const double share = state.fast * state_.fast.consolidation_rate;
             consolidated.fast = state.fast - share;
             consolidated.slow = share + state.slow;
             commitWeight(graph, edge, consolidated, window_end, nullptr,
@@ -220,8 +249,10 @@ void LearningControl::fade(SynapseGraph& graph, ModelTime window_end,
         }
         if (interval != factor_interval) {
             factor_interval = interval;
-            // Only a restored time constant can be 0: the limit, without the division.
-            factor = fast_.tau == 0 ? 0.0 : std::exp(-interval / static_cast<double>(fast_.tau));
+            // Only a restored time constant can be 0. The limit then, without the division.
+            factor = state_.fast.tau == 0
+                         ? 0.0
+                         : std::exp(-interval / static_cast<double>(state_.fast.tau));
         }
         SynapseLearningState faded = state;
         faded.fast = factor * state.fast;
@@ -230,18 +261,18 @@ void LearningControl::fade(SynapseGraph& graph, ModelTime window_end,
     }
 }
 
-/// Puts `state` in force for a synapse, within the cap, and journals the step from the state that
-/// stood before. Nothing is changed if the graph refuses the weight.
+/// Bounds `state` by the cap, makes it the synapse's state, and notes the step in the journal.
+/// Changes nothing if the graph refuses the weight.
 void LearningControl::commitWeight(SynapseGraph& graph, EdgeId edge, SynapseLearningState state,
                                    ModelTime time, const WeightChange* proposal, JournalKind kind) {
-    state.slow = clampTo(state.slow, 0.0, weight_cap_);
-    state.fast = clampTo(state.fast, -weight_cap_, weight_cap_);
+    state.slow = clampTo(state.slow, 0.0, state_.weight_cap);
+    state.fast = clampTo(state.fast, -state_.weight_cap, state_.weight_cap);
     const double total = state.fast + state.slow;
-    const float weight = static_cast<float>(clampTo(total, 0.0, weight_cap_));
+    const float weight = static_cast<float>(clampTo(total, 0.0, state_.weight_cap));
     graph.setWeight(edge, weight);
     graph.lastChange(edge) = time;
     state.last_weight = static_cast<double>(weight);
-    const SynapseLearningState before = std::exchange(synapses_[edge], state);
+    const SynapseLearningState before = std::exchange(state_.synapses[edge], state);
 
     if (!keepsNextEntry()) return;
     JournalEntry entry;
@@ -260,103 +291,71 @@ void LearningControl::commitWeight(SynapseGraph& graph, EdgeId edge, SynapseLear
         entry.rule_kind = proposal->context.rule_kind;
     }
     entry.kind = kind;
-    journal_.push_back(entry);
+    state_.journal.push_back(entry);
 }
 
 bool LearningControl::keepsNextEntry() {
-    if (journal_mode_ == JournalMode::off) return false;
-    if (journal_mode_ != JournalMode::sampled || journal_stride_ <= 1) return true;
-    return journal_counter_++ % journal_stride_ == 0;
+    if (state_.journal_mode == JournalMode::off) return false;
+    if (state_.journal_mode != JournalMode::sampled || state_.journal_stride <= 1) return true;
+    return state_.journal_counter++ % state_.journal_stride == 0;
 }
 
 Blob LearningControl::snapshot() const {
     Blob blob;
-    blob.reserve(127 + 4 * group_of_.size() + sizeof(SynapseLearningState) * synapses_.size() +
-                 group_enabled_.size() + sizeof(JournalEntry) * journal_.size() +
-                 sizeof(ModulatorSample) * modulator_history_.size() + 8 * pending_edges_.size() +
-                 4 * allowed_groups_.size());
+    blob.reserve(127 + 4 * state_.group_of.size() +
+                 sizeof(SynapseLearningState) * state_.synapses.size() +
+                 state_.group_enabled.size() + sizeof(JournalEntry) * state_.journal.size() +
+                 sizeof(ModulatorSample) * state_.modulator_history.size() +
+                 8 * state_.pending_edges.size() + 4 * state_.allowed_groups.size());
     appendTag(blob, format_tag);
-    appendSequence(blob, group_of_);
-    appendSequence(blob, synapses_);
-    appendSequence(blob, group_enabled_);
-    appendSequence(blob, journal_);
-    appendSequence(blob, modulator_history_);
-    appendSequence(blob, pending_edges_);
-    appendImage(blob, fast_);
-    appendFlag(blob, restrict_groups_);
-    appendFlag(blob, reserved_flag_);
-    appendSequence(blob, allowed_groups_);
-    appendU8(blob, static_cast<std::uint8_t>(journal_mode_));
-    appendF64(blob, journal_rate_);
-    appendF64(blob, weight_cap_);
-    appendFlag(blob, learning_enabled_);
-    for (const bool frozen : frozen_) appendFlag(blob, frozen);
-    appendU64(blob, journal_counter_);
+    appendSequence(blob, state_.group_of);
+    appendSequence(blob, state_.synapses);
+    appendSequence(blob, state_.group_enabled);
+    appendSequence(blob, state_.journal);
+    appendSequence(blob, state_.modulator_history);
+    appendSequence(blob, state_.pending_edges);
+    appendImage(blob, state_.fast);
+    appendFlag(blob, state_.restrict_groups);
+    appendFlag(blob, state_.reserved_flag);
+    appendSequence(blob, state_.allowed_groups);
+    appendU8(blob, static_cast<std::uint8_t>(state_.journal_mode));
+    appendF64(blob, state_.journal_rate);
+    appendF64(blob, state_.weight_cap);
+    appendFlag(blob, state_.learning_enabled);
+    for (const bool frozen : state_.frozen) appendFlag(blob, frozen);
+    appendU64(blob, state_.journal_counter);
     return blob;
 }
 
-bool LearningControl::restore(BlobView blob) {
+std::optional<LearningControl::State> LearningControl::read(BlobView blob) const {
     BlobReader in(blob);
-    LearningControl restored(0, 0);
-    if (!restored.readFrom(in)) return false;
-    if (restored.group_of_.size() != group_of_.size() ||
-        restored.synapses_.size() != synapses_.size()) {
-        return false;
+    State state;
+    if (!in.expectTag(format_tag) || !in.readSequence(state.group_of) ||
+        state.group_of.size() != state_.group_of.size() || !in.readSequence(state.synapses) ||
+        state.synapses.size() != state_.synapses.size() || !in.readSequence(state.group_enabled) ||
+        !in.readSequence(state.journal) || !in.readSequence(state.modulator_history) ||
+        !in.readSequence(state.pending_edges) || !readSettings(in, state) || !in.atEnd()) {
+        return std::nullopt;
     }
-    swapState(restored);
-    return true;
-}
-
-void LearningControl::swapState(LearningControl& other) noexcept {
-    std::swap(*this, other);
-    std::swap(modulator_, other.modulator_);
-}
-
-bool LearningControl::readFrom(BlobReader& in) {
-    if (!in.expectTag(format_tag) || !in.readSequence(group_of_) || !in.readSequence(synapses_) ||
-        !readGroupSwitches(in) || !in.readSequence(journal_) ||
-        !in.readSequence(modulator_history_) || !in.readSequence(pending_edges_) ||
-        !readSettings(in) || !in.atEnd()) {
-        return false;
-    }
-    for (SynapseLearningState& state : synapses_) clearGap(state.gap);
-    for (ModulatorSample& sample : modulator_history_) clearGap(sample.gap);
-    for (JournalEntry& entry : journal_) {
-        if (entry.edge >= synapses_.size()) return false;
+    for (std::uint8_t& enabled : state.group_enabled) enabled = enabled != 0 ? 1 : 0;
+    for (SynapseLearningState& synapse : state.synapses) clearGap(synapse.gap);
+    for (ModulatorSample& sample : state.modulator_history) clearGap(sample.gap);
+    for (JournalEntry& entry : state.journal) {
+        if (entry.edge >= state.synapses.size()) return std::nullopt;
         clearGap(entry.gap);
     }
-    for (const EdgeId edge : pending_edges_) {
-        if (edge >= synapses_.size()) return false;
+    for (const EdgeId edge : state.pending_edges) {
+        if (edge >= state.synapses.size()) return std::nullopt;
     }
-    return true;
+    return state;
 }
 
-bool LearningControl::readGroupSwitches(BlobReader& in) {
-    if (!in.readSequence(group_enabled_)) return false;
-    for (std::uint8_t& enabled : group_enabled_) enabled = enabled != 0 ? 1 : 0;
-    return true;
-}
+void LearningControl::adopt(State&& state) noexcept { state_ = std::move(state); }
 
-bool LearningControl::readSettings(BlobReader& in) {
-    bool fast_enabled = false;
-    BlobView gap;
-    std::uint8_t mode = 0;
-    if (!readAnyFlag(in, fast_enabled) || !in.readView(sizeof(fast_.gap), gap) ||
-        !in.readI64(fast_.tau) || !in.readF64(fast_.consolidation_rate) ||
-        !readAnyFlag(in, restrict_groups_) || !readAnyFlag(in, reserved_flag_) ||
-        !in.readSequence(allowed_groups_) || !in.readU8(mode) || !in.readF64(journal_rate_) ||
-        !in.readF64(weight_cap_) || !readAnyFlag(in, learning_enabled_)) {
-        return false;
-    }
-    for (bool& frozen : frozen_) {
-        if (!readAnyFlag(in, frozen)) return false;
-    }
-    if (!in.readU64(journal_counter_)) return false;
-    fast_.enabled = fast_enabled ? 1 : 0;
-    journal_mode_ = static_cast<JournalMode>(mode);  // one without a name keeps every entry
-    journal_stride_ = strideOf(journal_rate_);
-    allowed_sorted_ = allowed_groups_;
-    std::sort(allowed_sorted_.begin(), allowed_sorted_.end());
+bool LearningControl::restore(BlobView blob) {
+    std::optional<State> state = read(blob);
+    if (!state) return false;
+    adopt(std::move(*state));
     return true;
 }
 

@@ -14,9 +14,6 @@ namespace {
 
 constexpr BlobTag format_tag("KELMPLS1");
 
-/// As many as a processor fetches at once without losing some.
-constexpr std::size_t prefetched_synapses = 16;
-
 void requireTraces(const TraceConfig& trace) {
     if (trace.tau_pre < 1 || trace.tau_post < 1 || trace.tau_coincidence < 1) {
         throw InvalidPlasticity(InvalidPlasticity::windows);
@@ -39,8 +36,8 @@ void requireAmplitudes(const PlasticityRule& rule) {
     }
 }
 
-/// The decay of several traces over one interval. Traces with one time constant share the
-/// exponential, the one costly operation of a decay.
+/// The decay of several traces over one interval. Traces of equal time constants share one
+/// exponential, the costly operation of a decay.
 class TraceDecay {
 public:
     TraceDecay(double interval, double epsilon) : interval_(interval), epsilon_(epsilon) {}
@@ -58,7 +55,7 @@ public:
 private:
     double interval_;
     double epsilon_;
-    ModelTime tau_ = 0;  ///< of factor_; no time constant is 0
+    ModelTime tau_ = 0;  ///< time constant of factor_; 0 for none yet
     double factor_ = 1.0;
 };
 
@@ -68,7 +65,7 @@ PlasticityEngine::PlasticityEngine(std::uint64_t neuron_count, const TraceConfig
                                    const PlasticityRule& excitatory,
                                    const PlasticityRule& inhibitory)
     : trace_config_(trace), excitatory_(excitatory), inhibitory_(inhibitory) {
-    traces_.resize(neuron_count);
+    state_.traces.resize(neuron_count);
     requireTraces(trace);
     requireAmplitudes(excitatory);
     requireAmplitudes(inhibitory);
@@ -80,7 +77,7 @@ void PlasticityEngine::failSpikeNeuron() {
 
 void PlasticityEngine::advance(SpikeTrace& trace, ModelTime time) const {
     if (time < trace.updated) throw InvalidPlasticity(InvalidPlasticity::into_the_past);
-    // Both ends are rounded before the subtraction, as everywhere in a decay.
+    // Both times are rounded before the subtraction, as in every decay.
     const double interval = static_cast<double>(time) - static_cast<double>(trace.updated);
     trace.updated = time;
     if (interval == 0.0) return;
@@ -90,19 +87,9 @@ void PlasticityEngine::advance(SpikeTrace& trace, ModelTime time) const {
     trace.coincidence = decay(trace.coincidence, trace_config_.tau_coincidence);
 }
 
-/// At the head of each block of a neuron's synapses, asks for the traces at their other ends, which
-/// lie anywhere: one wait for many of them, instead of one each.
-void PlasticityEngine::prefetchPartners(const SynapseGraph& graph, std::span<const EdgeId> ids,
-                                        std::size_t place, End end) const {
-    if (place % prefetched_synapses != 0) return;
-    for (const EdgeId id : ids.subspan(place, std::min(prefetched_synapses, ids.size() - place))) {
-        prefetchLine(&traces_[(graph.*end)(id)]);
-    }
-}
-
 void PlasticityEngine::processSpike(const SpikeRecord& spike, SynapseGraph& graph) {
     const auto [time, neuron] = spike;
-    SpikeTrace& own = traces_[neuron];
+    SpikeTrace& own = state_.traces[neuron];
     advance(own, time);
     // Before the loops: a spike counts in its own products.
     if (excitatory_.kind == PlasticityRuleKind::coincidence ||
@@ -110,37 +97,47 @@ void PlasticityEngine::processSpike(const SpikeRecord& spike, SynapseGraph& grap
         own.coincidence += 1.0;
     }
     if (bank_ != nullptr) phases_.moveTo(*bank_, time);
-    const double phase = phaseOf(neuron);
-    const auto outgoing = graph.outgoing(neuron);
-    for (std::size_t i = 0; i < outgoing.size(); ++i) {
-        prefetchPartners(graph, outgoing, i, &SynapseGraph::target);
-        const Synapse synapse = graph.edge(outgoing[i]);
-        if (!synapse.enabled) continue;
-        SpikeTrace& other = traces_[synapse.target];
-        advance(other, time);
-        const bool product = ruleOf(synapse).kind == PlasticityRuleKind::coincidence;
-        const double factor = product ? own.coincidence * other.coincidence : other.post;
-        propose(outgoing[i], synapse, time, PlasticitySide::source, factor, phase);
-    }
-    const auto incoming = graph.incoming(neuron);
-    for (std::size_t i = 0; i < incoming.size(); ++i) {
-        prefetchPartners(graph, incoming, i, &SynapseGraph::source);
-        const Synapse synapse = graph.edge(incoming[i]);
-        if (!synapse.enabled) continue;
-        SpikeTrace& other = traces_[synapse.source];
-        advance(other, time);
-        const bool product = ruleOf(synapse).kind == PlasticityRuleKind::coincidence;
-        const double factor = product ? own.coincidence * other.coincidence : other.pre;
-        propose(incoming[i], synapse, time, PlasticitySide::target, factor, phase);
-    }
-    // Behind the loops: a spike does not pair with itself across a synapse onto its own neuron.
+    processSynapses<PlasticitySide::source>(spike, graph.outgoing(neuron), graph);
+    processSynapses<PlasticitySide::target>(spike, graph.incoming(neuron), graph);
+    // After the loops: a spike does not pair with itself across a synapse onto its own neuron.
     own.pre += 1.0;
     own.post += 1.0;
     own.last_spike = time;
 }
 
+/// Proposes changes for the synapses whose source or target, by `side`, has fired.
+template <PlasticitySide side>
+void PlasticityEngine::processSynapses(const SpikeRecord& spike, std::span<const EdgeId> edges,
+                                       const SynapseGraph& graph) {
+    const SpikeTrace& own = state_.traces[spike.neuron];
+    for (std::size_t i = 0; i < edges.size(); ++i) {
+        if (i % SynapseGraph::prefetch_block == 0) prefetchPartners<side>(edges.subspan(i), graph);
+        const Synapse synapse = graph.edge(edges[i]);
+        if (!synapse.enabled) continue;
+        const NodeId partner = side == PlasticitySide::source ? synapse.target : synapse.source;
+        if (partner >= state_.traces.size()) failSpikeNeuron();
+        SpikeTrace& other = state_.traces[partner];
+        advance(other, spike.time);
+        const bool product = ruleOf(synapse).kind == PlasticityRuleKind::coincidence;
+        const double trace = side == PlasticitySide::source ? other.post : other.pre;
+        const double factor = product ? own.coincidence * other.coincidence : trace;
+        propose(edges[i], synapse, spike.time, side, factor);
+    }
+}
+
+/// Hints the partners' traces of the next block of synapses. They lie anywhere in memory, so this
+/// makes one wait out of many.
+template <PlasticitySide side>
+void PlasticityEngine::prefetchPartners(std::span<const EdgeId> edges,
+                                        const SynapseGraph& graph) const {
+    for (const EdgeId id : edges.first(std::min(SynapseGraph::prefetch_block, edges.size()))) {
+        const NodeId partner = side == PlasticitySide::source ? graph.target(id) : graph.source(id);
+        if (partner < state_.traces.size()) prefetchLine(&state_.traces[partner]);
+    }
+}
+
 void PlasticityEngine::propose(EdgeId edge, const Synapse& synapse, ModelTime time,
-                               PlasticitySide side, double factor, double spike_phase) {
+                               PlasticitySide side, double factor) {
     const PlasticityRule& rule = ruleOf(synapse);
     if (rule.kind == PlasticityRuleKind::none) return;
     double delta = 0.0;
@@ -151,10 +148,9 @@ void PlasticityEngine::propose(EdgeId edge, const Synapse& synapse, ModelTime ti
         delta = factor * rule.a_coincidence;
     }
     delta = delta * rule.scale;
-    // Only a hook sees a proposal of nothing, and may make it a NaN, which goes on.
+    // A hook sees a proposal of 0 too: it may turn it into a NaN, which is kept.
     if (delta == 0.0 && !change_hook_) return;
 
-    const bool by_source = side == PlasticitySide::source;
     WeightChange change;
     change.edge = edge;
     change.time = time;
@@ -164,91 +160,95 @@ void PlasticityEngine::propose(EdgeId edge, const Synapse& synapse, ModelTime ti
     context.pre_neuron = synapse.source;
     context.post_neuron = synapse.target;
     context.time = time;
-    context.pre_last_spike = traces_[synapse.source].last_spike;
-    context.post_last_spike = traces_[synapse.target].last_spike;
+    context.pre_last_spike = state_.traces[synapse.source].last_spike;
+    context.post_last_spike = state_.traces[synapse.target].last_spike;
     context.weight = static_cast<double>(synapse.weight);
     context.factor = factor;
-    context.pre_phase = by_source ? spike_phase : phaseOf(synapse.source);
-    context.post_phase = by_source ? phaseOf(synapse.target) : spike_phase;
+    context.pre_phase = phaseOf(synapse.source);
+    context.post_phase = phaseOf(synapse.target);
     context.synapse_kind = synapse.inhibitory ? 1 : 0;
     context.rule_kind = rule.kind;
     context.side = side;
     if (change_hook_) delta = delta * change_hook_(context);
     if (delta == 0.0) return;
     change.delta = delta;
-    pending_changes_.push_back(change);
+    state_.pending_changes.push_back(change);
+}
+
+std::vector<WeightChange> PlasticityEngine::takeChanges(SynapseGraph& graph) {
+    std::vector<WeightChange> changes;
+    takeChanges(graph, changes);
+    return changes;
 }
 
 void PlasticityEngine::takeChanges(SynapseGraph& graph, std::vector<WeightChange>& changes) {
-    if (graph.nodeCount() != traces_.size()) {
-        throw InvalidPlasticity(InvalidPlasticity::neuron_count);
-    }
-    // Two equal records are one and the same, so the order is total without being stable.
-    std::sort(pending_spikes_.begin(), pending_spikes_.end(), SpikeRecordLess());
-    for (const SpikeRecord& spike : pending_spikes_) processSpike(spike, graph);
-    pending_spikes_.clear();
-    handOut(changes);
+    // Equal records cannot be told apart, so an unstable sort gives one order.
+    std::sort(state_.pending_spikes.begin(), state_.pending_spikes.end(), SpikeRecordLess());
+    for (const SpikeRecord& spike : state_.pending_spikes) processSpike(spike, graph);
+    state_.pending_spikes.clear();
+    moveSorted(changes);
 }
 
-/// Moves keys instead of proposals until their places are known.
-void PlasticityEngine::handOut(std::vector<WeightChange>& changes) {
+/// Moves the proposals to `changes` in their order. Sorts keys, which are smaller than proposals.
+void PlasticityEngine::moveSorted(std::vector<WeightChange>& changes) {
+    std::vector<WeightChange>& pending = state_.pending_changes;
     keys_.clear();
-    for (std::uint64_t i = 0; i < pending_changes_.size(); ++i) {
-        keys_.push_back({pending_changes_[i].edge, i});
-    }
-    std::sort(keys_.begin(), keys_.end(), [this](const ChangeKey& a, const ChangeKey& b) {
+    for (std::uint64_t i = 0; i < pending.size(); ++i) keys_.push_back({pending[i].edge, i});
+    std::sort(keys_.begin(), keys_.end(), [&pending](const ChangeKey& a, const ChangeKey& b) {
         if (a.edge != b.edge) return a.edge < b.edge;
-        const WeightChange& first = pending_changes_[a.index];
-        const WeightChange& second = pending_changes_[b.index];
+        const WeightChange& first = pending[a.index];
+        const WeightChange& second = pending[b.index];
         if (first.time != second.time) return first.time < second.time;
         if (first.side != second.side) return first.side < second.side;
         return a.index < b.index;
     });
     changes.clear();
-    for (const ChangeKey& key : keys_) changes.push_back(pending_changes_[key.index]);
-    pending_changes_.clear();
+    for (const ChangeKey& key : keys_) changes.push_back(pending[key.index]);
+    pending.clear();
 }
 
 Blob PlasticityEngine::snapshot() const {
     Blob blob;
-    blob.reserve(32 + traces_.size() * sizeof(SpikeTrace) +
-                 pending_spikes_.size() * sizeof(SpikeRecord) +
-                 pending_changes_.size() * sizeof(WeightChange));
+    blob.reserve(32 + state_.traces.size() * sizeof(SpikeTrace) +
+                 state_.pending_spikes.size() * sizeof(SpikeRecord) +
+                 state_.pending_changes.size() * sizeof(WeightChange));
     appendTag(blob, format_tag);
-    appendSequence(blob, traces_);
-    appendSequence(blob, pending_spikes_);
-    appendSequence(blob, pending_changes_);
+    appendSequence(blob, state_.traces);
+    appendSequence(blob, state_.pending_spikes);
+    appendSequence(blob, state_.pending_changes);
     return blob;
 }
 
-bool PlasticityEngine::restore(BlobView blob) {
+std::optional<PlasticityEngine::State> PlasticityEngine::read(BlobView blob) const {
     BlobReader in(blob);
-    std::vector<SpikeTrace> traces;
-    std::vector<SpikeRecord> spikes;
-    std::vector<WeightChange> changes;
-    if (!in.expectTag(format_tag) || !in.readSequence(traces)) return false;
-    const std::uint64_t neuron_count = traces_.size();
-    if (traces.size() != neuron_count) return false;
-    if (!in.readSequence(spikes) || !in.readSequence(changes) || !in.atEnd()) return false;
-    for (const SpikeRecord& spike : spikes) {
-        if (spike.neuron >= neuron_count) return false;
+    const std::uint64_t neuron_count = state_.traces.size();
+    State state;
+    if (!in.expectTag(format_tag) || !in.readSequence(state.traces) ||
+        state.traces.size() != neuron_count || !in.readSequence(state.pending_spikes) ||
+        !in.readSequence(state.pending_changes) || !in.atEnd()) {
+        return std::nullopt;
     }
-    for (WeightChange& change : changes) {
+    for (const SpikeRecord& spike : state.pending_spikes) {
+        if (spike.neuron >= neuron_count) return std::nullopt;
+    }
+    for (WeightChange& change : state.pending_changes) {
         const WeightChangeContext& context = change.context;
-        if (context.pre_neuron >= neuron_count || context.post_neuron >= neuron_count) return false;
+        if (context.pre_neuron >= neuron_count || context.post_neuron >= neuron_count) {
+            return std::nullopt;
+        }
         clearGap(change.gap);
         clearGap(change.context.gap);
     }
-    traces_ = std::move(traces);
-    pending_spikes_ = std::move(spikes);
-    pending_changes_ = std::move(changes);
-    return true;
+    return state;
 }
 
-void PlasticityEngine::swapState(PlasticityEngine& other) noexcept {
-    traces_.swap(other.traces_);
-    pending_spikes_.swap(other.pending_spikes_);
-    pending_changes_.swap(other.pending_changes_);
+void PlasticityEngine::adopt(State&& state) noexcept { state_ = std::move(state); }
+
+bool PlasticityEngine::restore(BlobView blob) {
+    std::optional<State> state = read(blob);
+    if (!state) return false;
+    adopt(std::move(*state));
+    return true;
 }
 
 }  // namespace Lumenar::Core::Kelm

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <utility>
 #include <vector>
@@ -18,20 +19,20 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Turns spikes into proposals of weight changes, by spike-timing rules over one decaying trace
-/// set per neuron. It reads the network and never writes a weight.
+/// Turns spikes into proposals of weight changes, by spike-timing rules over one set of decaying
+/// traces per neuron. It reads the network and never writes a weight.
 ///
 /// Pair rule: a spike of the target potentiates by the source's trace, a spike of the source
 /// depresses by the target's. Source: Song, Miller and Abbott, Nature Neuroscience 3 (2000), in
 /// the trace form of Morrison, Diesmann and Gerstner, Biological Cybernetics 98 (2008).
-/// Coincidence rule: a spike of either end adds the product of both ends' coincidence traces.
+/// Coincidence rule: a spike of source or target adds the product of both coincidence traces.
 ///
-/// A trace is brought forward only when its neuron or a partner of it fires; in between it is
-/// stale, which the decay makes up for. After a throw out of takeChanges the engine may only be
-/// restored or destroyed. The bank is borrowed. One thread at a time.
+/// A trace decays only when its neuron or a partner fires, then over the whole interval since its
+/// last update. After a throw out of takeChanges the engine may only be restored or destroyed. The
+/// bank is borrowed. One thread at a time.
 class PlasticityEngine {
 public:
-    /// A factor of a proposal that depends on its circumstances (a third factor of the rule).
+    /// A factor of a proposal that depends on its context (a third factor of the rule).
     using ChangeHook = std::function<double(const WeightChangeContext&)>;
 
     /// `excitatory`, `inhibitory`: the rules of the two classes of synapses.
@@ -40,50 +41,56 @@ public:
     PlasticityEngine(std::uint64_t neuron_count, const TraceConfig& trace,
                      const PlasticityRule& excitatory, const PlasticityRule& inhibitory);
 
-    /// Sets where proposals take their phases from; null for phases of 0.
+    /// Sets the bank that gives proposals their phases; null for phases of 0.
     void setBank(const OscillatorBank* bank) { bank_ = bank; }
 
-    /// Sets a hook that is asked once for each proposal of a rule, also one whose traces are 0,
-    /// and whose answer multiplies the change; an empty one for none. It is called inside
-    /// takeChanges and must not call back into this object.
+    /// Sets a hook whose result multiplies each change; an empty one for none. takeChanges calls it
+    /// once for each proposal of a rule, also if the traces are 0. It must not call back into this
+    /// object.
     void setChangeHook(ChangeHook hook) { change_hook_ = std::move(hook); }
 
     /// Notes a spike at `time` ns for the next takeChanges. Spikes may come in any order.
     /// Throws std::out_of_range for a neuron outside the network.
     void recordSpike(NodeId neuron, ModelTime time) {
-        if (neuron >= traces_.size()) failSpikeNeuron();
-        pending_spikes_.push_back({time, neuron});
+        if (neuron >= state_.traces.size()) failSpikeNeuron();
+        state_.pending_spikes.push_back({time, neuron});
     }
 
-    /// Takes the noted spikes, by time, then neuron, and replaces `changes` by what they propose,
-    /// by edge, then time, then side, then order of generation. Proposals of exactly 0 are left
-    /// out. The storage of `changes` is reused.
-    /// Throws InvalidPlasticity for a graph of another neuron count, before anything is changed,
-    /// and for a spike before a time to which one of its traces was brought; and what the hook
-    /// throws.
+    /// Processes the noted spikes, by time, then neuron, and returns their proposals, sorted by
+    /// edge, then time, then side, then order of generation. Proposals of exactly 0 are left out.
+    /// Throws InvalidPlasticity for a spike before the last update of one of its traces;
+    /// SynapseRoutingViolation for a spike of a neuron outside `graph`; std::out_of_range for a
+    /// partner that has no trace; and what the hook throws.
+    std::vector<WeightChange> takeChanges(SynapseGraph& graph);
+    /// The same into `changes`, whose storage it reuses.
     void takeChanges(SynapseGraph& graph, std::vector<WeightChange>& changes);
 
     /// Shape (neurons).
-    std::span<const SpikeTrace> traces() const { return traces_; }
+    std::span<const SpikeTrace> traces() const { return state_.traces; }
 
     /// Format "KELMPLS1": tag, trace count (8), traces (40 each), count of noted spikes (8), spikes
     /// (16 each), count of proposals not taken (8), proposals (120 each). Configuration is not in
     /// it.
     Blob snapshot() const;
 
-    /// Replaces traces, noted spikes and proposals. False for a blob that is cut short, forged, of
-    /// another format or neuron count, or that names a neuron outside the network; the engine is
-    /// then as it was.
+    /// What a snapshot holds.
+    struct State {
+        std::vector<SpikeTrace> traces;  ///< shape (neurons)
+        std::vector<SpikeRecord> pending_spikes;
+        std::vector<WeightChange> pending_changes;
+    };
+    /// Reads a snapshot for adopt. No value for a blob that is cut short, forged, of another format
+    /// or neuron count, or that names a neuron outside the network.
+    std::optional<State> read(BlobView blob) const;
+    void adopt(State&& state) noexcept;
+    /// Reads and adopts. False, with the engine unchanged, for a blob that read() refuses.
     [[nodiscard]] bool restore(BlobView blob);
 
-    /// Exchanges what a snapshot holds with `other`, of the same neuron count.
-    void swapState(PlasticityEngine& other) noexcept;
-
 private:
-    /// A proposal's place in the canonical order without its 120 bytes.
+    /// What sorts a proposal, without its 120 bytes.
     struct ChangeKey {
         EdgeId edge;
-        std::uint64_t index;  ///< in pending_changes_, and so in order of generation
+        std::uint64_t index;  ///< in pending_changes, which is the order of generation
     };
 
     [[noreturn]] static void failSpikeNeuron();
@@ -91,22 +98,22 @@ private:
         return synapse.inhibitory ? inhibitory_ : excitatory_;
     }
     void advance(SpikeTrace& trace, ModelTime time) const;
-    using End = NodeId (SynapseGraph::*)(EdgeId) const;
-    void prefetchPartners(const SynapseGraph& graph, std::span<const EdgeId> ids, std::size_t place,
-                          End end) const;
     void processSpike(const SpikeRecord& spike, SynapseGraph& graph);
+    template <PlasticitySide side>
+    void processSynapses(const SpikeRecord& spike, std::span<const EdgeId> edges,
+                         const SynapseGraph& graph);
+    template <PlasticitySide side>
+    void prefetchPartners(std::span<const EdgeId> edges, const SynapseGraph& graph) const;
     void propose(EdgeId edge, const Synapse& synapse, ModelTime time, PlasticitySide side,
-                 double factor, double spike_phase);
+                 double factor);
     double phaseOf(NodeId neuron) { return bank_ == nullptr ? 0.0 : phases_.firstPhase(neuron); }
-    void handOut(std::vector<WeightChange>& changes);
+    void moveSorted(std::vector<WeightChange>& changes);
 
     TraceConfig trace_config_;
     PlasticityRule excitatory_;
     PlasticityRule inhibitory_;
-    std::vector<SpikeTrace> traces_;
-    std::vector<SpikeRecord> pending_spikes_;
-    std::vector<WeightChange> pending_changes_;
-    std::vector<ChangeKey> keys_;  ///< scratch of handOut
+    State state_;
+    std::vector<ChangeKey> keys_;  ///< scratch of moveSorted
     ChangeHook change_hook_;
     const OscillatorBank* bank_ = nullptr;
     InstantPhases phases_;  ///< at the time of the spike in work

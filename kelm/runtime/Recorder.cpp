@@ -29,7 +29,7 @@ Recorder::Recorder(RecorderConfig config) : config_(std::move(config)) {
 void Recorder::noteCause(std::uint64_t event_id, Cause cause) {
     if (!config_.causal) return;
     requireKnown(cause);
-    causes_.insert_or_assign(event_id, cause);
+    state_.causes.insert_or_assign(event_id, cause);
 }
 
 void Recorder::recordSpikeEvent(NodeId neuron, ModelTime time, Cause cause,
@@ -46,7 +46,7 @@ void Recorder::recordSpikeEvent(NodeId neuron, ModelTime time, Cause cause,
         growCounts(neuron + 1);
         uncounted_.push_back({time, neuron});
     }
-    if (config_.record_spikes) spikes_.push_back(std::move(spike));
+    if (config_.record_spikes) state_.spikes.push_back(std::move(spike));
 }
 
 void Recorder::recordObservation(const Event& event, const SampleContext& context, Cause cause) {
@@ -68,39 +68,28 @@ void Recorder::recordObservation(const Event& event, const SampleContext& contex
         }
     }
     if (selects(SampleKind::active_synapses)) sample.active_synapses = context.active_synapses;
-    // Last, because it uses the spikes up.
+    // Last, because it removes the spikes that it counts.
     if (selects(SampleKind::spike_counts)) {
         growCounts(context.neuron_count);
         sample.spike_counts = countSpikes(event.time);
     }
-    samples_.push_back(std::move(sample));
+    state_.samples.push_back(std::move(sample));
 }
 
 std::vector<CauseEntry> Recorder::causes() const {
     std::vector<CauseEntry> entries;
-    entries.reserve(causes_.size());
-    for (const auto& [event_id, cause] : causes_) entries.push_back({event_id, cause});
-    // The map's own order depends on its history; keys are unique, so this one is total.
+    entries.reserve(state_.causes.size());
+    for (const auto& [event_id, cause] : state_.causes) entries.push_back({event_id, cause});
+    // The map's own order depends on its history. Keys are unique, so this order is total.
     std::sort(entries.begin(), entries.end(),
               [](const CauseEntry& a, const CauseEntry& b) { return a.event_id < b.event_id; });
     return entries;
 }
 
-Recorder::CauseMap Recorder::causeMapOf(std::span<const CauseEntry> causes) {
-    CauseMap map;
-    for (const CauseEntry& entry : causes) map.emplace(entry.event_id, entry.cause);
-    return map;
-}
-
-void Recorder::restoreState(std::vector<RecordedSpike> spikes, std::vector<RecordedSample> samples,
-                            CauseMap causes) noexcept {
-    spikes_ = std::move(spikes);
-    samples_ = std::move(samples);
-    causes_ = std::move(causes);
-}
+void Recorder::adopt(State&& state) noexcept { state_ = std::move(state); }
 
 void Recorder::requireKnown(Cause cause) const {
-    if (cause.present && !causes_.contains(cause.id)) {
+    if (cause.present && !state_.causes.contains(cause.id)) {
         throw BrokenCausalTrace(BrokenCausalTrace::unknown_cause);
     }
 }
@@ -110,7 +99,7 @@ void Recorder::growCounts(std::uint64_t neuron_count) {
 }
 
 std::vector<double> Recorder::countSpikes(ModelTime time) {
-    // Before a spike is taken out: memory may run out here.
+    // Allocated before a spike is removed, because the allocation may fail.
     std::vector<double> next(counts_.size());
     std::erase_if(uncounted_, [&](const SpikeRecord& spike) {
         if (spike.time > time) return false;

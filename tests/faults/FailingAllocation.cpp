@@ -16,6 +16,7 @@ std::atomic<bool> armed = false;
 std::atomic<std::uint64_t> allocation_count = 0;
 std::atomic<std::int64_t> live_blocks = 0;
 std::atomic<std::int64_t> live_bytes = 0;
+std::atomic<std::int64_t> peak_bytes = 0;
 
 // Null for the allocation that is to fail, and if there is no memory.
 void* allocate(std::size_t bytes, std::size_t alignment) noexcept {
@@ -28,6 +29,7 @@ void* allocate(std::size_t bytes, std::size_t alignment) noexcept {
     ++allocation_count;
     ++live_blocks;
     live_bytes += static_cast<std::int64_t>(malloc_usable_size(block));
+    if (live_bytes > peak_bytes) peak_bytes = live_bytes.load();
     return block;
 }
 
@@ -111,5 +113,9 @@ std::uint64_t allocationCount() { return allocation_count; }
 std::int64_t liveBlocks() { return live_blocks; }
 
 std::int64_t liveBytes() { return live_bytes; }
+
+std::int64_t peakBytes() { return peak_bytes; }
+
+void restartPeak() { peak_bytes = live_bytes.load(); }
 
 }  // namespace Lumenar::Core::Kelm::Testing

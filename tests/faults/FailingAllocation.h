@@ -22,4 +22,8 @@ std::uint64_t allocationCount();
 std::int64_t liveBlocks();
 std::int64_t liveBytes();
 
+/// The largest value of liveBytes() since the last call of restartPeak(), in a single thread.
+std::int64_t peakBytes();
+void restartPeak();
+
 }  // namespace Lumenar::Core::Kelm::Testing

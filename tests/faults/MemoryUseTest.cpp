@@ -11,6 +11,7 @@
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/engine/WindowEngine.h"
 #include "kelm/events/BucketEventStore.h"
+#include "kelm/runtime/KelmRuntime.h"
 #include "tests/faults/FailingAllocation.h"
 #include "tests/support/GeneratedModel.h"
 
@@ -95,6 +96,29 @@ TEST(MemoryUse, AStoreKeepsNoneForEventsThatItHasHandedOut) {
         peak = std::max(peak, liveBytes());
     }
     EXPECT_LE(most[1], most[0]);
+}
+
+TEST(MemoryUse, ARestoreTakesOneCopyOfWhatItReads) {
+    GeneratedModel model = ringModel(2000, 10, 1'000'000, 20);
+    PlasticityConfig plasticity;
+    plasticity.enabled = true;
+    PhaseConfig phase;
+    phase.oscillators = {{.id = 5, .frequency = 8.0, .amplitude = 0.1}};
+    phase.bindings.assign(2000, {{.oscillator = 5, .strength = 0.1}});
+    CpuWindowBackend cpu;
+    KelmRuntime runtime = makeKelmRuntime(model.graph(), {}, {.base_rate = 40.0}, 5, model.horizon,
+                                          &cpu, nullptr, plasticity, phase, RecorderConfig(), {},
+                                          PredictionConfig{{{"error", {7}}}, {}});
+    runtime.oscillators()->setMemberships(std::vector<std::vector<std::uint32_t>>(2000, {5}));
+    for (int i = 0; i < 200'000; ++i) runtime.prediction()->observeValue(0, 0.5, 0.25, i);
+    runtime.run();
+    const Blob checkpoint = runtime.checkpoint();
+    const std::int64_t before = liveBytes();
+    restartPeak();
+    ASSERT_TRUE(runtime.restore(checkpoint));
+    // The engine copies its graph before it reads the stored one.
+    const auto bytes = static_cast<std::int64_t>(checkpoint.size());
+    EXPECT_LT(peakBytes() - before, bytes + bytes / 8);
 }
 
 TEST(MemoryUse, AStoreLosesNothingWhenMemoryRunsOut) {

@@ -1,5 +1,5 @@
-// What learning makes of a window's spikes: plasticity, learning control and homeostasis, one
-// behind the other as a runtime calls them, against their rules in the plainest form.
+// Plasticity, learning control and homeostasis on the spikes of each window, in the order of a
+// runtime, compared with a plain form of their rules.
 
 #include <gtest/gtest.h>
 
@@ -25,18 +25,19 @@ using Contexts = std::vector<WeightChangeContext>;
 
 constexpr ModelTime millisecond = 1'000'000;
 
-/// Loops, parallel synapses and neurons without a synapse; some that are disabled or not routed.
+/// With self-loops, parallel synapses, neurons without a synapse, and synapses that are disabled or
+/// not routed.
 SynapseGraph drawGraph(Draws& draws, std::uint64_t neurons) {
     std::vector<Synapse> edges(1 + draws.below(30), Synapse{.delay = millisecond});
     for (Synapse& edge : edges) {
         edge.source = draws.below(neurons);
         edge.target = draws.below(neurons);
-        edge.weight = static_cast<float>(draws.below(9)) / 8.0F;  // a mean may be just a cap
+        edge.weight = static_cast<float>(draws.below(9)) / 8.0F;  // a mean may equal a cap
         edge.inhibitory = draws.oneIn(3);
         edge.enabled = !draws.oneIn(6);
     }
     SynapseGraph graph(neurons, std::nullopt, edges);
-    Blob stored = graph.snapshot();  // a synapse's last byte tells whether it is routed
+    Blob stored = graph.snapshot();  // a synapse's last byte is its routed flag
     for (std::size_t i = 0; i < edges.size(); ++i) stored[97 + 63 * i] = !draws.oneIn(8);
     EXPECT_TRUE(graph.restore(stored));
     return graph;
@@ -58,7 +59,7 @@ void drawSettings(Draws& draws, LearningControl& control, std::uint64_t neurons)
     control.setFastWeights(!draws.oneIn(3), tau, share);
 }
 
-/// Notes what it is asked for, and answers 0 at times.
+/// Stores each context. The factor is 0 in some cases.
 PlasticityEngine::ChangeHook thirdFactor(Contexts& seen) {
     return [&seen](const WeightChangeContext& context) {
         seen.push_back(context);
@@ -78,7 +79,7 @@ TEST(LearningChain, AgreesToTheBitWithThePlainRules) {
         TraceConfig config;
         if (draws.oneIn(2)) config.tau_post = 3'000'000;
         if (draws.oneIn(2)) config.tau_coincidence = 3'000'000;
-        // A trace of one spike comes to exactly this at times.
+        // Some traces of one spike decay to exactly this value.
         if (draws.oneIn(2)) config.epsilon = std::exp(-250'001.0 / 3e6);
         const PlasticityRule& excitatory = rules[draws.below(3)];
         const PlasticityRule& inhibitory = rules[1 + draws.below(2)];
@@ -100,14 +101,14 @@ TEST(LearningChain, AgreesToTheBitWithThePlainRules) {
             start += (1 + draws.timeBelow(3)) * millisecond;
             const ModelTime end = start + millisecond;
             if (draws.oneIn(6)) drawSettings(draws, control, neurons);
-            // At few times, and one spike twice, so that every tie occurs.
+            // Few different times, so that every tie occurs, also two equal spikes.
             std::vector<SpikeRecord> spikes(draws.below(8));
             for (SpikeRecord& spike : spikes) {
                 spike = {start + draws.oneOf<ModelTime>({0, 1, 250'001, 750'003}),
                          draws.below(neurons)};
                 engine.recordSpike(spike.neuron, spike.time);
             }
-            // Everything goes on from its own blob, under its own hooks.
+            // New objects continue from the blobs of the old ones, with hooks of their own.
             PlasticityEngine next_engine(neurons, config, excitatory, inhibitory);
             LearningControl next_control(neurons, graph.edgeCount());
             const bool gated = seed % 2 == 0 && window < 50;
@@ -128,13 +129,13 @@ TEST(LearningChain, AgreesToTheBitWithThePlainRules) {
                 history.push_back({end, open, {}});
             }
 
-            std::vector<WeightChange> changes(3);  // what it held before must not show
+            std::vector<WeightChange> changes(3);  // must be replaced
             engine.takeChanges(graph, changes);
             ASSERT_TRUE(sameImages<WeightChange>(changes, plain.takeChanges(spikes)));
             ASSERT_TRUE(sameImages<SpikeTrace>(engine.traces(), plain.traces));
             ASSERT_TRUE(sameImages<WeightChangeContext>(seen[1], seen[0]));
 
-            // One more of no spike's making, perhaps for a synapse that is not routed.
+            // One more proposal, which no spike made, perhaps for a synapse that is not routed.
             changes.emplace_back().edge = draws.below(graph.edgeCount());
             changes.back().time = end - draws.timeBelow(millisecond);
             changes.back().delta = draws.oneIn(4) ? 0.0 : draws.between(-0.4, 0.5);
@@ -159,7 +160,7 @@ TEST(LearningChain, AgreesToTheBitWithThePlainRules) {
             ASSERT_EQ(graph.snapshot(), plain.graph.snapshot());
             ASSERT_EQ(whole.snapshot(), plain.graph.snapshot());
         }
-        ASSERT_EQ(asked, seed % 2 == 0 ? 50 : 0) << "the gate is asked once a window";
+        ASSERT_EQ(asked, seed % 2 == 0 ? 50 : 0) << "the gate is called once per window";
     }
 }
 
@@ -177,7 +178,7 @@ TEST(Homeostasis, RefusesABadCapWhereItIsOn) {
                                             }}});
         EXPECT_EQ(homeostasis.apply(graph, {false, cap}), 0U);
     }
-    EXPECT_EQ(homeostasis.apply(graph, {true, 0.5}), 1U) << "the refusals cost no neuron";
+    EXPECT_EQ(homeostasis.apply(graph, {true, 0.5}), 1U) << "the refusals lose no neuron";
 }
 
 }  // namespace

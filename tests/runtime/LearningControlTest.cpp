@@ -26,30 +26,48 @@ WeightChange proposal(EdgeId edge, double delta, ModelTime time) {
     return change;
 }
 
-TEST(LearningControl, RefusesWhatTheGraphAndTheGateCannotBear) {
-    SynapseGraph graph(1, std::nullopt, {Synapse{.weight = 0.5F, .delay = 1}});
+TEST(LearningControl, RefusesBadWeightsUnknownSynapsesAndAGateThatGoesBack) {
+    SynapseGraph graph(2, std::nullopt, std::vector<Synapse>(2, {.weight = 0.5F, .delay = 1}));
     const Blob before = graph.snapshot();
-    LearningControl control(1, 1);
-    const auto apply = [&](const Changes& changes, ModelTime window_end) {
-        return [=, &control, &graph] { control.applyChanges(graph, changes, window_end); };
+    LearningControl control(2, 2);
+    const auto apply = [&graph](LearningControl& to, const Changes& changes, ModelTime window_end) {
+        return [=, &to, &graph] { return to.applyChanges(graph, changes, window_end); };
     };
-    expectThrows<InvalidSynapse>(apply({proposal(0, not_a_number, 1)}, 1),
+    const char* const no_synapse = "KELM synapse EdgeId is out of range";
+    expectThrows<InvalidSynapse>(apply(control, {proposal(0, not_a_number, 1)}, 1),
                                  "synapse weight magnitude must be finite and >= 0");
-    expectThrows<SynapseRoutingViolation>(apply({proposal(1, 0.5, 1)}, 1),
-                                          "KELM synapse EdgeId is out of range");
+    expectThrows<SynapseRoutingViolation>(apply(control, {proposal(2, 0.5, 1)}, 1), no_synapse);
     EXPECT_EQ(graph.snapshot(), before);
-    for (LearningControl other : {LearningControl(2, 1), LearningControl(1, 2)}) {
+    // Other counts than the graph's matter only to a proposal for a missing neuron or synapse.
+    for (LearningControl other : {LearningControl(3, 2), LearningControl(2, 3),
+                                  LearningControl(1, 1), LearningControl(0, 2)}) {
         EXPECT_FALSE(control.restore(other.snapshot()));
-        expectThrows<InvalidLearningControl>([&] { other.applyChanges(graph, {}, 0); },
-                                             "learning control and graph differ in size");
+        EXPECT_EQ(apply(other, {}, 0)(), LearningStatistics());
+        if (other.synapseStates().size() == 1) {
+            EXPECT_EQ(apply(other, {proposal(0, 0.125, 1)}, 1)().applied, 1U);
+            expectThrows<SynapseRoutingViolation>(apply(other, {proposal(1, 0.5, 1)}, 1),
+                                                  no_synapse);
+        }
     }
+    LearningControl groupless(0, 2);
+    expectThrows<InvalidLearningControl>(apply(groupless, {proposal(0, 0.5, 1)}, 1),
+                                         "group query outside the network");
+    groupless.setFrozen(0, true);
+    EXPECT_EQ(apply(groupless, {proposal(0, 0.5, 1)}, 1)().frozen_out, 1U);
+    // A fading synapse that the graph lacks.
+    LearningControl fading(2, 2);
+    fading.setFastWeights(true, 5, 0.0);
+    apply(fading, {proposal(1, 0.25, 1)}, 2)();
+    SynapseGraph smaller(2, std::nullopt, {Synapse{.delay = 1}});
+    expectThrows<SynapseRoutingViolation>([&] { fading.applyChanges(smaller, {}, 3); }, no_synapse);
+
     control.setModulator([](ModelTime window_end) { return window_end > 1; });
-    apply({}, 2)();
-    expectThrows<InvalidLearningControl>(apply({}, 1), "learning gate moved back in time");
+    apply(control, {}, 2)();
+    expectThrows<InvalidLearningControl>(apply(control, {}, 1), "learning gate moved back in time");
     EXPECT_EQ(control.modulatorHistory().size(), 1U);
 }
 
-TEST(LearningControl, RefusesBadSettingsAndStaysAsItWas) {
+TEST(LearningControl, RefusesBadSettingsWithoutAChange) {
     LearningControl control(3, 4);
     control.allowOnlyGroups({7});
     const Blob before = control.snapshot();
@@ -84,7 +102,7 @@ TEST(LearningControl, RefusesBadSettingsAndStaysAsItWas) {
         [&] { EXPECT_EQ(control.snapshot(), before); });
 }
 
-/// What a blob may hold that no setter takes, and what a reader refuses or cleans.
+/// Fields of a blob, with values that no setter takes or that a reader refuses or cleans.
 struct Fields {
     EdgeId noted = 0;
     EdgeId pending = 0;
@@ -116,7 +134,7 @@ Blob usedBlob(const Fields& with = {}) {
 TEST(LearningControl, BlobHoldsEveryFieldInItsPlace) {
     SynapseGraph graph(1, std::nullopt, {Synapse{.weight = 0.5F, .delay = 1}});
     LearningControl control(1, 1);
-    control.setGroupEnabled(9, true);  // it is
+    control.setGroupEnabled(9, true);  // already the case
     control.allowOnlyGroups({1});
     control.allowAllGroups();
     EXPECT_EQ(control.snapshot(),
@@ -140,7 +158,7 @@ TEST(LearningControl, BlobHoldsEveryFieldInItsPlace) {
     EXPECT_EQ(control.snapshot(), usedBlob());
 }
 
-TEST(LearningControl, TakesNoBlobOfAnotherNetworkAndCleansGapsAndFlags) {
+TEST(LearningControl, RefusesBlobsOfAnotherNetworkAndCleansGapsAndFlags) {
     LearningControl control(1, 1);
     expectTakesAllOrNothing(control, usedBlob(),
                             {{"a noted edge outside the network", usedBlob({.noted = 1})},
@@ -149,11 +167,11 @@ TEST(LearningControl, TakesNoBlobOfAnotherNetworkAndCleansGapsAndFlags) {
     EXPECT_EQ(control.snapshot(), usedBlob());
 }
 
-TEST(LearningControl, RunsUnderWhateverSettingsABlobBrings) {
+TEST(LearningControl, RunsUnderAnySettingsOfABlob) {
     struct Case {
         const char* fact;
         Fields fields;
-        std::uint64_t kept;  ///< of an update, a consolidation and a fading, the first number 1
+        std::uint64_t kept;  ///< journal entries of an update, a consolidation and a decay
     };
     for (const Case& c :
          {Case{"as it was", {}, 1}, Case{"a mode without a name", {.mode = JournalMode(7)}, 3},

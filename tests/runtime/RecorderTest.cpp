@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 #include <vector>
 
 #include "kelm/core/Failures.h"
+#include "kelm/runtime/Checkpoint.h"
 #include "kelm/runtime/OscillatorBank.h"
 #include "tests/support/Draws.h"
 #include "tests/support/ExpectThrows.h"
@@ -35,7 +37,7 @@ TEST(Recorder, FillsASampleWithTheSelectedKindsAndNoOthers) {
         const bool has_bank = mask < 128;
         const SampleContext context{
             values[0], values[1], values[2], values[3], has_bank ? &bank : nullptr, 77, 2};
-        // Backwards and twice, with kinds that do not exist: neither order nor repeats count.
+        // In reverse order, twice, and with unknown kinds: none of that makes a difference.
         RecorderConfig config{true, false, 0, {SampleKind(7), SampleKind(32)}};
         for (unsigned kind = 7; kind-- > 0;) {
             config.sample_kinds.insert(config.sample_kinds.end(), 2 * (mask >> kind & 1),
@@ -60,14 +62,14 @@ TEST(Recorder, FillsASampleWithTheSelectedKindsAndNoOthers) {
     }
 }
 
-TEST(Recorder, CountsEachSpikeInTheFirstSampleThatIsNotBeforeIt) {
+TEST(Recorder, CountsEachSpikeInTheFirstSampleAtOrAfterIt) {
     for (std::uint64_t seed = 1; seed <= 60; ++seed) {
         Draws draws(seed);
         Recorder recorder(causal_counts);
         std::vector<SpikeRecord> uncounted;
         std::size_t known_neurons = 0;
         for (ModelTime now = 0; now < 2'000; now += draws.timeBelow(100)) {
-            // In no order, some behind the sample to come, some before samples long taken.
+            // Unordered; some after the next sample, some before samples already taken.
             for (std::uint64_t i = draws.below(20); i > 0; --i) {
                 const NodeId neuron = draws.below(6);
                 const ModelTime time = now - 100 + draws.timeBelow(300);
@@ -88,7 +90,7 @@ TEST(Recorder, CountsEachSpikeInTheFirstSampleThatIsNotBeforeIt) {
     }
 }
 
-TEST(Recorder, RefusesWhatItCannotPlaceAndAddsNothingOfIt) {
+TEST(Recorder, RefusesUnknownCausesAndNeuronsWithoutAChange) {
     expectThrows<std::invalid_argument>(
         [] {
             Recorder recorder({true, false, -1, {}});
@@ -109,11 +111,11 @@ TEST(Recorder, RefusesWhatItCannotPlaceAndAddsNothingOfIt) {
     EXPECT_TRUE(recorder.samples().empty() && recorder.spikes().empty());
     recorder.recordSpikeEvent(0, 1, {6, true}, 0, {});
     recorder.recordObservation(observation(1, 9), contextOf(1), {6, true});
-    EXPECT_EQ(recorder.samples()[0].spike_counts, Values{1.0}) << "no refused spike is waiting";
-    EXPECT_EQ(recorder.causes().size(), 3U) << "neither 7 nor a spike is in the map";
+    EXPECT_EQ(recorder.samples()[0].spike_counts, Values{1.0}) << "a refused spike is not counted";
+    EXPECT_EQ(recorder.causes().size(), 3U) << "neither event 7 nor a spike is in the map";
 }
 
-TEST(Recorder, KeepsTheLastCauseOfAnyEventAndGivesThemInOneOrder) {
+TEST(Recorder, StoresTheLastCauseOfEachEventAndSortsThemById) {
     Recorder recorder(causal_counts);
     Recorder acausal{RecorderConfig{}};
     for (const std::uint64_t id : {~0UL, 3UL, 1UL << 63, 0UL, 1000UL, 7UL, 3UL}) {
@@ -127,7 +129,7 @@ TEST(Recorder, KeepsTheLastCauseOfAnyEventAndGivesThemInOneOrder) {
     acausal.recordSpikeEvent(1, 7, {41, true}, 6, {});
     const RecordedSpike& spike = acausal.spikes()[0];
     EXPECT_TRUE(spike.neuron == 1 && spike.spike_kind == 6 && spike.time == 7);
-    EXPECT_EQ(spike.cause.id, 41U) << "without a causal map a cause is only kept";
+    EXPECT_EQ(spike.cause.id, 41U) << "without a causal map a cause is stored unchecked";
     Recorder silent({false, false, 0, {}});
     silent.recordSpikeEvent(1, 7, {}, 0, {});
     EXPECT_TRUE(silent.spikes().empty());
@@ -139,14 +141,19 @@ TEST(Recorder, KeepsTheLastCauseOfAnyEventAndGivesThemInOneOrder) {
     EXPECT_EQ(ids, (std::vector<std::uint64_t>{0, 3, 7, 1000, 1UL << 63, ~0UL}));
 }
 
-TEST(Recorder, RestoresItsCausesAndLeavesWaitingSpikesAlone) {
+TEST(Recorder, AdoptsCausesAndKeepsUncountedSpikes) {
     Recorder recorder(causal_counts);
     recorder.noteCause(1, {});
     recorder.recordSpikeEvent(0, 50, {}, 0, {});
-    recorder.restoreState(
-        {}, {}, Recorder::causeMapOf(std::vector<CauseEntry>{{2, {8, true}}, {2, {7, true}}}));
-    ASSERT_EQ(recorder.causes().size(), 1U) << "the note of before is gone";
-    EXPECT_EQ(recorder.causes()[0].cause.id, 8U) << "the first of two entries stands";
+    // Two entries of one event, in the form of a checkpoint.
+    Blob blob;
+    Checkpoint::appendCauses(blob, std::vector<CauseEntry>{{2, {8, true}}, {2, {7, true}}});
+    Recorder::State state;
+    BlobReader in(blob);
+    ASSERT_TRUE(Checkpoint::readCauses(in, state.causes));
+    recorder.adopt(std::move(state));
+    ASSERT_EQ(recorder.causes().size(), 1U) << "the earlier note is gone";
+    EXPECT_EQ(recorder.causes()[0].cause.id, 8U) << "the first of two entries is taken";
     recorder.recordObservation(observation(60, 4), contextOf(1), {});
     EXPECT_EQ(recorder.samples()[0].spike_counts, Values{1.0});
 }
