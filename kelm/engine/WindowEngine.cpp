@@ -498,8 +498,8 @@ bool WindowEngine::restore(BlobView blob) {
         !in.readImage(profile) || !in.readNested(stored_graph)) {
         return false;
     }
-    SynapseGraph graph = graph_;
-    if (!graph.restore(stored_graph)) return false;
+    std::optional<SynapseGraph::State> graph = graph_.read(stored_graph);
+    if (!graph) return false;
 
     std::vector<Event> observations;
     std::uint64_t cursor = 0;
@@ -513,7 +513,7 @@ bool WindowEngine::restore(BlobView blob) {
     if (!calendar_.restore(stored_store, std::move(candidates))) return false;
 
     pristine_ = false;
-    graph_ = std::move(graph);
+    graph_.adopt(std::move(*graph));
     states_ = std::move(states);
     random_ = std::move(random);
     spontaneous_ = spontaneous;
