@@ -46,9 +46,11 @@ struct ResidentCounters {
 
 /// Zero state and first candidate of each neuron: the draw with which every run begins.
 KELM_KERNEL initializeResidentNeurons(std::uint64_t node_count, ResidentNeurons neurons,
-                                      Kernel::NeuronModel model, ModelTime horizon) {
+                                      Kernel::Neuron neuron, Kernel::Firing firing,
+                                      Kernel::NeuronTerms terms, ModelTime horizon) {
     const std::uint64_t i = Device::threadIndex();
     if (i >= node_count) return;
+    const Kernel::NeuronModel model(neuron, firing, terms);
     const Kernel::State zero;
     std::uint64_t rng = neurons.random[i];
     const Kernel::Candidate first = Kernel::nextCandidate(zero, model, 0, horizon, 0.0, rng);
@@ -82,9 +84,11 @@ KELM_KERNEL processResidentWindow(std::uint64_t node_count, const Kernel::Window
                                   Kernel::WindowResult* results, std::uint64_t* spike_counts,
                                   ResidentCounters counters, DeviceFire* fire_log,
                                   std::uint64_t fire_capacity, ModelTime window_end,
-                                  ModelTime horizon, Kernel::NeuronModel model) {
+                                  ModelTime horizon, Kernel::Neuron neuron, Kernel::Firing firing,
+                                  Kernel::NeuronTerms terms) {
     const std::uint64_t i = Device::threadIndex();
     if (i >= node_count) return;
+    const Kernel::NeuronModel model(neuron, firing, terms);
     const auto eventsOf = [&](std::uint64_t n) {
         return arrival_count == 0 ? std::uint64_t{0} : target_counts[n];
     };

@@ -139,11 +139,14 @@ private:
                   "clear resident fire overflow");
         checkCuda(Device::clear(sections.counters.metrics, 32), "clear resident metrics");
         Device::launch<initializeResidentNeurons>(neuronBlocks(), block_size, node_count_,
-                                                  sections.neurons, model_, horizon_);
+                                                  sections.neurons, model_.neuron, model_.firing,
+                                                  terms(), horizon_);
         checkCuda(Device::lastStatus(), "launch resident initialization");
         checkCuda(Device::synchronise(), "synchronise resident initialization");
         return sections;
     }
+
+    const Kernel::NeuronTerms& terms() const { return model_; }
 
     std::uint32_t neuronBlocks() const { return Device::blocksFor(node_count_, block_size); }
 
@@ -190,7 +193,7 @@ private:
             neuronBlocks(), block_size, node_count_, sections_.window_events, arrivals_,
             sections_.target_offsets, sections_.target_counts, sections_.neurons, sections_.results,
             sections_.fanout_counts, sections_.counters, sections_.fire_log, arena_.fire_capacity,
-            window_end, horizon_, model_);
+            window_end, horizon_, model_.neuron, model_.firing, terms());
         checkCuda(Device::lastStatus(), "process resident window");
     }
 

@@ -83,10 +83,11 @@ KELM_KERNEL convertShardEvents(const ShardArrival* arrivals, std::uint64_t count
 KELM_KERNEL processShardTargets(const ShardArrival* queue, const Kernel::WindowEvent* events,
                                 std::uint64_t count, Kernel::State* states, std::uint64_t* random,
                                 Kernel::WindowResult* results, std::uint64_t* processed_targets,
-                                ModelTime window_end, ModelTime horizon,
-                                Kernel::NeuronModel model) {
+                                ModelTime window_end, ModelTime horizon, Kernel::Neuron neuron,
+                                Kernel::Firing firing, Kernel::NeuronTerms terms) {
     const std::uint64_t i = Device::threadIndex();
     if (i >= count) return;
+    const Kernel::NeuronModel model(neuron, firing, terms);
     const std::uint64_t target = queue[i].target;
     if (i != 0 && queue[i - 1].target == target) return;
     std::uint64_t end = i + 1;

@@ -97,6 +97,8 @@ private:
         return arrivals;
     }
 
+    const Kernel::NeuronTerms& terms() const { return model_; }
+
     std::uint32_t blocks() const { return Device::blocksFor(arrivals_, block_size); }
 
     void uploadNetwork() {
@@ -153,7 +155,7 @@ private:
         Device::launch<processShardTargets>(blocks(), block_size, queue_.data(), events_.data(),
                                             arrivals_, states_.data(), random_.data(),
                                             results_.data(), processed_targets_.data(), window_end_,
-                                            horizon_, model_);
+                                            horizon_, model_.neuron, model_.firing, terms());
         checkCuda(Device::lastStatus(), "launch shard target processing");
         checkCuda(Device::synchronise(), "synchronise shard fan-out");
     }

@@ -84,13 +84,8 @@ static_assert(offsetof(Firing, max_rate) == 40);
 static_assert(offsetof(Firing, spare_flag) == 48);
 static_assert(offsetof(Firing, gap) == 49);
 
-/// The parameters of a neuron and the terms that follow from them alone. One model serves all walks
-/// of neurons with these parameters.
-struct NeuronModel {
-    KELM_HD NeuronModel(const Neuron& dynamics, const Firing& hazard);
-
-    Neuron neuron;
-    Firing firing;
+/// The terms that follow from a neuron's parameters alone.
+struct NeuronTerms {
     bool silent;              ///< no hazard, whatever the drive
     bool membrane_falls;      ///< a positive membrane trace decays
     double rate;              ///< spikes/s; hazard at zero net drive less threshold
@@ -98,6 +93,18 @@ struct NeuronModel {
     double margin;            ///< added to a drive's bound, for traces clipped later
     double membrane_decay;    ///< 1/ns; 1 / tau_membrane
     double adaptation_decay;  ///< 1/ns; 1 / tau_adaptation
+};
+
+/// The parameters of a neuron and the terms that follow from them. One model serves all walks of
+/// neurons with these parameters.
+struct NeuronModel : NeuronTerms {
+    KELM_HD NeuronModel(const Neuron& dynamics, const Firing& hazard);
+    /// The model whose parts these are. Kernels of a device take the parts as separate arguments.
+    KELM_HD NeuronModel(const Neuron& dynamics, const Firing& hazard, const NeuronTerms& terms)
+        : NeuronTerms(terms), neuron(dynamics), firing(hazard) {}
+
+    Neuron neuron;
+    Firing firing;
 };
 
 KELM_HD inline NeuronModel::NeuronModel(const Neuron& dynamics, const Firing& hazard)
