@@ -18,8 +18,8 @@ namespace {
 /// Threads a block of every kernel but windowKernel.
 constexpr std::uint32_t block_size = 256;
 
-double secondsBetween(std::chrono::steady_clock::time_point start,
-                      std::chrono::steady_clock::time_point end) {
+inline double secondsBetween(std::chrono::steady_clock::time_point start,
+                             std::chrono::steady_clock::time_point end) {
     const std::int64_t elapsed_ns =
         std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count();
     return static_cast<double>(elapsed_ns) / 1e9;

@@ -71,12 +71,13 @@ constexpr std::uint32_t blocksFor(std::uint64_t range, std::uint32_t block_size)
 //   void setFlag(std::uint32_t* flag)           atomic; the flag is 1 from then on
 //   void launch<kernel>(blocks, block_size, arguments...)
 //                                               starts blocks * block_size threads
-//   void sort(T* first, std::uint64_t count, Less less)
+//   void sort(T* first, std::uint64_t count, Less less, Memory& memory)
 //                                               in place; the order must be total
-//   void exclusiveScan(const std::uint64_t* in, std::uint64_t count, std::uint64_t* out)
-//                                               running sums, starting at 0
+//   void exclusiveScan(const std::uint64_t* in, std::uint64_t count, std::uint64_t* out,
+//                      Memory& memory)          running sums, starting at 0
 //
-// A failed sort or scan throws the library's own exception.
+// Sort and scan are library calls. They take their temporary device memory from `memory` (see
+// TemporaryMemory). A failed library call throws the library's own exception.
 
 #if defined(__CUDACC__)
 #include "kelm/cuda/DeviceLayerCuda.h"

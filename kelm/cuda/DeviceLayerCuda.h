@@ -3,9 +3,9 @@
 // Part of DeviceLayer.h: the device operations on the CUDA runtime and Thrust.
 
 #include <cuda_runtime.h>
-#include <thrust/execution_policy.h>
 #include <thrust/scan.h>
 #include <thrust/sort.h>
+#include <thrust/system/cuda/execution_policy.h>
 
 #define KELM_KERNEL __global__ void
 #define KELM_DEVICE __device__
@@ -36,13 +36,18 @@ void launch(std::uint32_t blocks, std::uint32_t block_size, const Arguments&... 
     kernel<<<blocks, block_size>>>(arguments...);
 }
 
-template <class T, class Less>
-void sort(T* first, std::uint64_t count, Less less) {
-    thrust::sort(thrust::device, first, first + count, less);
+// par_nosync: the default stream orders library calls with everything around them, and `memory`
+// outlives the call, so neither has to wait for the device.
+
+template <class T, class Less, class Memory>
+void sort(T* first, std::uint64_t count, Less less, Memory& memory) {
+    thrust::sort(thrust::cuda::par_nosync(memory), first, first + count, less);
 }
 
-inline void exclusiveScan(const std::uint64_t* in, std::uint64_t count, std::uint64_t* out) {
-    thrust::exclusive_scan(thrust::device, in, in + count, out, std::uint64_t{0});
+template <class Memory>
+void exclusiveScan(const std::uint64_t* in, std::uint64_t count, std::uint64_t* out,
+                   Memory& memory) {
+    thrust::exclusive_scan(thrust::cuda::par_nosync(memory), in, in + count, out, std::uint64_t{0});
 }
 
 inline const char* statusText(Status status) {

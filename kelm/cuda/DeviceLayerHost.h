@@ -98,15 +98,45 @@ void launch(std::uint32_t blocks, std::uint32_t block_size, const Arguments&... 
     runThreads(range, &run_one, static_cast<std::uint64_t>(blocks) * block_size);
 }
 
-template <class T, class Less>
-void sort(T* first, std::uint64_t count, Less less) {
-    beginLibraryCall();
-    std::sort(first, first + count, less);
+/// The temporary memory of one library call, as the library of a device takes it. The calls below
+/// compute their result in it and then copy the result to its place.
+template <class T, class Memory>
+class LibraryCall {
+public:
+    LibraryCall(std::uint64_t count, Memory& memory)
+        : memory_(memory), bytes_(count * sizeof(T)), block_(memory.allocate(bytes_)) {}
+    LibraryCall(const LibraryCall&) = delete;
+    LibraryCall& operator=(const LibraryCall&) = delete;
+    ~LibraryCall() { memory_.deallocate(block_, bytes_); }
+
+    /// The elements. Throws std::runtime_error if the device fails the call.
+    T* begin() const {
+        beginLibraryCall();
+        return reinterpret_cast<T*>(block_);
+    }
+
+private:
+    Memory& memory_;
+    std::size_t bytes_;
+    char* block_;
+};
+
+template <class T, class Less, class Memory>
+void sort(T* first, std::uint64_t count, Less less, Memory& memory) {
+    const LibraryCall<T, Memory> call(count, memory);
+    T* const sorted = call.begin();
+    std::copy(first, first + count, sorted);
+    std::sort(sorted, sorted + count, less);
+    std::copy(sorted, sorted + count, first);
 }
 
-inline void exclusiveScan(const std::uint64_t* in, std::uint64_t count, std::uint64_t* out) {
-    beginLibraryCall();
-    std::exclusive_scan(in, in + count, out, std::uint64_t{0});
+template <class Memory>
+void exclusiveScan(const std::uint64_t* in, std::uint64_t count, std::uint64_t* out,
+                   Memory& memory) {
+    const LibraryCall<std::uint64_t, Memory> call(count, memory);
+    std::uint64_t* const sums = call.begin();
+    std::exclusive_scan(in, in + count, sums, std::uint64_t{0});
+    std::copy(sums, sums + count, out);
 }
 
 }  // namespace Lumenar::Core::Kelm::Device

@@ -15,6 +15,7 @@
 #include "kelm/cuda/ResidentKernels.h"
 #include "kelm/cuda/ResidentRecurrence.h"
 #include "kelm/cuda/ShardKernels.h"
+#include "kelm/cuda/TemporaryMemory.h"
 
 // Part of the unit LookaheadCuda: the host's side of a whole run on the device.
 
@@ -116,6 +117,7 @@ public:
         downloadNeurons();
         downloadProfile();
         downloadPending();
+        temporary_memory_.release();
         run_.finalize_seconds = secondsBetween(loop_end, std::chrono::steady_clock::now());
         return std::move(run_);
     }
@@ -218,8 +220,10 @@ private:
     }
 
     void scanCounts() {
-        Device::exclusiveScan(sections_.fanout_counts, node_count_, sections_.fanout_offsets);
-        Device::exclusiveScan(sections_.target_counts, node_count_, sections_.target_offsets);
+        Device::exclusiveScan(sections_.fanout_counts, node_count_, sections_.fanout_offsets,
+                              temporary_memory_);
+        Device::exclusiveScan(sections_.target_counts, node_count_, sections_.target_offsets,
+                              temporary_memory_);
     }
 
     void emitArrivals() {
@@ -255,7 +259,7 @@ private:
         run_.log.resize(std::min(run_.spikes, arena_.fire_capacity));
         if (run_.capacity_ok && run_.spikes != 0) {
             static_assert(sizeof(DeviceFire) == sizeof(SpikeRecord));
-            Device::sort(sections_.fire_log, run_.spikes, DeviceFireLess());
+            Device::sort(sections_.fire_log, run_.spikes, DeviceFireLess(), temporary_memory_);
             checkCuda(Device::download(run_.log.data(), sections_.fire_log,
                                        run_.spikes * sizeof(SpikeRecord)),
                       "download resident fire log");
@@ -311,6 +315,7 @@ private:
     ModelTime horizon_;
     ResidentArena arena_;
     ResidentSections sections_;
+    TemporaryMemory temporary_memory_;
     std::uint64_t arrivals_ = 0;       ///< in the current bucket
     std::uint64_t taken_ = 0;          ///< arrivals that windows have taken
     std::uint64_t sequence_base_ = 0;  ///< arrivals emitted so far

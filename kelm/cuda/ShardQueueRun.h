@@ -12,6 +12,7 @@
 #include "kelm/cuda/LookaheadCudaTesting.h"
 #include "kelm/cuda/ShardKernels.h"
 #include "kelm/cuda/ShardQueue.h"
+#include "kelm/cuda/TemporaryMemory.h"
 
 // Part of the unit LookaheadCuda: the host's side of shard queues.
 
@@ -145,7 +146,7 @@ private:
                                         queue_.data());
         checkCuda(Device::lastStatus(), "launch shard fan-out");
         // Shards are ascending ranges of targets, so one sort puts every segment in order.
-        Device::sort(queue_.data(), arrivals_, ShardArrivalLess());
+        Device::sort(queue_.data(), arrivals_, ShardArrivalLess(), temporary_memory_);
     }
 
     void processTargets() {
@@ -213,8 +214,9 @@ private:
         }
     }
 
-    /// In the reverse order of allocation.
+    /// Releases all memory, in the reverse order of allocation.
     void release() {
+        temporary_memory_.release();
         queue_.release("free shard queues");
         processed_targets_.release("free processed target count");
         results_.release("free shard results");
@@ -253,6 +255,7 @@ private:
     DeviceBlock<Kernel::WindowResult> results_;
     DeviceBlock<std::uint64_t> processed_targets_;
     DeviceBlock<ShardArrival> queue_;
+    TemporaryMemory temporary_memory_;
 };
 
 }  // namespace

@@ -7,7 +7,9 @@
 #include <stdexcept>
 #include <vector>
 
+#include "kelm/core/Failures.h"
 #include "kelm/cuda/DeviceLayer.h"
+#include "kelm/cuda/TemporaryMemory.h"
 #include "tests/support/EmulatedDeviceFixture.h"
 #include "tests/support/ExpectThrows.h"
 
@@ -17,9 +19,7 @@ namespace {
 
 using namespace Testing;
 
-constexpr std::uint32_t block_size = 128;
-
-/// Each thread notes at which place of the launch's order it ran.
+/// Each thread records at which place of the launch's order it ran.
 KELM_KERNEL noteOrder(std::uint64_t* runs, std::uint64_t* places, std::uint64_t* next) {
     const std::uint64_t i = Device::threadIndex();
     places[i] = Device::fetchAdd(next, 1);
@@ -61,15 +61,15 @@ TEST_F(EmulatedDevice, RunsEachThreadOnceAndPermutesThemAnewAndRepeatably) {
     EXPECT_EQ(seven, twoLaunches(7));
     EXPECT_NE(seven.first, seven.second);
     EXPECT_NE(seven.first, twoLaunches(8).first);
-    // Orders that keep most threads in place would hide what they are meant to show.
+    // An order that leaves most threads in their place would hide what it should show.
     std::size_t at_home = 0;
     for (std::size_t i = 0; i < seven.first.size(); ++i) at_home += seven.first[i] == i;
     EXPECT_LT(at_home, 10);
 }
 
-TEST_F(EmulatedDevice, FailsTheOperationThatItIsToldAndEveryOneWhereItIsNotThere) {
+TEST_F(EmulatedDevice, FailsTheOperationOfItsControlsAndEveryOneWhenThereIsNoDevice) {
     std::uint64_t word = 5;
-    // A launch reports through the last status, which is then forgotten.
+    // A failed launch reports through the last status, once.
     Emulation::failOperation(1, 9);
     EXPECT_EQ(Device::synchronise(), 0);
     Device::launch<noteOrder>(1, block_size, &word, &word, &word);
@@ -78,12 +78,52 @@ TEST_F(EmulatedDevice, FailsTheOperationThatItIsToldAndEveryOneWhereItIsNotThere
     EXPECT_EQ(Device::lastStatus(), 0);
 
     std::uint64_t* words = nullptr;
-    EXPECT_EQ(Device::allocate(words, std::uint64_t{1} << 60), 2) << "more than there is";
-    EXPECT_EQ(Device::allocate(words, std::uint64_t{1} << 61), 2) << "more than can be counted";
+    EXPECT_EQ(Device::allocate(words, std::uint64_t{1} << 60), 2) << "more than the device has";
+    EXPECT_EQ(Device::allocate(words, std::uint64_t{1} << 61), 2) << "more than 64 bits of bytes";
+}
+
+TEST_F(EmulatedDevice, TakesTemporaryMemoryOfALibraryCallFromItsAllocator) {
+    TemporaryMemory memory;
+    std::vector<std::uint64_t> words{5, 3, 9};
+    const auto sort = [&] { Device::sort(words.data(), words.size(), std::less<>(), memory); };
+    const auto scan = [&](std::uint64_t count) {
+        Device::exclusiveScan(words.data(), count, words.data(), memory);
+    };
+    sort();
+    EXPECT_EQ(words, (std::vector<std::uint64_t>{3, 5, 9}));
+    scan(3);
+    EXPECT_EQ(words, (std::vector<std::uint64_t>{0, 3, 8}));
+
+    // The block is reused up to its size, and replaced beyond it.
+    for (const auto& [count, operations] : {std::pair{3U, 1U}, {2U, 1U}, {4U, 3U}, {4U, 1U}}) {
+        words.assign(count, 1);
+        const std::uint64_t before = Emulation::operationCount();
+        scan(count);
+        EXPECT_EQ(Emulation::operationCount() - before, operations) << count;
+        EXPECT_EQ(Emulation::liveAllocations(), 1);
+    }
+    // A second allocation before the first is given back is another block.
+    char* const first = memory.allocate(8);
+    char* const second = memory.allocate(8);
+    EXPECT_NE(first, second);
+    memory.deallocate(first, 8);
+    EXPECT_EQ(memory.allocate(8), first);
+    memory.deallocate(first, 8);
+    memory.deallocate(second, 8);
+
+    // A failed call gives its memory back without a call of the device.
     Emulation::setPresent(false);
+    const std::uint64_t before = Emulation::operationCount();
     const char* const text = "no CUDA-capable device is detected";
-    expectRefusals<std::runtime_error>({{text, [&] { Device::sort(&word, 1, std::less<>()); }},
-                                        {text, [&] { Device::exclusiveScan(&word, 1, &word); }}});
+    expectRefusals<std::runtime_error>({{text, [&] { scan(4); }}, {text, sort}});
+    EXPECT_EQ(Emulation::operationCount() - before, 2);
+    expectThrows<WindowEngineError>(
+        [&] { memory.allocate(1000); },
+        "CUDA free temporary memory: no CUDA-capable device is detected");
+    expectThrows<WindowEngineError>(
+        [&] { memory.release(); },
+        "CUDA free temporary memory: no CUDA-capable device is detected");
+    EXPECT_EQ(Emulation::liveAllocations(), 0);
 }
 
 }  // namespace

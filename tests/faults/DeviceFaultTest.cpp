@@ -192,12 +192,13 @@ TEST_F(DeviceFault, IsReportedByItsCallAndLeavesNothingBehind) {
         "launch resident initialization;synchronise resident initialization;"
         "(clear resident window spikes;(convert resident bucket;)?process resident window;"
         "count resident fan-out;clear resident target counts;count resident targets;"
-        "download window spike count;[*];[*];"
+        "download window spike count;(alloc temporary memory;)?[*];[*];"
         "(clear resident target cursors;emit resident fan-out;sort resident target segments;)?){5}"
         "synchronise resident recurrence;download resident spikes;download fire overflow;"
-        "[*];download resident fire log;download resident states;download resident final RNG;"
+        "free temporary memory;alloc temporary memory;[*];download resident fire log;download "
+        "resident states;download resident final RNG;"
         "download resident pending times;download resident pending bounds;"
-        "download resident metrics;download resident future bucket;";
+        "download resident metrics;download resident future bucket;free temporary memory;";
     const Way ways[] = {
         {"window by window",
          [&] { return windows(many); },
@@ -243,10 +244,12 @@ TEST_F(DeviceFault, IsReportedByItsCallAndLeavesNothingBehind) {
          "upload CSR targets;upload CSR values;clear shard states;upload shard RNG;"
          "clear processed target count;clear shard counts;clear local/cross counts;"
          "launch shard count;download shard counts;download local/cross counts;"
-         "upload shard offsets;clear shard cursors;launch shard fan-out;[*];"
+         "upload shard offsets;clear shard cursors;launch shard fan-out;"
+         "alloc temporary memory;[*];"
          "launch shard event conversion;launch shard target processing;"
          "synchronise shard fan-out;download shard queues;download shard results;"
-         "download processed target count;free shard queues;free processed target count;"
+         "download processed target count;free temporary memory;free shard queues;free processed "
+         "target count;"
          "free shard results;free shard RNG;free shard states;free shard window events;"
          "free CSR values;free CSR targets;free local/cross counts;free shard offsets;"
          "free shard counts;"},
