@@ -1,17 +1,18 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <string>
 #include <type_traits>
 
 // The few device operations that the unit LookaheadCuda is written against. Under nvcc they are
-// the CUDA runtime and Thrust (DeviceLayerCuda.h). Built by a host compiler they are functions
-// that the program is linked to: the emulated device, or the one that reports that there is none
-// (DeviceLayerHost.h). Nothing is chosen at run time.
+// the CUDA runtime and Thrust (DeviceLayerCuda.h). Under a host compiler they are functions that
+// the program is linked to (DeviceLayerHost.h): the emulated device, or the layer that reports no
+// device. Nothing is chosen at run time.
 //
-// All work is ordered: an operation sees the finished effect of the ones before it. Copies return
-// when the data is in place.
+// All work is ordered: an operation sees the finished effect of the operations before it. A copy
+// returns when the data is in place.
 
 namespace Lumenar::Core::Kelm::Device {
 
@@ -32,13 +33,13 @@ Status upload(void* device, const void* host, std::uint64_t bytes);
 Status download(void* host, const void* device, std::uint64_t bytes);
 /// Sets bytes to 0.
 Status clear(void* device, std::uint64_t bytes);
-/// The status of a failed launch, which is then forgotten.
+/// The status of a failed launch. Reading it resets it to success.
 Status lastStatus();
 /// Waits for all device work; the status of the first failure in it.
 Status synchronise();
 
-/// Room for `count` elements, as allocateBytes gives it. A count whose bytes no address can hold
-/// asks for more than any device has.
+/// Allocates `count` elements. A byte count beyond 64 bits becomes the largest one, which no device
+/// can allocate.
 template <class T>
 Status allocate(T*& block, std::uint64_t count) {
     constexpr std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
@@ -47,6 +48,10 @@ Status allocate(T*& block, std::uint64_t count) {
     block = static_cast<T*>(bytes);
     return status;
 }
+
+/// nvcc splits a kernel argument up to this size into scalars. It reads a larger one through its
+/// address.
+inline constexpr std::size_t max_argument_bytes = 128;
 
 /// Blocks of `block_size` threads that cover `range` thread indices.
 constexpr std::uint32_t blocksFor(std::uint64_t range, std::uint32_t block_size) {
@@ -57,18 +62,14 @@ constexpr std::uint32_t blocksFor(std::uint64_t range, std::uint32_t block_size)
 
 // Each implementation further gives, in the same namespace:
 //
-//   KELM_KERNEL name(arguments) {...}           a kernel: trivially copyable arguments, by value
+//   KELM_KERNEL name(arguments) {...}           a kernel: trivially copyable arguments, by value,
+//   of
+//                                               at most max_argument_bytes each
 //   KELM_DEVICE                                 marks a helper of kernels
 //   std::uint64_t threadIndex()                 the calling thread's index in its launch
-//   constexpr std::uint64_t lookahead           how many threads ahead a thread asks for memory;
-//                                               0 where the device hides latency by itself
-//   void prefetch(const void* address)          asks for memory without reading it
 //   std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t amount)
 //                                               atomic; returns the value before
-//   void accumulate(std::uint64_t* counter, std::uint64_t amount)
-//                                               atomic as well, for a sum that no thread of the
-//                                               launch reads
-//   void setFlag(std::uint32_t* flag)           atomic; the flag is 1 from then on
+//   void setFlag(std::uint32_t* flag)           atomic; the flag is 1 afterwards
 //   void launch<kernel>(blocks, block_size, arguments...)
 //                                               starts blocks * block_size threads
 //   void sort(T* first, std::uint64_t count, Less less, Memory& memory)

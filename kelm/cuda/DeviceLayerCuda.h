@@ -16,17 +16,10 @@ KELM_DEVICE inline std::uint64_t threadIndex() {
     return static_cast<std::uint64_t>(blockIdx.x) * blockDim.x + threadIdx.x;
 }
 
-inline constexpr std::uint64_t lookahead = 0;
-KELM_DEVICE inline void prefetch(const void*) {}
-
 KELM_DEVICE inline std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t amount) {
     static_assert(sizeof(unsigned long long) == sizeof(std::uint64_t));
     return atomicAdd(reinterpret_cast<unsigned long long*>(counter),
                      static_cast<unsigned long long>(amount));
-}
-
-KELM_DEVICE inline void accumulate(std::uint64_t* counter, std::uint64_t amount) {
-    static_cast<void>(fetchAdd(counter, amount));
 }
 
 KELM_DEVICE inline void setFlag(std::uint32_t* flag) { atomicOr(flag, 1U); }
@@ -54,8 +47,8 @@ inline const char* statusText(Status status) {
     return cudaGetErrorString(static_cast<cudaError_t>(status));
 }
 
-/// A failed call also leaves its status with the runtime, where the next launch's caller would take
-/// it for that launch's own.
+/// Returns the status of a runtime call. The runtime also keeps the status of a failed call; it is
+/// reset here, or lastStatus would report it for the next launch.
 inline Status settled(cudaError_t status) {
     if (status != cudaSuccess) static_cast<void>(cudaGetLastError());
     return status;

@@ -18,7 +18,6 @@
 namespace Lumenar::Core::Kelm::Device {
 
 constinit thread_local std::uint64_t emulated_thread_index = 0;
-constinit thread_local PendingSums pending_sums;
 
 namespace {
 
@@ -26,14 +25,14 @@ constexpr Status success = 0;
 constexpr Status out_of_memory = 2;
 constexpr Status no_device = 100;
 
-/// The largest block that the device gives. Well below what a host can be asked for: filling a
+/// The largest block that the device allocates. It is far below the host's limit, since filling a
 /// block touches all of it.
 constexpr std::uint64_t max_block_bytes = std::uint64_t{1} << 34;
 
-/// Device threads below which waking the workers costs more than they save.
+/// With fewer device threads for each host thread, waking the workers costs more than they save.
 constexpr std::uint64_t min_threads_per_worker = 512;
 
-/// Host threads that wait for launches. They are started at the first launch that needs them.
+/// Host threads that wait for launches. The first launch that needs them starts them.
 class Workers {
 public:
     ~Workers() { stop(); }
@@ -43,7 +42,7 @@ public:
         count_ = std::max(count, 1U);
     }
 
-    /// Runs all threads of a launch, the calling thread taking part.
+    /// Runs all threads of a launch. The calling thread runs a share itself.
     void run(ThreadRange range, const void* launch, std::uint64_t thread_count,
              const std::uint64_t* order) {
         const auto shares = static_cast<unsigned>(std::min<std::uint64_t>(
@@ -84,7 +83,8 @@ private:
         job.range(job.launch, first, last, job.order);
     }
 
-    /// Launches follow one another within microseconds, less than a sleeping thread takes to wake.
+    /// Waits without sleeping, since the next launch usually comes sooner than a sleeping thread
+    /// wakes.
     template <class Condition>
     static bool spinUntil(Condition condition) {
         for (int i = 0; i < spins; ++i) {
@@ -99,7 +99,7 @@ private:
     void start() {
         while (threads_.size() + 1 < count_) {
             const auto share = static_cast<unsigned>(threads_.size() + 1);
-            // It must not run a launch that ended before it was born.
+            // The present generation counts as seen: that launch is over.
             threads_.emplace_back([this, share, seen = generation_.load()] { serve(share, seen); });
         }
     }
@@ -151,7 +151,7 @@ private:
 struct Emulator {
     bool present = true;
     std::optional<std::uint64_t> permutation_seed;
-    std::vector<std::uint64_t> order;  ///< of the launch in progress
+    std::vector<std::uint64_t> order;  ///< of the threads of the launch in progress
     std::uint64_t launches = 0;
     std::uint64_t operations = 0;
     std::optional<std::uint64_t> failing_operation;
@@ -160,7 +160,7 @@ struct Emulator {
     std::uint64_t live_allocations = 0;
     Workers workers;
 
-    /// Counts an operation; its status, if it is to fail.
+    /// Counts an operation and returns its status.
     Status begin() {
         const std::uint64_t operation = operations++;
         if (failing_operation != operation) return present ? success : no_device;
@@ -168,7 +168,8 @@ struct Emulator {
         return failing_status;
     }
 
-    /// Another order for each launch, the same whenever the program runs.
+    /// A permuted order of the threads, or null. It differs from launch to launch and is the same
+    /// each time the program runs.
     const std::uint64_t* permute(std::uint64_t thread_count) {
         if (!permutation_seed) return nullptr;
         order.resize(thread_count);
@@ -225,7 +226,7 @@ Status allocateBytes(void*& block, std::uint64_t bytes) {
     block = nullptr;
     if (const Status status = emulator().begin(); status != success) return status;
     if (bytes > max_block_bytes) return out_of_memory;
-    // Not zeroed, as on a device: what is read before it is written should show.
+    // Not zero, as on a device, so that a read before the first write shows.
     block = std::malloc(std::max<std::uint64_t>(bytes, 1));
     if (block == nullptr) return out_of_memory;
     std::memset(block, 0xa5, bytes);

@@ -1,5 +1,4 @@
-// The device layer of a program built without CUDA: there is no device, and every operation on
-// one fails.
+// The device layer of a program built without CUDA: there is no device, and every operation fails.
 
 #include <stdexcept>
 
@@ -14,7 +13,6 @@ constexpr Status no_device = 100;
 }  // namespace
 
 constinit thread_local std::uint64_t emulated_thread_index = 0;
-constinit thread_local PendingSums pending_sums;
 
 const char* statusText(Status status) {
     return status == 0 ? "no error" : "this program was built without CUDA";

@@ -66,7 +66,7 @@ KELM_DEVICE inline void logResidentSpikes(std::uint64_t neuron, const Kernel::Wi
                                           std::uint64_t fire_capacity) {
     const auto count = static_cast<std::uint64_t>(result.spike_count);
     const std::uint64_t first = Device::fetchAdd(counters.total_spikes, count);
-    Device::accumulate(counters.window_spikes, count);
+    Device::fetchAdd(counters.window_spikes, count);
     if (first + count > fire_capacity) {
         Device::setFlag(counters.fire_overflow);
         return;
@@ -89,20 +89,7 @@ KELM_KERNEL processResidentWindow(std::uint64_t node_count, const Kernel::Window
     const std::uint64_t i = Device::threadIndex();
     if (i >= node_count) return;
     const Kernel::NeuronModel model(neuron, firing, terms);
-    const auto eventsOf = [&](std::uint64_t n) {
-        return arrival_count == 0 ? std::uint64_t{0} : target_counts[n];
-    };
-    if constexpr (Device::lookahead != 0) {
-        // Whether that neuron's candidate is due is its own thread's to read: it may be writing it.
-        const std::uint64_t later = i + Device::lookahead;
-        if (later < node_count && eventsOf(later) != 0) {
-            Device::prefetch(&neurons.states[later]);
-            Device::prefetch(&neurons.random[later]);
-            Device::prefetch(&neurons.pending_rates[later]);
-            Device::prefetch(events + target_offsets[later]);
-        }
-    }
-    const std::uint64_t events_here = eventsOf(i);
+    const std::uint64_t events_here = arrival_count == 0 ? 0 : target_counts[i];
     const ModelTime pending = neurons.pending_times[i];
     const bool due = pending >= 0 && pending < window_end;
     if (events_here == 0 && !due) {
@@ -110,8 +97,8 @@ KELM_KERNEL processResidentWindow(std::uint64_t node_count, const Kernel::Window
         return;
     }
     if (due) {
-        Device::accumulate(&counters.metrics[3], 1);
-        if (arrival_count == 0) Device::accumulate(counters.window_spikes, window_spike_mask + 1);
+        Device::fetchAdd(&counters.metrics[3], 1);
+        if (arrival_count == 0) Device::fetchAdd(counters.window_spikes, window_spike_mask + 1);
     }
     const std::uint64_t first = events_here == 0 ? 0 : target_offsets[i];
     const Kernel::WindowResult result =
@@ -126,9 +113,9 @@ KELM_KERNEL processResidentWindow(std::uint64_t node_count, const Kernel::Window
     if (result.spike_count != 0) results[i] = result;
     spike_counts[i] = static_cast<std::uint64_t>(result.spike_count);
     if (result.bound_violation || result.spike_overflow) Device::setFlag(counters.model_fault);
-    if (result.updates != 0) Device::accumulate(&counters.metrics[0], result.updates);
-    if (result.candidates != 0) Device::accumulate(&counters.metrics[1], result.candidates);
-    if (result.accepted != 0) Device::accumulate(&counters.metrics[2], result.accepted);
+    if (result.updates != 0) Device::fetchAdd(&counters.metrics[0], result.updates);
+    if (result.candidates != 0) Device::fetchAdd(&counters.metrics[1], result.candidates);
+    if (result.accepted != 0) Device::fetchAdd(&counters.metrics[2], result.accepted);
     if (result.spike_count != 0) {
         logResidentSpikes(i, result, counters, fire_log, fire_capacity);
     }

@@ -46,8 +46,8 @@ KELM_KERNEL countShardFanout(std::uint64_t node_count, std::uint64_t fanout,
     const std::uint32_t target_shard =
         Kernel::shardOf(node_count, shard_count, csr_targets[route.edge]);
     const std::uint32_t source_shard = Kernel::shardOf(node_count, shard_count, route.source);
-    Device::accumulate(&counts[target_shard], 1);
-    Device::accumulate(&local_cross[source_shard == target_shard ? 0 : 1], 1);
+    Device::fetchAdd(&counts[target_shard], 1);
+    Device::fetchAdd(&local_cross[source_shard == target_shard ? 0 : 1], 1);
 }
 
 /// Writes each arrival into its shard's segment, in an order that scheduling decides: the queue
@@ -98,7 +98,7 @@ KELM_KERNEL processShardTargets(const ShardArrival* queue, const Kernel::WindowE
     states[target] = result.state;
     random[target] = result.rng;
     results[target] = result;
-    Device::accumulate(processed_targets, 1);
+    Device::fetchAdd(processed_targets, 1);
 }
 
 }  // namespace
