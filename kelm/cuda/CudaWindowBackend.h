@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "kelm/engine/IWindowBackend.h"
 
@@ -18,6 +19,10 @@ bool cudaDeviceUsable();
 /// The name of the process's current device, or "unknown"; it never throws on a machine without
 /// one.
 std::string cudaDeviceName();
+
+/// Checks the status of a call of the device runtime; 0 is success. Throws WindowEngineError
+/// "CUDA <what>: <the runtime's text>" for any other.
+void checkCuda(int status, std::string_view what);
 
 /// The backend that computes windows on a device, one thread a neuron.
 ///

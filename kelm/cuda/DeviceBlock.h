@@ -5,17 +5,17 @@
 #include <utility>
 #include <vector>
 
+#include "kelm/cuda/CudaWindowBackend.h"
 #include "kelm/cuda/DeviceLayer.h"
-#include "kelm/cuda/LookaheadCudaTesting.h"
 
-// Part of the unit LookaheadCuda: device memory that lives for one call, and the clock of its
-// reports.
+// Part of the unit LookaheadCuda: device memory that lives for one call, and the time that reports
+// give.
 
 namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// Threads a block of every kernel but windowKernel.
+/// Threads in a block, for every kernel except windowKernel.
 constexpr std::uint32_t block_size = 256;
 
 inline double secondsBetween(std::chrono::steady_clock::time_point start,
@@ -25,20 +25,22 @@ inline double secondsBetween(std::chrono::steady_clock::time_point start,
     return static_cast<double>(elapsed_ns) / 1e9;
 }
 
-/// Releases a block and forgets it first: a release that fails must not be tried again.
+/// Releases a block. Sets the pointer to null first, since a release that fails must not be
+/// repeated.
 template <class T>
 void releaseChecked(T*& block, const char* what) {
     if (block == nullptr) return;
     checkCuda(Device::releaseBlock(std::exchange(block, nullptr)), what);
 }
 
+/// Releases a block where an error must not be reported.
 template <class T>
 void releaseQuietly(T* block) {
     if (block != nullptr) static_cast<void>(Device::releaseBlock(block));
 }
 
-/// A device block that lives for one call. Releasing it by hand reports a failure; a step that
-/// throws releases it all the same.
+/// A device block that lives for one call. release() reports a failure; the destructor, which also
+/// runs when a step has thrown, does not.
 template <class T>
 class DeviceBlock {
 public:

@@ -9,6 +9,7 @@
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -29,9 +30,10 @@
 
 namespace Lumenar::Core::Kelm {
 
-void checkCuda(Device::Status status, const char* what) {
+void checkCuda(Device::Status status, std::string_view what) {
     if (status == 0) return;
-    throw WindowEngineError(WindowEngineError::device(what, Device::statusText(status)));
+    throw WindowEngineError(
+        WindowEngineError::device(std::string(what), Device::statusText(status)));
 }
 
 namespace {

@@ -5,14 +5,15 @@
 #include "kelm/core/HostDevice.h"
 #include "kelm/core/ModelTime.h"
 
-// A shard is a contiguous range of neurons. The layout is arithmetic on two numbers and holds no
-// table: the first node_count % shard_count shards have one neuron more than the others.
+// A shard is a contiguous range of neurons. The layout needs no table: the first
+// node_count % shard_count shards have one neuron more than the others.
 
 namespace Lumenar::Core::Kelm {
 
 namespace Kernel {
 
-/// The formulas as device threads use them: arguments are not tested.
+// The formulas for device threads. They do not check their arguments.
+
 KELM_HD constexpr NodeId shardBegin(std::uint64_t node_count, std::uint32_t shard_count,
                                     std::uint32_t shard) {
     const std::uint64_t base = node_count / shard_count;
@@ -36,20 +37,20 @@ KELM_HD constexpr std::uint32_t shardOf(std::uint64_t node_count, std::uint32_t 
 
 }  // namespace Kernel
 
-/// First neuron of a shard. `shard` must lie below shard_count.
+/// The first neuron of a shard. `shard` must be below shard_count.
 /// Throws InvalidShardLayout unless 1 <= shard_count <= node_count.
 NodeId shardBegin(std::uint64_t node_count, std::uint32_t shard_count, std::uint32_t shard);
 
-/// The neuron behind a shard's last. `shard` must lie below shard_count.
+/// The neuron behind the last one of a shard. `shard` must be below shard_count.
 /// Throws InvalidShardLayout unless 1 <= shard_count <= node_count.
 NodeId shardEnd(std::uint64_t node_count, std::uint32_t shard_count, std::uint32_t shard);
 
 /// The shard that holds a neuron.
-/// Throws InvalidShardLayout unless 1 <= shard_count <= node_count, then for a neuron outside the
+/// Throws InvalidShardLayout unless 1 <= shard_count <= node_count; then, for a neuron outside the
 /// network.
 std::uint32_t shardOf(std::uint64_t node_count, std::uint32_t shard_count, NodeId node);
 
-/// Holds the three functions against each other on a table of layouts, without a device.
+/// Checks that the three functions agree, for a table of layouts. Needs no device.
 /// Throws std::runtime_error at the first disagreement.
 void checkShardLayouts();
 
