@@ -117,7 +117,7 @@ void reportShards(const BenchmarkWorkload& workload, std::uint32_t shards) {
 bool equalsCpu(const ResidentRun& resident, const TimedRun& cpu) {
     const RunDigests digests{resident.log_hash, resident.state_hash, resident.random_hash,
                              resident.profile};
-    return resident.capacity_ok && resident.spikes == cpu.spikes &&
+    return resident.capacity_ok && !resident.model_fault && resident.spikes == cpu.spikes &&
            resident.deliveries == cpu.spikes * benchmark_fanout && digests == cpu.digests;
 }
 

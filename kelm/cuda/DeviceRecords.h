@@ -7,13 +7,13 @@
 #include "kelm/core/HostDevice.h"
 #include "kelm/core/ModelTime.h"
 
-// Records that live on the device alone, private to the device unit and its tests.
+// Records that exist only on the device. They are private to the device unit and its tests.
 
 namespace Lumenar::Core::Kelm {
 
 /// One delivery on its way to a target, in a shard queue or a resident bucket.
 struct ShardArrival {
-    std::uint64_t sequence = 0;  ///< place in the order of emission; unique in a queue or a run
+    std::uint64_t sequence = 0;  ///< place in the order of emission, unique in a queue or a run
     std::uint64_t source = 0;    ///< neuron that spiked
     std::uint64_t target = 0;    ///< neuron that receives
     std::uint64_t edge = 0;      ///< place in the fan-out table
@@ -53,5 +53,22 @@ struct DeviceFireLess {
         return a.time != b.time ? a.time < b.time : a.neuron < b.neuron;
     }
 };
+
+/// What can end a resident run without a result. Each flag is 0 or 1.
+struct ResidentFlags {
+    std::uint32_t fire_overflow = 0;  ///< the fire log was too small
+    std::uint32_t model_fault = 0;    ///< a Kernel::WindowResult had a flag set
+};
+static_assert(sizeof(ResidentFlags) == 8);
+
+/// What a resident run counts over all neurons and windows. Sums of integers: the order of the
+/// threads does not change them.
+struct ResidentMetrics {
+    std::uint64_t updates = 0;
+    std::uint64_t candidates = 0;
+    std::uint64_t accepted = 0;
+    std::uint64_t due_candidates = 0;  ///< candidates that fell due in a window
+};
+static_assert(sizeof(ResidentMetrics) == 32);
 
 }  // namespace Lumenar::Core::Kelm

@@ -1,6 +1,6 @@
-// The one source unit of the device side: kernels and the host functions that drive them. nvcc
-// compiles it through LookaheadCuda.cu for the device; a host compiler compiles this same text
-// over a device layer of functions.
+// The one source unit of the device side: the kernels and the host functions that launch them. nvcc
+// compiles it for a device, through LookaheadCuda.cu. A host compiler compiles the same text over a
+// device layer of functions.
 
 #include <algorithm>
 #include <chrono>
@@ -19,7 +19,6 @@
 #include "kelm/cuda/DeviceLayer.h"
 #include "kelm/cuda/FanoutTable.h"
 #include "kelm/cuda/LookaheadCudaTesting.h"
-#include "kelm/cuda/ResidentArena.h"
 #include "kelm/cuda/ResidentRecurrence.h"
 #include "kelm/cuda/ResidentRecurrenceRun.h"
 #include "kelm/cuda/ShardLayout.h"
@@ -41,16 +40,15 @@ namespace {
 constexpr std::uint32_t window_block_size = 128;
 constexpr std::uint64_t small_window_items = 32;
 
-/// Networks below this size stay on the ordinary loop.
+/// Smaller networks stay on the ordinary loop.
 constexpr std::uint64_t min_resident_neurons = 32768;
 
-/// One thread an item. The parameters that count are the item's own, as on the CPU.
+/// One thread serves one item, with the item's own parameters.
 KELM_KERNEL windowKernel(const WindowWork* work, std::int32_t count,
                          const Kernel::WindowEvent* events, Kernel::WindowResult* results,
                          ModelTime window_end, ModelTime horizon, Kernel::Neuron, Kernel::Firing) {
     const auto i = static_cast<std::int32_t>(Device::threadIndex());
-    if (i >= count) return;
-    results[i] = Kernel::processWindow(work[i], events, window_end, horizon);
+    if (i < count) results[i] = Kernel::processWindow(work[i], events, window_end, horizon);
 }
 
 }  // namespace
@@ -93,7 +91,7 @@ struct CudaWindowBackend::DeviceBuffers {
 
     void reserveItems(std::uint64_t count) {
         if (count <= work_capacity) return;
-        // Until both stand anew there is room for nothing.
+        // A call that fails leaves no room until both blocks are allocated again.
         work_capacity = 0;
         releaseChecked(work, "free work");
         releaseChecked(results, "free results");
@@ -120,7 +118,7 @@ struct CudaWindowBackend::DeviceBuffers {
     }
 };
 
-/// The resident path's way to the memory of a backend.
+/// Gives resident runs access to the arena of a backend.
 struct ResidentAccess {
     static std::byte* arena(CudaWindowBackend& backend, std::uint64_t bytes) {
         return static_cast<std::byte*>(backend.buffers_->ensureResidentArena(bytes));
@@ -147,7 +145,7 @@ void CudaWindowBackend::processWindow(const std::span<const WindowWork>& work,
     if (work.size() < small_window_items) ++buffers.small_window_count;
 
     buffers.reserveItems(work.size());
-    // The kernel gets a valid pointer also in a window without events.
+    // A window without events needs a valid pointer, too.
     buffers.reserveEvents(events.empty() ? 1 : events.size());
     checkCuda(Device::upload(buffers.work, work.data(), work.size_bytes()), "upload work");
     if (!events.empty()) {
@@ -174,7 +172,7 @@ void CudaWindowBackend::prepareResident(const SynapseGraph& graph, std::uint64_t
     if (node_count == 0 || fanout == 0) {
         throw WindowEngineError(WindowEngineError::resident_dimensions);
     }
-    const std::optional<ResidentArena> arena = ResidentArena::of(node_count, fanout);
+    const std::optional<ResidentArena> arena = ResidentArena::at(0, node_count, fanout);
     if (!arena) throw WindowEngineError(WindowEngineError::resident_dimensions);
     buffers_->ensureResidentArena(arena->bytes);
 }
@@ -254,7 +252,7 @@ namespace {
 
 constexpr std::uint64_t max_resident_shards = 32;
 
-/// Why a network does not run whole on the device, or null.
+/// Why a network cannot run whole on the device, or null.
 const char* residentObstacle(SynapseGraph& graph) {
     if (graph.nodeCount() == 0) return "the graph has no neurons";
     const std::optional<ModelTime> d_min = graph.dMin();
@@ -275,9 +273,9 @@ const char* residentObstacle(SynapseGraph& graph) {
     return nullptr;
 }
 
-/// Whether a run on the device left the engine as a run to the horizon leaves it.
+/// Whether a run is valid and left no candidate before the horizon.
 bool isComplete(const ResidentRun& run, const WindowEngine& engine) {
-    if (!run.capacity_ok || run.states.size() != engine.states().size() ||
+    if (!run.capacity_ok || run.model_fault || run.states.size() != engine.states().size() ||
         run.random_states.size() != engine.states().size() ||
         run.candidate_times.size() != engine.candidates().size() ||
         run.candidate_rates.size() != engine.candidates().size()) {
@@ -294,12 +292,12 @@ WholeRun wholeRunOf(ResidentRun&& run, ModelTime window, ModelTime horizon) {
         whole.candidates[i].time = run.candidate_times[i];
         whole.candidates[i].rate = run.candidate_rates[i];
     }
-    // Sequences ascend in the order in which the serial commit would have posted.
+    // Sequences ascend in the order in which the ordinary loop posts.
     std::sort(run.pending_events.begin(), run.pending_events.end(),
               [](const Event& a, const Event& b) { return a.id < b.id; });
     if (run.profile.windows != 0) {
-        // A store with events walks on to the horizon in search of the next window; an empty one
-        // stays behind the last.
+        // The ordinary loop looks for the next window up to the horizon if its store holds events.
+        // With an empty store it stays behind the last window.
         whole.next_window = run.pending_events.empty()
                                 ? static_cast<std::int64_t>(run.last_window) + 1
                                 : horizon / window;
@@ -318,9 +316,8 @@ ResidentRun runResidentRecurrence(CudaWindowBackend& backend, SynapseGraph& grap
                                   std::uint64_t fanout, std::uint32_t shards,
                                   const Kernel::Neuron& neuron, const Kernel::Firing& firing,
                                   ModelTime window, ModelTime horizon, std::uint64_t seed) {
-    const auto start = std::chrono::steady_clock::now();
-    const ResidentArena arena =
-        ResidentRecurrence::requireArena(graph.nodeCount(), fanout, shards, window, horizon);
+    ResidentRecurrence run({graph.nodeCount(), fanout, neuron, firing, window, horizon, seed},
+                           shards);
     FanoutTable table;
     switch (buildResidentTable(graph, fanout, window, table)) {
         case FanoutFault::fanout:
@@ -330,9 +327,10 @@ ResidentRun runResidentRecurrence(CudaWindowBackend& backend, SynapseGraph& grap
         case FanoutFault::none:
             break;
     }
-    return ResidentRecurrence(start, arena, ResidentAccess::arena(backend, arena.bytes), table,
-                              graph.nodeCount(), fanout, neuron, firing, window, horizon, seed)
-        .run(false);
+    run.initialize(ResidentAccess::arena(backend, run.bytes()), table);
+    while (run.step()) {
+    }
+    return run.finish();
 }
 
 bool residentEligible(SynapseGraph& graph, std::string* reason) {
@@ -343,7 +341,6 @@ bool residentEligible(SynapseGraph& graph, std::string* reason) {
 
 bool tryResidentRunFrom(CudaWindowBackend& backend, WindowEngine& engine,
                         std::uint64_t min_neurons) {
-    const auto start = std::chrono::steady_clock::now();
     SynapseGraph& graph = engine.graph();
     const std::uint64_t node_count = graph.nodeCount();
     if (!engine.isPristine() || engine.isHeterogeneous() || node_count == 0 ||
@@ -352,22 +349,23 @@ bool tryResidentRunFrom(CudaWindowBackend& backend, WindowEngine& engine,
     }
     const ModelTime window = *graph.dMin();
     const ModelTime horizon = engine.horizon();
-    // The device stops at the last whole window, and its times are sums without a check.
+    // The device stops after the last whole window, and adds times without a check.
     if (horizon % window != 0 || horizon > last_model_time - window) return false;
-
-    // The table is built where residentEligible would say yes, in one walk over the synapses.
     const std::uint64_t fanout = graph.outgoing(0).size();
-    FanoutTable table;
-    if (fanout == 0 || buildResidentTable(graph, fanout, window, table) != FanoutFault::none) {
-        return false;
-    }
+    if (fanout == 0) return false;
+
     const auto shards = static_cast<std::uint32_t>(std::min(node_count, max_resident_shards));
-    const ResidentArena arena =
-        ResidentRecurrence::requireArena(node_count, fanout, shards, window, horizon);
-    ResidentRun run = ResidentRecurrence(start, arena, ResidentAccess::arena(backend, arena.bytes),
-                                         table, node_count, fanout, engine.uniformNeuron(),
-                                         engine.uniformFiring(), window, horizon, engine.seed())
-                          .run(true);
+    ResidentRecurrence recurrence({node_count, fanout, engine.uniformNeuron(),
+                                   engine.uniformFiring(), window, horizon, engine.seed()},
+                                  shards);
+    // One walk over the synapses builds the table and applies the rules of residentEligible.
+    FanoutTable table;
+    if (buildResidentTable(graph, fanout, window, table) != FanoutFault::none) return false;
+    recurrence.initialize(ResidentAccess::arena(backend, recurrence.bytes()), table);
+    while (recurrence.step()) {
+        if (recurrence.isMostlyQuiet()) return false;
+    }
+    ResidentRun run = recurrence.finish();
     if (!isComplete(run, engine)) return false;
     engine.adoptWholeRun(wholeRunOf(std::move(run), window, horizon));
     return true;

@@ -1,8 +1,8 @@
 #pragma once
 
-// Kernels of shard queues, private to the unit LookaheadCuda. A shard queue holds the arrivals
-// bound for one contiguous range of neurons. Arrival number i belongs to source event i / fanout
-// and to that source's edge slot i % fanout. One thread an arrival in all of them.
+// Kernels of shard queues, private to the unit LookaheadCuda. A shard queue holds the arrivals for
+// one contiguous range of target neurons. Arrival number i belongs to source event i / fanout, and
+// to synapse i % fanout of that event's neuron. One thread serves one arrival.
 
 #include <cstdint>
 
@@ -15,7 +15,7 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// Where arrival number `sequence` comes from; events wrap around when they outnumber the neurons.
+/// Where arrival number `sequence` comes from. Source event e belongs to neuron e % node_count.
 struct ShardRoute {
     std::uint64_t source;
     std::uint64_t edge;  ///< place in the fan-out table
@@ -34,71 +34,103 @@ KELM_HD inline Kernel::WindowEvent windowEventOf(const ShardArrival& arrival) {
     return event;
 }
 
-/// Counts the arrivals of each shard, and those that stay in their source's shard (element 0 of
-/// `local_cross`) against those that cross (element 1).
-KELM_KERNEL countShardFanout(std::uint64_t node_count, std::uint64_t fanout,
-                             std::uint64_t source_events, std::uint32_t shard_count,
-                             const std::uint64_t* csr_targets, std::uint64_t* counts,
-                             std::uint64_t* local_cross) {
-    const std::uint64_t i = Device::threadIndex();
-    if (i >= fanout * source_events) return;
-    const ShardRoute route = shardRoute(i, node_count, fanout);
+/// The network and its layout in shards.
+struct ShardNetwork {
+    std::uint64_t node_count;
+    std::uint64_t fanout;
+    std::uint32_t shard_count;
+    const std::uint64_t* csr_targets;
+    const double* csr_values;
+};
+
+/// Counts arrival `i` for its shard, and as local (element 0 of `local_cross`) if source and target
+/// have the same shard, else as crossing (element 1).
+KELM_DEVICE inline void countArrival(std::uint64_t i, const ShardNetwork& network,
+                                     std::uint64_t* counts, std::uint64_t* local_cross) {
+    const ShardRoute route = shardRoute(i, network.node_count, network.fanout);
     const std::uint32_t target_shard =
-        Kernel::shardOf(node_count, shard_count, csr_targets[route.edge]);
-    const std::uint32_t source_shard = Kernel::shardOf(node_count, shard_count, route.source);
+        Kernel::shardOf(network.node_count, network.shard_count, network.csr_targets[route.edge]);
+    const std::uint32_t source_shard =
+        Kernel::shardOf(network.node_count, network.shard_count, route.source);
     Device::fetchAdd(&counts[target_shard], 1);
     Device::fetchAdd(&local_cross[source_shard == target_shard ? 0 : 1], 1);
 }
 
-/// Writes each arrival into its shard's segment, in an order that scheduling decides: the queue
-/// must be sorted before anything reads it.
-KELM_KERNEL emitShardFanout(std::uint64_t node_count, std::uint64_t fanout,
-                            std::uint64_t source_events, std::uint32_t shard_count,
-                            const std::uint64_t* csr_targets, const double* csr_values,
-                            ModelTime arrival_time, const std::uint64_t* offsets,
-                            std::uint64_t* cursors, ShardArrival* queue) {
+KELM_KERNEL countShardFanout(ShardNetwork network, std::uint64_t arrival_count,
+                             std::uint64_t* counts, std::uint64_t* local_cross) {
     const std::uint64_t i = Device::threadIndex();
-    if (i >= fanout * source_events) return;
-    const ShardRoute route = shardRoute(i, node_count, fanout);
+    if (i < arrival_count) countArrival(i, network, counts, local_cross);
+}
+
+/// Writes arrival `i` into its shard's segment of the queue. The order within a segment depends on
+/// scheduling, so the queue must be sorted before anything reads it.
+KELM_DEVICE inline void emitArrival(std::uint64_t i, const ShardNetwork& network,
+                                    ModelTime arrival_time, const std::uint64_t* offsets,
+                                    std::uint64_t* cursors, ShardArrival* queue) {
+    const ShardRoute route = shardRoute(i, network.node_count, network.fanout);
     ShardArrival arrival;
     arrival.sequence = i;
     arrival.source = route.source;
-    arrival.target = csr_targets[route.edge];
+    arrival.target = network.csr_targets[route.edge];
     arrival.edge = route.edge;
     arrival.time = arrival_time;
-    arrival.value = csr_values[route.edge];
-    const std::uint32_t shard = Kernel::shardOf(node_count, shard_count, arrival.target);
+    arrival.value = network.csr_values[route.edge];
+    const std::uint32_t shard =
+        Kernel::shardOf(network.node_count, network.shard_count, arrival.target);
     queue[offsets[shard] + Device::fetchAdd(&cursors[shard], 1)] = arrival;
 }
 
-/// Turns a queue or a bucket into window events, at the same places.
+KELM_KERNEL emitShardFanout(ShardNetwork network, std::uint64_t arrival_count,
+                            ModelTime arrival_time, const std::uint64_t* offsets,
+                            std::uint64_t* cursors, ShardArrival* queue) {
+    const std::uint64_t i = Device::threadIndex();
+    if (i < arrival_count) emitArrival(i, network, arrival_time, offsets, cursors, queue);
+}
+
+/// Turns a queue or a bucket into window events, at the same indices.
 KELM_KERNEL convertShardEvents(const ShardArrival* arrivals, std::uint64_t count,
                                Kernel::WindowEvent* events) {
     const std::uint64_t i = Device::threadIndex();
-    if (i >= count) return;
-    events[i] = windowEventOf(arrivals[i]);
+    if (i < count) events[i] = windowEventOf(arrivals[i]);
 }
 
-/// One window for each target: the thread of its first arrival in the sorted queue serves it.
-KELM_KERNEL processShardTargets(const ShardArrival* queue, const Kernel::WindowEvent* events,
-                                std::uint64_t count, Kernel::State* states, std::uint64_t* random,
-                                Kernel::WindowResult* results, std::uint64_t* processed_targets,
-                                ModelTime window_end, ModelTime horizon, Kernel::Neuron neuron,
-                                Kernel::Firing firing, Kernel::NeuronTerms terms) {
-    const std::uint64_t i = Device::threadIndex();
-    if (i >= count) return;
-    const Kernel::NeuronModel model(neuron, firing, terms);
+/// A sorted queue of `count` arrivals, its window events, and the neurons that it reaches.
+struct ShardTargets {
+    const ShardArrival* queue;
+    const Kernel::WindowEvent* events;
+    std::uint64_t count;
+    Kernel::State* states;
+    std::uint64_t* random;  ///< raw stream states
+    Kernel::WindowResult* results;
+    std::uint64_t* processed_targets;  ///< number of neurons served
+    ModelTime window_end;              ///< ns
+    ModelTime horizon;                 ///< ns
+};
+
+/// One window of the target of arrival `i`, if `i` is the first arrival of that target.
+KELM_DEVICE inline void processTarget(std::uint64_t i, const ShardTargets& targets,
+                                      const Kernel::NeuronModel& model) {
+    const ShardArrival* const queue = targets.queue;
     const std::uint64_t target = queue[i].target;
     if (i != 0 && queue[i - 1].target == target) return;
     std::uint64_t end = i + 1;
-    while (end < count && queue[end].target == target) ++end;
-    const Kernel::WindowResult result = Kernel::processWindow(
-        states[target], random[target], model, events + i, static_cast<std::uint32_t>(end - i),
-        window_end, horizon, PhaseDrive(), no_time, 0.0);
-    states[target] = result.state;
-    random[target] = result.rng;
-    results[target] = result;
-    Device::fetchAdd(processed_targets, 1);
+    while (end < targets.count && queue[end].target == target) ++end;
+    const Kernel::WindowResult result =
+        Kernel::processWindow(targets.states[target], targets.random[target], model,
+                              targets.events + i, static_cast<std::uint32_t>(end - i),
+                              targets.window_end, targets.horizon, PhaseDrive(), no_time, 0.0);
+    targets.states[target] = result.state;
+    targets.random[target] = result.rng;
+    targets.results[target] = result;
+    Device::fetchAdd(targets.processed_targets, 1);
+}
+
+KELM_KERNEL processShardTargets(ShardTargets targets, Kernel::Neuron neuron, Kernel::Firing firing,
+                                Kernel::NeuronTerms terms) {
+    const std::uint64_t i = Device::threadIndex();
+    if (i < targets.count) {
+        processTarget(i, targets, Kernel::NeuronModel(neuron, firing, terms));
+    }
 }
 
 }  // namespace

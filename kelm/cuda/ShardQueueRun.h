@@ -28,7 +28,6 @@ public:
                   const Kernel::Firing& firing, ModelTime window_end, ModelTime horizon)
         : node_count_(graph.nodeCount()),
           fanout_(fanout),
-          source_events_(source_events),
           shard_count_(shard_count),
           arrivals_(requireSize(node_count_, fanout, source_events, shard_count)),
           model_(neuron, firing),
@@ -79,7 +78,7 @@ public:
     }
 
 private:
-    /// The number of arrivals. Stands before the first allocation.
+    /// The number of arrivals. Throws WindowEngineError for dimensions that are refused.
     static std::uint64_t requireSize(std::uint64_t node_count, std::uint64_t fanout,
                                      std::uint64_t source_events, std::uint32_t shard_count) {
         if (node_count == 0 || fanout == 0 || source_events == 0 || shard_count == 0 ||
@@ -90,12 +89,16 @@ private:
         if (source_events > most / fanout) {
             throw WindowEngineError(WindowEngineError::shard_overflow);
         }
-        // A launch covers them in blocks that 32 bits count, and one target's window holds them.
+        // Blocks of a launch and events of a window are counted in 32 bits.
         const std::uint64_t arrivals = source_events * fanout;
         if (node_count > most / fanout || arrivals > std::numeric_limits<std::uint32_t>::max()) {
             throw WindowEngineError(WindowEngineError::shard_overflow);
         }
         return arrivals;
+    }
+
+    ShardNetwork network() const {
+        return {node_count_, fanout_, shard_count_, csr_targets_.data(), csr_values_.data()};
     }
 
     const Kernel::NeuronTerms& terms() const { return model_; }
@@ -113,8 +116,7 @@ private:
     void countArrivals() {
         counts_.clear("clear shard counts");
         local_cross_.clear("clear local/cross counts");
-        Device::launch<countShardFanout>(blocks(), block_size, node_count_, fanout_, source_events_,
-                                         shard_count_, csr_targets_.data(), counts_.data(),
+        Device::launch<countShardFanout>(blocks(), block_size, network(), arrivals_, counts_.data(),
                                          local_cross_.data());
         checkCuda(Device::lastStatus(), "launch shard count");
         shard_sizes_ = counts_.download("download shard counts");
@@ -135,17 +137,15 @@ private:
 
     void routeArrivals() {
         offsets_.upload(shard_offsets_, "upload shard offsets");
-        // From here on the counts serve as the cursors of the segments.
+        // From here on, counts_ holds the cursors of the segments.
         counts_.clear("clear shard cursors");
-        // Unsigned: nothing arrives before the first time there is.
+        // Unsigned: window_end_ may be the smallest time.
         const auto arrival_time =
             static_cast<ModelTime>(static_cast<std::uint64_t>(window_end_) - 1);
-        Device::launch<emitShardFanout>(blocks(), block_size, node_count_, fanout_, source_events_,
-                                        shard_count_, csr_targets_.data(), csr_values_.data(),
-                                        arrival_time, offsets_.data(), counts_.data(),
-                                        queue_.data());
+        Device::launch<emitShardFanout>(blocks(), block_size, network(), arrivals_, arrival_time,
+                                        offsets_.data(), counts_.data(), queue_.data());
         checkCuda(Device::lastStatus(), "launch shard fan-out");
-        // Shards are ascending ranges of targets, so one sort puts every segment in order.
+        // Shards are ascending ranges of targets, so one sort orders every segment.
         Device::sort(queue_.data(), arrivals_, ShardArrivalLess(), temporary_memory_);
     }
 
@@ -153,10 +153,17 @@ private:
         Device::launch<convertShardEvents>(blocks(), block_size, queue_.data(), arrivals_,
                                            events_.data());
         checkCuda(Device::lastStatus(), "launch shard event conversion");
-        Device::launch<processShardTargets>(blocks(), block_size, queue_.data(), events_.data(),
-                                            arrivals_, states_.data(), random_.data(),
-                                            results_.data(), processed_targets_.data(), window_end_,
-                                            horizon_, model_.neuron, model_.firing, terms());
+        const ShardTargets targets{queue_.data(),
+                                   events_.data(),
+                                   arrivals_,
+                                   states_.data(),
+                                   random_.data(),
+                                   results_.data(),
+                                   processed_targets_.data(),
+                                   window_end_,
+                                   horizon_};
+        Device::launch<processShardTargets>(blocks(), block_size, targets, model_.neuron,
+                                            model_.firing, terms());
         checkCuda(Device::lastStatus(), "launch shard target processing");
         checkCuda(Device::synchronise(), "synchronise shard fan-out");
     }
@@ -186,7 +193,7 @@ private:
             const NodeId target = queue[first].target;
             std::size_t end = first;
             while (end < queue.size() && queue[end].target == target) ++end;
-            // A target that the network does not have is a fault of the route.
+            // The target is an index below.
             if (target >= node_count_) throw WindowEngineError(WindowEngineError::shard_routing);
             const Kernel::WindowResult expected = Kernel::processWindow(
                 Kernel::State(), random_states_[target], model_, events.data() + first,
@@ -232,7 +239,6 @@ private:
 
     std::uint64_t node_count_;
     std::uint64_t fanout_;
-    std::uint64_t source_events_;
     std::uint32_t shard_count_;
     std::uint64_t arrivals_;
     Kernel::NeuronModel model_;
@@ -244,7 +250,7 @@ private:
     std::vector<std::uint64_t> shard_offsets_;  ///< shape (shards)
     ShardQueueReport report_;
 
-    DeviceBlock<std::uint64_t> counts_;  ///< of the shards' arrivals, later their cursors
+    DeviceBlock<std::uint64_t> counts_;  ///< arrivals of each shard, later its cursor
     DeviceBlock<std::uint64_t> offsets_;
     DeviceBlock<std::uint64_t> local_cross_;
     DeviceBlock<std::uint64_t> csr_targets_;

@@ -1,6 +1,6 @@
-// Whole runs on the device: an engine that was offered one against an engine that went window by
-// window on the CPU, and the offers that must be declined. Runs of generated networks, and what is
-// pending behind them, are the soak's.
+// Whole runs on the device: an engine that offers its run to a device against an engine that goes
+// window by window on the CPU, and the offers that the device must decline. The soak tests whole
+// runs of generated networks, and their pending events.
 
 #include <gtest/gtest.h>
 
@@ -33,9 +33,9 @@ namespace {
 using namespace Compare;
 using namespace Testing;
 
-/// Runs two engines of one model, one of them offered to the device whatever its size. Tells
-/// whether the offer was accepted, and how they differ some windows behind the horizon, at which an
-/// input comes.
+/// Runs two engines of one model, and offers the run of one to the device, whatever its size.
+/// Returns whether the device accepted, and the first difference a few windows after the horizon,
+/// where an input arrives.
 std::pair<bool, std::string> compare(CudaWindowBackend& device, WindowEngine& offered,
                                      WindowEngine& ordinary, ModelTime d_min) {
     CpuWindowBackend cpu;
@@ -69,7 +69,7 @@ GeneratedModel livelyModel() {
     return model;
 }
 
-TEST_F(ResidentRunTest, CatchesTheStreamsUpBeforeAnybodySeesThemOrPutsOthersInForce) {
+TEST_F(ResidentRunTest, BringsTheStreamsUpToDateBeforeTheyAreReadOrRestored) {
     const GeneratedModel model = livelyModel();
     WindowEngine ordinary = makeEngine(model);
     const Blob before = ordinary.snapshot();
@@ -84,7 +84,7 @@ TEST_F(ResidentRunTest, CatchesTheStreamsUpBeforeAnybodySeesThemOrPutsOthersInFo
     EXPECT_EQ(restored.snapshot(), before);
 }
 
-TEST_F(ResidentRunTest, IsDeclinedWhereTheDeviceCouldNotEndAsTheOrdinaryLoop) {
+TEST_F(ResidentRunTest, IsDeclinedWhereItCouldNotEqualTheOrdinaryLoop) {
     struct Case {
         const char* fact;
         void (*change_model)(GeneratedModel&);
@@ -99,16 +99,16 @@ TEST_F(ResidentRunTest, IsDeclinedWhereTheDeviceCouldNotEndAsTheOrdinaryLoop) {
         {"a horizon inside a window", [](GeneratedModel& m) { m.horizon += 1; }, nothing},
         {"a disabled synapse", [](GeneratedModel& m) { m.synapses[7].enabled = false; }, nothing},
         {"a long delay", [](GeneratedModel& m) { m.synapses[7].delay *= 2; }, nothing},
-        {"neurons that are equal in number alone",
+        {"neurons that are equal as numbers and not as bits",
          [](GeneratedModel& m) { m.neurons[5].reset_value = -0.0; }, nothing},
-        {"a store that was handed in", as_it_is, nothing, false, true},
+        {"a store from the caller", as_it_is, nothing, false, true},
         {"a class that does not transmit", as_it_is,
          [](WindowEngine& e) { e.graph().setTransmissionEnabled(true, false); }},
         {"candidates drawn anew", as_it_is,
          [](WindowEngine& e) {
              e.reseedInitialCandidates(std::vector<double>(e.states().size(), 0.5));
          }},
-        {"streams that somebody holds", as_it_is, [](WindowEngine& e) { e.randomStreams(); }},
+        {"streams that were handed out", as_it_is, [](WindowEngine& e) { e.randomStreams(); }},
         {"an input from outside", as_it_is, [](WindowEngine& e) { e.post({.time = 5'000'000}); }},
         {"an observation to come", as_it_is,
          [](WindowEngine& e) { e.declareObserverEvent({.time = 5}); }},
@@ -138,14 +138,14 @@ TEST_F(ResidentRunTest, IsDeclinedWhereTheDeviceCouldNotEndAsTheOrdinaryLoop) {
              changeRates(m, 60.0);
          },
          nothing, true},
-        // 200000 empty steps would cost the device far more than the ordinary loop.
-        {"almost only quiet windows",
+        // 200000 empty steps take far longer than the ordinary loop.
+        {"quiet windows almost only",
          [](GeneratedModel& m) {
              m = ringModel(12, 2, 10, 200'000);
              changeRates(m, 60.0);
          },
          nothing},
-        // The first spike of any neuron is followed by far more than eight in its window.
+        // After its first spike, a neuron fires far more than eight times in the same window.
         {"neurons too hot for the model",
          [](GeneratedModel& m) {
              changeRates(m, 5.0);
@@ -175,8 +175,8 @@ TEST_F(ResidentRunTest, IsDeclinedWhereTheDeviceCouldNotEndAsTheOrdinaryLoop) {
     }
 }
 
-TEST_F(ResidentRunTest, LeavesStreamsThatCandidatesCanBeDrawnFromAnew) {
-    // A run in which nothing happens may still be followed by new first candidates.
+TEST_F(ResidentRunTest, LeavesStreamsFromWhichFirstCandidatesCanBeDrawnAgain) {
+    // The engine permits that after a run in which nothing happened.
     GeneratedModel model = livelyModel();
     changeRates(model, 1e-6);
     WindowEngine offered = makeEngine(model);
@@ -207,9 +207,9 @@ ResidentRun runOnDevice(const GeneratedModel& model) {
                                  model.firings[0], model.d_min, model.horizon, model.run_seed);
 }
 
-// With one neuron of fan-out f a bucket holds f / 2 + 1 arrivals, and the log 8 spikes. A short
-// refractory period gives several spikes in a window, and a long one at most one, so that the log
-// fills before a bucket does.
+// With one neuron of fan-out f, a bucket holds f / 2 + 1 arrivals and the log 8 spikes. A short
+// refractory period allows several spikes in a window, and a long one allows one, so that the log
+// is full before a bucket is.
 TEST_F(ResidentRunTest, FitsItsBuffersExactlyAndNotOneMore) {
     std::set<std::string> met;
     for (const std::uint64_t fanout : {1U, 2U, 3U, 4U}) {
@@ -228,8 +228,10 @@ TEST_F(ResidentRunTest, FitsItsBuffersExactlyAndNotOneMore) {
                 }
                 const std::size_t spikes = engine.spikeLog().size();
                 const bool bucket_fits = most <= fanout / 2 + 1;
-                ASSERT_EQ(runOnDevice(model).capacity_ok, bucket_fits && spikes <= 8)
+                const ResidentRun run = runOnDevice(model);
+                ASSERT_EQ(run.capacity_ok, bucket_fits && spikes <= 8)
                     << "fan-out " << fanout << ", " << most << " arrivals, " << spikes << " spikes";
+                EXPECT_FALSE(run.model_fault);
                 if (bucket_fits && spikes == 8) met.insert("log full");
                 if (bucket_fits && spikes == 9) met.insert("log over");
                 if (spikes <= 8 && most == fanout / 2 + 1) met.insert("bucket full");
@@ -238,6 +240,20 @@ TEST_F(ResidentRunTest, FitsItsBuffersExactlyAndNotOneMore) {
         }
     }
     EXPECT_EQ(met.size(), 4);
+}
+
+TEST_F(ResidentRunTest, ReportsAFaultOfTheModelApartFromItsCapacity) {
+    GeneratedModel model = livelyModel();
+    changeRates(model, 5.0);
+    model.neurons[0].hard_refractory = false;
+    model.neurons[0].reset_value = 20.0;
+    // Up to the first window in which a neuron has fired, which has then fired too often.
+    for (model.horizon = model.d_min;; model.horizon += model.d_min) {
+        const ResidentRun run = runOnDevice(model);
+        EXPECT_TRUE(run.capacity_ok);
+        EXPECT_EQ(run.model_fault, run.spikes != 0);
+        if (run.spikes != 0) break;
+    }
 }
 
 TEST_F(ResidentRunTest, RunsAsManyStepsAsThereAreWholeWindows) {
@@ -290,7 +306,7 @@ TEST_F(ResidentRunTest, TellsWhyANetworkIsNotEligible) {
     EXPECT_EQ(reasonFor(SynapseGraph(3, std::nullopt, {})), "the graph has no positive d_min");
     EXPECT_EQ(reasonFor(SynapseGraph(3, 5, {})), "resident CUDA requires non-zero fan-out");
 
-    // The first offence in the order of neurons and edges decides.
+    // The first neuron or synapse in order that fails a test decides.
     GeneratedModel mixed = livelyModel();
     mixed.synapses[4].delay += 1;
     mixed.synapses[7].enabled = false;
@@ -305,24 +321,28 @@ TEST_F(ResidentRunTest, TellsWhyANetworkIsNotEligible) {
     EXPECT_EQ(reasonFor(silent_class), "resident CUDA does not yet support disabled edges");
 }
 
-// Offsets added up by hand from the records' sizes: 40 bytes a state, 152 a result, 16 a spike, 24
-// an event and 48 an arrival. Of an odd number of edges half is rounded down.
+// Sizes added up by hand: 15 entries of 8 bytes in each table, 40 bytes a state, 152 a result, 16 a
+// spike, 24 an event and 48 an arrival. Half of an odd number of synapses is rounded down.
 TEST(ResidentArena, LaysItsSectionsOneBehindTheOtherWithinSixtyFourBits) {
-    const ResidentArena a = ResidentArena::of(3, 5).value();
-    const std::vector<std::uint64_t> numbers{
-        a.arrival_capacity, a.fire_capacity, a.csr_targets,    a.csr_values,     a.device_states,
-        a.device_random,    a.pending_times, a.pending_rates,  a.device_results, a.fanout_counts,
-        a.fanout_offsets,   a.target_counts, a.target_offsets, a.target_cursors, a.total_spikes,
-        a.window_spikes,    a.fire_log,      a.fire_overflow,  a.metrics,        a.window_events,
-        a.first_bucket,     a.second_bucket, a.bytes};
-    EXPECT_EQ(numbers, (std::vector<std::uint64_t>{10,   24,   0,    120,  240,  360,  384,  408,
-                                                   432,  888,  912,  936,  960,  984,  1008, 1016,
-                                                   1024, 1408, 1416, 1448, 1688, 2168, 2648}));
-    EXPECT_FALSE(ResidentArena::of(std::uint64_t{1} << 32, std::uint64_t{1} << 32).has_value());
-    EXPECT_FALSE(ResidentArena::of(std::uint64_t{1} << 61, 1).has_value());
-    // Each section fits by itself.
-    EXPECT_FALSE(ResidentArena::of(std::uint64_t{1} << 56, 2).has_value());
-    EXPECT_FALSE(ResidentArena::of(1, std::uint64_t{1} << 61).has_value());
+    const ResidentArena arena = ResidentArena::at(4096, 3, 5).value();
+    EXPECT_EQ(arena.arrival_capacity, 10);
+    EXPECT_EQ(arena.counters.fire_capacity, 24);
+    const std::pair<const void*, std::uint64_t> sections[] = {
+        {arena.neurons.csr_values, 120}, {arena.neurons.results, 432},
+        {arena.counters.fire_log, 1024}, {arena.window_events, 1448},
+        {arena.next_bucket, 2168},
+    };
+    for (const auto& [section, offset] : sections) {
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(section), 4096 + offset);
+    }
+    EXPECT_EQ(arena.bytes, 2648);
+
+    constexpr std::uint64_t one = 1;
+    EXPECT_FALSE(ResidentArena::at(0, one << 32, one << 32).has_value());
+    EXPECT_FALSE(ResidentArena::at(0, one << 61, 1).has_value());
+    // Each section fits, and their sum does not.
+    EXPECT_FALSE(ResidentArena::at(0, one << 56, 2).has_value());
+    EXPECT_FALSE(ResidentArena::at(0, 1, one << 61).has_value());
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// What comes of a device call that fails, for every call of every way to work on a device: the
-// failure's class and whole text, nothing that stays allocated on either side, and an engine that
-// knows of nothing.
+// Every call of every kind of work on a device fails once. The failure has the right class and
+// text, nothing stays allocated on the host or on the device, and the engine is unchanged.
 
 #include <gtest/gtest.h>
 
@@ -32,20 +31,20 @@ namespace {
 using namespace Compare;
 using namespace Testing;
 
-/// A piece of work on a device that stands ready.
+/// A piece of work on a device, ready to be done.
 struct DeviceWork {
     std::function<void()> act;
-    /// Looks at what a failed `act` has left.
+    /// Checks what a failed `act` has left.
     std::function<void()> expectUntouched;
 };
 
 struct Way {
     const char* name;
     std::function<DeviceWork()> arrange;
-    /// What is called, as a regular expression: each call's name and a semicolon, a star for a sort
-    /// or a scan, whose failure is the library's own.
+    /// The calls, as a regular expression: each call's name and a semicolon. A star is a sort or a
+    /// scan, whose failure is the library's own.
     std::string calls;
-    /// What has to be among them, of what that leaves open.
+    /// Calls that the expression permits and that must occur.
     std::vector<std::string> among = {};
 };
 
@@ -56,10 +55,10 @@ struct Reason {
 
 class DeviceFault : public EmulatedDeviceTest {
 protected:
-    // Without threads, which would be started during one call and last for others.
+    // Without worker threads: a thread that one call starts would allocate for all later ones.
     DeviceFault() { Emulation::setWorkers(1); }
 
-    /// The name of the call that failed, out of what was thrown.
+    /// The name of the call that failed, from the exception.
     static std::string nameOf(const std::exception& failure, const std::string& reason) {
         const std::string text = failure.what();
         if (typeid(failure) == typeid(std::runtime_error) && text == reason) return "*";
@@ -73,9 +72,9 @@ protected:
         return text.substr(head.size(), text.size() - head.size() - tail.size());
     }
 
-    /// Lets each call of `way` fail once, and returns their names in their order.
+    /// Makes each call of `way` fail once, and returns the names of the calls in order.
     static std::string failEach(const Way& way, const Reason& reason) {
-        way.arrange().act();  // what the process allocates once
+        way.arrange().act();  // allocates what the process keeps
         std::string calls;
         std::string name;
         name.reserve(256);
@@ -95,7 +94,7 @@ protected:
                 }
                 Emulation::failNothing();
                 if (name.empty()) {
-                    EXPECT_EQ(Emulation::operationCount() - before, n) << "nobody noticed";
+                    EXPECT_EQ(Emulation::operationCount() - before, n) << "no error";
                     return calls;
                 }
             }
@@ -106,15 +105,15 @@ protected:
         }
     }
 
-    /// Of a lively network of the shape that runs whole on a device.
+    /// A lively network of the shape that runs whole on a device.
     static GeneratedModel ring() {
         GeneratedModel model = ringModel(12, 3, 1'000'000, 5);
         for (Kernel::Firing& firing : model.firings) firing.base_rate = 400.0;
         return model;
     }
 
-    /// An engine that goes window by window over the device: a failed window leaves it as the
-    /// windows before have, and leaves the backend fit for another engine.
+    /// An engine that runs window by window on the device. A failed window leaves the engine as the
+    /// windows before it did, and another engine can use the backend.
     DeviceWork windows(const GeneratedModel& model) {
         struct Subject {
             CudaWindowBackend device;
@@ -139,7 +138,8 @@ protected:
                 }};
     }
 
-    /// What of an engine no unfinished window has a part in; its store has handed that out.
+    /// The parts of an engine that an unfinished window does not change. The store is none of them:
+    /// it has handed the window's events out.
     static Blob committed(WindowEngine& engine) {
         RunImage image = imageOf(engine);
         Blob blob;
@@ -150,7 +150,7 @@ protected:
         return blob;
     }
 
-    /// An engine whose run is offered to the device as a whole. `prepared`: device memory is there.
+    /// An engine whose whole run is offered to the device. `prepared`: the arena is allocated.
     DeviceWork offer(bool prepared) {
         struct Subject {
             CudaWindowBackend device;
@@ -166,7 +166,7 @@ protected:
                     WindowEngine reference = makeEngine(model);
                     EXPECT_EQ(subject->engine.snapshot(), reference.snapshot());
                     EXPECT_TRUE(subject->engine.isPristine());
-                    // The device takes the run all the same when it is offered again.
+                    // The device accepts the run when it is offered again.
                     act();
                     reference.run(cpu_);
                     EXPECT_EQ(committed(subject->engine), committed(reference));
@@ -177,7 +177,7 @@ protected:
 };
 
 TEST_F(DeviceFault, IsReportedByItsCallAndLeavesNothingBehind) {
-    // With windows that need more room than all before them: for items, and for events alone.
+    // Some windows need more room than all before them: for items, or for events alone.
     GeneratedModel many = generateModel(11, {24, 12});
     for (const ModelTime window : {4, 6, 6, 6}) {
         for (NodeId n = 0; n < many.node_count; ++n) {
@@ -193,7 +193,8 @@ TEST_F(DeviceFault, IsReportedByItsCallAndLeavesNothingBehind) {
         "(clear resident window spikes;(convert resident bucket;)?process resident window;"
         "count resident fan-out;clear resident target counts;count resident targets;"
         "download window spike count;(alloc temporary memory;)?[*];[*];"
-        "(clear resident target cursors;emit resident fan-out;sort resident target segments;)?){5}"
+        "(clear resident target cursors;emit resident fan-out;sort resident target segments;)?"
+        "(download due candidate count;)?){5}"
         "synchronise resident recurrence;download resident spikes;download fire overflow;"
         "free temporary memory;alloc temporary memory;[*];download resident fire log;download "
         "resident states;download resident final RNG;"
@@ -269,8 +270,8 @@ TEST_F(DeviceFault, IsReportedByItsCallAndLeavesNothingBehind) {
     }
 }
 
-// No call at all: a device that is not there when the work begins.
-TEST_F(DeviceFault, OfADeviceThatHasGoneIsReportedToo) {
+// A device that fails for good, between two pieces of work.
+TEST_F(DeviceFault, IsReportedWhenTheDeviceIsGone) {
     const DeviceWork work = windows(generateModel(11, {24, 12}));
     Emulation::setPresent(false);
     try {
