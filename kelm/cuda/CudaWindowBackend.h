@@ -12,12 +12,11 @@ namespace Lumenar::Core::Kelm {
 class SynapseGraph;
 struct ResidentAccess;
 
-/// True when the device runtime reports at least one device. A failure of any kind, a missing
-/// driver among them, counts as none; it never throws.
+/// True when the device runtime reports at least one device. Any failure, such as a missing driver,
+/// counts as no device. Never throws.
 bool cudaDeviceUsable();
 
-/// The name of the process's current device, or "unknown"; it never throws on a machine without
-/// one.
+/// The name of the process's current device, or "unknown" when there is none.
 std::string cudaDeviceName();
 
 /// Checks the status of a call of the device runtime; 0 is success. Throws WindowEngineError
@@ -26,13 +25,13 @@ void checkCuda(int status, std::string_view what);
 
 /// The backend that computes windows on a device, one thread a neuron.
 ///
-/// It uses the process's current device and selects none. Its device memory grows to exactly what
-/// a window needs and is released by the destructor, which never throws. A failed device call is a
-/// WindowEngineError "CUDA <call>: <the runtime's text>"; nothing of that window has then been
-/// committed, and the backend can still be destroyed. One host thread at a time.
+/// It uses the process's current device and selects none. Its device memory grows to exactly what a
+/// window needs. The destructor releases it and never throws. A failed device call throws
+/// WindowEngineError, as checkCuda does; the engine has then committed nothing of that window. One
+/// host thread at a time may use a backend.
 class CudaWindowBackend final : public IWindowBackend {
 public:
-    /// Throws WindowEngineError where no device is usable.
+    /// Throws WindowEngineError when no device is usable.
     CudaWindowBackend();
     ~CudaWindowBackend() override;
     CudaWindowBackend(const CudaWindowBackend&) = delete;
@@ -44,22 +43,25 @@ public:
                        ModelTime horizon, const Kernel::Neuron& neuron,
                        const Kernel::Firing& firing,
                        const std::span<Kernel::WindowResult>& results) override;
-    /// Carries a fresh run through on the device where the network has the shape for it
-    /// (residentEligible), 32768 neurons or more, a horizon of whole windows and a store of the
-    /// engine's own. Declines otherwise, and where the run does not fit the device's buffers or
-    /// meets a fault of the model, which the ordinary loop then reports.
-    /// Throws WindowEngineError for a failed device call; the engine is then as it was.
+    /// Computes a fresh run whole on the device, if
+    /// - the network has the right shape (residentEligible) and at least 32768 neurons,
+    /// - no neuron has so many incoming synapses that one thread could not sort its arrivals,
+    /// - the horizon is a multiple of the window, and the engine made its store itself,
+    /// - the run exceeds no device buffer, does not consist of empty windows for the most part, and
+    ///   meets no fault of the model, which the ordinary loop then reports.
+    /// Otherwise returns false with the engine unchanged. Throws WindowEngineError for a failed
+    /// device call, and the exception of the device's library for a failed sort or scan; the engine
+    /// is then unchanged, too.
     bool tryResidentRun(WindowEngine& engine) override;
 
-    /// Allocates ahead what a whole run of this network on the device would need, for neurons of
-    /// `fanout` synapses each.
-    /// Throws WindowEngineError for a network without neurons, a fan-out of 0, or a size that no
-    /// address can hold, and for a failed device call.
+    /// Allocates ahead the memory for a whole run of this network, with `fanout` synapses a neuron.
+    /// Throws WindowEngineError for a network without neurons, a fan-out of 0, a size beyond 64
+    /// bits, and a failed device call.
     void prepareResident(const SynapseGraph& graph, std::uint64_t fanout);
 
-    /// Calls of processWindow with at least one item.
+    /// The number of processWindow calls with at least one item.
     std::uint64_t windowCount() const;
-    /// Those of them with fewer than 32 items.
+    /// The number of those calls with fewer than 32 items.
     std::uint64_t smallWindowCount() const;
 
 private:

@@ -360,7 +360,10 @@ bool tryResidentRunFrom(CudaWindowBackend& backend, WindowEngine& engine,
                                   shards);
     // One walk over the synapses builds the table and applies the rules of residentEligible.
     FanoutTable table;
-    if (buildResidentTable(graph, fanout, window, table) != FanoutFault::none) return false;
+    if (buildResidentTable(graph, fanout, window, table) != FanoutFault::none ||
+        !sortTimeIsBounded(table, node_count)) {
+        return false;
+    }
     recurrence.initialize(ResidentAccess::arena(backend, recurrence.bytes()), table);
     while (recurrence.step()) {
         if (recurrence.isMostlyQuiet()) return false;

@@ -174,7 +174,8 @@ KELM_KERNEL emitResidentFanout(ResidentNeurons neurons, std::uint64_t sequence_b
     if (i < neurons.node_count) emitArrivals(i, neurons, sequence_base, delay, bucket);
 }
 
-/// Sorts `count` arrivals by insertion. One thread sorts a whole segment.
+/// Sorts `count` arrivals by insertion. One thread sorts a whole segment; segments are short,
+/// except in networks that sortTimeIsBounded refuses.
 KELM_DEVICE inline void sortSegment(ShardArrival* segment, std::uint64_t count) {
     const ShardArrivalLess less;
     for (std::uint64_t next = 1; next < count; ++next) {

@@ -242,6 +242,27 @@ TEST_F(ResidentRunTest, FitsItsBuffersExactlyAndNotOneMore) {
     EXPECT_EQ(met.size(), 4);
 }
 
+// 40 neurons have 160 synapses; 25 * 24 / 4 moves are fewer, and 26 * 25 / 4 are more.
+TEST_F(ResidentRunTest, IsDeclinedWhereOneNeuronHasTooManyIncomingSynapses) {
+    for (const std::uint64_t in_degree : {25U, 26U}) {
+        GeneratedModel model = ringModel(40, 4, 1'000'000, 20);
+        changeRates(model, 60.0);
+        std::uint64_t count = 0;
+        for (Synapse& synapse : model.synapses) count += synapse.target == 0;
+        for (std::size_t i = 0; count < in_degree; i += 5) {
+            count += model.synapses[i].target != 0;
+            model.synapses[i].target = 0;
+        }
+        WindowEngine offered = makeEngine(model);
+        WindowEngine ordinary = makeEngine(model);
+        EXPECT_EQ(compare(device, offered, ordinary, model.d_min),
+                  std::pair(in_degree == 25, std::string()));
+        // The shape is right: a run that is asked for is carried out.
+        EXPECT_TRUE(residentEligible(offered.graph(), nullptr));
+        EXPECT_TRUE(runOnDevice(model).capacity_ok);
+    }
+}
+
 TEST_F(ResidentRunTest, ReportsAFaultOfTheModelApartFromItsCapacity) {
     GeneratedModel model = livelyModel();
     changeRates(model, 5.0);
