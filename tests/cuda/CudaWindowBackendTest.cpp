@@ -17,12 +17,12 @@ namespace {
 
 using namespace Testing;
 
-/// A window of some neurons, the first of which get an input each.
+/// A window of `items` neurons. The first `events` of them get one input each.
 struct Batch {
     std::size_t items, events;
 };
 
-/// Runs it on `backend` and compares the results with the kernel's own.
+/// Computes the window on `backend` and compares the results with the kernel's.
 void run(CudaWindowBackend& backend, const Batch& batch) {
     constexpr ModelTime window_end = 1'000'000;
     constexpr ModelTime horizon = 50'000'000;
@@ -54,7 +54,7 @@ TEST_F(CudaBackend, NeedsADeviceAndNamesIt) {
     const auto build = [] { CudaWindowBackend backend; };
     const char* const text =
         "no usable CUDA device; the CPU/GPU parity gate cannot be evaluated on this machine";
-    // A driver that cannot be asked counts as no device.
+    // A failed query counts as no device.
     Emulation::failOperation(0, 999);
     expectThrows<WindowEngineError>(build, text);
     EXPECT_TRUE(cudaDeviceUsable());
@@ -86,9 +86,9 @@ TEST_F(CudaBackend, CountsWindowsAndThoseBelow32ItemsAndSkipsEmptyOnes) {
     }
 }
 
-// Releases and allocations are operations beside those that every batch needs: two uploads, or one
-// without events, a launch, a wait and a download.
-TEST_F(CudaBackend, GrowsItsBuffersWhereABatchNeedsMoreAndKeepsThem) {
+// Every batch needs two uploads, or one without events, and a launch, a synchronisation and a
+// download. All other operations are releases and allocations.
+TEST_F(CudaBackend, GrowsItsBuffersWhenABatchNeedsMoreAndKeepsThem) {
     struct Case {
         const char* fact;
         std::vector<Batch> before;
@@ -97,11 +97,11 @@ TEST_F(CudaBackend, GrowsItsBuffersWhereABatchNeedsMoreAndKeepsThem) {
     };
     for (const Case& c :
          {Case{"first batch", {}, {5, 3}, 3}, Case{"first batch, no events", {}, {5, 0}, 3},
-          Case{"no events where there is room", {{5, 3}}, {5, 0}, 0},
-          Case{"as large as ever", {{5, 3}, {1, 1}}, {5, 3}, 0},
+          Case{"no events with room for some", {{5, 3}}, {5, 0}, 0},
+          Case{"as large as the largest", {{5, 3}, {1, 1}}, {5, 3}, 0},
           Case{"an event more", {{5, 3}}, {5, 4}, 2},
-          Case{"one event where there was none", {{5, 0}}, {5, 1}, 0},
-          Case{"two where there was none", {{5, 0}}, {5, 2}, 2},
+          Case{"one event after none", {{5, 0}}, {5, 1}, 0},
+          Case{"two events after none", {{5, 0}}, {5, 2}, 2},
           Case{"an item and an event more", {{5, 3}}, {6, 4}, 6}}) {
         SCOPED_TRACE(c.fact);
         CudaWindowBackend backend;
@@ -113,7 +113,7 @@ TEST_F(CudaBackend, GrowsItsBuffersWhereABatchNeedsMoreAndKeepsThem) {
     }
 }
 
-TEST_F(CudaBackend, ServesBatchesOfTheOldSizeWhereOneOfAGreaterHasFailed) {
+TEST_F(CudaBackend, ComputesABatchOfTheOldSizeAfterALargerOneHasFailed) {
     for (std::uint64_t operation = 0; operation < 11; ++operation) {
         SCOPED_TRACE(operation);
         CudaWindowBackend backend;
@@ -124,7 +124,7 @@ TEST_F(CudaBackend, ServesBatchesOfTheOldSizeWhereOneOfAGreaterHasFailed) {
     }
 }
 
-TEST_F(CudaBackend, IsDestroyedQuietlyWhereReleasesFail) {
+TEST_F(CudaBackend, IsDestroyedWithoutAnExceptionWhenReleasesFail) {
     for (std::uint64_t operation = 0; operation < 4; ++operation) {
         SCOPED_TRACE(operation);
         {

@@ -1,5 +1,5 @@
-// Shard queues, and above all their verification: every fault planted between the device's work and
-// the checks must be found. Built against the unit's testing build.
+// Shard queues and their verification, which must find every fault that a test plants between the
+// device's work and the checks. Linked to the unit's testing build.
 
 #include "kelm/cuda/ShardQueue.h"
 
@@ -61,7 +61,7 @@ TEST_F(ShardQueue, RoutesEveryArrivalOverGeneratedNetworksAndThreadOrders) {
                     }
                 };
                 const ShardQueueReport report = run(model, model.fanout(), source_events, shards);
-                // Walked source event by source event.
+                // Counted source event by source event.
                 std::uint64_t local = 0;
                 std::set<NodeId> reached;
                 SynapseGraph graph = model.graph();
@@ -136,7 +136,7 @@ TEST_F(ShardQueue, FindsEveryFaultPlantedInTheDevicesWork) {
         tamper_with_shard_queue = c.tamper;
         expectThrows<WindowEngineError>([&] { run(model, 3, 20, 3); }, c.text);
     }
-    // Two neurons of one shard, alike in all but their arrivals, given each other's.
+    // The arrivals and states of two equal neurons of one shard are exchanged.
     GeneratedModel silent = model;
     for (Kernel::Firing& firing : silent.firings) firing.base_rate = 0.0;
     tamper_with_shard_queue = [](Queue& q, Results& r) {

@@ -1,12 +1,12 @@
-# Shows the script CHECK, which looks for operations that round otherwise than on the host, samples
-# of device text with one statement each, and compares its verdict. Files are written to SCRATCH.
+# Tests the script CHECK, which finds operations that round otherwise than on the host. Gives it
+# samples of device text with one statement each and compares its exit status. Writes to SCRATCH.
 
 cmake_minimum_required(VERSION 3.25)
 
 set(ours "_ZN7Lumenar4Core4Kelm12_GLOBAL__N_112windowKernelEPKNS1_10WindowWorkE")
 set(library "_ZN3cub6detail10merge_sortIPN7Lumenar4Core4Kelm12ShardArrivalEEvT_")
 
-# Expects the status `status` for a body `statement` of a function that `head` declares.
+# Expects the exit status `status` for a function with the head `head` and the body `statement`.
 function(expect status head statement)
     set(sample ${SCRATCH}/sample.ptx)
     file(WRITE ${sample} ".version 9.0
@@ -56,7 +56,7 @@ foreach(statement
     expect(1 ".weak .func  (.param .b64 func_retval0) ${ours}" "${statement}")
 endforeach()
 
-# The library's text is not ours, and text without ours proves nothing.
+# The check ignores the library's kernels, and fails on text that has none of ours.
 expect(1 ".visible .entry ${library}" "\tadd.rn.f64 %fd1, %fd2, %fd3;")
 file(WRITE ${SCRATCH}/both.ptx ".visible .entry ${library}(\n)\n{\n\tfma.rn.f64 %fd1, %fd2, %fd3;\n}
 .entry ${ours}(\n)\n{\n\tadd.rn.f64 %fd1, %fd2, %fd3;\n}\n")
