@@ -62,9 +62,8 @@ constexpr std::uint32_t blocksFor(std::uint64_t range, std::uint32_t block_size)
 
 // Each implementation further gives, in the same namespace:
 //
-//   KELM_KERNEL name(arguments) {...}           a kernel: trivially copyable arguments, by value,
-//   of
-//                                               at most max_argument_bytes each
+//   KELM_KERNEL name(arguments) {...}           a kernel; its arguments are trivially copyable, by
+//                                               value, and of at most max_argument_bytes each
 //   KELM_DEVICE                                 marks a helper of kernels
 //   std::uint64_t threadIndex()                 the calling thread's index in its launch
 //   std::uint64_t fetchAdd(std::uint64_t* counter, std::uint64_t amount)
