@@ -78,14 +78,18 @@ void requireRestorable(Object& object, Object&& fresh) {
 }
 
 /// Whether a store in `bytes` is close to its last id. A store refuses a next id above 2^62, which
-/// only a forged snapshot brings near.
+/// only a forged snapshot brings near. The tag of a store may also stand where none begins.
 inline bool runsOutOfIds(BlobView bytes) {
     constexpr std::string_view tag = "KELMBKT1";
-    const auto store = std::search(bytes.begin(), bytes.end(), tag.begin(), tag.end());
-    if (bytes.end() - store < 41) return false;
-    std::uint64_t next_id = 0;
-    std::memcpy(&next_id, &*store + 33, 8);
-    return next_id > (std::uint64_t{1} << 62) - 100'000;
+    auto store = bytes.begin();
+    while (true) {
+        store = std::search(store, bytes.end(), tag.begin(), tag.end());
+        if (bytes.end() - store < 41) return false;
+        std::uint64_t next_id = 0;
+        std::memcpy(&next_id, &*store + 33, 8);
+        if (next_id > (std::uint64_t{1} << 62) - 100'000) return true;
+        ++store;
+    }
 }
 
 }  // namespace Lumenar::Core::Kelm::Fuzzing
