@@ -9,7 +9,7 @@
 // The few device operations that the unit LookaheadCuda is written against. Under nvcc they are
 // the CUDA runtime and Thrust (DeviceLayerCuda.h). Under a host compiler they are functions that
 // the program is linked to (DeviceLayerHost.h): the emulated device, or the layer that reports no
-// device. Nothing is chosen at run time.
+// device. The link of the program fixes the layer.
 //
 // All work is ordered: an operation sees the finished effect of the operations before it. A copy
 // returns when the data is in place.

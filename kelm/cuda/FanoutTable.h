@@ -65,9 +65,10 @@ FanoutFault buildResidentTable(SynapseGraph& graph, std::uint64_t fanout, ModelT
 /// and insertion moves d (d - 1) / 4 of them on average. The bound is one move for each synapse of
 /// the network. A move waits for device memory, about 200 cycles or 0.1 us; the ordinary loop takes
 /// 0.4 us for an arrival and has one for each synapse in such a window. So the sort takes at most a
-/// quarter of the time of the ordinary loop. For 32768 neurons with 16 synapses the bound is
-/// d = 1448. If all their synapses had one target, a bucket could hold 294912 of its arrivals, and
-/// the sort would make 2.2e10 moves, which take more than half an hour.
+/// quarter of the time of the ordinary loop, and where only a share p of all neurons fires, p times
+/// that. It can take longer where the sources of one neuron fire together. For 32768 neurons with
+/// 16 synapses the bound is d = 1448. If all their synapses had one target, a bucket could hold
+/// 294912 of its arrivals, and the sort would make 2.2e10 moves, which take more than half an hour.
 bool sortTimeIsBounded(const FanoutTable& table, std::uint64_t node_count) {
     std::vector<std::uint64_t> in_degrees(node_count);
     for (const NodeId target : table.targets) ++in_degrees[target];

@@ -77,7 +77,7 @@ public:
     void prefetch(NodeId neuron) const {
         prefetchLine(&slots_[neuron]);
         prefetchLine(&slots_[neuron].event_id);
-        tree_.prefetch(neuron);
+        if (!store_) tree_.prefetch(neuron);
     }
 
     /// Takes the next window that holds an event, if it starts before `until` ns, and adds its

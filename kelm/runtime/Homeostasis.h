@@ -19,8 +19,8 @@ std::uint64_t applyHomeostasis(SynapseGraph& graph, const HomeostasisConfig& con
 
 /// applyHomeostasis for a caller that calls it once per window. It leaves the same weights and
 /// returns the same count, but visits only the neurons whose incoming weights were set since its
-/// last call. It visits a neuron that it scaled once more, since the mean may miss the cap by a
-/// rounding step. One object serves one graph.
+/// last call. The next call visits each scaled neuron again, because rounding may leave its mean
+/// above the cap. One object serves one graph.
 class Homeostasis {
 public:
     /// Throws as above. Walks the whole network if the cap differs from that of the last call.

@@ -33,7 +33,7 @@ static_assert(offsetof(InputChannelStats, last_time) == 24);
 /// its target neurons.
 ///
 /// Invariant: names are unique, every gain is finite, and no channel reaches a neuron twice. The
-/// bank does not know the network: the sink refuses a target outside it. A channel's index is its
+/// bank does not check targets against a network. The sink does. A channel's index is its
 /// place in the order of addition. Channels are never removed. References are valid until a channel
 /// is added.
 class InputChannelBank {

@@ -42,7 +42,7 @@ public:
 private:
     struct Entry {
         double phase = 0.0;
-        std::uint64_t instant = 0;  ///< the move after which the phase was computed, 0 for none
+        std::uint64_t instant = 0;  ///< instant_ when the phase was computed; 0 if it was not
     };
 
     const OscillatorBank* bank_ = nullptr;

@@ -48,8 +48,8 @@ inline constexpr std::string_view engine_version = "2.0.0-beta.1";
 ///
 /// makeKelmRuntime builds one. The engine's hooks refer to the object, so it is neither copied nor
 /// moved. Between runs a caller may use its parts. Learning notices a weight that was set in the
-/// graph at the synapse's next change. After a throw out of run, but for a missing backend, it may
-/// only be destroyed. One thread at a time.
+/// graph at the synapse's next change. If run throws, the runtime may only be destroyed. A missing
+/// backend is the exception. One thread at a time.
 class KelmRuntime : private IWindowPrepare, private IWindowCommit, private IWindowObserver {
 public:
     KelmRuntime(const KelmRuntime&) = delete;
@@ -119,8 +119,8 @@ public:
     /// Sets the trace that records every call of inject; null for none. It must outlive the calls.
     void setInjectionTrace(InjectionTrace* trace) { injection_trace_ = trace; }
 
-    /// The whole run state in one byte sequence; Checkpoint.h holds its grammar. It lacks spikes
-    /// that no sample has counted yet, hooks and callables. Call it between runs.
+    /// The whole run state in one byte sequence; Checkpoint.h holds its grammar. It does not
+    /// hold hooks, callables, or spikes that no sample has counted yet. Call it between runs.
     Blob checkpoint();
 
     /// Replaces the run state by a checkpoint of a runtime that was built from the same arguments.

@@ -151,9 +151,9 @@ public:
     };
     /// Reads a snapshot for adopt. No value for a blob that is cut short, forged, of another
     /// format, neuron count or synapse count, or that names a synapse outside the network. Accepts
-    /// settings that an operation would refuse: a bound that is not a number then bounds nothing.
+    /// settings that an operation would refuse: a weight cap of NaN limits nothing.
     std::optional<State> read(BlobView blob) const;
-    /// Replaces everything but the modulator.
+    /// Replaces everything but the modulator. `state` must come from read() of this object.
     void adopt(State&& state) noexcept;
     /// Reads and adopts. False, with the object unchanged, for a blob that read() refuses.
     [[nodiscard]] bool restore(BlobView blob);

@@ -109,9 +109,9 @@ void OscillatorBank::setMemberships(std::vector<std::vector<std::uint32_t>> memb
 void OscillatorBank::configureCoupling(std::vector<OscillatorCoupling> couplings,
                                        ModelTime period) {
     if (!couplings.empty() && period < 1) throw InvalidOscillator(InvalidOscillator::period);
-    std::vector<Pull> pulls;
+    std::vector<PlacedCoupling> placed;
     std::vector<std::size_t> coupled;
-    pulls.reserve(couplings.size());
+    placed.reserve(couplings.size());
     coupled.reserve(2 * couplings.size());
     for (const OscillatorCoupling& coupling : couplings) {
         const std::size_t source = indexOf(coupling.source);
@@ -119,7 +119,7 @@ void OscillatorBank::configureCoupling(std::vector<OscillatorCoupling> couplings
         if (!std::isfinite(coupling.strength)) {
             throw InvalidOscillator(InvalidOscillator::strength);
         }
-        pulls.push_back({source, target, coupling.strength});
+        placed.push_back({source, target, coupling.strength});
         coupled.push_back(source);
         coupled.push_back(target);
     }
@@ -127,7 +127,7 @@ void OscillatorBank::configureCoupling(std::vector<OscillatorCoupling> couplings
     coupled.erase(std::unique(coupled.begin(), coupled.end()), coupled.end());
 
     couplings_ = std::move(couplings);
-    pulls_ = std::move(pulls);
+    placed_couplings_ = std::move(placed);
     coupled_ = std::move(coupled);
     coupling_period_ = period;
     coupling_steps_ = 0;
@@ -140,9 +140,10 @@ void OscillatorBank::takeStep(ModelTime now, std::vector<double>& phases,
     // Each phase once, not once per coupling: a bank may be coupled all to all.
     for (const std::size_t position : coupled_) phases[position] = phaseOfPosition(position, now);
     const double step_seconds = static_cast<double>(coupling_period_) / ns_per_second;
-    for (const Pull& pull : pulls_) {
-        const double sine = std::sin(phases[pull.source] - phases[pull.target]);
-        deltas[pull.target] = (sine * pull.strength) * step_seconds + deltas[pull.target];
+    for (const PlacedCoupling& coupling : placed_couplings_) {
+        const double sine = std::sin(phases[coupling.source] - phases[coupling.target]);
+        deltas[coupling.target] =
+            (sine * coupling.strength) * step_seconds + deltas[coupling.target];
     }
     for (std::size_t position = 0; position < phase_offsets_.size(); ++position) {
         phase_offsets_[position] = wrapPhase(deltas[position] + phase_offsets_[position]);

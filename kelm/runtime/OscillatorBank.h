@@ -113,13 +113,14 @@ public:
     /// Reads a snapshot for adopt. No value for a blob that is cut short, forged, of another format
     /// or from a bank with other oscillators or another period.
     std::optional<State> read(BlobView blob) const;
+    /// `state` must come from read() of this bank.
     void adopt(State&& state) noexcept;
     /// Reads and adopts. False, with the bank unchanged, for a blob that read() refuses.
     [[nodiscard]] bool restore(BlobView blob);
 
 private:
     /// A coupling with its ids looked up.
-    struct Pull {
+    struct PlacedCoupling {
         std::size_t source;
         std::size_t target;
         double strength;
@@ -135,8 +136,8 @@ private:
     std::vector<double> phase_offsets_;
     std::vector<std::vector<std::uint32_t>> memberships_;  ///< positions, per neuron
     std::vector<OscillatorCoupling> couplings_;
-    std::vector<Pull> pulls_;           ///< one per coupling
-    std::vector<std::size_t> coupled_;  ///< positions that occur in pulls_, ascending
+    std::vector<PlacedCoupling> placed_couplings_;  ///< one per coupling
+    std::vector<std::size_t> coupled_;  ///< positions that occur in placed_couplings_, ascending
     ModelTime coupling_period_ = 0;
     std::uint64_t coupling_steps_ = 0;
     bool coupling_enabled_ = false;

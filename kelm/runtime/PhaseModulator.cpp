@@ -44,7 +44,7 @@ void PhaseModulator::addBinding(const PhaseBinding& binding) {
     if (!std::isfinite(binding.strength) || !std::isfinite(binding.phase_offset)) {
         throw InvalidPhaseModulation(InvalidPhaseModulation::not_finite);
     }
-    ties_.push_back({binding, position});
+    bindings_.push_back({binding, position});
 }
 
 void PhaseModulator::setGain(double gain) {
@@ -68,7 +68,7 @@ double PhaseModulator::effectiveAmplitude(const PhaseBinding& binding) const {
 
 double PhaseModulator::weightSum() const {
     double sum = 0.0;
-    for (const Tie& tie : ties_) sum = sum + std::fabs(amplitudeOf(tie));
+    for (const PlacedBinding& placed : bindings_) sum = sum + std::fabs(amplitudeOf(placed));
     return sum;
 }
 
@@ -77,11 +77,11 @@ double PhaseModulator::boundOf(ModelTime start, ModelTime end, PhaseOf phase_of)
     if (end < start) throw InvalidPhaseModulation(InvalidPhaseModulation::backwards);
     const double seconds = (static_cast<double>(end) - static_cast<double>(start)) / ns_per_second;
     double sum = 0.0;
-    for (const Tie& tie : ties_) {
-        const double amplitude = amplitudeOf(tie);
+    for (const PlacedBinding& placed : bindings_) {
+        const double amplitude = amplitudeOf(placed);
         if (amplitude == 0.0) continue;
-        const double theta = phase_of(tie.position) + tie.binding.phase_offset;
-        const double span = (bank_->oscillators()[tie.position].frequency * two_pi) * seconds;
+        const double theta = phase_of(placed.position) + placed.binding.phase_offset;
+        const double span = (bank_->oscillators()[placed.position].frequency * two_pi) * seconds;
         const double extreme =
             amplitude > 0.0 ? sineMaximum(theta, span) : sineMinimum(theta, span);
         sum = sum + extreme * amplitude;
@@ -104,16 +104,16 @@ PhaseDrive PhaseModulator::driveOf(ModelTime origin, double bound, PhaseOf phase
     PhaseDrive drive;
     drive.origin = origin;
     drive.bound = bound;
-    for (const Tie& tie : ties_) {
-        const double amplitude = amplitudeOf(tie);
+    for (const PlacedBinding& placed : bindings_) {
+        const double amplitude = amplitudeOf(placed);
         if (amplitude == 0.0) continue;
         if (drive.term_count == max_phase_terms) {
             throw InvalidPhaseModulation(InvalidPhaseModulation::capacity);
         }
         PhaseTerm& term = drive.terms[drive.term_count];
         term.amplitude = amplitude;
-        term.phase = phase_of(tie.position) + tie.binding.phase_offset;
-        term.omega = (bank_->oscillators()[tie.position].frequency * two_pi) / ns_per_second;
+        term.phase = phase_of(placed.position) + placed.binding.phase_offset;
+        term.omega = (bank_->oscillators()[placed.position].frequency * two_pi) / ns_per_second;
         ++drive.term_count;
     }
     return drive;

@@ -57,14 +57,14 @@ public:
 
 private:
     /// A binding and the position of its oscillator.
-    struct Tie {
+    struct PlacedBinding {
         PhaseBinding binding;
         std::size_t position;
     };
 
     double amplitudeOf(const PhaseBinding& binding, const Oscillator& oscillator) const;
-    double amplitudeOf(const Tie& tie) const {
-        return amplitudeOf(tie.binding, bank_->oscillators()[tie.position]);
+    double amplitudeOf(const PlacedBinding& placed) const {
+        return amplitudeOf(placed.binding, bank_->oscillators()[placed.position]);
     }
     /// `phase_of`: the phase at the start or origin of the oscillator at a position.
     template <class PhaseOf>
@@ -73,7 +73,7 @@ private:
     PhaseDrive driveOf(ModelTime origin, double bound, PhaseOf phase_of) const;
 
     const OscillatorBank* bank_;
-    std::vector<Tie> ties_;
+    std::vector<PlacedBinding> bindings_;
     double gain_ = 1.0;
 };
 

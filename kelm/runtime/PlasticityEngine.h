@@ -82,12 +82,13 @@ public:
     /// Reads a snapshot for adopt. No value for a blob that is cut short, forged, of another format
     /// or neuron count, or that names a neuron outside the network.
     std::optional<State> read(BlobView blob) const;
+    /// `state` must come from read() of this engine.
     void adopt(State&& state) noexcept;
     /// Reads and adopts. False, with the engine unchanged, for a blob that read() refuses.
     [[nodiscard]] bool restore(BlobView blob);
 
 private:
-    /// What sorts a proposal, without its 120 bytes.
+    /// The sort key of a proposal, cheaper to move than the proposal's 120 bytes.
     struct ChangeKey {
         EdgeId edge;
         std::uint64_t index;  ///< in pending_changes, which is the order of generation

@@ -58,7 +58,7 @@ std::size_t PredictionBank::addErrorChannel(ErrorChannel channel) {
     for (const NodeId target : channel.targets) reserveOneMore(channels_of_[target]);
     reserveOneMore(channels_);
     reserveOneMore(predictors_);
-    reserveOneMore(effects_);
+    reserveOneMore(channel_terms_);
     names_.insert(channel.name);
 
     const std::size_t index = channels_.size();
@@ -66,7 +66,7 @@ std::size_t PredictionBank::addErrorChannel(ErrorChannel channel) {
         std::vector<std::size_t>& reached_by = channels_of_.find(target)->second;
         if (reached_by.empty() || reached_by.back() != index) reached_by.push_back(index);
     }
-    effects_.push_back({{0.0, std::fabs(channel.strength) * channel.clamp}, std::nullopt});
+    channel_terms_.push_back({{0.0, std::fabs(channel.strength) * channel.clamp}, std::nullopt});
     channels_.push_back(std::move(channel));
     predictors_.emplace_back();
     ++version_;
@@ -107,8 +107,8 @@ double PredictionBank::weightedError(const ErrorChannel& channel, double error) 
 
 std::optional<Observation> PredictionBank::latestObservation(std::size_t index) const {
     requireChannel(index);
-    if (!effects_[index].latest) return std::nullopt;
-    return observations_[*effects_[index].latest];
+    if (!channel_terms_[index].latest) return std::nullopt;
+    return observations_[*channel_terms_[index].latest];
 }
 
 PredictionBank::ErrorTerms PredictionBank::errorTerms(NodeId neuron) const {
@@ -117,8 +117,8 @@ PredictionBank::ErrorTerms PredictionBank::errorTerms(NodeId neuron) const {
     if (found == channels_of_.end()) return sum;
     // A channel without a report adds 0.0, which changes no sum that starts at 0.0.
     for (const std::size_t channel : found->second) {
-        sum.drive += effects_[channel].terms.drive;
-        sum.bound += effects_[channel].terms.bound;
+        sum.drive += channel_terms_[channel].terms.drive;
+        sum.bound += channel_terms_[channel].terms.bound;
     }
     return sum;
 }
@@ -135,9 +135,9 @@ void PredictionBank::adopt(State&& state) noexcept {
     observations_ = std::move(state.observations);
     reserved_a_ = state.reserved_a;
     reserved_b_ = state.reserved_b;
-    for (Effect& effect : effects_) {
-        effect.terms.drive = 0.0;
-        effect.latest = std::nullopt;
+    for (ChannelTerms& channel : channel_terms_) {
+        channel.terms.drive = 0.0;
+        channel.latest = std::nullopt;
     }
     for (std::size_t place = 0; place < observations_.size(); ++place) setLatest(place);
     ++version_;
@@ -149,9 +149,9 @@ void PredictionBank::requireChannel(std::size_t index) const {
 
 void PredictionBank::setLatest(std::size_t place) {
     const Observation& observation = observations_[place];
-    Effect& effect = effects_[observation.channel];
-    effect.latest = place;
-    effect.terms.drive = observation.weighted_error * channels_[observation.channel].strength;
+    ChannelTerms& channel = channel_terms_[observation.channel];
+    channel.latest = place;
+    channel.terms.drive = observation.weighted_error * channels_[observation.channel].strength;
 }
 
 }  // namespace Lumenar::Core::Kelm

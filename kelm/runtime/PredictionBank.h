@@ -39,8 +39,8 @@ static_assert(offsetof(Observation, time) == 40);
 /// Invariant: names are unique, and every channel has a predictor record. A channel's index is its
 /// place in the order of addition. Channels are never removed. All reports are kept, in the order
 /// of report. Predictors are stored and validated but not evaluated: the caller gives the
-/// prediction. Views are valid until the bank is changed. The bank cannot be assigned to, since
-/// version() tells its states apart.
+/// prediction. Views are valid until the bank is changed. Assignment is deleted: a caller
+/// compares version() to see whether the bank has changed.
 class PredictionBank {
 public:
     PredictionBank() = default;
@@ -63,7 +63,7 @@ public:
     /// not finite.
     void setPrecision(std::size_t index, double precision);
 
-    /// Reports a pair of values on a channel. The last report is the one in force. `time`: ns,
+    /// Reports a pair of values on a channel. Only the last report counts. `time`: ns,
     /// stored but not read. Throws InvalidPrediction for an unknown channel, then for a value that
     /// is not finite.
     void observeValue(std::size_t index, double observed, double predicted, ModelTime time);
@@ -108,7 +108,7 @@ public:
 
 private:
     /// What one channel adds to the terms of each of its neurons.
-    struct Effect {
+    struct ChannelTerms {
         ErrorTerms terms;
         std::optional<std::size_t> latest;  ///< place of the last report in observations_
     };
@@ -121,7 +121,7 @@ private:
     std::vector<Observation> observations_;
     double reserved_a_ = State().reserved_a;
     double reserved_b_ = State().reserved_b;
-    std::vector<Effect> effects_;  ///< shape (channels)
+    std::vector<ChannelTerms> channel_terms_;  ///< shape (channels)
     /// The channels that reach a neuron, ascending. Never walked.
     std::unordered_map<NodeId, std::vector<std::size_t>> channels_of_;
     std::set<std::string> names_;

@@ -49,7 +49,7 @@ private:
         std::size_t end = 0;
     };
 
-    /// More threads share ranges.
+    /// With more threads than this, several threads share a range.
     static constexpr std::size_t max_ranges = 64;
 
     void drainRange(Range& range);

@@ -51,8 +51,9 @@ public:
                        const Kernel::Firing& firing,
                        const std::span<Kernel::WindowResult>& results) override;
     bool tryResidentRun(WindowEngine&) override { return false; }
-    /// With one thread the part of a piece's backend, else 512 items a thread: enough to hide the
-    /// waking of the workers, and two threads' items are still in the second cache at their commit.
+    /// With one thread partItems() of the backend that computes the pieces. Otherwise 512 items a
+    /// thread: enough to hide the wake-up of the workers, and few enough for the items of two
+    /// threads to be in the second cache at their commit.
     std::size_t partItems() const override;
 
     /// The number given at construction, or the greatest possible number if that is less or 0 was

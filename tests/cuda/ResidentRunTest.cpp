@@ -108,7 +108,7 @@ TEST_F(ResidentRunTest, IsDeclinedWhereItCouldNotEqualTheOrdinaryLoop) {
          [](WindowEngine& e) {
              e.reseedInitialCandidates(std::vector<double>(e.states().size(), 0.5));
          }},
-        {"streams that were handed out", as_it_is, [](WindowEngine& e) { e.randomStreams(); }},
+        {"streams that a caller has read", as_it_is, [](WindowEngine& e) { e.randomStreams(); }},
         {"an input from outside", as_it_is, [](WindowEngine& e) { e.post({.time = 5'000'000}); }},
         {"an observation to come", as_it_is,
          [](WindowEngine& e) { e.declareObserverEvent({.time = 5}); }},
@@ -257,7 +257,7 @@ TEST_F(ResidentRunTest, IsDeclinedWhereOneNeuronHasTooManyIncomingSynapses) {
         WindowEngine ordinary = makeEngine(model);
         EXPECT_EQ(compare(device, offered, ordinary, model.d_min),
                   std::pair(in_degree == 25, std::string()));
-        // The shape is right: a run that is asked for is carried out.
+        // The shape is right: runResidentRecurrence still runs it.
         EXPECT_TRUE(residentEligible(offered.graph(), nullptr));
         EXPECT_TRUE(runOnDevice(model).capacity_ok);
     }
