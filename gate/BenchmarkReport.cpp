@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <iostream>
 #include <span>
+#include <sstream>
 #include <stdexcept>
 #include <vector>
 
@@ -36,10 +37,13 @@ double timed(Work work) {
     return static_cast<double>(elapsed_ns) / 1e9;
 }
 
-/// Writes one line of the report at once.
+/// Writes one line of the report at once, in the default format of numbers whatever the state of
+/// standard output.
 template <class... Parts>
 void writeLine(const Parts&... parts) {
-    (std::cout << ... << parts) << std::endl;
+    std::ostringstream line;
+    (line << ... << parts);
+    std::cout << line.str() << std::endl;
 }
 
 const char* verdictOf(double speedup) { return speedup >= required_speedup ? "PASS" : "NOT MET"; }

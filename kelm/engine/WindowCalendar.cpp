@@ -121,15 +121,15 @@ bool WindowCalendar::restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots)
     });
     if (!calendar) return false;
 
-    // Reached only with a forged snapshot: a slot names an event, of now or of later, that is not
-    // its neuron's candidate. The neuron's next candidate cancels that event.
-    const auto names_other = [&](NodeId neuron) {
+    // Reached only with a forged snapshot: a slot holds the id of a pending or future event that is
+    // not its neuron's candidate. The neuron's next candidate cancels that event.
+    const auto names_foreign_event = [&](NodeId neuron) {
         const std::uint64_t id = slots[neuron].event_id;
         return !tree.isPending(neuron) && id != no_event &&
                (ids.contains(id) || id >= calendar->nextId());
     };
     NodeId neuron = 0;
-    while (neuron < slots.size() && !names_other(neuron)) ++neuron;
+    while (neuron < slots.size() && !names_foreign_event(neuron)) ++neuron;
     std::unique_ptr<IEventStore> store;
     if (neuron < slots.size()) {
         store = std::make_unique<BucketEventStore>(calendar_.bucketWidth(), bucket_count);

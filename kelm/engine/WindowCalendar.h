@@ -22,8 +22,8 @@ namespace Lumenar::Core::Kelm {
 ///
 /// A candidate is an event that its neuron replaces each time the neuron takes part in a window, so
 /// it is not posted as one. The calendar keeps it in the neuron's slot and its time in a tree. A
-/// slot holds what the candidate's event would hold, and ids, order and stored form are those of
-/// candidates that are cancelled and posted. The other events lie in a calendar of buckets.
+/// slot holds the fields of the candidate's event. Ids, order and snapshot are the same as if each
+/// candidate were cancelled and posted as an event. The other events lie in a calendar of buckets.
 ///
 /// An engine may be given a store. Then all events lie in that store, the candidates among them,
 /// and the slots name them by their ids. The same holds after a restore from a blob in which a slot
@@ -80,11 +80,11 @@ public:
         if (!store_) tree_.prefetch(neuron);
     }
 
-    /// Takes the next window that holds an event, if it starts before `until` ns, and adds its
-    /// events to `events`, which this call begins anew. They stay where they lie until the next
-    /// call, and a candidate's slot until its neuron is scheduled. False where there is none.
+    /// Takes the next window that holds an event, if it starts before `until` ns, and replaces the
+    /// content of `events` by its events. They stay where they lie until the next call, and a
+    /// candidate's slot until its neuron is scheduled. False where there is none.
     /// Throws what WindowEvents::begin and the store throw; TimeOverflow where the window's end
-    /// lies beyond the range of ModelTime. The window is then still in the calendar.
+    /// lies beyond the range of ModelTime. In a calendar of its own the window is then still there.
     bool takeWindow(ModelTime until, WindowEvents& events, ModelTime& window_start,
                     ModelTime& window_end);
 
@@ -96,8 +96,8 @@ public:
     /// it had changed itself.
     [[nodiscard]] bool restore(BlobView blob, LargeArray<CandidateSlot>&& slots);
 
-    /// Makes a new calendar of its own stand behind window `next_window` - 1, if one is given, with
-    /// candidates none of which names an event, and posts `events` in their order.
+    /// For a new calendar of its own: sets the candidates, none of which names an event, moves the
+    /// cursor to `next_window`, if there is one, and posts `events` in their order.
     void resume(std::span<const CandidateSlot> candidates, std::optional<std::int64_t> next_window,
                 std::span<const Event> events);
 

@@ -198,11 +198,10 @@ void WindowEngine::adoptWholeRun(WholeRun&& run) {
 
 void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
     requireExactFloatingPoint();
+    if (offersWholeRun(until) && backend.tryResidentRun(*this)) return;
+    flushPendingRandomStates();
     running_ = true;
-    if (!offersWholeRun(until) || !backend.tryResidentRun(*this)) {
-        flushPendingRandomStates();
-        runWindows(backend, until);
-    }
+    runWindows(backend, until);
     running_ = false;
 }
 
@@ -260,7 +259,8 @@ void WindowEngine::computeAndCommit(Window& window, IWindowBackend& backend) {
 }
 
 /// A prepare hook sees all items of a window at once, and an observation inside the window repeats
-/// them all. The commit hook may still set the observer, so its absence decides nothing.
+/// them all. The commit hook may still set the observer, so a window without an
+/// observer may still need all its items.
 bool WindowEngine::needsWholeWindow(const Window& window) const {
     return prepare_hook_ != nullptr || (observer_cursor_ < observer_events_.size() &&
                                         observer_events_[observer_cursor_].time < window.end);
@@ -345,7 +345,7 @@ void WindowEngine::readNeuron(WindowWork& item, NodeId neuron, ModelTime window_
     item.pending_bound = slot.rate;
 }
 
-/// Puts the results in force: in ascending NodeId, and within a neuron in ascending time. The order
+/// Commits the results: in ascending NodeId, and within a neuron in ascending time. The order
 /// of the posts, and so every new id, is a function of the results alone.
 void WindowEngine::commitItems(const Window& window) {
     const auto prefetch_fired = [&](std::size_t i) {
@@ -397,7 +397,7 @@ bool WindowEngine::observationDue(ModelTime limit) const {
 }
 
 /// Delivers the observations before `limit` ns. Between windows they see the states of the last
-/// commit. Inside a window, whose results are all in force, they see a repetition of its work.
+/// commit. Inside a window, whose results are all committed, they see a repetition of its work.
 void WindowEngine::deliverObservations(Window& window, ModelTime limit, bool inside) {
     while (observationDue(limit)) {
         const Event observation = observer_events_[observer_cursor_++];
@@ -522,6 +522,7 @@ bool WindowEngine::restore(BlobView blob) {
     profile_ = profile;
     observer_events_ = std::move(observations);
     observer_cursor_ = cursor;
+    running_ = false;
     return true;
 }
 

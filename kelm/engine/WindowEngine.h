@@ -109,8 +109,8 @@ public:
     /// blob of the store. Sorts the log. Call it between runs.
     Blob snapshot();
 
-    /// Puts a snapshot in force that an engine of the same graph shape, parameters, seed and
-    /// horizon has written. The run then goes on as the run of that engine. False for a blob that
+    /// Restores a snapshot of an engine of the same graph shape, parameters, seed and horizon. The
+    /// run then goes on as the run of that engine. False for a blob that
     /// is cut short, forged, of another format, neuron count or seed; the engine is then as it was,
     /// unless a store that was given refused after it had changed itself. Call it between runs.
     [[nodiscard]] bool restore(BlobView blob);
@@ -140,7 +140,7 @@ public:
     /// touched, a snapshot restored or a window run. False while there is a hook or an observation,
     /// or while the graph's dMin() is not the calendar's window.
     bool isPristine();
-    /// Puts a run in force that a backend has taken to the horizon. Only tryResidentRun may call
+    /// Adopts a run that a backend has taken to the horizon. Only tryResidentRun may call
     /// it, while isPristine() holds. May throw std::bad_alloc, with nothing changed.
     void adoptWholeRun(WholeRun&& run);
 
@@ -218,7 +218,7 @@ private:
     std::uint64_t observer_cursor_ = 0;   ///< the first one not yet delivered
     bool external_events_ = false;
     bool pristine_ = false;  ///< what isPristine() says, but for windows, hooks and dMin()
-    bool running_ = false;   ///< a run is on, or has ended with a throw
+    bool running_ = false;   ///< a window is in hand, or was when a run ended with a throw
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -22,10 +22,10 @@ namespace Lumenar::Core::Kelm {
 
 /// The events of one window, where they lie in their calendar, in the order of their targets.
 ///
-/// A key of one word stands for an event: its target above its place. Keys are added in the order
-/// of their places and targets are small integers, so a large window is sorted digit by digit (D.
-/// E. Knuth, "The Art of Computer Programming", volume 3, 1998, section 5.2.5). Storage is kept
-/// from window to window; the events belong to the calendar.
+/// A key of one word stands for an event: target in the high bits, place in the low bits. Keys are
+/// added in the order of their places and targets are small integers, so a large window is sorted
+/// digit by digit (D. E. Knuth, "The Art of Computer Programming", volume 3, 1998, section 5.2.5).
+/// Storage is kept from window to window; the events belong to the calendar.
 class WindowEvents {
 public:
     /// The part of an event that its neuron's work item holds, and its id.

@@ -22,7 +22,7 @@ public:
                          SynapseGraph& graph) = 0;
 };
 
-/// Called when all results of a window are in force, its spikes in the log and their deliveries
+/// Called when all results of a window are committed, its spikes in the log and their deliveries
 /// posted. `spikes` holds the window's spikes in the order of commit: by neuron, then time. The
 /// hook may change the graph, as plasticity does.
 class IWindowCommit {

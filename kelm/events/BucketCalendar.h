@@ -28,8 +28,8 @@ class BucketCalendar {
 public:
     static constexpr std::int64_t no_bucket = std::numeric_limits<std::int64_t>::max();
 
-    /// `d_min`: bucket width in ns. `bucket_count`: length of the ring, in buckets; an event that
-    /// lies further ahead counts in overflowPosts() and is kept like any other.
+    /// `d_min`: bucket width in ns. `bucket_count`: part of the stored form; an event that is
+    /// posted as many buckets ahead or more counts in overflowPosts() and is kept like any other.
     /// Throws InvalidLookahead for a d_min below 1, then for fewer than four buckets.
     BucketCalendar(ModelTime d_min, std::uint64_t bucket_count);
 
@@ -49,14 +49,19 @@ public:
     /// Whether a time, which must not be negative, lies in a window already handed out.
     bool isPast(ModelTime time) const { return static_cast<std::uint64_t>(time) < open_from_; }
 
-    /// Adds a copy of a record under the next id, and returns the id.
     /// Throws LookaheadViolation for a time in a window already handed out, or before 0.
+    void requireOpen(ModelTime time) const {
+        if (time < 0 || isPast(time)) throw LookaheadViolation(LookaheadViolation::processed);
+    }
+
+    /// Adds a copy of a record under the next id, and returns the id.
+    /// Throws as requireOpen does.
     std::uint64_t post(const Event& event) { return postRecord(event); }
     std::uint64_t postPacked(const PackedDelivery& delivery) { return postRecord(delivery); }
 
     /// Moves the cursor to the first bucket that holds an event or is `other`, but not beyond the
-    /// first one that starts at `until` ns or later. True where it has found one. Either an event
-    /// or `other` must be there; no_bucket stands for no other one.
+    /// first one that starts at `until` ns or later. Returns whether it found one before that.
+    /// `other` is no_bucket if there is none; the calendar must then hold an event.
     /// May throw std::bad_alloc; the events are then as they were.
     bool advance(ModelTime until, std::int64_t other);
 
@@ -90,18 +95,18 @@ public:
         setCursor(bucket);
     }
 
-    /// This calendar with `events` in the place of its own, in the format "KELMBKT1": tag, d_min
-    /// (8), bucket count (8), cursor (8), started (1), next_id (8), event count (8), then the
-    /// events as images of 64 bytes, by time and id.
+    /// A blob of this calendar's header and of `events`; its own events are not written. Format
+    /// "KELMBKT1": tag, d_min (8), bucket count (8), cursor (8), started (1), next_id (8), event
+    /// count (8), then the events as images of 64 bytes, by time and id.
     Blob store(std::vector<Event> events) const;
 
     /// The calendar in a blob of the same d_min and bucket count, or nothing for a blob that is cut
     /// short, forged or of another format. Bytes behind the last event are not looked at.
     ///
-    /// Adds all ids to `ids`, which must be empty. Calls keeps(event) for each event; those for
-    /// which it returns true are the caller's, and not in the calendar.
-    template <class Keeps>
-    std::optional<BucketCalendar> read(BlobView blob, PendingIds& ids, Keeps keeps) const;
+    /// Adds all ids to `ids`, which must be empty. Calls claims(event) for each event; an event for
+    /// which it returns true is left out of the calendar.
+    template <class Claims>
+    std::optional<BucketCalendar> read(BlobView blob, PendingIds& ids, Claims claims) const;
 
 private:
     /// The list that the last record went to, for the times from `start` on: most records go where
@@ -116,8 +121,13 @@ private:
     std::uint64_t postRecord(const Record& record) {
         const auto offset =
             static_cast<std::uint64_t>(record.time) - static_cast<std::uint64_t>(recent_.start);
-        EventList& list = offset < recent_.width ? *recent_.list : listFor(record.time);
-        wheel_.append(list, record) = next_id_;
+        if (offset < recent_.width) {
+            wheel_.append(*recent_.list, record) = next_id_;
+        } else {
+            requireOpen(record.time);
+            wheel_.append(listFor(record.time), record) = next_id_;
+            if (isFar(bucketOf(record.time))) ++overflow_posts_;
+        }
         return next_id_++;
     }
     EventList& listFor(ModelTime time);
@@ -146,9 +156,9 @@ private:
     RecentList recent_;
 };
 
-template <class Keeps>
+template <class Claims>
 std::optional<BucketCalendar> BucketCalendar::read(BlobView blob, PendingIds& ids,
-                                                   Keeps keeps) const {
+                                                   Claims claims) const {
     BlobReader in(blob);
     BucketCalendar stored(d_min_, bucket_count_);
     std::uint64_t event_count = 0;
@@ -162,7 +172,7 @@ std::optional<BucketCalendar> BucketCalendar::read(BlobView blob, PendingIds& id
         if (!stored.acceptsStored(event) || ids.contains(event.id)) return std::nullopt;
         ids.reserve(event.id);
         ids.insert(event.id);
-        if (keeps(event)) continue;
+        if (claims(event)) continue;
         const std::int64_t bucket = bucketOf(event.time);
         stored.wheel_.append(stored.wheel_.listOf(bucket), event) = event.id;
         if (stored.isFar(bucket)) ++stored.overflow_posts_;

@@ -7,6 +7,7 @@
 namespace Lumenar::Core::Kelm {
 
 std::uint64_t BucketEventStore::post(const Event& event) {
+    calendar_.requireOpen(event.time);
     if (deadCount() > pending_count_ + min_dead) removeDead();
     // What can fail comes before the first change.
     pending_.reserve(calendar_.nextId());
@@ -33,7 +34,7 @@ bool BucketEventStore::take(ModelTime until, std::vector<Event>& events, ModelTi
     events.clear();
     if (pending_count_ == 0) return false;
     // The first window is that of the earliest pending event, not of a dead entry before it.
-    if (!calendar_.isStarted()) removeDead();
+    if (!calendar_.isStarted() && deadCount() != 0) removeDead();
     ModelTime start = 0;
     while (events.empty()) {
         if (!calendar_.advance(until, BucketCalendar::no_bucket)) return false;

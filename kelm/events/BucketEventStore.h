@@ -18,7 +18,8 @@ namespace Lumenar::Core::Kelm {
 /// A store that was moved from may only be destroyed or assigned to.
 class BucketEventStore final : public IEventStore {
 public:
-    /// `d_min`: bucket width in ns. `bucket_count`: length of the ring, in buckets.
+    /// `d_min`: bucket width in ns. `bucket_count`: how many buckets ahead an event counts in
+    /// overflowPosts(); part of the stored form.
     /// Throws InvalidLookahead for a d_min below 1, then for fewer than four buckets.
     BucketEventStore(ModelTime d_min, std::uint64_t bucket_count)
         : calendar_(d_min, bucket_count) {}
@@ -54,7 +55,7 @@ public:
     /// looked at.
     [[nodiscard]] bool restore(BlobView blob) override;
 
-    /// How many events lay beyond the ring's reach when they were posted.
+    /// How many events were posted `bucket_count` buckets ahead or more.
     std::uint64_t overflowPosts() const { return calendar_.overflowPosts(); }
 
 private:

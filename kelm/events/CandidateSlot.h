@@ -8,7 +8,7 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Stands where an event's id would stand when there is none.
+/// The event id of a slot without an event.
 inline constexpr std::uint64_t no_event = 0xffffffffffffffff;
 
 /// A neuron's one scheduled candidate. Goes into blobs byte for byte.

@@ -41,10 +41,10 @@ inline Event unpackedEvent(const PackedDelivery& delivery) { return delivery.unp
 /// The bucket of a time is time / width. The wheel has a position: no event waits in a bucket
 /// before it. Level 0 has one list for each of the 4096 buckets in the position's block. A list of
 /// level 1 holds a block of buckets, and a list of each further level 64 times as many as one of
-/// the level below. An event lies in the lowest level that tells its bucket from the position.
-/// When the position enters the range of a list, the events of that list move down. An event is
-/// therefore touched once a level at most, however long it waits, and takes little more storage
-/// than its own size.
+/// the level below. An event of the position's block lies in level 0, and any other in the level of
+/// the highest digit in which its bucket differs from the position. When the position enters the
+/// range of a list, the events of that list move down. An event is therefore touched once a level
+/// at most, however long it waits, and takes little more storage than its own size.
 ///
 /// A wheel that was moved from may only be destroyed or assigned to.
 class EventWheel {
@@ -170,7 +170,7 @@ private:
 
 template <class Test>
 void EventWheel::removeIf(Test test) {
-    // With one chunk at hand no pool runs out: a list gives back each chunk that it has emptied.
+    // One free chunk is enough, because each list frees a chunk before it needs a second one.
     events_.reserveChunks(1);
     deliveries_.reserveChunks(1);
     forEachList([&](std::size_t index) {

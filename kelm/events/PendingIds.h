@@ -19,7 +19,7 @@ public:
     void reserve(std::uint64_t id) {
         const std::uint64_t number = id / page_bits;
         if (number == newest_ && newest_place_ != no_page) return;
-        if (pageOf(id) == no_page) addPage(number);
+        if (recallPage(id) == no_page) addPage(number);
     }
 
     /// Adds an id that is not in the set, after reserve for it.
@@ -38,7 +38,7 @@ public:
 
     /// Removes an id. False if it is not in the set.
     bool erase(std::uint64_t id) {
-        const std::uint32_t place = pageOf(id);
+        const std::uint32_t place = recallPage(id);
         if (place == no_page) return false;
         Page& page = pages_[place];
         const std::uint64_t bit = bitOf(id);
@@ -66,7 +66,11 @@ private:
     std::uint32_t pageOf(std::uint64_t id) const {
         const std::uint64_t number = id / page_bits;
         if (recent_ < pages_.size() && pages_[recent_].number == number) return recent_;
-        const std::uint32_t place = lookUp(number);
+        return lookUp(number);
+    }
+    /// pageOf that keeps its answer for the next call.
+    std::uint32_t recallPage(std::uint64_t id) {
+        const std::uint32_t place = pageOf(id);
         if (place != no_page) recent_ = place;
         return place;
     }
@@ -84,7 +88,7 @@ private:
     unsigned shift_ = 64;                   ///< 64 less the binary logarithm of the table's size
     std::uint64_t newest_ = 0;              ///< number of the page begun last
     std::uint32_t newest_place_ = no_page;  ///< of that page
-    mutable std::uint32_t recent_ = no_page;
+    std::uint32_t recent_ = no_page;        ///< of the page used last
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "kelm/core/Blob.h"
@@ -73,17 +74,15 @@ public:
     NodeId target(EdgeId id) const { return synapses_.target(checked(id)); }
     bool isRouted(EdgeId id) const { return synapses_.isRouted(checked(id)); }
     ModelTime lastChange(EdgeId id) const { return synapses_.lastChange(checked(id)); }
-    /// Reads or writes the time of a synapse's last change. Valid as long as the graph. A read
-    /// allocates nothing; the first write may throw std::bad_alloc, with nothing changed.
+    /// Reads or writes the time of a synapse's last change, in the expression that made it: one
+    /// that is kept in a variable can do neither. A read allocates nothing. The first write may
+    /// throw std::bad_alloc, with nothing changed.
     class LastChange {
     public:
-        operator ModelTime() const { return synapses_.lastChange(id_); }
-        const LastChange& operator=(ModelTime time) const {
-            synapses_.setLastChange(id_, time);
-            return *this;
-        }
-        const LastChange& operator=(const LastChange& other) const {
-            return *this = static_cast<ModelTime>(other);
+        operator ModelTime() const&& { return synapses_.lastChange(id_); }
+        void operator=(ModelTime time) && { synapses_.setLastChange(id_, time); }
+        void operator=(LastChange&& other) && {
+            std::move(*this) = static_cast<ModelTime>(std::move(other));
         }
 
     private:

@@ -149,7 +149,7 @@ TEST_F(AllocationFault, LeavesAGraphAsItWas) {
         "last change", arrange, [](SynapseGraph& graph) { graph.lastChange(1) = 17; }, image);
     const auto graph = arrange();
     const std::uint64_t allocations = allocationCount();
-    EXPECT_EQ(graph->lastChange(1), 0);
+    EXPECT_EQ(ModelTime{graph->lastChange(1)}, 0);
     EXPECT_EQ(allocationCount(), allocations) << "a read allocates nothing";
 }
 
