@@ -1,4 +1,4 @@
-// Measures whole runs of the benchmark network on the host's backends. Each run has its own child
+// Measures whole runs of one large network on the host's backends. Each run has its own child
 // process, so that its peak memory can be measured. The cases of one call take turns, so that a
 // busy machine slows all of them alike. Times are medians over the turns.
 
@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/runtime/DenseNetwork.h"
 #include "bench/runtime/Figures.h"
 #include "bench/runtime/MeasuringProcess.h"
 #include "bench/runtime/MeasuringProgram.h"
@@ -36,6 +37,7 @@ constexpr const char* usage_text =
     "usage: kelm-whole-run [--floor] [option value[,value...]]...\n"
     "  --floor        repeats the backend's part of each run alone and compares\n"
     "  --lanes        instruction set of vector lanes: avx2, avx512 or none (default)\n"
+    "  --network      reports (default) or dense; sets the network's size, so it comes first\n"
     "  --neurons      neurons of the network\n"
     "  --base-rate    spikes/s of a neuron without input\n"
     "  --d-min        ns; length of a window and delay of every synapse\n"
@@ -47,6 +49,7 @@ constexpr const char* usage_text =
     "An option with several values makes as many cases; a single value applies to all cases.\n";
 
 struct Case {
+    bool dense = false;  ///< the dense network, not the one of the reports
     BenchmarkScale scale;
     ModelTime until = 0;                        ///< ns, or 0 for the horizon
     std::uint64_t buckets = 0;                  ///< of a store that is given, or 0 for none
@@ -56,9 +59,9 @@ struct Case {
 
 /// Whether two cases must leave the same log and counters.
 bool sameModel(const Case& a, const Case& b) {
-    return a.scale.neuron_count == b.scale.neuron_count && a.scale.base_rate == b.scale.base_rate &&
-           a.scale.min_delay == b.scale.min_delay && a.scale.horizon == b.scale.horizon &&
-           a.until == b.until;
+    return a.dense == b.dense && a.scale.neuron_count == b.scale.neuron_count &&
+           a.scale.base_rate == b.scale.base_rate && a.scale.min_delay == b.scale.min_delay &&
+           a.scale.horizon == b.scale.horizon && a.until == b.until;
 }
 
 ModelTime endOf(const Case& c) { return c.until != 0 ? c.until : c.scale.horizon; }
@@ -100,6 +103,14 @@ struct Setting {
 };
 
 constexpr Setting settings[] = {
+    {"--network",
+     [](Case& c, std::string_view text) {
+         if (text != "reports" && text != "dense") {
+             throw std::invalid_argument("unknown network " + std::string(text));
+         }
+         c.dense = text == "dense";
+         c.scale = c.dense ? dense_scale : BenchmarkScale();
+     }},
     {"--neurons",
      [](Case& c, std::string_view text) {
          c.scale.neuron_count = parsePositive<std::uint64_t>(text);
@@ -165,7 +176,8 @@ Options parseOptions(const std::vector<std::string_view>& arguments) {
 }
 
 KelmRuntime makeRuntime(const Case& c, IWindowBackend& backend) {
-    BenchmarkWorkload workload = buildBenchmarkWorkload(c.scale);
+    BenchmarkWorkload workload =
+        c.dense ? buildDenseWorkload(c.scale) : buildBenchmarkWorkload(c.scale);
     std::unique_ptr<IEventStore> store;
     if (c.buckets != 0) {
         store = std::make_unique<BucketEventStore>(workload.min_delay, c.buckets);
@@ -266,10 +278,12 @@ void printCase(const Case& c, const Turns& turns, const Summary& summary) {
     const Measurement& first = turns.front().result;
     const Spread cpu = spreadOf(turns, &Measurement::cpu_seconds);
     const double wall = summary.wall_seconds;
-    std::printf("%" PRIu64 " neurons, %g spikes/s, d_min %" PRId64 " ns, run to %" PRId64
-                " of %" PRId64 " ns, %" PRIu64 " buckets, lanes %s, %" PRIu64 " threads\n",
-                c.scale.neuron_count, c.scale.base_rate, c.scale.min_delay, endOf(c),
-                c.scale.horizon, c.buckets, c.lanes == nullptr ? "none" : c.lanes->name, c.threads);
+    std::printf("%s network, %" PRIu64 " neurons, %g spikes/s, d_min %" PRId64
+                " ns, run to %" PRId64 " of %" PRId64 " ns, %" PRIu64 " buckets, lanes %s, %" PRIu64
+                " threads\n",
+                c.dense ? "dense" : "reports", c.scale.neuron_count, c.scale.base_rate,
+                c.scale.min_delay, endOf(c), c.scale.horizon, c.buckets,
+                c.lanes == nullptr ? "none" : c.lanes->name, c.threads);
     std::printf("  %" PRIu64 " spikes, %" PRIu64 " deliveries in %" PRIu64
                 " windows (%.1f each), log hash 0x%016" PRIx64 "\n",
                 first.spikes, first.profile.deliveries, first.profile.windows,
