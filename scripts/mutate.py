@@ -1031,7 +1031,9 @@ class Workshop:
                 self.run(name, [test], 0, 100)
                 end = resource.getrusage(resource.RUSAGE_CHILDREN)
                 taken = end.ru_utime + end.ru_stime - start.ru_utime - start.ru_stime
-                reached = [i for i, hit in enumerate(file.read_bytes()) if hit]
+                # A program that none of the mistakes is linked into writes no file.
+                hits = file.read_bytes() if file.exists() else b""
+                reached = [i for i, hit in enumerate(hits) if hit]
                 self.state["reach"]["tests"][f"{name}:{test}"] = [
                     round(taken, 3), [self.by_id[i].key for i in reached if i in self.by_id]]
         self.save()
