@@ -16,7 +16,6 @@ void CandidateTree::reset(std::uint64_t neurons) {
     LargeArray<Block> blocks(block_count, empty);
     blocks_.swap(blocks);
     levels_.swap(levels);
-    due_.clear();
     pending_count_ = 0;
 }
 

@@ -144,10 +144,13 @@ TEST_F(CudaBackend, PreparesTheResidentArenaOnceForEachNewSize) {
         return [=, &backend] { backend.prepareResident(SynapseGraph(node_count, 10, {}), fanout); };
     };
     using Size = std::pair<std::uint64_t, std::uint64_t>;
-    for (const auto& [node_count, operations] : {Size{2, 1}, {2, 0}, {3, 2}, {2, 0}, {3, 0}}) {
+    const auto expectOperations = [&](std::uint64_t node_count, std::uint64_t operations) {
         const std::uint64_t before = Emulation::operationCount();
         preparing(node_count, 2)();
         EXPECT_EQ(Emulation::operationCount() - before, operations) << node_count;
+    };
+    for (const auto& [node_count, operations] : {Size{2, 1}, {2, 0}, {3, 2}, {2, 0}, {3, 0}}) {
+        expectOperations(node_count, operations);
     }
     const char* const dimensions = "invalid resident CUDA preparation dimensions";
     expectRefusals<WindowEngineError>(
@@ -155,6 +158,7 @@ TEST_F(CudaBackend, PreparesTheResidentArenaOnceForEachNewSize) {
          {dimensions, preparing(1, 0)},
          {dimensions, preparing(3, ~std::uint64_t{0})},
          {"CUDA alloc resident arena: out of memory", preparing(3, std::uint64_t{1} << 55)}});
+    expectOperations(3, 1);
 }
 
 }  // namespace

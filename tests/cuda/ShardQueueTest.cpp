@@ -80,6 +80,7 @@ TEST_F(ShardQueue, RoutesEveryArrivalOverGeneratedNetworksAndThreadOrders) {
                 EXPECT_EQ(report.processed_targets, reached.size());
                 EXPECT_EQ(report.shards, shards);
                 EXPECT_TRUE(report.physics_identical);
+                EXPECT_GT(report.seconds, 0.0);
             }
         }
     }

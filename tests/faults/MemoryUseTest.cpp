@@ -149,8 +149,13 @@ TEST(MemoryUse, AStoreLosesNothingWhenMemoryRunsOut) {
                 for (const Event& event : events) seen.push_back(event.id);
             }
         };
+        // Whole records, two a bucket, so that their pool has no free chunk when the first take
+        // drops the cancelled one.
+        for (const ModelTime time : {0, 10, 20, 30, 0, 10, 20, 30}) {
+            again([&] { return store.post({.time = time, .kind = EventKind::input}); });
+        }
+        again([&] { return store.cancel(7); });
         // Far events are stored densely and need more room once they come near.
-        again([&] { return store.post({.time = 0}); });
         for (const ModelTime era : {3, 4, 9}) {
             for (int i = 0; i < 30; ++i) {
                 again([&] { return store.post({.time = era * 320 + i * 70 % 320}); });
