@@ -69,6 +69,9 @@ inline constexpr double c3 = 2.480158728947673e-05;
 inline constexpr double c4 = 2.7557314351390663e-07;
 inline constexpr double c5 = 2.087572321298175e-09;
 inline constexpr double c6 = 1.1359647557788195e-11;
+/// Added to a logarithm of base 2, gives the exponent and 20 bits of the mantissa in the lowest
+/// bits.
+inline constexpr double fixed_point = 0x1p32 + 1023.0 + 0x1p-20;
 
 // The decimals are the shortest ones. A compiler that converts one wrongly must fail here.
 static_assert(bitsOf(exp_overflow) == 0x40862e42fefa39ef);
@@ -99,6 +102,17 @@ static_assert(bitsOf(c5) == 0x3e21ee9ebdb4b1c4 && bitsOf(c6) == 0x3da8fae9be8838
 /// 2 to the k, for the k of a normal double.
 KELM_HD constexpr double powerOfTwo(std::int32_t k) {
     return fromBits(static_cast<std::uint64_t>(k + 1023) << 52);
+}
+
+/// An upper bound of 2 to the p, for |p| below 1000, at most 7 % above it; 0 for an infinity or a
+/// NaN. Not a step of the model: it only tells which steps have no effect.
+///
+/// Between two powers of two, 2^p lies below its chord, and the chord is what a double whose
+/// exponent and mantissa fields together hold p as a fixed-point number is. The sum rounds that
+/// number to 20 fractional bits, so 2^-20 is added before. The result is thus above 2^p by more
+/// than one part in 2^22, which leaves room for the rounding errors of a few operations.
+KELM_HD constexpr double powerOfTwoBound(double p) {
+    return fromBits(bitsOf(p + PortableMathConstants::fixed_point) << 32);
 }
 
 /// The k with x = k * ln2 + r and |r| at most about ln2 / 2, for a finite x. `a`: the bits of |x|.

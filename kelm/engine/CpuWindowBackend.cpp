@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "kelm/kernel/InputRun.h"
+
 namespace Lumenar::Core::Kelm {
 
 namespace {
@@ -12,6 +14,15 @@ bool haveEqualParameters(const WindowWork& a, const WindowWork& b) {
            std::memcmp(&a.firing, &b.firing, sizeof(Kernel::Firing)) == 0;
 }
 
+struct InputRuns {
+    std::uint32_t operator()(Kernel::State& state, std::uint64_t& rng,
+                             const Kernel::NeuronModel& model, const Kernel::WindowEvent* events,
+                             std::uint32_t count, ModelTime end, double drive_bound) const {
+        if (count < Kernel::min_run_inputs) return 0;
+        return Kernel::runInputs(state, rng, model, events, count, end, drive_bound);
+    }
+};
+
 }  // namespace
 
 void processItems(std::span<const WindowWork> work, std::span<const Kernel::WindowEvent> events,
@@ -20,7 +31,8 @@ void processItems(std::span<const WindowWork> work, std::span<const Kernel::Wind
     for (std::size_t i = 0; i < work.size();) {
         const Kernel::NeuronModel model(work[i].parameters, work[i].firing);
         do {
-            results[i] = Kernel::processWindow(work[i], model, events.data(), window_end, horizon);
+            results[i] = Kernel::processWindow(work[i], model, events.data(), window_end, horizon,
+                                               InputRuns());
             ++i;
         } while (i < work.size() && haveEqualParameters(work[i], work[i - 1]));
     }

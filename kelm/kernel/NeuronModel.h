@@ -93,6 +93,15 @@ struct NeuronTerms {
     double margin;            ///< added to a drive's bound, for traces clipped later
     double membrane_decay;    ///< 1/ns; 1 / tau_membrane
     double adaptation_decay;  ///< 1/ns; 1 / tau_adaptation
+    /// The smallest adaptation trace for which a minimum of the net drive needs no sample (see
+    /// netDriveBound); infinity if the parameters do not allow that.
+    double minimum_adaptation;
+
+    // Terms of hazardEstimate.
+    /// The estimate is valid while the magnitudes of traces and drive sum to less; 0: never.
+    double reach;
+    double slack;  ///< added to the drive, for clipped traces
+    bool adaptation_outlasts_membrane;
 };
 
 /// The parameters of a neuron and the terms that follow from them. One model serves all walks of
@@ -107,6 +116,21 @@ struct NeuronModel : NeuronTerms {
     Firing firing;
 };
 
+/// NeuronTerms::minimum_adaptation.
+KELM_HD inline double minimumAdaptation(const Neuron& neuron, const Firing& firing) {
+    const ModelTime membrane = neuron.tau_membrane;
+    const ModelTime adaptation = neuron.tau_adaptation;
+    if (membrane < (1 << 17) || membrane > (1 << 30)) return infinity();
+    if (adaptation < membrane + membrane / 16 || adaptation > membrane * 1024) return infinity();
+    // All products stay far inside the normal numbers.
+    if (!(firing.adaptation_weight >= 0x1p-60 && firing.adaptation_weight <= 0x1p60)) {
+        return infinity();
+    }
+    if (!(neuron.trace_epsilon <= 1.0)) return infinity();
+    const double clipped = neuron.trace_epsilon * 0x1p27;
+    return clipped > 0x1p-900 ? clipped : 0x1p-900;
+}
+
 KELM_HD inline NeuronModel::NeuronModel(const Neuron& dynamics, const Firing& hazard)
     : neuron(dynamics), firing(hazard) {
     silent = firing.base_rate == 0 || firing.rate_scale == 0;
@@ -118,6 +142,20 @@ KELM_HD inline NeuronModel::NeuronModel(const Neuron& dynamics, const Firing& ha
     margin = twice * neuron.trace_epsilon;
     membrane_decay = 1.0 / static_cast<double>(neuron.tau_membrane);
     adaptation_decay = 1.0 / static_cast<double>(neuron.tau_adaptation);
+    minimum_adaptation = minimumAdaptation(neuron, firing);
+
+    slack = magnitude(margin) + 0x1p-1000;
+    // A negative weight is left out because the margin is then smaller than the clipping.
+    adaptation_outlasts_membrane =
+        !neuron.non_leaky && neuron.tau_adaptation >= neuron.tau_membrane &&
+        firing.adaptation_weight >= 0 && firing.adaptation_weight <= 0x1p60;
+    // Exponents of at most 600 in magnitude keep a bound from becoming 0. A larger rate only makes
+    // the estimate infinite. The least gain keeps every sum far inside the range of numbers. A NaN
+    // among the parameters gives no reach.
+    const double span = 600.0 / firing.gain - 4.0 * (slack + magnitude(firing.threshold));
+    const bool regular = neuron.tau_membrane > 0 && neuron.tau_adaptation > 0 &&
+                         firing.gain >= 0x1p-900 && rate >= 0x1p-100 && cap >= -600.0;
+    reach = regular && span > 0 ? span : 0.0;
 }
 
 /// The interval of a decay in ns. Both ends are rounded before the subtraction: past 2^53 ns the
@@ -197,6 +235,19 @@ KELM_HD inline double largerDrive(double a, double b) { return a > b ? a : b; }
 /// That part is a difference of two exponentials, so its maximum lies at an end or at the one
 /// interior extremum. The extremum is sampled at the integer times on both sides, because
 /// candidates have integer times.
+///
+/// If both terms are positive (which follows from a positive weight, adaptation and ratio) and the
+/// membrane decays faster, the interior extremum is a minimum, and a sample there cannot exceed the
+/// drive at the start. This is true for the rounded values too under the conditions of
+/// minimumAdaptation, for times below 2^51 and for x := ratio - 1 of at least 1/64. Let W be the
+/// weighted adaptation, S the sum of both terms at the start, k1 and k2 the rates. Up to half the
+/// way to the minimum the slope is at least W * k2 * exp(-k2 * t) * (sqrt(ratio) - 1). So the drive
+/// falls by more than 0.09 * min(1, k2 / (k1 - k2)) * x^2 * W for x up to 1: with k2 at least
+/// k1 / 1024 by more than 2e-8 * W, which is at least 7e-9 * S. For x above 1: if the membrane is
+/// at least 2 * W, the drive falls by at least S / 3, because it becomes negative; else by more
+/// than 1e-4 * W. The errors are smaller: the rounding of the samples below 1e-14 * S, their
+/// distance from the minimum of up to 1.5 ns below 1e-10 * S, and the clipping of the adaptation
+/// below its weight times trace_epsilon.
 KELM_HD inline double netDriveBound(const State& state, const NeuronModel& model, ModelTime start,
                                     ModelTime to) {
     const Neuron& neuron = model.neuron;
@@ -222,6 +273,10 @@ KELM_HD inline double netDriveBound(const State& state, const NeuronModel& model
     // the ratio shows without the logarithm.
     const double difference = k1 - k2;
     if (difference > 0 ? ratio <= 1 : ratio >= 1) return bound;
+    if (ratio >= 1.0 + 0x1p-6 && traces.adaptation >= model.minimum_adaptation &&
+        start == state.last_update && start < ModelTime{1} << 51) {
+        return bound;
+    }
     const double shift = kernelLog(ratio) / difference;
     if (isNotFinite(shift) || !(shift > 0)) return bound;
     const double first = static_cast<double>(start);
@@ -254,6 +309,32 @@ KELM_HD inline double hazardUpperBound(const State& state, const Neuron& neuron,
                                        const Firing& firing, ModelTime from, ModelTime to,
                                        double drive_bound) {
     return hazardUpperBound(state, NeuronModel(neuron, firing), from, to, drive_bound);
+}
+
+/// An upper estimate, in spikes/s, of the bound of any draw from the state's time on. NaN if there
+/// is none. If it is a number, the bound is neither 0 nor NaN. Costs a dozen operations; a bound
+/// costs up to nine exponentials.
+///
+/// Later traces are not larger in magnitude and keep their signs. So the traces' part of the net
+/// drive is at most the positive part of the membrane less the negative part of the weighted
+/// adaptation. If that adaptation is positive and lasts as long as the membrane, the drive at time
+/// t is at most exp(-t / tau_adaptation) times the difference of both, and so at most the positive
+/// part of the difference. This argument alone is not exact in rounded numbers: its errors are
+/// below 2^-50 of the two traces, or come from a trace that is clipped. The rest of the bound's
+/// formula follows in its own order, in which rounded operations are monotonic.
+KELM_HD inline double hazardEstimate(const State& state, const NeuronModel& model,
+                                     double drive_bound) {
+    const double weighted = state.adaptation * model.firing.adaptation_weight;
+    const double spread = magnitude(state.membrane) + magnitude(weighted);
+    if (!(spread + magnitude(drive_bound) < model.reach)) return quietNan();
+    const double membrane = state.membrane > 0 ? state.membrane : 0.0;
+    const double inhibition = model.adaptation_outlasts_membrane || weighted < 0 ? weighted : 0.0;
+    const double difference = membrane - inhibition;
+    const double drive = (difference > 0 ? difference : 0.0) + (spread * 0x1p-46 + model.slack);
+    const double exponent =
+        (((model.margin + drive) + drive_bound) - model.firing.threshold) * model.firing.gain;
+    constexpr double log2_e = PortableMathConstants::inv_ln2;
+    return powerOfTwoBound((exponent < model.cap ? exponent : model.cap) * log2_e) * model.rate;
 }
 
 /// Applies an input of `value` at the time of the state.

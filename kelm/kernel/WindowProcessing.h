@@ -202,9 +202,38 @@ KELM_HD inline Candidate nextCandidate(const State& state, const Neuron& neuron,
     return nextCandidate(state, NeuronModel(neuron, firing), from, limit, drive_bound, rng);
 }
 
+/// True if the candidate of a draw at the state's time cannot come before the next input, at `next`
+/// ns, which then replaces it. Moves `rng` in that case as nextCandidate does. False also if the
+/// estimate cannot decide.
+///
+/// The waiting time is -log(u) / bound * 1e9, and -log(u) is at least 1 - u. The rounding to whole
+/// ns takes less than 1 ns. The estimate exceeds the bound by more than all relative errors of both
+/// sides.
+KELM_HD inline bool skipCandidate(const State& state, const NeuronModel& model, ModelTime next,
+                                  ModelTime limit, double drive_bound, std::uint64_t& rng) {
+    const ModelTime start = firstSpikeTime(state, model.neuron, state.last_update);
+    // Before time 0 the difference of two times could overflow.
+    if (state.last_update < 0 || start >= limit) return false;
+    std::uint64_t moved = rng;
+    const double u = drawUniform(moved);
+    const double room = static_cast<double>(next - start) + 1.0;
+    // A NaN estimate fails.
+    if (!((1.0 - u) * 1e9 > hazardEstimate(state, model, drive_bound) * room)) return false;
+    rng = moved;
+    return true;
+}
+
 /// A hazard above its bound by more than this factor is an error of the bound, not of rounding.
 inline constexpr double bound_tolerance = 1.000000000001;
 static_assert(bitsOf(bound_tolerance) == 0x3ff0000000001198);
+
+/// Applies no inputs ahead of their turn (see InputRun.h).
+struct NoInputRuns {
+    KELM_HD std::uint32_t operator()(State&, std::uint64_t&, const NeuronModel&, const WindowEvent*,
+                                     std::uint32_t, ModelTime, double) const {
+        return 0;
+    }
+};
 
 /// Walks one neuron through the window that ends at `window_end`, exclusive.
 ///
@@ -214,11 +243,15 @@ static_assert(bitsOf(bound_tolerance) == 0x3ff0000000001198);
 ///
 /// Random draws, in order: one for each bound other than 0, and one for each candidate, after its
 /// bound check and before the next bound.
+///
+/// `runs`: a function like runInputs, which changes no result.
+template <class InputRuns = NoInputRuns>
 KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
                                           const NeuronModel& model, const WindowEvent* events,
                                           std::uint32_t event_count, ModelTime window_end,
                                           ModelTime horizon, const PhaseDrive& drive,
-                                          ModelTime pending_time, double pending_bound) {
+                                          ModelTime pending_time, double pending_bound,
+                                          InputRuns runs = {}) {
     const Neuron& neuron = model.neuron;
     WindowResult result;
     result.state = state;
@@ -244,8 +277,11 @@ KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
         }
     };
 
+    // Whether a run is worth a try: not if a candidate has come due since the last input.
+    bool quiet = true;
     std::uint32_t i = 0;
     while (true) {
+        while (i < event_count && events[i].wake_only) ++i;
         const bool has_event = i < event_count && events[i].time < window_end;
         const ModelTime event_time = has_event ? events[i].time : window_end;
 
@@ -254,6 +290,7 @@ KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
                 redraw(candidate);
                 continue;
             }
+            quiet = false;
             ++result.updates;
             ++result.candidates;
             const ModelTime time = candidate;
@@ -283,13 +320,30 @@ KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
         }
 
         if (!has_event) break;
+        const std::uint32_t applied =
+            quiet ? runs(result.state, result.rng, model, events + i, event_count - i,
+                         window_end < limit ? window_end : limit, drive.bound)
+                  : 0;
+        // The input that ended a run is taken by itself.
+        quiet = applied == 0;
+        if (applied != 0) {
+            i += applied;
+            result.updates += applied;
+            candidate = no_time;
+            continue;
+        }
         const WindowEvent& event = events[i];
         ++i;
-        if (event.wake_only) continue;
         ++result.updates;
         advanceTraces(result.state, neuron, event.time);
         applyInput(result.state, neuron, event.value);
-        redraw(event.time);
+        while (i < event_count && events[i].wake_only) ++i;
+        if (i < event_count && events[i].time < window_end &&
+            skipCandidate(result.state, model, events[i].time, limit, drive.bound, result.rng)) {
+            candidate = no_time;
+        } else {
+            redraw(event.time);
+        }
     }
 
     result.next_candidate = candidate;
@@ -309,11 +363,13 @@ KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
 }
 
 /// The walk of a work item. `model`: of the item's parameters. `events`: of the item's window.
+template <class InputRuns = NoInputRuns>
 KELM_HD inline WindowResult processWindow(const WindowWork& item, const NeuronModel& model,
                                           const WindowEvent* events, ModelTime window_end,
-                                          ModelTime horizon) {
+                                          ModelTime horizon, InputRuns runs = {}) {
     return processWindow(item.state, item.rng, model, events + item.first_event, item.event_count,
-                         window_end, horizon, item.drive, item.pending_time, item.pending_bound);
+                         window_end, horizon, item.drive, item.pending_time, item.pending_bound,
+                         runs);
 }
 KELM_HD inline WindowResult processWindow(const WindowWork& item, const WindowEvent* events,
                                           ModelTime window_end, ModelTime horizon) {

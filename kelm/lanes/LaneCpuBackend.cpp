@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/kernel/InputRun.h"
 #include "kelm/lanes/LaneKernels.h"
 
 namespace Lumenar::Core::Kelm {
@@ -44,23 +45,6 @@ using Lanes::LaneKernels;
 /// Doubles up to here hold half nanoseconds. The truncation in LaneText.h needs that.
 constexpr ModelTime greatest_horizon = ModelTime{1} << 51;
 
-/// The smallest adaptation trace for which a minimum of the net drive needs no sample, or infinity
-/// (see netDriveBound in LaneText.h for the proof).
-double minimumAdaptation(const Kernel::Neuron& neuron, const Kernel::Firing& firing) {
-    const ModelTime membrane = neuron.tau_membrane;
-    const ModelTime adaptation = neuron.tau_adaptation;
-    if (membrane < (1 << 17) || membrane > (1 << 30)) return Kernel::infinity();
-    if (adaptation < membrane + membrane / 16 || adaptation > membrane * 1024) {
-        return Kernel::infinity();
-    }
-    // All products stay far inside the normal numbers.
-    if (!(firing.adaptation_weight >= 0x1p-60 && firing.adaptation_weight <= 0x1p60)) {
-        return Kernel::infinity();
-    }
-    if (!(neuron.trace_epsilon <= 1.0)) return Kernel::infinity();
-    return std::max(neuron.trace_epsilon * 0x1p27, 0x1p-900);
-}
-
 LaneConstants constantsOf(const Kernel::NeuronModel& model, ModelTime horizon) {
     const Kernel::Neuron& neuron = model.neuron;
     const Kernel::Firing& firing = model.firing;
@@ -79,7 +63,7 @@ LaneConstants constantsOf(const Kernel::NeuronModel& model, ModelTime horizon) {
     c.margin = model.margin;
     c.horizon_rounded = static_cast<double>(horizon);
     c.horizon = horizon;
-    c.minimum_adaptation = minimumAdaptation(neuron, firing);
+    c.minimum_adaptation = model.minimum_adaptation;
     c.hard_refractory = neuron.hard_refractory;
     c.non_leaky = neuron.non_leaky;
     return c;
@@ -120,7 +104,7 @@ void clear(Kernel::WindowResult& result) {
 class BlockWalk {
 public:
     BlockWalk(const LaneKernels& kernels, std::span<const WindowWork> work,
-              const Kernel::WindowEvent* events, ModelTime window_end, ModelTime horizon,
+              std::span<const Kernel::WindowEvent> events, ModelTime window_end, ModelTime horizon,
               const Kernel::Neuron& neuron, const Kernel::Firing& firing,
               Kernel::WindowResult* results)
         : kernels_(kernels),
@@ -168,10 +152,11 @@ private:
         double bound;
         bool at_candidate;  ///< the step is the candidate's, not an input's
         bool given_up;      ///< left to the scalar walk
+        bool quiet;         ///< a run is worth a try, as in Kernel::processWindow
     };
 
     void walkScalar(std::size_t item) {
-        results_[item] = Kernel::processWindow(work_[item], events_, window_end_, horizon_);
+        processItems(work_.subspan(item, 1), events_, window_end_, horizon_, {results_ + item, 1});
     }
 
     bool suitsLanes(const WindowWork& item) const {
@@ -193,10 +178,15 @@ private:
                 continue;
             }
             clear(results_[index]);
-            const Kernel::WindowEvent* events = events_ + item.first_event;
-            walks_[place] = {
-                index, events, events + item.event_count, item.pending_time, item.pending_bound,
-                false, false};
+            const Kernel::WindowEvent* events = events_.data() + item.first_event;
+            walks_[place] = {index,
+                             events,
+                             events + item.event_count,
+                             item.pending_time,
+                             item.pending_bound,
+                             false,
+                             false,
+                             true};
             block_.membrane[place] = item.state.membrane;
             block_.adaptation[place] = item.state.adaptation;
             block_.last_update[place] = static_cast<double>(item.state.last_update);
@@ -222,6 +212,7 @@ private:
             if (walk.at_candidate) {
                 // A marker, or a negative bound from bad parameters.
                 if (walk.bound < 0) return giveUp(walk);
+                walk.quiet = false;
                 setStep(place, walk.candidate, 0.0);
                 return true;
             }
@@ -230,9 +221,37 @@ private:
             ++walk.event;
             if (event.wake_only) continue;
             if (event.time < 0) return giveUp(walk);
+            if (walk.quiet && runInputs(place, &event)) {
+                walk.quiet = false;
+                continue;
+            }
+            walk.quiet = true;
             setStep(place, event.time, event.value);
             return true;
         }
+    }
+
+    /// Applies inputs from `events` on while their draws cannot matter. False if there are none.
+    bool runInputs(int place, const Kernel::WindowEvent* events) {
+        Walk& walk = walks_[place];
+        const auto count = static_cast<std::uint32_t>(walk.events_end - events);
+        if (count < Kernel::min_run_inputs) return false;
+        Kernel::State state;
+        state.membrane = block_.membrane[place];
+        state.adaptation = block_.adaptation[place];
+        state.last_update = block_.step_time[place];
+        state.refractory_until = block_.refractory_until[place];
+        const std::uint32_t applied = kernels_.run_inputs(
+            state, block_.rng[place], model_, events, count, std::min(window_end_, horizon_), 0.0);
+        if (applied == 0) return false;
+        block_.membrane[place] = state.membrane;
+        block_.adaptation[place] = state.adaptation;
+        block_.last_update[place] = static_cast<double>(state.last_update);
+        block_.step_time[place] = state.last_update;
+        results_[walk.item].updates += applied;
+        walk.event = events + applied;
+        walk.candidate = no_time;
+        return true;
     }
 
     static bool giveUp(Walk& walk) {
@@ -340,7 +359,7 @@ private:
 
     const LaneKernels& kernels_;
     const std::span<const WindowWork> work_;
-    const Kernel::WindowEvent* const events_;
+    const std::span<const Kernel::WindowEvent> events_;
     const ModelTime window_end_;
     const ModelTime horizon_;
     const Kernel::NeuronModel model_;
@@ -375,8 +394,7 @@ void LaneCpuBackend::processWindow(const std::span<const WindowWork>& work,
                                    const Kernel::Neuron& neuron, const Kernel::Firing& firing,
                                    const std::span<Kernel::WindowResult>& results) {
     if (kernels_ != nullptr && lanesCanServe(firing, horizon)) {
-        BlockWalk(*kernels_, work, events.data(), window_end, horizon, neuron, firing,
-                  results.data())
+        BlockWalk(*kernels_, work, events, window_end, horizon, neuron, firing, results.data())
             .run();
         return;
     }

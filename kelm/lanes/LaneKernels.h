@@ -3,6 +3,14 @@
 #include <cstdint>
 #include <span>
 
+#include "kelm/core/ModelTime.h"
+
+namespace Lumenar::Core::Kelm::Kernel {
+struct State;
+struct NeuronModel;
+struct WindowEvent;
+}  // namespace Lumenar::Core::Kelm::Kernel
+
 // The interface between the lane backend and the vector code: plain data and a table of functions.
 // The vector code is compiled for instruction sets that the processor may lack. So this header has
 // no inline functions: the linker could keep the copy that was compiled for the wrong processor.
@@ -33,23 +41,21 @@ struct alignas(64) LaneBlock {
 
 /// The parameters and derived terms that all walks of a call share, as in Kernel::NeuronModel.
 struct LaneConstants {
-    double tau_membrane;       ///< ns, rounded
-    double tau_adaptation;     ///< ns, rounded
-    double membrane_decay;     ///< 1/ns; 1 / tau_membrane
-    double adaptation_decay;   ///< 1/ns; 1 / tau_adaptation
-    double input_coupling;     ///< as in Kernel::Neuron
-    double trace_epsilon;      ///< as in Kernel::Neuron
-    double adaptation_weight;  ///< as in Kernel::Firing
-    double threshold;          ///< as in Kernel::Firing
-    double gain;               ///< as in Kernel::Firing
-    double rate;               ///< spikes/s; base_rate * rate_scale
-    double cap;                ///< largest exponent of the hazard
-    double margin;             ///< added to a drive's bound, for traces clipped later
-    double horizon_rounded;    ///< ns
-    std::int64_t horizon;      ///< ns
-    /// The smallest adaptation trace for which a minimum of the net drive needs no sample (see
-    /// LaneText.h); infinity if the parameters do not allow that.
-    double minimum_adaptation;
+    double tau_membrane;        ///< ns, rounded
+    double tau_adaptation;      ///< ns, rounded
+    double membrane_decay;      ///< 1/ns; 1 / tau_membrane
+    double adaptation_decay;    ///< 1/ns; 1 / tau_adaptation
+    double input_coupling;      ///< as in Kernel::Neuron
+    double trace_epsilon;       ///< as in Kernel::Neuron
+    double adaptation_weight;   ///< as in Kernel::Firing
+    double threshold;           ///< as in Kernel::Firing
+    double gain;                ///< as in Kernel::Firing
+    double rate;                ///< spikes/s; base_rate * rate_scale
+    double cap;                 ///< largest exponent of the hazard
+    double margin;              ///< added to a drive's bound, for traces clipped later
+    double horizon_rounded;     ///< ns
+    std::int64_t horizon;       ///< ns
+    double minimum_adaptation;  ///< as in Kernel::NeuronTerms
     bool hard_refractory;
     bool non_leaky;
 };
@@ -65,6 +71,10 @@ struct LaneKernels {
     /// kernelExp and kernelLog of `count` values, a multiple of `lanes`.
     void (*exponentials)(const double* arguments, double* values, std::int64_t count);
     void (*logarithms)(const double* arguments, double* values, std::int64_t count);
+    /// Kernel::runInputs.
+    std::uint32_t (*run_inputs)(Kernel::State& state, std::uint64_t& rng,
+                                const Kernel::NeuronModel& model, const Kernel::WindowEvent* events,
+                                std::uint32_t count, ModelTime end, double drive_bound);
 };
 
 /// The kernels that this build has and this processor can run, the widest last.

@@ -8,8 +8,10 @@
 
 #include "kelm/core/Failures.h"
 #include "kelm/network/SynapseGraph.h"
+#include "tests/support/BackendParity.h"
 #include "tests/support/EmulatedDeviceFixture.h"
 #include "tests/support/ExpectThrows.h"
+#include "tests/support/SameImages.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -83,6 +85,16 @@ TEST_F(CudaBackend, CountsWindowsAndThoseBelow32ItemsAndSkipsEmptyOnes) {
         EXPECT_EQ(backend.windowCount(), windows);
         EXPECT_EQ(backend.smallWindowCount(), small_windows);
         EXPECT_EQ(Emulation::operationCount() == before, items == 0);
+    }
+}
+
+TEST_F(CudaBackend, ComputesTheBitsOfAKernelThatTakesEveryStep) {
+    CudaWindowBackend backend;
+    for (std::uint64_t seed = 1; seed <= 300; ++seed) {
+        const DrawnCall call = drawCall(seed, 60, seed % 3 == 0);
+        ASSERT_TRUE(sameImages<Kernel::WindowResult>(withOneNan(compute(backend, call)),
+                                                     withOneNan(computePlainly(call))))
+            << "seed " << seed;
     }
 }
 

@@ -83,9 +83,16 @@ WindowWork drawItem(Draws& draws, bool strange, DrawnCall& call) {
     item.pending_bound = draws.oneIn(40) ? 0.0 : draws.between(0.0, 2000.0);
     if (draws.oneIn(40)) item.pending_bound = -1.0;
     item.first_event = static_cast<std::uint32_t>(call.events.size());
-    item.event_count = static_cast<std::uint32_t>(draws.below(draws.oneIn(4) ? 12 : 3));
+    // Many inputs are small, as in dense networks, and some come at the same time.
+    const bool dense = draws.oneIn(6);
+    item.event_count = static_cast<std::uint32_t>(draws.below(dense            ? 100
+                                                              : draws.oneIn(4) ? 12
+                                                                               : 3));
+    const ModelTime grid = dense && draws.oneIn(3) ? window / 20 : 1;
     std::vector<ModelTime> times(item.event_count);
-    for (ModelTime& time : times) time = begin + draws.timeBetween(0, window + window / 16);
+    for (ModelTime& time : times) {
+        time = begin + draws.timeBetween(0, (window + window / 16) / grid) * grid;
+    }
     std::sort(times.begin(), times.end());
     // Some items redraw where both slopes of the drive are equal, or nearly. The samples at the
     // extremum then differ from those at the ends only in the last bits.
@@ -105,8 +112,10 @@ WindowWork drawItem(Draws& draws, bool strange, DrawnCall& call) {
         item.state.last_update = times.front();
     }
     for (const ModelTime time : times) {
-        const double value = even ? 0.0 : draws.between(-0.3, 1.0);
-        call.events.push_back({time, value, draws.oneIn(6), {}});
+        const double size = dense ? 0.03 : 1.0;
+        double value = even ? 0.0 : draws.between(-0.3, 1.0) * size;
+        if (dense && draws.oneIn(200)) value = draws.oneOf({0.0, -0.0, 3.0});
+        call.events.push_back({time, value, draws.oneIn(dense ? 60 : 6), {}});
     }
     if (draws.oneIn(12)) {
         item.drive.term_count = static_cast<std::int32_t>(draws.below(4));
@@ -162,6 +171,28 @@ std::vector<Kernel::WindowResult> compute(IWindowBackend& backend, const DrawnCa
     std::fill(bytes.begin(), bytes.end(), std::byte{0x5a});
     backend.processWindow(call.work, call.events, call.window_end, call.horizon, call.neuron,
                           call.firing, results);
+    return results;
+}
+
+std::vector<Kernel::WindowResult> computePlainly(const DrawnCall& call) {
+    std::vector<Kernel::WindowResult> results;
+    for (const WindowWork& item : call.work) {
+        Kernel::NeuronModel model(item.parameters, item.firing);
+        model.reach = 0.0;
+        model.minimum_adaptation = Kernel::infinity();
+        results.push_back(
+            Kernel::processWindow(item, model, call.events.data(), call.window_end, call.horizon));
+    }
+    return results;
+}
+
+std::vector<Kernel::WindowResult> withOneNan(std::vector<Kernel::WindowResult> results) {
+    for (Kernel::WindowResult& result : results) {
+        for (double* value : {&result.state.membrane, &result.state.adaptation,
+                              &result.state.hazard_bound, &result.next_bound}) {
+            if (Kernel::isNan(*value)) *value = Kernel::quietNan();
+        }
+    }
     return results;
 }
 

@@ -28,4 +28,11 @@ DrawnCall uniformCall(std::size_t item_count);
 /// Runs the call. Bytes of results that the backend does not write hold a pattern.
 std::vector<Kernel::WindowResult> compute(IWindowBackend& backend, const DrawnCall& call);
 
+/// The results of the kernel with each step in its turn: no draw and no sample is skipped.
+std::vector<Kernel::WindowResult> computePlainly(const DrawnCall& call);
+
+/// Replaces every NaN by the same one. Which of two NaN operands a sum returns is the compiler's
+/// choice, and it may choose differently in two copies of one text.
+std::vector<Kernel::WindowResult> withOneNan(std::vector<Kernel::WindowResult> results);
+
 }  // namespace Lumenar::Core::Kelm::Testing
