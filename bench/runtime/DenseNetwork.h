@@ -3,6 +3,8 @@
 #include <cstdint>
 
 #include "gate/BenchmarkWorkload.h"
+#include "kelm/kernel/NeuronModel.h"
+#include "kelm/network/SynapseGraph.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -12,8 +14,15 @@ inline constexpr std::uint64_t dense_fanout = 1000;
 /// The size of the dense network in the reports.
 inline constexpr BenchmarkScale dense_scale = {10'000, 1'500'000, 1'000'000'000, 25.0};
 
-/// A network with many random synapses per neuron. The last fifth of the neurons is inhibitory.
-/// Throws std::length_error for more synapses than a list can hold.
-BenchmarkWorkload buildDenseWorkload(const BenchmarkScale& scale);
+/// A network with many random synapses per neuron. The last fifth of the neurons is inhibitory. All
+/// neurons have equal parameters.
+struct DenseNetwork {
+    SynapseGraph graph;
+    Kernel::Neuron neuron;
+    Kernel::Firing firing;
+};
+
+/// Builds the network without a list of its synapses.
+DenseNetwork buildDenseNetwork(const BenchmarkScale& scale);
 
 }  // namespace Lumenar::Core::Kelm

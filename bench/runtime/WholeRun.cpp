@@ -176,17 +176,24 @@ Options parseOptions(const std::vector<std::string_view>& arguments) {
 }
 
 KelmRuntime makeRuntime(const Case& c, IWindowBackend& backend) {
-    BenchmarkWorkload workload =
-        c.dense ? buildDenseWorkload(c.scale) : buildBenchmarkWorkload(c.scale);
     std::unique_ptr<IEventStore> store;
     if (c.buckets != 0) {
-        store = std::make_unique<BucketEventStore>(workload.min_delay, c.buckets);
+        store = std::make_unique<BucketEventStore>(c.scale.min_delay, c.buckets);
     }
+    const auto make = [&](SynapseGraph&& graph, const Kernel::Neuron& neuron,
+                          const Kernel::Firing& firing) {
+        return makeKelmRuntime(std::move(graph), neuron, firing, benchmark_seed, c.scale.horizon,
+                               &backend, std::move(store));
+    };
+    if (c.dense) {
+        DenseNetwork network = buildDenseNetwork(c.scale);
+        return make(std::move(network.graph), network.neuron, network.firing);
+    }
+    BenchmarkWorkload workload = buildBenchmarkWorkload(c.scale);
     // The synapses are handed over, not copied: the peak is that of a program with one network.
-    return makeKelmRuntime(
+    return make(
         SynapseGraph(workload.neuron_count, workload.min_delay, std::move(workload.synapses)),
-        workload.neuron, workload.firing, benchmark_seed, workload.horizon, &backend,
-        std::move(store));
+        workload.neuron, workload.firing);
 }
 
 /// The backend of a case: threads, lanes, threads with lanes, or else the CPU backend.

@@ -38,23 +38,28 @@ bool readSynapse(BlobReader& in, Synapse& synapse, bool& routed) {
 
 }  // namespace
 
-SynapseGraph::SynapseGraph(std::uint64_t node_count, std::optional<ModelTime> min_delay,
-                           std::vector<Synapse> edges)
+SynapseGraph::SynapseGraph(Empty, std::uint64_t node_count, std::optional<ModelTime> min_delay,
+                           std::uint64_t edge_count)
     : node_count_(node_count), min_delay_(min_delay) {
     if (min_delay_ && *min_delay_ < 1) {
         throw InvalidSynapse(InvalidSynapse::min_delay_not_positive);
     }
-    synapses_.reserve(edges.size());
-    for (const Synapse& synapse : edges) {
-        if (const char* fault = faultOf(synapse, node_count_, min_delay_)) {
-            throw InvalidSynapse(fault);
-        }
-        synapses_.append(synapse, true);
-    }
-    routed_count_ = synapses_.size();
+    synapses_.reserve(edge_count);
+}
+
+SynapseGraph::SynapseGraph(std::uint64_t node_count, std::optional<ModelTime> min_delay,
+                           std::vector<Synapse> edges)
+    : SynapseGraph(Empty(), node_count, min_delay, edges.size()) {
+    for (const Synapse& synapse : edges) append(synapse);
     // Released here and not at the end of the caller's expression: the list is larger than the
     // table.
     std::vector<Synapse>().swap(edges);
+}
+
+void SynapseGraph::append(const Synapse& synapse) {
+    if (const char* fault = faultOf(synapse, node_count_, min_delay_)) throw InvalidSynapse(fault);
+    synapses_.append(synapse, true);
+    ++routed_count_;
 }
 
 /// Lists the routed synapses by source or by target. A list ascends by EdgeId: this order fixes the

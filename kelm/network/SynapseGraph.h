@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -36,6 +37,17 @@ public:
     /// invariant: endpoints, weight, delay, in this order.
     SynapseGraph(std::uint64_t node_count, std::optional<ModelTime> min_delay,
                  std::vector<Synapse> edges);
+
+    /// The same graph without a list, which would take more than three times its memory.
+    /// `synapse_at(id)` returns the synapse of each EdgeId below `edge_count`, called once each, in
+    /// ascending order.
+    template <class SynapseAt>
+    requires std::is_invocable_r_v<Synapse, SynapseAt&, EdgeId> SynapseGraph(
+        std::uint64_t node_count, std::optional<ModelTime> min_delay, std::uint64_t edge_count,
+        SynapseAt synapse_at)
+        : SynapseGraph(Empty(), node_count, min_delay, edge_count) {
+        for (EdgeId id = 0; id < edge_count; ++id) append(synapse_at(id));
+    }
 
     std::uint64_t nodeCount() const { return node_count_; }
     std::uint64_t edgeCount() const { return synapses_.size(); }
@@ -215,6 +227,13 @@ private:
         std::vector<NodeId> nodes;        ///< in the order of the first change
         std::vector<std::uint8_t> noted;  ///< by NodeId: 1 for a neuron in `nodes`
     };
+
+    /// Selects the constructor of a graph without synapses, with room for `edge_count` of them.
+    struct Empty {};
+    SynapseGraph(Empty, std::uint64_t node_count, std::optional<ModelTime> min_delay,
+                 std::uint64_t edge_count);
+    /// Adds a synapse while the graph is constructed.
+    void append(const Synapse& synapse);
 
     std::size_t checked(EdgeId id) const {
         if (id >= synapses_.size()) throw SynapseRoutingViolation(SynapseRoutingViolation::edge);

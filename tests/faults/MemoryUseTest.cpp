@@ -122,6 +122,18 @@ TEST(MemoryUse, ARestoreTakesOneCopyOfWhatItReads) {
     EXPECT_LT(peakBytes() - before, bytes + bytes / 8);
 }
 
+TEST(MemoryUse, AGraphMadeSynapseBySynapseTakesLittleMoreThanItKeeps) {
+    constexpr std::uint64_t neurons = 1000, synapses = 1'000'000;
+    const std::int64_t before = liveBytes();
+    restartPeak();
+    SynapseGraph graph(neurons, 10, synapses, [](EdgeId id) {
+        return Synapse{.source = id * neurons / synapses, .target = id % neurons, .delay = 10};
+    });
+    EXPECT_EQ(graph.outOffsets()[neurons], synapses);
+    // 20 bytes each, offsets, and the begin of a large page.
+    EXPECT_LT(peakBytes() - before, 24 * static_cast<std::int64_t>(synapses));
+}
+
 TEST(MemoryUse, AStoreLosesNothingWhenMemoryRunsOut) {
     // A call that fails is repeated. The results must equal those of the history without a failure,
     // whichever allocation fails.

@@ -95,6 +95,18 @@ TEST(SynapseGraph, RefusesTheFirstFaultOfTheFirstSynapseThatHasOne) {
     EXPECT_NO_THROW(building(5, {synapse(0, 1, -0.0F, 5), synapse(1, 0, 0.0F, last_model_time)})());
 }
 
+TEST(SynapseGraph, IsTheSameWithoutAListOfItsSynapses) {
+    std::vector<Synapse> list = {synapse(1, 0), synapse(0, 1, 2.0F, 30, true), synapse(0, 0)};
+    list[2].reserved_d = 7;
+    const auto building = [&] {
+        return SynapseGraph(2, 10, list.size(), [&](EdgeId id) { return list[id]; });
+    };
+    EXPECT_EQ(building().snapshot(), SynapseGraph(2, 10, list).snapshot());
+    EXPECT_EQ(copyOf(building().outgoing(0)), (Edges{1, 2}));
+    list[1].delay = 9;
+    expectThrows<InvalidSynapse>(building, delay_text);
+}
+
 TEST(SynapseGraph, ListsTheSynapsesOfEachNeuronInAscendingOrder) {
     // Compared with a search through all synapses. Few neurons, so that self-loops and parallel
     // synapses are frequent, and some neurons have no synapse.
