@@ -34,8 +34,9 @@ namespace Lumenar::Core::Kelm {
 namespace {
 
 constexpr const char* usage_text =
-    "usage: kelm-whole-run [--floor] [option value[,value...]]...\n"
+    "usage: kelm-whole-run [--floor] [--json] [option value[,value...]]...\n"
     "  --floor        repeats the backend's part of each run alone and compares\n"
+    "  --json         prints each run as a line of JSON, instead of the medians\n"
     "  --lanes        instruction set of vector lanes: avx2, avx512 or none (default)\n"
     "  --network      reports (default) or dense; sets the network's size, so it comes first\n"
     "  --neurons      neurons of the network\n"
@@ -70,6 +71,7 @@ struct Options {
     std::vector<Case> cases = std::vector<Case>(1);
     int repetitions = 5;
     bool floor = false;
+    bool json = false;
 };
 
 /// The figures of one run, passed to the parent process as bytes.
@@ -81,6 +83,9 @@ struct Measurement {
     std::uint64_t spikes = 0;
     std::uint64_t log_hash = 0;
     WindowProfile profile;
+    std::uint64_t synapses = 0;
+    std::uint64_t synaptic_deliveries = 0;  ///< before the end of the run
+    std::uint64_t wiring_sum = 0;   ///< of (place from 1) * target over the synapses, modulo 2^64
     double floor_seconds = 0.0;     ///< processor time of the backend's part alone, with --floor
     std::uint64_t floor_items = 0;  ///< work items of the run
 };
@@ -159,8 +164,8 @@ Options parseOptions(const std::vector<std::string_view>& arguments) {
     Options options;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         const std::string_view option = arguments[i];
-        if (option == "--floor") {
-            options.floor = true;
+        if (option == "--floor" || option == "--json") {
+            (option == "--floor" ? options.floor : options.json) = true;
             continue;
         }
         if (++i == arguments.size()) {
@@ -208,6 +213,20 @@ std::unique_ptr<IWindowBackend> makeBackend(const Case& c) {
     return std::make_unique<CpuWindowBackend>();
 }
 
+/// Describes the wiring and counts the synaptic inputs. All neurons have equally many synapses, and
+/// all synapses the same delay.
+void describeNetwork(const Case& c, KelmRuntime& runtime, Measurement& result) {
+    const SynapseGraph& graph = runtime.graph();
+    result.synapses = graph.edgeCount();
+    for (EdgeId id = 0; id < result.synapses; ++id) {
+        result.wiring_sum += (id + 1) * graph.target(id);
+    }
+    const std::uint64_t fanout = result.synapses / graph.nodeCount();
+    for (const SpikeRecord& spike : runtime.spikeLog()) {
+        if (spike.time < endOf(c) - c.scale.min_delay) result.synaptic_deliveries += fanout;
+    }
+}
+
 /// `share`: whether to measure the backend's share, which reads the clock twice in each part.
 Measurement measureRun(const Case& c, bool share) {
     using Clock = std::chrono::steady_clock;
@@ -230,6 +249,7 @@ Measurement measureRun(const Case& c, bool share) {
     result.spikes = runtime.spikeLog().size();
     result.log_hash = runtime.logHash();
     result.profile = runtime.profile();
+    describeNetwork(c, runtime, result);
     return result;
 }
 
@@ -248,10 +268,21 @@ void measureFloor(const Case& c, Measurement& result) {
     result.floor_seconds = recorder.replay();
 }
 
-Measurement measure(const Case& c, bool floor) {
-    Measurement result = measureRun(c, !floor);
-    if (floor) measureFloor(c, result);
+Measurement measure(const Case& c, const Options& options) {
+    Measurement result = measureRun(c, !options.floor && !options.json);
+    if (options.floor) measureFloor(c, result);
     return result;
+}
+
+void printJson(const Measured<Measurement>& turn) {
+    const Measurement& run = turn.result;
+    std::printf(
+        "{\"wall_s\": %.6f, \"processor_s\": %.6f, \"building_s\": %.6f, \"spikes\": %" PRIu64
+        ", \"synaptic_deliveries\": %" PRIu64 ", \"synapses\": %" PRIu64
+        ", \"peak_bytes\": %" PRIu64 ", \"wiring_sum\": %" PRIu64 ", \"log_hash\": \"0x%016" PRIx64
+        "\"}\n",
+        run.seconds, run.cpu_seconds, run.setup_seconds, run.spikes, run.synaptic_deliveries,
+        run.synapses, turn.peak_bytes, run.wiring_sum, run.log_hash);
 }
 
 Spread spreadOf(const Turns& turns, double Measurement::*field) {
@@ -367,16 +398,18 @@ void runAll(const Options& options) {
     std::vector<Turns> turns(options.cases.size());
     for (int turn = 0; turn < options.repetitions; ++turn) {
         for (std::size_t i = 0; i < options.cases.size(); ++i) {
-            turns[i].push_back(measureInChild<Measurement>(
-                [&] { return measure(options.cases[i], options.floor); }));
+            turns[i].push_back(
+                measureInChild<Measurement>([&] { return measure(options.cases[i], options); }));
             requireEqual(turns[i].back().result, turns[i].front().result,
                          "two runs of one case differ");
             if (sameModel(options.cases[i], options.cases[0])) {
                 requireEqual(turns[i].back().result, turns[0].front().result,
                              "two backends or rings differ on one model");
             }
+            if (options.json) printJson(turns[i].back());
         }
     }
+    if (options.json) return;
     std::vector<Summary> summaries;
     for (std::size_t i = 0; i < turns.size(); ++i) {
         summaries.push_back(summarise(turns[i]));
