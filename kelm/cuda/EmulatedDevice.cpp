@@ -21,6 +21,8 @@ constinit thread_local std::uint64_t emulated_thread_index = 0;
 
 namespace {
 
+using Emulation::Counts;
+
 constexpr Status success = 0;
 constexpr Status out_of_memory = 2;
 constexpr Status no_device = 100;
@@ -154,18 +156,23 @@ struct Emulator {
     std::vector<std::uint64_t> order;  ///< of the threads of the launch in progress
     std::uint64_t launches = 0;
     std::uint64_t operations = 0;
+    Counts counts;
     std::optional<std::uint64_t> failing_operation;
     Status failing_status = success;
     Status last_status = success;
     std::uint64_t live_allocations = 0;
     Workers workers;
 
-    /// Counts an operation and returns its status.
-    Status begin() {
+    /// Counts an operation, which is one of `calls`, and returns its status.
+    Status begin(std::uint64_t Counts::*calls) {
         const std::uint64_t operation = operations++;
-        if (failing_operation != operation) return present ? success : no_device;
-        failing_operation.reset();
-        return failing_status;
+        Status status = present ? success : no_device;
+        if (failing_operation == operation) {
+            failing_operation.reset();
+            status = failing_status;
+        }
+        if (status == success) ++(counts.*calls);
+        return status;
     }
 
     /// A permuted order of the threads, or null. It differs from launch to launch and is the same
@@ -205,26 +212,27 @@ const char* statusText(Status status) {
 
 Status deviceCount(int& count) {
     count = 0;
-    if (const Status status = emulator().begin(); status != success) return status;
+    if (const Status status = emulator().begin(&Counts::queries); status != success) return status;
     count = 1;
     return success;
 }
 
 Status currentDevice(int& device) {
-    if (const Status status = emulator().begin(); status != success) return status;
+    if (const Status status = emulator().begin(&Counts::queries); status != success) return status;
     device = 0;
     return success;
 }
 
 Status deviceName(int, std::string& name) {
-    if (const Status status = emulator().begin(); status != success) return status;
+    if (const Status status = emulator().begin(&Counts::queries); status != success) return status;
     name = "host emulation";
     return success;
 }
 
 Status allocateBytes(void*& block, std::uint64_t bytes) {
     block = nullptr;
-    if (const Status status = emulator().begin(); status != success) return status;
+    if (const Status status = emulator().begin(&Counts::allocations); status != success)
+        return status;
     if (bytes > max_block_bytes) return out_of_memory;
     // Not zero, as on a device, so that a read before the first write shows.
     block = std::malloc(std::max<std::uint64_t>(bytes, 1));
@@ -236,44 +244,49 @@ Status allocateBytes(void*& block, std::uint64_t bytes) {
 
 Status releaseBlock(void* block) {
     if (block == nullptr) return success;
-    const Status status = emulator().begin();
+    const Status status = emulator().begin(&Counts::releases);
     std::free(block);
     --emulator().live_allocations;
     return status;
 }
 
 Status upload(void* device, const void* host, std::uint64_t bytes) {
-    if (const Status status = emulator().begin(); status != success) return status;
+    if (const Status status = emulator().begin(&Counts::uploads); status != success) return status;
+    emulator().counts.uploaded_bytes += bytes;
     if (bytes != 0) std::memcpy(device, host, bytes);
     return success;
 }
 
 Status download(void* host, const void* device, std::uint64_t bytes) {
-    if (const Status status = emulator().begin(); status != success) return status;
+    if (const Status status = emulator().begin(&Counts::downloads); status != success)
+        return status;
+    emulator().counts.downloaded_bytes += bytes;
     if (bytes != 0) std::memcpy(host, device, bytes);
     return success;
 }
 
 Status clear(void* device, std::uint64_t bytes) {
-    if (const Status status = emulator().begin(); status != success) return status;
+    if (const Status status = emulator().begin(&Counts::clears); status != success) return status;
+    emulator().counts.cleared_bytes += bytes;
     if (bytes != 0) std::memset(device, 0, bytes);
     return success;
 }
 
 Status lastStatus() { return std::exchange(emulator().last_status, success); }
 
-Status synchronise() { return emulator().begin(); }
+Status synchronise() { return emulator().begin(&Counts::synchronisations); }
 
 void runThreads(ThreadRange range, const void* launch, std::uint64_t thread_count) {
     Emulator& device = emulator();
-    device.last_status = device.begin();
+    device.last_status = device.begin(&Counts::launches);
     if (device.last_status != success) return;
     device.workers.run(range, launch, thread_count, device.permute(thread_count));
     ++device.launches;
+    device.counts.threads += thread_count;
 }
 
 void beginLibraryCall() {
-    if (const Status status = emulator().begin(); status != success) {
+    if (const Status status = emulator().begin(&Counts::library_calls); status != success) {
         throw std::runtime_error(statusText(status));
     }
 }
@@ -293,6 +306,8 @@ void failOperation(std::uint64_t n, int status) {
 void failNothing() { emulator().failing_operation.reset(); }
 
 std::uint64_t operationCount() { return emulator().operations; }
+
+Counts counts() { return emulator().counts; }
 
 std::uint64_t liveAllocations() { return emulator().live_allocations; }
 

@@ -27,6 +27,28 @@ void failNothing();
 /// The number of operations since the process started.
 std::uint64_t operationCount();
 
+/// Calls since the process started, by kind, without those that failOperation or setPresent made
+/// fail, and what they moved. On a device the host waits in an upload, a download, a
+/// synchronisation and a release. A sort or a scan is one call here and several launches there.
+struct Counts {
+    std::uint64_t queries = 0;
+    std::uint64_t allocations = 0;
+    std::uint64_t releases = 0;
+    std::uint64_t uploads = 0;
+    std::uint64_t downloads = 0;
+    std::uint64_t clears = 0;
+    std::uint64_t synchronisations = 0;
+    std::uint64_t launches = 0;
+    std::uint64_t library_calls = 0;
+    std::uint64_t uploaded_bytes = 0;
+    std::uint64_t downloaded_bytes = 0;
+    std::uint64_t cleared_bytes = 0;
+    std::uint64_t threads = 0;  ///< of all launches
+
+    friend bool operator==(const Counts&, const Counts&) = default;
+};
+Counts counts();
+
 /// The number of blocks that are allocated and not released.
 std::uint64_t liveAllocations();
 

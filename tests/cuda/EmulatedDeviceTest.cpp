@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "kelm/core/Failures.h"
+#include "kelm/cuda/CudaWindowBackend.h"
 #include "kelm/cuda/DeviceLayer.h"
 #include "kelm/cuda/TemporaryMemory.h"
 #include "tests/support/EmulatedDeviceFixture.h"
@@ -80,6 +81,42 @@ TEST_F(EmulatedDevice, FailsTheOperationOfItsControlsAndEveryOneWhenThereIsNoDev
     std::uint64_t* words = nullptr;
     EXPECT_EQ(Device::allocate(words, std::uint64_t{1} << 60), 2) << "more than the device has";
     EXPECT_EQ(Device::allocate(words, std::uint64_t{1} << 61), 2) << "more than 64 bits of bytes";
+}
+
+TEST_F(EmulatedDevice, CountsWhatItIsCalledForAndWhatItMoves) {
+    const Emulation::Counts before = Emulation::counts();
+    std::uint64_t* words = nullptr;
+    const std::uint64_t from[] = {1, 2, 3};
+    std::uint64_t to = 0;
+    TemporaryMemory memory;
+    EXPECT_TRUE(cudaDeviceUsable());
+    EXPECT_EQ(Device::allocate(words, 5), 0);
+    EXPECT_EQ(Device::upload(words, from, 24), 0);
+    EXPECT_EQ(Device::clear(words, 16), 0);
+    Device::exclusiveScan(words, 3, words, memory);
+    Emulation::failOperation(0, 7);
+    EXPECT_EQ(Device::download(&to, words, 40), 7) << "not counted";
+    EXPECT_EQ(Device::download(&to, words + 1, 8), 0);
+    orderOfLaunch(3);
+    EXPECT_EQ(Device::synchronise(), 0);
+    memory.release();
+    EXPECT_EQ(Device::releaseBlock(words), 0);
+
+    Emulation::Counts after = before;
+    after.queries += 1;
+    after.allocations += 2;
+    after.releases += 2;
+    after.uploads += 1;
+    after.downloads += 1;
+    after.clears += 1;
+    after.synchronisations += 1;
+    after.launches += 1;
+    after.library_calls += 1;
+    after.uploaded_bytes += 24;
+    after.downloaded_bytes += 8;
+    after.cleared_bytes += 16;
+    after.threads += 3 * block_size;
+    EXPECT_EQ(Emulation::counts(), after);
 }
 
 TEST_F(EmulatedDevice, TakesTemporaryMemoryOfALibraryCallFromItsAllocator) {
