@@ -76,7 +76,6 @@ public:
         processWindow();
         countArrivals();
         const auto spikes = download(arena_.counters.window_spikes, "download window spike count");
-        scanCounts();
         const std::uint64_t next = task_.fanout * spikes;
         if (next > arena_.arrival_capacity) {
             run_.capacity_ok = false;
@@ -179,14 +178,11 @@ private:
         launchForNeurons<countResidentTargets>("count resident targets");
     }
 
-    void scanCounts() {
+    void emitArrivals() {
         Device::exclusiveScan(arena_.neurons.fanout_counts, task_.node_count,
                               arena_.neurons.fanout_offsets, temporary_memory_);
         Device::exclusiveScan(arena_.neurons.target_counts, task_.node_count,
                               arena_.neurons.target_offsets, temporary_memory_);
-    }
-
-    void emitArrivals() {
         clear(arena_.neurons.target_cursors, task_.node_count, "clear resident target cursors");
         launchForNeurons<emitResidentFanout>("emit resident fan-out", sequence_base_, task_.window,
                                              arena_.next_bucket);
