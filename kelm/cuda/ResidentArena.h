@@ -28,11 +28,28 @@ struct ResidentNeurons {
     std::uint64_t* target_cursors;  ///< arrivals written so far to the neuron's segment
 };
 
+/// The neurons with an arrival or a due candidate in a window, each once, in an order that depends
+/// on scheduling.
+struct ActiveNeurons {
+    std::uint64_t* count;
+    std::uint64_t* neurons;  ///< room for all neurons
+
+    /// A list in a bucket that is not in use. The bucket has room for one arrival a neuron.
+    static ActiveNeurons in(ShardArrival* bucket) {
+        static_assert(sizeof(ShardArrival) >= 2 * sizeof(std::uint64_t));
+        auto* const words = reinterpret_cast<std::uint64_t*>(bucket);
+        return {words, words + 1};
+    }
+};
+
+/// Added to window_spikes in a window with an active neuron.
+inline constexpr std::uint64_t busy_window = std::uint64_t{1} << 63;
+
 /// What the neurons of a resident run count and log together.
 struct ResidentCounters {
     std::uint64_t fire_capacity;   ///< spikes that the log can hold
     std::uint64_t* total_spikes;   ///< of the run
-    std::uint64_t* window_spikes;  ///< of the current window
+    std::uint64_t* window_spikes;  ///< of the current window, see busy_window
     DeviceFire* fire_log;
     ResidentFlags* flags;
     ResidentMetrics* metrics;

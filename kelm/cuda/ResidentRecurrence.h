@@ -42,9 +42,9 @@ struct ResidentRun {
 
 /// Computes a whole run on the device, for a network in which every neuron has `fanout` synapses,
 /// all enabled and all with the delay `window`. Every arrival of a window then falls into the next
-/// one, so two buckets take the place of an event store, and the host reads 8 bytes in a window
-/// with spikes, 16 in one without. One thread sorts all arrivals of a neuron, so a neuron with very
-/// many incoming synapses can take very long.
+/// one, so two buckets take the place of an event store, and the host reads 8 bytes a window. One
+/// thread sorts all arrivals of a neuron, so a neuron with very many incoming synapses can take
+/// very long.
 ///
 /// `backend`: its device memory is used. `shards`: checked, without other effect. `neuron`,
 /// `firing`: the parameters of every neuron. `window`: ns. `horizon`: ns; the run ends with the

@@ -59,8 +59,10 @@ public:
         clear(arena_.counters.total_spikes, 1, "clear resident spikes");
         clear(arena_.counters.flags, 1, "clear resident fire overflow");
         clear(arena_.counters.metrics, 1, "clear resident metrics");
+        clear(active().count, 1, "clear resident active count");
         launchForNeurons<initializeResidentNeurons>("launch resident initialization", model_.neuron,
-                                                    model_.firing, terms(), task_.horizon);
+                                                    model_.firing, terms(), task_.horizon, active(),
+                                                    task_.window);
         checkCuda(Device::synchronise(), "synchronise resident initialization");
         loop_start_ = std::chrono::steady_clock::now();
         run_.setup_seconds = secondsBetween(start_, loop_start_);
@@ -75,14 +77,14 @@ public:
         taken_ += arrivals_;
         processWindow();
         countArrivals();
-        const auto spikes = download(arena_.counters.window_spikes, "download window spike count");
-        const std::uint64_t next = task_.fanout * spikes;
+        const auto counted = download(arena_.counters.window_spikes, "download window spike count");
+        const std::uint64_t next = task_.fanout * (counted & ~busy_window);
         if (next > arena_.arrival_capacity) {
             run_.capacity_ok = false;
             return false;
         }
         if (next != 0) emitArrivals();
-        countWindow(spikes);
+        countWindow((counted & busy_window) != 0);
         sequence_base_ += next;
         std::swap(arena_.current_bucket, arena_.next_bucket);
         arrivals_ = next;
@@ -167,13 +169,20 @@ private:
                                                arena_.window_events);
             checkCuda(Device::lastStatus(), "convert resident bucket");
         }
-        const ResidentWindow window{arena_.window_events, arrivals_, window_end_, task_.horizon};
+        const ResidentWindow window{arena_.window_events, active(), nextActive().count, window_end_,
+                                    task_.horizon};
         launchForNeurons<processResidentWindow>("process resident window", arena_.counters, window,
                                                 model_.neuron, model_.firing, terms());
     }
 
+    /// The active neurons of the current window, in the bucket that is written after them.
+    ActiveNeurons active() const { return ActiveNeurons::in(arena_.next_bucket); }
+    /// The active neurons of the next window, in the bucket that has been converted.
+    ActiveNeurons nextActive() const { return ActiveNeurons::in(arena_.current_bucket); }
+    ModelTime nextEnd() const { return window_end_ + task_.window; }
+
     void countArrivals() {
-        launchForNeurons<countResidentFanout>("count resident fan-out");
+        launchForNeurons<countResidentFanout>("count resident fan-out", nextActive(), nextEnd());
         clear(arena_.neurons.target_counts, task_.node_count, "clear resident target counts");
         launchForNeurons<countResidentTargets>("count resident targets");
     }
@@ -187,20 +196,12 @@ private:
         launchForNeurons<emitResidentFanout>("emit resident fan-out", sequence_base_, task_.window,
                                              arena_.next_bucket);
         launchForNeurons<sortResidentTargetSegments>("sort resident target segments",
-                                                     arena_.next_bucket);
+                                                     arena_.next_bucket, nextActive(), nextEnd());
     }
 
-    /// Counts the window, and counts it in the profile if the ordinary loop would: if it had an
-    /// arrival or a due candidate. A spike comes from one of them.
-    void countWindow(std::uint64_t spikes) {
-        bool busy = arrivals_ != 0 || spikes != 0;
-        if (spikes == 0) {
-            // The next window has no arrivals, so the count is up to date whenever it decides.
-            const std::uint64_t due =
-                download(&arena_.counters.metrics->due_candidates, "download due candidate count");
-            busy = busy || due != due_candidates_;
-            due_candidates_ = due;
-        }
+    /// Counts the window, and counts it in the profile if the ordinary loop would: if a neuron was
+    /// active in it.
+    void countWindow(bool busy) {
         if (busy) {
             ++run_.profile.windows;
             run_.last_window = run_.windows;
@@ -270,11 +271,10 @@ private:
     Kernel::NeuronModel model_;
     ResidentArena arena_;
     TemporaryMemory temporary_memory_;
-    ModelTime window_end_ = 0;          ///< of the current window
-    std::uint64_t arrivals_ = 0;        ///< in the current bucket
-    std::uint64_t taken_ = 0;           ///< arrivals that windows have taken
-    std::uint64_t sequence_base_ = 0;   ///< arrivals emitted so far
-    std::uint64_t due_candidates_ = 0;  ///< in all windows up to the last one without a spike
+    ModelTime window_end_ = 0;         ///< of the current window
+    std::uint64_t arrivals_ = 0;       ///< in the current bucket
+    std::uint64_t taken_ = 0;          ///< arrivals that windows have taken
+    std::uint64_t sequence_base_ = 0;  ///< arrivals emitted so far
     ResidentRun run_;
 };
 

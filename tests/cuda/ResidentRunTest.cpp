@@ -134,7 +134,7 @@ TEST_F(ResidentRunTest, IsDeclinedWhereItCouldNotEqualTheOrdinaryLoop) {
          nothing, true},
         {"whole blocks of threads",
          [](GeneratedModel& m) {
-             m = ringModel(256, 2, m.d_min, 20);
+             m = ringModel(768, 2, m.d_min, 20);
              changeRates(m, 60.0);
          },
          nothing, true},
@@ -287,6 +287,34 @@ TEST_F(ResidentRunTest, RunsAsManyStepsAsThereAreWholeWindows) {
         EXPECT_EQ(run.profile.windows, 0);
         EXPECT_EQ(run.log_hash, digest_start);
     }
+}
+
+// The calls of a window: counts and their kernels; a conversion if it has arrivals; sums and the
+// kernels that write arrivals if it has spikes.
+TEST_F(ResidentRunTest, MakesOnlyTheCallsThatAWindowNeeds) {
+    GeneratedModel model = livelyModel();
+    changeRates(model, 20.0);
+    model.horizon = 100 * model.d_min;
+    WindowEngine engine = makeEngine(model);
+    engine.run(cpu);
+    std::set<ModelTime> firing;
+    for (const SpikeRecord& spike : engine.spikeLog()) firing.insert(spike.time / model.d_min);
+    const std::uint64_t spiking = firing.size();
+    const std::uint64_t receiving = spiking - firing.count(99);
+    EXPECT_TRUE(spiking > 5 && spiking < 50) << spiking;
+
+    SynapseGraph graph = model.graph();
+    device.prepareResident(graph, model.fanout());
+    const Emulation::Counts before = Emulation::counts();
+    runResidentRecurrence(device, graph, model.fanout(), 1, model.neurons[0], model.firings[0],
+                          model.d_min, model.horizon, model.run_seed);
+    const Emulation::Counts after = Emulation::counts();
+    EXPECT_EQ(after.uploads - before.uploads, 3);
+    EXPECT_EQ(after.downloads - before.downloads, 100 + 8 + firing.count(99));
+    EXPECT_EQ(after.synchronisations - before.synchronisations, 2);
+    EXPECT_EQ(after.clears - before.clears, 4 + 2 * 100 + spiking);
+    EXPECT_EQ(after.launches - before.launches, 1 + 3 * 100 + receiving + 2 * spiking);
+    EXPECT_EQ(after.library_calls - before.library_calls, 2 * spiking + 1);
 }
 
 TEST_F(ResidentRunTest, RefusesWhatItCannotRun) {
