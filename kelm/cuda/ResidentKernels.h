@@ -123,7 +123,8 @@ KELM_DEVICE inline void processNeuron(std::uint64_t i, const ResidentNeurons& ne
     if (result.spike_count == 0) return;
     neurons.fanout_counts[i] = static_cast<std::uint64_t>(result.spike_count);
     neurons.results[i] = result;
-    logSpikes(i, result, counters);
+    // Not `result`: for a second reader nvcc keeps the record on the stack twice, in every walk.
+    logSpikes(i, neurons.results[i], counters);
 }
 
 /// The place in the list of active neurons that a thread of processResidentWindow serves. Every
