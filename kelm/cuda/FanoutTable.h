@@ -29,21 +29,22 @@ enum class FanoutFault { none, fanout, edge };
 template <class Accepts>
 FanoutFault buildFanoutTable(SynapseGraph& graph, std::uint64_t fanout, FanoutTable& table,
                              Accepts accepts) {
+    const std::span<const std::uint64_t> offsets = graph.outOffsets();
+    const auto add = [&](const Synapse& synapse) {
+        if (!accepts(synapse)) return false;
+        table.targets.push_back(synapse.target);
+        table.values.push_back(deliveredValue(synapse));
+        return true;
+    };
     for (NodeId node = 0; node < graph.nodeCount(); ++node) {
-        const std::span<const EdgeId> edges = graph.outgoing(node);
-        if (edges.size() != fanout) return FanoutFault::fanout;
+        if (offsets[node + 1] - offsets[node] != fanout) return FanoutFault::fanout;
         if (node == 0) {
             // The minimum keeps a wrong fan-out from reserving more than the network holds.
             const std::uint64_t entries = std::min(graph.nodeCount() * fanout, graph.edgeCount());
             table.targets.reserve(entries);
             table.values.reserve(entries);
         }
-        for (const EdgeId id : edges) {
-            const Synapse synapse = graph.edge(id);
-            if (!accepts(synapse)) return FanoutFault::edge;
-            table.targets.push_back(synapse.target);
-            table.values.push_back(deliveredValue(synapse));
-        }
+        if (!graph.visitOutgoing(node, add)) return FanoutFault::edge;
     }
     return FanoutFault::none;
 }

@@ -351,7 +351,8 @@ bool tryResidentRunFrom(CudaWindowBackend& backend, WindowEngine& engine,
     const ModelTime horizon = engine.horizon();
     // The device stops after the last whole window, and adds times without a check.
     if (horizon % window != 0 || horizon > last_model_time - window) return false;
-    const std::uint64_t fanout = graph.outgoing(0).size();
+    // outgoing(0) would build a list of all synapses.
+    const std::uint64_t fanout = graph.outOffsets()[1] - graph.outOffsets()[0];
     if (fanout == 0) return false;
 
     const auto shards = static_cast<std::uint32_t>(std::min(node_count, max_resident_shards));

@@ -73,6 +73,17 @@ public:
     /// Shape (routedCount()): all outgoing lists, one after the other.
     std::span<const EdgeId> outEdges();
 
+    /// Calls visit(synapse) for each synapse that leaves `node`, ascending by EdgeId, until a call
+    /// returns false; returns false then. Builds no list. `node` must lie in the network.
+    template <class Visit>
+    bool visitOutgoing(NodeId node, Visit visit) {
+        const Routes& routes = outRoutes();
+        for (std::uint64_t i = routes.offsets[node]; i < routes.offsets[node + 1]; ++i) {
+            if (!visit(synapses_[routes.ascending ? i : routes.edges[i]])) return false;
+        }
+        return true;
+    }
+
     /// The window length of a run in ns: the declared smallest delay, else the smallest delay of
     /// all routed synapses, enabled or not. No value for a network that has neither.
     std::optional<ModelTime> dMin();

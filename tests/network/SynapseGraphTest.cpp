@@ -118,6 +118,7 @@ TEST(SynapseGraph, ListsTheSynapsesOfEachNeuronInAscendingOrder) {
         for (std::uint64_t i = draws.below(60); i-- > 0;) {
             edges.push_back(synapse(draws.below(node_count), draws.below(node_count)));
             edges.back().enabled = !draws.oneIn(4);
+            edges.back().delay = static_cast<ModelTime>(edges.size());  // shows the id
         }
         Edges unrouted;
         for (EdgeId id = 0; id < edges.size(); ++id) {
@@ -136,6 +137,13 @@ TEST(SynapseGraph, ListsTheSynapsesOfEachNeuronInAscendingOrder) {
                 if (edges[id].source == node) out.push_back(id);
                 if (edges[id].target == node) in.push_back(id);
             }
+            Edges visited;
+            const auto visit = [&](const Synapse& edge) {
+                visited.push_back(static_cast<EdgeId>(edge.delay - 1));
+                return true;
+            };
+            ASSERT_TRUE(graph.visitOutgoing(node, visit));
+            ASSERT_EQ(visited, out) << "of neuron " << node;
             ASSERT_EQ(copyOf(graph.outgoing(node)), out) << "of neuron " << node;
             ASSERT_EQ(copyOf(graph.incoming(node)), in) << "of neuron " << node;
             all.insert(all.end(), out.begin(), out.end());
