@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "kelm/core/LargePages.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/engine/SpikeRecord.h"
 #include "kelm/engine/WindowProfile.h"
@@ -25,9 +26,9 @@ struct ResidentRun {
     std::uint64_t windows = 0;     ///< steps of the loop, including steps in which nothing happened
     std::uint64_t log_hash = 0;    ///< digest of log
     std::uint64_t state_hash = 0;  ///< digest of states
-    std::uint64_t random_hash = 0;  ///< digest of random_states
-    bool capacity_ok = false;       ///< no bucket and no log was too small, so the rest is valid
-    std::vector<Kernel::State> states;         ///< shape (neurons)
+    std::uint64_t random_hash = 0;     ///< digest of random_states
+    bool capacity_ok = false;          ///< no bucket and no log was too small, so the rest is valid
+    LargeArray<Kernel::State> states;  ///< shape (neurons)
     std::vector<std::uint64_t> random_states;  ///< shape (neurons)
     std::vector<ModelTime> candidate_times;    ///< shape (neurons), ns, or no_time
     std::vector<double> candidate_rates;       ///< shape (neurons), spikes/s

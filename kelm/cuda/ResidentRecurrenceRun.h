@@ -144,11 +144,11 @@ private:
         return value;
     }
 
-    template <class T>
-    static std::vector<T> download(const T* section, std::uint64_t count, const char* what) {
-        std::vector<T> values(count);
+    /// Replaces `values`, a vector, by the first `count` elements of a section.
+    template <class Values, class T>
+    static void download(Values& values, const T* section, std::uint64_t count, const char* what) {
+        values.resize(count);
         checkCuda(Device::download(values.data(), section, count * sizeof(T)), what);
-        return values;
     }
 
     const Kernel::NeuronTerms& terms() const { return model_; }
@@ -230,12 +230,12 @@ private:
 
     void downloadNeurons() {
         const std::uint64_t count = task_.node_count;
-        run_.states = download(arena_.neurons.states, count, "download resident states");
-        run_.random_states = download(arena_.neurons.random, count, "download resident final RNG");
-        run_.candidate_times =
-            download(arena_.neurons.pending_times, count, "download resident pending times");
-        run_.candidate_rates =
-            download(arena_.neurons.pending_rates, count, "download resident pending bounds");
+        download(run_.states, arena_.neurons.states, count, "download resident states");
+        download(run_.random_states, arena_.neurons.random, count, "download resident final RNG");
+        download(run_.candidate_times, arena_.neurons.pending_times, count,
+                 "download resident pending times");
+        download(run_.candidate_rates, arena_.neurons.pending_rates, count,
+                 "download resident pending bounds");
         run_.state_hash = digestImages<Kernel::State>(run_.states);
         run_.random_hash = digestImages<std::uint64_t>(run_.random_states);
     }
@@ -251,8 +251,10 @@ private:
 
     void downloadPending() {
         if (arrivals_ == 0) return;
-        for (const ShardArrival& arrival :
-             download(arena_.current_bucket, arrivals_, "download resident future bucket")) {
+        std::vector<ShardArrival> arrivals;
+        download(arrivals, arena_.current_bucket, arrivals_, "download resident future bucket");
+        run_.pending_events.reserve(arrivals.size());
+        for (const ShardArrival& arrival : arrivals) {
             Event event;
             event.time = arrival.time;
             event.id = arrival.sequence;

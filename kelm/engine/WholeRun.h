@@ -4,6 +4,7 @@
 #include <optional>
 #include <vector>
 
+#include "kelm/core/LargePages.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/engine/SpikeRecord.h"
 #include "kelm/engine/WindowProfile.h"
@@ -15,9 +16,9 @@ namespace Lumenar::Core::Kelm {
 
 /// The result of a run that a backend has taken to the horizon by itself.
 struct WholeRun {
-    std::vector<Kernel::State> states;         ///< shape (neurons)
+    LargeArray<Kernel::State> states;          ///< shape (neurons)
     std::vector<std::uint64_t> random_states;  ///< shape (neurons)
-    std::vector<CandidateSlot> candidates;     ///< shape (neurons), none with an event
+    LargeArray<CandidateSlot> candidates;      ///< shape (neurons), none with an event
     std::vector<SpikeRecord> log;              ///< by time, then neuron
     WindowProfile profile;
     std::vector<Event> pending_events;  ///< in the order in which they are to be posted

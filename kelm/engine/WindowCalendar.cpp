@@ -142,10 +142,11 @@ bool WindowCalendar::restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots)
     return true;
 }
 
-void WindowCalendar::resume(std::span<const CandidateSlot> candidates,
+void WindowCalendar::resume(LargeArray<CandidateSlot>&& candidates,
                             std::optional<std::int64_t> next_window,
                             std::span<const Event> events) {
-    std::copy(candidates.begin(), candidates.end(), slots_.begin());
+    tree_.reset(candidates.size());
+    slots_ = std::move(candidates);
     if (next_window) calendar_.resumeAt(*next_window);
     for (const Event& event : events) calendar_.post(event);
 }

@@ -96,9 +96,10 @@ public:
     /// it had changed itself.
     [[nodiscard]] bool restore(BlobView blob, LargeArray<CandidateSlot>&& slots);
 
-    /// For a new calendar of its own: sets the candidates, none of which names an event, moves the
-    /// cursor to `next_window`, if there is one, and posts `events` in their order.
-    void resume(std::span<const CandidateSlot> candidates, std::optional<std::int64_t> next_window,
+    /// For a new calendar of its own, of no neurons: takes over the candidates, shape (neurons),
+    /// none of which names an event, moves the cursor to `next_window`, if there is one, and posts
+    /// `events` in their order.
+    void resume(LargeArray<CandidateSlot>&& candidates, std::optional<std::int64_t> next_window,
                 std::span<const Event> events);
 
 private:

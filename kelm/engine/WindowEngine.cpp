@@ -184,11 +184,10 @@ bool WindowEngine::isPristine() {
 }
 
 void WindowEngine::adoptWholeRun(WholeRun&& run) {
-    LargeArray<Kernel::State> states(run.states.begin(), run.states.end());
-    WindowCalendar calendar(*calendar_.windowWidth(), graph_.nodeCount());
-    calendar.resume(run.candidates, run.next_window, run.pending_events);
+    WindowCalendar calendar(*calendar_.windowWidth(), 0);
+    calendar.resume(std::move(run.candidates), run.next_window, run.pending_events);
 
-    states_ = std::move(states);
+    states_ = std::move(run.states);
     pending_random_states_ = std::move(run.random_states);
     log_ = std::move(run.log);
     log_sorted_ = true;
