@@ -330,7 +330,9 @@ ResidentRun runResidentRecurrence(CudaWindowBackend& backend, SynapseGraph& grap
     run.initialize(ResidentAccess::arena(backend, run.bytes()), table);
     while (run.step()) {
     }
-    return run.finish();
+    run.downloadResult();
+    run.computeDigests();
+    return run.take();
 }
 
 bool residentEligible(SynapseGraph& graph, std::string* reason) {
@@ -369,7 +371,8 @@ bool tryResidentRunFrom(CudaWindowBackend& backend, WindowEngine& engine,
     while (recurrence.step()) {
         if (recurrence.isMostlyQuiet()) return false;
     }
-    ResidentRun run = recurrence.finish();
+    recurrence.downloadResult();
+    ResidentRun run = recurrence.take();
     if (!isComplete(run, engine)) return false;
     engine.adoptWholeRun(wholeRunOf(std::move(run), window, horizon));
     return true;

@@ -20,7 +20,7 @@ class CudaWindowBackend;
 struct ResidentRun {
     double core_seconds = 0.0;      ///< s, the loop over the windows
     double setup_seconds = 0.0;     ///< s, up to the first window
-    double finalize_seconds = 0.0;  ///< s, from the last window to the last download
+    double finalize_seconds = 0.0;  ///< s, all after the last window
     std::uint64_t spikes = 0;
     std::uint64_t deliveries = 0;  ///< arrivals emitted, including those of pending_events
     std::uint64_t windows = 0;     ///< steps of the loop, including steps in which nothing happened

@@ -35,7 +35,8 @@ struct ResidentTask {
     std::uint64_t seed = 0;
 };
 
-/// One whole run on the device: initialize(), then step() until it returns false, then finish().
+/// One whole run on the device: initialize(), then step() until it returns false, then
+/// downloadResult(), computeDigests() if they are to be read, and take().
 class ResidentRecurrence {
 public:
     /// Starts the clock of the run. Throws WindowEngineError for dimensions that are refused.
@@ -98,17 +99,27 @@ public:
                quiet_steps + quiet_steps_per_busy * run_.profile.windows;
     }
 
-    /// Downloads the result.
-    ResidentRun finish() {
+    void downloadResult() {
         checkCuda(Device::synchronise(), "synchronise resident recurrence");
-        const auto loop_end = std::chrono::steady_clock::now();
-        run_.core_seconds = secondsBetween(loop_start_, loop_end);
+        loop_end_ = std::chrono::steady_clock::now();
+        run_.core_seconds = secondsBetween(loop_start_, loop_end_);
         downloadLog();
         downloadNeurons();
         downloadProfile();
         downloadPending();
         temporary_memory_.release();
-        run_.finalize_seconds = secondsBetween(loop_end, std::chrono::steady_clock::now());
+    }
+
+    /// Computes the digests of the result, which a run that an engine adopts does not need.
+    void computeDigests() {
+        run_.log_hash = digestImages<SpikeRecord>(run_.log);
+        run_.state_hash = digestImages<Kernel::State>(run_.states);
+        run_.random_hash = digestImages<std::uint64_t>(run_.random_states);
+    }
+
+    /// Stops the clock of the run and moves its result out.
+    ResidentRun take() {
+        run_.finalize_seconds = secondsBetween(loop_end_, std::chrono::steady_clock::now());
         return std::move(run_);
     }
 
@@ -225,7 +236,6 @@ private:
                                        run_.spikes * sizeof(SpikeRecord)),
                       "download resident fire log");
         }
-        run_.log_hash = digestImages<SpikeRecord>(run_.log);
     }
 
     void downloadNeurons() {
@@ -236,8 +246,6 @@ private:
                  "download resident pending times");
         download(run_.candidate_rates, arena_.neurons.pending_rates, count,
                  "download resident pending bounds");
-        run_.state_hash = digestImages<Kernel::State>(run_.states);
-        run_.random_hash = digestImages<std::uint64_t>(run_.random_states);
     }
 
     void downloadProfile() {
@@ -269,6 +277,7 @@ private:
 
     std::chrono::steady_clock::time_point start_;
     std::chrono::steady_clock::time_point loop_start_;
+    std::chrono::steady_clock::time_point loop_end_;
     ResidentTask task_;
     Kernel::NeuronModel model_;
     ResidentArena arena_;
