@@ -101,7 +101,7 @@ private:
     void start() {
         while (threads_.size() + 1 < count_) {
             const auto share = static_cast<unsigned>(threads_.size() + 1);
-            // The present generation counts as seen: that launch is over.
+            // The present generation counts as seen, because its launch is over.
             threads_.emplace_back([this, share, seen = generation_.load()] { serve(share, seen); });
         }
     }
