@@ -94,7 +94,7 @@ Blob WindowCalendar::snapshot() {
     if (store_) return store_->snapshot();
     std::vector<Event> events;
     events.reserve(calendar_.size() + tree_.pendingCount());
-    calendar_.forEach([&](const auto& record) { events.push_back(unpackedEvent(record)); });
+    calendar_.forEachSingle([&](const auto& record) { events.push_back(unpackedEvent(record)); });
     for (NodeId neuron = 0; neuron < slots_.size(); ++neuron) {
         if (tree_.isPending(neuron)) events.push_back(candidateEvent(neuron, slots_[neuron]));
     }

@@ -63,7 +63,7 @@ Blob BucketCalendar::store(std::vector<Event> events) const {
     return blob;
 }
 
-/// Reads what stands before the events into this calendar, which must be new.
+/// Reads the header of a blob into this calendar, which must be new.
 bool BucketCalendar::readHeader(BlobReader& in, std::uint64_t& event_count) {
     std::int64_t d_min = 0;
     std::uint64_t bucket_count = 0;

@@ -4,11 +4,13 @@
 #include <cstring>
 #include <limits>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "kelm/core/Blob.h"
 #include "kelm/core/Failures.h"
 #include "kelm/core/ModelTime.h"
+#include "kelm/events/DeliveryRun.h"
 #include "kelm/events/Event.h"
 #include "kelm/events/EventWheel.h"
 #include "kelm/events/PackedDelivery.h"
@@ -18,8 +20,8 @@ namespace Lumenar::Core::Kelm {
 
 /// A calendar of events in buckets one d_min wide (R. Brown, "Calendar queues: a fast O(1) priority
 /// queue implementation for the simulation event set problem", Communications of the ACM 31, 1988).
-/// It gives ids, hands out one bucket at a time and knows the stored form. It cannot take a single
-/// event back: BucketEventStore adds that.
+/// It gives ids, hands out one bucket at a time, and writes and reads the stored form. It cannot
+/// cancel an event: BucketEventStore adds that.
 ///
 /// The cursor is the next bucket to be handed out. Before the first advance the calendar is not
 /// started: events may be posted at any time, and the first advance puts the cursor to the earliest
@@ -36,7 +38,7 @@ public:
     ModelTime bucketWidth() const { return d_min_; }
     std::uint64_t bucketCount() const { return bucket_count_; }
     std::int64_t bucketOf(ModelTime time) const { return wheel_.bucketOf(time); }
-    /// Number of events.
+    /// Number of events. A run counts as its deliveries, here and in overflowPosts().
     std::uint64_t size() const { return wheel_.size(); }
     bool isStarted() const { return started_; }
     std::uint64_t overflowPosts() const { return overflow_posts_; }
@@ -58,6 +60,9 @@ public:
     /// Throws as requireOpen does.
     std::uint64_t post(const Event& event) { return postRecord(event); }
     std::uint64_t postPacked(const PackedDelivery& delivery) { return postRecord(delivery); }
+    /// Adds a run under as many ids as it has deliveries, and returns the first id.
+    /// Throws as requireOpen does.
+    std::uint64_t postRun(const DeliveryRun& run) { return postRecord(run, run.count); }
 
     /// Moves the cursor to the first bucket that holds an event or is `other`, but not beyond the
     /// first one that starts at `until` ns or later. Returns whether it found one before that.
@@ -76,20 +81,31 @@ public:
     EventList take() noexcept;
     void release(EventList& list) noexcept { wheel_.release(list); }
 
-    /// Calls visit(record) for each event, with an Event or a PackedDelivery.
+    /// Calls visit(record) for each single event, with an Event or a PackedDelivery.
     template <class Visit>
-    void forEach(Visit visit) const {
-        wheel_.forEach(visit);
+    void forEachSingle(Visit visit) const {
+        wheel_.forEachSingle(visit);
     }
-    /// Removes each event for which test(id) holds. May throw std::bad_alloc, with nothing changed.
+    /// Calls visit(run) for each run.
+    template <class Visit>
+    void forEachRun(Visit visit) const {
+        wheel_.forEachRun(visit);
+    }
+    /// As EventWheel::expandRuns.
+    template <class DeliveryOf>
+    bool expandRuns(DeliveryOf deliveryOf) {
+        return wheel_.expandRuns(deliveryOf);
+    }
+    /// Removes each event for which test(id) holds, from a calendar without runs. May throw
+    /// std::bad_alloc, with nothing changed.
     template <class Test>
     void removeIf(Test test) {
         recent_ = {};
         wheel_.removeIf(test);
     }
 
-    /// Makes a calendar without events go on at `bucket`, as one that has handed out all windows
-    /// before it. `bucket` must not be negative, nor its time beyond the range of ModelTime.
+    /// Moves a calendar without events to `bucket`, as if all windows before it had been handed
+    /// out. `bucket` must not be negative, nor its time beyond the range of ModelTime.
     void resumeAt(std::int64_t bucket) {
         started_ = true;
         setCursor(bucket);
@@ -109,8 +125,8 @@ public:
     std::optional<BucketCalendar> read(BlobView blob, PendingIds& ids, Claims claims) const;
 
 private:
-    /// The list that the last record went to, for the times from `start` on: most records go where
-    /// the one before has gone. `width` is 0 where there is none.
+    /// The list of the last record, which holds the times from `start` on: most records go to the
+    /// list of the record before. `width` is 0 where there is none.
     struct RecentList {
         ModelTime start = 0;
         std::uint64_t width = 0;
@@ -118,7 +134,7 @@ private:
     };
 
     template <class Record>
-    std::uint64_t postRecord(const Record& record) {
+    std::uint64_t postRecord(const Record& record, std::uint64_t event_count = 1) {
         const auto offset =
             static_cast<std::uint64_t>(record.time) - static_cast<std::uint64_t>(recent_.start);
         if (offset < recent_.width) {
@@ -126,9 +142,9 @@ private:
         } else {
             requireOpen(record.time);
             wheel_.append(listFor(record.time), record) = next_id_;
-            if (isFar(bucketOf(record.time))) ++overflow_posts_;
+            if (isFar(bucketOf(record.time))) overflow_posts_ += event_count;
         }
-        return next_id_++;
+        return std::exchange(next_id_, next_id_ + event_count);
     }
     EventList& listFor(ModelTime time);
     void setCursor(std::int64_t bucket) {

@@ -25,7 +25,7 @@ bool BucketEventStore::cancel(std::uint64_t id) {
 
 bool BucketEventStore::holdsPending(const EventList& list) const {
     bool holds = false;
-    list.forEach([&](const auto& record) { holds |= pending_.contains(record.id); });
+    list.forEachSingle([&](const auto& record) { holds |= pending_.contains(record.id); });
     return holds;
 }
 
@@ -43,7 +43,7 @@ bool BucketEventStore::take(ModelTime until, std::vector<Event>& events, ModelTi
             throw TimeOverflow(TimeOverflow::out_of_range);
         }
         events.reserve(bucket.size());
-        bucket.forEach([&](const auto& record) {
+        bucket.forEachSingle([&](const auto& record) {
             if (pending_.erase(record.id)) events.push_back(unpackedEvent(record));
         });
         start = calendar_.windowStart();
@@ -60,7 +60,7 @@ bool BucketEventStore::take(ModelTime until, std::vector<Event>& events, ModelTi
 Blob BucketEventStore::snapshot() {
     std::vector<Event> events;
     events.reserve(pending_count_);
-    calendar_.forEach([&](const auto& record) {
+    calendar_.forEachSingle([&](const auto& record) {
         if (pending_.contains(record.id)) events.push_back(unpackedEvent(record));
     });
     return calendar_.store(std::move(events));

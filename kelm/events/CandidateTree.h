@@ -14,7 +14,7 @@
 namespace Lumenar::Core::Kelm {
 
 /// The times of the neurons' scheduled candidates: a tournament tree (D. E. Knuth, "The Art of
-/// Computer Programming", volume 3, 1998, section 5.4.1) whose matches are played on demand.
+/// Computer Programming", volume 3, 1998, section 5.4.1) whose bounds are raised on demand.
 ///
 /// A candidate is replaced whenever its neuron takes part in a window, mostly long before it falls
 /// due, so scheduling must cost next to nothing. Blocks hold the times of 16 neurons, and blocks of
@@ -23,7 +23,7 @@ namespace Lumenar::Core::Kelm {
 /// them.
 class CandidateTree {
 public:
-    /// Makes a tree for as many neurons, with nothing pending. May throw std::bad_alloc, with
+    /// Makes a tree for `neurons` neurons, with nothing pending. May throw std::bad_alloc, with
     /// nothing changed.
     void reset(std::uint64_t neurons);
 
@@ -93,7 +93,7 @@ private:
 
     LargeArray<Block> blocks_;         ///< level by level; level 0 has the times, shape (neurons)
     std::vector<std::size_t> levels_;  ///< where each begins in blocks_; the last one has one block
-    std::vector<NodeId> due_;          ///< what take has found last
+    std::vector<NodeId> due_;          ///< the neurons of the last take
     std::uint64_t pending_count_ = 0;
 };
 

@@ -57,7 +57,7 @@ struct ChunkList {
     }
 };
 
-/// Storage of records in chunks that lists share: an emptied list leaves its chunks to the others.
+/// Storage of records in chunks. Lists share it: the chunks of an emptied list are used again.
 /// The pool keeps the largest number of chunks that were in use at one time.
 template <class Record>
 class ChunkPool {

@@ -9,8 +9,8 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// What an event is. A neuron tells two kinds apart: a `candidate` wakes it for its pending
-/// candidate, and all others are inputs. Value 2 is not assigned.
+/// What an event is. A `candidate` wakes its neuron for the pending candidate; every other kind is
+/// an input. Value 2 is not assigned.
 enum class EventKind : std::uint8_t {
     delivery = 0,      ///< a spike at the end of a synapse; value: the signed weight
     candidate = 1,     ///< a candidate falls due; value: the bound it was drawn under

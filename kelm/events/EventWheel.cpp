@@ -1,6 +1,7 @@
 #include "kelm/events/EventWheel.h"
 
 #include <algorithm>
+#include <type_traits>
 #include <utility>
 
 namespace Lumenar::Core::Kelm {
@@ -28,14 +29,15 @@ std::int64_t EventWheel::firstBucket(std::int64_t end) const {
         const std::uint64_t later = occupied_[own / 64] & (~std::uint64_t{0} << (own % 64) << 1);
         if (later == 0) continue;
         const std::size_t index = own / 64 * 64 + static_cast<std::size_t>(std::countr_zero(later));
-        const std::uint64_t range = digits << shiftOf(level);  // 0 stands for 2^64 and more
+        const std::uint64_t range = digits << shiftOf(level);  // 0 means 2^64 or more
         const std::uint64_t begin = (position & ~(range - 1)) + ((index % 64) << shiftOf(level));
         // The list is searched only when the position is about to enter its range, so events that
         // wait cost nothing per window.
         if (static_cast<std::int64_t>(begin) >= end) return end;
         ModelTime earliest = last_model_time;
-        lists_[index].forEach(
-            [&](const auto& record) { earliest = std::min(earliest, record.time); });
+        const auto find = [&](const auto& record) { earliest = std::min(earliest, record.time); };
+        lists_[index].forEachSingle(find);
+        lists_[index].runs.forEach(find);
         return std::min(bucketOf(earliest), end);
     }
     return end;
@@ -55,10 +57,13 @@ void EventWheel::moveTo(std::int64_t bucket) {
     // Each list that an event goes to may need one chunk more than the entered list gives back.
     events_.reserveChunks(std::min(entered.events.size(), lists_.size()));
     deliveries_.reserveChunks(std::min(entered.deliveries.size(), lists_.size()));
+    runs_.reserveChunks(std::min(entered.runs.size(), lists_.size()));
     position_ = bucket;
     clearOccupied(index);
     moveDown(events_, entered.events, &EventList::events);
     moveDown(deliveries_, entered.deliveries, &EventList::deliveries);
+    moveDown(runs_, entered.runs, &EventList::runs);
+    entered.run_deliveries = 0;
 }
 
 template <class Record>
@@ -68,6 +73,7 @@ void EventWheel::moveDown(ChunkPool<Record>& pool, ChunkList<Record>& list,
         const Record record = pool.takeAny(list);
         EventList& target = listOf(bucketOf(record.time));
         pool.append(target.*member, record);
+        if constexpr (std::is_same_v<Record, DeliveryRun>) target.run_deliveries += record.count;
         setOccupied(target);
     }
 }

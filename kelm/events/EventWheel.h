@@ -8,24 +8,28 @@
 #include "kelm/core/Blob.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/events/ChunkPool.h"
+#include "kelm/events/DeliveryRun.h"
 #include "kelm/events/Event.h"
 #include "kelm/events/PackedDelivery.h"
 
 namespace Lumenar::Core::Kelm {
 
-/// Events in no meaningful order. A delivery that fits the packed form lies in that form.
+/// Events in no meaningful order. A delivery is part of a run, or packed where it fits that form.
 struct EventList {
     ChunkList<Event> events;
     ChunkList<PackedDelivery> deliveries;
+    ChunkList<DeliveryRun> runs;
+    std::uint64_t run_deliveries = 0;  ///< sum over the runs
 
-    bool isEmpty() const { return events.isEmpty() && deliveries.isEmpty(); }
-    std::size_t size() const { return events.size() + deliveries.size(); }
+    bool isEmpty() const { return events.isEmpty() && deliveries.isEmpty() && runs.isEmpty(); }
+    std::size_t singleCount() const { return events.size() + deliveries.size(); }
+    std::size_t size() const { return singleCount() + run_deliveries; }
     std::size_t chunkCount() const {
         return std::size_t{events.chunk_count} + deliveries.chunk_count;
     }
-    /// Calls visit(record) for each event, with an Event or a PackedDelivery.
+    /// Calls visit(record) for each single event, with an Event or a PackedDelivery.
     template <class Visit>
-    void forEach(Visit visit) const {
+    void forEachSingle(Visit visit) const {
         events.forEach(visit);
         deliveries.forEach(visit);
     }
@@ -43,8 +47,8 @@ inline Event unpackedEvent(const PackedDelivery& delivery) { return delivery.unp
 /// level 1 holds a block of buckets, and a list of each further level 64 times as many as one of
 /// the level below. An event of the position's block lies in level 0, and any other in the level of
 /// the highest digit in which its bucket differs from the position. When the position enters the
-/// range of a list, the events of that list move down. An event is therefore touched once a level
-/// at most, however long it waits, and takes little more storage than its own size.
+/// range of a list, the events of that list move down. So an event moves at most once per level,
+/// however long it waits, and takes little more storage than its own size.
 ///
 /// A wheel that was moved from may only be destroyed or assigned to.
 class EventWheel {
@@ -60,6 +64,7 @@ public:
     ~EventWheel() = default;
 
     std::int64_t bucketOf(ModelTime time) const { return time / width_; }
+    /// Number of events; a run counts as its deliveries.
     std::uint64_t size() const { return count_; }
 
     /// The list for a bucket that is not before the position. Valid until the wheel moves.
@@ -81,6 +86,13 @@ public:
         setOccupied(list);
         return stored.id;
     }
+    std::uint64_t& append(EventList& list, const DeliveryRun& run) {
+        DeliveryRun& stored = runs_.append(list.runs, run);
+        list.run_deliveries += run.count;
+        count_ += run.count;
+        setOccupied(list);
+        return stored.id;
+    }
 
     /// The first bucket before `end` that holds an event, or `end`.
     std::int64_t firstBucket(std::int64_t end) const;
@@ -99,17 +111,30 @@ public:
     void release(EventList& list) noexcept {
         events_.clear(list.events);
         deliveries_.clear(list.deliveries);
+        runs_.clear(list.runs);
+        list.run_deliveries = 0;
     }
 
-    /// Calls visit(record) for each event, with an Event or a PackedDelivery.
+    /// Calls visit(record) for each single event, with an Event or a PackedDelivery.
     template <class Visit>
-    void forEach(Visit visit) const {
-        forEachList([&](std::size_t index) { lists_[index].forEach(visit); });
+    void forEachSingle(Visit visit) const {
+        forEachList([&](std::size_t index) { lists_[index].forEachSingle(visit); });
+    }
+    /// Calls visit(run) for each run.
+    template <class Visit>
+    void forEachRun(Visit visit) const {
+        forEachList([&](std::size_t index) { lists_[index].runs.forEach(visit); });
     }
 
-    /// Removes each event for which test(id) holds. May throw std::bad_alloc, with nothing changed.
+    /// Removes each event for which test(id) holds, from a wheel without runs. May throw
+    /// std::bad_alloc, with nothing changed.
     template <class Test>
     void removeIf(Test test);
+
+    /// Replaces each run by single deliveries: deliveryOf(run, i) is the i-th one. Returns whether
+    /// there was a run. May throw std::bad_alloc, with nothing changed.
+    template <class DeliveryOf>
+    bool expandRuns(DeliveryOf deliveryOf);
 
 private:
     static constexpr int near_bits = 12;
@@ -118,7 +143,7 @@ private:
     static constexpr std::uint64_t digits = std::uint64_t{1} << digit_bits;
     static constexpr int levels = (63 - near_bits + digit_bits - 1) / digit_bits;
 
-    /// The lists stand level by level. Each level above 0 fills one word of occupied_.
+    /// The lists are stored level by level. Each level above 0 fills one word of occupied_.
     std::size_t indexOf(std::int64_t bucket) const {
         const auto b = static_cast<std::uint64_t>(bucket);
         const std::uint64_t difference = b ^ static_cast<std::uint64_t>(position_);
@@ -164,6 +189,7 @@ private:
     std::uint64_t count_ = 0;
     ChunkPool<Event> events_;
     ChunkPool<PackedDelivery> deliveries_;
+    ChunkPool<DeliveryRun> runs_;
     std::vector<EventList> lists_;
     std::vector<std::uint64_t> occupied_;  ///< one bit a list: whether it holds an event
 };
@@ -178,6 +204,27 @@ void EventWheel::removeIf(Test test) {
         removeFrom(deliveries_, lists_[index].deliveries, test);
         if (lists_[index].isEmpty()) clearOccupied(index);
     });
+}
+
+template <class DeliveryOf>
+bool EventWheel::expandRuns(DeliveryOf deliveryOf) {
+    constexpr std::size_t chunk_records = ChunkList<PackedDelivery>::chunk_records;
+    std::size_t chunks = 0;
+    forEachList([&](std::size_t index) {
+        chunks += (lists_[index].run_deliveries + chunk_records - 1) / chunk_records;
+    });
+    deliveries_.reserveChunks(chunks);
+    forEachList([&](std::size_t index) {
+        EventList& list = lists_[index];
+        list.runs.forEach([&](const DeliveryRun& run) {
+            for (std::uint64_t i = 0; i < run.count; ++i) {
+                deliveries_.append(list.deliveries, deliveryOf(run, i));
+            }
+        });
+        runs_.clear(list.runs);
+        list.run_deliveries = 0;
+    });
+    return chunks != 0;
 }
 
 template <class Record, class Test>
