@@ -112,7 +112,26 @@ void SynapseGraph::buildSorted(Routes& routes, End end) const {
 }
 
 void SynapseGraph::buildOutgoing() {
+    out_.fanouts.clear();
     buildRoutes(out_, [this](EdgeId id) { return synapses_.source(id); });
+    if (synapses_.isCompact()) out_.fanouts.resize(node_count_);
+}
+
+SynapseGraph::Fanout SynapseGraph::readFanout(NodeId source) const {
+    const Fanout no_run(0, false, false);
+    const RoutedTransmissions routed = routedTransmissions();
+    const std::uint64_t first = out_.offsets[source];
+    const std::uint64_t end = out_.offsets[source + 1];
+    if (end - first < min_run_deliveries) return no_run;
+    const ModelTime delay = routed[first].delay();
+    bool excitatory = false;
+    bool inhibitory = false;
+    for (std::uint64_t route = first; route < end; ++route) {
+        const SynapseTable::Transmission& synapse = routed[route];
+        if (!synapse.enabled() || synapse.delay() != delay) return no_run;
+        (synapse.inhibitory() ? inhibitory : excitatory) = true;
+    }
+    return Fanout(delay, excitatory, inhibitory);
 }
 
 void SynapseGraph::buildIncoming() {
@@ -145,6 +164,7 @@ std::optional<ModelTime> SynapseGraph::dMin() {
 void SynapseGraph::setWeight(EdgeId id, float weight) {
     if (!isWeight(weight)) throw InvalidSynapse(InvalidSynapse::weight);
     checked(id);
+    run_holder_.expand();
     if (reweighted_.recording) noteReweighted(synapses_.target(id));
     synapses_.setWeight(id, weight);
 }
@@ -231,7 +251,8 @@ std::optional<SynapseGraph::State> SynapseGraph::read(BlobView blob) const {
     return state;
 }
 
-void SynapseGraph::adopt(State&& state) noexcept {
+void SynapseGraph::adopt(State&& state) {
+    run_holder_.expand();
     min_delay_ = state.min_delay;
     synapses_ = std::move(state.synapses);
     routed_count_ = state.routed_count;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -11,12 +12,22 @@
 #include "kelm/core/Failures.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/core/Prefetch.h"
+#include "kelm/events/DeliveryRun.h"
 #include "kelm/events/IEventStore.h"
 #include "kelm/events/PackedDelivery.h"
 #include "kelm/network/Synapse.h"
 #include "kelm/network/SynapseTable.h"
 
 namespace Lumenar::Core::Kelm {
+
+/// Keeps runs of a graph, whose targets and values it reads from the graph later.
+class IRunHolder {
+public:
+    virtual ~IRunHolder() = default;
+    /// Replaces the runs by their deliveries. The graph calls this before it changes what a run
+    /// reads. May throw std::bad_alloc, with nothing changed here or in the graph.
+    virtual void expandRuns() = 0;
+};
 
 /// The network: a fixed number of neurons and a fixed list of directed synapses.
 ///
@@ -129,16 +140,20 @@ public:
     /// Switches one synapse on or off from the next delivery on. Events already posted still
     /// arrive. The synapse stays routed and counts for dMin() either way. Throws
     /// SynapseRoutingViolation for an id outside the network.
-    void setEnabled(EdgeId id, bool on) { synapses_.setEnabled(checked(id), on); }
+    void setEnabled(EdgeId id, bool on) {
+        synapses_.setEnabled(checked(id), on);
+        if (!out_.fanouts.empty()) out_.fanouts[synapses_.source(id)] = Fanout();
+    }
 
     /// Sets a weight magnitude from the next delivery on. Events already posted keep their value.
     /// Throws InvalidSynapse for a weight that is negative or not finite, then
-    /// SynapseRoutingViolation for an id outside the network.
+    /// SynapseRoutingViolation for an id outside the network. May throw std::bad_alloc, with
+    /// nothing changed.
     void setWeight(EdgeId id, float weight);
 
-    /// Replaces `targets` by the neurons whose incoming weights were set since an earlier call, to
-    /// whatever value: ascending, each once. `last_call` is what that call returned, 0 for none.
-    /// Returns the number of this call.
+    /// Replaces `targets` by the neurons whose incoming weights were set since an earlier call,
+    /// also to the same value: ascending, each once. `last_call` is what that call returned, 0 for
+    /// none. Returns the number of this call.
     ///
     /// `targets` becomes every neuron if `last_call` is not the latest call, or if the graph was
     /// copied, moved, assigned to or restored since. So a second reader costs the first reader
@@ -148,10 +163,12 @@ public:
     /// throw std::bad_alloc, with the record unchanged.
     std::uint64_t takeReweightedTargets(std::uint64_t last_call, std::vector<NodeId>& targets);
 
-    /// Hints that deliver() from `source` follows soon. `source` must lie in the network.
+    /// Hints that deliver() or deferRun() from `source` follows soon. `source` must lie in the
+    /// network.
     void prefetchSynapses(NodeId source) const {
         if (!out_.built) return;
         const std::uint64_t first = out_.offsets[source];
+        if (!out_.fanouts.empty() && out_.fanouts[source].delay() != 0) return;
         if (out_.ascending) {
             synapses_.prefetchRange(first, out_.offsets[source + 1]);
         } else {
@@ -194,6 +211,79 @@ public:
         return count;
     }
 
+    /// Fewest deliveries of a run: a run takes a quarter of their memory, or less.
+    static constexpr std::uint64_t min_run_deliveries = 4;
+
+    /// Returns what deliver() would post as one run without an id, which `holder` keeps. No value,
+    /// and no effect, unless `source` has at least min_run_deliveries routed synapses, all of them
+    /// transmit and have one delay, and the table is compact. Throws as deliver() does.
+    ///
+    /// The graph calls holder.expandRuns() once, before it next changes a weight or is restored,
+    /// assigned to or moved from. A switch changes no run. A graph has one holder: before another
+    /// one becomes the holder, the first expands its runs. A copy of the graph has no holder. The
+    /// holder must not move, and must exist until the call or the end of the graph's use.
+    std::optional<DeliveryRun> deferRun(NodeId source, ModelTime time, IRunHolder& holder) {
+        if (source >= node_count_) throw SynapseRoutingViolation(SynapseRoutingViolation::source);
+        const Routes& routes = outRoutes();
+        if (routes.fanouts.empty()) return std::nullopt;
+        const Fanout fanout = fanoutOf(source);
+        if (fanout.delay() == 0 || (fanout.hasExcitatory() && !excitatory_on_) ||
+            (fanout.hasInhibitory() && !inhibitory_on_)) {
+            return std::nullopt;
+        }
+        DeliveryRun run;
+        run.time = addTime(time, fanout.delay());
+        run.first_route = routes.offsets[source];
+        run.count = routes.offsets[source + 1] - run.first_route;
+        run_holder_.set(holder);
+        return run;
+    }
+
+    /// The transmissions of a compact table by their index in the outgoing lists.
+    class RoutedTransmissions {
+    public:
+        RoutedTransmissions() = default;
+        const SynapseTable::Transmission& operator[](std::uint64_t route) const {
+            return transmissions_[edgeAt(route)];
+        }
+        EdgeId edgeAt(std::uint64_t route) const {
+            return edges_ == nullptr ? route : edges_[route];
+        }
+        /// Hints that `count` entries from `route` on are read soon. A long range is cut.
+        void prefetch(std::uint64_t route, std::uint64_t count) const {
+            if (edges_ != nullptr) return prefetchLine(edges_ + route);
+            constexpr std::uint64_t line = 64 / sizeof(SynapseTable::Transmission);
+            count = std::min<std::uint64_t>(count, prefetch_block);
+            for (std::uint64_t i = 0; i < count; i += line) {
+                prefetchLine(transmissions_ + route + i);
+            }
+            prefetchLine(transmissions_ + route + count - 1);
+        }
+
+    private:
+        friend class SynapseGraph;
+        const SynapseTable::Transmission* transmissions_ = nullptr;
+        const EdgeId* edges_ = nullptr;  ///< null where entry i is synapse i
+    };
+    /// For reading runs. Valid until the graph changes.
+    RoutedTransmissions routedTransmissions() const {
+        RoutedTransmissions routed;
+        if (synapses_.size() == 0) return routed;
+        routed.transmissions_ = &synapses_.transmission(0);
+        if (!out_.ascending) routed.edges_ = out_.edges.data();
+        return routed;
+    }
+
+    /// Delivery `i` of a run, as deliver() would have posted it.
+    PackedDelivery deliveryOf(const DeliveryRun& run, std::uint64_t i) const {
+        const RoutedTransmissions routed = routedTransmissions();
+        const EdgeId edge = routed.edgeAt(run.first_route + i);
+        PackedDelivery delivery =
+            packedDelivery(synapses_.source(edge), edge, synapses_.transmission(edge), run.time);
+        delivery.id = run.id + i;
+        return delivery;
+    }
+
     /// Format "KELMSYN1": tag, node count (8), has min_delay (1), min_delay (8), excitatory on (1),
     /// inhibitory on (1), edge count (8), then each synapse in 63 bytes: source (8), target (8),
     /// weight (4), delay (8), inhibitory (1), reserved_a (4), reserved_b (8), last_change (8),
@@ -212,8 +302,9 @@ public:
     /// or of a network with another neuron count, or that holds a synapse which construction
     /// refuses.
     std::optional<State> read(BlobView blob) const;
-    /// Replaces what a snapshot holds.
-    void adopt(State&& state) noexcept;
+    /// Replaces what a snapshot holds. Throws what IRunHolder::expandRuns throws, with nothing
+    /// changed.
+    void adopt(State&& state);
     /// Reads and adopts. False, with the graph unchanged, for a blob that read() refuses.
     [[nodiscard]] bool restore(BlobView blob);
 
@@ -250,10 +341,65 @@ private:
         if (id >= synapses_.size()) throw SynapseRoutingViolation(SynapseRoutingViolation::edge);
         return static_cast<std::size_t>(id);
     }
+    /// The holder of the runs, or null. The first member of the graph: an assignment or a move
+    /// reaches it before the others, so the runs are expanded from the old synapses.
+    class RunHolder {
+    public:
+        RunHolder() = default;
+        ~RunHolder() = default;
+        RunHolder(const RunHolder&) noexcept {}
+        RunHolder(RunHolder&& other) { other.expand(); }
+        RunHolder& operator=(const RunHolder& other) {
+            if (this != &other) expand();
+            return *this;
+        }
+        RunHolder& operator=(RunHolder&& other) {
+            expand();
+            other.expand();
+            return *this;
+        }
+
+        void set(IRunHolder& holder) {
+            if (holder_ == &holder) return;
+            expand();
+            holder_ = &holder;
+        }
+        void expand() {
+            if (holder_ == nullptr) return;
+            holder_->expandRuns();
+            holder_ = nullptr;
+        }
+
+    private:
+        IRunHolder* holder_ = nullptr;
+    };
+
+    /// What all outgoing synapses of a neuron have in common, in one word.
+    class Fanout {
+    public:
+        /// Not known.
+        Fanout() = default;
+        /// `delay`: of all synapses in ns, or 0 where their deliveries are no run.
+        Fanout(ModelTime delay, bool excitatory, bool inhibitory)
+            : bits_(static_cast<std::uint64_t>(delay) << 3 | (inhibitory ? 4 : 0) |
+                    (excitatory ? 2 : 0) | 1) {}
+
+        bool isKnown() const { return bits_ != 0; }
+        ModelTime delay() const { return static_cast<ModelTime>(bits_ >> 3); }
+        bool hasExcitatory() const { return (bits_ & 2) != 0; }
+        bool hasInhibitory() const { return (bits_ & 4) != 0; }
+
+    private:
+        std::uint64_t bits_ = 0;
+    };
+
     /// The routed synapses by source or by target, in compressed sparse rows.
     struct Routes {
         std::vector<std::uint64_t> offsets;  ///< shape (neurons + 1)
         std::vector<EdgeId> edges;           ///< shape (routed synapses), see ascending
+        /// Shape (neurons); an entry is filled when it is first read. Empty for incoming routes and
+        /// for a table that is not compact.
+        std::vector<Fanout> fanouts;
         bool built = false;
         /// Entry i is synapse i, because the synapses came in this order. `edges` is then filled
         /// only when it is read.
@@ -270,6 +416,12 @@ private:
     }
     void buildOutgoing();
     void buildIncoming();
+    Fanout fanoutOf(NodeId source) {
+        Fanout& fanout = out_.fanouts[source];
+        if (!fanout.isKnown()) fanout = readFanout(source);
+        return fanout;
+    }
+    Fanout readFanout(NodeId source) const;
     template <class End>
     void buildRoutes(Routes& routes, End end);
     template <class End>
@@ -290,19 +442,25 @@ private:
             const EdgeId id = routes.ascending ? i : routes.edges[i];
             const SynapseTable::Transmission& synapse = synapses_.transmission(id);
             if (!synapse.enabled() || !transmissionEnabled(synapse.inhibitory())) continue;
-            PackedDelivery delivery;
-            delivery.time = addTime(time, synapse.delay());
-            delivery.source = static_cast<std::uint32_t>(source);
-            delivery.target = synapse.target;
-            delivery.edge = static_cast<std::uint32_t>(id);
-            delivery.value = deliveredWeight(synapse.weight, synapse.inhibitory());
-            sink.postPacked(delivery);
+            sink.postPacked(packedDelivery(source, id, synapse, addTime(time, synapse.delay())));
             ++count;
         }
         return count;
     }
+    static PackedDelivery packedDelivery(NodeId source, EdgeId id,
+                                         const SynapseTable::Transmission& synapse,
+                                         ModelTime time) {
+        PackedDelivery delivery;
+        delivery.time = time;
+        delivery.source = static_cast<std::uint32_t>(source);
+        delivery.target = synapse.target;
+        delivery.edge = static_cast<std::uint32_t>(id);
+        delivery.value = synapse.value();
+        return delivery;
+    }
     void noteReweighted(NodeId target);
 
+    RunHolder run_holder_;
     std::uint64_t node_count_;
     std::optional<ModelTime> min_delay_;
     SynapseTable synapses_;

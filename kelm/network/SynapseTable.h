@@ -34,6 +34,8 @@ public:
         bool enabled() const { return (bits & enabled_bit) != 0; }
         bool inhibitory() const { return (bits & inhibitory_bit) != 0; }
         bool routed() const { return (bits & routed_bit) != 0; }
+        /// The value that it delivers; exact in double precision.
+        float value() const { return deliveredWeight(weight, inhibitory()); }
     };
     static_assert(sizeof(Transmission) == 16);
 
