@@ -18,7 +18,7 @@ class WindowEngine;
 /// 1. results[i] depends on work[i], its events, window_end and horizon alone.
 /// 2. results[i] belongs to work[i]. Nothing is sorted, compacted or skipped.
 /// 3. The computation is Kernel::processWindow, to the bit.
-/// 4. The parameters of a neuron are those in its item, whatever `neuron` and `firing` say.
+/// 4. The parameters of a neuron are those in its item, not `neuron` and `firing`.
 /// 5. Nothing outside `results` changes: no store, stream, log or graph.
 /// 6. Faults of the model are flags in the results. A backend throws only for its own faults, and
 ///    the engine passes such an exception on.

@@ -57,6 +57,13 @@ void WindowCalendar::refusePast(NodeId neuron) {
     throw LookaheadViolation(LookaheadViolation::processed);
 }
 
+void WindowCalendar::expandRuns() {
+    const auto deliveryOf = [this](const DeliveryRun& run, std::uint64_t i) {
+        return graph_->deliveryOf(run, i);
+    };
+    if (calendar_.expandRuns(deliveryOf)) windows_without_runs_ = pause_windows;
+}
+
 std::int64_t WindowCalendar::firstCandidateBucket() {
     if (tree_.pendingCount() == 0) return BucketCalendar::no_bucket;
     return calendar_.bucketOf(tree_.firstTime());
@@ -76,15 +83,16 @@ bool WindowCalendar::takeWindow(ModelTime until, WindowEvents& events, ModelTime
     const ModelTime end = calendar_.windowEnd();
     const EventList& bucket = calendar_.current();
     const auto begin = [&](std::size_t candidate_count) {
-        events.begin(WindowEvents::chunksOf(candidate_count) + bucket.chunkCount());
+        events.begin(candidate_count, bucket,
+                     bucket.runs.isEmpty() ? SynapseGraph::RoutedTransmissions()
+                                           : graph_->routedTransmissions());
     };
     const std::span<const NodeId> due = tree_.take(end, begin);
 
     // From here on nothing can fail.
-    events.addCandidates(due, slots_);
-    bucket.events.forEachChunk([&](auto records) { events.addChunk(records); });
-    bucket.deliveries.forEachChunk([&](auto records) { events.addChunk(records); });
+    events.add(due, slots_, bucket);
     taken_ = calendar_.take();
+    if (windows_without_runs_ != 0) --windows_without_runs_;
     window_start = start;
     window_end = end;
     return true;
@@ -95,6 +103,11 @@ Blob WindowCalendar::snapshot() {
     std::vector<Event> events;
     events.reserve(calendar_.size() + tree_.pendingCount());
     calendar_.forEachSingle([&](const auto& record) { events.push_back(unpackedEvent(record)); });
+    calendar_.forEachRun([&](const DeliveryRun& run) {
+        for (std::uint64_t i = 0; i < run.count; ++i) {
+            events.push_back(graph_->deliveryOf(run, i).unpacked());
+        }
+    });
     for (NodeId neuron = 0; neuron < slots_.size(); ++neuron) {
         if (tree_.isPending(neuron)) events.push_back(candidateEvent(neuron, slots_[neuron]));
     }

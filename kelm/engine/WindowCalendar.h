@@ -29,8 +29,12 @@ namespace Lumenar::Core::Kelm {
 /// and the slots name them by their ids. The same holds after a restore from a blob in which a slot
 /// names an event that is not its neuron's candidate: the calendar then makes itself a store.
 ///
+/// A calendar of its own keeps the deliveries of a spike as one run where the graph defers them.
+/// While it keeps runs, it must not move and the graph must exist. After weights have changed, it
+/// posts deliveries one by one for some windows.
+///
 /// Used by one thread at a time.
-class WindowCalendar {
+class WindowCalendar final : private IRunHolder {
 public:
     /// A calendar of its own for a network of `neurons` neurons; `d_min` in ns, at least 1.
     WindowCalendar(ModelTime d_min, std::uint64_t neurons);
@@ -56,7 +60,7 @@ public:
     void deliver(SynapseGraph& graph, NodeId source, ModelTime time) {
         if (store_) {
             graph.deliver(source, time, *store_);
-        } else {
+        } else if (windows_without_runs_ != 0 || !deliverRun(graph, source, time)) {
             graph.deliver(source, time, calendar_);
         }
     }
@@ -81,8 +85,9 @@ public:
     }
 
     /// Takes the next window that holds an event, if it starts before `until` ns, and replaces the
-    /// content of `events` by its events. They stay where they lie until the next call, and a
-    /// candidate's slot until its neuron is scheduled. False where there is none.
+    /// content of `events` by its events. An event is valid until the next call, a candidate until
+    /// its neuron is scheduled, and a delivery of a run until the graph changes. False where there
+    /// is none.
     /// Throws what WindowEvents::begin and the store throw; TimeOverflow where the window's end
     /// lies beyond the range of ModelTime. In a calendar of its own the window is then still there.
     bool takeWindow(ModelTime until, WindowEvents& events, ModelTime& window_start,
@@ -103,6 +108,19 @@ public:
                 std::span<const Event> events);
 
 private:
+    /// Windows without runs after an expansion. In a network whose weights change in each window, a
+    /// run would only be expanded, which costs a little more than single deliveries.
+    static constexpr int pause_windows = 16;
+
+    /// False if the graph does not defer the deliveries.
+    bool deliverRun(SynapseGraph& graph, NodeId source, ModelTime time) {
+        const std::optional<DeliveryRun> run = graph.deferRun(source, time, *this);
+        if (!run) return false;
+        graph_ = &graph;
+        calendar_.postRun(*run);
+        return true;
+    }
+    void expandRuns() override;
     bool restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots);
     void scheduleInStore(NodeId neuron, ModelTime time, double rate);
     [[noreturn]] void refusePast(NodeId neuron);
@@ -111,8 +129,10 @@ private:
     LargeArray<CandidateSlot> slots_;  ///< shape (neurons)
     // Unused while there is a store.
     BucketCalendar calendar_;
-    CandidateTree tree_;  ///< times of the pending candidates
-    EventList taken_;     ///< the last window's events
+    CandidateTree tree_;                   ///< times of the pending candidates
+    EventList taken_;                      ///< the last window's events
+    const SynapseGraph* graph_ = nullptr;  ///< of the runs
+    int windows_without_runs_ = 0;         ///< windows until deliveries are deferred again
 
     bool store_is_given_ = false;
     std::unique_ptr<IEventStore> store_;  ///< null where the events lie in calendar_ and tree_

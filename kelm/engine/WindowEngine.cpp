@@ -42,15 +42,16 @@ struct WindowEngine::Window {
     ModelTime start = 0;
     ModelTime end = 0;
     WindowEvents events;
-    std::size_t built = 0;  ///< events whose items have been built
+    std::size_t built = 0;   ///< events whose items have been built
+    NodeId next_target = 0;  ///< of placed events: no neuron from here on has an item yet
 
-    // The items of the window, or of the part in hand. The vectors only grow; of each, the first
-    // item_count or item_event_count entries are in use.
+    // The items of the window, or of the current part. The vectors only grow: of `work` and
+    // `results`, the first item_count entries are in use.
     std::vector<WindowWork> work;  ///< ascending by neuron
     std::vector<Kernel::WindowResult> results;
-    std::vector<Kernel::WindowEvent> item_events;  ///< item by item
     std::size_t item_count = 0;
-    std::size_t item_event_count = 0;
+    std::span<const Kernel::WindowEvent> item_events;  ///< item by item
+    std::vector<Kernel::WindowEvent> copied_events;    ///< item_events that are not placed
     bool hook_had_items = false;  ///< a prepare hook may have changed items of this run
 
     std::size_t log_mark = 0;  ///< length of the log before this window
@@ -207,6 +208,8 @@ void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
 void WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
     Window window(graph_.nodeCount());
     while (takeWindow(until, window)) {
+        // The observer may change the graph.
+        if (observationDue(window.start)) window.events.copyRuns();
         deliverObservations(window, window.start, false);
         window.log_mark = log_.size();
         computeAndCommit(window, backend);
@@ -230,6 +233,7 @@ bool WindowEngine::takeWindow(ModelTime until, Window& window) {
     }
     window.events.sortByTarget();
     window.built = 0;
+    window.next_target = 0;
     return true;
 }
 
@@ -246,9 +250,8 @@ void WindowEngine::computeAndCommit(Window& window, IWindowBackend& backend) {
         if (prepare_hook_ != nullptr) {
             prepare_hook_->prepare(window.start, window.end, work, graph_);
         }
-        backend.processWindow(work, {window.item_events.data(), window.item_event_count},
-                              window.end, horizon_, uniform_neuron_, uniform_firing_,
-                              {window.results.data(), window.item_count});
+        backend.processWindow(work, window.item_events, window.end, horizon_, uniform_neuron_,
+                              uniform_firing_, {window.results.data(), window.item_count});
         if (first_part) {
             ++profile_.windows;
             profile_.deliveries += window.events.size();
@@ -267,6 +270,34 @@ bool WindowEngine::needsWholeWindow(const Window& window) const {
 
 /// Builds the next items, `item_limit` at most, each from the events of one target.
 void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
+    window.item_count = 0;
+    if (const PlacedEvents* placed = window.events.placed()) {
+        buildFromPlaced(window, *placed, item_limit);
+    } else {
+        buildFromKeys(window, item_limit);
+    }
+}
+
+/// Builds items whose events the backend reads in place.
+void WindowEngine::buildFromPlaced(Window& window, const PlacedEvents& placed,
+                                   std::size_t item_limit) {
+    const bool rewrites_parameters = mustRewriteParameters(window);
+    const std::size_t part = window.built;
+    std::size_t first = part;
+    NodeId n = window.next_target;
+    for (; first < placed.size() && window.item_count < item_limit; ++n) {
+        const std::size_t end = placed.endOf(n);
+        if (end == first) continue;
+        addItem(window, n, rewrites_parameters, first - part, end - first);
+        first = end;
+    }
+    window.next_target = n;
+    window.built = first;
+    window.item_events = {placed.data() + part, first - part};
+}
+
+/// Builds items and copies their events.
+void WindowEngine::buildFromKeys(Window& window, std::size_t item_limit) {
     WindowEvents::Walk events = window.events.walk();
     // Prefetches what an item reads from here to its commit. Half of the states and slots lie
     // across two cache lines.
@@ -282,20 +313,13 @@ void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
     };
     const bool rewrites_parameters = mustRewriteParameters(window);
     const std::size_t part = window.built;
-    std::size_t items = 0;
     std::size_t first = part;
-    for (; first < events.size() && items < item_limit; ++items) {
-        if (items == window.work.size()) appendItem(window);
-        WindowWork& item = window.work[items];
+    while (first < events.size() && window.item_count < item_limit) {
         const NodeId n = events.targetAt(first);
-        if (rewrites_parameters) rewriteParameters(item, n);
-        readNeuron(item, n, window.start);
-
         const std::size_t end = events.orderTarget(first);
-        item.first_event = static_cast<std::uint32_t>(first - part);
-        item.event_count = static_cast<std::uint32_t>(end - first);
-        if (window.item_events.size() < end - part) window.item_events.resize(2 * (end - part));
-        Kernel::WindowEvent* entry = window.item_events.data() + (first - part);
+        addItem(window, n, rewrites_parameters, first - part, end - first);
+        if (window.copied_events.size() < end - part) window.copied_events.resize(2 * (end - part));
+        Kernel::WindowEvent* entry = window.copied_events.data() + (first - part);
         for (; first < end; ++first, ++entry) {
             prefetch(first + prefetch_distance);
             const WindowEvents::Input input = events.inputAt(first);
@@ -305,8 +329,18 @@ void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
         }
     }
     window.built = first;
-    window.item_count = items;
-    window.item_event_count = first - part;
+    window.item_events = {window.copied_events.data(), first - part};
+}
+
+/// Adds the item of a neuron with `count` of the item events, from `first` on.
+void WindowEngine::addItem(Window& window, NodeId neuron, bool rewrites_parameters,
+                           std::size_t first, std::size_t count) {
+    if (window.item_count == window.work.size()) appendItem(window);
+    WindowWork& item = window.work[window.item_count++];
+    if (rewrites_parameters) rewriteParameters(item, neuron);
+    readNeuron(item, neuron, window.start);
+    item.first_event = static_cast<std::uint32_t>(first);
+    item.event_count = static_cast<std::uint32_t>(count);
 }
 
 /// Items stay from window to window. Where all neurons are alike, an item keeps the parameters and
@@ -375,8 +409,8 @@ void WindowEngine::commitItems(const Window& window) {
 }
 
 std::uint64_t WindowEngine::declareObserverEvent(const Event& event) {
-    // During a run the window in hand may already be committed in part, so an observation inside
-    // it would not see all of it.
+    // During a run the current window may be committed in part. An observation inside it would
+    // then miss that part.
     if (running_ || observer_cursor_ != 0) {
         throw WindowEngineError(WindowEngineError::late_observation);
     }

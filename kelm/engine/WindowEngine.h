@@ -80,7 +80,7 @@ public:
     /// that lies before its window; SynapseRoutingViolation for an event outside the network;
     /// LookaheadViolation for a delivery into a processed window; TimeOverflow; what
     /// RandomContext::advanceTo throws; std::runtime_error in a floating-point environment as
-    /// above; and whatever a hook or the backend throws. Nothing of a window whose backend throws
+    /// above; and what a hook or the backend throws. Nothing of a window whose backend throws
     /// is committed.
     void run(IWindowBackend& backend, ModelTime until);
 
@@ -110,9 +110,9 @@ public:
     Blob snapshot();
 
     /// Restores a snapshot of an engine of the same graph shape, parameters, seed and horizon. The
-    /// run then goes on as the run of that engine. False for a blob that
-    /// is cut short, forged, of another format, neuron count or seed; the engine is then as it was,
-    /// unless a store that was given refused after it had changed itself. Call it between runs.
+    /// run then goes on as the run of that engine. False for a blob that is cut short, forged, or
+    /// of another format, neuron count or seed; the engine is then as it was, unless a store that
+    /// was given refused after it had changed itself. Call it between runs.
     [[nodiscard]] bool restore(BlobView blob);
 
     /// All spikes so far, by time, then neuron; the list only grows. Valid until the next run.
@@ -134,11 +134,11 @@ public:
         return random_;
     }
 
-    /// Whether graph, parameters, seed and horizon tell everything about the engine: it is as its
-    /// construction left it, with a calendar of its own and neurons whose parameters have the same
-    /// bits. False for good after a store was given, an event posted, candidates reseeded, streams
-    /// touched, a snapshot restored or a window run. False while there is a hook or an observation,
-    /// or while the graph's dMin() is not the calendar's window.
+    /// Whether graph, parameters, seed and horizon determine the engine: it is as its construction
+    /// left it, with a calendar of its own and neurons whose parameters have the same bits. False
+    /// for good after a store was given, an event posted, candidates reseeded, streams touched, a
+    /// snapshot restored or a window run. False while there is a hook or an observation, or while
+    /// the graph's dMin() is not the calendar's window.
     bool isPristine();
     /// Adopts a run that a backend has taken to the horizon. Only tryResidentRun may call
     /// it, while isPristine() holds. May throw std::bad_alloc, with nothing changed.
@@ -185,6 +185,10 @@ private:
     void computeAndCommit(Window& window, IWindowBackend& backend);
     bool needsWholeWindow(const Window& window) const;
     void buildWork(Window& window, std::size_t item_limit);
+    void buildFromPlaced(Window& window, const PlacedEvents& placed, std::size_t item_limit);
+    void buildFromKeys(Window& window, std::size_t item_limit);
+    void addItem(Window& window, NodeId neuron, bool rewrites_parameters, std::size_t first,
+                 std::size_t count);
     bool mustRewriteParameters(Window& window) const;
     void appendItem(Window& window) const;
     void rewriteParameters(WindowWork& item, NodeId neuron) const;
@@ -218,7 +222,7 @@ private:
     std::uint64_t observer_cursor_ = 0;   ///< the first one not yet delivered
     bool external_events_ = false;
     bool pristine_ = false;  ///< what isPristine() says, but for windows, hooks and dMin()
-    bool running_ = false;   ///< a window is in hand, or was when a run ended with a throw
+    bool running_ = false;   ///< inside a run, or after a run that threw
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -13,19 +13,26 @@
 #include "kelm/core/Failures.h"
 #include "kelm/core/LargePages.h"
 #include "kelm/core/Prefetch.h"
+#include "kelm/engine/PlacedEvents.h"
 #include "kelm/events/CandidateSlot.h"
 #include "kelm/events/ChunkPool.h"
+#include "kelm/events/DeliveryRun.h"
 #include "kelm/events/Event.h"
+#include "kelm/events/EventWheel.h"
 #include "kelm/events/PackedDelivery.h"
+#include "kelm/network/SynapseGraph.h"
 
 namespace Lumenar::Core::Kelm {
 
-/// The events of one window, where they lie in their calendar, in the order of their targets.
+/// The events of one window in the order of their targets.
 ///
-/// A key of one word stands for an event: target in the high bits, place in the low bits. Keys are
-/// added in the order of their places and targets are small integers, so a large window is sorted
-/// digit by digit (D. E. Knuth, "The Art of Computer Programming", volume 3, 1998, section 5.2.5).
-/// Storage is kept from window to window; the events belong to the calendar.
+/// In a dense window, most events are deliveries of runs, several for each neuron. Its events are
+/// written to their places in that order (PlacedEvents). In any other window, an event stays in its
+/// calendar, or a delivery of a run in the graph, and a key of one word represents it: target in
+/// the high bits, place in the low bits. Keys are added in the order of their places and targets
+/// are small integers, so a large window is sorted digit by digit (D. E. Knuth, "The Art of
+/// Computer Programming", volume 3, 1998, section 5.2.5). Storage is kept from window to window;
+/// the events belong to the calendar.
 class WindowEvents {
 public:
     /// The part of an event that its neuron's work item holds, and its id.
@@ -46,9 +53,58 @@ public:
 
     explicit WindowEvents(std::uint64_t node_count) : node_count_(node_count) {}
 
+    /// Begins a window of `candidate_count` candidates and the events of `list`, whose runs go
+    /// through `routed`.
+    /// Throws WindowEngineError for more events than a window can hold.
+    void begin(std::size_t candidate_count, const EventList& list,
+               const SynapseGraph::RoutedTransmissions& routed) {
+        routed_ = routed;
+        runs_.clear();
+        runs_.reserve(list.runs.size());
+        std::size_t run_chunks = 0;
+        list.runs.forEach([&](const DeliveryRun& run) {
+            runs_.push_back(run);
+            run_chunks += chunksOf(run.count);
+        });
+        const std::size_t singles = candidate_count + list.singleCount();
+        if (isDense(list.run_deliveries, singles)) {
+            placed_.begin(node_count_, singles + runs_.size(), singles + list.run_deliveries);
+            is_placed_ = true;
+            outside_ = false;
+        } else {
+            begin(chunksOf(candidate_count) + list.events.chunk_count +
+                  list.deliveries.chunk_count + run_chunks);
+        }
+    }
+    /// Adds what begin has made room for: the candidates of `neurons`, each named once, in `slots`,
+    /// shape (neurons of the network), and the events of `list`.
+    void add(std::span<const NodeId> neurons, std::span<const CandidateSlot> slots,
+             const EventList& list) {
+        if (is_placed_) {
+            for (const NodeId neuron : neurons) placed_.add(neuron, slots[neuron]);
+            list.forEachSingle([&](const auto& record) {
+                outside_ |= record.target >= node_count_;
+                placed_.add(record);
+            });
+            for (const DeliveryRun& run : runs_) placed_.add(run);
+            return;
+        }
+        addCandidates(neurons, slots);
+        list.events.forEachChunk([&](auto records) { addChunk(records); });
+        list.deliveries.forEachChunk([&](auto records) { addChunk(records); });
+        for (std::size_t i = 0; i < runs_.size(); ++i) {
+            if (i + prefetched_runs < runs_.size()) {
+                const DeliveryRun& later = runs_[i + prefetched_runs];
+                routed_.prefetch(later.first_route, later.count);
+            }
+            addRun(runs_[i]);
+        }
+    }
+
     /// Begins a window of at most `chunk_count` chunks.
     /// Throws WindowEngineError for more events than a window can hold.
     void begin(std::size_t chunk_count) {
+        is_placed_ = false;
         const std::size_t places = chunk_count * chunk_places;
         target_bits_ = widthOf(node_count_);
         place_bits_ = widthOf(places);
@@ -61,22 +117,6 @@ public:
         chunks_.clear();
         chunks_.reserve(chunk_count);
         outside_ = false;
-    }
-    /// Adds the records of one chunk, chunk_places at most.
-    void addChunk(std::span<const Event> events) {
-        addRecords(events, {events.data(), nullptr, nullptr});
-    }
-    void addChunk(std::span<const PackedDelivery> deliveries) {
-        addRecords(deliveries, {nullptr, deliveries.data(), nullptr});
-    }
-    /// Adds the candidates of `neurons`, each named once, in `slots`, shape (neurons of the
-    /// network).
-    void addCandidates(std::span<const NodeId> neurons, std::span<const CandidateSlot> slots) {
-        for (std::size_t i = 0; i < neurons.size(); ++i) {
-            if (i % chunk_places == 0) chunks_.push_back({nullptr, nullptr, slots.data()});
-            keys_[size_++] = neurons[i] << place_bits_ |
-                             ((chunks_.size() - 1) * chunk_places + i % chunk_places);
-        }
     }
     /// Begins a window and adds all of its events.
     void addAll(std::span<const Event> events) {
@@ -91,6 +131,7 @@ public:
 
     /// Puts the events in the order of their targets.
     void sortByTarget() {
+        if (is_placed_) return placed_.place(routed_);
         // Clearing and summing the digit counts costs as much as sorting this many keys otherwise.
         if (size_ < min_digit_sorted || target_bits_ > 4 * max_digit_bits) {
             std::sort(keys_.begin(), keys_.begin() + static_cast<std::ptrdiff_t>(size_));
@@ -103,14 +144,36 @@ public:
         }
     }
 
-    std::size_t size() const { return size_; }
+    std::size_t size() const { return is_placed_ ? placed_.size() : size_; }
+
+    /// Copies the deliveries that are still to be read from the graph, so that the graph may
+    /// change. May throw std::bad_alloc.
+    void copyRuns() {
+        if (is_placed_) return;
+        copies_.clear();
+        copies_.reserve(chunks_.size() * chunk_places);
+        for (Chunk& chunk : chunks_) {
+            if (chunk.kind != Kind::run) continue;
+            const std::size_t first = copies_.size();
+            for (std::uint64_t i = 0; i < chunk.count; ++i) {
+                PackedDelivery& copy = copies_.emplace_back();
+                copy.time = chunk.time;
+                copy.id = chunk.id + i;
+                copy.value = routed_[chunk.first_route + i].value();
+            }
+            chunk = Chunk(Kind::deliveries, copies_.data() + first);
+        }
+    }
+
+    /// The events of a dense window, which has no walk. Null for any other window.
+    const PlacedEvents* placed() const { return is_placed_ ? &placed_ : nullptr; }
 
 private:
     struct Chunk;
 
 public:
-    /// A walk over the sorted events, target by target: copies of what it takes to find them, so
-    /// that a loop keeps them in registers. Valid until the next window is begun.
+    /// A walk over the sorted events, target by target. It copies the pointers of the window, so
+    /// that a loop keeps them in registers. Valid until the next window begins.
     class Walk {
     public:
         std::size_t size() const { return size_; }
@@ -119,10 +182,15 @@ public:
         void prefetch(std::size_t i) const {
             const std::uint64_t place = keys_[i] & place_mask_;
             const Chunk& chunk = chunks_[place / chunk_places];
-            if (chunk.deliveries != nullptr) {
-                prefetchLine(chunk.deliveries + place % chunk_places);
-            } else if (chunk.events != nullptr) {
-                prefetchLine(chunk.events + place % chunk_places);
+            switch (chunk.kind) {
+                case Kind::run:
+                    return prefetchLine(&routed_[chunk.first_route + place % chunk_places]);
+                case Kind::deliveries:
+                    return prefetchLine(chunk.deliveries + place % chunk_places);
+                case Kind::events:
+                    return prefetchLine(chunk.events + place % chunk_places);
+                case Kind::candidates:
+                    return;
             }
         }
         /// Puts the events that have the target of event `first` in the order of EventLess, and
@@ -141,18 +209,26 @@ public:
         Input inputOf(std::uint64_t key) const {
             const std::uint64_t place = key & place_mask_;
             const Chunk& chunk = chunks_[place / chunk_places];
-            if (chunk.deliveries != nullptr) {
-                const PackedDelivery& delivery = chunk.deliveries[place % chunk_places];
-                return {delivery.time, delivery.id, static_cast<double>(delivery.value), false};
+            const std::size_t i = place % chunk_places;
+            switch (chunk.kind) {
+                case Kind::run:
+                    return {chunk.time, chunk.id + i,
+                            static_cast<double>(routed_[chunk.first_route + i].value()), false};
+                case Kind::deliveries: {
+                    const PackedDelivery& delivery = chunk.deliveries[i];
+                    return {delivery.time, delivery.id, static_cast<double>(delivery.value), false};
+                }
+                case Kind::candidates: {
+                    const CandidateSlot& slot = chunk.slots[key >> place_bits_];
+                    return {slot.time, slot.event_id, slot.rate, true};
+                }
+                case Kind::events:
+                    break;
             }
-            if (chunk.slots != nullptr) {
-                const CandidateSlot& slot = chunk.slots[key >> place_bits_];
-                return {slot.time, slot.event_id, slot.rate, true};
-            }
-            const Event& event = chunk.events[place % chunk_places];
+            const Event& event = chunk.events[i];
             return {event.time, event.id, event.value, event.kind == EventKind::candidate};
         }
-        /// By insertion, because a target mostly has few events.
+        /// By insertion, because most targets have few events.
         void orderByTime(std::size_t first, std::size_t end) {
             const auto earlier = [this](std::uint64_t a, std::uint64_t b) {
                 const Input x = inputOf(a);
@@ -178,6 +254,7 @@ public:
         std::uint64_t* keys_ = nullptr;
         std::size_t size_ = 0;
         const Chunk* chunks_ = nullptr;
+        SynapseGraph::RoutedTransmissions routed_;
         std::uint64_t place_mask_ = 0;
         int place_bits_ = 0;
     };
@@ -187,12 +264,17 @@ public:
         walk.keys_ = keys_.data();
         walk.size_ = size_;
         walk.chunks_ = chunks_.data();
+        walk.routed_ = routed_;
         walk.place_mask_ = (std::uint64_t{1} << place_bits_) - 1;
         walk.place_bits_ = place_bits_;
         return walk;
     }
 
 private:
+    static constexpr std::uint64_t deliveries_per_neuron = 4;
+    static constexpr std::uint64_t deliveries_per_single = 2;
+    /// How many runs ahead the synapses of a run are prefetched.
+    static constexpr std::size_t prefetched_runs = 4;
     static constexpr std::size_t min_digit_sorted = 256;
     static constexpr std::size_t max_inserted = 16;
     static constexpr int max_digit_bits = 10;
@@ -202,12 +284,65 @@ private:
         return static_cast<int>(std::bit_width(count == 0 ? 0 : count - 1));
     }
 
-    /// Where the records of a chunk lie. One of the three is not null.
+    enum class Kind : std::uint32_t { events, deliveries, candidates, run };
+
+    /// Where the records of a chunk lie.
     struct Chunk {
-        const Event* events;
-        const PackedDelivery* deliveries;
-        const CandidateSlot* slots;  ///< shape (neurons of the network)
+        Chunk(Kind k, const Event* records) : kind(k), events(records) {}
+        Chunk(Kind k, const PackedDelivery* records) : kind(k), deliveries(records) {}
+        Chunk(Kind k, const CandidateSlot* all) : kind(k), slots(all) {}
+        Chunk(const DeliveryRun& run, std::uint64_t first, std::uint64_t last)
+            : kind(Kind::run),
+              count(static_cast<std::uint32_t>(last - first)),
+              first_route(run.first_route + first),
+              time(run.time),
+              id(run.id + first) {}
+
+        Kind kind;
+        std::uint32_t count = 0;  ///< deliveries of a part of a run
+        union {
+            const Event* events;
+            const PackedDelivery* deliveries;
+            const CandidateSlot* slots;  ///< shape (neurons of the network)
+            std::uint64_t first_route;   ///< of a part of a run
+        };
+        // Of a part of a run.
+        ModelTime time = 0;
+        std::uint64_t id = 0;
     };
+
+    /// Whether placing the events costs less than sorting keys of them. Placing takes a pass over
+    /// all neurons and writes at scattered places; it also sorts the single events in time.
+    bool isDense(std::uint64_t run_deliveries, std::size_t singles) const {
+        return run_deliveries / deliveries_per_neuron >= node_count_ &&
+               run_deliveries >= deliveries_per_single * singles &&
+               run_deliveries + singles <= std::numeric_limits<std::uint32_t>::max();
+    }
+
+    void addChunk(std::span<const Event> events) {
+        addRecords(events, Chunk(Kind::events, events.data()));
+    }
+    void addChunk(std::span<const PackedDelivery> deliveries) {
+        addRecords(deliveries, Chunk(Kind::deliveries, deliveries.data()));
+    }
+    void addCandidates(std::span<const NodeId> neurons, std::span<const CandidateSlot> slots) {
+        for (std::size_t i = 0; i < neurons.size(); ++i) {
+            if (i % chunk_places == 0) chunks_.emplace_back(Kind::candidates, slots.data());
+            keys_[size_++] = neurons[i] << place_bits_ |
+                             ((chunks_.size() - 1) * chunk_places + i % chunk_places);
+        }
+    }
+    void addRun(const DeliveryRun& run) {
+        for (std::uint64_t first = 0; first < run.count; first += chunk_places) {
+            const std::uint64_t last = std::min(first + chunk_places, run.count);
+            std::uint64_t place = chunks_.size() * chunk_places;
+            chunks_.emplace_back(run, first, last);
+            for (std::uint64_t i = first; i < last; ++i) {
+                const SynapseTable::Transmission& synapse = routed_[run.first_route + i];
+                keys_[size_++] = NodeId{synapse.target} << place_bits_ | place++;
+            }
+        }
+    }
 
     template <class Record>
     void addRecords(std::span<const Record> records, const Chunk& chunk) {
@@ -270,6 +405,11 @@ private:
     std::size_t size_ = 0;
     LargeArray<std::uint64_t> keys_;  ///< size_ are in use
     LargeArray<std::uint64_t> other_;
+    std::vector<DeliveryRun> runs_;
+    SynapseGraph::RoutedTransmissions routed_;
+    std::vector<PackedDelivery> copies_;  ///< of deliveries in runs
+    PlacedEvents placed_;
+    bool is_placed_ = false;
 };
 
 }  // namespace Lumenar::Core::Kelm

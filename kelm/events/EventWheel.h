@@ -24,9 +24,6 @@ struct EventList {
     bool isEmpty() const { return events.isEmpty() && deliveries.isEmpty() && runs.isEmpty(); }
     std::size_t singleCount() const { return events.size() + deliveries.size(); }
     std::size_t size() const { return singleCount() + run_deliveries; }
-    std::size_t chunkCount() const {
-        return std::size_t{events.chunk_count} + deliveries.chunk_count;
-    }
     /// Calls visit(record) for each single event, with an Event or a PackedDelivery.
     template <class Visit>
     void forEachSingle(Visit visit) const {

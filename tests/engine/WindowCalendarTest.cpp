@@ -1,5 +1,5 @@
-// A calendar that keeps candidates in slots runs beside one that posts them into a store, through
-// random histories. The two must show the same after every step.
+// A calendar that keeps candidates in slots and deliveries in runs goes beside one that posts all
+// of them into a store, through random histories. The two must show the same after every step.
 
 #include "kelm/engine/WindowCalendar.h"
 
@@ -25,18 +25,21 @@ using namespace Testing;
 
 constexpr ModelTime d_min = 10;
 constexpr std::uint64_t buckets = 4096;
-constexpr NodeId neurons = 40;
+constexpr NodeId neurons = 16;
 
 class Histories {
 public:
     explicit Histories(std::uint64_t seed) : draws_(seed) {}
 
     std::string step() {
+        // After a change of weights, deliveries are posted one by one for some windows.
+        if (draws_.oneIn(200)) return reweight();
         const std::uint64_t die = draws_.below(100);
-        if (die < 50) return schedule();
-        if (die < 70) return post();
-        if (die < 80) return deliver();
-        if (die < 94) return take();
+        if (die < 35) return schedule();
+        if (die < 45) return post();
+        if (die < 70) return deliver();
+        if (die < 74) return turn();
+        if (die < 98) return take();
         return restore();
     }
 
@@ -46,6 +49,8 @@ public:
         if (!sameImages<CandidateSlot>(own_.candidates(), stored_.candidates())) return "slots";
         return own_.snapshot() == stored_.snapshot() ? "" : "snapshot";
     }
+
+    std::uint64_t dense_windows = 0;
 
 private:
     template <class Action>
@@ -61,7 +66,7 @@ private:
         if (outcomeOf(own_) != outcomeOf(stored_)) difference_ = "outcome";
     }
 
-    /// Mostly near the last window, sometimes far ahead or gone by.
+    /// Mostly near the last window, sometimes far ahead or past.
     ModelTime anyTime() {
         const unsigned bits = draws_.oneIn(8) ? 40 : 9;
         const ModelTime time = end_ + draws_.timeBelow(std::uint64_t{1} << draws_.below(bits));
@@ -89,10 +94,47 @@ private:
     }
 
     std::string deliver() {
-        const NodeId source = draws_.below(neurons);
-        const ModelTime time = end_ + draws_.timeBelow(d_min);
-        onBoth([&](WindowCalendar& calendar) { calendar.deliver(graph_, source, time); });
-        return "deliver at " + std::to_string(time);
+        for (std::uint64_t spikes = 1 + draws_.below(3); spikes != 0; --spikes) {
+            const NodeId source = draws_.below(neurons);
+            const ModelTime time = end_ + draws_.timeBelow(d_min);
+            onBoth([&](WindowCalendar& calendar) { calendar.deliver(graph_, source, time); });
+        }
+        return "deliver";
+    }
+
+    /// Pending deliveries do not see a switch that is turned.
+    std::string turn() {
+        if (draws_.oneIn(3)) {
+            graph_.setTransmissionEnabled(draws_.oneIn(2), !draws_.oneIn(4));
+        } else {
+            graph_.setEnabled(draws_.below(graph_.edgeCount()), draws_.oneIn(2));
+        }
+        return "turn a switch";
+    }
+
+    /// Pending deliveries keep their values when weights change.
+    std::string reweight() {
+        const EdgeId edge = draws_.below(graph_.edgeCount());
+        const auto weight = static_cast<float>(draws_.below(9));
+        SynapseGraph other(graph_);
+        other.setWeight(edge, weight);
+        switch (draws_.below(5)) {
+            case 0:
+                graph_ = other;
+                return "assign a graph";
+            case 1:
+                graph_ = std::move(other);
+                return "move a graph in";
+            case 2:
+                std::swap(graph_, other);
+                return "swap graphs";
+            case 3:
+                if (!graph_.restore(other.snapshot())) difference_ = "restore of a graph";
+                return "restore a graph";
+            default:
+                graph_.setWeight(edge, weight);
+                return "set a weight";
+        }
     }
 
     /// What a window holds, target by target.
@@ -110,16 +152,34 @@ private:
         taken.given = calendar.takeWindow(until, events, taken.start, taken.end);
         if (!taken.given) return taken;
         events.sortByTarget();
+        const auto note = [&](NodeId target, ModelTime time, double value, bool wake_only) {
+            for (const std::uint64_t bits :
+                 {target, static_cast<std::uint64_t>(time), std::bit_cast<std::uint64_t>(value),
+                  std::uint64_t{wake_only}}) {
+                taken.values.push_back(bits);
+            }
+        };
+        if (const PlacedEvents* placed = events.placed()) {
+            ++dense_windows;
+            std::size_t i = 0;
+            for (NodeId target = 0; target < neurons; ++target) {
+                for (; i < placed->endOf(target); ++i) {
+                    const Kernel::WindowEvent& event = placed->data()[i];
+                    note(target, event.time, event.value, event.wake_only);
+                }
+            }
+            return taken;
+        }
+        if (draws_.oneIn(100)) {
+            events.copyRuns();
+            graph_.setWeight(0, static_cast<float>(draws_.below(9)));
+        }
         WindowEvents::Walk walk = events.walk();
         for (std::size_t first = 0; first < walk.size();) {
             const std::size_t end = walk.orderTarget(first);
             for (; first < end; ++first) {
                 const WindowEvents::Input input = walk.inputAt(first);
-                for (const std::uint64_t value :
-                     {walk.targetAt(first), static_cast<std::uint64_t>(input.time), input.id,
-                      std::bit_cast<std::uint64_t>(input.value), std::uint64_t{input.wake_only}}) {
-                    taken.values.push_back(value);
-                }
+                note(walk.targetAt(first), input.time, input.value, input.wake_only);
             }
         }
         return taken;
@@ -132,7 +192,7 @@ private:
         return "take until " + std::to_string(until);
     }
 
-    /// Back to the state in hand, with slots that may have been forged: they then name events that
+    /// Back to the current state, with slots that may have been forged: they then name events that
     /// are gone, that belong to another neuron, or that are no candidates.
     std::string restore() {
         const auto slots = [&] {
@@ -163,14 +223,21 @@ private:
         return "restore";
     }
 
-    static SynapseGraph makeGraph() {
+    /// Two thirds of the neurons have one delay.
+    SynapseGraph makeGraph() {
         std::vector<Synapse> synapses;
-        for (NodeId i = 0; i < 4 * neurons; ++i) {
-            synapses.push_back({.source = i % neurons,
-                                .target = i * 7 % neurons,
-                                .weight = 0.5F,
-                                .delay = d_min + static_cast<ModelTime>(i % 3) * 37,
-                                .inhibitory = i % 5 == 0});
+        const std::uint64_t fanout = 3 + draws_.below(60);
+        const bool by_source = draws_.oneIn(2);
+        for (std::uint64_t i = 0; i < fanout * neurons; ++i) {
+            const NodeId source = by_source ? i / fanout : i % neurons;
+            ModelTime delay = d_min * (1 + static_cast<ModelTime>(source % 2));
+            if (source % 3 == 0) delay += static_cast<ModelTime>(i % 3) * 37;
+            if (source % 7 == 0) delay += ModelTime{1} << (source + 3);
+            synapses.push_back({.source = source,
+                                .target = draws_.below(neurons),
+                                .weight = static_cast<float>(i % 64),
+                                .delay = delay,
+                                .inhibitory = source % 4 == 0 || i % 100 == 0});
         }
         return SynapseGraph(neurons, d_min, std::move(synapses));
     }
@@ -184,14 +251,17 @@ private:
 };
 
 TEST(WindowCalendar, ShowsWhatAStoreOfEventsShowsThroughRandomHistories) {
-    for (std::uint64_t seed = 0; seed < 300; ++seed) {
+    std::uint64_t dense_windows = 0;
+    for (std::uint64_t seed = 0; seed < 100; ++seed) {
         Histories histories(seed);
-        for (int step = 0; step < 120; ++step) {
+        for (int step = 0; step < 150; ++step) {
             const std::string done = histories.step();
             ASSERT_EQ(histories.difference(), "")
                 << "seed " << seed << ", step " << step << ": " << done;
         }
+        dense_windows += histories.dense_windows;
     }
+    EXPECT_GT(dense_windows, 80);
 }
 
 TEST(WindowCalendar, KeepsAWindowWhoseEndIsBeyondTime) {
