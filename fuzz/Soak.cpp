@@ -93,7 +93,8 @@ std::unique_ptr<IEventStore> storeFor(Manner manner, const SoakModel& model) {
     return nullptr;
 }
 
-/// Records what hooks and listeners see: states, and digests of everything.
+/// Records what hooks and listeners see: states, and digests of everything. Its observations also
+/// change the graph.
 class Witness final : public IWindowObserver, public ICommitListener {
 public:
     void observe(const Event& event, std::span<const Kernel::State> states,
@@ -101,8 +102,9 @@ public:
         observe(event, states, {}, graph);
     }
     void observe(const Event& event, std::span<const Kernel::State> states,
-                 std::span<const ModelTime> candidate_times, SynapseGraph&) override {
+                 std::span<const ModelTime> candidate_times, SynapseGraph& graph) override {
         ++sights_;
+        changeGraph(graph);
         add(event.time, digestImages(std::span<const Event>(&event, 1)));
         add(event.time, digestImages(candidate_times));
         add(event.time, digestImages(states));
@@ -129,6 +131,21 @@ private:
     static constexpr std::uint64_t prime = 0x9e3779b97f4a7c15;
 
     void add(ModelTime time, std::uint64_t digest) { notes_.emplace_back(time, digest); }
+    /// Sets a weight or turns a switch. Deliveries that are pending must not change.
+    void changeGraph(SynapseGraph& graph) const {
+        if (graph.edgeCount() == 0) return;
+        const EdgeId edge = sights_ * prime % graph.edgeCount();
+        switch (sights_ % 6) {
+            case 1:
+                return graph.setEnabled(edge, sights_ % 4 == 1);
+            case 3:
+                return graph.setTransmissionEnabled(sights_ % 4 == 3, sights_ % 8 < 4);
+            case 5:
+                return graph.setWeight(edge, 0.01F * static_cast<float>(sights_ % 64));
+            default:
+                return;
+        }
+    }
 
     std::vector<std::pair<ModelTime, std::uint64_t>> notes_;
     std::uint64_t sights_ = 0;  ///< observations at declared times

@@ -51,6 +51,7 @@ ModelTraits traitsOf(ModelKind kind, Draws& draws) {
         traits.max_neurons = 1500;
         traits.max_windows = 4;
     }
+    traits.fans = !traits.resident && draws.oneIn(2);
     return traits;
 }
 
@@ -62,6 +63,7 @@ ComposedTraits composedTraitsOf(ModelKind kind, Draws& draws, bool counts_spikes
     traits.counts_spikes = counts_spikes;
     traits.extreme = kind == ModelKind::composed_extreme;
     traits.far = kind == ModelKind::composed_far;
+    traits.fans = draws.oneIn(4);
     return traits;
 }
 

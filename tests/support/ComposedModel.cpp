@@ -262,7 +262,10 @@ private:
                 return turn(
                     0, [=](KelmRuntime& r) { r.graph().setTransmissionEnabled(number == 0, on); });
             case 7:
-                return turn(0, [=](KelmRuntime& r) { r.graph().setEnabled(edge, on); });
+                return turn(0, [=](KelmRuntime& r) {
+                    if (number != 0) return r.graph().setEnabled(edge, on);
+                    r.graph().setWeight(edge, static_cast<float>(gain));
+                });
             default:
                 return setLearning();
         }
@@ -281,6 +284,7 @@ ComposedModel generateComposedModel(std::uint64_t seed, const ComposedTraits& tr
                                          .max_windows = traits.max_windows,
                                          .alike = true,
                                          .external_events = false,
+                                         .fans = traits.fans,
                                          .extreme = traits.extreme,
                                          .far = traits.far});
     Generator(model, traits).generate();

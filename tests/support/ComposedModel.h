@@ -19,6 +19,7 @@ struct ComposedTraits {
     std::int64_t max_windows = 40;
     std::uint64_t max_stops = 8;  ///< times at which the caller acts, besides the start
     bool counts_spikes = false;  ///< samples count spikes, which a checkpoint does not hold in full
+    bool fans = false;           ///< as in ModelTraits
     bool extreme = false;        ///< as in ModelTraits; bound violations may occur
     bool far = false;  ///< as in ModelTraits; without oscillators, which need every window
 };

@@ -59,12 +59,13 @@ Synapse generateSynapse(Draws& draws, const GeneratedModel& model) {
     return synapse;
 }
 
-void generateSynapses(Draws& draws, GeneratedModel& model, bool resident) {
-    const std::uint64_t fanout = resident ? 1 + draws.below(6) : 0;
+void generateSynapses(Draws& draws, GeneratedModel& model, bool resident, bool fans) {
+    std::uint64_t fanout = resident ? 1 + draws.below(6) : 0;
+    if (fans) fanout = 1 + draws.below(40);
     // Half of the models have edge ids in another order than the sources.
-    const bool by_source = resident && draws.chance(50);
+    const bool by_source = fanout != 0 && draws.chance(50);
     const std::uint64_t count =
-        resident ? fanout * model.node_count : draws.below(6 * model.node_count + 1);
+        fanout != 0 ? fanout * model.node_count : draws.below(6 * model.node_count + 1);
     for (std::uint64_t i = 0; i < count; ++i) {
         const bool parallel = i != 0 && draws.chance(10);
         Synapse synapse = generateSynapse(draws, model);
@@ -72,8 +73,17 @@ void generateSynapses(Draws& draws, GeneratedModel& model, bool resident) {
             synapse.source = model.synapses.back().source;
             synapse.target = model.synapses.back().target;
         }
+        if (fanout != 0) synapse.source = by_source ? i / fanout : i % model.node_count;
+        if (fans) {
+            // A few neurons keep mixed delays, signs and switches.
+            if (synapse.source % 5 != 0) {
+                synapse.inhibitory = synapse.source % 4 == 0;
+                synapse.delay = model.d_min * (1 + static_cast<ModelTime>(synapse.source % 3));
+                synapse.enabled = true;
+            }
+            synapse.weight /= static_cast<float>(fanout);
+        }
         if (resident) {
-            synapse.source = by_source ? i / fanout : i % model.node_count;
             synapse.delay = model.d_min;
             synapse.enabled = true;
         }
@@ -277,7 +287,7 @@ GeneratedModel generateModel(std::uint64_t seed, const ModelTraits& traits) {
             again ? model.firings[0]
                   : generateFiring(draws, model.d_min, model.neurons[n].hard_refractory));
     }
-    generateSynapses(draws, model, traits.resident);
+    generateSynapses(draws, model, traits.resident, traits.fans);
     if (traits.external_events) generateInputs(draws, model, windows);
     if (traits.far) makeFar(draws, model);
     if (traits.extreme) makeExtreme(draws, model);

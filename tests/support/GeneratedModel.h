@@ -49,6 +49,8 @@ struct ModelTraits {
     /// multiple of the window. With `alike` and without external events, the model can run whole on
     /// a device.
     bool resident = false;
+    /// Each neuron has up to 40 synapses with one delay, so its deliveries are kept as runs.
+    bool fans = false;
     /// Some parameters, weights and inputs are at the limits of arithmetic, and some windows are a
     /// few ns long.
     bool extreme = false;
