@@ -258,7 +258,8 @@ private:
     }
 
     void downloadPending() {
-        if (arrivals_ == 0) return;
+        // After a stop for lack of room, the bucket holds a list of neurons.
+        if (!run_.capacity_ok || arrivals_ == 0) return;
         std::vector<ShardArrival> arrivals;
         download(arrivals, arena_.current_bucket, arrivals_, "download resident future bucket");
         run_.pending_events.reserve(arrivals.size());

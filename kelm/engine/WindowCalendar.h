@@ -60,9 +60,14 @@ public:
     void deliver(SynapseGraph& graph, NodeId source, ModelTime time) {
         if (store_) {
             graph.deliver(source, time, *store_);
-        } else if (windows_without_runs_ != 0 || !deliverRun(graph, source, time)) {
+        } else if (!postsRuns() || !deliverRun(graph, source, time)) {
             graph.deliver(source, time, calendar_);
         }
+    }
+
+    /// Prefetches what deliver for a spike of `source` reads.
+    void prefetchSynapses(const SynapseGraph& graph, NodeId source) const {
+        graph.prefetchSynapses(source, postsRuns());
     }
 
     /// Replaces a neuron's candidate by one for `time` ns, drawn under `rate`, or by none where the
@@ -112,8 +117,12 @@ private:
     /// run would only be expanded, which costs a little more than single deliveries.
     static constexpr int pause_windows = 16;
 
+    bool postsRuns() const { return !store_ && windows_without_runs_ == 0; }
     /// False if the graph does not defer the deliveries.
     bool deliverRun(SynapseGraph& graph, NodeId source, ModelTime time) {
+        // A hook may have replaced the graph by a larger one. The targets of a run are not checked
+        // again, those of single deliveries are.
+        if (graph.nodeCount() != slots_.size()) return false;
         const std::optional<DeliveryRun> run = graph.deferRun(source, time, *this);
         if (!run) return false;
         graph_ = &graph;

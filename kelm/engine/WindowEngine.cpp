@@ -383,7 +383,7 @@ void WindowEngine::readNeuron(WindowWork& item, NodeId neuron, ModelTime window_
 void WindowEngine::commitItems(const Window& window) {
     const auto prefetch_fired = [&](std::size_t i) {
         if (i < window.item_count && window.results[i].spike_count != 0) {
-            graph_.prefetchSynapses(window.work[i].neuron);
+            calendar_.prefetchSynapses(graph_, window.work[i].neuron);
         }
     };
     for (std::size_t i = 0; i < commit_distance; ++i) prefetch_fired(i);

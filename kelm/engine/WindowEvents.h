@@ -26,13 +26,12 @@ namespace Lumenar::Core::Kelm {
 
 /// The events of one window in the order of their targets.
 ///
-/// In a dense window, most events are deliveries of runs, several for each neuron. Its events are
-/// written to their places in that order (PlacedEvents). In any other window, an event stays in its
-/// calendar, or a delivery of a run in the graph, and a key of one word represents it: target in
-/// the high bits, place in the low bits. Keys are added in the order of their places and targets
-/// are small integers, so a large window is sorted digit by digit (D. E. Knuth, "The Art of
-/// Computer Programming", volume 3, 1998, section 5.2.5). Storage is kept from window to window;
-/// the events belong to the calendar.
+/// A dense window has several run deliveries per neuron. Its events are written straight to their
+/// places (PlacedEvents). In any other window, each event has a key of one word: target in the high
+/// bits, place in the low bits. The event stays in the calendar, and a delivery of a run stays in
+/// the graph. Keys are added in the order of their places and targets are small integers, so a
+/// large window is sorted digit by digit (D. E. Knuth, "The Art of Computer Programming", volume 3,
+/// 1998, section 5.2.5). Storage is kept from window to window; the events belong to the calendar.
 class WindowEvents {
 public:
     /// The part of an event that its neuron's work item holds, and its id.
@@ -72,8 +71,8 @@ public:
             is_placed_ = true;
             outside_ = false;
         } else {
-            begin(chunksOf(candidate_count) + list.events.chunk_count +
-                  list.deliveries.chunk_count + run_chunks);
+            beginKeys(chunksOf(candidate_count) + list.events.chunk_count +
+                      list.deliveries.chunk_count + run_chunks);
         }
     }
     /// Adds what begin has made room for: the candidates of `neurons`, each named once, in `slots`,
@@ -104,19 +103,8 @@ public:
     /// Begins a window of at most `chunk_count` chunks.
     /// Throws WindowEngineError for more events than a window can hold.
     void begin(std::size_t chunk_count) {
-        is_placed_ = false;
-        const std::size_t places = chunk_count * chunk_places;
-        target_bits_ = widthOf(node_count_);
-        place_bits_ = widthOf(places);
-        if (places > std::numeric_limits<std::uint32_t>::max() || target_bits_ + place_bits_ > 64) {
-            throw WindowEngineError(WindowEngineError::window_too_large);
-        }
-        // Longer than needed, so that no window but the largest clears memory.
-        if (keys_.size() < places) keys_.resize(std::max(places, 2 * keys_.size()));
-        size_ = 0;
-        chunks_.clear();
-        chunks_.reserve(chunk_count);
-        outside_ = false;
+        runs_.clear();
+        beginKeys(chunk_count);
     }
     /// Begins a window and adds all of its events.
     void addAll(std::span<const Event> events) {
@@ -150,8 +138,11 @@ public:
     /// change. May throw std::bad_alloc.
     void copyRuns() {
         if (is_placed_) return;
+        std::size_t deliveries = 0;
+        for (const DeliveryRun& run : runs_) deliveries += run.count;
+        if (deliveries == 0) return;
         copies_.clear();
-        copies_.reserve(chunks_.size() * chunk_places);
+        copies_.reserve(deliveries);
         for (Chunk& chunk : chunks_) {
             if (chunk.kind != Kind::run) continue;
             const std::size_t first = copies_.size();
@@ -319,6 +310,21 @@ private:
                run_deliveries + singles <= std::numeric_limits<std::uint32_t>::max();
     }
 
+    void beginKeys(std::size_t chunk_count) {
+        is_placed_ = false;
+        const std::size_t places = chunk_count * chunk_places;
+        target_bits_ = widthOf(node_count_);
+        place_bits_ = widthOf(places);
+        if (places > std::numeric_limits<std::uint32_t>::max() || target_bits_ + place_bits_ > 64) {
+            throw WindowEngineError(WindowEngineError::window_too_large);
+        }
+        // Longer than needed, so that no window but the largest clears memory.
+        if (keys_.size() < places) keys_.resize(std::max(places, 2 * keys_.size()));
+        size_ = 0;
+        chunks_.clear();
+        chunks_.reserve(chunk_count);
+        outside_ = false;
+    }
     void addChunk(std::span<const Event> events) {
         addRecords(events, Chunk(Kind::events, events.data()));
     }

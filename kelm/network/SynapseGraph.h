@@ -20,7 +20,7 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Keeps runs of a graph, whose targets and values it reads from the graph later.
+/// Keeps runs and reads their targets and values from the graph later.
 class IRunHolder {
 public:
     virtual ~IRunHolder() = default;
@@ -39,7 +39,8 @@ public:
 /// The synapses lie in columns, 20 bytes each in a compact table. A graph whose synapses are sorted
 /// by source delivers without outgoing lists. The first read of the routing tables builds them, so
 /// such a read is not const. Views are valid until the graph is assigned to or restored. A graph
-/// that was moved from may only be assigned to or destroyed. One thread at a time.
+/// that was moved from may only be assigned to or destroyed. A move expands waiting runs and may
+/// throw std::bad_alloc, with nothing changed. One thread at a time.
 class SynapseGraph {
 public:
     /// Takes over the synapses. A synapse's EdgeId is its index in the list.
@@ -163,12 +164,12 @@ public:
     /// throw std::bad_alloc, with the record unchanged.
     std::uint64_t takeReweightedTargets(std::uint64_t last_call, std::vector<NodeId>& targets);
 
-    /// Hints that deliver() or deferRun() from `source` follows soon. `source` must lie in the
-    /// network.
-    void prefetchSynapses(NodeId source) const {
+    /// Hints that deliver() from `source` follows soon, or deferRun() where `as_run` is set.
+    /// `source` must lie in the network.
+    void prefetchSynapses(NodeId source, bool as_run) const {
         if (!out_.built) return;
+        if (as_run && !out_.fanouts.empty() && out_.fanouts[source].delay() != 0) return;
         const std::uint64_t first = out_.offsets[source];
-        if (!out_.fanouts.empty() && out_.fanouts[source].delay() != 0) return;
         if (out_.ascending) {
             synapses_.prefetchRange(first, out_.offsets[source + 1]);
         } else {

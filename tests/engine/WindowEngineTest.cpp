@@ -214,6 +214,32 @@ TEST(WindowEngineRun, RefusesEventsForNeuronsOutsideTheNetworkFromCallerAndStore
     EXPECT_FALSE(engine.hasExternalEvents());
 }
 
+TEST(WindowEngineRun, EndsAtADeliveryOutsideTheNetworkAfterAHookHasReplacedTheGraph) {
+    // Eight synapses from neuron 0, so that a spike is kept as one run.
+    const auto fan = [](std::uint64_t neurons, NodeId target) {
+        return SynapseGraph(neurons, 10,
+                            std::vector<Synapse>(8, {.target = target, .weight = 1, .delay = 10}));
+    };
+    struct Replacing : IWindowCommit {
+        explicit Replacing(SynapseGraph&& graph) : larger(std::move(graph)) {}
+        void commit(ModelTime, ModelTime, std::span<const SpikeRecord>,
+                    SynapseGraph& graph) override {
+            graph = larger;
+        }
+        SynapseGraph larger;
+    };
+    WindowEngine engine(fan(2, 1), Kernel::Neuron(), silent_firing, 1, 100);
+    Replacing hook(fan(100, 50));
+    engine.setHooks(nullptr, &hook, nullptr);
+    engine.post(inputAt(5, 1));
+    engine.post(inputAt(25, 0));
+    ScriptedBackend backend([](const WindowWork& item, const Kernel::WindowEvent*, ModelTime end) {
+        return item.neuron == 0 ? quietResult(item, {end - 1}) : quietResult(item);
+    });
+    expectThrows<SynapseRoutingViolation>([&] { engine.run(backend); },
+                                          "KELM destination NodeId is out of range");
+}
+
 TEST(WindowEngineStore, MayBeRestoredAndToldToCancelFromOutside) {
     // The same acts on two stores whose addresses are kept. One of the two shows no more than the
     // interface.
