@@ -66,6 +66,23 @@ KELM_LANE_INLINE bool any(Mask mask) {
 
 constexpr double infinity = __builtin_inf();
 
+/// The part of Kernel::kernelExp behind its reduction: of r = hi - lo.
+KELM_LANE_INLINE Doubles expOfReduced(Doubles r, Doubles hi, Doubles lo) {
+    const Doubles z = r * r;
+    Doubles p = z * e5;
+    p = p - e4;
+    p = p * z;
+    p = p + e3;
+    p = p * z;
+    p = p - e2;
+    p = p * z;
+    p = p + e1;
+    p = p * z;
+    const Doubles c = r - p;
+    const Doubles q = c * r;
+    return 1.0 - ((lo - q / (2.0 - c)) - hi);
+}
+
 /// Kernel::kernelExp.
 ///
 /// Its three reductions are one here. With k = 0 the general one gives hi = x and lo = 0, and the
@@ -93,19 +110,7 @@ KELM_LANE_INLINE Doubles expOf(Doubles argument) {
     const Doubles lo = k * ln2_lo;
     const Doubles r = hi - lo;
 
-    const Doubles z = r * r;
-    Doubles p = z * e5;
-    p = p - e4;
-    p = p * z;
-    p = p + e3;
-    p = p * z;
-    p = p - e2;
-    p = p * z;
-    p = p + e1;
-    p = p * z;
-    const Doubles c = r - p;
-    const Doubles q = c * r;
-    Doubles y = 1.0 - ((lo - q / (2.0 - c)) - hi);
+    Doubles y = expOfReduced(r, hi, lo);
 
     const Mask above = k > 1023.0;
     const Mask below = k < -1022.0;
@@ -121,19 +126,7 @@ KELM_LANE_INLINE Doubles expOf(Doubles argument) {
 
 /// Kernel::kernelExp for magnitudes up to 0.3465, where k is 0 in expOf.
 KELM_LANE_INLINE Doubles expOfSmall(Doubles x) {
-    const Doubles z = x * x;
-    Doubles p = z * e5;
-    p = p - e4;
-    p = p * z;
-    p = p + e3;
-    p = p * z;
-    p = p - e2;
-    p = p * z;
-    p = p + e1;
-    p = p * z;
-    const Doubles c = x - p;
-    const Doubles q = c * x;
-    const Doubles y = 1.0 - ((0.0 - q / (2.0 - c)) - x);
+    const Doubles y = expOfReduced(x, x, Doubles{});
     return select(magnitude(x) < 0x1p-28, x + 1.0, y);
 }
 
