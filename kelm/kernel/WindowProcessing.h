@@ -227,7 +227,7 @@ KELM_HD inline bool skipCandidate(const State& state, const NeuronModel& model, 
 inline constexpr double bound_tolerance = 1.000000000001;
 static_assert(bitsOf(bound_tolerance) == 0x3ff0000000001198);
 
-/// Applies no inputs ahead of their turn (see InputRun.h).
+/// Applies no inputs ahead of their turn.
 struct NoInputRuns {
     KELM_HD std::uint32_t operator()(State&, std::uint64_t&, const NeuronModel&, const WindowEvent*,
                                      std::uint32_t, ModelTime, double) const {
@@ -244,7 +244,7 @@ struct NoInputRuns {
 /// Random draws, in order: one for each bound other than 0, and one for each candidate, after its
 /// bound check and before the next bound.
 ///
-/// `runs`: a function like runInputs, which changes no result.
+/// `runs`: applies inputs ahead of their turn and returns how many; changes no result.
 template <class InputRuns = NoInputRuns>
 KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
                                           const NeuronModel& model, const WindowEvent* events,
