@@ -11,12 +11,13 @@ namespace Lumenar::Core::Kelm::Kernel {
 inline constexpr std::uint32_t min_run_inputs = 4;
 
 /// Applies inputs of a walk, several at a time, as long as skipCandidate holds after each of them.
-/// Returns how many it has applied; the state and `rng` are those after the last one. May apply
-/// fewer than it could.
+/// The last input that is applied is an exception: its draw is left to the caller. Returns how many
+/// inputs are applied. The state and `rng` are then those before the draw of the last one. May
+/// apply fewer inputs than it could.
 ///
 /// `events`: shape (count), count at least 1; the first one is the walk's next input, and no
-/// candidate is due before it. `end`: ns, the smaller of the window's end and the draw's limit.
-/// Leaves inputs from `end` on, and always the last input before it.
+/// candidate is due before it. `end`: ns, the smaller of the window's end and the draw's limit;
+/// later inputs are left.
 std::uint32_t runInputs(State& state, std::uint64_t& rng, const NeuronModel& model,
                         const WindowEvent* events, std::uint32_t count, ModelTime end,
                         double drive_bound);

@@ -16,24 +16,35 @@ constexpr int run_block = 32;
 /// Times up to here are exact in doubles.
 constexpr ModelTime greatest_run_end = ModelTime{1} << 53;
 
-/// The inputs of a block. Entry i + 1 of the times belongs to input i, entry 0 to the state. There
-/// is room for a whole vector behind the last entry that is used.
+/// The inputs of a block. Entry i + 1 of a time or trace belongs to input i, entry 0 to the state.
+/// There is room for a whole vector behind the last entry that is used.
 struct RunBlock {
     double time[run_block + 2 + lane_count];   ///< ns
     double value[run_block + 1 + lane_count];  ///< as in Kernel::WindowEvent
     double membrane_factor[run_block + lane_count];
     double adaptation_factor[run_block + lane_count];
-    double clip[run_block + lane_count];        ///< a decayed trace of smaller magnitude is 0
-    double membrane[run_block + lane_count];    ///< after the input
-    double adaptation[run_block + lane_count];  ///< after the input
+    double membrane[run_block + 1 + lane_count];    ///< after the input
+    double adaptation[run_block + 1 + lane_count];  ///< after the input
 };
 
-/// Reads the inputs before `end` ns, `count` and a block at most, and returns how many of them have
-/// another input behind them in the block.
+/// Reads the inputs before `end` ns, a block and one more at most, and returns their number.
 KELM_LANE_INLINE int readInputs(RunBlock& block, const Kernel::WindowEvent* events,
                                 std::uint32_t count, ModelTime end) {
     const int most = count > run_block ? run_block + 1 : static_cast<int>(count);
     int inputs = 0;
+    // Times ascend, so the last one of a group tells for all of them.
+    constexpr int group = 4;
+    while (inputs + group <= most && events[inputs + group - 1].time < end) {
+        const Kernel::WindowEvent* first = events + inputs;
+        if (first[0].wake_only | first[1].wake_only | first[2].wake_only | first[3].wake_only) {
+            break;
+        }
+        for (int i = 0; i < group; ++i) {
+            block.time[inputs + i + 1] = static_cast<double>(first[i].time);
+            block.value[inputs + i] = first[i].value;
+        }
+        inputs += group;
+    }
     while (inputs < most && !events[inputs].wake_only && events[inputs].time < end) {
         block.time[inputs + 1] = static_cast<double>(events[inputs].time);
         block.value[inputs] = events[inputs].value;
@@ -41,61 +52,69 @@ KELM_LANE_INLINE int readInputs(RunBlock& block, const Kernel::WindowEvent* even
     }
     for (int i = inputs; i < inputs + lane_count; ++i) {
         block.time[i + 1] = block.time[inputs];
-        block.value[i] = 0.0;
+        block.value[i] = 1.0;
     }
-    return inputs - 1;
+    return inputs;
 }
 
-/// The factors by which the traces decay from one time to the next.
+/// Computes the factors by which the traces decay from one time to the next.
 KELM_LANE_INLINE void computeFactors(RunBlock& block, int inputs, const Kernel::Neuron& neuron) {
     const double tau_membrane = static_cast<double>(neuron.tau_membrane);
     const double tau_adaptation = static_cast<double>(neuron.tau_adaptation);
+    const double shorter = tau_membrane < tau_adaptation ? tau_membrane : tau_adaptation;
+    const double longer = tau_membrane < tau_adaptation ? tau_adaptation : tau_membrane;
+    // Within these limits expOfReduced gives the exponential of both quotients.
+    const double most = shorter * 0.3464;
+    const double least = longer < 0x1p28 ? 0.0 : longer * 0x1.01p-28;
     for (int i = 0; i < inputs; i += lane_count) {
         const Doubles interval = load<Doubles>(block.time + i + 1) - load<Doubles>(block.time + i);
         const Doubles x = -interval / tau_membrane;
         const Doubles y = -interval / tau_adaptation;
-        constexpr double small = 0.3465;
-        if (__builtin_expect(any((magnitude(x) > small) | (magnitude(y) > small)), 0)) {
+        if (__builtin_expect(any((interval > most) | (interval < least)), 0)) {
             store(block.membrane_factor + i, expOf(x));
             store(block.adaptation_factor + i, expOf(y));
         } else {
-            store(block.membrane_factor + i, expOfSmall(x));
-            store(block.adaptation_factor + i, expOfSmall(y));
+            store(block.membrane_factor + i, expOfReduced(x, x, Doubles{}));
+            store(block.adaptation_factor + i, expOfReduced(y, y, Doubles{}));
         }
-        // Without an interval the factor is 1 and nothing is clipped.
-        store(block.clip + i, select(interval == 0.0, all(-1.0), all(neuron.trace_epsilon)));
     }
 }
 
-/// Kernel::decayTrace.
-KELM_LANE_INLINE double decayedBy(double factor, double value, double clip) {
-    double decayed = factor * value;
-    // A branch, because the next input waits for this value.
-    if (__builtin_expect(clip > __builtin_fabs(decayed), 0) && value != 0) decayed = 0.0;
-    return decayed;
-}
-
-/// The traces after each input. `coupled`: false if the coupling is 0. The product is then a zero
-/// or a NaN. A NaN membrane ends the run, and the sign of a zero is the same again after the next
-/// input that is taken by itself.
+/// Computes the traces after each input. Clips none: findStop ends the run where that matters.
+/// `coupled`: may be false if the coupling is 0 and no value is. The product with the coupling is
+/// then a zero, which adds nothing to the value, or a NaN, where findStop ends the run as well.
 template <bool coupled>
-KELM_LANE_INLINE void computeTraces(RunBlock& block, int inputs, const Kernel::State& state,
-                                    double coupling) {
-    double membrane = state.membrane;
-    double adaptation = state.adaptation;
+KELM_LANE_INLINE void computeTraces(RunBlock& block, int inputs, double coupling) {
+    double membrane = block.membrane[0];
+    double adaptation = block.adaptation[0];
     for (int i = 0; i < inputs; ++i) {
-        membrane = decayedBy(block.membrane_factor[i], membrane, block.clip[i]);
-        adaptation = decayedBy(block.adaptation_factor[i], adaptation, block.clip[i]);
+        membrane = block.membrane_factor[i] * membrane;
+        adaptation = block.adaptation_factor[i] * adaptation;
         const double value = block.value[i];
         const double input = coupled ? (membrane * coupling) * value + value : value;
         membrane = input + membrane;
-        block.membrane[i] = membrane;
-        block.adaptation[i] = adaptation;
+        block.membrane[i + 1] = membrane;
+        block.adaptation[i + 1] = adaptation;
     }
     for (int i = inputs; i < inputs + lane_count - 1; ++i) {
-        block.membrane[i] = 0.0;
-        block.adaptation[i] = 0.0;
+        block.membrane[i + 1] = 0.0;
+        block.adaptation[i + 1] = 0.0;
     }
+}
+
+/// Whether an input has the value 0.
+KELM_LANE_INLINE bool hasZero(const RunBlock& block, int inputs) {
+    Mask zeros = {};
+    for (int i = 0; i < inputs; i += lane_count) zeros |= load<Doubles>(block.value + i) == 0.0;
+    return any(zeros);
+}
+
+/// The lanes in which Kernel::decayTrace would clip the trace. Also some that it leaves because no
+/// time has passed.
+KELM_LANE_INLINE Mask clips(const double* factors, const double* traces, double epsilon) {
+    const Doubles before = load<Doubles>(traces);
+    const Doubles decayed = load<Doubles>(factors) * before;
+    return (epsilon > magnitude(decayed)) & (before != 0.0);
 }
 
 /// Kernel::hazardEstimate. `known`: the lanes in which the estimate is valid.
@@ -117,31 +136,41 @@ KELM_LANE_INLINE Doubles hazardEstimate(Doubles membrane, Doubles adaptation,
     return fromBits(bitsOf(p + fixed_point) << 32) * model.rate;
 }
 
-/// The number of inputs before the first one whose draw may give a candidate before the next input.
-KELM_LANE_INLINE int countPassed(const RunBlock& block, int inputs,
-                                 const Kernel::NeuronModel& model, double drive_bound,
-                                 std::uint64_t rng) {
+/// The first input whose draw must be looked at: because it may give a candidate before the next
+/// input, because no other input follows, or because the computed traces are not those of the walk.
+struct RunStop {
+    int input;   ///< run_block if there is none in the block
+    bool sound;  ///< its traces are right
+};
+
+/// `inputs`: in the block; `followed`: those before another input. `rng`: before the first draw.
+KELM_LANE_INLINE RunStop findStop(const RunBlock& block, int inputs, int followed,
+                                  const Kernel::NeuronModel& model, double drive_bound,
+                                  std::uint64_t rng) {
     Words states = Words{} + rng;
     for (int i = 0; i < lane_count; ++i) {
         states[i] += static_cast<std::uint64_t>(i + 1) * splitmix_increment;
     }
+    const double epsilon = model.neuron.trace_epsilon;
     for (int i = 0; i < inputs; i += lane_count) {
-        const Doubles u = uniformOf(states);
-        const Doubles room =
-            (load<Doubles>(block.time + i + 2) - load<Doubles>(block.time + i + 1)) + 1.0;
         Mask known;
         const Doubles estimate =
-            hazardEstimate(load<Doubles>(block.membrane + i), load<Doubles>(block.adaptation + i),
-                           model, drive_bound, known);
-        const Mask passed = known & ((1.0 - u) * 1e9 > estimate * room);
-        if (any(~passed)) {
+            hazardEstimate(load<Doubles>(block.membrane + i + 1),
+                           load<Doubles>(block.adaptation + i + 1), model, drive_bound, known);
+        const Mask sound =
+            known & ~(clips(block.membrane_factor + i, block.membrane + i, epsilon) |
+                      clips(block.adaptation_factor + i, block.adaptation + i, epsilon));
+        const Doubles room =
+            (load<Doubles>(block.time + i + 2) - load<Doubles>(block.time + i + 1)) + 1.0;
+        const Mask passed = sound & (distanceFromOne(states) * 1e9 > estimate * room);
+        if (any(~passed) || i + lane_count > followed) {
             int lane = 0;
-            while (lane < lane_count && passed[lane] != 0) ++lane;
-            if (i + lane < inputs) return i + lane;
+            while (lane < lane_count && i + lane < followed && passed[lane] != 0) ++lane;
+            if (lane < lane_count) return {i + lane, sound[lane] != 0};
         }
         states += static_cast<std::uint64_t>(lane_count) * splitmix_increment;
     }
-    return inputs;
+    return {run_block, true};
 }
 
 /// See Kernel::runInputs.
@@ -150,33 +179,43 @@ std::uint32_t runInputs(Kernel::State& state, std::uint64_t& rng, const Kernel::
                         double drive_bound) {
     const Kernel::Neuron& neuron = model.neuron;
     if (neuron.non_leaky || !(model.reach > 0) || end > greatest_run_end) return 0;
-    if (state.last_update < 0 || events[0].time < state.last_update) return 0;
+    if (state.last_update < 0 || events[0].time < state.last_update || events[0].time >= end) {
+        return 0;
+    }
     // A draw starts at the end of the refractory time if that is later than the input. Its
     // candidate is then later still.
     if (neuron.hard_refractory && state.refractory_until >= end) return 0;
 
     RunBlock block;
-    std::uint32_t done = 0;
+    block.time[0] = static_cast<double>(state.last_update);
+    block.membrane[0] = state.membrane;
+    block.adaptation[0] = state.adaptation;
+    std::uint32_t applied = 0;
+    int last = 0;
     while (true) {
-        block.time[0] = static_cast<double>(state.last_update);
-        const int inputs = readInputs(block, events + done, count - done, end);
-        if (inputs <= 0) return done;
+        const int read = readInputs(block, events + applied, count - applied, end);
+        const int inputs = read < run_block ? read : run_block;
         computeFactors(block, inputs, neuron);
-        if (neuron.input_coupling == 0) {
-            computeTraces<false>(block, inputs, state, 0.0);
+        if (neuron.input_coupling == 0 && !hasZero(block, inputs)) {
+            computeTraces<false>(block, inputs, 0.0);
         } else {
-            computeTraces<true>(block, inputs, state, neuron.input_coupling);
+            computeTraces<true>(block, inputs, neuron.input_coupling);
         }
-        const int passed = countPassed(block, inputs, model, drive_bound, rng);
-        if (passed > 0) {
-            state.membrane = block.membrane[passed - 1];
-            state.adaptation = block.adaptation[passed - 1];
-            state.last_update = events[done + static_cast<std::uint32_t>(passed) - 1].time;
-            rng += static_cast<std::uint64_t>(passed) * splitmix_increment;
-            done += static_cast<std::uint32_t>(passed);
-        }
-        if (passed < run_block) return done;
+        const RunStop stop = findStop(block, inputs, read - 1, model, drive_bound,
+                                      rng + applied * splitmix_increment);
+        last = stop.input < run_block && stop.sound ? stop.input + 1 : stop.input;
+        applied += static_cast<std::uint32_t>(last);
+        if (stop.input < run_block) break;
+        block.time[0] = block.time[run_block];
+        block.membrane[0] = block.membrane[run_block];
+        block.adaptation[0] = block.adaptation[run_block];
     }
+    if (applied == 0) return 0;
+    state.membrane = block.membrane[last];
+    state.adaptation = block.adaptation[last];
+    state.last_update = events[applied - 1].time;
+    rng += (applied - 1) * splitmix_increment;
+    return applied;
 }
 
 }  // namespace

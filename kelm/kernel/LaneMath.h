@@ -66,7 +66,8 @@ KELM_LANE_INLINE bool any(Mask mask) {
 
 constexpr double infinity = __builtin_inf();
 
-/// The part of Kernel::kernelExp behind its reduction: of r = hi - lo.
+/// The part of Kernel::kernelExp behind its reduction: of r = hi - lo. With lo = 0 it is the whole
+/// exponential of 0, and of r if the magnitude of r is from 2^-28 to 0.3465: k is then 0 in expOf.
 KELM_LANE_INLINE Doubles expOfReduced(Doubles r, Doubles hi, Doubles lo) {
     const Doubles z = r * r;
     Doubles p = z * e5;
@@ -124,12 +125,6 @@ KELM_LANE_INLINE Doubles expOf(Doubles argument) {
     return select(is_nan, argument, y);
 }
 
-/// Kernel::kernelExp for magnitudes up to 0.3465, where k is 0 in expOf.
-KELM_LANE_INLINE Doubles expOfSmall(Doubles x) {
-    const Doubles y = expOfReduced(x, x, Doubles{});
-    return select(magnitude(x) < 0x1p-28, x + 1.0, y);
-}
-
 /// Kernel::kernelLog. With k = 0 its longer formulas round as the shorter ones do, for the same
 /// reason as in expOf.
 KELM_LANE_INLINE Doubles logOf(Doubles x) {
@@ -169,16 +164,27 @@ KELM_LANE_INLINE Doubles logOf(Doubles x) {
     return y;
 }
 
-/// Kernel::drawUniform after the step of the state.
-KELM_LANE_INLINE Doubles uniformOf(Words z) {
+/// splitmixOutput.
+KELM_LANE_INLINE Words splitmixOf(Words z) {
     z = (z ^ (z >> 30)) * std::uint64_t{0xbf58476d1ce4e5b9};
     z = (z ^ (z >> 27)) * std::uint64_t{0x94d049bb133111eb};
-    z = (z ^ (z >> 31)) >> 11;
+    return z ^ (z >> 31);
+}
+
+/// Kernel::drawUniform after the step of the state.
+KELM_LANE_INLINE Doubles uniformOf(Words state) {
+    const Words z = splitmixOf(state) >> 11;
     // 21 and 32 bits, each as the low bits of a larger power of two. Differences and sum are exact.
     const Doubles high = fromBits((z >> 32) | std::uint64_t{0x4530000000000000}) - 0x1p84;
     const Doubles low =
         fromBits((z & std::uint64_t{0xffffffff}) | std::uint64_t{0x4330000000000000}) - 0x1p52;
     return (high + low) * 0x1p-53;
+}
+
+/// 1 - uniformOf(state), less 2^-32 at most. Never more than that difference.
+KELM_LANE_INLINE Doubles distanceFromOne(Words state) {
+    const Doubles upper = fromBits((splitmixOf(state) >> 32) | std::uint64_t{0x4330000000000000});
+    return ((0x1p52 + 0x1p32 - 1.0) - upper) * 0x1p-32;
 }
 
 }  // namespace

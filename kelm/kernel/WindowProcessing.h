@@ -227,7 +227,7 @@ KELM_HD inline bool skipCandidate(const State& state, const NeuronModel& model, 
 inline constexpr double bound_tolerance = 1.000000000001;
 static_assert(bitsOf(bound_tolerance) == 0x3ff0000000001198);
 
-/// Applies no inputs ahead of their turn.
+/// Leaves every input to the walk.
 struct NoInputRuns {
     KELM_HD std::uint32_t operator()(State&, std::uint64_t&, const NeuronModel&, const WindowEvent*,
                                      std::uint32_t, ModelTime, double) const {
@@ -244,7 +244,7 @@ struct NoInputRuns {
 /// Random draws, in order: one for each bound other than 0, and one for each candidate, after its
 /// bound check and before the next bound.
 ///
-/// `runs`: applies inputs ahead of their turn and returns how many; changes no result.
+/// `runs`: may apply several inputs at once, as runInputs does; changes no result.
 template <class InputRuns = NoInputRuns>
 KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
                                           const NeuronModel& model, const WindowEvent* events,
@@ -320,29 +320,24 @@ KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
         }
 
         if (!has_event) break;
-        const std::uint32_t applied =
+        std::uint32_t applied =
             quiet ? runs(result.state, result.rng, model, events + i, event_count - i,
                          window_end < limit ? window_end : limit, drive.bound)
                   : 0;
-        // The input that ended a run is taken by itself.
-        quiet = applied == 0;
-        if (applied != 0) {
-            i += applied;
-            result.updates += applied;
-            candidate = no_time;
-            continue;
+        if (applied == 0) {
+            advanceTraces(result.state, neuron, event_time);
+            applyInput(result.state, neuron, events[i].value);
+            applied = 1;
         }
-        const WindowEvent& event = events[i];
-        ++i;
-        ++result.updates;
-        advanceTraces(result.state, neuron, event.time);
-        applyInput(result.state, neuron, event.value);
+        quiet = true;
+        i += applied;
+        result.updates += applied;
         while (i < event_count && events[i].wake_only) ++i;
         if (i < event_count && events[i].time < window_end &&
             skipCandidate(result.state, model, events[i].time, limit, drive.bound, result.rng)) {
             candidate = no_time;
         } else {
-            redraw(event.time);
+            redraw(result.state.last_update);
         }
     }
 

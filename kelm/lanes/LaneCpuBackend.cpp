@@ -221,17 +221,15 @@ private:
             ++walk.event;
             if (event.wake_only) continue;
             if (event.time < 0) return giveUp(walk);
-            if (walk.quiet && runInputs(place, &event)) {
-                walk.quiet = false;
-                continue;
-            }
+            const bool quiet = walk.quiet;
             walk.quiet = true;
-            setStep(place, event.time, event.value);
+            if (!quiet || !runInputs(place, &event)) setStep(place, event.time, event.value);
             return true;
         }
     }
 
-    /// Applies inputs from `events` on while their draws cannot matter. False if there are none.
+    /// Applies inputs from `events` on while their draws cannot matter. The step is then the draw
+    /// of the last one. False if there are none.
     bool runInputs(int place, const Kernel::WindowEvent* events) {
         Walk& walk = walks_[place];
         const auto count = static_cast<std::uint32_t>(walk.events_end - events);
@@ -248,9 +246,10 @@ private:
         block_.adaptation[place] = state.adaptation;
         block_.last_update[place] = static_cast<double>(state.last_update);
         block_.step_time[place] = state.last_update;
+        block_.time[place] = block_.last_update[place];
+        block_.is_input[place] = 0;
         results_[walk.item].updates += applied;
         walk.event = events + applied;
-        walk.candidate = no_time;
         return true;
     }
 

@@ -91,16 +91,21 @@ void advance(LaneBlock& block, int count, const LaneConstants& constants) {
                              load<Doubles>(block.adaptation + i)};
         const Doubles time = load<Doubles>(block.time + i);
         const Doubles interval = time - load<Doubles>(block.last_update + i);
+        const Mask is_input = load<Mask>(block.is_input + i);
+        // Steps behind runs of inputs are at their times already.
+        if (!any((interval != 0.0) | is_input)) continue;
         traces = tracesAfter(traces, interval, any(traces.adaptation != 0.0), constants);
         const Doubles value = load<Doubles>(block.value + i);
         const Doubles driven =
             ((traces.membrane * constants.input_coupling) * value + value) + traces.membrane;
-        store(block.membrane + i, select(load<Mask>(block.is_input + i), driven, traces.membrane));
+        store(block.membrane + i, select(is_input, driven, traces.membrane));
         store(block.adaptation + i, traces.adaptation);
         store(block.last_update + i, time);
     }
 }
 
+// In several loops: the processor then works on several vectors at a time, because the next vector
+// is near in the stream of instructions.
 void redraw(LaneBlock& block, int count, const LaneConstants& constants) {
     for (int i = 0; i < count; i += lane_count) {
         const TraceLanes state = {load<Doubles>(block.membrane + i),
