@@ -6,6 +6,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "kelm/core/Prefetch.h"
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/kernel/InputRun.h"
 #include "kelm/lanes/LaneKernels.h"
@@ -167,12 +168,21 @@ private:
                equalBytes(item.firing, model_.firing);
     }
 
+    /// Brings an item into the first cache. Items are filled in now and then, too slowly for the
+    /// processor to see the stream by itself.
+    void prefetchItem(std::size_t index) const {
+        if (index >= work_.size()) return;
+        const char* item = reinterpret_cast<const char*>(&work_[index]);
+        for (std::size_t at = 0; at < sizeof(WindowWork); at += 64) prefetchLine(item + at);
+    }
+
     /// Puts the next item that has a step for the vectors into `place`. Items before it, which have
     /// none, are finished. False if no item is left.
     bool fill(int place) {
         while (next_item_ < work_.size()) {
             const std::size_t index = next_item_++;
             const WindowWork& item = work_[index];
+            prefetchItem(index + 4);
             if (!suitsLanes(item)) {
                 walkScalar(index);
                 continue;

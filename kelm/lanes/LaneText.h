@@ -118,24 +118,29 @@ void redraw(LaneBlock& block, int count, const LaneConstants& constants) {
             start = select(refractory, until, start);
             start_rounded = select(refractory, load<Doubles>(block.refractory + i), start_rounded);
         }
+        store(block.start + i, start);
         const Doubles drive = netDriveBound(state, load<Doubles>(block.last_update + i),
                                             start_rounded, any(state.adaptation != 0.0), constants);
         // The zero is the bound of the absent external drive. It turns -0.0 into 0.0.
         const Doubles x = ((constants.margin + drive) + 0.0) - constants.threshold;
         const Doubles exponent = x * constants.gain;
-        const Doubles bound =
-            expOf(select(exponent < constants.cap, exponent, all(constants.cap))) * constants.rate;
-        const Mask none = (start >= constants.horizon) | (bound == 0.0);
-
+        store(block.bound + i, select(exponent < constants.cap, exponent, all(constants.cap)));
+    }
+    for (int i = 0; i < count; i += lane_count) {
+        const Doubles bound = expOf(load<Doubles>(block.bound + i)) * constants.rate;
+        const Mask none = (load<Integers>(block.start + i) >= constants.horizon) | (bound == 0.0);
         const Words rng = load<Words>(block.rng + i);
         const Words next = rng + splitmix_increment;
-        Doubles u = uniformOf(next);
-        u = select(u == 0.0, all(two_m1022), u);
-        store(block.start + i, start);
         store(block.bound + i, select(none, Doubles{}, bound));
-        store(block.wait + i, -logOf(u) / bound * 1e9);
         store(block.rng + i,
               select(none, reinterpret_cast<Integers>(rng), reinterpret_cast<Integers>(next)));
+        Doubles u = uniformOf(next);
+        u = select(u == 0.0, all(two_m1022), u);
+        store(block.wait + i, u);
+    }
+    for (int i = 0; i < count; i += lane_count) {
+        store(block.wait + i,
+              -logOf(load<Doubles>(block.wait + i)) / load<Doubles>(block.bound + i) * 1e9);
     }
 }
 
