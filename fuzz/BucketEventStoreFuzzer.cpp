@@ -28,14 +28,15 @@ std::vector<Event> eventsOf(const Blob& snapshot) {
 /// The same events in two calendars: all of them in a store in one, and with the candidates in
 /// slots in the other, unless its ring must be short.
 struct Pair {
+    SynapseGraph graph = model().network.graph();
     WindowCalendar stored;
     WindowCalendar own;
 
     explicit Pair(bool short_ring)
-        : stored(std::make_unique<BucketEventStore>(makeStore(short_ring)), neurons()),
+        : stored(graph, std::make_unique<BucketEventStore>(makeStore(short_ring))),
           own(short_ring
-                  ? WindowCalendar(std::make_unique<BucketEventStore>(makeStore(true)), neurons())
-                  : WindowCalendar(model().network.d_min, neurons())) {}
+                  ? WindowCalendar(graph, std::make_unique<BucketEventStore>(makeStore(true)))
+                  : WindowCalendar(graph, model().network.d_min)) {}
 
     static std::uint64_t neurons() { return model().network.node_count; }
 

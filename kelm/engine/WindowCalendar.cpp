@@ -32,13 +32,14 @@ bool isCandidateOf(const CandidateSlot& slot, const Event& event) {
 
 }  // namespace
 
-WindowCalendar::WindowCalendar(ModelTime d_min, std::uint64_t neurons)
-    : slots_(neurons), calendar_(d_min, bucket_count) {
-    tree_.reset(neurons);
+WindowCalendar::WindowCalendar(SynapseGraph& graph, ModelTime d_min)
+    : graph_(graph), slots_(graph.nodeCount()), calendar_(d_min, bucket_count) {
+    tree_.reset(slots_.size());
 }
 
-WindowCalendar::WindowCalendar(std::unique_ptr<IEventStore> store, std::uint64_t neurons)
-    : slots_(neurons),
+WindowCalendar::WindowCalendar(SynapseGraph& graph, std::unique_ptr<IEventStore> store)
+    : graph_(graph),
+      slots_(graph.nodeCount()),
       calendar_(1, bucket_count),
       store_is_given_(true),
       store_(std::move(store)) {}
@@ -59,7 +60,7 @@ void WindowCalendar::refusePast(NodeId neuron) {
 
 void WindowCalendar::expandRuns() {
     const auto deliveryOf = [this](const DeliveryRun& run, std::uint64_t i) {
-        return graph_->deliveryOf(run, i);
+        return graph_.deliveryOf(run, i);
     };
     if (calendar_.expandRuns(deliveryOf)) windows_without_runs_ = pause_windows;
 }
@@ -85,7 +86,7 @@ bool WindowCalendar::takeWindow(ModelTime until, WindowEvents& events, ModelTime
     const auto begin = [&](std::size_t candidate_count) {
         events.begin(candidate_count, bucket,
                      bucket.runs.isEmpty() ? SynapseGraph::RoutedTransmissions()
-                                           : graph_->routedTransmissions());
+                                           : graph_.routedTransmissions());
     };
     const std::span<const NodeId> due = tree_.take(end, begin);
 
@@ -105,7 +106,7 @@ Blob WindowCalendar::snapshot() {
     calendar_.forEachSingle([&](const auto& record) { events.push_back(unpackedEvent(record)); });
     calendar_.forEachRun([&](const DeliveryRun& run) {
         for (std::uint64_t i = 0; i < run.count; ++i) {
-            events.push_back(graph_->deliveryOf(run, i).unpacked());
+            events.push_back(graph_.deliveryOf(run, i).unpacked());
         }
     });
     for (NodeId neuron = 0; neuron < slots_.size(); ++neuron) {
@@ -158,10 +159,15 @@ bool WindowCalendar::restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots)
 void WindowCalendar::resume(LargeArray<CandidateSlot>&& candidates,
                             std::optional<std::int64_t> next_window,
                             std::span<const Event> events) {
+    BucketCalendar calendar(calendar_.bucketWidth(), bucket_count);
+    if (next_window) calendar.resumeAt(*next_window);
+    for (const Event& event : events) calendar.post(event);
     tree_.reset(candidates.size());
+
+    // From here on nothing can fail.
+    taken_ = {};
+    calendar_ = std::move(calendar);
     slots_ = std::move(candidates);
-    if (next_window) calendar_.resumeAt(*next_window);
-    for (const Event& event : events) calendar_.post(event);
 }
 
 }  // namespace Lumenar::Core::Kelm

@@ -30,16 +30,20 @@ namespace Lumenar::Core::Kelm {
 /// names an event that is not its neuron's candidate: the calendar then makes itself a store.
 ///
 /// A calendar of its own keeps the deliveries of a spike as one run where the graph defers them.
-/// While it keeps runs, it must not move and the graph must exist. After weights have changed, it
-/// posts deliveries one by one for some windows.
+/// After weights have changed, it posts deliveries one by one for some windows.
 ///
-/// Used by one thread at a time.
+/// The calendar borrows its graph, which must outlive it. Used by one thread at a time.
 class WindowCalendar final : private IRunHolder {
 public:
-    /// A calendar of its own for a network of `neurons` neurons; `d_min` in ns, at least 1.
-    WindowCalendar(ModelTime d_min, std::uint64_t neurons);
+    /// A calendar of its own for the neurons of `graph`; `d_min` in ns, at least 1.
+    WindowCalendar(SynapseGraph& graph, ModelTime d_min);
     /// A calendar that keeps all events in `store`, which must not be null.
-    WindowCalendar(std::unique_ptr<IEventStore> store, std::uint64_t neurons);
+    WindowCalendar(SynapseGraph& graph, std::unique_ptr<IEventStore> store);
+
+    // Neither copied nor moved: the graph has the address of the calendar that keeps runs.
+    WindowCalendar(const WindowCalendar&) = delete;
+    WindowCalendar& operator=(const WindowCalendar&) = delete;
+    ~WindowCalendar() override = default;
 
     /// Width of a window in ns; no value where the events lie in a store.
     std::optional<ModelTime> windowWidth() const {
@@ -57,18 +61,16 @@ public:
     }
 
     /// Posts the deliveries of a spike of `source` at `time` ns; throws as SynapseGraph::deliver.
-    void deliver(SynapseGraph& graph, NodeId source, ModelTime time) {
+    void deliver(NodeId source, ModelTime time) {
         if (store_) {
-            graph.deliver(source, time, *store_);
-        } else if (!postsRuns() || !deliverRun(graph, source, time)) {
-            graph.deliver(source, time, calendar_);
+            graph_.deliver(source, time, *store_);
+        } else if (!postsRuns() || !deliverRun(source, time)) {
+            graph_.deliver(source, time, calendar_);
         }
     }
 
     /// Prefetches what deliver for a spike of `source` reads.
-    void prefetchSynapses(const SynapseGraph& graph, NodeId source) const {
-        graph.prefetchSynapses(source, postsRuns());
-    }
+    void prefetchSynapses(NodeId source) const { graph_.prefetchSynapses(source, postsRuns()); }
 
     /// Replaces a neuron's candidate by one for `time` ns, drawn under `rate`, or by none where the
     /// time is negative. Throws as post does; the slot then names no event.
@@ -106,9 +108,10 @@ public:
     /// it had changed itself.
     [[nodiscard]] bool restore(BlobView blob, LargeArray<CandidateSlot>&& slots);
 
-    /// For a new calendar of its own, of no neurons: takes over the candidates, shape (neurons),
-    /// none of which names an event, moves the cursor to `next_window`, if there is one, and posts
-    /// `events` in their order.
+    /// For a calendar of its own: replaces its candidates by `candidates`, shape (neurons), none of
+    /// which names an event, and its events by `events`, posted in their order. `next_window`: the
+    /// next window to hand out; none if no window has been handed out. May throw std::bad_alloc,
+    /// with nothing changed.
     void resume(LargeArray<CandidateSlot>&& candidates, std::optional<std::int64_t> next_window,
                 std::span<const Event> events);
 
@@ -119,13 +122,12 @@ private:
 
     bool postsRuns() const { return !store_ && windows_without_runs_ == 0; }
     /// False if the graph does not defer the deliveries.
-    bool deliverRun(SynapseGraph& graph, NodeId source, ModelTime time) {
+    bool deliverRun(NodeId source, ModelTime time) {
         // A hook may have replaced the graph by a larger one. The targets of a run are not checked
         // again, those of single deliveries are.
-        if (graph.nodeCount() != slots_.size()) return false;
-        const std::optional<DeliveryRun> run = graph.deferRun(source, time, *this);
+        if (graph_.nodeCount() != slots_.size()) return false;
+        const std::optional<DeliveryRun> run = graph_.deferRun(source, time, *this);
         if (!run) return false;
-        graph_ = &graph;
         calendar_.postRun(*run);
         return true;
     }
@@ -135,13 +137,13 @@ private:
     [[noreturn]] void refusePast(NodeId neuron);
     std::int64_t firstCandidateBucket();
 
+    SynapseGraph& graph_;
     LargeArray<CandidateSlot> slots_;  ///< shape (neurons)
     // Unused while there is a store.
     BucketCalendar calendar_;
-    CandidateTree tree_;                   ///< times of the pending candidates
-    EventList taken_;                      ///< the last window's events
-    const SynapseGraph* graph_ = nullptr;  ///< of the runs
-    int windows_without_runs_ = 0;         ///< windows until deliveries are deferred again
+    CandidateTree tree_;            ///< times of the pending candidates
+    EventList taken_;               ///< the last window's events
+    int windows_without_runs_ = 0;  ///< windows until deliveries are deferred again
 
     bool store_is_given_ = false;
     std::unique_ptr<IEventStore> store_;  ///< null where the events lie in calendar_ and tree_

@@ -115,10 +115,10 @@ WindowCalendar WindowEngine::buildCalendar(std::unique_ptr<IEventStore>&& store)
         }
     }
     requireExactFloatingPoint();
-    if (store != nullptr) return WindowCalendar(std::move(store), graph_.nodeCount());
+    if (store != nullptr) return WindowCalendar(graph_, std::move(store));
     const std::optional<ModelTime> d_min = graph_.dMin();
     if (!d_min) throw WindowEngineError(WindowEngineError::no_d_min);
-    return WindowCalendar(*d_min, graph_.nodeCount());
+    return WindowCalendar(graph_, *d_min);
 }
 
 bool WindowEngine::neuronsDiffer() const {
@@ -185,15 +185,13 @@ bool WindowEngine::isPristine() {
 }
 
 void WindowEngine::adoptWholeRun(WholeRun&& run) {
-    WindowCalendar calendar(*calendar_.windowWidth(), 0);
-    calendar.resume(std::move(run.candidates), run.next_window, run.pending_events);
+    calendar_.resume(std::move(run.candidates), run.next_window, run.pending_events);
 
     states_ = std::move(run.states);
     pending_random_states_ = std::move(run.random_states);
     log_ = std::move(run.log);
     log_sorted_ = true;
     profile_ = run.profile;
-    calendar_ = std::move(calendar);
 }
 
 void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
@@ -383,7 +381,7 @@ void WindowEngine::readNeuron(WindowWork& item, NodeId neuron, ModelTime window_
 void WindowEngine::commitItems(const Window& window) {
     const auto prefetch_fired = [&](std::size_t i) {
         if (i < window.item_count && window.results[i].spike_count != 0) {
-            calendar_.prefetchSynapses(graph_, window.work[i].neuron);
+            calendar_.prefetchSynapses(window.work[i].neuron);
         }
     };
     for (std::size_t i = 0; i < commit_distance; ++i) prefetch_fired(i);
@@ -402,7 +400,7 @@ void WindowEngine::commitItems(const Window& window) {
             const ModelTime time = result.spike_times[s];
             log_.push_back({time, n});
             log_sorted_ = false;
-            calendar_.deliver(graph_, n, time);
+            calendar_.deliver(n, time);
         }
         calendar_.schedule(n, result.next_candidate, result.next_bound);
     }

@@ -97,7 +97,7 @@ private:
         for (std::uint64_t spikes = 1 + draws_.below(3); spikes != 0; --spikes) {
             const NodeId source = draws_.below(neurons);
             const ModelTime time = end_ + draws_.timeBelow(d_min);
-            onBoth([&](WindowCalendar& calendar) { calendar.deliver(graph_, source, time); });
+            onBoth([&](WindowCalendar& calendar) { calendar.deliver(source, time); });
         }
         return "deliver";
     }
@@ -244,8 +244,8 @@ private:
 
     Draws draws_;
     SynapseGraph graph_ = makeGraph();
-    WindowCalendar own_{d_min, neurons};
-    WindowCalendar stored_{std::make_unique<PlainStore>(d_min, buckets), neurons};
+    WindowCalendar own_{graph_, d_min};
+    WindowCalendar stored_{graph_, std::make_unique<PlainStore>(d_min, buckets)};
     ModelTime end_ = 0;  ///< of the last window
     std::string difference_;
 };
@@ -268,9 +268,10 @@ TEST(WindowCalendar, KeepsAWindowWhoseEndIsBeyondTime) {
     // The last whole window of 10 ns ends at 9223372036854775800.
     for (const bool stored : {false, true}) {
         SCOPED_TRACE(stored);
+        SynapseGraph graph(2, d_min, {});
         WindowCalendar calendar =
-            stored ? WindowCalendar(std::make_unique<BucketEventStore>(d_min, buckets), 2)
-                   : WindowCalendar(d_min, 2);
+            stored ? WindowCalendar(graph, std::make_unique<BucketEventStore>(d_min, buckets))
+                   : WindowCalendar(graph, d_min);
         calendar.schedule(0, 9223372036854775799, 1.0);
         calendar.schedule(1, last_model_time, 1.0);
         WindowEvents events(2);
