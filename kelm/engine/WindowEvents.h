@@ -66,13 +66,15 @@ public:
             run_chunks += chunksOf(run.count);
         });
         const std::size_t singles = candidate_count + list.singleCount();
+        const std::size_t event_count = singles + list.run_deliveries;
         if (isDense(list.run_deliveries, singles)) {
-            placed_.begin(node_count_, singles + runs_.size(), singles + list.run_deliveries);
+            placed_.begin(node_count_, singles + runs_.size(), event_count);
             is_placed_ = true;
             outside_ = false;
         } else {
             beginKeys(chunksOf(candidate_count) + list.events.chunk_count +
-                      list.deliveries.chunk_count + run_chunks);
+                          list.deliveries.chunk_count + run_chunks,
+                      event_count);
         }
     }
     /// Adds what begin has made room for: the candidates of `neurons`, each named once, in `slots`,
@@ -100,15 +102,11 @@ public:
         }
     }
 
-    /// Begins a window of at most `chunk_count` chunks.
-    /// Throws WindowEngineError for more events than a window can hold.
-    void begin(std::size_t chunk_count) {
-        runs_.clear();
-        beginKeys(chunk_count);
-    }
     /// Begins a window and adds all of its events.
+    /// Throws WindowEngineError for more events than a window can hold.
     void addAll(std::span<const Event> events) {
-        begin(chunksOf(events.size()));
+        runs_.clear();
+        beginKeys(chunksOf(events.size()), events.size());
         for (std::size_t i = 0; i < events.size(); i += chunk_places) {
             addChunk(events.subspan(i, std::min(chunk_places, events.size() - i)));
         }
@@ -310,7 +308,7 @@ private:
                run_deliveries + singles <= std::numeric_limits<std::uint32_t>::max();
     }
 
-    void beginKeys(std::size_t chunk_count) {
+    void beginKeys(std::size_t chunk_count, std::size_t event_count) {
         is_placed_ = false;
         const std::size_t places = chunk_count * chunk_places;
         target_bits_ = widthOf(node_count_);
@@ -319,7 +317,7 @@ private:
             throw WindowEngineError(WindowEngineError::window_too_large);
         }
         // Longer than needed, so that no window but the largest clears memory.
-        if (keys_.size() < places) keys_.resize(std::max(places, 2 * keys_.size()));
+        if (keys_.size() < event_count) keys_.resize(std::max(event_count, 2 * keys_.size()));
         size_ = 0;
         chunks_.clear();
         chunks_.reserve(chunk_count);

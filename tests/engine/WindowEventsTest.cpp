@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <span>
 #include <tuple>
 #include <vector>
 
@@ -47,8 +48,9 @@ TEST(WindowEvents, ComeByTargetTimeAndIdInNetworksAndWindowsOfAnySize) {
         }
     }
     WindowEvents huge(std::uint64_t{1} << 60);
-    EXPECT_NO_THROW(huge.begin(1));
-    expectThrows<WindowEngineError>([&] { huge.begin(2); },
+    const std::vector<Event> chunk_and_one(17);
+    EXPECT_NO_THROW(huge.addAll(std::span(chunk_and_one).first(16)));
+    expectThrows<WindowEngineError>([&] { huge.addAll(chunk_and_one); },
                                     "a window holds more events than 32-bit indices can address");
 }
 
