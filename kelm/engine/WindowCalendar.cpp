@@ -59,10 +59,10 @@ void WindowCalendar::refusePast(NodeId neuron) {
 }
 
 void WindowCalendar::expandRuns() {
-    const auto deliveryOf = [this](const DeliveryRun& run, std::uint64_t i) {
-        return graph_.deliveryOf(run, i);
+    const auto visitDeliveries = [this](const DeliveryRun& run, auto visit) {
+        graph_.visitDeliveries(run, visit);
     };
-    if (calendar_.expandRuns(deliveryOf)) windows_without_runs_ = pause_windows;
+    if (calendar_.expandRuns(visitDeliveries)) windows_without_runs_ = pause_windows;
 }
 
 std::int64_t WindowCalendar::firstCandidateBucket() {
@@ -104,11 +104,8 @@ Blob WindowCalendar::snapshot() {
     std::vector<Event> events;
     events.reserve(calendar_.size() + tree_.pendingCount());
     calendar_.forEachSingle([&](const auto& record) { events.push_back(unpackedEvent(record)); });
-    calendar_.forEachRun([&](const DeliveryRun& run) {
-        for (std::uint64_t i = 0; i < run.count; ++i) {
-            events.push_back(graph_.deliveryOf(run, i).unpacked());
-        }
-    });
+    const auto add = [&](const PackedDelivery& delivery) { events.push_back(delivery.unpacked()); };
+    calendar_.forEachRun([&](const DeliveryRun& run) { graph_.visitDeliveries(run, add); });
     for (NodeId neuron = 0; neuron < slots_.size(); ++neuron) {
         if (tree_.isPending(neuron)) events.push_back(candidateEvent(neuron, slots_[neuron]));
     }

@@ -92,9 +92,9 @@ public:
         wheel_.forEachRun(visit);
     }
     /// As EventWheel::expandRuns.
-    template <class DeliveryOf>
-    bool expandRuns(DeliveryOf deliveryOf) {
-        return wheel_.expandRuns(deliveryOf);
+    template <class VisitDeliveries>
+    bool expandRuns(VisitDeliveries visitDeliveries) {
+        return wheel_.expandRuns(visitDeliveries);
     }
     /// Removes each event for which test(id) holds, from a calendar without runs. May throw
     /// std::bad_alloc, with nothing changed.

@@ -128,10 +128,11 @@ public:
     template <class Test>
     void removeIf(Test test);
 
-    /// Replaces each run by single deliveries: deliveryOf(run, i) is the i-th one. Returns whether
-    /// there was a run. May throw std::bad_alloc, with nothing changed.
-    template <class DeliveryOf>
-    bool expandRuns(DeliveryOf deliveryOf);
+    /// Replaces each run by single deliveries. visitDeliveries(run, visit) must call
+    /// visit(delivery) for each delivery of the run. Returns whether there was a run. May throw
+    /// std::bad_alloc, with nothing changed.
+    template <class VisitDeliveries>
+    bool expandRuns(VisitDeliveries visitDeliveries);
 
 private:
     static constexpr int near_bits = 12;
@@ -203,8 +204,8 @@ void EventWheel::removeIf(Test test) {
     });
 }
 
-template <class DeliveryOf>
-bool EventWheel::expandRuns(DeliveryOf deliveryOf) {
+template <class VisitDeliveries>
+bool EventWheel::expandRuns(VisitDeliveries visitDeliveries) {
     constexpr std::size_t chunk_records = ChunkList<PackedDelivery>::chunk_records;
     std::size_t chunks = 0;
     forEachList([&](std::size_t index) {
@@ -213,11 +214,10 @@ bool EventWheel::expandRuns(DeliveryOf deliveryOf) {
     deliveries_.reserveChunks(chunks);
     forEachList([&](std::size_t index) {
         EventList& list = lists_[index];
-        list.runs.forEach([&](const DeliveryRun& run) {
-            for (std::uint64_t i = 0; i < run.count; ++i) {
-                deliveries_.append(list.deliveries, deliveryOf(run, i));
-            }
-        });
+        const auto append = [&](const PackedDelivery& delivery) {
+            deliveries_.append(list.deliveries, delivery);
+        };
+        list.runs.forEach([&](const DeliveryRun& run) { visitDeliveries(run, append); });
         runs_.clear(list.runs);
         list.run_deliveries = 0;
     });

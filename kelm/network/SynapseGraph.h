@@ -275,14 +275,18 @@ public:
         return routed;
     }
 
-    /// Delivery `i` of a run, as deliver() would have posted it.
-    PackedDelivery deliveryOf(const DeliveryRun& run, std::uint64_t i) const {
+    /// Calls visit(delivery) for each delivery of a run, as deliver() would have posted it, with
+    /// its id.
+    template <class Visit>
+    void visitDeliveries(const DeliveryRun& run, Visit visit) const {
         const RoutedTransmissions routed = routedTransmissions();
-        const EdgeId edge = routed.edgeAt(run.first_route + i);
-        PackedDelivery delivery =
-            packedDelivery(synapses_.source(edge), edge, synapses_.transmission(edge), run.time);
-        delivery.id = run.id + i;
-        return delivery;
+        for (std::uint64_t i = 0; i < run.count; ++i) {
+            const EdgeId edge = routed.edgeAt(run.first_route + i);
+            PackedDelivery delivery = packedDelivery(synapses_.source(edge), edge,
+                                                     synapses_.transmission(edge), run.time);
+            delivery.id = run.id + i;
+            visit(delivery);
+        }
     }
 
     /// Format "KELMSYN1": tag, node count (8), has min_delay (1), min_delay (8), excitatory on (1),
