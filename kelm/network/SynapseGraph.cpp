@@ -112,13 +112,13 @@ void SynapseGraph::buildSorted(Routes& routes, End end) const {
 }
 
 void SynapseGraph::buildOutgoing() {
-    out_.fanouts.clear();
+    out_.shared.clear();
     buildRoutes(out_, [this](EdgeId id) { return synapses_.source(id); });
-    if (synapses_.isCompact()) out_.fanouts.resize(node_count_);
+    if (synapses_.isCompact()) out_.shared.resize(node_count_);
 }
 
-SynapseGraph::Fanout SynapseGraph::readFanout(NodeId source) const {
-    const Fanout no_run(0, false, false);
+SynapseGraph::SharedTransmission SynapseGraph::readSharedTransmission(NodeId source) const {
+    const SharedTransmission no_run(0, false, false);
     const RoutedTransmissions routed = routedTransmissions();
     const std::uint64_t first = out_.offsets[source];
     const std::uint64_t end = out_.offsets[source + 1];
@@ -131,7 +131,7 @@ SynapseGraph::Fanout SynapseGraph::readFanout(NodeId source) const {
         if (!synapse.enabled() || synapse.delay() != delay) return no_run;
         (synapse.inhibitory() ? inhibitory : excitatory) = true;
     }
-    return Fanout(delay, excitatory, inhibitory);
+    return SharedTransmission(delay, excitatory, inhibitory);
 }
 
 void SynapseGraph::buildIncoming() {
@@ -164,7 +164,7 @@ std::optional<ModelTime> SynapseGraph::dMin() {
 void SynapseGraph::setWeight(EdgeId id, float weight) {
     if (!isWeight(weight)) throw InvalidSynapse(InvalidSynapse::weight);
     checked(id);
-    run_holder_.expand();
+    holder_link_.expandRuns();
     if (reweighted_.recording) noteReweighted(synapses_.target(id));
     synapses_.setWeight(id, weight);
 }
@@ -252,7 +252,7 @@ std::optional<SynapseGraph::State> SynapseGraph::read(BlobView blob) const {
 }
 
 void SynapseGraph::adopt(State&& state) {
-    run_holder_.expand();
+    holder_link_.expandRuns();
     min_delay_ = state.min_delay;
     synapses_ = std::move(state.synapses);
     routed_count_ = state.routed_count;

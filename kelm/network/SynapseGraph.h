@@ -109,9 +109,9 @@ public:
     NodeId target(EdgeId id) const { return synapses_.target(checked(id)); }
     bool isRouted(EdgeId id) const { return synapses_.isRouted(checked(id)); }
     ModelTime lastChange(EdgeId id) const { return synapses_.lastChange(checked(id)); }
-    /// Reads or writes the time of a synapse's last change, in the expression that made it: one
-    /// that is kept in a variable can do neither. A read allocates nothing. The first write may
-    /// throw std::bad_alloc, with nothing changed.
+    /// Reads or writes the time of a synapse's last change, only in the expression that makes it,
+    /// not from a variable. A read allocates nothing. The first write may throw std::bad_alloc,
+    /// with nothing changed.
     class LastChange {
     public:
         operator ModelTime() const&& { return synapses_.lastChange(id_); }
@@ -143,7 +143,7 @@ public:
     /// SynapseRoutingViolation for an id outside the network.
     void setEnabled(EdgeId id, bool on) {
         synapses_.setEnabled(checked(id), on);
-        if (!out_.fanouts.empty()) out_.fanouts[synapses_.source(id)] = Fanout();
+        if (!out_.shared.empty()) out_.shared[synapses_.source(id)] = SharedTransmission();
     }
 
     /// Sets a weight magnitude from the next delivery on. Events already posted keep their value.
@@ -168,7 +168,7 @@ public:
     /// `source` must lie in the network.
     void prefetchSynapses(NodeId source, bool as_run) const {
         if (!out_.built) return;
-        if (as_run && !out_.fanouts.empty() && out_.fanouts[source].delay() != 0) return;
+        if (as_run && !out_.shared.empty() && out_.shared[source].formsRun()) return;
         const std::uint64_t first = out_.offsets[source];
         if (out_.ascending) {
             synapses_.prefetchRange(first, out_.offsets[source + 1]);
@@ -215,9 +215,10 @@ public:
     /// Fewest deliveries of a run: a run takes a quarter of their memory, or less.
     static constexpr std::uint64_t min_run_deliveries = 4;
 
-    /// Returns what deliver() would post as one run without an id, which `holder` keeps. No value,
-    /// and no effect, unless `source` has at least min_run_deliveries routed synapses, all of them
-    /// transmit and have one delay, and the table is compact. Throws as deliver() does.
+    /// Returns the deliveries that deliver() would post, as one run without an id, for `holder` to
+    /// keep. No value, and no effect, unless `source` has at least min_run_deliveries routed
+    /// synapses, all of them transmit and have one delay, and the table is compact. Throws as
+    /// deliver() does.
     ///
     /// The graph calls holder.expandRuns() once, before it next changes a weight or is restored,
     /// assigned to or moved from. A switch changes no run. A graph has one holder: before another
@@ -226,17 +227,17 @@ public:
     std::optional<DeliveryRun> deferRun(NodeId source, ModelTime time, IRunHolder& holder) {
         if (source >= node_count_) throw SynapseRoutingViolation(SynapseRoutingViolation::source);
         const Routes& routes = outRoutes();
-        if (routes.fanouts.empty()) return std::nullopt;
-        const Fanout fanout = fanoutOf(source);
-        if (fanout.delay() == 0 || (fanout.hasExcitatory() && !excitatory_on_) ||
-            (fanout.hasInhibitory() && !inhibitory_on_)) {
+        if (routes.shared.empty()) return std::nullopt;
+        const SharedTransmission shared = sharedTransmissionOf(source);
+        if (!shared.formsRun() || (shared.hasExcitatory() && !excitatory_on_) ||
+            (shared.hasInhibitory() && !inhibitory_on_)) {
             return std::nullopt;
         }
         DeliveryRun run;
-        run.time = addTime(time, fanout.delay());
+        run.time = addTime(time, shared.delay());
         run.first_route = routes.offsets[source];
         run.count = routes.offsets[source + 1] - run.first_route;
-        run_holder_.set(holder);
+        holder_link_.connect(holder);
         return run;
     }
 
@@ -346,30 +347,31 @@ private:
         if (id >= synapses_.size()) throw SynapseRoutingViolation(SynapseRoutingViolation::edge);
         return static_cast<std::size_t>(id);
     }
-    /// The holder of the runs, or null. The first member of the graph: an assignment or a move
-    /// reaches it before the others, so the runs are expanded from the old synapses.
-    class RunHolder {
+    /// The link to the holder of the runs, if there is one. Assigning to a graph or moving from it
+    /// expands its runs and cuts its link; a copy has no link. The first member of the graph, so
+    /// that runs are expanded before the synapses change.
+    class HolderLink {
     public:
-        RunHolder() = default;
-        ~RunHolder() = default;
-        RunHolder(const RunHolder&) noexcept {}
-        RunHolder(RunHolder&& other) { other.expand(); }
-        RunHolder& operator=(const RunHolder& other) {
-            if (this != &other) expand();
+        HolderLink() = default;
+        ~HolderLink() = default;
+        HolderLink(const HolderLink&) noexcept {}
+        HolderLink(HolderLink&& other) { other.expandRuns(); }
+        HolderLink& operator=(const HolderLink& other) {
+            if (this != &other) expandRuns();
             return *this;
         }
-        RunHolder& operator=(RunHolder&& other) {
-            expand();
-            other.expand();
+        HolderLink& operator=(HolderLink&& other) {
+            expandRuns();
+            other.expandRuns();
             return *this;
         }
 
-        void set(IRunHolder& holder) {
+        void connect(IRunHolder& holder) {
             if (holder_ == &holder) return;
-            expand();
+            expandRuns();
             holder_ = &holder;
         }
-        void expand() {
+        void expandRuns() {
             if (holder_ == nullptr) return;
             holder_->expandRuns();
             holder_ = nullptr;
@@ -379,17 +381,18 @@ private:
         IRunHolder* holder_ = nullptr;
     };
 
-    /// What all outgoing synapses of a neuron have in common, in one word.
-    class Fanout {
+    /// How all outgoing synapses of a neuron transmit, in 8 bytes.
+    class SharedTransmission {
     public:
         /// Not known.
-        Fanout() = default;
-        /// `delay`: of all synapses in ns, or 0 where their deliveries are no run.
-        Fanout(ModelTime delay, bool excitatory, bool inhibitory)
+        SharedTransmission() = default;
+        /// `delay`: of all synapses in ns, or 0 where their deliveries form no run.
+        SharedTransmission(ModelTime delay, bool excitatory, bool inhibitory)
             : bits_(static_cast<std::uint64_t>(delay) << 3 | (inhibitory ? 4 : 0) |
                     (excitatory ? 2 : 0) | 1) {}
 
         bool isKnown() const { return bits_ != 0; }
+        bool formsRun() const { return delay() != 0; }
         ModelTime delay() const { return static_cast<ModelTime>(bits_ >> 3); }
         bool hasExcitatory() const { return (bits_ & 2) != 0; }
         bool hasInhibitory() const { return (bits_ & 4) != 0; }
@@ -404,7 +407,7 @@ private:
         std::vector<EdgeId> edges;           ///< shape (routed synapses), see ascending
         /// Shape (neurons); an entry is filled when it is first read. Empty for incoming routes and
         /// for a table that is not compact.
-        std::vector<Fanout> fanouts;
+        std::vector<SharedTransmission> shared;
         bool built = false;
         /// Entry i is synapse i, because the synapses came in this order. `edges` is then filled
         /// only when it is read.
@@ -421,12 +424,12 @@ private:
     }
     void buildOutgoing();
     void buildIncoming();
-    Fanout fanoutOf(NodeId source) {
-        Fanout& fanout = out_.fanouts[source];
-        if (!fanout.isKnown()) fanout = readFanout(source);
-        return fanout;
+    SharedTransmission sharedTransmissionOf(NodeId source) {
+        SharedTransmission& shared = out_.shared[source];
+        if (!shared.isKnown()) shared = readSharedTransmission(source);
+        return shared;
     }
-    Fanout readFanout(NodeId source) const;
+    SharedTransmission readSharedTransmission(NodeId source) const;
     template <class End>
     void buildRoutes(Routes& routes, End end);
     template <class End>
@@ -465,7 +468,7 @@ private:
     }
     void noteReweighted(NodeId target);
 
-    RunHolder run_holder_;
+    HolderLink holder_link_;
     std::uint64_t node_count_;
     std::optional<ModelTime> min_delay_;
     SynapseTable synapses_;
