@@ -23,9 +23,8 @@ namespace Lumenar::Core::Kelm {
 ///
 /// A record is a run or a single event. The records are sorted by time and first id. A first pass
 /// over their events counts the events of each target. A second pass writes each event to the next
-/// place of its target. Each target's events are then in the order of EventLess: a run has one time
-/// and consecutive ids, and ids are unique. So of two records with equal times, all ids of the one
-/// are below all ids of the other.
+/// place of its target. The events of a target are then in the order of EventLess: a run has one
+/// time and consecutive ids, and ids are unique, so two records of one time do not mix.
 ///
 /// The time is proportional to the events plus the neurons. Storage is kept from window to window.
 class PlacedEvents {
@@ -61,12 +60,12 @@ public:
         });
         std::fill(ends_.begin(), ends_.end(), 0);
         std::uint32_t* const ends = ends_.data();
-        forEachTarget(routed, [=](const Record&, NodeId target, double) { ++ends[target]; });
+        forEachEvent(routed, [=](const Record&, NodeId target, double) { ++ends[target]; });
         std::uint32_t sum = 0;
         for (std::uint32_t& end : ends_) sum += std::exchange(end, sum);
         // Moves the place of each target from its first event to its end.
         Kernel::WindowEvent* const events = events_.data();
-        forEachTarget(routed, [=](const Record& record, NodeId target, double value) {
+        forEachEvent(routed, [=](const Record& record, NodeId target, double value) {
             Kernel::WindowEvent& event = events[ends[target]++];
             // Field by field: a copy of the whole record would wait for its parts to be stored.
             event.time = record.time;
@@ -87,9 +86,9 @@ private:
     struct Record {
         ModelTime time;
         std::uint64_t id;
-        std::uint64_t place;  ///< first_route of a run, target of a single event
-        std::uint64_t count;  ///< deliveries of a run; 0 for a single event
-        double value;         ///< of a single event
+        std::uint64_t target_or_route;  ///< target of a single event, first_route of a run
+        std::uint64_t delivery_count;   ///< of a run; 0 for a single event
+        double value;                   ///< of a single event
         bool wake_only;
     };
 
@@ -100,19 +99,21 @@ private:
 
     /// Calls visit(record, target, value) for each event, record by record.
     template <class Visit>
-    void forEachTarget(const SynapseGraph::RoutedTransmissions& routed, Visit visit) const {
+    void forEachEvent(const SynapseGraph::RoutedTransmissions& routed, Visit visit) const {
         for (std::size_t i = 0; i < records_.size(); ++i) {
             if (i + prefetched_records < records_.size()) {
                 const Record& later = records_[i + prefetched_records];
-                if (later.count != 0) routed.prefetch(later.place, later.count);
+                if (later.delivery_count != 0) {
+                    routed.prefetch(later.target_or_route, later.delivery_count);
+                }
             }
             const Record record = records_[i];  // a copy, which no store can change
-            if (record.count == 0) {
-                visit(record, record.place, record.value);
+            if (record.delivery_count == 0) {
+                visit(record, record.target_or_route, record.value);
                 continue;
             }
-            const std::uint64_t end = record.place + record.count;
-            for (std::uint64_t route = record.place; route < end; ++route) {
+            const std::uint64_t end = record.target_or_route + record.delivery_count;
+            for (std::uint64_t route = record.target_or_route; route < end; ++route) {
                 const SynapseTable::Transmission& synapse = routed[route];
                 visit(record, NodeId{synapse.target}, static_cast<double>(synapse.value()));
             }

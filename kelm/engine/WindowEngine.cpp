@@ -269,7 +269,7 @@ bool WindowEngine::needsWholeWindow(const Window& window) const {
 /// Builds the next items, `item_limit` at most, each from the events of one target.
 void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
     window.item_count = 0;
-    if (const PlacedEvents* placed = window.events.placed()) {
+    if (const PlacedEvents* placed = window.events.placedEvents()) {
         buildFromPlaced(window, *placed, item_limit);
     } else {
         buildFromKeys(window, item_limit);

@@ -26,12 +26,17 @@ namespace Lumenar::Core::Kelm {
 
 /// The events of one window in the order of their targets.
 ///
-/// A dense window has several run deliveries per neuron. Its events are written straight to their
-/// places (PlacedEvents). In any other window, each event has a key of one word: target in the high
-/// bits, place in the low bits. The event stays in the calendar, and a delivery of a run stays in
-/// the graph. Keys are added in the order of their places and targets are small integers, so a
-/// large window is sorted digit by digit (D. E. Knuth, "The Art of Computer Programming", volume 3,
-/// 1998, section 5.2.5). Storage is kept from window to window; the events belong to the calendar.
+/// A dense window has several deliveries of runs per neuron. Its events are placed: written in the
+/// order of their targets, in the form that the backend reads (PlacedEvents).
+///
+/// In any other window, each event has a key of one word: target in the high bits, address in the
+/// low bits. The event stays where it is, in the calendar, or in the graph as a delivery of a run.
+/// Address a is record a % chunk_records of chunk a / chunk_records, where a part of a run and a
+/// part of the due candidates are chunks too. Keys are added in the order of their addresses and
+/// targets are small integers, so a large window is sorted digit by digit (D. E. Knuth, "The Art of
+/// Computer Programming", volume 3, 1998, section 5.2.5).
+///
+/// Storage is kept from window to window.
 class WindowEvents {
 public:
     /// The part of an event that its neuron's work item holds, and its id.
@@ -41,14 +46,6 @@ public:
         double value;
         bool wake_only;
     };
-
-    static constexpr std::size_t chunk_places = ChunkList<Event>::chunk_records;
-    static_assert(chunk_places == ChunkList<PackedDelivery>::chunk_records);
-
-    /// How many chunks hold as many candidates, or events that are added at once.
-    static std::size_t chunksOf(std::size_t count) {
-        return (count + chunk_places - 1) / chunk_places;
-    }
 
     explicit WindowEvents(std::uint64_t node_count) : node_count_(node_count) {}
 
@@ -69,7 +66,7 @@ public:
         const std::size_t event_count = singles + list.run_deliveries;
         if (isDense(list.run_deliveries, singles)) {
             placed_.begin(node_count_, singles + runs_.size(), event_count);
-            is_placed_ = true;
+            is_dense_ = true;
             outside_ = false;
         } else {
             beginKeys(chunksOf(candidate_count) + list.events.chunk_count +
@@ -81,7 +78,7 @@ public:
     /// shape (neurons of the network), and the events of `list`.
     void add(std::span<const NodeId> neurons, std::span<const CandidateSlot> slots,
              const EventList& list) {
-        if (is_placed_) {
+        if (is_dense_) {
             for (const NodeId neuron : neurons) placed_.add(neuron, slots[neuron]);
             list.forEachSingle([&](const auto& record) {
                 outside_ |= record.target >= node_count_;
@@ -107,8 +104,8 @@ public:
     void addAll(std::span<const Event> events) {
         runs_.clear();
         beginKeys(chunksOf(events.size()), events.size());
-        for (std::size_t i = 0; i < events.size(); i += chunk_places) {
-            addChunk(events.subspan(i, std::min(chunk_places, events.size() - i)));
+        for (std::size_t i = 0; i < events.size(); i += chunk_records) {
+            addChunk(events.subspan(i, std::min(chunk_records, events.size() - i)));
         }
     }
 
@@ -117,8 +114,8 @@ public:
 
     /// Puts the events in the order of their targets.
     void sortByTarget() {
-        if (is_placed_) return placed_.place(routed_);
-        // Clearing and summing the digit counts costs as much as sorting this many keys otherwise.
+        if (is_dense_) return placed_.place(routed_);
+        // For fewer keys, clearing and summing the digit tables costs more than another sort.
         if (size_ < min_digit_sorted || target_bits_ > 4 * max_digit_bits) {
             std::sort(keys_.begin(), keys_.begin() + static_cast<std::ptrdiff_t>(size_));
         } else if (target_bits_ <= max_digit_bits) {
@@ -130,12 +127,12 @@ public:
         }
     }
 
-    std::size_t size() const { return is_placed_ ? placed_.size() : size_; }
+    std::size_t size() const { return is_dense_ ? placed_.size() : size_; }
 
     /// Copies the deliveries that are still to be read from the graph, so that the graph may
     /// change. May throw std::bad_alloc.
     void copyRuns() {
-        if (is_placed_) return;
+        if (is_dense_) return;
         std::size_t deliveries = 0;
         for (const DeliveryRun& run : runs_) deliveries += run.count;
         if (deliveries == 0) return;
@@ -144,7 +141,7 @@ public:
         for (Chunk& chunk : chunks_) {
             if (chunk.kind != Kind::run) continue;
             const std::size_t first = copies_.size();
-            for (std::uint64_t i = 0; i < chunk.count; ++i) {
+            for (std::uint64_t i = 0; i < chunk.delivery_count; ++i) {
                 PackedDelivery& copy = copies_.emplace_back();
                 copy.time = chunk.time;
                 copy.id = chunk.id + i;
@@ -155,7 +152,7 @@ public:
     }
 
     /// The events of a dense window, which has no walk. Null for any other window.
-    const PlacedEvents* placed() const { return is_placed_ ? &placed_ : nullptr; }
+    const PlacedEvents* placedEvents() const { return is_dense_ ? &placed_ : nullptr; }
 
 private:
     struct Chunk;
@@ -166,18 +163,18 @@ public:
     class Walk {
     public:
         std::size_t size() const { return size_; }
-        NodeId targetAt(std::size_t i) const { return keys_[i] >> place_bits_; }
+        NodeId targetAt(std::size_t i) const { return keys_[i] >> address_bits_; }
         Input inputAt(std::size_t i) const { return inputOf(keys_[i]); }
         void prefetch(std::size_t i) const {
-            const std::uint64_t place = keys_[i] & place_mask_;
-            const Chunk& chunk = chunks_[place / chunk_places];
+            const std::uint64_t address = keys_[i] & address_mask_;
+            const Chunk& chunk = chunks_[address / chunk_records];
             switch (chunk.kind) {
                 case Kind::run:
-                    return prefetchLine(&routed_[chunk.first_route + place % chunk_places]);
+                    return prefetchLine(&routed_[chunk.first_route + address % chunk_records]);
                 case Kind::deliveries:
-                    return prefetchLine(chunk.deliveries + place % chunk_places);
+                    return prefetchLine(chunk.deliveries + address % chunk_records);
                 case Kind::events:
-                    return prefetchLine(chunk.events + place % chunk_places);
+                    return prefetchLine(chunk.events + address % chunk_records);
                 case Kind::candidates:
                     return;
             }
@@ -196,9 +193,9 @@ public:
         friend class WindowEvents;
 
         Input inputOf(std::uint64_t key) const {
-            const std::uint64_t place = key & place_mask_;
-            const Chunk& chunk = chunks_[place / chunk_places];
-            const std::size_t i = place % chunk_places;
+            const std::uint64_t address = key & address_mask_;
+            const Chunk& chunk = chunks_[address / chunk_records];
+            const std::size_t i = address % chunk_records;
             switch (chunk.kind) {
                 case Kind::run:
                     return {chunk.time, chunk.id + i,
@@ -208,7 +205,7 @@ public:
                     return {delivery.time, delivery.id, static_cast<double>(delivery.value), false};
                 }
                 case Kind::candidates: {
-                    const CandidateSlot& slot = chunk.slots[key >> place_bits_];
+                    const CandidateSlot& slot = chunk.slots[key >> address_bits_];
                     return {slot.time, slot.event_id, slot.rate, true};
                 }
                 case Kind::events:
@@ -244,8 +241,8 @@ public:
         std::size_t size_ = 0;
         const Chunk* chunks_ = nullptr;
         SynapseGraph::RoutedTransmissions routed_;
-        std::uint64_t place_mask_ = 0;
-        int place_bits_ = 0;
+        std::uint64_t address_mask_ = 0;
+        int address_bits_ = 0;
     };
 
     Walk walk() {
@@ -254,12 +251,15 @@ public:
         walk.size_ = size_;
         walk.chunks_ = chunks_.data();
         walk.routed_ = routed_;
-        walk.place_mask_ = (std::uint64_t{1} << place_bits_) - 1;
-        walk.place_bits_ = place_bits_;
+        walk.address_mask_ = (std::uint64_t{1} << address_bits_) - 1;
+        walk.address_bits_ = address_bits_;
         return walk;
     }
 
 private:
+    static constexpr std::size_t chunk_records = ChunkList<Event>::chunk_records;
+    static_assert(chunk_records == ChunkList<PackedDelivery>::chunk_records);
+    // A dense window has at least this many deliveries of runs.
     static constexpr std::uint64_t deliveries_per_neuron = 4;
     static constexpr std::uint64_t deliveries_per_single = 2;
     /// How many runs ahead the synapses of a run are prefetched.
@@ -268,6 +268,10 @@ private:
     static constexpr std::size_t max_inserted = 16;
     static constexpr int max_digit_bits = 10;
 
+    /// How many chunks hold `count` candidates, events of a store or deliveries of one run.
+    static std::size_t chunksOf(std::size_t count) {
+        return (count + chunk_records - 1) / chunk_records;
+    }
     /// Bits of an integer below `count`.
     static int widthOf(std::uint64_t count) {
         return static_cast<int>(std::bit_width(count == 0 ? 0 : count - 1));
@@ -282,13 +286,13 @@ private:
         Chunk(Kind k, const CandidateSlot* all) : kind(k), slots(all) {}
         Chunk(const DeliveryRun& run, std::uint64_t first, std::uint64_t last)
             : kind(Kind::run),
-              count(static_cast<std::uint32_t>(last - first)),
+              delivery_count(static_cast<std::uint32_t>(last - first)),
               first_route(run.first_route + first),
               time(run.time),
               id(run.id + first) {}
 
         Kind kind;
-        std::uint32_t count = 0;  ///< deliveries of a part of a run
+        std::uint32_t delivery_count = 0;  ///< of a part of a run
         union {
             const Event* events;
             const PackedDelivery* deliveries;
@@ -309,11 +313,12 @@ private:
     }
 
     void beginKeys(std::size_t chunk_count, std::size_t event_count) {
-        is_placed_ = false;
-        const std::size_t places = chunk_count * chunk_places;
+        is_dense_ = false;
+        const std::size_t address_count = chunk_count * chunk_records;
         target_bits_ = widthOf(node_count_);
-        place_bits_ = widthOf(places);
-        if (places > std::numeric_limits<std::uint32_t>::max() || target_bits_ + place_bits_ > 64) {
+        address_bits_ = widthOf(address_count);
+        if (address_count > std::numeric_limits<std::uint32_t>::max() ||
+            target_bits_ + address_bits_ > 64) {
             throw WindowEngineError(WindowEngineError::window_too_large);
         }
         // Longer than needed, so that no window but the largest clears memory.
@@ -331,89 +336,90 @@ private:
     }
     void addCandidates(std::span<const NodeId> neurons, std::span<const CandidateSlot> slots) {
         for (std::size_t i = 0; i < neurons.size(); ++i) {
-            if (i % chunk_places == 0) chunks_.emplace_back(Kind::candidates, slots.data());
-            keys_[size_++] = neurons[i] << place_bits_ |
-                             ((chunks_.size() - 1) * chunk_places + i % chunk_places);
+            if (i % chunk_records == 0) chunks_.emplace_back(Kind::candidates, slots.data());
+            keys_[size_++] = neurons[i] << address_bits_ |
+                             ((chunks_.size() - 1) * chunk_records + i % chunk_records);
         }
     }
     void addRun(const DeliveryRun& run) {
-        for (std::uint64_t first = 0; first < run.count; first += chunk_places) {
-            const std::uint64_t last = std::min(first + chunk_places, run.count);
-            std::uint64_t place = chunks_.size() * chunk_places;
+        for (std::uint64_t first = 0; first < run.count; first += chunk_records) {
+            const std::uint64_t last = std::min(first + chunk_records, run.count);
+            std::uint64_t address = chunks_.size() * chunk_records;
             chunks_.emplace_back(run, first, last);
             for (std::uint64_t i = first; i < last; ++i) {
                 const SynapseTable::Transmission& synapse = routed_[run.first_route + i];
-                keys_[size_++] = NodeId{synapse.target} << place_bits_ | place++;
+                keys_[size_++] = NodeId{synapse.target} << address_bits_ | address++;
             }
         }
     }
 
     template <class Record>
     void addRecords(std::span<const Record> records, const Chunk& chunk) {
-        std::uint64_t place = chunks_.size() * chunk_places;
+        std::uint64_t address = chunks_.size() * chunk_records;
         chunks_.push_back(chunk);
         std::uint64_t* key = keys_.data() + size_;
         bool outside = false;
         for (const Record& record : records) {
             outside |= record.target >= node_count_;
-            *key++ = NodeId{record.target} << place_bits_ | place++;
+            *key++ = NodeId{record.target} << address_bits_ | address++;
         }
         size_ += records.size();
         outside_ |= outside;
     }
 
-    using Starts = std::array<std::uint32_t, std::size_t{1} << max_digit_bits>;
+    /// For each value of a digit: the number of its keys, and later the place of the next of them.
+    using DigitTable = std::array<std::uint32_t, std::size_t{1} << max_digit_bits>;
 
-    /// Turns the number of keys of each digit into the place of the first one.
-    static void sumUp(Starts& counts, std::uint64_t digits) {
+    /// Turns the numbers of keys into the places of the first ones.
+    static void sumUp(DigitTable& table, std::uint64_t digit_values) {
         std::uint32_t sum = 0;
-        for (std::uint64_t digit = 0; digit < digits; ++digit) {
-            sum += std::exchange(counts[digit], sum);
+        for (std::uint64_t digit = 0; digit < digit_values; ++digit) {
+            sum += std::exchange(table[digit], sum);
         }
     }
 
     template <int passes>
     void sortByDigits() {
         const int digit_bits = (target_bits_ + passes - 1) / passes;
-        const std::uint64_t digits = std::uint64_t{1} << digit_bits;
-        const std::uint64_t mask = digits - 1;
-        // One count serves all passes: the digits of a key do not depend on its place.
-        std::array<Starts, passes> starts;
-        for (Starts& counts : starts) std::fill_n(counts.begin(), digits, 0);
-        const int place_bits = place_bits_;
+        const std::uint64_t digit_values = std::uint64_t{1} << digit_bits;
+        const std::uint64_t mask = digit_values - 1;
+        // One walk over the keys counts for all passes: a pass moves keys and changes none.
+        std::array<DigitTable, passes> tables;
+        for (DigitTable& table : tables) std::fill_n(table.begin(), digit_values, 0);
+        const int address_bits = address_bits_;
         for (const std::uint64_t key : std::span(keys_.data(), size_)) {
-            std::uint64_t rest = key >> place_bits;
-            for (Starts& counts : starts) {
-                ++counts[rest & mask];
+            std::uint64_t rest = key >> address_bits;
+            for (DigitTable& table : tables) {
+                ++table[rest & mask];
                 rest >>= digit_bits;
             }
         }
-        other_.resize(keys_.size());
-        int shift = place_bits;
-        for (Starts& places : starts) {
-            sumUp(places, digits);
-            std::uint64_t* const sorted = other_.data();
+        sorted_.resize(keys_.size());
+        int shift = address_bits;
+        for (DigitTable& table : tables) {
+            sumUp(table, digit_values);
+            std::uint64_t* const sorted = sorted_.data();
             for (const std::uint64_t key : std::span(keys_.data(), size_)) {
-                sorted[places[key >> shift & mask]++] = key;
+                sorted[table[key >> shift & mask]++] = key;
             }
-            keys_.swap(other_);
+            keys_.swap(sorted_);
             shift += digit_bits;
         }
     }
 
     std::uint64_t node_count_;
     int target_bits_ = 0;
-    int place_bits_ = 0;
+    int address_bits_ = 0;
     bool outside_ = false;
-    std::vector<Chunk> chunks_;  ///< place p is record p % chunk_places of chunk p / chunk_places
+    std::vector<Chunk> chunks_;
     std::size_t size_ = 0;
-    LargeArray<std::uint64_t> keys_;  ///< size_ are in use
-    LargeArray<std::uint64_t> other_;
+    LargeArray<std::uint64_t> keys_;    ///< size_ are in use
+    LargeArray<std::uint64_t> sorted_;  ///< of one pass
     std::vector<DeliveryRun> runs_;
     SynapseGraph::RoutedTransmissions routed_;
     std::vector<PackedDelivery> copies_;  ///< of deliveries in runs
     PlacedEvents placed_;
-    bool is_placed_ = false;
+    bool is_dense_ = false;
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -159,7 +159,7 @@ private:
                 taken.values.push_back(bits);
             }
         };
-        if (const PlacedEvents* placed = events.placed()) {
+        if (const PlacedEvents* placed = events.placedEvents()) {
             ++dense_windows;
             std::size_t i = 0;
             for (NodeId target = 0; target < neurons; ++target) {
