@@ -257,18 +257,23 @@ const char* residentObstacle(SynapseGraph& graph) {
     if (graph.nodeCount() == 0) return "the graph has no neurons";
     const std::optional<ModelTime> d_min = graph.dMin();
     if (!d_min || *d_min < 1) return "the graph has no positive d_min";
-    const std::size_t fanout = graph.outgoing(0).size();
+    const std::span<const std::uint64_t> offsets = graph.outOffsets();
+    const std::uint64_t fanout = offsets[1] - offsets[0];
     if (fanout == 0) return "resident CUDA requires non-zero fan-out";
-    for (NodeId node = 0; node < graph.nodeCount(); ++node) {
-        const std::span<const EdgeId> edges = graph.outgoing(node);
-        if (edges.size() != fanout) return "resident CUDA requires uniform fan-out";
-        for (const EdgeId id : edges) {
-            const Synapse synapse = graph.edge(id);
-            if (!synapse.enabled || !graph.transmissionEnabled(synapse.inhibitory)) {
-                return "resident CUDA does not yet support disabled edges";
-            }
-            if (synapse.delay != *d_min) return "resident CUDA requires every delay to equal d_min";
+    const char* obstacle = nullptr;
+    const auto check = [&](const Synapse& synapse) {
+        if (!synapse.enabled || !graph.transmissionEnabled(synapse.inhibitory)) {
+            obstacle = "resident CUDA does not yet support disabled edges";
+        } else if (synapse.delay != *d_min) {
+            obstacle = "resident CUDA requires every delay to equal d_min";
         }
+        return obstacle == nullptr;
+    };
+    for (NodeId node = 0; node < graph.nodeCount(); ++node) {
+        if (offsets[node + 1] - offsets[node] != fanout) {
+            return "resident CUDA requires uniform fan-out";
+        }
+        if (!graph.visitOutgoing(node, check)) return obstacle;
     }
     return nullptr;
 }
