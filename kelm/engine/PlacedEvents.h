@@ -3,12 +3,9 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
-#include <span>
 #include <utility>
 #include <vector>
 
-#include "kelm/core/Failures.h"
 #include "kelm/core/LargePages.h"
 #include "kelm/events/CandidateSlot.h"
 #include "kelm/events/DeliveryRun.h"

@@ -109,7 +109,7 @@ Blob WindowCalendar::snapshot() {
     for (NodeId neuron = 0; neuron < slots_.size(); ++neuron) {
         if (tree_.isPending(neuron)) events.push_back(candidateEvent(neuron, slots_[neuron]));
     }
-    return calendar_.store(std::move(events));
+    return calendar_.snapshotOf(std::move(events));
 }
 
 bool WindowCalendar::restore(BlobView blob, LargeArray<CandidateSlot>&& slots) {

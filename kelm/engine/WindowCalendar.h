@@ -50,8 +50,8 @@ public:
         return store_ ? std::nullopt : std::optional(calendar_.bucketWidth());
     }
 
-    /// Shape (neurons): each neuron's scheduled candidate. The place of a slot does not change
-    /// until a restore.
+    /// Shape (neurons): each neuron's scheduled candidate. A slot keeps its address until restore
+    /// or resume.
     std::span<const CandidateSlot> candidates() const { return slots_; }
 
     /// Posts an event and returns its id. Throws what the store throws, or LookaheadViolation for a

@@ -222,7 +222,8 @@ void WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
     deliverObservations(window, until, false);
 }
 
-/// The next window's events, by target. Those of one target are put in order later.
+/// Takes the next window and sorts its events by target. Those of one target are in order if the
+/// window is dense; otherwise buildFromKeys puts them in order.
 bool WindowEngine::takeWindow(ModelTime until, Window& window) {
     if (!calendar_.takeWindow(until, window.events, window.start, window.end)) return false;
     // Possible with a store that was given, and after a restore from a forged blob.

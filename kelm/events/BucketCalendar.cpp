@@ -48,7 +48,7 @@ EventList BucketCalendar::take() noexcept {
     return list;
 }
 
-Blob BucketCalendar::store(std::vector<Event> events) const {
+Blob BucketCalendar::snapshotOf(std::vector<Event> events) const {
     std::sort(events.begin(), events.end(), EventLess());
     Blob blob;
     blob.reserve(header_bytes + events.size() * sizeof(Event));

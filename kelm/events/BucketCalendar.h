@@ -114,7 +114,7 @@ public:
     /// A blob of this calendar's header and of `events`; its own events are not written. Format
     /// "KELMBKT1": tag, d_min (8), bucket count (8), cursor (8), started (1), next_id (8), event
     /// count (8), then the events as images of 64 bytes, by time and id.
-    Blob store(std::vector<Event> events) const;
+    Blob snapshotOf(std::vector<Event> events) const;
 
     /// The calendar in a blob of the same d_min and bucket count, or nothing for a blob that is cut
     /// short, forged or of another format. Bytes behind the last event are not looked at.

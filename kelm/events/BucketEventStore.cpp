@@ -63,7 +63,7 @@ Blob BucketEventStore::snapshot() {
     calendar_.forEachSingle([&](const auto& record) {
         if (pending_.contains(record.id)) events.push_back(unpackedEvent(record));
     });
-    return calendar_.store(std::move(events));
+    return calendar_.snapshotOf(std::move(events));
 }
 
 bool BucketEventStore::restore(BlobView blob) {

@@ -46,8 +46,7 @@ public:
     bool take(ModelTime until, std::vector<Event>& events, ModelTime& window_start,
               ModelTime& window_end) override;
 
-    /// Format "KELMBKT1": tag, d_min (8), bucket count (8), cursor (8), started (1), next_id (8),
-    /// event count (8), then the pending events as images of 64 bytes, by time and id.
+    /// The pending events in the format "KELMBKT1" (BucketCalendar::snapshotOf).
     Blob snapshot() override;
 
     /// False for a blob that is cut short, forged, of another format, or of a store with another

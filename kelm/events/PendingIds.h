@@ -10,8 +10,7 @@ namespace Lumenar::Core::Kelm {
 /// those with an id take memory. Ids are issued in ascending order and mostly finish in that order,
 /// so successive calls mostly use the same page.
 ///
-/// A hash table with open addressing finds a page by its number. Its order decides nothing that can
-/// be seen.
+/// A hash table with open addressing finds a page by its number. No result depends on its order.
 class PendingIds {
 public:
     /// Makes room for `id`, so that insert of it cannot fail. May throw std::bad_alloc, with
@@ -68,7 +67,7 @@ private:
         if (recent_ < pages_.size() && pages_[recent_].number == number) return recent_;
         return lookUp(number);
     }
-    /// pageOf that keeps its answer for the next call.
+    /// As pageOf; remembers the page for the next call.
     std::uint32_t recallPage(std::uint64_t id) {
         const std::uint32_t place = pageOf(id);
         if (place != no_page) recent_ = place;

@@ -164,8 +164,8 @@ public:
     /// throw std::bad_alloc, with the record unchanged.
     std::uint64_t takeReweightedTargets(std::uint64_t last_call, std::vector<NodeId>& targets);
 
-    /// Hints that deliver() from `source` follows soon, or deferRun() where `as_run` is set.
-    /// `source` must lie in the network.
+    /// Prefetches what deliver() from `source` reads, or deferRun() where `as_run` is set. `source`
+    /// must lie in the network.
     void prefetchSynapses(NodeId source, bool as_run) const {
         if (!out_.built) return;
         if (as_run && !out_.shared.empty() && out_.shared[source].formsRun()) return;
@@ -176,10 +176,10 @@ public:
             prefetchLine(out_.edges.data() + first);
         }
     }
-    /// Hints that a synapse is read soon. `id` must lie in the network.
+    /// Prefetches a synapse. `id` must lie in the network.
     void prefetchEdge(EdgeId id) const { synapses_.prefetch(id); }
 
-    /// How many synapses to hint at once. A processor drops hints beyond its capacity.
+    /// How many synapses to prefetch at once. A processor drops prefetches beyond its capacity.
     static constexpr std::size_t prefetch_block = 16;
 
     /// Posts one delivery for each transmitting synapse of `source`, in EdgeId order, for a spike
@@ -251,7 +251,7 @@ public:
         EdgeId edgeAt(std::uint64_t route) const {
             return edges_ == nullptr ? route : edges_[route];
         }
-        /// Hints that `count` entries from `route` on are read soon. A long range is cut.
+        /// Prefetches `count` entries from `route` on. A long range is cut.
         void prefetch(std::uint64_t route, std::uint64_t count) const {
             if (edges_ != nullptr) return prefetchLine(edges_ + route);
             constexpr std::uint64_t line = 64 / sizeof(SynapseTable::Transmission);

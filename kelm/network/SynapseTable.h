@@ -105,7 +105,7 @@ public:
     }
 
     void prefetch(EdgeId id) const { prefetchLine(&transmissions_[id]); }
-    /// Hints that synapses [first, end) are read soon. A long range is cut.
+    /// Prefetches synapses [first, end). A long range is cut.
     void prefetchRange(EdgeId first, EdgeId end) const {
         constexpr EdgeId line = 64 / sizeof(Transmission);
         if (end - first > max_prefetched) end = first + max_prefetched;
@@ -116,7 +116,7 @@ public:
     }
 
 private:
-    /// Most hints of one call. A processor drops hints beyond its capacity.
+    /// Most synapses of one call. A processor drops prefetches beyond its capacity.
     static constexpr EdgeId max_prefetched = 48;
 
     /// The fields that do not fit the compact columns, or that have no column there.
