@@ -14,6 +14,7 @@
 #include "kelm/core/Failures.h"
 #include "kelm/events/BucketEventStore.h"
 #include "tests/support/Draws.h"
+#include "tests/support/ExpectThrows.h"
 #include "tests/support/PlainStore.h"
 #include "tests/support/SameImages.h"
 
@@ -262,6 +263,25 @@ TEST(WindowCalendar, ShowsWhatAStoreOfEventsShowsThroughRandomHistories) {
         dense_windows += histories.dense_windows;
     }
     EXPECT_GT(dense_windows, 80);
+}
+
+TEST(WindowCalendar, PostsNothingOfASpikeWhoseFirstDeliveryIsBeyondTime) {
+    struct OtherHolder : IRunHolder {
+        void expandRuns() override {}
+    } other;
+    for (const bool run : {true, false}) {
+        SCOPED_TRACE(run ? "one run" : "single deliveries");
+        std::vector<Synapse> synapses(5, {.delay = 2 * d_min});
+        if (!run) synapses.back().delay = d_min;
+        SynapseGraph graph(1, d_min, synapses);
+        EXPECT_EQ(graph.deferRun(0, 0, other).has_value(), run);
+        WindowCalendar calendar(graph, d_min);
+        calendar.deliver(0, last_model_time - 2 * d_min);
+        const Blob before = calendar.snapshot();
+        expectThrows<TimeOverflow>([&] { calendar.deliver(0, last_model_time - 2 * d_min + 1); },
+                                   "KELM model time overflow");
+        EXPECT_EQ(calendar.snapshot(), before);
+    }
 }
 
 TEST(WindowCalendar, KeepsAWindowWhoseEndIsBeyondTime) {

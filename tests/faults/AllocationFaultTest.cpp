@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <exception>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <optional>
@@ -19,6 +20,7 @@
 #include "kelm/cuda/LookaheadCudaTesting.h"
 #include "kelm/cuda/ShardQueue.h"
 #include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/engine/WindowCalendar.h"
 #include "kelm/events/BucketEventStore.h"
 #include "kelm/runtime/InjectionTrace.h"
 #include "kelm/runtime/KelmRuntime.h"
@@ -151,6 +153,51 @@ TEST_F(AllocationFault, LeavesAGraphAsItWas) {
     const std::uint64_t allocations = allocationCount();
     EXPECT_EQ(ModelTime{graph->lastChange(1)}, 0);
     EXPECT_EQ(allocationCount(), allocations) << "a read allocates nothing";
+}
+
+TEST_F(AllocationFault, LeavesACalendarThatKeepsRunsAndItsGraphAsTheyWere) {
+    static constexpr ModelTime d_min = 10;
+    struct Subject {
+        SynapseGraph graph{8, d_min, 320, [](EdgeId id) {
+                               return Synapse{.source = id / 40, .target = id % 8, .delay = d_min};
+                           }};
+        WindowCalendar calendar{graph, d_min};
+    };
+    // One run in each of four windows: the next window with a run needs more memory.
+    const auto arrange = [&] {
+        auto subject = std::make_unique<Subject>();
+        for (NodeId n = 0; n < 4; ++n) {
+            subject->calendar.deliver(n, d_min * static_cast<ModelTime>(n));
+        }
+        return subject;
+    };
+    const auto image = [](Subject& subject) {
+        Blob blob = subject.graph.snapshot();
+        appendNested(blob, subject.calendar.snapshot());
+        return blob;
+    };
+    Subject reweighted;
+    reweighted.graph.setWeight(3, 0.5F);
+    const Blob stored = reweighted.graph.snapshot();
+    const int failures_before = failures;
+    const struct {
+        const char* what;
+        std::function<void(Subject&)> act;
+    } operations[] = {
+        {"post a run", [](Subject& s) { s.calendar.deliver(5, 4 * d_min); }},
+        {"set a weight", [](Subject& s) { s.graph.setWeight(7, 0.25F); }},
+        {"restore", [&](Subject& s) { EXPECT_TRUE(s.graph.restore(stored)); }},
+        {"move in", [](Subject& s) { s.graph = SynapseGraph(8, d_min, {}); }},
+        {"move out",
+         [](Subject& s) {
+             SynapseGraph moved(std::move(s.graph));
+             s.graph = std::move(moved);
+         }},
+    };
+    for (const auto& operation : operations) {
+        expectUnchanged(operation.what, arrange, operation.act, image);
+    }
+    EXPECT_GE(failures - failures_before, 2 * std::ssize(operations));
 }
 
 TEST_F(AllocationFault, LeavesAnEngineAsItWas) {
