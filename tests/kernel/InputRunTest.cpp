@@ -123,10 +123,11 @@ TEST(InputRun, LeavesThoseResultsWhereAnEstimateWouldOverflowOrLoseASign) {
         item.state.membrane = c.membrane;
         item.rng = 7;
         item.pending_time = no_time;
-        for (const ModelTime time : {1'000, 300'000, 400'000, 500'000, 900'000}) {
+        // Eight inputs fill vectors of every width.
+        for (ModelTime time = 100'000; time < 900'000; time += 100'000) {
             call.events.push_back({time, c.value, false, {}});
         }
-        item.event_count = 5;
+        item.event_count = 8;
         Skipped skipped;
         expectPlainResults(call, skipped);
     }

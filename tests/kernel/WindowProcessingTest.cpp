@@ -115,14 +115,16 @@ TEST(NextCandidate, TakesTheLeastNormalNumberForADrawOfZeroAndDropsAWaitOf9e18) 
 }
 
 TEST(NextCandidate, LiesBelowTheLimitAndWithinTime) {
-    const auto draw = [](ModelTime from, ModelTime limit) {
+    const auto draw = [](ModelTime from, ModelTime limit, double rate = 200.0) {
         std::uint64_t rng = seed_one;
-        return nextCandidate({}, {}, {.base_rate = 200.0}, from, limit, 0.0, rng);
+        return nextCandidate({}, {}, {.base_rate = rate, .max_rate = rate}, from, limit, 0.0, rng);
     };
     const Candidate candidate = draw(0, last_model_time);
     EXPECT_FALSE(draw(0, candidate.time).found);
     EXPECT_TRUE(draw(0, candidate.time + 1).found);
     EXPECT_FALSE(draw(last_model_time - 5, last_model_time).found);
+    // A negative rate gives a negative wait, which counts as the shortest one.
+    EXPECT_EQ(draw(7, last_model_time, -200.0).time, 8);
 }
 
 TEST(WindowProcessing, AHazardAboveItsBoundStopsTheWalkBeforeAnythingMoves) {
