@@ -19,6 +19,9 @@ double strangeValue(Draws& draws) {
     return draws.oneOf({nan, -nan, infinity, -infinity, -1.0, 1e308, -1e308, 5e-324, -0.0});
 }
 
+/// spikes/s; candidates come near the end of what the vectors compute.
+constexpr double slow_rate = 1e-6;
+
 /// Parameters near the defaults, and one of each case of the formulas. `strange`: some are outside
 /// their meaning.
 void drawParameters(Draws& draws, bool strange, DrawnCall& call) {
@@ -45,6 +48,8 @@ void drawParameters(Draws& draws, bool strange, DrawnCall& call) {
     if (draws.oneIn(2)) firing.adaptation_weight = draws.between(-0.3, 2.0);
     if (draws.oneIn(8)) firing.max_rate = draws.between(1.0, 400.0);
     if (draws.oneIn(16)) firing.base_rate = 0.0;
+    // The waits are so long that the last bits of a draw matter.
+    if (draws.oneIn(16)) firing.base_rate = slow_rate;
     if (!strange) return;
     if (draws.oneIn(4)) {
         firing.base_rate *= 1e7;
@@ -111,6 +116,13 @@ WindowWork drawItem(Draws& draws, bool strange, DrawnCall& call) {
         }
         item.state.last_update = times.front();
     }
+    // A trace that has decayed to the very limit of clipping stays.
+    if (item.event_count > 0 && draws.oneIn(16)) {
+        const auto interval = static_cast<double>(times.front() - item.state.last_update);
+        item.state.membrane =
+            call.neuron.trace_epsilon /
+            Kernel::kernelExp(-interval / static_cast<double>(call.neuron.tau_membrane));
+    }
     for (const ModelTime time : times) {
         const double size = dense ? 0.03 : 1.0;
         double value = even ? 0.0 : draws.between(-0.3, 1.0) * size;
@@ -146,6 +158,7 @@ DrawnCall drawCall(std::uint64_t seed, std::uint64_t item_count, bool strange) {
     if (draws.oneIn(8)) call.horizon = call.window_end - draws.timeBelow(1'000'000);
     // Times at which doubles no longer hold halves, or no longer all integers.
     if (draws.oneIn(16)) call.horizon = (ModelTime{1} << (50 + draws.below(12))) + 1;
+    if (call.firing.base_rate == slow_rate) call.horizon = ModelTime{1} << 51;
     for (std::uint64_t i = 0; i < item_count; ++i) {
         call.work.push_back(drawItem(draws, strange, call));
     }
