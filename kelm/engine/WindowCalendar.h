@@ -43,7 +43,7 @@ public:
     // Neither copied nor moved: the graph has the address of the calendar that keeps runs.
     WindowCalendar(const WindowCalendar&) = delete;
     WindowCalendar& operator=(const WindowCalendar&) = delete;
-    ~WindowCalendar() override = default;
+    ~WindowCalendar() override { graph_.releaseHolder(*this); }
 
     /// Width of a window in ns; no value where the events lie in a store.
     std::optional<ModelTime> windowWidth() const {

@@ -17,7 +17,7 @@ inline constexpr std::uint32_t min_run_inputs = 4;
 ///
 /// `events`: shape (count), count at least 1; the first one is the walk's next input, and no
 /// candidate is due before it. `end`: ns, the smaller of the window's end and the draw's limit;
-/// later inputs are left.
+/// inputs from there on are left.
 std::uint32_t runInputs(State& state, std::uint64_t& rng, const NeuronModel& model,
                         const WindowEvent* events, std::uint32_t count, ModelTime end,
                         double drive_bound);

@@ -81,7 +81,7 @@ KELM_LANE_INLINE void computeFactors(RunBlock& block, int inputs, const Kernel::
 }
 
 /// Computes the traces after each input. Clips none: findStop ends the run where that matters.
-/// `coupled`: may be false if the coupling is 0 and no value is. The product with the coupling is
+/// `coupled`: may be false if the coupling is 0 and no value is 0. The product with the coupling is
 /// then a zero, which adds nothing to the value, or a NaN, where findStop ends the run as well.
 template <bool coupled>
 KELM_LANE_INLINE void computeTraces(RunBlock& block, int inputs, double coupling) {
@@ -136,14 +136,15 @@ KELM_LANE_INLINE Doubles hazardEstimate(Doubles membrane, Doubles adaptation,
     return fromBits(bitsOf(p + fixed_point) << 32) * model.rate;
 }
 
-/// The first input whose draw must be looked at: because it may give a candidate before the next
-/// input, because no other input follows, or because the computed traces are not those of the walk.
+/// The first input whose draw must be looked at: it may give a candidate before the next input, no
+/// other input follows, the estimate is not valid, or the traces may not be those of the walk.
 struct RunStop {
     int input;   ///< run_block if there is none in the block
-    bool sound;  ///< its traces are right
+    bool sound;  ///< its traces are known to be right
 };
 
-/// `inputs`: in the block; `followed`: those before another input. `rng`: before the first draw.
+/// `inputs`: in the block; `followed`: how many have another input behind them. `rng`: before the
+/// first draw.
 KELM_LANE_INLINE RunStop findStop(const RunBlock& block, int inputs, int followed,
                                   const Kernel::NeuronModel& model, double drive_bound,
                                   std::uint64_t rng) {

@@ -168,8 +168,7 @@ private:
                equalBytes(item.firing, model_.firing);
     }
 
-    /// Brings an item into the first cache. Items are filled in now and then, too slowly for the
-    /// processor to see the stream by itself.
+    /// Items are read too rarely for the processor's own prefetching.
     void prefetchItem(std::size_t index) const {
         if (index >= work_.size()) return;
         const char* item = reinterpret_cast<const char*>(&work_[index]);

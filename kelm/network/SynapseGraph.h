@@ -223,7 +223,7 @@ public:
     /// The graph calls holder.expandRuns() once, before it next changes a weight or is restored,
     /// assigned to or moved from. A switch changes no run. A graph has one holder: before another
     /// one becomes the holder, the first expands its runs. A copy of the graph has no holder. The
-    /// holder must not move, and must exist until the call or the end of the graph's use.
+    /// holder must not move, and calls releaseHolder before it ends.
     std::optional<DeliveryRun> deferRun(NodeId source, ModelTime time, IRunHolder& holder) {
         if (source >= node_count_) throw SynapseRoutingViolation(SynapseRoutingViolation::source);
         const Routes& routes = outRoutes();
@@ -240,6 +240,9 @@ public:
         holder_link_.connect(holder);
         return run;
     }
+
+    /// Tells the graph that the runs of `holder` are gone. No effect if it is not the holder.
+    void releaseHolder(const IRunHolder& holder) noexcept { holder_link_.disconnect(holder); }
 
     /// The transmissions of a compact table by their index in the outgoing lists.
     class RoutedTransmissions {
@@ -370,6 +373,9 @@ private:
             if (holder_ == &holder) return;
             expandRuns();
             holder_ = &holder;
+        }
+        void disconnect(const IRunHolder& holder) noexcept {
+            if (holder_ == &holder) holder_ = nullptr;
         }
         void expandRuns() {
             if (holder_ == nullptr) return;

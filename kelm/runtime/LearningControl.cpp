@@ -14,7 +14,7 @@ namespace {
 
 constexpr BlobTag format_tag("KELMLRN1");
 
-/// How many synapses ahead the fading hints their memory.
+/// How many synapses ahead the fading prefetches their memory.
 constexpr std::size_t prefetch_distance = 16;
 
 void requireGroup(std::uint32_t group) {

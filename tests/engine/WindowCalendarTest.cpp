@@ -7,6 +7,7 @@
 
 #include <bit>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -282,6 +283,16 @@ TEST(WindowCalendar, PostsNothingOfASpikeWhoseFirstDeliveryIsBeyondTime) {
                                    "KELM model time overflow");
         EXPECT_EQ(calendar.snapshot(), before);
     }
+}
+
+// The graph would else call a calendar that no longer exists.
+TEST(WindowCalendar, LeavesItsGraphFreeToChange) {
+    SynapseGraph graph(1, d_min, std::vector<Synapse>(5, {.delay = d_min}));
+    std::optional<WindowCalendar> calendar(std::in_place, graph, d_min);
+    calendar->deliver(0, 0);
+    calendar.reset();
+    graph.setWeight(0, 0.5F);
+    EXPECT_EQ(graph.edge(0).weight, 0.5F);
 }
 
 TEST(WindowCalendar, KeepsAWindowWhoseEndIsBeyondTime) {

@@ -1,5 +1,5 @@
-// Steps without an effect: skipped draws, and runs of inputs. The results must be
-// those of a kernel that takes every step.
+// Steps without an effect: skipped draws, and runs of inputs. The results must be those of a kernel
+// that takes every step.
 
 #include "kelm/kernel/InputRun.h"
 
