@@ -4,10 +4,12 @@
 #include <stdexcept>
 #include <string>
 
+#include "kelm/core/FailureDetail.h"
+
 // All failure classes of the engine, with their fixed texts. The base class gives the kind of
 // failure: std::invalid_argument for a refused value, std::logic_error for a broken invariant of a
 // run, std::runtime_error for the environment and for arithmetic on time, std::out_of_range for an
-// index outside a table. No class holds more than its text.
+// index outside a table. A class derived from DetailedFailure also holds a detail.
 
 namespace Lumenar::Core::Kelm {
 
@@ -19,7 +21,7 @@ public:
 };
 
 /// An engine that cannot be built, or a broken invariant of a run.
-class WindowEngineError : public std::logic_error {
+class WindowEngineError : public std::logic_error, public DetailedFailure {
 public:
     using std::logic_error::logic_error;
     static constexpr const char* horizon_not_positive =
@@ -65,7 +67,7 @@ public:
 };
 
 /// A synapse, or a declared smallest delay, that a network cannot hold.
-class InvalidSynapse : public std::invalid_argument {
+class InvalidSynapse : public std::invalid_argument, public DetailedFailure {
 public:
     using std::invalid_argument::invalid_argument;
     static constexpr const char* min_delay_not_positive = "network min_delay must be positive";
@@ -134,6 +136,16 @@ public:
     static constexpr const char* gate_order = "learning gate moved back in time";
 };
 
+/// A sample interval that a recorder or its runtime refuses.
+class InvalidRecorder : public std::invalid_argument, public DetailedFailure {
+public:
+    using std::invalid_argument::invalid_argument;
+    static constexpr const char* negative_interval =
+        "recorder sample interval must not be negative";
+    static constexpr const char* short_interval =
+        "recorder sample interval is too short for the horizon";
+};
+
 /// An event whose declared cause was not recorded.
 class BrokenCausalTrace : public std::logic_error {
 public:
@@ -142,7 +154,7 @@ public:
 };
 
 /// An error channel, readout or reported value that prediction refuses.
-class InvalidPrediction : public std::invalid_argument {
+class InvalidPrediction : public std::invalid_argument, public DetailedFailure {
 public:
     using std::invalid_argument::invalid_argument;
     static constexpr const char* unnamed = "error channel needs a name";
@@ -183,7 +195,7 @@ public:
 };
 
 /// An input channel, or an injection on one, that is refused.
-class InvalidModality : public std::invalid_argument {
+class InvalidModality : public std::invalid_argument, public DetailedFailure {
 public:
     using std::invalid_argument::invalid_argument;
     static constexpr const char* unnamed = "an input channel must be named";
@@ -214,7 +226,7 @@ public:
 };
 
 /// A phase binding, gain or interval that phase modulation refuses.
-class InvalidPhaseModulation : public std::invalid_argument {
+class InvalidPhaseModulation : public std::invalid_argument, public DetailedFailure {
 public:
     using std::invalid_argument::invalid_argument;
     static constexpr const char* not_finite = "phase modulation must be finite";
@@ -235,7 +247,7 @@ public:
 };
 
 /// An oscillator or a coupling that an oscillator bank refuses.
-class InvalidOscillator : public std::invalid_argument {
+class InvalidOscillator : public std::invalid_argument, public DetailedFailure {
 public:
     using std::invalid_argument::invalid_argument;
     static constexpr const char* parameters = "invalid KELM oscillator parameters";
@@ -247,7 +259,7 @@ public:
 };
 
 /// A rule, trace or cap that plasticity refuses.
-class InvalidPlasticity : public std::invalid_argument {
+class InvalidPlasticity : public std::invalid_argument, public DetailedFailure {
 public:
     using std::invalid_argument::invalid_argument;
     static constexpr const char* windows = "plasticity trace windows must be positive";

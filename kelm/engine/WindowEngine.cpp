@@ -103,15 +103,29 @@ WindowEngine::WindowEngine(SynapseGraph graph, const Kernel::Neuron& neuron,
 /// The checks of construction, and the calendar. The members declared before the calendar are
 /// already set.
 WindowCalendar WindowEngine::buildCalendar(std::unique_ptr<IEventStore>&& store) {
-    if (horizon_ < 1) throw WindowEngineError(WindowEngineError::horizon_not_positive);
+    if (horizon_ < 1) {
+        throw withDetail(
+            WindowEngineError(WindowEngineError::horizon_not_positive),
+            {.field = "horizon", .value = decimal(horizon_) + " ns", .bound = "at least 1 ns"});
+    }
     if (neurons_.size() != graph_.nodeCount() || firings_.size() != graph_.nodeCount()) {
-        throw WindowEngineError(WindowEngineError::parameter_count);
+        const bool neurons_fit = neurons_.size() == graph_.nodeCount();
+        throw withDetail(
+            WindowEngineError(WindowEngineError::parameter_count),
+            {.field = neurons_fit ? "number of firings" : "number of neurons",
+             .value = decimal(std::uint64_t{neurons_fit ? firings_.size() : neurons_.size()}),
+             .bound = "the graph's neuron count " + decimal(graph_.nodeCount())});
     }
     for (const Kernel::Firing& firing : firings_) {
         // A negative rate under a negative ceiling would give a bound below 0. Such a bound marks a
         // candidate that must be drawn anew, so the neuron would be drawn in every nanosecond.
         if (firing.base_rate * firing.rate_scale < 0.0 && firing.max_rate < 0.0) {
-            throw WindowEngineError(WindowEngineError::negative_hazard);
+            throw withDetail(WindowEngineError(WindowEngineError::negative_hazard),
+                             {.item = "neuron",
+                              .index = static_cast<std::uint64_t>(&firing - firings_.data()),
+                              .field = "max_rate",
+                              .value = decimal(firing.max_rate) + " Hz",
+                              .bound = "positive"});
         }
     }
     requireExactFloatingPoint();

@@ -28,6 +28,22 @@ const char* faultOf(const Synapse& synapse, std::uint64_t node_count,
     return nullptr;
 }
 
+/// What faultOf has found, in the same order.
+FailureDetail detailOfFault(const Synapse& synapse, EdgeId id, std::uint64_t node_count,
+                            std::optional<ModelTime> min_delay) {
+    const auto detail = [id](const char* field, std::string value, std::string bound) {
+        return FailureDetail{"synapse", id, field, std::move(value), std::move(bound)};
+    };
+    const std::string below = "below the neuron count " + decimal(node_count);
+    if (synapse.source >= node_count) return detail("source", decimal(synapse.source), below);
+    if (synapse.target >= node_count) return detail("target", decimal(synapse.target), below);
+    if (!isWeight(synapse.weight)) {
+        return detail("weight", decimal(synapse.weight), "finite and at least 0");
+    }
+    return detail("delay", decimal(synapse.delay) + " ns",
+                  "at least " + decimal(min_delay.value_or(1)) + " ns");
+}
+
 bool readSynapse(BlobReader& in, Synapse& synapse, bool& routed) {
     return in.readU64(synapse.source) && in.readU64(synapse.target) && in.readF32(synapse.weight) &&
            in.readI64(synapse.delay) && in.readFlag(synapse.inhibitory) &&
@@ -42,7 +58,10 @@ SynapseGraph::SynapseGraph(Empty, std::uint64_t node_count, std::optional<ModelT
                            std::uint64_t edge_count)
     : node_count_(node_count), min_delay_(min_delay) {
     if (min_delay_ && *min_delay_ < 1) {
-        throw InvalidSynapse(InvalidSynapse::min_delay_not_positive);
+        throw withDetail(InvalidSynapse(InvalidSynapse::min_delay_not_positive),
+                         {.field = "min_delay",
+                          .value = decimal(*min_delay_) + " ns",
+                          .bound = "at least 1 ns"});
     }
     synapses_.reserve(edge_count);
 }
@@ -57,7 +76,10 @@ SynapseGraph::SynapseGraph(std::uint64_t node_count, std::optional<ModelTime> mi
 }
 
 void SynapseGraph::append(const Synapse& synapse) {
-    if (const char* fault = faultOf(synapse, node_count_, min_delay_)) throw InvalidSynapse(fault);
+    if (const char* fault = faultOf(synapse, node_count_, min_delay_)) {
+        throw withDetail(InvalidSynapse(fault),
+                         detailOfFault(synapse, synapses_.size(), node_count_, min_delay_));
+    }
     synapses_.append(synapse, true);
     ++routed_count_;
 }

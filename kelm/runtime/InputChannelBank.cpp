@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <utility>
 
 #include "kelm/core/Failures.h"
@@ -11,9 +12,12 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-bool repeatsATarget(std::vector<NodeId> targets) {
+/// The smallest target that occurs twice.
+std::optional<NodeId> repeatedTarget(std::vector<NodeId> targets) {
     std::sort(targets.begin(), targets.end());
-    return std::adjacent_find(targets.begin(), targets.end()) != targets.end();
+    const auto repeated = std::adjacent_find(targets.begin(), targets.end());
+    if (repeated == targets.end()) return std::nullopt;
+    return *repeated;
 }
 
 }  // namespace
@@ -22,12 +26,23 @@ std::size_t InputChannelBank::addChannel(InputChannelSpec spec) {
     if (spec.name.empty()) throw InvalidModality(InvalidModality::unnamed);
     if (places_.contains(spec.name)) throw InvalidModality(InvalidModality::duplicate(spec.name));
     if (spec.targets.empty()) throw InvalidModality(InvalidModality::noTargets(spec.name));
-    if (spec.delay < 0) throw InvalidModality(InvalidModality::negativeDelay(spec.name));
-    if (!std::isfinite(spec.gain)) throw InvalidModality(InvalidModality::gain(spec.name));
-    if (repeatsATarget(spec.targets)) {
-        throw InvalidModality(InvalidModality::repeatedTarget(spec.name));
-    }
     const std::size_t index = channels_.size();
+    const auto detailed = [&](const std::string& text, const char* field, std::string value,
+                              const char* bound) {
+        return withDetail(InvalidModality(text),
+                          {"input channel", index, field, std::move(value), bound});
+    };
+    if (spec.delay < 0) {
+        throw detailed(InvalidModality::negativeDelay(spec.name), "delay",
+                       decimal(spec.delay) + " ns", "at least 0 ns");
+    }
+    if (!std::isfinite(spec.gain)) {
+        throw detailed(InvalidModality::gain(spec.name), "gain", decimal(spec.gain), "finite");
+    }
+    if (const std::optional<NodeId> target = repeatedTarget(spec.targets)) {
+        throw detailed(InvalidModality::repeatedTarget(spec.name), "target", decimal(*target),
+                       "named once");
+    }
     const auto place = places_.emplace(spec.name, index).first;
     try {
         channels_.push_back({std::move(spec), true, {}});

@@ -19,9 +19,41 @@ constexpr ModelTime max_samples = 10'000'000;
 /// one.
 constexpr double bound_margin = 1e-10;
 
-bool allBelow(std::span<const NodeId> targets, std::uint64_t neuron_count) {
-    return std::all_of(targets.begin(), targets.end(),
-                       [neuron_count](NodeId target) { return target < neuron_count; });
+/// Throws `failure`, with the target, for the first target of `item` that the network lacks.
+template <class Failure>
+void requireTargets(std::span<const NodeId> targets, std::uint64_t neuron_count, Failure failure,
+                    const char* item, std::uint64_t index) {
+    for (const NodeId target : targets) {
+        if (target < neuron_count) continue;
+        throw withDetail(std::move(failure), {item, index, "target", decimal(target),
+                                              "below the neuron count " + decimal(neuron_count)});
+    }
+}
+
+/// Adds the bindings of one neuron. A failure gets the neuron and the binding as its detail.
+void addBindings(PhaseModulator& modulator, std::span<const PhaseBinding> bindings, NodeId neuron) {
+    const PhaseBinding* binding = nullptr;
+    const auto detail = [&](const char* field, std::string value, const char* bound) {
+        const auto place = static_cast<std::uint64_t>(binding - bindings.data());
+        return FailureDetail{"neuron", neuron, field + (" of binding " + decimal(place)),
+                             std::move(value), bound};
+    };
+    try {
+        for (const PhaseBinding& each : bindings) {
+            binding = &each;
+            modulator.addBinding(each);
+        }
+    } catch (InvalidOscillator& failure) {
+        failure.setDetail(detail("oscillator", decimal(std::uint64_t{binding->oscillator}),
+                                 "the id of an oscillator"));
+        throw;
+    } catch (InvalidPhaseModulation& failure) {
+        const bool strength = !std::isfinite(binding->strength);
+        failure.setDetail(detail(strength ? "strength" : "phase_offset",
+                                 decimal(strength ? binding->strength : binding->phase_offset),
+                                 "finite"));
+        throw;
+    }
 }
 
 }  // namespace
@@ -80,7 +112,11 @@ void KelmRuntime::createRecorder(RecorderConfig&& config) {
     if (interval <= 0) return;
     const ModelTime samples = (horizon_ - 1) / interval;
     if (samples > max_samples) {
-        throw std::invalid_argument("recorder sample interval is too short for the horizon");
+        throw withDetail(
+            InvalidRecorder(InvalidRecorder::short_interval),
+            {.field = "sample_interval",
+             .value = decimal(interval) + " ns",
+             .bound = "at least a ten-millionth of the horizon, " + decimal(horizon_) + " ns"});
     }
     Event sample;
     sample.kind = EventKind::observation;
@@ -93,23 +129,25 @@ void KelmRuntime::createRecorder(RecorderConfig&& config) {
 void KelmRuntime::createInputChannels(std::vector<InputChannelSpec>&& specs) {
     input_channels_ = std::make_unique<InputChannelBank>();
     for (InputChannelSpec& spec : specs) {
-        if (!allBelow(spec.targets, graph().nodeCount())) {
-            throw InvalidModality(InvalidModality::target);
-        }
+        requireTargets(spec.targets, graph().nodeCount(), InvalidModality(InvalidModality::target),
+                       "input channel", input_channels_->size());
         input_channels_->addChannel(std::move(spec));
     }
 }
 
 void KelmRuntime::createPrediction(PredictionConfig&& config) {
     if (!config.predictors.empty() && config.predictors.size() != config.channels.size()) {
-        throw InvalidPrediction(InvalidPrediction::predictor_count);
+        throw withDetail(
+            InvalidPrediction(InvalidPrediction::predictor_count),
+            {.field = "number of predictors",
+             .value = decimal(std::uint64_t{config.predictors.size()}),
+             .bound = "0 or the channel count " + decimal(std::uint64_t{config.channels.size()})});
     }
     prediction_ = std::make_unique<PredictionBank>();
     error_terms_.resize(graph().nodeCount());
     for (std::size_t i = 0; i < config.channels.size(); ++i) {
-        if (!allBelow(config.channels[i].targets, graph().nodeCount())) {
-            throw InvalidPrediction(InvalidPrediction::target);
-        }
+        requireTargets(config.channels[i].targets, graph().nodeCount(),
+                       InvalidPrediction(InvalidPrediction::target), "error channel", i);
         const std::size_t channel = prediction_->addErrorChannel(std::move(config.channels[i]));
         if (config.predictors.empty() || !config.predictors[i]) continue;
         prediction_->setPredictor(channel, std::move(*config.predictors[i]));
@@ -118,7 +156,10 @@ void KelmRuntime::createPrediction(PredictionConfig&& config) {
 
 void KelmRuntime::createOscillators(PhaseConfig&& config) {
     if (config.bindings.size() != graph().nodeCount()) {
-        throw InvalidPhaseModulation(InvalidPhaseModulation::binding_count);
+        throw withDetail(InvalidPhaseModulation(InvalidPhaseModulation::binding_count),
+                         {.field = "number of binding lists",
+                          .value = decimal(std::uint64_t{config.bindings.size()}),
+                          .bound = "the graph's neuron count " + decimal(graph().nodeCount())});
     }
     oscillators_.emplace(std::move(config.oscillators));
     if (!config.couplings.empty()) {
@@ -129,7 +170,7 @@ void KelmRuntime::createOscillators(PhaseConfig&& config) {
     modulation_weight_sum_.reserve(graph().nodeCount());
     for (const std::vector<PhaseBinding>& bindings : config.bindings) {
         PhaseModulator& modulator = phase_modulators_.emplace_back(*oscillators_);
-        for (const PhaseBinding& binding : bindings) modulator.addBinding(binding);
+        addBindings(modulator, bindings, phase_modulators_.size() - 1);
         modulation_weight_sum_.push_back(modulator.weightSum());
     }
     if (plasticity_) plasticity_->setBank(&*oscillators_);

@@ -229,7 +229,7 @@ private:
 ///
 /// Throws what WindowEngine's constructor and those of the parts throw, in the order plasticity,
 /// recorder, input channels, prediction, phase. The range of a channel's targets comes before its
-/// other checks. Throws std::invalid_argument for a recorder whose interval divides the horizon
+/// other checks. Throws InvalidRecorder for a recorder whose interval divides the horizon
 /// into more than 10 million samples.
 KelmRuntime makeKelmRuntime(SynapseGraph network, const Kernel::Neuron& neuron,
                             const Kernel::Firing& firing, std::uint64_t seed, ModelTime horizon,

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <utility>
 
 #include "kelm/core/Failures.h"
@@ -43,6 +44,21 @@ double wrapPhase(double x) {
     return rest < 0.0 ? rest + two_pi : rest;
 }
 
+/// The first parameter that phaseAt refuses.
+std::optional<FailureDetail> faultOf(const Oscillator& oscillator, std::size_t position) {
+    const auto detail = [position](const char* field, double value, const char* bound) {
+        return FailureDetail{"oscillator", position, field, decimal(value), bound};
+    };
+    if (!isFactor(oscillator.frequency)) {
+        return detail("frequency", oscillator.frequency, "finite and at least 0");
+    }
+    if (!std::isfinite(oscillator.phase)) return detail("phase", oscillator.phase, "finite");
+    if (!isFactor(oscillator.amplitude)) {
+        return detail("amplitude", oscillator.amplitude, "finite and at least 0");
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 double phaseAt(const Oscillator& oscillator, ModelTime time, double offset) {
@@ -66,9 +82,14 @@ OscillatorBank::OscillatorBank(std::vector<Oscillator> oscillators)
     : oscillators_(std::move(oscillators)), phase_offsets_(oscillators_.size(), 0.0) {
     index_.reserve(oscillators_.size());
     for (std::size_t position = 0; position < oscillators_.size(); ++position) {
-        phaseAt(oscillators_[position], 0, 0.0);  // checks the parameters
-        if (!index_.emplace(oscillators_[position].id, position).second) {
-            throw InvalidOscillator(InvalidOscillator::duplicate);
+        const Oscillator& oscillator = oscillators_[position];
+        if (const std::optional<FailureDetail> fault = faultOf(oscillator, position)) {
+            throw withDetail(InvalidOscillator(InvalidOscillator::parameters), *fault);
+        }
+        if (!index_.emplace(oscillator.id, position).second) {
+            throw withDetail(InvalidOscillator(InvalidOscillator::duplicate),
+                             {"oscillator", position, "id", decimal(std::uint64_t{oscillator.id}),
+                              "different from the ids before it"});
         }
     }
 }
@@ -108,16 +129,30 @@ void OscillatorBank::setMemberships(std::vector<std::vector<std::uint32_t>> memb
 
 void OscillatorBank::configureCoupling(std::vector<OscillatorCoupling> couplings,
                                        ModelTime period) {
-    if (!couplings.empty() && period < 1) throw InvalidOscillator(InvalidOscillator::period);
+    if (!couplings.empty() && period < 1) {
+        throw withDetail(InvalidOscillator(InvalidOscillator::period),
+                         {.field = "coupling_period",
+                          .value = decimal(period) + " ns",
+                          .bound = "at least 1 ns"});
+    }
     std::vector<PlacedCoupling> placed;
     std::vector<std::size_t> coupled;
     placed.reserve(couplings.size());
     coupled.reserve(2 * couplings.size());
     for (const OscillatorCoupling& coupling : couplings) {
-        const std::size_t source = indexOf(coupling.source);
-        const std::size_t target = indexOf(coupling.target);
+        const auto detail = [&](const char* field, std::string value, const char* bound) {
+            return FailureDetail{"coupling", placed.size(), field, std::move(value), bound};
+        };
+        const auto position = [&](const char* field, std::uint32_t id) {
+            if (const auto found = index_.find(id); found != index_.end()) return found->second;
+            throw withDetail(InvalidOscillator(InvalidOscillator::unknown),
+                             detail(field, decimal(std::uint64_t{id}), "the id of an oscillator"));
+        };
+        const std::size_t source = position("source", coupling.source);
+        const std::size_t target = position("target", coupling.target);
         if (!std::isfinite(coupling.strength)) {
-            throw InvalidOscillator(InvalidOscillator::strength);
+            throw withDetail(InvalidOscillator(InvalidOscillator::strength),
+                             detail("strength", decimal(coupling.strength), "finite"));
         }
         placed.push_back({source, target, coupling.strength});
         coupled.push_back(source);

@@ -33,10 +33,10 @@ struct HomeostasisConfig {
 
 /// How a runtime's weights learn.
 struct PlasticityConfig {
-    TraceConfig trace;
-    PlasticityRule excitatory;  ///< for synapses that are not inhibitory
-    PlasticityRule inhibitory;
-    HomeostasisConfig homeostasis;
+    TraceConfig trace = {};
+    PlasticityRule excitatory = {};  ///< for synapses that are not inhibitory
+    PlasticityRule inhibitory = {};
+    HomeostasisConfig homeostasis = {};
     bool enabled = false;
 };
 

@@ -14,25 +14,41 @@ namespace {
 
 constexpr BlobTag format_tag("KELMPLS1");
 
+[[noreturn]] void refuse(const char* text, const std::string& field, std::string value,
+                         const char* bound) {
+    throw withDetail(InvalidPlasticity(text),
+                     {.field = field, .value = std::move(value), .bound = bound});
+}
+
 void requireTraces(const TraceConfig& trace) {
-    if (trace.tau_pre < 1 || trace.tau_post < 1 || trace.tau_coincidence < 1) {
-        throw InvalidPlasticity(InvalidPlasticity::windows);
+    const std::pair<const char*, ModelTime> windows[] = {
+        {"tau_pre", trace.tau_pre},
+        {"tau_post", trace.tau_post},
+        {"tau_coincidence", trace.tau_coincidence}};
+    for (const auto& [field, tau] : windows) {
+        if (tau >= 1) continue;
+        refuse(InvalidPlasticity::windows, field, decimal(tau) + " ns", "at least 1 ns");
     }
     if (!std::isfinite(trace.epsilon) || trace.epsilon < 0.0) {
-        throw InvalidPlasticity(InvalidPlasticity::epsilon);
+        refuse(InvalidPlasticity::epsilon, "epsilon", decimal(trace.epsilon),
+               "finite and at least 0");
     }
 }
 
-void requireAmplitudes(const PlasticityRule& rule) {
-    const double amplitudes[] = {rule.a_potentiation, rule.a_depression, rule.a_coincidence,
-                                 rule.scale};
-    for (const double amplitude : amplitudes) {
-        if (!std::isfinite(amplitude)) {
-            throw InvalidPlasticity(InvalidPlasticity::amplitudes_not_finite);
-        }
+/// `of`: the name of the rule.
+void requireAmplitudes(const PlasticityRule& rule, const std::string& of) {
+    const std::pair<const char*, double> amplitudes[] = {{"a_potentiation", rule.a_potentiation},
+                                                         {"a_depression", rule.a_depression},
+                                                         {"a_coincidence", rule.a_coincidence},
+                                                         {"scale", rule.scale}};
+    for (const auto& [field, amplitude] : amplitudes) {
+        if (std::isfinite(amplitude)) continue;
+        refuse(InvalidPlasticity::amplitudes_not_finite, of + field, decimal(amplitude), "finite");
     }
-    for (const double amplitude : amplitudes) {
-        if (amplitude < 0.0) throw InvalidPlasticity(InvalidPlasticity::amplitudes_negative);
+    for (const auto& [field, amplitude] : amplitudes) {
+        if (!(amplitude < 0.0)) continue;
+        refuse(InvalidPlasticity::amplitudes_negative, of + field, decimal(amplitude),
+               "at least 0");
     }
 }
 
@@ -67,8 +83,8 @@ PlasticityEngine::PlasticityEngine(std::uint64_t neuron_count, const TraceConfig
     : trace_config_(trace), excitatory_(excitatory), inhibitory_(inhibitory) {
     state_.traces.resize(neuron_count);
     requireTraces(trace);
-    requireAmplitudes(excitatory);
-    requireAmplitudes(inhibitory);
+    requireAmplitudes(excitatory, "excitatory.");
+    requireAmplitudes(inhibitory, "inhibitory.");
 }
 
 void PlasticityEngine::failSpikeNeuron() {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
+#include <string>
 #include <utility>
 
 #include "kelm/core/Failures.h"
@@ -10,21 +12,42 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-bool isFinite(double value) { return std::isfinite(value); }
-
 bool isPrecision(double precision) { return std::isfinite(precision) && !(precision < 0.0); }
 
-/// The first fault of a channel, but for a name in use, or null.
-const char* faultOf(const ErrorChannel& channel) {
-    if (channel.name.empty()) return InvalidPrediction::unnamed;
+/// A fault of a channel or a readout.
+struct Fault {
+    const char* text;
+    const char* field;
+    std::string value;
+    const char* bound;
+};
+
+[[noreturn]] void refuse(const Fault& fault, std::size_t channel) {
+    throw withDetail(InvalidPrediction(fault.text),
+                     {"error channel", channel, fault.field, fault.value, fault.bound});
+}
+
+/// The first fault of a channel, but for a name in use.
+std::optional<Fault> faultOf(const ErrorChannel& channel) {
+    if (channel.name.empty()) return Fault{InvalidPrediction::unnamed, "name", "''", "not empty"};
     if (channel.name == "global" || channel.name == "global_error") {
-        return InvalidPrediction::global;
+        return Fault{InvalidPrediction::global, "name", "'" + channel.name + "'", "of one circuit"};
     }
-    if (channel.targets.empty()) return InvalidPrediction::no_targets;
-    if (!isPrecision(channel.precision)) return InvalidPrediction::precision;
-    if (!std::isfinite(channel.strength)) return InvalidPrediction::strength;
-    if (!std::isfinite(channel.clamp) || !(channel.clamp > 0.0)) return InvalidPrediction::clamp;
-    return nullptr;
+    if (channel.targets.empty()) {
+        return Fault{InvalidPrediction::no_targets, "number of targets", "0", "at least 1"};
+    }
+    if (!isPrecision(channel.precision)) {
+        return Fault{InvalidPrediction::precision, "precision", decimal(channel.precision),
+                     "finite and at least 0"};
+    }
+    if (!std::isfinite(channel.strength)) {
+        return Fault{InvalidPrediction::strength, "strength", decimal(channel.strength), "finite"};
+    }
+    if (!std::isfinite(channel.clamp) || !(channel.clamp > 0.0)) {
+        return Fault{InvalidPrediction::clamp, "clamp", decimal(channel.clamp),
+                     "finite and above 0"};
+    }
+    return std::nullopt;
 }
 
 /// Makes room for one more element, so that adding it cannot fail. Growth stays geometric.
@@ -33,24 +56,31 @@ void reserveOneMore(std::vector<T>& list) {
     if (list.size() == list.capacity()) list.reserve(2 * list.size() + 1);
 }
 
-/// The first fault of a readout, or null.
-const char* faultOf(const Predictor& predictor) {
-    if (predictor.kind != PredictorKind::explicit_readout) return nullptr;
+/// The first fault of a readout.
+std::optional<Fault> faultOf(const Predictor& predictor) {
+    if (predictor.kind != PredictorKind::explicit_readout) return std::nullopt;
+    const std::string weights = decimal(std::uint64_t{predictor.weights.size()});
     if (predictor.sources.size() != predictor.weights.size()) {
-        return InvalidPrediction::readout_shape;
+        return Fault{InvalidPrediction::readout_shape, "number of weights", weights,
+                     "the number of sources"};
     }
-    if (predictor.sources.empty()) return InvalidPrediction::no_sources;
-    if (!std::all_of(predictor.weights.begin(), predictor.weights.end(), isFinite)) {
-        return InvalidPrediction::readout_weights;
+    if (predictor.sources.empty()) {
+        return Fault{InvalidPrediction::no_sources, "number of sources", "0", "at least 1"};
     }
-    if (!std::isfinite(predictor.bias)) return InvalidPrediction::readout_bias;
-    return nullptr;
+    for (const double weight : predictor.weights) {
+        if (std::isfinite(weight)) continue;
+        return Fault{InvalidPrediction::readout_weights, "weight", decimal(weight), "finite"};
+    }
+    if (!std::isfinite(predictor.bias)) {
+        return Fault{InvalidPrediction::readout_bias, "bias", decimal(predictor.bias), "finite"};
+    }
+    return std::nullopt;
 }
 
 }  // namespace
 
 std::size_t PredictionBank::addErrorChannel(ErrorChannel channel) {
-    if (const char* fault = faultOf(channel)) throw InvalidPrediction(fault);
+    if (const std::optional<Fault> fault = faultOf(channel)) refuse(*fault, channels_.size());
     if (names_.contains(channel.name)) {
         throw InvalidPrediction(InvalidPrediction::duplicate(channel.name));
     }
@@ -75,7 +105,7 @@ std::size_t PredictionBank::addErrorChannel(ErrorChannel channel) {
 
 void PredictionBank::setPredictor(std::size_t index, Predictor predictor) {
     requireChannel(index);
-    if (const char* fault = faultOf(predictor)) throw InvalidPrediction(fault);
+    if (const std::optional<Fault> fault = faultOf(predictor)) refuse(*fault, index);
     predictors_[index] = std::move(predictor);
 }
 

@@ -19,7 +19,10 @@ void copyInto(std::vector<double>& list, std::span<const double> values) {
 
 Recorder::Recorder(RecorderConfig config) : config_(std::move(config)) {
     if (config_.sample_interval < 0) {
-        throw std::invalid_argument("recorder sample interval must not be negative");
+        throw withDetail(InvalidRecorder(InvalidRecorder::negative_interval),
+                         {.field = "sample_interval",
+                          .value = decimal(config_.sample_interval) + " ns",
+                          .bound = "at least 0 ns"});
     }
     for (const SampleKind kind : config_.sample_kinds) {
         if (kind <= SampleKind::spike_counts) selected_ |= 1U << static_cast<unsigned>(kind);

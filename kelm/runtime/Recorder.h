@@ -68,7 +68,7 @@ struct SampleContext {
 /// takes 16 bytes until the next sample counts it, also if no sample follows.
 class Recorder {
 public:
-    /// Throws std::invalid_argument for a negative sample interval.
+    /// Throws InvalidRecorder for a negative sample interval.
     explicit Recorder(RecorderConfig config);
 
     const RecorderConfig& config() const { return config_; }

@@ -96,9 +96,9 @@ TEST_F(KelmRuntimeTest, ChecksItsArgumentsInOneOrder) {
     horizon = 100'000'002;
     expectThrows<InvalidPlasticity>(making, "plasticity trace windows must be positive");
     plasticity.trace.tau_pre = 1;
-    expectThrows<Argument>(making, "recorder sample interval must not be negative");
+    expectThrows<InvalidRecorder>(making, "recorder sample interval must not be negative");
     recorder->sample_interval = 1;
-    expectThrows<Argument>(making, "recorder sample interval is too short for the horizon");
+    expectThrows<InvalidRecorder>(making, "recorder sample interval is too short for the horizon");
     horizon = 20 * d_min;
     recorder->sample_interval = d_min;
     // The range check comes before the bank's checks of the same channel.

@@ -91,7 +91,7 @@ TEST(Recorder, CountsEachSpikeInTheFirstSampleAtOrAfterIt) {
 }
 
 TEST(Recorder, RefusesUnknownCausesAndNeuronsWithoutAChange) {
-    expectThrows<std::invalid_argument>(
+    expectThrows<InvalidRecorder>(
         [] {
             Recorder recorder({true, false, -1, {}});
         },
