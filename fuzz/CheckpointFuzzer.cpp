@@ -5,6 +5,7 @@
 #include "fuzz/Mutation.h"
 #include "fuzz/Subjects.h"
 #include "kelm/core/Digest.h"
+#include "kelm/runtime/CheckpointSummary.h"
 
 using namespace Lumenar::Core::Kelm;
 using namespace Lumenar::Core::Kelm::Fuzzing;
@@ -53,6 +54,21 @@ void useAll(KelmRuntime& runtime) {
     (void)outcomeOf([&] { runtime.prediction()->observeValue(0, 0.5, 0.25, soon); });
 }
 
+/// Examines any bytes. The parts of a checkpoint without a fault cover it.
+CheckpointSummary requireSummary(BlobView bytes) {
+    CheckpointSummary summary = examineCheckpoint(bytes);
+    std::uint64_t end = 0;
+    for (const CheckpointSummary::Part& part : summary.parts) {
+        require(part.offset == end, "parts follow one another");
+        end += part.bytes;
+    }
+    const bool whole = summary.fault == CheckpointSummary::Fault::none;
+    require(whole ? end == bytes.size() : summary.fault_offset <= bytes.size(),
+            "parts or a fault lead to the end");
+    require(summary.faultText().empty() == whole, "a fault has a text");
+    return summary;
+}
+
 }  // namespace
 
 extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
@@ -62,6 +78,7 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const BlobView bytes(data, size);
+    const CheckpointSummary summary = requireSummary(bytes);
     if (runsOutOfIds(bytes)) return 0;
     Run run;
     static const Blob past = longestPast(Run(), "Checkpoint");
@@ -69,7 +86,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const Blob before = run.snapshot();
     bool accepted = false;
     (void)outcomeOf([&] { accepted = run.restore(bytes); });
+    require(!accepted || summary.fault == CheckpointSummary::Fault::none,
+            "an accepted checkpoint has no fault");
     if (!accepted) {
+        require(!checkpointRefusal(bytes, *run.runtime).empty(), "a refusal has a reason");
         require(run.snapshot() == before, "a refusal leaves a runtime as it was");
         return 0;
     }

@@ -246,6 +246,46 @@ public:
     }
 };
 
+/// A checkpoint that a runtime refuses, with the reason.
+class RefusedCheckpoint : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+    static constexpr const char* no_checkpoint =
+        "this is no checkpoint: it begins with other bytes than a checkpoint";
+    static std::string cutShort(std::uint64_t byte, const std::string& part) {
+        return "the checkpoint is cut short at byte " + std::to_string(byte) + ", in part '" +
+               part + "'";
+    }
+    static std::string damaged(std::uint64_t byte, const std::string& part) {
+        return "the checkpoint is damaged at byte " + std::to_string(byte) + ", in part '" + part +
+               "'";
+    }
+    /// `found`: whether the checkpoint has the part. The runtime differs.
+    static std::string part(const std::string& part, bool found) {
+        return found ? "the checkpoint has " + part + ", and this runtime has none"
+                     : "the checkpoint has no " + part + ", and this runtime has some";
+    }
+    static std::string count(const std::string& things, std::uint64_t found,
+                             std::uint64_t expected) {
+        return "the checkpoint has " + std::to_string(found) + " " + things +
+               ", and this runtime has " + std::to_string(expected);
+    }
+    static std::string configId(std::uint64_t found, std::uint64_t expected) {
+        return "the checkpoint is of another network or of other settings: it has config id " +
+               std::to_string(found) + ", and this runtime has " + std::to_string(expected);
+    }
+    static std::string seed(std::uint64_t found, std::uint64_t expected) {
+        return "the checkpoint has seed " + std::to_string(found) + ", and this runtime has " +
+               std::to_string(expected);
+    }
+    static std::string label(const std::string& found, const std::string& expected) {
+        return "the checkpoint has label " + found + ", and this runtime has " + expected;
+    }
+    static std::string state(const std::string& part) {
+        return "the checkpoint's state of " + part + " does not fit this runtime";
+    }
+};
+
 /// An oscillator or a coupling that an oscillator bank refuses.
 class InvalidOscillator : public std::invalid_argument, public DetailedFailure {
 public:

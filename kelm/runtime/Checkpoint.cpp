@@ -6,9 +6,6 @@ namespace Lumenar::Core::Kelm::Checkpoint {
 
 namespace {
 
-constexpr BlobTag magic("KELMV1\r\n");
-constexpr std::uint64_t extension_tag = 0x5245435354415445;
-
 // The smallest size of each item.
 constexpr std::size_t min_phase_log_bytes = 24;
 constexpr std::size_t min_spike_bytes = 29;

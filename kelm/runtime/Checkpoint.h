@@ -48,6 +48,9 @@
 
 namespace Lumenar::Core::Kelm::Checkpoint {
 
+inline constexpr BlobTag magic("KELMV1\r\n");
+inline constexpr std::uint64_t extension_tag = 0x5245435354415445;
+
 /// The identity and position of the runtime that wrote a checkpoint.
 struct Head {
     std::string label;

@@ -30,7 +30,7 @@ TEST(Failures, AreCaughtByTheirKind) {
         (are_all<std::logic_error, WindowEngineError, LookaheadViolation, BrokenCausalTrace>));
     EXPECT_TRUE((are_none<Argument, WindowEngineError, LookaheadViolation, BrokenCausalTrace>));
     EXPECT_TRUE((are_all<std::runtime_error, TimeOverflow, IncompatibleCheckpoint,
-                         Runtime::ReplayExhausted>));
+                         RefusedCheckpoint, Runtime::ReplayExhausted>));
     EXPECT_TRUE((are_all<std::out_of_range, SynapseRoutingViolation>));
 }
 
