@@ -15,6 +15,12 @@ endif()
 install(TARGETS ${installed_targets} EXPORT kelmTargets FILE_SET HEADERS)
 install(EXPORT kelmTargets NAMESPACE kelm:: DESTINATION ${package_dir})
 
+# All that is installed, without the emulated device.
+add_custom_target(kelm-libraries DEPENDS ${installed_targets})
+if(KELM_HAVE_THREADS)
+    add_dependencies(kelm-libraries kelm_threads)
+endif()
+
 # A separate export, so that a project with only kelm::kelm needs no oneTBB.
 if(KELM_HAVE_THREADS)
     install(TARGETS kelm_threads EXPORT kelmThreadsTargets FILE_SET HEADERS)

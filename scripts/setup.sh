@@ -34,11 +34,16 @@ install_missing() {
     missing_packages=()
 }
 
-# The packages that the presets need. nvcc has no package.
-need_build_tools() {
+# The packages that the libraries need. nvcc has no package.
+need_library_tools() {
     need cmake has_command cmake
     need ninja-build has_command ninja
     need g++ has_command g++
+}
+
+# The packages that the presets need.
+need_build_tools() {
+    need_library_tools
     need libgtest-dev has_header gtest/gtest.h
 }
 

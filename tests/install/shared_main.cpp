@@ -1,0 +1,3 @@
+extern "C" int continuedRing();
+
+int main() { return continuedRing(); }
