@@ -74,6 +74,12 @@ public:
     static constexpr const char* endpoint = "synapse endpoint is outside the network";
     static constexpr const char* weight = "synapse weight magnitude must be finite and >= 0";
     static constexpr const char* delay = "synapse delay must be >= network min_delay and > 0";
+    static constexpr const char* sign = "synapse sign must be 0 or 1";
+    /// A column that does not have one value for each source.
+    static std::string length(const std::string& column, std::size_t values, std::size_t sources) {
+        return "synapse column " + column + " has " + std::to_string(values) + " values for " +
+               std::to_string(sources) + " sources";
+    }
 };
 
 /// A neuron or synapse index outside the network.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <concepts>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -16,6 +17,7 @@
 #include "kelm/events/IEventStore.h"
 #include "kelm/events/PackedDelivery.h"
 #include "kelm/network/Synapse.h"
+#include "kelm/network/SynapseColumns.h"
 #include "kelm/network/SynapseTable.h"
 
 namespace Lumenar::Core::Kelm {
@@ -60,6 +62,14 @@ public:
         : SynapseGraph(Empty(), node_count, min_delay, edge_count) {
         for (EdgeId id = 0; id < edge_count; ++id) append(synapse_at(id));
     }
+
+    /// The same graph from columns, which are not kept. Throws as SynapseColumns does, and as the
+    /// constructor from a list. A template, so that an empty pair of braces is still a list.
+    template <std::same_as<SynapseColumns> Columns>
+    SynapseGraph(std::uint64_t node_count, std::optional<ModelTime> min_delay,
+                 const Columns& columns)
+        : SynapseGraph(node_count, min_delay, columns.size(),
+                       [&columns](EdgeId id) { return columns[id]; }) {}
 
     std::uint64_t nodeCount() const { return node_count_; }
     std::uint64_t edgeCount() const { return synapses_.size(); }

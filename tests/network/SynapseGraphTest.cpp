@@ -107,6 +107,43 @@ TEST(SynapseGraph, IsTheSameWithoutAListOfItsSynapses) {
     expectThrows<InvalidSynapse>(building, delay_text);
 }
 
+TEST(SynapseGraph, IsTheSameFromColumns) {
+    const std::vector<NodeId> sources = {1, 0, 0};
+    const std::vector<NodeId> targets = {0, 1, 0};
+    const std::vector<float> weights = {0.5F, 2.0F, 0.25F};
+    const std::vector<ModelTime> delays = {10, 30, 20};
+    const std::vector<std::uint8_t> inhibitory = {0, 1, 0};
+    const SynapseColumns all = {sources, targets, weights, delays, inhibitory};
+    EXPECT_EQ(SynapseGraph(2, 10, all).snapshot(),
+              SynapseGraph(2, 10,
+                           {synapse(1, 0, 0.5F, 10), synapse(0, 1, 2.0F, 30, true),
+                            synapse(0, 0, 0.25F, 20)})
+                  .snapshot());
+    const SynapseColumns values = {sources, targets, 0.5, 10, true};
+    EXPECT_EQ(SynapseGraph(2, {}, values).snapshot(),
+              SynapseGraph(2, {},
+                           {synapse(1, 0, 0.5F, 10, true), synapse(0, 1, 0.5F, 10, true),
+                            synapse(0, 0, 0.5F, 10, true)})
+                  .snapshot());
+
+    const auto building = [](ModelTime min_delay, const SynapseColumns& columns) {
+        return [=] { SynapseGraph(2, min_delay, columns); };
+    };
+    const std::vector<NodeId> outside = {2, 0, 0};
+    const std::vector<std::uint8_t> signs = {0, 2, 0};
+    const std::vector<float> one_weight = {0.5F};
+    expectRefusals<InvalidSynapse>(
+        {{min_delay_text, building(0, all)},
+         {delay_text, building(11, all)},
+         {endpoint_text, building(1, {outside, targets, -1.0, 10, false})},
+         {weight_text, building(1, {sources, targets, -1.0, 10, false})},
+         {"synapse sign must be 0 or 1", building(1, {sources, targets, 0.5, 10, signs})},
+         {"synapse column targets has 2 values for 3 sources",
+          building(1, {sources, std::span(targets).first(2), 0.5, 10, false})},
+         {"synapse column weights has 1 values for 3 sources",
+          building(1, {sources, targets, one_weight, 10, false})}});
+}
+
 TEST(SynapseGraph, ListsTheSynapsesOfEachNeuronInAscendingOrder) {
     // Compared with a search through all synapses. Few neurons, so that self-loops and parallel
     // synapses are frequent, and some neurons have no synapse.
