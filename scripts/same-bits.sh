@@ -9,14 +9,14 @@
 # aarch64 under qemu-user ("aarch64-g++ -O2"), or the folder of a finished build ("build/ci"), which
 # only prints its digests.
 #
-#   KELM_TESTS  test programs to run, by folder; "core kernel engine gate runtime cuda lanes" by
-#               default
+#   KELM_TESTS  test programs to run, by folder; "core kernel network engine gate runtime cuda
+#               lanes" by default
 #   KELM_JOBS   parallel jobs of a build; Ninja's default if empty
 set -euo pipefail
 # shellcheck source=scripts/setup.sh
 source "$(dirname -- "${BASH_SOURCE[0]}")/setup.sh"
 
-read -ra folders <<<"${KELM_TESTS:-core kernel engine gate runtime cuda lanes}"
+read -ra folders <<<"${KELM_TESTS:-core kernel network engine gate runtime cuda lanes}"
 programs=("${folders[@]/%/-tests}")
 programs=("${programs[@]/#/kelm-}")
 output=build/same-bits

@@ -349,6 +349,15 @@ private:
         std::vector<std::uint8_t> noted;  ///< by NodeId: 1 for a neuron in `nodes`
     };
 
+    friend class Wiring;
+    /// Selects the constructor that takes over a table of checked synapses, all of them routed.
+    struct Placed {};
+    SynapseGraph(Placed, std::uint64_t node_count, std::optional<ModelTime> min_delay,
+                 SynapseTable synapses)
+        : node_count_(node_count),
+          min_delay_(min_delay),
+          synapses_(std::move(synapses)),
+          routed_count_(synapses_.size()) {}
     /// Selects the constructor of a graph without synapses, with room for `edge_count` of them.
     struct Empty {};
     SynapseGraph(Empty, std::uint64_t node_count, std::optional<ModelTime> min_delay,

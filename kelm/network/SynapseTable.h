@@ -1,7 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -66,6 +68,33 @@ public:
             changes_.back() = synapse.last_change;
         }
         if (!extra_fields_.empty() || needsExtraFields(synapse)) appendExtraFields(synapse);
+    }
+
+    /// Makes `count` synapses of an empty table, whose sources all fit 32 bits. place() and
+    /// placeSources() then fill it in any order. May throw std::bad_alloc, with nothing changed.
+    void resize(std::size_t count) {
+        reserve(count);
+        transmissions_.resize(count);
+        sources_.resize(count);
+    }
+    /// Fills all of synapse `id` but its source: enabled, routed, never changed. `target` must fit
+    /// 32 bits and `delay` 61.
+    void place(EdgeId id, NodeId target, float weight, ModelTime delay, bool inhibitory) {
+        Transmission& entry = transmissions_[id];
+        entry.target = static_cast<std::uint32_t>(target);
+        entry.weight = weight;
+        entry.bits = static_cast<std::uint64_t>(delay) << delay_shift | enabled_bit |
+                     (inhibitory ? inhibitory_bit : 0) | routed_bit;
+    }
+    /// Sets the sources of a table sorted by source. `ends`: by source, the EdgeId after its last
+    /// synapse.
+    void placeSources(std::span<const std::uint64_t> ends) {
+        std::uint64_t begin = 0;
+        for (std::size_t source = 0; source < ends.size(); ++source) {
+            std::fill(sources_.data() + begin, sources_.data() + ends[source],
+                      static_cast<std::uint32_t>(source));
+            begin = ends[source];
+        }
     }
 
     std::size_t size() const { return transmissions_.size(); }

@@ -11,6 +11,7 @@
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/engine/WindowEngine.h"
 #include "kelm/events/BucketEventStore.h"
+#include "kelm/network/Wiring.h"
 #include "kelm/runtime/KelmRuntime.h"
 #include "tests/faults/FailingAllocation.h"
 #include "tests/support/GeneratedModel.h"
@@ -53,6 +54,25 @@ TEST(MemoryUse, ARunAllocatesNothingPerWindow) {
     const auto log_bytes =
         static_cast<std::int64_t>(2 * engine.profile().accepted * sizeof(SpikeRecord));
     EXPECT_LT(liveBytes() - bytes, log_bytes + 100'000);
+}
+
+TEST(MemoryUse, ANetworkIsBuiltByRulesInLittleMoreThanItsOwnMemory) {
+    const NeuronRange all = {0, 20'000};
+    const ConnectionRule rules[] = {
+        ConnectionRule::fixedInDegree(40),
+        ConnectionRule::fixedInDegree(40).withoutMultipleConnections(),
+        ConnectionRule::fixedOutDegree(40).withoutMultipleConnections(),
+        ConnectionRule::fixedTotalNumber(800'000).withoutMultipleConnections(),
+        ConnectionRule::bernoulli(0.002)};
+    for (const ConnectionRule& rule : rules) {
+        SCOPED_TRACE(static_cast<int>(rule.kind));
+        const std::int64_t before = liveBytes();
+        restartPeak();
+        const SynapseGraph graph =
+            Wiring(all.count, {}, {{"p", all, all, rule, 0.5, 1}}, 1).build();
+        EXPECT_GT(liveBytes() - before, 15'000'000);
+        EXPECT_LT(peakBytes() - before, (liveBytes() - before) * 14 / 10);
+    }
 }
 
 TEST(MemoryUse, AStoreKeepsNoMemoryForCancelledFarEvents) {
