@@ -1,5 +1,6 @@
 #include "kelm/runtime/Validation.h"
 
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
@@ -17,6 +18,7 @@ constexpr double ns_per_second = 1e9;
 /// Expected spikes of a window at the ceiling. At 1 a window holds more than a result holds once in
 /// a million.
 constexpr double many_spikes = 1.0;
+constexpr double most_spikes = 1e18;  ///< named in a text; a larger count may be no ModelTime
 
 /// Collects findings on one neuron.
 class Findings {
@@ -125,17 +127,18 @@ void checkWindow(Findings& findings, const Kernel::Neuron& neuron, const Kernel:
     const bool refractory = neuron.hard_refractory && neuron.refractory_period > 0;
     const ModelTime rest = refractory ? neuron.refractory_period : 0;
     if (refractory && (window - 1) / rest < Kernel::max_window_spikes) return;
-    if (!(firing.max_rate > 0.0) || firing.base_rate * firing.rate_scale == 0.0) return;
+    if (!(firing.max_rate > 0.0) || !std::isfinite(firing.max_rate)) return;
+    if (firing.base_rate * firing.rate_scale == 0.0) return;
     const double spikes =
         static_cast<double>(window) / (ns_per_second / firing.max_rate + static_cast<double>(rest));
     if (!(spikes > many_spikes)) return;
-    findings.warning("max_rate",
-                     Findings::sentence(
-                         "max_rate", firing.max_rate, "Hz",
-                         "at which a window of " + decimal(window) + " ns holds about " +
-                             decimal(static_cast<ModelTime>(spikes)) + " spikes after a rest of " +
-                             decimal(rest) + " ns each, and a result holds at most " +
-                             std::to_string(Kernel::max_window_spikes)));
+    const auto count = static_cast<ModelTime>(std::min(spikes, most_spikes));
+    findings.warning("max_rate", Findings::sentence("max_rate", firing.max_rate, "Hz",
+                                                    "at which a window of " + decimal(window) +
+                                                        " ns holds about " + decimal(count) +
+                                                        " spikes after a rest of " + decimal(rest) +
+                                                        " ns each, and a result holds at most " +
+                                                        std::to_string(Kernel::max_window_spikes)));
 }
 
 }  // namespace

@@ -91,6 +91,11 @@ TEST(Validation, NamesValueUnitAndRuleOfEachFinding) {
         {[](Model& m) { m.neuron.refractory_period = 0; },
          "W max_rate is 1e+06 Hz, at which a window of 1000000 ns holds about 1000 spikes after a "
          "rest of 0 ns each, and a result holds at most 8\n"},
+        {[](Model& m) { m.neuron.refractory_period = 0, m.firing.max_rate = infinity; },
+         "E max_rate is inf Hz, but must be finite\n"},
+        {[](Model& m) { m.neuron.refractory_period = 0, m.firing.max_rate = 1e300; },
+         "W max_rate is 1e+300 Hz, at which a window of 1000000 ns holds about 1000000000000000000 "
+         "spikes after a rest of 0 ns each, and a result holds at most 8\n"},
         {[](Model& m) { m.neuron.hard_refractory = false, m.firing.max_rate = 2'000.0; },
          "W max_rate is 2000 Hz, at which a window of 1000000 ns holds about 2 spikes after a rest "
          "of 0 ns each, and a result holds at most 8\n"},
@@ -99,8 +104,7 @@ TEST(Validation, NamesValueUnitAndRuleOfEachFinding) {
         {[](Model& m) { m.neuron.refractory_period = 125'000; }, ""},
         {[](Model& m) { m.neuron.refractory_period = 124'999, m.window = 1'000'001; },
          "W max_rate is 1e+06 Hz, at which a window of 1000001 ns holds about 7 spikes after a "
-         "rest "
-         "of 124999 ns each, and a result holds at most 8\n"},
+         "rest of 124999 ns each, and a result holds at most 8\n"},
         {[](Model& m) { m.firing.gain = -1.0, m.window = -5; },
          "E gain is -1, but must not be negative\nE window is -5 ns, but must be at least 1 ns\n"},
     };
