@@ -17,9 +17,10 @@ bool haveEqualParameters(const WindowWork& a, const WindowWork& b) {
 struct InputRuns {
     std::uint32_t operator()(Kernel::State& state, std::uint64_t& rng,
                              const Kernel::NeuronModel& model, const Kernel::WindowEvent* events,
-                             std::uint32_t count, ModelTime end, double drive_bound) const {
+                             std::uint32_t count, ModelTime window_end, ModelTime limit,
+                             double drive_bound) const {
         if (count < Kernel::min_run_inputs) return 0;
-        return Kernel::runInputs(state, rng, model, events, count, end, drive_bound);
+        return Kernel::runInputs(state, rng, model, events, count, window_end, limit, drive_bound);
     }
 };
 

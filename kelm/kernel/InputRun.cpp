@@ -6,9 +6,9 @@
 namespace Lumenar::Core::Kelm::Kernel {
 
 std::uint32_t runInputs(State& state, std::uint64_t& rng, const NeuronModel& model,
-                        const WindowEvent* events, std::uint32_t count, ModelTime end,
-                        double drive_bound) {
-    return Lanes::runInputs(state, rng, model, events, count, end, drive_bound);
+                        const WindowEvent* events, std::uint32_t count, ModelTime window_end,
+                        ModelTime limit, double drive_bound) {
+    return Lanes::runInputs(state, rng, model, events, count, window_end, limit, drive_bound);
 }
 
 }  // namespace Lumenar::Core::Kelm::Kernel

@@ -16,10 +16,10 @@ inline constexpr std::uint32_t min_run_inputs = 4;
 /// apply fewer inputs than it could.
 ///
 /// `events`: shape (count), count at least 1; the first one is the walk's next input, and no
-/// candidate is due before it. `end`: ns, the smaller of the window's end and the draw's limit;
-/// inputs from there on are left.
+/// candidate is due before it. `window_end`: ns; inputs from there on are left. `limit`: ns, of the
+/// draws.
 std::uint32_t runInputs(State& state, std::uint64_t& rng, const NeuronModel& model,
-                        const WindowEvent* events, std::uint32_t count, ModelTime end,
-                        double drive_bound);
+                        const WindowEvent* events, std::uint32_t count, ModelTime window_end,
+                        ModelTime limit, double drive_bound);
 
 }  // namespace Lumenar::Core::Kelm::Kernel

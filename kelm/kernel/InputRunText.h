@@ -143,11 +143,11 @@ struct RunStop {
     bool sound;  ///< its traces are known to be right
 };
 
-/// `inputs`: in the block; `followed`: how many have another input behind them. `rng`: before the
-/// first draw.
+/// `inputs`: in the block; `followed`: how many have another input behind them. `first_start`: ns;
+/// no draw starts before it. `rng`: before the first draw.
 KELM_LANE_INLINE RunStop findStop(const RunBlock& block, int inputs, int followed,
                                   const Kernel::NeuronModel& model, double drive_bound,
-                                  std::uint64_t rng) {
+                                  double first_start, std::uint64_t rng) {
     Words states = Words{} + rng;
     for (int i = 0; i < lane_count; ++i) {
         states[i] += static_cast<std::uint64_t>(i + 1) * splitmix_increment;
@@ -161,8 +161,9 @@ KELM_LANE_INLINE RunStop findStop(const RunBlock& block, int inputs, int followe
         const Mask sound =
             known & ~(clips(block.membrane_factor + i, block.membrane + i, epsilon) |
                       clips(block.adaptation_factor + i, block.adaptation + i, epsilon));
-        const Doubles room =
-            (load<Doubles>(block.time + i + 2) - load<Doubles>(block.time + i + 1)) + 1.0;
+        const Doubles time = load<Doubles>(block.time + i + 1);
+        const Doubles start = select(time > first_start, time, all(first_start));
+        const Doubles room = (load<Doubles>(block.time + i + 2) - start) + 1.0;
         const Mask passed = sound & (distanceFromOne(states) * 1e9 > estimate * room);
         if (any(~passed) || i + lane_count > followed) {
             int lane = 0;
@@ -176,16 +177,16 @@ KELM_LANE_INLINE RunStop findStop(const RunBlock& block, int inputs, int followe
 
 /// See Kernel::runInputs.
 std::uint32_t runInputs(Kernel::State& state, std::uint64_t& rng, const Kernel::NeuronModel& model,
-                        const Kernel::WindowEvent* events, std::uint32_t count, ModelTime end,
-                        double drive_bound) {
+                        const Kernel::WindowEvent* events, std::uint32_t count,
+                        ModelTime window_end, ModelTime limit, double drive_bound) {
     const Kernel::Neuron& neuron = model.neuron;
+    const ModelTime end = window_end < limit ? window_end : limit;
     if (neuron.non_leaky || !(model.reach > 0) || end > greatest_run_end) return 0;
     if (state.last_update < 0 || events[0].time < state.last_update || events[0].time >= end) {
         return 0;
     }
-    // A draw starts at the end of the refractory time if that is later than the input. Its
-    // candidate is then later still.
-    if (neuron.hard_refractory && state.refractory_until >= end) return 0;
+    const ModelTime first_start = Kernel::firstSpikeTime(state, neuron, 0);
+    if (first_start >= limit) return 0;
 
     RunBlock block;
     block.time[0] = static_cast<double>(state.last_update);
@@ -203,6 +204,7 @@ std::uint32_t runInputs(Kernel::State& state, std::uint64_t& rng, const Kernel::
             computeTraces<true>(block, inputs, neuron.input_coupling);
         }
         const RunStop stop = findStop(block, inputs, read - 1, model, drive_bound,
+                                      static_cast<double>(first_start),
                                       rng + applied * splitmix_increment);
         last = stop.input < run_block && stop.sound ? stop.input + 1 : stop.input;
         applied += static_cast<std::uint32_t>(last);

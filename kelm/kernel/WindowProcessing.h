@@ -230,7 +230,7 @@ static_assert(bitsOf(bound_tolerance) == 0x3ff0000000001198);
 /// Leaves every input to the walk.
 struct NoInputRuns {
     KELM_HD std::uint32_t operator()(State&, std::uint64_t&, const NeuronModel&, const WindowEvent*,
-                                     std::uint32_t, ModelTime, double) const {
+                                     std::uint32_t, ModelTime, ModelTime, double) const {
         return 0;
     }
 };
@@ -320,10 +320,9 @@ KELM_HD inline WindowResult processWindow(const State& state, std::uint64_t rng,
         }
 
         if (!has_event) break;
-        std::uint32_t applied =
-            quiet ? runs(result.state, result.rng, model, events + i, event_count - i,
-                         window_end < limit ? window_end : limit, drive.bound)
-                  : 0;
+        std::uint32_t applied = quiet ? runs(result.state, result.rng, model, events + i,
+                                             event_count - i, window_end, limit, drive.bound)
+                                      : 0;
         if (applied == 0) {
             advanceTraces(result.state, neuron, event_time);
             applyInput(result.state, neuron, events[i].value);

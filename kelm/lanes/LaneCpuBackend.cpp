@@ -248,8 +248,8 @@ private:
         state.adaptation = block_.adaptation[place];
         state.last_update = block_.step_time[place];
         state.refractory_until = block_.refractory_until[place];
-        const std::uint32_t applied = kernels_.run_inputs(
-            state, block_.rng[place], model_, events, count, std::min(window_end_, horizon_), 0.0);
+        const std::uint32_t applied = kernels_.run_inputs(state, block_.rng[place], model_, events,
+                                                          count, window_end_, horizon_, 0.0);
         if (applied == 0) return false;
         block_.membrane[place] = state.membrane;
         block_.adaptation[place] = state.adaptation;

@@ -74,7 +74,8 @@ struct LaneKernels {
     /// Kernel::runInputs.
     std::uint32_t (*run_inputs)(Kernel::State& state, std::uint64_t& rng,
                                 const Kernel::NeuronModel& model, const Kernel::WindowEvent* events,
-                                std::uint32_t count, ModelTime end, double drive_bound);
+                                std::uint32_t count, ModelTime window_end, ModelTime limit,
+                                double drive_bound);
 };
 
 /// The kernels that this build has and this processor can run, the widest last.

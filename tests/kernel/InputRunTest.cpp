@@ -27,14 +27,15 @@ struct PassCount {
 
     std::uint32_t operator()(const Kernel::State& state, std::uint64_t rng,
                              const Kernel::NeuronModel& model, const Kernel::WindowEvent* events,
-                             std::uint32_t count, ModelTime end, double drive_bound) const {
+                             std::uint32_t count, ModelTime window_end, ModelTime limit,
+                             double drive_bound) const {
         ++inputs;
         Kernel::State later = state;
         Kernel::advanceTraces(later, model.neuron, events[0].time);
         Kernel::applyInput(later, model.neuron, events[0].value);
-        const bool followed = count > 1 && !events[1].wake_only && events[1].time < end;
-        passed +=
-            followed && Kernel::skipCandidate(later, model, events[1].time, end, drive_bound, rng);
+        const bool followed = count > 1 && !events[1].wake_only && events[1].time < window_end;
+        passed += followed &&
+                  Kernel::skipCandidate(later, model, events[1].time, limit, drive_bound, rng);
         return 0;
     }
 };
@@ -45,9 +46,10 @@ struct RunCount {
 
     std::uint32_t operator()(Kernel::State& state, std::uint64_t& rng,
                              const Kernel::NeuronModel& model, const Kernel::WindowEvent* events,
-                             std::uint32_t count, ModelTime end, double drive_bound) const {
+                             std::uint32_t count, ModelTime window_end, ModelTime limit,
+                             double drive_bound) const {
         const std::uint32_t run =
-            Kernel::runInputs(state, rng, model, events, count, end, drive_bound);
+            Kernel::runInputs(state, rng, model, events, count, window_end, limit, drive_bound);
         applied += run;
         return run;
     }
@@ -95,12 +97,14 @@ TEST(InputRun, LeavesTheResultsOfAWalkThatDrawsEveryCandidate) { compareCalls(1,
 
 TEST(InputRun, LeavesThoseResultsForBadValues) { compareCalls(100'000, 1500, true); }
 
-// Sums at the end of the range of doubles, and zeros of both signs.
-TEST(InputRun, LeavesThoseResultsWhereAnEstimateWouldOverflowOrLoseASign) {
+// Sums at the end of the range of doubles, zeros of both signs, and draws that are not made.
+TEST(InputRun, LeavesThoseResultsAtTheLimitsOfTheEstimate) {
     struct Case {
         const char* fact;
         double membrane, gain, threshold, base_rate, max_rate, value;
         bool non_leaky;
+        double passing = 0.0;  // taken off by the first input and put back by the second
+        ModelTime refractory_until = 0;
     };
     constexpr double most = std::numeric_limits<double>::max();
     constexpr double infinity = std::numeric_limits<double>::infinity();
@@ -108,7 +112,9 @@ TEST(InputRun, LeavesThoseResultsWhereAnEstimateWouldOverflowOrLoseASign) {
                           Case{"estimate", most, 1e-307, 0.0, 1e5, infinity, 1.0, true},
                           Case{"gain", most, 5e-324, 0.0, 1e5, infinity, 1.0, true},
                           Case{"reach", most, 600.0 / most, 0.0, 1e5, infinity, 1.0, true},
-                          Case{"sign", -0.0, 2.0, 0.0, 5.0, 1e6, -0.0, false}}) {
+                          Case{"sign", -0.0, 2.0, 0.0, 5.0, 1e6, -0.0, false},
+                          Case{"no bound for a while", 0.0, 2.0, 0.0, 5.0, 1e6, 0.1, false, 2000.0},
+                          Case{"no draw", 0.5, 2.0, 0.0, 5.0, 1e6, 0.1, false, 0.0, 1'000'000}}) {
         SCOPED_TRACE(c.fact);
         DrawnCall call;
         call.window_end = 1'000'000;
@@ -120,13 +126,17 @@ TEST(InputRun, LeavesThoseResultsWhereAnEstimateWouldOverflowOrLoseASign) {
         item.firing.max_rate = c.max_rate;
         item.firing.gain = c.gain;
         item.firing.threshold = c.threshold;
+        item.parameters.hard_refractory = true;
         item.state.membrane = c.membrane;
+        item.state.refractory_until = c.refractory_until;
         item.rng = 7;
         item.pending_time = no_time;
         // Eight inputs fill vectors of every width.
         for (ModelTime time = 100'000; time < 900'000; time += 100'000) {
             call.events.push_back({time, c.value, false, {}});
         }
+        call.events[0].value -= c.passing;
+        call.events[1].value += c.passing;
         item.event_count = 8;
         Skipped skipped;
         expectPlainResults(call, skipped);
