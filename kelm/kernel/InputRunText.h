@@ -117,23 +117,81 @@ KELM_LANE_INLINE Mask clips(const double* factors, const double* traces, double 
     return (epsilon > magnitude(decayed)) & (before != 0.0);
 }
 
-/// Kernel::hazardEstimate. `known`: the lanes in which the estimate is valid.
-KELM_LANE_INLINE Doubles hazardEstimate(Doubles membrane, Doubles adaptation,
-                                        const Kernel::NeuronModel& model, double drive_bound,
-                                        Mask& known) {
-    const Doubles weighted = adaptation * model.firing.adaptation_weight;
-    const Doubles spread = magnitude(membrane) + magnitude(weighted);
-    known = spread + __builtin_fabs(drive_bound) < model.reach;
+/// A state's part of the estimate.
+struct DriveLanes {
+    Doubles
+        difference;  ///< of the traces, at most the net drive of any later time; may be negative
+    Doubles spread;  ///< sum of the traces' magnitudes
+};
+
+KELM_LANE_INLINE DriveLanes driveOf(const RunBlock& block, int i,
+                                    const Kernel::NeuronModel& model) {
+    const Doubles membrane = load<Doubles>(block.membrane + i + 1);
+    const Doubles weighted =
+        load<Doubles>(block.adaptation + i + 1) * model.firing.adaptation_weight;
     const Doubles positive = select(membrane > 0.0, membrane, Doubles{});
     const Doubles inhibition =
         model.adaptation_outlasts_membrane ? weighted : select(weighted < 0.0, weighted, Doubles{});
-    const Doubles difference = positive - inhibition;
-    const Doubles drive =
-        select(difference > 0.0, difference, Doubles{}) + (spread * 0x1p-46 + model.slack);
+    return {positive - inhibition, magnitude(membrane) + magnitude(weighted)};
+}
+
+/// Kernel::hazardEstimate. `known`: the lanes in which the estimate is valid.
+KELM_LANE_INLINE Doubles hazardEstimate(const DriveLanes& state, const Kernel::NeuronModel& model,
+                                        double drive_bound, Mask& known) {
+    known = state.spread + __builtin_fabs(drive_bound) < model.reach;
+    const Doubles drive = select(state.difference > 0.0, state.difference, Doubles{}) +
+                          (state.spread * 0x1p-46 + model.slack);
     const Doubles exponent =
         (((model.margin + drive) + drive_bound) - model.firing.threshold) * model.firing.gain;
     const Doubles p = select(exponent < model.cap, exponent, all(model.cap)) * inv_ln2;
     return fromBits(bitsOf(p + fixed_point) << 32) * model.rate;
+}
+
+/// The states of the generator behind the draws of the first inputs.
+KELM_LANE_INLINE Words firstDraws(std::uint64_t rng) {
+    Words states = Words{} + rng;
+    for (int i = 0; i < lane_count; ++i) {
+        states[i] += static_cast<std::uint64_t>(i + 1) * splitmix_increment;
+    }
+    return states;
+}
+
+/// The time in ns in which a candidate of an input's draw would come before the next input, plus 1.
+/// `first_start`: no draw starts before it.
+KELM_LANE_INLINE Doubles roomOf(const RunBlock& block, int i, double first_start) {
+    const Doubles time = load<Doubles>(block.time + i + 1);
+    const Doubles start = select(time > first_start, time, all(first_start));
+    return (load<Doubles>(block.time + i + 2) - start) + 1.0;
+}
+
+/// Whether findStop would stop at the last input only. Says no where it cannot tell. One estimate
+/// serves all inputs of a lane, with the largest difference of their traces and the sum of their
+/// spreads: it is at least that of each input, because rounded sums and products are monotonic.
+KELM_LANE_INLINE bool allPass(const RunBlock& block, int inputs, const Kernel::NeuronModel& model,
+                              double drive_bound, double first_start, std::uint64_t rng) {
+    const double epsilon = model.neuron.trace_epsilon;
+    // No input changes the adaptation, so the last value is the smallest one.
+    if (block.adaptation[0] != 0 && epsilon > __builtin_fabs(block.adaptation[inputs]))
+        return false;
+    DriveLanes most = {};
+    Mask clipped = {};
+    for (int i = 0; i < inputs; i += lane_count) {
+        const DriveLanes state = driveOf(block, i, model);
+        most.difference =
+            select(state.difference > most.difference, state.difference, most.difference);
+        most.spread = most.spread + state.spread;
+        clipped |= clips(block.membrane_factor + i, block.membrane + i, epsilon);
+    }
+    Mask known;
+    const Doubles estimate = hazardEstimate(most, model, drive_bound, known);
+    if (any(clipped | ~known)) return false;
+    Words states = firstDraws(rng);
+    Mask passed = ~Mask{};
+    for (int i = 0; i < inputs; i += lane_count) {
+        passed &= distanceFromOne(states) * 1e9 > estimate * roomOf(block, i, first_start);
+        states += static_cast<std::uint64_t>(lane_count) * splitmix_increment;
+    }
+    return !any(~passed);
 }
 
 /// The first input whose draw must be looked at: it may give a candidate before the next input, no
@@ -143,28 +201,22 @@ struct RunStop {
     bool sound;  ///< its traces are known to be right
 };
 
-/// `inputs`: in the block; `followed`: how many have another input behind them. `first_start`: ns;
-/// no draw starts before it. `rng`: before the first draw.
+/// `inputs`: in the block; `followed`: how many have another input behind them. `rng`: before the
+/// first draw.
 KELM_LANE_INLINE RunStop findStop(const RunBlock& block, int inputs, int followed,
                                   const Kernel::NeuronModel& model, double drive_bound,
                                   double first_start, std::uint64_t rng) {
-    Words states = Words{} + rng;
-    for (int i = 0; i < lane_count; ++i) {
-        states[i] += static_cast<std::uint64_t>(i + 1) * splitmix_increment;
-    }
     const double epsilon = model.neuron.trace_epsilon;
+    Words states = firstDraws(rng);
     for (int i = 0; i < inputs; i += lane_count) {
         Mask known;
         const Doubles estimate =
-            hazardEstimate(load<Doubles>(block.membrane + i + 1),
-                           load<Doubles>(block.adaptation + i + 1), model, drive_bound, known);
+            hazardEstimate(driveOf(block, i, model), model, drive_bound, known);
         const Mask sound =
             known & ~(clips(block.membrane_factor + i, block.membrane + i, epsilon) |
                       clips(block.adaptation_factor + i, block.adaptation + i, epsilon));
-        const Doubles time = load<Doubles>(block.time + i + 1);
-        const Doubles start = select(time > first_start, time, all(first_start));
-        const Doubles room = (load<Doubles>(block.time + i + 2) - start) + 1.0;
-        const Mask passed = sound & (distanceFromOne(states) * 1e9 > estimate * room);
+        const Mask passed =
+            sound & (distanceFromOne(states) * 1e9 > estimate * roomOf(block, i, first_start));
         if (any(~passed) || i + lane_count > followed) {
             int lane = 0;
             while (lane < lane_count && i + lane < followed && passed[lane] != 0) ++lane;
@@ -187,6 +239,7 @@ std::uint32_t runInputs(Kernel::State& state, std::uint64_t& rng, const Kernel::
     }
     const ModelTime first_start = Kernel::firstSpikeTime(state, neuron, 0);
     if (first_start >= limit) return 0;
+    const auto start = static_cast<double>(first_start);
 
     RunBlock block;
     block.time[0] = static_cast<double>(state.last_update);
@@ -203,9 +256,11 @@ std::uint32_t runInputs(Kernel::State& state, std::uint64_t& rng, const Kernel::
         } else {
             computeTraces<true>(block, inputs, neuron.input_coupling);
         }
-        const RunStop stop = findStop(block, inputs, read - 1, model, drive_bound,
-                                      static_cast<double>(first_start),
-                                      rng + applied * splitmix_increment);
+        const std::uint64_t draws = rng + applied * splitmix_increment;
+        RunStop stop = {read > run_block ? run_block : inputs - 1, true};
+        if (!allPass(block, inputs, model, drive_bound, start, draws)) {
+            stop = findStop(block, inputs, read - 1, model, drive_bound, start, draws);
+        }
         last = stop.input < run_block && stop.sound ? stop.input + 1 : stop.input;
         applied += static_cast<std::uint32_t>(last);
         if (stop.input < run_block) break;
