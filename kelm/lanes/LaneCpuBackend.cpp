@@ -43,8 +43,8 @@ using Lanes::LaneBlock;
 using Lanes::LaneConstants;
 using Lanes::LaneKernels;
 
-/// Doubles up to here hold half nanoseconds. The truncation in LaneText.h needs that.
-constexpr ModelTime greatest_horizon = ModelTime{1} << 51;
+/// Fewer neighbours with the same parameters are not worth a block, unless the call has no others.
+constexpr std::size_t min_block_items = 8;
 
 LaneConstants constantsOf(const Kernel::NeuronModel& model, ModelTime horizon) {
     const Kernel::Neuron& neuron = model.neuron;
@@ -100,24 +100,30 @@ void clear(Kernel::WindowResult& result) {
     clearGap(result.gap);
 }
 
-/// The walks of one call. A block holds one step of each current walk. When a walk ends, the next
-/// item takes its place, so the vectors stay full until the items run out.
+bool haveEqualParameters(const WindowWork& a, const WindowWork& b) {
+    return equalBytes(a.parameters, b.parameters) && equalBytes(a.firing, b.firing);
+}
+
+/// The walks of neighbouring items with the same parameters. A block holds one step of each current
+/// walk. When a walk ends, the next item takes its place, so the vectors stay full until the items
+/// run out.
 class BlockWalk {
 public:
+    /// `work` must not be empty.
     BlockWalk(const LaneKernels& kernels, std::span<const WindowWork> work,
               std::span<const Kernel::WindowEvent> events, ModelTime window_end, ModelTime horizon,
-              const Kernel::Neuron& neuron, const Kernel::Firing& firing,
               Kernel::WindowResult* results)
         : kernels_(kernels),
           work_(work),
           events_(events),
           window_end_(window_end),
           horizon_(horizon),
-          model_(neuron, firing),
+          model_(work[0].parameters, work[0].firing),
           results_(results),
           constants_(constantsOf(model_, horizon)) {}
 
-    void run() {
+    /// Walks the items up to the first one with other parameters and returns their number.
+    std::size_t run() {
         while (count_ < Lanes::block_walks && fill(count_)) ++count_;
         while (count_ > 0) {
             kernels_.advance(block_, count_, constants_);
@@ -141,6 +147,7 @@ public:
                 }
             }
         }
+        return next_item_;
     }
 
 private:
@@ -160,12 +167,13 @@ private:
         processItems(work_.subspan(item, 1), events_, window_end_, horizon_, {results_ + item, 1});
     }
 
-    bool suitsLanes(const WindowWork& item) const {
-        const PhaseDrive& drive = item.drive;
-        const bool driven = (static_cast<std::uint64_t>(drive.term_count) |
-                             Kernel::bitsOf(drive.base) | Kernel::bitsOf(drive.bound)) != 0;
-        return !driven && equalBytes(item.parameters, model_.neuron) &&
-               equalBytes(item.firing, model_.firing);
+    bool hasParameters(const WindowWork& item) const {
+        return equalBytes(item.parameters, model_.neuron) && equalBytes(item.firing, model_.firing);
+    }
+
+    static bool isDriven(const PhaseDrive& drive) {
+        return (static_cast<std::uint64_t>(drive.term_count) | Kernel::bitsOf(drive.base) |
+                Kernel::bitsOf(drive.bound)) != 0;
     }
 
     /// Items are read too rarely for the processor's own prefetching.
@@ -176,13 +184,15 @@ private:
     }
 
     /// Puts the next item that has a step for the vectors into `place`. Items before it, which have
-    /// none, are finished. False if no item is left.
+    /// none, are finished. False if no item with these parameters is left.
     bool fill(int place) {
         while (next_item_ < work_.size()) {
-            const std::size_t index = next_item_++;
+            const std::size_t index = next_item_;
             const WindowWork& item = work_[index];
             prefetchItem(index + 4);
-            if (!suitsLanes(item)) {
+            if (!hasParameters(item)) return false;
+            ++next_item_;
+            if (isDriven(item.drive)) {
                 walkScalar(index);
                 continue;
             }
@@ -379,10 +389,9 @@ private:
     Walk walks_[Lanes::block_walks];
 };
 
-/// Whether the vectors can compute a call. With a rate of 0 a draw does not move the generator.
+/// Whether the vectors can compute items. With a rate of 0 a draw does not move the generator.
 bool lanesCanServe(const Kernel::Firing& firing, ModelTime horizon) {
-    return firing.base_rate != 0 && firing.rate_scale != 0 && horizon >= 0 &&
-           horizon <= greatest_horizon;
+    return firing.base_rate != 0 && firing.rate_scale != 0 && horizon >= 0;
 }
 
 }  // namespace
@@ -398,15 +407,23 @@ const char* LaneCpuBackend::instructionSet() const {
 
 void LaneCpuBackend::processWindow(const std::span<const WindowWork>& work,
                                    const std::span<const Kernel::WindowEvent>& events,
-                                   ModelTime window_end, ModelTime horizon,
-                                   const Kernel::Neuron& neuron, const Kernel::Firing& firing,
+                                   ModelTime window_end, ModelTime horizon, const Kernel::Neuron&,
+                                   const Kernel::Firing&,
                                    const std::span<Kernel::WindowResult>& results) {
-    if (kernels_ != nullptr && lanesCanServe(firing, horizon)) {
-        BlockWalk(*kernels_, work, events, window_end, horizon, neuron, firing, results.data())
-            .run();
-        return;
+    const std::size_t block_items = std::min(work.size(), min_block_items);
+    for (std::size_t first = 0; first < work.size();) {
+        const std::span<const WindowWork> rest = work.subspan(first);
+        if (kernels_ != nullptr && lanesCanServe(rest[0].firing, horizon) &&
+            rest.size() >= block_items && haveEqualParameters(rest[0], rest[block_items - 1])) {
+            first += BlockWalk(*kernels_, rest, events, window_end, horizon, results.data() + first)
+                         .run();
+            continue;
+        }
+        std::size_t count = 1;
+        while (count < rest.size() && haveEqualParameters(rest[count], rest[0])) ++count;
+        processItems(rest.first(count), events, window_end, horizon, results.subspan(first, count));
+        first += count;
     }
-    processItems(work, events, window_end, horizon, results);
 }
 
 }  // namespace Lumenar::Core::Kelm

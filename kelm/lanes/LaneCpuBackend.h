@@ -15,8 +15,9 @@ struct LaneKernels;
 /// vectors. Each lane performs the operations of the kernel in their order, so results have the
 /// bits of the CPU backend.
 ///
-/// The scalar walk computes items with phase terms, with other parameters than the call's, or with
-/// values that no sound model has, and all items on a processor without these vectors. The backend
+/// The vectors compute neighbours with the same parameters together. The scalar walk computes items
+/// with phase terms, with parameters that few neighbours share, or with values that no sound model
+/// has, and all items on a processor without these vectors. The backend
 /// holds no state between calls, so it may serve any number of engines, one after the other.
 /// Floating-point exceptions must be masked, as they are when a program starts, because a lane also
 /// computes values that are then dropped.

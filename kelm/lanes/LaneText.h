@@ -64,8 +64,9 @@ KELM_LANE_INLINE Doubles netDriveBound(TraceLanes state, Doubles last, Doubles s
     if (constants.non_leaky || !adapted || k1 == k2) return bound;
     const Doubles ratio = (traces.membrane * k1) / (weighted * k2);
     Mask inside = (traces.membrane != 0.0) & (weighted != 0.0) & (ratio > 0.0);
-    const Mask minimum =
-        (ratio >= 1.0 + 0x1p-6) & (traces.adaptation >= constants.minimum_adaptation) & ~moved;
+    const Mask minimum = (ratio >= 1.0 + 0x1p-6) &
+                         (traces.adaptation >= constants.minimum_adaptation) & ~moved &
+                         (start < 0x1p51);
     inside = inside & ~minimum;
     // The logarithm has the sign of ratio - 1; the shift must be positive.
     inside = inside & (k1 > k2 ? Mask(ratio > 1.0) : Mask(ratio < 1.0));
@@ -75,9 +76,10 @@ KELM_LANE_INLINE Doubles netDriveBound(TraceLanes state, Doubles last, Doubles s
     const Doubles extremum = start + shift;
     inside = inside & (shift > 0.0) & (shift < infinity) & (extremum > start) & (extremum < to);
     if (!any(inside)) return bound;
-    // Truncation of a number between 0 and 2^51: to the nearest integer, less 1 if that is larger.
+    // Truncation: to the nearest integer, less 1 if that is larger. From 2^52 on all are integers.
     const Doubles nearest = (extremum + 0x1p52) - 0x1p52;
-    const Doubles before = select(nearest > extremum, nearest - 1.0, nearest);
+    const Doubles truncated = select(nearest > extremum, nearest - 1.0, nearest);
+    const Doubles before = select(extremum < 0x1p52, truncated, extremum);
     Doubles sampled = larger(bound, netDriveAfter(state, before - last, adapted, constants));
     const Doubles after =
         larger(sampled, netDriveAfter(state, (before + 1.0) - last, adapted, constants));

@@ -104,7 +104,7 @@ struct CountedKernels {
     }
 };
 
-TEST(LaneCpuBackend, GivesUniformItemsToTheVectorsAndOthersToTheScalarWalk) {
+TEST(LaneCpuBackend, GivesAlikeItemsToTheVectorsAndOthersToTheScalarWalk) {
     if (Lanes::availableKernels().empty()) GTEST_SKIP() << "no vectors for this processor";
     CountedKernels::inner = Lanes::availableKernels().back();
     Lanes::LaneKernels counted = *CountedKernels::inner;
@@ -121,14 +121,22 @@ TEST(LaneCpuBackend, GivesUniformItemsToTheVectorsAndOthersToTheScalarWalk) {
     };
     for (const Case& c :
          {Case{"uniform items", [](DrawnCall&) {}, 100},
-          Case{"one of another gain", [](DrawnCall& changed) { changed.work[7].firing.gain = 3.0; },
-               99},
+          Case{"one of another gain",
+               [](DrawnCall& changed) { changed.work[50].firing.gain = 3.0; }, 99},
           Case{"one with a phase term",
                [](DrawnCall& changed) { changed.work[7].drive.term_count = 1; }, 99},
-          Case{"others than the call's",
-               [](DrawnCall& changed) { changed.neuron.reset_value = 1.0; }, 0},
-          Case{"a horizon that doubles do not reach",
-               [](DrawnCall& changed) { changed.horizon = ModelTime{1} << 60; }, 0}}) {
+          Case{"two populations",
+               [](DrawnCall& changed) {
+                   for (int i = 50; i < 100; ++i) changed.work[i].firing.gain = 3.0;
+               },
+               100},
+          Case{"neighbours that differ",
+               [](DrawnCall& changed) {
+                   for (int i = 1; i < 100; i += 2) changed.work[i].firing.gain = 3.0;
+               },
+               0},
+          Case{"an open horizon", [](DrawnCall& changed) { changed.horizon = ModelTime{1} << 60; },
+               100}}) {
         SCOPED_TRACE(c.fact);
         DrawnCall changed = call;
         c.change(changed);

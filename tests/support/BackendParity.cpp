@@ -135,8 +135,8 @@ WindowWork drawItem(Draws& draws, bool strange, DrawnCall& call) {
         item.drive.bound = 0.5;
         for (PhaseTerm& term : item.drive.terms) term = {0.1, draws.between(0.0, 6.0), 1e-6};
     }
-    if (draws.oneIn(12)) item.firing.gain = draws.between(0.2, 4.0);
-    if (draws.oneIn(12)) item.firing.max_rate = draws.between(1.0, 400.0);
+    if (draws.oneIn(40)) item.firing.gain = draws.between(0.2, 4.0);
+    if (draws.oneIn(40)) item.firing.max_rate = draws.between(1.0, 400.0);
     if (strange && draws.oneIn(4)) {
         *draws.oneOf({&item.state.membrane, &item.state.adaptation, &item.pending_bound,
                       &item.drive.base, &item.drive.bound}) = strangeValue(draws);
@@ -157,7 +157,14 @@ DrawnCall drawCall(std::uint64_t seed, std::uint64_t item_count, bool strange) {
     call.horizon = call.window_end + draws.timeBelow(draws.oneIn(4) ? 1 : 400'000'000);
     if (draws.oneIn(8)) call.horizon = call.window_end - draws.timeBelow(1'000'000);
     // Times at which doubles no longer hold halves, or no longer all integers.
-    if (draws.oneIn(16)) call.horizon = (ModelTime{1} << (50 + draws.below(12))) + 1;
+    if (draws.oneIn(16)) {
+        call.horizon = (ModelTime{1} << (50 + draws.below(12))) + 1;
+        // The drive is then largest that late as well.
+        if (draws.oneIn(2)) {
+            call.neuron.tau_membrane *= ModelTime{1} << 18;
+            call.neuron.tau_adaptation *= ModelTime{1} << 18;
+        }
+    }
     if (call.firing.base_rate == slow_rate) call.horizon = ModelTime{1} << 51;
     for (std::uint64_t i = 0; i < item_count; ++i) {
         call.work.push_back(drawItem(draws, strange, call));
