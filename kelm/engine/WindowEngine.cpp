@@ -1,9 +1,9 @@
 #include "kelm/engine/WindowEngine.h"
 
 #include <algorithm>
-#include <cstring>
 #include <iterator>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "kelm/core/Digest.h"
@@ -28,6 +28,31 @@ constexpr BlobTag format_tag("KELMWEN3");
 /// Streams of index 0 for composed runs. They exist from the start, so that every snapshot holds
 /// them.
 constexpr const char* single_streams[] = {"stimulus", "synaptic_noise", "learning"};
+
+void requireHorizon(ModelTime horizon) {
+    if (horizon >= 1) return;
+    throw withDetail(
+        WindowEngineError(WindowEngineError::horizon_not_positive),
+        {.field = "horizon", .value = decimal(horizon) + " ns", .bound = "at least 1 ns"});
+}
+
+/// `things`: what there must be `count` of, one a neuron.
+void requireCount(const std::string& things, std::uint64_t count, const SynapseGraph& graph) {
+    if (count == graph.nodeCount()) return;
+    throw withDetail(WindowEngineError(WindowEngineError::parameter_count),
+                     {.field = "number of " + things,
+                      .value = decimal(count),
+                      .bound = "the graph's neuron count " + decimal(graph.nodeCount())});
+}
+
+/// The table of neurons that differ, after the checks that come before those of their values.
+ParameterTable tableOf(const SynapseGraph& graph, std::span<const Kernel::Neuron> neurons,
+                       std::span<const Kernel::Firing> firings, ModelTime horizon) {
+    requireHorizon(horizon);
+    requireCount("neurons", neurons.size(), graph);
+    requireCount("firings", firings.size(), graph);
+    return ParameterTable(neurons, firings);
+}
 
 }  // namespace
 
@@ -60,25 +85,17 @@ struct WindowEngine::Window {
     std::vector<ModelTime> candidate_times;    ///< of an observation, shape (neurons)
 };
 
-WindowEngine::WindowEngine(Assembled, SynapseGraph&& graph, std::vector<Kernel::Neuron>&& neurons,
-                           std::vector<Kernel::Firing>&& firings, std::uint64_t seed,
-                           ModelTime horizon, std::unique_ptr<IEventStore>&& store)
+WindowEngine::WindowEngine(Assembled, SynapseGraph&& graph, ParameterTable&& parameters,
+                           std::uint64_t seed, ModelTime horizon,
+                           std::unique_ptr<IEventStore>&& store)
     : graph_(std::move(graph)),
-      neurons_(std::move(neurons)),
-      firings_(std::move(firings)),
+      parameters_(std::move(parameters)),
+      heterogeneous_(parameters_.isHeterogeneous()),
       seed_(seed),
       horizon_(horizon),
       calendar_(buildCalendar(std::move(store))),
       random_(seed),
       spontaneous_(random_.family(spontaneous_name)) {
-    if (!neurons_.empty()) uniform_neuron_ = neurons_[0];
-    if (!firings_.empty()) uniform_firing_ = firings_[0];
-    heterogeneous_ = neuronsDiffer();
-    alike_ = neuronsHaveEqualBits();
-    if (alike_) {
-        neurons_ = {};
-        firings_ = {};
-    }
     pristine_ = calendar_.windowWidth().has_value();
     states_.resize(graph_.nodeCount());
     createStreams();
@@ -89,40 +106,35 @@ WindowEngine::WindowEngine(Assembled, SynapseGraph&& graph, std::vector<Kernel::
 WindowEngine::WindowEngine(SynapseGraph graph, std::vector<Kernel::Neuron> neurons,
                            std::vector<Kernel::Firing> firings, std::uint64_t seed,
                            ModelTime horizon, std::unique_ptr<IEventStore> store)
-    : WindowEngine(Assembled(), std::move(graph), std::move(neurons), std::move(firings), seed,
+    : WindowEngine(Assembled(), std::move(graph), tableOf(graph, neurons, firings, horizon), seed,
                    horizon, std::move(store)) {}
 
 WindowEngine::WindowEngine(SynapseGraph graph, const Kernel::Neuron& neuron,
                            const Kernel::Firing& firing, std::uint64_t seed, ModelTime horizon,
                            std::unique_ptr<IEventStore> store)
-    : WindowEngine(
-          Assembled(), std::move(graph), std::vector<Kernel::Neuron>(graph.nodeCount(), neuron),
-          std::vector<Kernel::Firing>(graph.nodeCount(), firing), seed, horizon, std::move(store)) {
-}
+    : WindowEngine(Assembled(), std::move(graph), ParameterTable(graph.nodeCount(), neuron, firing),
+                   seed, horizon, std::move(store)) {}
+
+WindowEngine::WindowEngine(SynapseGraph graph, ParameterTable parameters, std::uint64_t seed,
+                           ModelTime horizon, std::unique_ptr<IEventStore> store)
+    : WindowEngine(Assembled(), std::move(graph), std::move(parameters), seed, horizon,
+                   std::move(store)) {}
 
 /// The checks of construction, and the calendar. The members declared before the calendar are
 /// already set.
 WindowCalendar WindowEngine::buildCalendar(std::unique_ptr<IEventStore>&& store) {
-    if (horizon_ < 1) {
-        throw withDetail(
-            WindowEngineError(WindowEngineError::horizon_not_positive),
-            {.field = "horizon", .value = decimal(horizon_) + " ns", .bound = "at least 1 ns"});
-    }
-    if (neurons_.size() != graph_.nodeCount() || firings_.size() != graph_.nodeCount()) {
-        const bool neurons_fit = neurons_.size() == graph_.nodeCount();
-        throw withDetail(
-            WindowEngineError(WindowEngineError::parameter_count),
-            {.field = neurons_fit ? "number of firings" : "number of neurons",
-             .value = decimal(std::uint64_t{neurons_fit ? firings_.size() : neurons_.size()}),
-             .bound = "the graph's neuron count " + decimal(graph_.nodeCount())});
-    }
-    for (const Kernel::Firing& firing : firings_) {
+    requireHorizon(horizon_);
+    requireCount("neurons", parameters_.neuronCount(), graph_);
+    for (const ParameterTable::Entry& entry : parameters_.entries()) {
+        const Kernel::Firing& firing = entry.firing;
         // A negative rate under a negative ceiling would give a bound below 0. Such a bound marks a
         // candidate that must be drawn anew, so the neuron would be drawn in every nanosecond.
         if (firing.base_rate * firing.rate_scale < 0.0 && firing.max_rate < 0.0) {
+            NodeId neuron = 0;
+            while (&parameters_[neuron] != &entry) ++neuron;
             throw withDetail(WindowEngineError(WindowEngineError::negative_hazard),
                              {.item = "neuron",
-                              .index = static_cast<std::uint64_t>(&firing - firings_.data()),
+                              .index = neuron,
                               .field = "max_rate",
                               .value = decimal(firing.max_rate) + " Hz",
                               .bound = "positive"});
@@ -135,24 +147,6 @@ WindowCalendar WindowEngine::buildCalendar(std::unique_ptr<IEventStore>&& store)
     return WindowCalendar(graph_, *d_min);
 }
 
-bool WindowEngine::neuronsDiffer() const {
-    for (std::size_t i = 1; i < neurons_.size(); ++i) {
-        if (!(neurons_[i] == neurons_[0]) || !(firings_[i] == firings_[0])) return true;
-    }
-    return false;
-}
-
-/// Equal numbers can be other bits: 0.0 and -0.0.
-bool WindowEngine::neuronsHaveEqualBits() const {
-    for (std::size_t i = 1; i < neurons_.size(); ++i) {
-        if (std::memcmp(&neurons_[i], &neurons_[0], sizeof(Kernel::Neuron)) != 0 ||
-            std::memcmp(&firings_[i], &firings_[0], sizeof(Kernel::Firing)) != 0) {
-            return false;
-        }
-    }
-    return true;
-}
-
 void WindowEngine::createStreams() {
     for (NodeId n = 0; n < graph_.nodeCount(); ++n) random_.rawState(spontaneous_, n);
     for (const char* name : single_streams) random_.streamFor(name, 0);
@@ -161,8 +155,9 @@ void WindowEngine::createStreams() {
 /// Draws and posts a neuron's first candidate.
 void WindowEngine::drawFirstCandidate(NodeId neuron, double drive_bound) {
     std::uint64_t rng = random_.rawState(spontaneous_, neuron);
+    const ParameterTable::Entry& parameters = parameters_[neuron];
     const Kernel::Candidate first = Kernel::nextCandidate(
-        states_[neuron], neuronOf(neuron), firingOf(neuron), 0, horizon_, drive_bound, rng);
+        states_[neuron], parameters.neuron, parameters.firing, 0, horizon_, drive_bound, rng);
     random_.advanceTo(spontaneous_, neuron, rng);
     calendar_.schedule(neuron, first.found ? first.time : no_time, first.bound);
 }
@@ -194,7 +189,7 @@ bool WindowEngine::offersWholeRun(ModelTime until) const {
 }
 
 bool WindowEngine::isPristine() {
-    return pristine_ && alike_ && offersWholeRun(horizon_) &&
+    return pristine_ && parameters_.isUniform() && offersWholeRun(horizon_) &&
            graph_.dMin() == calendar_.windowWidth();
 }
 
@@ -263,8 +258,8 @@ void WindowEngine::computeAndCommit(Window& window, IWindowBackend& backend) {
         if (prepare_hook_ != nullptr) {
             prepare_hook_->prepare(window.start, window.end, work, graph_);
         }
-        backend.processWindow(work, window.item_events, window.end, horizon_, uniform_neuron_,
-                              uniform_firing_, {window.results.data(), window.item_count});
+        backend.processWindow(work, window.item_events, window.end, horizon_, uniformNeuron(),
+                              uniformFiring(), {window.results.data(), window.item_count});
         if (first_part) {
             ++profile_.windows;
             profile_.deliveries += window.events.size();
@@ -360,19 +355,20 @@ void WindowEngine::addItem(Window& window, NodeId neuron, bool rewrites_paramete
 /// the empty drive that it was made with, unless a prepare hook may have changed them.
 bool WindowEngine::mustRewriteParameters(Window& window) const {
     window.hook_had_items = window.hook_had_items || prepare_hook_ != nullptr;
-    return !alike_ || window.hook_had_items;
+    return !parameters_.isUniform() || window.hook_had_items;
 }
 
 void WindowEngine::appendItem(Window& window) const {
     WindowWork& item = window.work.emplace_back();
-    item.parameters = uniform_neuron_;
-    item.firing = uniform_firing_;
+    item.parameters = uniformNeuron();
+    item.firing = uniformFiring();
     window.results.emplace_back();
 }
 
 void WindowEngine::rewriteParameters(WindowWork& item, NodeId neuron) const {
-    item.parameters = neuronOf(neuron);
-    item.firing = firingOf(neuron);
+    const ParameterTable::Entry& parameters = parameters_[neuron];
+    item.parameters = parameters.neuron;
+    item.firing = parameters.firing;
     item.drive = PhaseDrive();
 }
 
@@ -454,7 +450,7 @@ void WindowEngine::deliverObservations(Window& window, ModelTime limit, bool ins
                        [](const CandidateSlot& slot) { return slot.time; });
         if (inside) shadowRun(window, observation.time);
         for (NodeId n = 0; n < window.shadow_states.size(); ++n) {
-            Kernel::advanceTraces(window.shadow_states[n], neuronOf(n), observation.time);
+            Kernel::advanceTraces(window.shadow_states[n], parameters_[n].neuron, observation.time);
         }
         observer_->observe(observation, window.shadow_states, window.candidate_times, graph_);
     }

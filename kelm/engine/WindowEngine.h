@@ -9,6 +9,7 @@
 #include "kelm/core/LargePages.h"
 #include "kelm/core/RandomContext.h"
 #include "kelm/engine/IWindowBackend.h"
+#include "kelm/engine/ParameterTable.h"
 #include "kelm/engine/SpikeRecord.h"
 #include "kelm/engine/WholeRun.h"
 #include "kelm/engine/WindowCalendar.h"
@@ -57,6 +58,11 @@ public:
     WindowEngine(SynapseGraph graph, const Kernel::Neuron& neuron, const Kernel::Firing& firing,
                  std::uint64_t seed, ModelTime horizon,
                  std::unique_ptr<IEventStore> store = nullptr);
+
+    /// An engine whose neurons have the parameters of a table of graph.nodeCount() neurons;
+    /// otherwise as above.
+    WindowEngine(SynapseGraph graph, ParameterTable parameters, std::uint64_t seed,
+                 ModelTime horizon, std::unique_ptr<IEventStore> store = nullptr);
 
     WindowEngine(const WindowEngine&) = delete;
     WindowEngine& operator=(const WindowEngine&) = delete;
@@ -150,10 +156,11 @@ public:
     std::uint64_t seed() const { return seed_; }
     ModelTime horizon() const { return horizon_; }
     /// The parameters of neuron 0, which hold for all where isHeterogeneous() is false.
-    const Kernel::Neuron& uniformNeuron() const { return uniform_neuron_; }
-    const Kernel::Firing& uniformFiring() const { return uniform_firing_; }
+    const Kernel::Neuron& uniformNeuron() const { return parameters_.entries()[0].neuron; }
+    const Kernel::Firing& uniformFiring() const { return parameters_.entries()[0].firing; }
     /// Whether some neuron's parameters differ from those of neuron 0.
     bool isHeterogeneous() const { return heterogeneous_; }
+    const ParameterTable& parameters() const { return parameters_; }
     /// Whether an event has come in through post.
     bool hasExternalEvents() const { return external_events_; }
 
@@ -161,22 +168,13 @@ private:
     struct Window;
     struct Assembled {};
 
-    /// Both public constructors end here. The arguments are references, because one constructor
-    /// reads the graph's neuron count to make the others.
-    WindowEngine(Assembled, SynapseGraph&& graph, std::vector<Kernel::Neuron>&& neurons,
-                 std::vector<Kernel::Firing>&& firings, std::uint64_t seed, ModelTime horizon,
-                 std::unique_ptr<IEventStore>&& store);
+    /// All public constructors end here. The arguments are references, because the others read the
+    /// graph's neuron count.
+    WindowEngine(Assembled, SynapseGraph&& graph, ParameterTable&& parameters, std::uint64_t seed,
+                 ModelTime horizon, std::unique_ptr<IEventStore>&& store);
 
     bool offersWholeRun(ModelTime until) const;
     WindowCalendar buildCalendar(std::unique_ptr<IEventStore>&& store);
-    const Kernel::Neuron& neuronOf(NodeId n) const {
-        return alike_ ? uniform_neuron_ : neurons_[n];
-    }
-    const Kernel::Firing& firingOf(NodeId n) const {
-        return alike_ ? uniform_firing_ : firings_[n];
-    }
-    bool neuronsDiffer() const;
-    bool neuronsHaveEqualBits() const;
     void createStreams();
     void drawFirstCandidate(NodeId neuron, double drive_bound);
     void flushPendingRandomStates();
@@ -199,12 +197,8 @@ private:
     void shadowRun(Window& window, ModelTime time);
 
     SynapseGraph graph_;
-    Kernel::Neuron uniform_neuron_;
-    Kernel::Firing uniform_firing_;
-    std::vector<Kernel::Neuron> neurons_;  ///< empty where all are alike
-    std::vector<Kernel::Firing> firings_;  ///< empty where all are alike
-    bool heterogeneous_ = false;
-    bool alike_ = true;  ///< the parameters of all neurons have the same bits
+    ParameterTable parameters_;
+    bool heterogeneous_;
     std::uint64_t seed_;
     ModelTime horizon_;
     WindowCalendar calendar_;

@@ -2,7 +2,7 @@
 
 #include <bit>
 #include <cmath>
-#include <cstddef>
+#include <vector>
 
 #include "kelm/core/Failures.h"
 
@@ -52,26 +52,23 @@ void addOptional(Fingerprint& print, const std::optional<Settings>& settings) {
     if (settings) addSettings(print, *settings);
 }
 
-/// `add_parameters(print)` adds those of the neurons.
-template <class AddParameters>
-std::uint64_t fingerprintOf(SynapseGraph& network, AddParameters add_parameters, ModelTime horizon,
-                            const PlasticityConfig& plasticity,
-                            const std::optional<PhaseConfig>& phase,
-                            const std::optional<RecorderConfig>& recorder,
-                            std::span<const InputChannelSpec> input_channels,
-                            const std::optional<PredictionConfig>& prediction) {
-    Fingerprint print;
-    print.addTag(format_tag);
-    addSettings(print, network);
-    add_parameters(print);
+/// One run for neighbours whose parameters have equal digests.
+void addParameters(Fingerprint& print, const ParameterTable& parameters) {
+    std::vector<std::uint64_t> entry_prints;
+    for (const ParameterTable::Entry& entry : parameters.entries()) {
+        entry_prints.push_back(printOf(entry.neuron, entry.firing));
+    }
+    NodeId first = 0;
+    while (first < parameters.neuronCount()) {
+        const std::uint64_t one = entry_prints[parameters.indexOf(first)];
+        NodeId end = parameters.isUniform() ? parameters.neuronCount() : first + 1;
+        while (end < parameters.neuronCount() && entry_prints[parameters.indexOf(end)] == one) {
+            ++end;
+        }
+        addRun(print, end - first, parameters[first].neuron, parameters[first].firing);
+        first = end;
+    }
     print.addU64(0);
-    print.addI64(horizon);
-    addSettings(print, plasticity);
-    addOptional(print, phase);
-    addOptional(print, recorder);
-    addSettings(print, input_channels);
-    addOptional(print, prediction);
-    return print.value();
 }
 
 }  // namespace
@@ -210,6 +207,28 @@ void addSettings(Fingerprint& print, const PredictionConfig& prediction) {
     }
 }
 
+std::uint64_t fingerprint(SynapseGraph& network, const ParameterTable& parameters,
+                          ModelTime horizon, const PlasticityConfig& plasticity,
+                          const std::optional<PhaseConfig>& phase,
+                          const std::optional<RecorderConfig>& recorder,
+                          std::span<const InputChannelSpec> input_channels,
+                          const std::optional<PredictionConfig>& prediction) {
+    if (parameters.neuronCount() != network.nodeCount()) {
+        throw WindowEngineError(WindowEngineError::parameter_count);
+    }
+    Fingerprint print;
+    print.addTag(format_tag);
+    addSettings(print, network);
+    addParameters(print, parameters);
+    print.addI64(horizon);
+    addSettings(print, plasticity);
+    addOptional(print, phase);
+    addOptional(print, recorder);
+    addSettings(print, input_channels);
+    addOptional(print, prediction);
+    return print.value();
+}
+
 std::uint64_t fingerprint(SynapseGraph& network, const Kernel::Neuron& neuron,
                           const Kernel::Firing& firing, ModelTime horizon,
                           const PlasticityConfig& plasticity,
@@ -217,11 +236,8 @@ std::uint64_t fingerprint(SynapseGraph& network, const Kernel::Neuron& neuron,
                           const std::optional<RecorderConfig>& recorder,
                           std::span<const InputChannelSpec> input_channels,
                           const std::optional<PredictionConfig>& prediction) {
-    const auto add_parameters = [&](Fingerprint& print) {
-        if (network.nodeCount() > 0) addRun(print, network.nodeCount(), neuron, firing);
-    };
-    return fingerprintOf(network, add_parameters, horizon, plasticity, phase, recorder,
-                         input_channels, prediction);
+    return fingerprint(network, ParameterTable(network.nodeCount(), neuron, firing), horizon,
+                       plasticity, phase, recorder, input_channels, prediction);
 }
 
 std::uint64_t fingerprint(SynapseGraph& network, std::span<const Kernel::Neuron> neurons,
@@ -234,18 +250,8 @@ std::uint64_t fingerprint(SynapseGraph& network, std::span<const Kernel::Neuron>
     if (neurons.size() != network.nodeCount() || firings.size() != network.nodeCount()) {
         throw WindowEngineError(WindowEngineError::parameter_count);
     }
-    const auto add_parameters = [&](Fingerprint& print) {
-        std::size_t first = 0;
-        while (first < neurons.size()) {
-            const std::uint64_t one = printOf(neurons[first], firings[first]);
-            std::size_t end = first + 1;
-            while (end < neurons.size() && printOf(neurons[end], firings[end]) == one) ++end;
-            addRun(print, end - first, neurons[first], firings[first]);
-            first = end;
-        }
-    };
-    return fingerprintOf(network, add_parameters, horizon, plasticity, phase, recorder,
-                         input_channels, prediction);
+    return fingerprint(network, ParameterTable(neurons, firings), horizon, plasticity, phase,
+                       recorder, input_channels, prediction);
 }
 
 }  // namespace Lumenar::Core::Kelm

@@ -8,6 +8,7 @@
 #include "kelm/core/Blob.h"
 #include "kelm/core/Digest.h"
 #include "kelm/core/ModelTime.h"
+#include "kelm/engine/ParameterTable.h"
 #include "kelm/kernel/NeuronModel.h"
 #include "kelm/network/SynapseGraph.h"
 #include "kelm/runtime/InputChannelSpec.h"
@@ -102,8 +103,16 @@ std::uint64_t fingerprint(SynapseGraph& network, const Kernel::Neuron& neuron,
                           std::span<const InputChannelSpec> input_channels = {},
                           const std::optional<PredictionConfig>& prediction = std::nullopt);
 
-/// The same for neurons that differ. `neurons`, `firings`: shape (network.nodeCount()). Equal
-/// neurons give the value of the function above.
+/// The same for neurons that differ. A table of equal neurons gives the value of the function
+/// above. Throws WindowEngineError for a table of another number of neurons than the network has.
+std::uint64_t fingerprint(SynapseGraph& network, const ParameterTable& parameters,
+                          ModelTime horizon, const PlasticityConfig& plasticity = {},
+                          const std::optional<PhaseConfig>& phase = std::nullopt,
+                          const std::optional<RecorderConfig>& recorder = std::nullopt,
+                          std::span<const InputChannelSpec> input_channels = {},
+                          const std::optional<PredictionConfig>& prediction = std::nullopt);
+
+/// The same for one record a neuron. `neurons`, `firings`: shape (network.nodeCount()).
 /// Throws WindowEngineError for another count.
 std::uint64_t fingerprint(SynapseGraph& network, std::span<const Kernel::Neuron> neurons,
                           std::span<const Kernel::Firing> firings, ModelTime horizon,

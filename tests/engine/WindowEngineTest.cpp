@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cfenv>
 #include <limits>
@@ -86,6 +87,40 @@ TEST(WindowEngineConstruction, CallsNeuronsHeterogeneousFromTheFirstFieldThatDif
     EXPECT_TRUE(differ([](Neurons& n, Firings&) { ++n[5].tau_adaptation; }));
     EXPECT_TRUE(differ([](Neurons&, Firings& f) { f[3].spare_flag = true; }));
     EXPECT_TRUE(differ([](Neurons&, Firings& f) { f[0].threshold = f[5].threshold = nan; }));
+}
+
+TEST(WindowEngineConstruction, TakesPopulationsAsTheirNeuronsOneByOne) {
+    for (std::uint64_t seed = 0; seed < 20; ++seed) {
+        SCOPED_TRACE(seed);
+        GeneratedModel model = generateModel(seed);
+        std::vector<Population> populations;
+        for (NodeId n = 0; n < model.node_count;) {
+            const std::uint64_t size = std::min(1 + (n + seed) % 5, model.node_count - n);
+            // The parameters of every third population occur before.
+            const NodeId like = populations.size() % 3 == 2 ? 0 : n;
+            populations.push_back({"", size, model.neurons[like], model.firings[like]});
+            populations.push_back({});
+            for (const NodeId end = n + size; n < end; ++n) {
+                model.neurons[n] = populations.rbegin()[1].neuron;
+                model.firings[n] = populations.rbegin()[1].firing;
+            }
+        }
+        WindowEngine one_by_one = makeEngine(model);
+        WindowEngine engine(model.graph(), ParameterTable(populations), model.run_seed,
+                            model.horizon);
+        EXPECT_EQ(engine.isHeterogeneous(), one_by_one.isHeterogeneous());
+        CpuWindowBackend cpu;
+        const auto outcome = [&](WindowEngine& subject) {
+            postInputs(model, subject);
+            try {
+                subject.run(cpu);
+            } catch (const WindowEngineError& error) {
+                return std::pair(std::string(error.what()), Blob());
+            }
+            return std::pair(std::string(), subject.snapshot());
+        };
+        EXPECT_EQ(outcome(engine), outcome(one_by_one));
+    }
 }
 
 // In 50-digit arithmetic (bc), one SplitMix64 step from 0x3c9c77c8b045dfa4 and

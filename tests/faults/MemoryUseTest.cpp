@@ -142,6 +142,30 @@ TEST(MemoryUse, ARestoreTakesOneCopyOfWhatItReads) {
     EXPECT_LT(peakBytes() - before, bytes + bytes / 8);
 }
 
+TEST(MemoryUse, AnEngineKeepsAtMostFourBytesANeuronForParameters) {
+    constexpr std::int64_t neurons = 1'000'000;
+    const auto taken = [&](auto parameters) {
+        const std::int64_t before = liveBytes();
+        restartPeak();
+        const WindowEngine engine(SynapseGraph(neurons, 10, {}), parameters, 1, 1000);
+        return std::pair(liveBytes() - before, peakBytes() - before);
+    };
+    const auto size = static_cast<std::uint64_t>(neurons);
+    const Kernel::Firing silent{.base_rate = 0.0};
+    const auto [uniform, uniform_peak] = taken(ParameterTable(size, {}, silent));
+    // A state of 40 bytes, a slot of 24, a stream of 8 and a tree of times of 8 to 16.
+    EXPECT_LT(uniform_peak, 100 * neurons);
+    const std::vector<Population> populations{{"", size / 2, {}, silent},
+                                              {"", size / 2, {.reset_value = 1.0}, silent}};
+    // A table of four bytes a neuron, which the engine takes over, and whole large pages.
+    const std::int64_t more = taken(ParameterTable(populations)).first - uniform;
+    EXPECT_LT(more, 5 * neurons);
+    restartPeak();
+    const std::int64_t before = liveBytes();
+    const WindowEngine engine(SynapseGraph(size, 10, {}), {}, silent, 1, 1000);
+    EXPECT_LE(peakBytes() - before, uniform_peak);
+}
+
 TEST(MemoryUse, AGraphMadeSynapseBySynapseTakesLittleMoreThanItKeeps) {
     constexpr std::uint64_t neurons = 1000, synapses = 1'000'000;
     const std::int64_t before = liveBytes();
