@@ -50,6 +50,9 @@ public:
         return store_ ? std::nullopt : std::optional(calendar_.bucketWidth());
     }
 
+    /// The first time in ns at which an event is accepted; 0 where the events lie in a store.
+    ModelTime openFrom() const { return store_ ? 0 : calendar_.openFrom(); }
+
     /// Shape (neurons): each neuron's scheduled candidate. A slot keeps its address until restore
     /// or resume.
     std::span<const CandidateSlot> candidates() const { return slots_; }

@@ -1,6 +1,8 @@
 #include "kelm/engine/WindowEngine.h"
 
 #include <algorithm>
+#include <cassert>
+#include <cstring>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -420,7 +422,7 @@ void WindowEngine::commitItems(const Window& window) {
 std::uint64_t WindowEngine::declareObserverEvent(const Event& event) {
     // During a run the current window may be committed in part. An observation inside it would
     // then miss that part.
-    if (running_ || observer_cursor_ != 0) {
+    if (running_ || observer_cursor_ != 0 || series_interval_ != 0) {
         throw WindowEngineError(WindowEngineError::late_observation);
     }
     Event declared = event;
@@ -433,16 +435,58 @@ std::uint64_t WindowEngine::declareObserverEvent(const Event& event) {
     return declared.id;
 }
 
+void WindowEngine::declareObserverSeries(const Event& event, ModelTime interval) {
+    assert(event.time >= 0 && interval > 0);
+    if (running_ || !observer_events_.empty() || series_interval_ != 0) {
+        throw WindowEngineError(WindowEngineError::late_observation);
+    }
+    Event first = event;
+    first.id = first_observation_id;
+    clearGap(first.gap);
+    if (first.time < horizon_) observer_events_.push_back(first);
+    series_start_ = first;
+    series_interval_ = interval;
+}
+
 bool WindowEngine::observationDue(ModelTime limit) const {
     return observer_ != nullptr && observer_cursor_ < observer_events_.size() &&
            observer_events_[observer_cursor_].time < limit;
+}
+
+/// Removes the next observation from the declared ones.
+Event WindowEngine::takeObservation() {
+    if (series_interval_ == 0) return observer_events_[observer_cursor_++];
+    Event& next = observer_events_.front();
+    const Event taken = next;
+    if (horizon_ - next.time > series_interval_) {
+        next.time += series_interval_;
+        ++next.id;
+    } else {
+        observer_events_.clear();
+    }
+    return taken;
+}
+
+/// Whether a snapshot's observations can be those of this engine's series. Any list is accepted
+/// without a series.
+bool WindowEngine::acceptsObservations(std::span<const Event> observations,
+                                       std::uint64_t cursor) const {
+    if (series_interval_ == 0 || observations.empty()) return true;
+    if (observations.size() != 1 || cursor != 0) return false;
+    const Event& stored = observations.front();
+    if (stored.time < series_start_.time || stored.time >= horizon_) return false;
+    const ModelTime elapsed = stored.time - series_start_.time;
+    Event expected = series_start_;
+    expected.time = stored.time;
+    expected.id += static_cast<std::uint64_t>(elapsed / series_interval_);
+    return elapsed % series_interval_ == 0 && std::memcmp(&stored, &expected, sizeof stored) == 0;
 }
 
 /// Delivers the observations before `limit` ns. Between windows they see the states of the last
 /// commit. Inside a window, whose results are all committed, they see a repetition of its work.
 void WindowEngine::deliverObservations(Window& window, ModelTime limit, bool inside) {
     while (observationDue(limit)) {
-        const Event observation = observer_events_[observer_cursor_++];
+        const Event observation = takeObservation();
         window.shadow_states.assign(states_.begin(), states_.end());
         const std::span<const CandidateSlot> slots = calendar_.candidates();
         window.candidate_times.resize(slots.size());
@@ -551,6 +595,7 @@ bool WindowEngine::restore(BlobView blob) {
         return false;
     }
     for (Event& observation : observations) clearGap(observation.gap);
+    if (!acceptsObservations(observations, cursor)) return false;
     // The last test: a store that was given may be changed even where it refuses.
     if (!calendar_.restore(stored_store, std::move(candidates))) return false;
 

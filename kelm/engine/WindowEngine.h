@@ -98,8 +98,16 @@ public:
     /// gets the event's other fields. Returns the observation's id. At equal times observations
     /// come in the order of declaration. They do not disturb the run: they are in no store and no
     /// counter, and for a moment inside a window the window's work is repeated on copies.
-    /// Throws WindowEngineError during a run, and once an observation has been delivered.
+    /// Throws WindowEngineError during a run, once an observation has been delivered, and beside a
+    /// series.
     std::uint64_t declareObserverEvent(const Event& event);
+
+    /// Declares observations at the event's time and each `interval` ns after it, below the
+    /// horizon, with ascending ids. Their memory does not depend on their number: a snapshot holds
+    /// only the next one. An engine that restores the snapshot needs the same series. `event.time`
+    /// must not be negative, `interval` must be positive. Throws WindowEngineError where an
+    /// observation or a series was declared before.
+    void declareObserverSeries(const Event& event, ModelTime interval);
 
     /// Draws every first candidate again, for external drives of at most `drive_bounds`, shape
     /// (neurons). The draws of construction stay consumed. Call it before the first run.
@@ -123,6 +131,10 @@ public:
 
     /// All spikes so far, by time, then neuron; the list only grows. Valid until the next run.
     std::span<const SpikeRecord> spikeLog();
+
+    /// The first time in ns at which post accepts an event. 0 for an engine with a store of its
+    /// caller, which may refuse later times.
+    ModelTime openFrom() const { return calendar_.openFrom(); }
 
     /// 64-bit digest of spikeLog(): per spike time and neuron, 8 bytes each.
     std::uint64_t logHash();
@@ -193,6 +205,8 @@ private:
     void readNeuron(WindowWork& item, NodeId neuron, ModelTime window_start);
     void commitItems(const Window& window);
     bool observationDue(ModelTime limit) const;
+    Event takeObservation();
+    bool acceptsObservations(std::span<const Event> observations, std::uint64_t cursor) const;
     void deliverObservations(Window& window, ModelTime limit, bool inside);
     void shadowRun(Window& window, ModelTime time);
 
@@ -212,8 +226,11 @@ private:
     IWindowCommit* commit_hook_ = nullptr;
     IWindowPrepare* prepare_hook_ = nullptr;
     IWindowObserver* observer_ = nullptr;
-    std::vector<Event> observer_events_;  ///< declared observations, in the order of EventLess
-    std::uint64_t observer_cursor_ = 0;   ///< the first one not yet delivered
+    /// Declared observations in the order of EventLess. Of a series the next one only.
+    std::vector<Event> observer_events_;
+    std::uint64_t observer_cursor_ = 0;  ///< the first one not yet delivered
+    Event series_start_;                 ///< the first observation of the series
+    ModelTime series_interval_ = 0;      ///< ns; 0 without a series
     bool external_events_ = false;
     bool pristine_ = false;  ///< what isPristine() says, but for windows, hooks and dMin()
     bool running_ = false;   ///< inside a run, or after a run that threw

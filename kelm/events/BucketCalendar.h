@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -50,6 +51,13 @@ public:
 
     /// Whether a time, which must not be negative, lies in a window already handed out.
     bool isPast(ModelTime time) const { return static_cast<std::uint64_t>(time) < open_from_; }
+
+    /// The first time in ns that lies in no window already handed out.
+    ModelTime openFrom() const {
+        // The cursor may lie one bucket behind the range of ModelTime.
+        return static_cast<ModelTime>(
+            std::min(open_from_, static_cast<std::uint64_t>(last_model_time)));
+    }
 
     /// Throws LookaheadViolation for a time in a window already handed out, or before 0.
     void requireOpen(ModelTime time) const {

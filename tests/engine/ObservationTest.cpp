@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include "kelm/core/Failures.h"
@@ -151,6 +152,70 @@ TEST_F(ObservationTest, CannotBeDeclaredWhileARunIsOn) {
     expectThrows<WindowEngineError>([&] { engine.run(cpu); },
                                     "observer events must be declared before the run");
     EXPECT_TRUE(observer.sights.empty());
+}
+
+TEST_F(ObservationTest, OfASeriesComesAsIfEachHadBeenDeclared) {
+    const auto sightsOf = [&](auto declaring, auto running) {
+        observer.sights.clear();
+        WindowEngine subject{SynapseGraph(2, 10, {}), Kernel::Neuron{.non_leaky = true},
+                             Kernel::Firing{.base_rate = 1e7}, 1, 100};
+        subject.setHooks(nullptr, nullptr, &observer);
+        declaring(subject);
+        running(subject);
+        std::vector<std::tuple<std::uint64_t, ModelTime, double, ModelTime>> sights;
+        for (const KeepingObserver::Sight& sight : observer.sights) {
+            sights.emplace_back(sight.event.id, sight.event.time, sight.states[1].adaptation,
+                                sight.candidate_times[0]);
+        }
+        return sights;
+    };
+    const auto one_by_one = [](WindowEngine& subject) {
+        for (ModelTime time = 3; time < 100; time += 4) {
+            subject.declareObserverEvent(observationAt(time));
+        }
+    };
+    const auto series = [](WindowEngine& subject) {
+        subject.declareObserverSeries(observationAt(3), 4);
+    };
+    const auto straight = [&](WindowEngine& subject) { subject.run(cpu); };
+    // The window of a stop runs to its end, with the observations inside it.
+    const auto sliced = [&](WindowEngine& subject) {
+        for (const ModelTime until : {1, 3, 4, 25, 27, 50, 99, 100}) {
+            ASSERT_TRUE(subject.restore(subject.snapshot()));
+            subject.run(cpu, until);
+        }
+    };
+    const auto expected = sightsOf(one_by_one, straight);
+    EXPECT_EQ(expected.size(), 25U);
+    EXPECT_EQ(sightsOf(series, straight), expected);
+    EXPECT_EQ(sightsOf(series, sliced), expected);
+
+    // An engine accepts no observation that its series does not have.
+    const auto snapshotAt = [&](ModelTime until, auto declaring) {
+        WindowEngine writer{SynapseGraph(2, 10, {}), Kernel::Neuron(), {}, 1, 100};
+        writer.setHooks(nullptr, nullptr, &observer);
+        declaring(writer);
+        writer.run(cpu, until);
+        return writer.snapshot();
+    };
+    const auto other_series = [](ModelTime first, ModelTime interval) {
+        return [=](WindowEngine& writer) {
+            writer.declareObserverSeries(observationAt(first), interval);
+        };
+    };
+    WindowEngine reader{SynapseGraph(2, 10, {}), Kernel::Neuron(), {}, 1, 100};
+    series(reader);
+    EXPECT_TRUE(reader.restore(snapshotAt(50, series)));
+    EXPECT_TRUE(reader.restore(snapshotAt(100, series)));
+    EXPECT_FALSE(reader.restore(snapshotAt(0, other_series(2, 4))));
+    EXPECT_FALSE(reader.restore(snapshotAt(10, other_series(3, 6))));
+    EXPECT_FALSE(reader.restore(snapshotAt(10, other_series(3, 8))));
+    EXPECT_FALSE(reader.restore(snapshotAt(0, one_by_one)));
+    const char* const late = "observer events must be declared before the run";
+    expectThrows<WindowEngineError>([&] { declare({1}), series(engine); }, late);
+    expectRefusals<WindowEngineError>(
+        {{late, [&] { series(reader); }},
+         {late, [&] { reader.declareObserverEvent(observationAt(9)); }}});
 }
 
 TEST_F(ObservationTest, EndsTheRunWhereItsRepetitionBreaksABound) {
