@@ -176,6 +176,20 @@ void WindowEngine::reseedInitialCandidates(std::span<const double> drive_bounds)
     for (NodeId n = 0; n < graph_.nodeCount(); ++n) drawFirstCandidate(n, drive_bounds[n]);
 }
 
+void WindowEngine::reseed(std::uint64_t seed, ModelTime from) {
+    if (from < openFrom()) throw LookaheadViolation(LookaheadViolation::processed);
+    pending_random_states_.clear();
+    pristine_ = false;
+    seed_ = seed;
+    random_ = Runtime::RandomContext(seed);
+    spontaneous_ = random_.family(spontaneous_name);
+    createStreams();
+    // A candidate with a negative bound is a marker, at which the walk draws anew. Only the walk
+    // knows the drive of the window, and with it the bound of the draw.
+    const ModelTime marker = from < horizon_ ? from : no_time;
+    for (NodeId n = 0; n < graph_.nodeCount(); ++n) calendar_.schedule(n, marker, -1.0);
+}
+
 /// Moves the streams to where a whole run of a backend has left them.
 void WindowEngine::flushPendingRandomStates() {
     for (NodeId n = 0; n < pending_random_states_.size(); ++n) {

@@ -116,6 +116,13 @@ public:
     /// the engine may then only be destroyed.
     void reseedInitialCandidates(std::span<const double> drive_bounds);
 
+    /// Continues under another seed. All random streams start anew, as in a new engine of that
+    /// seed; handles of streams and tapes are gone. At `from` ns each neuron drops its candidate
+    /// and draws one from its new stream. Call it between runs. Throws LookaheadViolation, with
+    /// nothing changed, for a time before openFrom(). A store of the caller may also refuse; the
+    /// engine may then only be destroyed.
+    void reseed(std::uint64_t seed, ModelTime from);
+
     /// Format "KELMWEN3": tag; state count (8), states (40 each); length (8) and "RNDCTX1" blob of
     /// the streams; per neuron its candidate: time, rate, event id (24); log count (8), log (16
     /// each) in canonical order; profile (40); length (8) and "KELMSYN1" blob of the graph;

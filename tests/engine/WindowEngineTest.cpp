@@ -134,6 +134,33 @@ TEST(WindowEngineConstruction, DrawsTheFirstCandidateOfADefaultNeuron) {
     EXPECT_EQ(initialSpontaneousState(1, 0), 0x3c9c77c8b045dfa4);
 }
 
+TEST(WindowEngineReseed, RefusesAProcessedTimeAndServesAnyStore) {
+    const GeneratedModel model = generateModel(4, {.alike = true, .external_events = false});
+    WindowEngine engine = makeEngine(model);
+    WindowEngine stored = makeEngine(model, std::make_unique<BucketEventStore>(model.d_min, 4096));
+    EXPECT_TRUE(engine.isPristine());
+    engine.reseed(8, 0);
+    stored.reseed(8, 0);
+    EXPECT_FALSE(engine.isPristine());
+    CpuWindowBackend cpu;
+    engine.run(cpu, model.horizon / 2);
+    stored.run(cpu, model.horizon / 2);
+    const Blob before = engine.snapshot();
+    const ModelTime from = engine.openFrom();
+    ASSERT_GT(from, 0);
+    expectThrows<LookaheadViolation>(
+        [&] { engine.reseed(9, from - 1); },
+        "KELM event inserted into an already processed window; d_min does not bound this edge");
+    EXPECT_EQ(engine.snapshot(), before);
+    EXPECT_EQ(engine.seed(), 8U);
+    engine.reseed(9, from);
+    stored.reseed(9, from);
+    engine.run(cpu);
+    stored.run(cpu);
+    EXPECT_NE(engine.snapshot(), before);
+    EXPECT_EQ(engine.snapshot(), stored.snapshot());
+}
+
 TEST(WindowEngineRun, TakesWindowsWholeAndSkipsEmptyOnes) {
     WindowEngine engine = silentEngine(1);
     for (const ModelTime time : {0, 9, 10, 35, 39, 40, 990, 1000}) engine.post(inputAt(time, 0));
