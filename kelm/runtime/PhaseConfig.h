@@ -32,9 +32,9 @@ struct PhaseBinding {
 
 /// The oscillators of a runtime and the bindings of its neurons.
 struct PhaseConfig {
-    std::vector<Oscillator> oscillators;
-    std::vector<std::vector<PhaseBinding>> bindings;  ///< shape (neurons): a list per neuron
-    std::vector<OscillatorCoupling> couplings;
+    std::vector<Oscillator> oscillators = {};
+    std::vector<std::vector<PhaseBinding>> bindings = {};  ///< shape (neurons): a list per neuron
+    std::vector<OscillatorCoupling> couplings = {};
     ModelTime coupling_period = 0;  ///< ns, positive if there are couplings
 };
 

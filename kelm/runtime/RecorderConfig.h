@@ -23,7 +23,7 @@ struct RecorderConfig {
     bool record_spikes = true;
     bool causal = false;            ///< keep and check the causal map
     ModelTime sample_interval = 0;  ///< ns; grid of the samples, 0 for none
-    std::vector<SampleKind> sample_kinds;
+    std::vector<SampleKind> sample_kinds = {};
     std::uint8_t reserved = 0;  ///< stored, not interpreted
 };
 
