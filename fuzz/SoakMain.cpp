@@ -108,7 +108,8 @@ int compareWays(Soak& soak, const SoakModel& model, const Arguments& arguments) 
 }
 
 /// Prints a finding, then looks for a smaller model, which takes long.
-void report(Soak& soak, const Finding& finding, const SoakModel& model, const char* program) {
+void report(Soak& soak, const Fuzzing::Finding& finding, const SoakModel& model,
+            const char* program) {
     std::printf("seed %llu: %s differs from %s in %s\n",
                 static_cast<unsigned long long>(model.seed), finding.way.c_str(), Soak::reference,
                 finding.difference.text().c_str());

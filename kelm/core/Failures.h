@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -150,6 +151,56 @@ public:
         "recorder sample interval must not be negative";
     static constexpr const char* short_interval =
         "recorder sample interval is too short for the horizon";
+};
+
+/// A model or options that makeRuntime refuses.
+class InvalidModel : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static constexpr const char* no_backend = "a runtime needs a backend";
+    static constexpr const char* two_parameters =
+        "the options give populations and also a neuron or firing of their own";
+    static std::string populationSizes(const std::string& sum, std::uint64_t neurons) {
+        return "the populations have " + sum + " neurons, and the network has " +
+               std::to_string(neurons);
+    }
+    /// `list`: the texts of `count` findings.
+    static std::string findings(std::size_t count, const std::string& list) {
+        return "the model has " + std::to_string(count) + (count == 1 ? " error: " : " errors: ") +
+               list;
+    }
+};
+
+/// A name of a backend that this program or machine does not have.
+class UnknownBackend : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static std::string named(const std::string& name, const std::string& available) {
+        return "there is no backend '" + name + "' here; there are " + available;
+    }
+};
+
+/// A call at the wrong time on a runtime of makeRuntime. Nothing has changed.
+class RefusedCall : public std::logic_error {
+public:
+    using std::logic_error::logic_error;
+    static constexpr const char* after_failure =
+        "a call of this runtime has failed, so it may only be read or destroyed";
+    static constexpr const char* open_end = "the horizon is open, so a run must be given its end";
+    static constexpr const char* fork_backend =
+        "this runtime was given its backend, so its fork must be given one, too";
+    static std::string backwards(std::int64_t until, std::int64_t position) {
+        return "a run to " + std::to_string(until) + " ns goes backwards: the runtime is at " +
+               std::to_string(position) + " ns";
+    }
+    static std::string pastHorizon(std::int64_t until, std::int64_t horizon) {
+        return "a run to " + std::to_string(until) + " ns goes past the horizon, which is " +
+               std::to_string(horizon) + " ns";
+    }
+    static std::string tooEarly(std::int64_t arrival, std::int64_t earliest) {
+        return "an input that arrives at " + std::to_string(arrival) +
+               " ns comes too early: the earliest time is " + std::to_string(earliest) + " ns";
+    }
 };
 
 /// An event whose declared cause was not recorded.

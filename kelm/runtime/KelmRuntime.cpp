@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
 
 #include "kelm/core/Failures.h"
 #include "kelm/runtime/Checkpoint.h"
+#include "kelm/runtime/RuntimeOptions.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -58,20 +60,21 @@ void addBindings(PhaseModulator& modulator, std::span<const PhaseBinding> bindin
 
 }  // namespace
 
-KelmRuntime::KelmRuntime(SynapseGraph&& network, const Kernel::Neuron& neuron,
-                         const Kernel::Firing& firing, std::uint64_t seed, ModelTime horizon,
-                         IWindowBackend* backend, std::unique_ptr<IEventStore> store,
-                         const PlasticityConfig& plasticity, std::optional<PhaseConfig>&& phase,
+KelmRuntime::KelmRuntime(SynapseGraph&& network, ParameterTable&& parameters, std::uint64_t seed,
+                         ModelTime horizon, IWindowBackend* backend,
+                         std::unique_ptr<IEventStore> store, const PlasticityConfig& plasticity,
+                         std::optional<PhaseConfig>&& phase,
                          std::optional<RecorderConfig>&& recorder,
                          std::vector<InputChannelSpec>&& input_channels,
                          std::optional<PredictionConfig>&& prediction, std::uint64_t config_id,
-                         std::string&& label)
+                         std::string&& label, bool checked)
     : seed_(seed),
       horizon_(horizon),
       config_id_(config_id),
       label_(std::move(label)),
-      engine_(std::move(network), neuron, firing, seed, horizon, std::move(store)),
+      engine_(std::move(network), std::move(parameters), seed, horizon, std::move(store)),
       backend_(backend),
+      checked_(checked),
       plasticity_config_(plasticity) {
     if (plasticity_config_.enabled) createPlasticity();
     if (recorder) createRecorder(std::move(*recorder));
@@ -93,9 +96,10 @@ KelmRuntime makeKelmRuntime(SynapseGraph network, const Kernel::Neuron& neuron,
                             std::vector<InputChannelSpec> input_channels,
                             std::optional<PredictionConfig> prediction, std::uint64_t config_id,
                             std::string label) {
-    return KelmRuntime(std::move(network), neuron, firing, seed, horizon, backend, std::move(store),
-                       plasticity, std::move(phase), std::move(recorder), std::move(input_channels),
-                       std::move(prediction), config_id, std::move(label));
+    return KelmRuntime(std::move(network), ParameterTable(network.nodeCount(), neuron, firing),
+                       seed, horizon, backend, std::move(store), plasticity, std::move(phase),
+                       std::move(recorder), std::move(input_channels), std::move(prediction),
+                       config_id, std::move(label), false);
 }
 
 void KelmRuntime::createPlasticity() {
@@ -109,7 +113,17 @@ void KelmRuntime::createPlasticity() {
 void KelmRuntime::createRecorder(RecorderConfig&& config) {
     const ModelTime interval = config.sample_interval;
     recorder_ = std::make_unique<Recorder>(std::move(config));
-    if (interval <= 0) return;
+    if (interval > 0) declareSamples(interval);
+}
+
+void KelmRuntime::declareSamples(ModelTime interval) {
+    Event sample;
+    sample.kind = EventKind::observation;
+    if (checked_) {
+        sample.time = interval;
+        engine_.declareObserverSeries(sample, interval);
+        return;
+    }
     const ModelTime samples = (horizon_ - 1) / interval;
     if (samples > max_samples) {
         throw withDetail(
@@ -118,8 +132,6 @@ void KelmRuntime::createRecorder(RecorderConfig&& config) {
              .value = decimal(interval) + " ns",
              .bound = "at least a ten-millionth of the horizon, " + decimal(horizon_) + " ns"});
     }
-    Event sample;
-    sample.kind = EventKind::observation;
     for (ModelTime i = 1; i <= samples; ++i) {
         sample.time = i * interval;
         engine_.declareObserverEvent(sample);
@@ -187,22 +199,55 @@ void KelmRuntime::reseedModulated() {
     engine_.reseedInitialCandidates(bounds);
 }
 
-void KelmRuntime::run() { run(horizon_); }
+void KelmRuntime::run() {
+    if (checked_ && horizon_ == open_horizon) throw RefusedCall(RefusedCall::open_end);
+    run(horizon_);
+}
 
 void KelmRuntime::run(ModelTime until) {
+    requireRunTo(until);
     if (backend_ == nullptr) throw std::invalid_argument("a runtime needs a backend");
+    failed_ = true;
     engine_.run(*backend_, until);
+    failed_ = false;
     position_ = until;
+}
+
+void KelmRuntime::runFor(ModelTime duration) { run(addTime(position_, duration)); }
+
+ModelTime KelmRuntime::earliestInput() const { return std::max(position_, engine_.openFrom()); }
+
+void KelmRuntime::requireUsable() const {
+    if (checked_ && failed_) throw RefusedCall(RefusedCall::after_failure);
+}
+
+void KelmRuntime::requireRunTo(ModelTime until) const {
+    requireUsable();
+    if (!checked_) return;
+    if (until < position_) throw RefusedCall(RefusedCall::backwards(until, position_));
+    if (until > horizon_) throw RefusedCall(RefusedCall::pastHorizon(until, horizon_));
+}
+
+void KelmRuntime::requireInputAt(ModelTime arrival) const {
+    requireUsable();
+    if (checked_ && arrival < earliestInput()) {
+        throw RefusedCall(RefusedCall::tooEarly(arrival, earliestInput()));
+    }
 }
 
 std::vector<std::uint64_t> KelmRuntime::inject(const std::string& name, ModelTime time,
                                                double value) {
     if (!input_channels_) throw InvalidModality(InvalidModality::no_channels);
+    if (checked_) {
+        const InputChannelSpec& channel = input_channels_->spec(input_channels_->indexOf(name));
+        requireInputAt(addTime(time, channel.delay));
+    }
     if (injection_trace_ != nullptr) injection_trace_->record(name, time, value);
     return input_channels_->inject(name, time, value, engine_);
 }
 
 std::vector<std::uint64_t> KelmRuntime::perturb(const Perturbation& perturbation) {
+    requireInputAt(perturbation.time);
     return postPerturbation(perturbation, graph().nodeCount(), engine_);
 }
 
@@ -317,6 +362,7 @@ void KelmRuntime::observe(const Event& event, std::span<const Kernel::State> sta
 }
 
 Blob KelmRuntime::checkpoint() {
+    requireUsable();
     Blob blob;
     Checkpoint::appendHead(blob, engine_version, {label_, config_id_, seed_, position_});
     appendNested(blob, engine_.snapshot());
@@ -368,6 +414,7 @@ struct KelmRuntime::State {
 
 /// Reads and checks everything first. The engine is the last that can refuse or run out of memory.
 bool KelmRuntime::restore(BlobView bytes) {
+    requireUsable();
     BlobReader in(bytes);
     Checkpoint::Head head;
     if (!Checkpoint::readHead(in, engine_version, head)) return false;
@@ -375,8 +422,88 @@ bool KelmRuntime::restore(BlobView bytes) {
     State state;
     state.position = head.position;
     if (!readState(in, state) || !engine_.restore(state.engine)) return false;
+    std::vector<SpikeRecord> uncounted;
+    if (checked_ && recorder_) {
+        failed_ = true;  // if memory runs out
+        uncounted = uncountedSpikes(state.records);
+        failed_ = false;
+    }
     adopt(std::move(state));
+    if (checked_ && recorder_) recorder_->setUncounted(std::move(uncounted));
     return true;
+}
+
+/// The spikes of a restored engine that no sample has counted. A checkpoint does not hold them.
+std::vector<SpikeRecord> KelmRuntime::uncountedSpikes(const Recorder::State& records) {
+    std::vector<SpikeRecord> uncounted;
+    if (!recorder_->selects(SampleKind::spike_counts)) return uncounted;
+    const ModelTime counted = records.samples.empty() ? -1 : records.samples.back().time;
+    for (const SpikeRecord& spike : engine_.spikeLog()) {
+        if (spike.time > counted) uncounted.push_back(spike);
+    }
+    return uncounted;
+}
+
+KelmRuntime::KelmRuntime(KelmRuntime& origin, std::unique_ptr<IWindowBackend> backend)
+    : seed_(origin.seed_),
+      horizon_(origin.horizon_),
+      config_id_(origin.config_id_),
+      label_(origin.label_),
+      position_(origin.position_),
+      engine_(SynapseGraph(origin.graph()), origin.engine_.parameters(), seed_, horizon_),
+      backend_(backend.get()),
+      checked_(origin.checked_),
+      owned_backend_(std::move(backend)),
+      make_backend_(origin.make_backend_),
+      warnings_(origin.warnings_),
+      plasticity_config_(origin.plasticity_config_),
+      oscillators_(origin.oscillators_),
+      phase_modulators_(origin.phase_modulators_),
+      modulation_weight_sum_(origin.modulation_weight_sum_),
+      phase_log_(origin.phase_log_),
+      interventions_(origin.interventions_),
+      commit_count_(origin.commit_count_),
+      error_terms_(origin.error_terms_) {
+    const auto copy = [](const auto& from, auto& to) {
+        using Part = std::decay_t<decltype(*from)>;
+        if (from) to = std::make_unique<Part>(*from);
+    };
+    copy(origin.plasticity_, plasticity_);
+    copy(origin.learning_, learning_);
+    copy(origin.recorder_, recorder_);
+    copy(origin.input_channels_, input_channels_);
+    copy(origin.prediction_, prediction_);
+    if (oscillators_) {
+        for (PhaseModulator& modulator : phase_modulators_) modulator.moveTo(*oscillators_);
+        if (plasticity_) plasticity_->setBank(&*oscillators_);
+    }
+    if (recorder_ && recorder_->config().sample_interval > 0 && checked_) {
+        declareSamples(recorder_->config().sample_interval);
+    }
+    engine_.setHooks(oscillators_ || prediction_ ? this : nullptr, this, this);
+    if (!engine_.restore(origin.engine_.snapshot())) {
+        throw std::logic_error("the engine of a fork refuses the snapshot of its origin");
+    }
+}
+
+std::unique_ptr<KelmRuntime> KelmRuntime::fork() {
+    requireUsable();
+    if (!make_backend_) throw RefusedCall(RefusedCall::fork_backend);
+    return fork(make_backend_());
+}
+
+std::unique_ptr<KelmRuntime> KelmRuntime::fork(std::unique_ptr<IWindowBackend> backend) {
+    requireUsable();
+    if (backend == nullptr) throw InvalidModel(InvalidModel::no_backend);
+    return std::unique_ptr<KelmRuntime>(new KelmRuntime(*this, std::move(backend)));
+}
+
+void KelmRuntime::reseed(std::uint64_t seed) {
+    requireUsable();
+    failed_ = true;
+    engine_.reseed(seed, earliestInput());
+    failed_ = false;
+    seed_ = seed;
 }
 
 bool KelmRuntime::readState(BlobReader& in, State& state) const {

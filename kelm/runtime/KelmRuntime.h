@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -29,8 +30,11 @@
 #include "kelm/runtime/PredictionConfig.h"
 #include "kelm/runtime/Recorder.h"
 #include "kelm/runtime/RecorderConfig.h"
+#include "kelm/runtime/Validation.h"
 
 namespace Lumenar::Core::Kelm {
+
+struct RuntimeOptions;
 
 /// The version in a checkpoint. A runtime restores only checkpoints of its own version.
 inline constexpr std::string_view engine_version = "2.0.0-beta.1";
@@ -46,10 +50,10 @@ inline constexpr std::string_view engine_version = "2.0.0-beta.1";
 /// and perturbations are events, posted between runs. All of this runs on the host, in one order,
 /// so a composed run gives the same bits on every backend.
 ///
-/// makeKelmRuntime builds one. The engine's hooks refer to the object, so it is neither copied nor
-/// moved. Between runs a caller may use its parts. Learning notices a weight that was set in the
-/// graph at the synapse's next change. If run throws, the runtime may only be destroyed. A missing
-/// backend is the exception. One thread at a time.
+/// makeRuntime makes one, and makeKelmRuntime one without its checks. The engine's hooks refer to
+/// the object, so it is neither copied nor moved. Between runs a caller may use its parts. Learning
+/// notices a weight that was set in the graph at the synapse's next change. If run throws, the
+/// runtime may only be destroyed. A missing backend is the exception. One thread at a time.
 class KelmRuntime : private IWindowPrepare, private IWindowCommit, private IWindowObserver {
 public:
     KelmRuntime(const KelmRuntime&) = delete;
@@ -61,6 +65,8 @@ public:
     void run();
     /// Runs every window that starts before `until` ns. Throws as above, with position() unchanged.
     void run(ModelTime until);
+    /// Runs to `duration` ns after position(). Throws as above, and TimeOverflow.
+    void runFor(ModelTime duration);
 
     /// Injects a value on a named input channel at `time` ns and returns the ids of its events.
     /// Throws InvalidModality without channels, then what the injection trace, if one is set, and
@@ -70,6 +76,11 @@ public:
     /// Acts on neurons directly, without a channel. Returns the ids of the events. Throws as
     /// postPerturbation does.
     std::vector<std::uint64_t> perturb(const Perturbation& perturbation);
+
+    /// The first time in ns at which an input may arrive; the run is complete up to it. An
+    /// injection arrives a channel's delay after its time. A store of the caller may refuse later
+    /// times, too.
+    ModelTime earliestInput() const;
 
     // The parts; null for a part that the runtime lacks.
     Recorder* recorder() { return recorder_.get(); }
@@ -132,7 +143,32 @@ public:
     /// Memory: one copy of what the checkpoint holds, beside the live state.
     [[nodiscard]] bool restore(BlobView bytes);
 
+    /// A runtime in the same state, with a backend of its own. Both continue to the same bits if
+    /// the callers do the same. Callables are copied: what they refer to is shared. The fork has no
+    /// commit listener and no injection trace. Call it between runs.
+    /// Throws RefusedCall where the runtime was not made with a function that makes backends, and
+    /// std::logic_error where a store of the caller gives a snapshot that the fork cannot read.
+    std::unique_ptr<KelmRuntime> fork();
+    /// The same with a given backend. Throws InvalidModel for none.
+    std::unique_ptr<KelmRuntime> fork(std::unique_ptr<IWindowBackend> backend);
+
+    /// Continues under another seed. All random streams start anew, as in a new runtime of that
+    /// seed. Each neuron drops its candidate and draws the next one at earliestInput(), from its
+    /// new stream. Everything else stays. So the run from here on depends on the state and the new
+    /// seed alone, and two runs reseeded alike are equal. Handles of streams and their tapes are
+    /// gone. A checkpoint from here on is one of the new seed: a runtime that was made with that
+    /// seed accepts it. Call it between runs.
+    void reseed(std::uint64_t seed);
+
+    /// What is unusual about the model; empty unless makeRuntime made the runtime.
+    std::span<const Finding> warnings() const { return warnings_; }
+
 private:
+    friend std::unique_ptr<KelmRuntime> makeRuntime(SynapseGraph network, RuntimeOptions options,
+                                                    std::unique_ptr<IWindowBackend> backend);
+    friend std::unique_ptr<KelmRuntime> makeRuntime(
+        SynapseGraph network, RuntimeOptions options,
+        std::function<std::unique_ptr<IWindowBackend>()> make_backend);
     friend KelmRuntime makeKelmRuntime(
         SynapseGraph network, const Kernel::Neuron& neuron, const Kernel::Firing& firing,
         std::uint64_t seed, ModelTime horizon, IWindowBackend* backend,
@@ -141,16 +177,25 @@ private:
         std::vector<InputChannelSpec> input_channels, std::optional<PredictionConfig> prediction,
         std::uint64_t config_id, std::string label);
 
-    KelmRuntime(SynapseGraph&& network, const Kernel::Neuron& neuron, const Kernel::Firing& firing,
-                std::uint64_t seed, ModelTime horizon, IWindowBackend* backend,
-                std::unique_ptr<IEventStore> store, const PlasticityConfig& plasticity,
-                std::optional<PhaseConfig>&& phase, std::optional<RecorderConfig>&& recorder,
+    /// `checked`: for makeRuntime.
+    KelmRuntime(SynapseGraph&& network, ParameterTable&& parameters, std::uint64_t seed,
+                ModelTime horizon, IWindowBackend* backend, std::unique_ptr<IEventStore> store,
+                const PlasticityConfig& plasticity, std::optional<PhaseConfig>&& phase,
+                std::optional<RecorderConfig>&& recorder,
                 std::vector<InputChannelSpec>&& input_channels,
                 std::optional<PredictionConfig>&& prediction, std::uint64_t config_id,
-                std::string&& label);
+                std::string&& label, bool checked);
+    /// A fork.
+    KelmRuntime(KelmRuntime& origin, std::unique_ptr<IWindowBackend> backend);
+
+    void declareSamples(ModelTime interval);
+    void requireUsable() const;
+    void requireRunTo(ModelTime until) const;
+    void requireInputAt(ModelTime arrival) const;
 
     void createPlasticity();
     void createRecorder(RecorderConfig&& config);
+    std::vector<SpikeRecord> uncountedSpikes(const Recorder::State& records);
     void createInputChannels(std::vector<InputChannelSpec>&& specs);
     void createPrediction(PredictionConfig&& config);
     void createOscillators(PhaseConfig&& config);
@@ -181,6 +226,12 @@ private:
     ModelTime position_ = 0;
     WindowEngine engine_;
     IWindowBackend* backend_;
+    // What makeRuntime adds.
+    bool checked_ = false;  ///< refuses calls at the wrong time
+    bool failed_ = false;   ///< a call has left the state incomplete
+    std::unique_ptr<IWindowBackend> owned_backend_;
+    std::function<std::unique_ptr<IWindowBackend>()> make_backend_;
+    std::vector<Finding> warnings_;
     PlasticityConfig plasticity_config_;
     std::unique_ptr<PlasticityEngine> plasticity_;
     std::unique_ptr<LearningControl> learning_;

@@ -21,6 +21,9 @@ public:
     /// Without bindings, at gain 1.
     explicit PhaseModulator(const OscillatorBank& bank) : bank_(&bank) {}
 
+    /// Makes a copy refer to a copy of the bank.
+    void moveTo(const OscillatorBank& bank) { bank_ = &bank; }
+
     /// Throws, with nothing added, InvalidOscillator for an oscillator that the bank lacks,
     /// whatever the polarity, then InvalidPhaseModulation for a strength or offset that is not
     /// finite.

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <span>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "kelm/core/ModelTime.h"
@@ -107,6 +108,10 @@ public:
         std::unordered_map<std::uint64_t, Cause> causes;  ///< by event id
     };
     void adopt(State&& state) noexcept;
+    /// Replaces the spikes that no sample has counted yet.
+    void setUncounted(std::vector<SpikeRecord>&& spikes) noexcept {
+        uncounted_ = std::move(spikes);
+    }
 
 private:
     void requireKnown(Cause cause) const;

@@ -25,10 +25,12 @@ TEST(Failures, AreCaughtByTheirKind) {
     EXPECT_TRUE(
         (are_all<Argument, InvalidSynapse, InvalidLookahead, InvalidShardLayout, InvalidThreadCount,
                  InvalidLearningControl, InvalidRecorder, InvalidPrediction, InvalidIntervention,
-                 InvalidModality, InvalidPhaseModulation, InvalidOscillator, InvalidPlasticity>));
-    EXPECT_TRUE(
-        (are_all<std::logic_error, WindowEngineError, LookaheadViolation, BrokenCausalTrace>));
-    EXPECT_TRUE((are_none<Argument, WindowEngineError, LookaheadViolation, BrokenCausalTrace>));
+                 InvalidModality, InvalidPhaseModulation, InvalidOscillator, InvalidPlasticity,
+                 InvalidModel, UnknownBackend>));
+    EXPECT_TRUE((are_all<std::logic_error, WindowEngineError, LookaheadViolation, BrokenCausalTrace,
+                         RefusedCall>));
+    EXPECT_TRUE((
+        are_none<Argument, WindowEngineError, LookaheadViolation, BrokenCausalTrace, RefusedCall>));
     EXPECT_TRUE((are_all<std::runtime_error, TimeOverflow, IncompatibleCheckpoint,
                          RefusedCheckpoint, Runtime::ReplayExhausted>));
     EXPECT_TRUE((are_all<std::out_of_range, SynapseRoutingViolation>));

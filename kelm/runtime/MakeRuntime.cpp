@@ -1,0 +1,123 @@
+#include "kelm/runtime/MakeRuntime.h"
+
+#include <algorithm>
+#include <limits>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kelm/core/Failures.h"
+#include "kelm/runtime/Fingerprint.h"
+#include "kelm/runtime/Validation.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+/// The populations of the options, or the one that holds the whole network.
+std::vector<Population> populationsOf(const SynapseGraph& network, RuntimeOptions& options) {
+    if (options.populations.empty()) {
+        return {{"", network.nodeCount(), options.neuron, options.firing}};
+    }
+    if (!(options.neuron == Kernel::Neuron()) || !(options.firing == Kernel::Firing())) {
+        throw InvalidModel(InvalidModel::two_parameters);
+    }
+    std::uint64_t sum = 0;
+    for (const Population& population : options.populations) {
+        if (population.size > std::numeric_limits<std::uint64_t>::max() - sum) {
+            throw InvalidModel(InvalidModel::populationSizes("2^64 or more", network.nodeCount()));
+        }
+        sum += population.size;
+    }
+    if (sum != network.nodeCount()) {
+        throw InvalidModel(InvalidModel::populationSizes(decimal(sum), network.nodeCount()));
+    }
+    return std::move(options.populations);
+}
+
+std::string nameOf(const Population& population, NodeId first) {
+    std::string neurons = population.size == 1 ? "neuron " + decimal(first)
+                                               : "neurons " + decimal(first) + " to " +
+                                                     decimal(first + population.size - 1);
+    if (population.name.empty()) return neurons;
+    return "population '" + population.name + "' (" + neurons + ")";
+}
+
+/// All findings, each with the neurons that it is about.
+std::vector<Finding> findingsOf(const SynapseGraph& network, ModelTime window,
+                                std::span<const Population> populations, ModelTime horizon) {
+    std::vector<Finding> findings = validate(network);
+    const auto add = [&](Finding finding, const std::string& name) {
+        // Window and horizon are those of all populations.
+        if (finding.field != "window" && finding.field != "horizon") {
+            finding.text = name + ": " + finding.text;
+        }
+        const auto equals = [&](const Finding& other) { return other.text == finding.text; };
+        if (std::none_of(findings.begin(), findings.end(), equals)) {
+            findings.push_back(std::move(finding));
+        }
+    };
+    const std::optional<ModelTime> end =
+        horizon == open_horizon ? std::nullopt : std::optional(horizon);
+    NodeId first = 0;
+    for (const Population& population : populations) {
+        if (population.size == 0) continue;
+        for (Finding& finding : validate(population.neuron, population.firing, window, end)) {
+            add(std::move(finding), nameOf(population, first));
+        }
+        first += population.size;
+    }
+    return findings;
+}
+
+/// Throws the texts of all errors, if there are any.
+void refuseErrors(std::span<const Finding> findings) {
+    std::size_t count = 0;
+    std::string list;
+    for (const Finding& finding : findings) {
+        if (finding.severity != Finding::Severity::error) continue;
+        if (count++ > 0) list += "; ";
+        list += finding.text;
+    }
+    if (count > 0) throw InvalidModel(InvalidModel::findings(count, list));
+}
+
+}  // namespace
+
+std::unique_ptr<KelmRuntime> makeRuntime(SynapseGraph network, RuntimeOptions options,
+                                         std::unique_ptr<IWindowBackend> backend) {
+    if (backend == nullptr) throw InvalidModel(InvalidModel::no_backend);
+    const std::vector<Population> populations = populationsOf(network, options);
+    const std::optional<ModelTime> window = network.dMin();
+    if (!window) throw WindowEngineError(WindowEngineError::no_d_min);
+    std::vector<Finding> findings = findingsOf(network, *window, populations, options.horizon);
+    refuseErrors(findings);
+
+    ParameterTable parameters(populations);
+    const std::uint64_t config_id =
+        fingerprint(network, parameters, options.horizon, options.plasticity, options.phase,
+                    options.recorder, options.input_channels, options.prediction);
+    std::unique_ptr<KelmRuntime> runtime(
+        new KelmRuntime(std::move(network), std::move(parameters), options.seed, options.horizon,
+                        backend.get(), nullptr, options.plasticity, std::move(options.phase),
+                        std::move(options.recorder), std::move(options.input_channels),
+                        std::move(options.prediction), config_id, std::move(options.label), true));
+    runtime->owned_backend_ = std::move(backend);
+    runtime->warnings_ = std::move(findings);
+    if (runtime->learning_ && !options.learning_journal) {
+        runtime->learning_->setJournal(JournalMode::off);
+    }
+    return runtime;
+}
+
+std::unique_ptr<KelmRuntime> makeRuntime(
+    SynapseGraph network, RuntimeOptions options,
+    std::function<std::unique_ptr<IWindowBackend>()> make_backend) {
+    std::unique_ptr<KelmRuntime> runtime =
+        makeRuntime(std::move(network), std::move(options), make_backend());
+    runtime->make_backend_ = std::move(make_backend);
+    return runtime;
+}
+
+}  // namespace Lumenar::Core::Kelm

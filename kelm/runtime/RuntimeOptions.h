@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kelm/core/ModelTime.h"
+#include "kelm/engine/ParameterTable.h"
+#include "kelm/kernel/NeuronModel.h"
+#include "kelm/runtime/InputChannelSpec.h"
+#include "kelm/runtime/PhaseConfig.h"
+#include "kelm/runtime/PlasticityConfig.h"
+#include "kelm/runtime/PredictionConfig.h"
+#include "kelm/runtime/RecorderConfig.h"
+
+namespace Lumenar::Core::Kelm {
+
+/// The horizon of a run without a planned end: 2^60 ns, which is more than 36 years.
+inline constexpr ModelTime open_horizon = ModelTime{1} << 60;
+
+/// What makeRuntime makes a runtime of, besides the network.
+struct RuntimeOptions {
+    std::uint64_t seed = 0;            ///< of all random streams
+    ModelTime horizon = open_horizon;  ///< ns; no run goes past it
+    std::string backend = "auto";      ///< "auto", "cpu", "lanes", "threads" or "cuda"
+    std::uint64_t threads = 0;         ///< of "auto" and "threads", at most; 0: one a processor
+    Kernel::Neuron neuron = {};        ///< of every neuron, without populations
+    Kernel::Firing firing = {};        ///< of every neuron, without populations
+    /// Consecutive ranges of neurons that make up the network; empty where all are alike.
+    std::vector<Population> populations = {};
+    PlasticityConfig plasticity = {};             ///< weights learn if it is enabled
+    bool learning_journal = false;                ///< keep every weight change that learning makes
+    std::optional<PhaseConfig> phase = {};        ///< oscillators and bindings
+    std::optional<RecorderConfig> recorder = {};  ///< what is recorded
+    std::vector<InputChannelSpec> input_channels = {};
+    std::optional<PredictionConfig> prediction = {};  ///< error channels
+    std::string label = "unknown";                    ///< a name in checkpoints
+};
+
+}  // namespace Lumenar::Core::Kelm
