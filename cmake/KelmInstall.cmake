@@ -16,7 +16,7 @@ install(TARGETS ${installed_targets} EXPORT kelmTargets FILE_SET HEADERS)
 install(EXPORT kelmTargets NAMESPACE kelm:: DESTINATION ${package_dir})
 
 # All that is installed, without the emulated device.
-add_custom_target(kelm-libraries DEPENDS ${installed_targets})
+add_custom_target(kelm-libraries DEPENDS ${installed_targets} kelm_backends)
 if(KELM_HAVE_THREADS)
     add_dependencies(kelm-libraries kelm_threads)
 endif()
@@ -26,3 +26,7 @@ if(KELM_HAVE_THREADS)
     install(TARGETS kelm_threads EXPORT kelmThreadsTargets FILE_SET HEADERS)
     install(EXPORT kelmThreadsTargets NAMESPACE kelm:: DESTINATION ${package_dir})
 endif()
+
+# Also separate: it needs what its backends need.
+install(TARGETS kelm_backends EXPORT kelmBackendsTargets FILE_SET HEADERS)
+install(EXPORT kelmBackendsTargets NAMESPACE kelm:: DESTINATION ${package_dir})

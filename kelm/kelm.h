@@ -1,9 +1,11 @@
 #pragma once
 
 // All headers that a program needs to build, run and store models, and the short namespace kelm.
-// Backends in libraries of their own have their own headers: kelm/lanes/LaneCpuBackend.h,
+// A program that names its backend links kelm::backends, any other one kelm::kelm. The backends in
+// libraries of their own have their own headers: kelm/lanes/LaneCpuBackend.h,
 // kelm/threads/ThreadedCpuBackend.h and kelm/cuda/CudaWindowBackend.h.
 
+#include "kelm/backends/Backends.h"
 #include "kelm/core/Blob.h"
 #include "kelm/core/Digest.h"
 #include "kelm/core/Failures.h"
@@ -20,6 +22,8 @@
 #include "kelm/runtime/CheckpointSummary.h"
 #include "kelm/runtime/Fingerprint.h"
 #include "kelm/runtime/KelmRuntime.h"
+#include "kelm/runtime/MakeRuntime.h"
+#include "kelm/runtime/RuntimeOptions.h"
 #include "kelm/runtime/Validation.h"
 
 namespace Lumenar::Core::Kelm {

@@ -18,7 +18,7 @@ execute_process(COMMAND ${CMAKE_COMMAND} -S ${SOURCE} -B ${user} -G ${GENERATOR}
     COMMAND_ERROR_IS_FATAL ANY)
 execute_process(COMMAND ${CMAKE_COMMAND} --build ${user} --config ${CONFIG}
     COMMAND_ERROR_IS_FATAL ANY)
-set(programs user shared_user)
+set(programs user backends_user shared_user)
 if(THREADS)
     list(APPEND programs threads_user)
 endif()
