@@ -1,5 +1,6 @@
 #include "bench/runtime/ComposedCases.h"
 
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -11,6 +12,7 @@
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/engine/WindowEngine.h"
 #include "kelm/runtime/KelmRuntime.h"
+#include "kelm/runtime/MakeRuntime.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -59,20 +61,26 @@ void noteOutcome(Model& model, ComposedMeasurement& result) {
 /// Runs both halves. `before_half` gets the runtime and the start of the half in ns, and returns
 /// the number of its calls.
 template <class BeforeHalf>
+ComposedMeasurement measureHalvesOf(KelmRuntime& runtime, ModelTime horizon,
+                                    BeforeHalf before_half) {
+    ComposedMeasurement result;
+    for (int half = 0; half < 2; ++half) {
+        const double start = processorSeconds();
+        result.calls += before_half(runtime, half * (horizon / 2));
+        result.call_seconds += processorSeconds() - start;
+        result.halves[half] =
+            measureStretch(runtime, [&] { runtime.run(half == 0 ? horizon / 2 : horizon); });
+    }
+    noteOutcome(runtime, result);
+    return result;
+}
+
+template <class BeforeHalf>
 ComposedMeasurement measureHalves(const BenchmarkScale& scale, Parts parts,
                                   BeforeHalf before_half) {
     CpuWindowBackend backend;
     KelmRuntime runtime = makeRuntime(scale, std::move(parts), backend);
-    ComposedMeasurement result;
-    for (int half = 0; half < 2; ++half) {
-        const double start = processorSeconds();
-        result.calls += before_half(runtime, half * (scale.horizon / 2));
-        result.call_seconds += processorSeconds() - start;
-        result.halves[half] = measureStretch(
-            runtime, [&] { runtime.run(half == 0 ? scale.horizon / 2 : scale.horizon); });
-    }
-    noteOutcome(runtime, result);
-    return result;
+    return measureHalvesOf(runtime, scale.horizon, before_half);
 }
 
 ComposedMeasurement measureHalves(const BenchmarkScale& scale, Parts parts) {
@@ -87,6 +95,19 @@ ComposedMeasurement measureSettled(const BenchmarkScale& scale, Parts parts, Set
         if (start == 0) settle(runtime);
         return std::uint64_t{0};
     });
+}
+
+ComposedMeasurement measureOptions(const BenchmarkScale& scale) {
+    BenchmarkWorkload workload = buildBenchmarkWorkload(scale);
+    const std::unique_ptr<KelmRuntime> runtime = makeRuntime(
+        SynapseGraph(workload.neuron_count, workload.min_delay, std::move(workload.synapses)),
+        {.seed = benchmark_seed,
+         .horizon = workload.horizon,
+         .neuron = workload.neuron,
+         .firing = workload.firing},
+        std::make_unique<CpuWindowBackend>());
+    return measureHalvesOf(*runtime, scale.horizon,
+                           [](KelmRuntime&, ModelTime) { return std::uint64_t{0}; });
 }
 
 ComposedMeasurement measureBareEngine(const BenchmarkScale& scale) {
@@ -278,6 +299,7 @@ constexpr ComposedCase all_cases[] = {
     {"bare", "", false, "the engine without a runtime", measureBareEngine},
     {"empty", "bare", true, "a runtime without parts",
      [](const Scale& scale) { return measureHalves(scale, {}); }},
+    {"options", "empty", true, "a runtime of makeRuntime", measureOptions},
 
     {"phase-1", "empty", false, "one phase binding per neuron",
      [](const Scale& scale) { return measureHalves(scale, withPhase(scale, 1)); }},
