@@ -12,6 +12,7 @@ namespace {
 
 constexpr BlobTag format_tag("KELMSYN1");
 constexpr std::size_t edge_bytes = 63;
+constexpr const char* weight_bound = "finite and at least 0";
 
 bool isWeight(float weight) { return std::isfinite(weight) && !(weight < 0.0F); }
 
@@ -38,7 +39,7 @@ FailureDetail detailOfFault(const Synapse& synapse, EdgeId id, std::uint64_t nod
     if (synapse.source >= node_count) return detail("source", decimal(synapse.source), below);
     if (synapse.target >= node_count) return detail("target", decimal(synapse.target), below);
     if (!isWeight(synapse.weight)) {
-        return detail("weight", decimal(synapse.weight), "finite and at least 0");
+        return detail("weight", decimal(synapse.weight), weight_bound);
     }
     return detail("delay", decimal(synapse.delay) + " ns",
                   "at least " + decimal(min_delay.value_or(1)) + " ns");
@@ -189,6 +190,30 @@ void SynapseGraph::setWeight(EdgeId id, float weight) {
     holder_link_.expandRuns();
     if (reweighted_.recording) noteReweighted(synapses_.target(id));
     synapses_.setWeight(id, weight);
+}
+
+void SynapseGraph::readWeights(EdgeId first, std::span<float> weights) const {
+    checkRange(first, weights.size());
+    for (std::size_t i = 0; i < weights.size(); ++i) weights[i] = synapses_.weight(first + i);
+}
+
+void SynapseGraph::writeWeights(EdgeId first, std::span<const float> weights) {
+    const auto invalid = std::find_if_not(weights.begin(), weights.end(), isWeight);
+    if (invalid != weights.end()) {
+        const auto place = static_cast<std::uint64_t>(invalid - weights.begin());
+        throw withDetail(InvalidSynapse(InvalidSynapse::weight),
+                         {"synapse", first + place, "weight", decimal(*invalid), weight_bound});
+    }
+    checkRange(first, weights.size());
+    if (weights.empty()) return;
+    holder_link_.expandRuns();
+    // First, because a note may lack memory. A note without a change costs time alone.
+    if (reweighted_.recording) {
+        for (std::size_t i = 0; i < weights.size(); ++i) {
+            noteReweighted(synapses_.target(first + i));
+        }
+    }
+    for (std::size_t i = 0; i < weights.size(); ++i) synapses_.setWeight(first + i, weights[i]);
 }
 
 void SynapseGraph::noteReweighted(NodeId target) {

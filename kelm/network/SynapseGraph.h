@@ -162,6 +162,15 @@ public:
     /// nothing changed.
     void setWeight(EdgeId id, float weight);
 
+    /// Reads the weight magnitudes of synapses `first` and following.
+    /// Throws SynapseRoutingViolation for a range that does not lie in the network.
+    void readWeights(EdgeId first, std::span<float> weights) const;
+    /// Sets the weight magnitudes of synapses `first` and following, as setWeight does for each.
+    /// Throws, with nothing changed, InvalidSynapse for a weight that is negative or not finite,
+    /// with the first such synapse as its detail, then SynapseRoutingViolation as readWeights does.
+    /// May throw std::bad_alloc, with nothing changed.
+    void writeWeights(EdgeId first, std::span<const float> weights);
+
     /// Replaces `targets` by the neurons whose incoming weights were set since an earlier call,
     /// also to the same value: ascending, each once. `last_call` is what that call returned, 0 for
     /// none. Returns the number of this call.
@@ -368,6 +377,11 @@ private:
     std::size_t checked(EdgeId id) const {
         if (id >= synapses_.size()) throw SynapseRoutingViolation(SynapseRoutingViolation::edge);
         return static_cast<std::size_t>(id);
+    }
+    void checkRange(EdgeId first, std::size_t count) const {
+        if (first > synapses_.size() || count > synapses_.size() - first) {
+            throw SynapseRoutingViolation(SynapseRoutingViolation::edge);
+        }
     }
     /// The link to the holder of the runs, if there is one. Assigning to a graph or moving from it
     /// expands its runs and cuts its link; a copy has no link. The first member of the graph, so

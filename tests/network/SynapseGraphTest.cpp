@@ -15,8 +15,11 @@
 #include <utility>
 #include <vector>
 
+#include "kelm/core/Failures.h"
+#include "kelm/engine/CpuWindowBackend.h"
 #include "tests/support/Draws.h"
 #include "tests/support/ExpectThrows.h"
+#include "tests/support/GeneratedModel.h"
 #include "tests/support/RecordingSink.h"
 #include "tests/support/SameImages.h"
 
@@ -363,6 +366,62 @@ TEST(SynapseGraph, ReturnsTheNeuronsWhoseIncomingWeightsWereSetSinceTheLastCall)
         }
         ASSERT_EQ(takeTargets(graph, last_call), Nodes(expected.begin(), expected.end())) << round;
         expected.clear();
+    }
+}
+
+// While an engine runs, its calendar holds runs of deliveries that read the weights.
+TEST(SynapseGraph, WritesARangeOfWeightsAsOneByOneAllOrNone) {
+    CpuWindowBackend cpu;
+    for (std::uint64_t seed = 1; seed <= 6; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        const GeneratedModel model = generateModel(seed, {.alike = true, .fans = true});
+        WindowEngine engine = makeEngine(model);
+        WindowEngine twin = makeEngine(model);
+        std::uint64_t call = 0, twins_call = 0;
+        takeTargets(engine.graph(), call);
+        takeTargets(twin.graph(), twins_call);
+        Draws draws(seed);
+        const std::uint64_t count = model.synapses.size();
+        for (int round = 1; round <= 4; ++round) {
+            engine.run(cpu, model.horizon * round / 5);
+            twin.run(cpu, model.horizon * round / 5);
+            const EdgeId first = draws.below(count);
+            std::vector<float> weights(draws.below(count - first + 1));
+            for (float& weight : weights) weight = static_cast<float>(draws.between(0.0, 2.0));
+            engine.graph().writeWeights(first, weights);
+            for (std::size_t i = 0; i < weights.size(); ++i) {
+                twin.graph().setWeight(first + i, weights[i]);
+            }
+            std::vector<float> read(weights.size());
+            engine.graph().readWeights(first, read);
+            ASSERT_EQ(read, weights);
+            ASSERT_EQ(takeTargets(engine.graph(), call), takeTargets(twin.graph(), twins_call));
+            ASSERT_EQ(engine.snapshot(), twin.snapshot());
+
+            weights.assign(count - first, 1.0F);
+            const Blob before = engine.snapshot();
+            for (const auto& [from, size] :
+                 {std::pair(first, count - first + 1), {count + 1, 0}, {~std::uint64_t{0}, 2}}) {
+                weights.resize(size, 1.0F);
+                const auto write = [&] { engine.graph().writeWeights(from, weights); };
+                const auto read_back = [&] { engine.graph().readWeights(from, weights); };
+                expectThrows<SynapseRoutingViolation>(write, edge_text);
+                expectThrows<SynapseRoutingViolation>(read_back, edge_text);
+            }
+            weights.assign({1.0F, -1.0F, undefined});
+            try {
+                engine.graph().writeWeights(first, weights);
+                FAIL() << "a negative weight";
+            } catch (const InvalidSynapse& failure) {
+                EXPECT_EQ(std::string(failure.what()), weight_text);
+                ASSERT_NE(failure.detail(), nullptr);
+                EXPECT_EQ(failure.detail()->text(), "synapse " + std::to_string(first + 1) +
+                                                        ": weight is -1, must be finite and at "
+                                                        "least 0");
+            }
+            ASSERT_EQ(engine.snapshot(), before);
+        }
+        engine.graph().writeWeights(count, {});
     }
 }
 
