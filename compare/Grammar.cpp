@@ -26,7 +26,7 @@ private:
         std::size_t at = 0;
         // A name may hold spaces.
         const std::size_t colon = grammar.find(':');
-        if (grammar.find_first_of("0123456789=#~*+?&({") > colon) at = colon;
+        if (grammar.find_first_of("0123456789=#~*+?&!({") > colon) at = colon;
         for (; at < grammar.size() && (depth != 0 || grammar[at] != ' '); ++at) {
             if (grammar[at] == '(' || grammar[at] == '{') ++depth;
             if (grammar[at] == ')' || grammar[at] == '}') --depth;
@@ -46,7 +46,7 @@ private:
     /// `grammar` is one item.
     bool parseItem(std::string_view grammar, Part& part) {
         const std::size_t colon = grammar.find(':');
-        const std::size_t first = grammar.find_first_of("0123456789=#~*+?&({");
+        const std::size_t first = grammar.find_first_of("0123456789=#~*+?&!({");
         if (first > colon) {
             part.name = grammar.substr(0, colon);
             grammar.remove_prefix(colon + 1);
@@ -78,6 +78,8 @@ private:
                 return parseRepeated(inner, counted_, part);
             case '&':
                 return parseRepeated(inner, listed_ != 0 ? 1 : 0, part);
+            case '!':
+                return parseRepeated(inner, at_ != end_ ? 1 : 0, part);
             case '?':
                 return readNumber(1, count) && count <= 1 && parseRepeated(inner, count, part);
             case '*':
@@ -162,6 +164,6 @@ const std::string checkpoint_grammar =
     " ?8) samples:*(8 *8 *8 8) causes:*(8 ?8) channels:*(8 1 8 8 8 8) precisions:*8 "
     "&(observations:*(8 8 8 8 8 8) reserved pair:(8 8)) gains:(8 8 8 8 8 8 8 8 8) "
     "switches:(1 1 1 1 1 1 1 1 1) intervention log:*8 commit count:8 extension tag:8 "
-    "extension:*(*8 *8 *8 *8)";
+    "extension:*(*8 *8 *8 *8) !(taken tag:=8 taken spikes:8 taken digest:8)";
 
 }  // namespace Lumenar::Core::Kelm::Compare

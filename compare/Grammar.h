@@ -32,6 +32,7 @@ struct Part {
 ///     *item   a 64-bit count, then the item, repeated as often; "+" for a 32-bit count
 ///     ?item   a byte, then the item if the byte is 1
 ///     &item   the item, if the last list was not empty
+///     !item   the item, if bytes are left; only at the end
 ///     (list)  items
 ///     {list}  a 64-bit length, then items in that many bytes; no items if the length is 0
 /// and may have a name and a colon in front.

@@ -29,7 +29,7 @@ void write(Blob& blob, const Part& part) {
 }
 
 void collect(Part& part, std::vector<Part*>& places) {
-    if (part.kind == '0' || part.kind == '*' || part.kind == '+') places.push_back(&part);
+    if (std::string_view("0*+!").find(part.kind) != std::string_view::npos) places.push_back(&part);
     for (Part& item : part.parts) collect(item, places);
 }
 

@@ -102,6 +102,8 @@ std::vector<Seed> realSnapshots() {
         if (!model().perform(i, i + 1, *runtime, outcomes)) break;
         if (model().steps[i].until) addSnapshots(*runtime, seeds);
     }
+    (void)runtime->takeSpikes();
+    addSnapshots(*runtime, seeds);
     addShortRings(seeds);
     return seeds;
 }

@@ -16,9 +16,9 @@ constexpr std::uint64_t digestByte(std::uint64_t hash, std::uint8_t byte) {
     return (hash ^ byte) * 0x100000001b3;
 }
 
-/// 64-bit digest of a byte sequence.
-constexpr std::uint64_t digest(std::span<const std::uint8_t> bytes) {
-    std::uint64_t hash = digest_start;
+/// 64-bit digest of a byte sequence, or of one that continues a sequence with the digest `hash`.
+constexpr std::uint64_t digest(std::span<const std::uint8_t> bytes,
+                               std::uint64_t hash = digest_start) {
     for (const std::uint8_t byte : bytes) hash = digestByte(hash, byte);
     return hash;
 }
@@ -30,12 +30,13 @@ constexpr std::uint64_t digest(std::string_view text) {
     return hash;
 }
 
-/// 64-bit digest of the bytes of records, which must have no unnamed padding.
+/// 64-bit digest of the bytes of records, which must have no unnamed padding. `hash` as above.
 template <class Record>
-std::uint64_t digestImages(std::span<const Record> records) {
+std::uint64_t digestImages(std::span<const Record> records, std::uint64_t hash = digest_start) {
     static_assert(std::is_trivially_copyable_v<Record>);
     return digest(
-        std::span(reinterpret_cast<const std::uint8_t*>(records.data()), records.size_bytes()));
+        std::span(reinterpret_cast<const std::uint8_t*>(records.data()), records.size_bytes()),
+        hash);
 }
 
 }  // namespace Lumenar::Core::Kelm

@@ -37,6 +37,9 @@ public:
     static constexpr const char* late_reseed = "initial candidates can only be reseeded before run";
     static constexpr const char* late_observation =
         "observer events must be declared before the run";
+    static constexpr const char* late_take = "spikes can only be taken between runs";
+    static constexpr const char* take_order =
+        "a spike lies before the spikes that were taken: the store hands out windows out of order";
     static constexpr const char* bound_violation = "KELM hazard upper bound underestimated lambda";
     static constexpr const char* spike_overflow =
         "more spikes in one window than the model allows; check d_min against the refractory "

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <type_traits>
 
+#include "kelm/core/Digest.h"
 #include "kelm/core/ModelTime.h"
 
 namespace Lumenar::Core::Kelm {
@@ -24,6 +26,12 @@ struct SpikeRecordLess {
     bool operator()(const SpikeRecord& a, const SpikeRecord& b) const {
         return a.time != b.time ? a.time < b.time : a.neuron < b.neuron;
     }
+};
+
+/// The spikes that were taken out of a spike log.
+struct TakenSpikes {
+    std::uint64_t count = 0;
+    std::uint64_t digest = digest_start;  ///< of all of them, in the order in which they were taken
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -168,7 +168,7 @@ void WindowEngine::reseedInitialCandidates(std::span<const double> drive_bounds)
     if (drive_bounds.size() != states_.size()) {
         throw WindowEngineError(WindowEngineError::modulation_bounds);
     }
-    if (profile_.windows != 0 || !log_.empty()) {
+    if (profile_.windows != 0 || !log_.empty() || taken_.count != 0) {
         throw WindowEngineError(WindowEngineError::late_reseed);
     }
     flushPendingRandomStates();
@@ -199,9 +199,9 @@ void WindowEngine::flushPendingRandomStates() {
 }
 
 bool WindowEngine::offersWholeRun(ModelTime until) const {
-    return until == horizon_ && profile_.windows == 0 && log_.empty() && prepare_hook_ == nullptr &&
-           commit_hook_ == nullptr && observer_ == nullptr && observer_events_.empty() &&
-           !external_events_ && !heterogeneous_;
+    return until == horizon_ && profile_.windows == 0 && log_.empty() && taken_.count == 0 &&
+           prepare_hook_ == nullptr && commit_hook_ == nullptr && observer_ == nullptr &&
+           observer_events_.empty() && !external_events_ && !heterogeneous_;
 }
 
 bool WindowEngine::isPristine() {
@@ -551,7 +551,19 @@ std::span<const SpikeRecord> WindowEngine::spikeLog() {
     return log_;
 }
 
-std::uint64_t WindowEngine::logHash() { return digestImages(spikeLog()); }
+std::vector<SpikeRecord> WindowEngine::takeSpikes() {
+    if (running_) throw WindowEngineError(WindowEngineError::late_take);
+    const std::span<const SpikeRecord> log = spikeLog();
+    if (log.empty()) return {};
+    if (SpikeRecordLess()(log.front(), last_taken_)) {
+        throw WindowEngineError(WindowEngineError::take_order);
+    }
+    taken_ = {taken_.count + log.size(), logHash()};
+    last_taken_ = log.back();
+    return std::exchange(log_, {});
+}
+
+std::uint64_t WindowEngine::logHash() { return digestImages(spikeLog(), taken_.digest); }
 
 std::uint64_t WindowEngine::spontaneousState(NodeId neuron) {
     flushPendingRandomStates();
@@ -574,7 +586,7 @@ Blob WindowEngine::snapshot() {
     return blob;
 }
 
-bool WindowEngine::restore(BlobView blob) {
+bool WindowEngine::restore(BlobView blob, const TakenSpikes& taken) {
     flushPendingRandomStates();
     BlobReader in(blob);
     std::uint64_t state_count = 0;
@@ -620,6 +632,8 @@ bool WindowEngine::restore(BlobView blob) {
     spontaneous_ = spontaneous;
     log_ = std::move(log);
     log_sorted_ = std::is_sorted(log_.begin(), log_.end(), SpikeRecordLess());
+    taken_ = taken;
+    last_taken_ = {first_model_time, 0};
     profile_ = profile;
     observer_events_ = std::move(observations);
     observer_cursor_ = cursor;

@@ -127,23 +127,33 @@ public:
     /// the streams; per neuron its candidate: time, rate, event id (24); log count (8), log (16
     /// each) in canonical order; profile (40); length (8) and "KELMSYN1" blob of the graph;
     /// observation count (8), observations (64 each), how many are delivered (8); length (8) and
-    /// blob of the store. Sorts the log. Call it between runs.
+    /// blob of the store. It does not hold taken(). Sorts the log. Call it between runs.
     Blob snapshot();
 
     /// Restores a snapshot of an engine of the same graph shape, parameters, seed and horizon. The
-    /// run then goes on as the run of that engine. False for a blob that is cut short, forged, or
-    /// of another format, neuron count or seed; the engine is then as it was, unless a store that
-    /// was given refused after it had changed itself. Call it between runs.
-    [[nodiscard]] bool restore(BlobView blob);
+    /// run then goes on as the run of that engine, of whose spikes `taken` were taken. False for a
+    /// blob that is cut short, forged, or of another format, neuron count or seed; the engine is
+    /// then as it was, unless a store that was given refused after it had changed itself. Call it
+    /// between runs.
+    [[nodiscard]] bool restore(BlobView blob, const TakenSpikes& taken = {});
 
-    /// All spikes so far, by time, then neuron; the list only grows. Valid until the next run.
+    /// All spikes so far that were not taken, by time, then neuron. Valid until the next run or
+    /// take.
     std::span<const SpikeRecord> spikeLog();
 
     /// The first time in ns at which post accepts an event. 0 for an engine with a store of its
     /// caller, which may refuse later times.
     ModelTime openFrom() const { return calendar_.openFrom(); }
 
-    /// 64-bit digest of spikeLog(): per spike time and neuron, 8 bytes each.
+    /// Moves the spikes out of spikeLog(), which is then empty. Every spike of a window lies before
+    /// those of later windows, so the pieces that are taken between runs follow one another.
+    /// Throws WindowEngineError during a run, and for a spike that lies before a taken one; nothing
+    /// is taken then.
+    std::vector<SpikeRecord> takeSpikes();
+    const TakenSpikes& taken() const { return taken_; }
+
+    /// 64-bit digest of all spikes so far, the taken ones first: per spike time and neuron, 8 bytes
+    /// each.
     std::uint64_t logHash();
 
     /// Shape (neurons): each state as of the neuron's last update.
@@ -227,8 +237,10 @@ private:
     Runtime::RandomContext random_;
     Runtime::RandomContext::Family spontaneous_;
     std::vector<std::uint64_t> pending_random_states_;  ///< of a whole run, not yet applied
-    std::vector<SpikeRecord> log_;
+    std::vector<SpikeRecord> log_;                      ///< without the spikes that were taken
     bool log_sorted_ = true;
+    TakenSpikes taken_;
+    SpikeRecord last_taken_{first_model_time, 0};  ///< unknown after a restore
     WindowProfile profile_;
     IWindowCommit* commit_hook_ = nullptr;
     IWindowPrepare* prepare_hook_ = nullptr;

@@ -187,4 +187,16 @@ bool readInterventions(BlobReader& in, InterventionState& interventions) {
     return in.readSequence(interventions.intervention_log);
 }
 
+void appendTakenSpikes(Blob& blob, const TakenSpikes& taken) {
+    if (taken.count == 0) return;
+    appendTag(blob, taken_tag);
+    appendU64(blob, taken.count);
+    appendU64(blob, taken.digest);
+}
+
+bool readTakenSpikes(BlobReader& in, TakenSpikes& taken) {
+    return in.expectTag(taken_tag) && in.readU64(taken.count) && taken.count != 0 &&
+           in.readU64(taken.digest);
+}
+
 }  // namespace Lumenar::Core::Kelm::Checkpoint

@@ -9,6 +9,7 @@
 
 #include "kelm/core/Blob.h"
 #include "kelm/core/ModelTime.h"
+#include "kelm/engine/SpikeRecord.h"
 #include "kelm/runtime/InterventionState.h"
 #include "kelm/runtime/PhaseLogEntry.h"
 #include "kelm/runtime/Recorder.h"
@@ -42,6 +43,8 @@
 //   extension tag       u64 0x5245435354415445
 //   extension           sequence, one item per sample: adaptation, refractory left, next candidate,
 //                       spike counts: four sequences of f64
+//   taken spikes        8 bytes "TAKENSPK", count u64, digest u64: the spikes that were taken out
+//                       of the engine's log; only if there are some
 //
 // A cause is a byte 1 and the id u64, or a byte 0. A file may end after the commit count. The
 // samples then lack the values of the extension.
@@ -50,6 +53,7 @@ namespace Lumenar::Core::Kelm::Checkpoint {
 
 inline constexpr BlobTag magic("KELMV1\r\n");
 inline constexpr std::uint64_t extension_tag = 0x5245435354415445;
+inline constexpr BlobTag taken_tag("TAKENSPK");
 
 /// The identity and position of the runtime that wrote a checkpoint.
 struct Head {
@@ -70,6 +74,8 @@ void appendSamples(Blob& blob, std::span<const RecordedSample> samples);
 void appendCauses(Blob& blob, std::span<const CauseEntry> causes);
 void appendSampleExtension(Blob& blob, std::span<const RecordedSample> samples);
 void appendInterventions(Blob& blob, const InterventionState& interventions);
+/// Appends nothing if no spike was taken.
+void appendTakenSpikes(Blob& blob, const TakenSpikes& taken);
 
 // Each reader returns false on malformed input, and then leaves its last argument unspecified. It
 // compares every count with the remaining bytes before it allocates.
@@ -81,5 +87,6 @@ void appendInterventions(Blob& blob, const InterventionState& interventions);
 /// Completes the samples that readSamples gave.
 [[nodiscard]] bool readSampleExtension(BlobReader& in, std::vector<RecordedSample>& samples);
 [[nodiscard]] bool readInterventions(BlobReader& in, InterventionState& interventions);
+[[nodiscard]] bool readTakenSpikes(BlobReader& in, TakenSpikes& taken);
 
 }  // namespace Lumenar::Core::Kelm::Checkpoint

@@ -1,5 +1,6 @@
 #include "kelm/runtime/CheckpointSummary.h"
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 
@@ -232,6 +233,21 @@ private:
                 return false;
             }
         }
+        const BlobView rest = bytes_.subspan(offset());
+        const auto& taken_tag = Checkpoint::taken_tag.bytes;
+        const std::size_t tag_bytes = std::min(rest.size(), sizeof taken_tag);
+        if (!std::equal(taken_tag, taken_tag + tag_bytes, rest.begin())) return damaged();
+        end();
+        return in_.atEnd() || readTakenSpikes();
+    }
+
+    /// The tag is known to be right, as far as there are bytes.
+    bool readTakenSpikes() {
+        begin("taken spikes");
+        if (!skip(sizeof Checkpoint::taken_tag.bytes)) return false;
+        if (!number(summary_.taken_spikes)) return false;
+        if (summary_.taken_spikes == 0) return fail(Fault::damaged, part_offset_ + 8);
+        if (!skip(8)) return false;
         if (!in_.atEnd()) return damaged();
         end();
         return true;

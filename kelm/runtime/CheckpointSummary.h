@@ -39,7 +39,7 @@ struct CheckpointSummary {
     ModelTime position = 0;  ///< ns
     std::uint64_t neurons = 0;
     std::uint64_t synapses = 0;
-    std::uint64_t spikes = 0;  ///< in the engine's log
+    std::uint64_t spikes = 0;  ///< in the engine's log, without those that were taken
     bool has_plasticity = false;
     bool has_oscillators = false;
     std::uint64_t recorded_spikes = 0;
@@ -48,7 +48,8 @@ struct CheckpointSummary {
     std::uint64_t input_channels = 0;
     std::uint64_t error_channels = 0;
     std::uint64_t commit_count = 0;
-    std::vector<Part> parts;  ///< in the order of the bytes
+    std::uint64_t taken_spikes = 0;  ///< taken out of the engine's log
+    std::vector<Part> parts;         ///< in the order of the bytes
 
     /// The fault in words, empty without one.
     std::string faultText() const;

@@ -394,6 +394,7 @@ Blob KelmRuntime::checkpoint() {
     Checkpoint::appendInterventions(blob, interventions_);
     appendU64(blob, commit_count_);
     Checkpoint::appendSampleExtension(blob, samples);
+    Checkpoint::appendTakenSpikes(blob, engine_.taken());
     return blob;
 }
 
@@ -410,6 +411,7 @@ struct KelmRuntime::State {
     PredictionBank::State prediction;
     InterventionState interventions;
     std::uint64_t commit_count = 0;
+    TakenSpikes taken;
 };
 
 /// Reads and checks everything first. The engine is the last that can refuse or run out of memory.
@@ -421,7 +423,7 @@ bool KelmRuntime::restore(BlobView bytes) {
     if (head.config_id != config_id_ || head.seed != seed_ || head.label != label_) return false;
     State state;
     state.position = head.position;
-    if (!readState(in, state) || !engine_.restore(state.engine)) return false;
+    if (!readState(in, state) || !engine_.restore(state.engine, state.taken)) return false;
     std::vector<SpikeRecord> uncounted;
     if (checked_ && recorder_) {
         failed_ = true;  // if memory runs out
@@ -520,7 +522,8 @@ bool KelmRuntime::readState(BlobReader& in, State& state) const {
     return readChannels(in, state) && readPrediction(in, state) &&
            Checkpoint::readInterventions(in, state.interventions) &&
            in.readU64(state.commit_count) &&
-           (in.atEnd() || Checkpoint::readSampleExtension(in, records.samples)) && in.atEnd();
+           (in.atEnd() || Checkpoint::readSampleExtension(in, records.samples)) &&
+           (in.atEnd() || Checkpoint::readTakenSpikes(in, state.taken)) && in.atEnd();
 }
 
 /// The nested blobs. Each is empty exactly if the runtime lacks the part.

@@ -99,10 +99,18 @@ public:
     InterventionState& interventions() { return interventions_; }
     const InterventionState& interventions() const { return interventions_; }
 
-    /// All spikes so far, by time, then neuron. The list only grows. Valid until the next run.
+    /// All spikes so far that were not taken, by time, then neuron. Valid until the next run or
+    /// take.
     std::span<const SpikeRecord> spikeLog() { return engine_.spikeLog(); }
-    /// 64-bit digest of spikeLog().
+    /// 64-bit digest of all spikes so far, whether taken or not.
     std::uint64_t logHash() { return engine_.logHash(); }
+    /// Moves the spikes out of spikeLog(), which is then empty, so that a run of any length needs
+    /// bounded memory. The pieces follow one another in time and make up the whole log. Throws
+    /// WindowEngineError, with nothing taken, during a run, and for a store that hands out windows
+    /// out of order.
+    std::vector<SpikeRecord> takeSpikes() { return engine_.takeSpikes(); }
+    /// How many spikes were taken, also before a checkpoint that was restored.
+    std::uint64_t takenSpikes() const { return engine_.taken().count; }
     /// Every spike with its oscillators' phases, in the order of commit. Empty without oscillators.
     /// The list only grows.
     std::span<const PhaseLogEntry> phaseLog() const { return phase_log_; }
