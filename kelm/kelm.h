@@ -24,6 +24,7 @@
 #include "kelm/runtime/KelmRuntime.h"
 #include "kelm/runtime/MakeRuntime.h"
 #include "kelm/runtime/RuntimeOptions.h"
+#include "kelm/runtime/SpikeFile.h"
 #include "kelm/runtime/Validation.h"
 
 namespace Lumenar::Core::Kelm {

@@ -346,6 +346,25 @@ public:
     }
 };
 
+/// A spike file that cannot be written or continued.
+class SpikeFileError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+    /// `reason`: the system's text.
+    static std::string failed(const std::string& action, const std::string& path,
+                              const std::string& reason) {
+        return "cannot " + action + " spike file '" + path + "': " + reason;
+    }
+    static std::string otherKind(const std::string& path) {
+        return "'" + path + "' is no spike file";
+    }
+    static std::string shorter(const std::string& path, std::uint64_t found,
+                               std::uint64_t expected) {
+        return "spike file '" + path + "' holds " + std::to_string(found) + " spikes, fewer than " +
+               std::to_string(expected);
+    }
+};
+
 /// An oscillator or a coupling that an oscillator bank refuses.
 class InvalidOscillator : public std::invalid_argument, public DetailedFailure {
 public:
