@@ -50,8 +50,10 @@ public:
         return store_ ? std::nullopt : std::optional(calendar_.bucketWidth());
     }
 
-    /// The first time in ns at which an event is accepted; 0 where the events lie in a store.
-    ModelTime openFrom() const { return store_ ? 0 : calendar_.openFrom(); }
+    /// The first time in ns at which a post is accepted; no value where the events lie in a store.
+    std::optional<ModelTime> openFrom() const {
+        return store_ ? std::nullopt : std::optional(calendar_.openFrom());
+    }
 
     /// Shape (neurons): each neuron's scheduled candidate. A slot keeps its address until restore
     /// or resume.

@@ -200,8 +200,8 @@ void WindowEngine::flushPendingRandomStates() {
 
 bool WindowEngine::offersWholeRun(ModelTime until) const {
     return until == horizon_ && profile_.windows == 0 && log_.empty() && taken_.count == 0 &&
-           prepare_hook_ == nullptr && commit_hook_ == nullptr && observer_ == nullptr &&
-           observer_events_.empty() && !external_events_ && !heterogeneous_;
+           prepare_hook_ == nullptr && commit_hook_ == nullptr && control_ == nullptr &&
+           observer_ == nullptr && observer_events_.empty() && !external_events_ && !heterogeneous_;
 }
 
 bool WindowEngine::isPristine() {
@@ -217,18 +217,27 @@ void WindowEngine::adoptWholeRun(WholeRun&& run) {
     log_ = std::move(run.log);
     log_sorted_ = true;
     profile_ = run.profile;
+    processed_until_ = calendar_.openFrom().value_or(0);
 }
 
 void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
     requireExactFloatingPoint();
+    stopped_ = false;
     if (offersWholeRun(until) && backend.tryResidentRun(*this)) return;
     flushPendingRandomStates();
+    if (control_ != nullptr) {
+        stopped_ = control_->takeStopRequest();
+        if (stopped_) return;
+        control_->begin(processed_until_);
+    }
     running_ = true;
-    runWindows(backend, until);
+    stopped_ = runWindows(backend, until);
     running_ = false;
+    if (control_ != nullptr) control_->end(processed_until_);
 }
 
-void WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
+/// Returns whether the run was stopped before `until`.
+bool WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
     Window window(graph_.nodeCount());
     while (takeWindow(until, window)) {
         // The observer may change the graph.
@@ -243,8 +252,23 @@ void WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
             commit_hook_->commit(window.start, window.end, window.new_spikes, graph_);
         }
         deliverObservations(window, window.end, true);
+        processed_until_ = window.end;
+        if (control_ != nullptr && control_->isDue(window.events.size()) &&
+            stopsAfterWindow(until)) {
+            return true;
+        }
     }
     deliverObservations(window, until, false);
+    return false;
+}
+
+bool WindowEngine::stopsAfterWindow(ModelTime until) {
+    // The state is complete, so the callback may do what is allowed between runs.
+    running_ = false;
+    control_->act(processed_until_, taken_.count + log_.size());
+    running_ = true;
+    // If no window is left, the run ends by itself. The request then stops the next run.
+    return processed_until_ < until && control_->takeStopRequest();
 }
 
 /// Takes the next window and sorts its events by target. Those of one target are in order if the
@@ -638,6 +662,12 @@ bool WindowEngine::restore(BlobView blob, const TakenSpikes& taken) {
     observer_events_ = std::move(observations);
     observer_cursor_ = cursor;
     running_ = false;
+    stopped_ = false;
+    processed_until_ = 0;
+    for (const Kernel::State& state : states_) {
+        processed_until_ = std::max(processed_until_, state.last_update);
+    }
+    processed_until_ = calendar_.openFrom().value_or(processed_until_);
     return true;
 }
 

@@ -10,6 +10,7 @@
 #include "kelm/core/RandomContext.h"
 #include "kelm/engine/IWindowBackend.h"
 #include "kelm/engine/ParameterTable.h"
+#include "kelm/engine/RunControl.h"
 #include "kelm/engine/SpikeRecord.h"
 #include "kelm/engine/WholeRun.h"
 #include "kelm/engine/WindowCalendar.h"
@@ -36,8 +37,8 @@ std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index);
 /// backend computes.
 ///
 /// Between two windows the state is complete. After a throw out of run the engine may only be read
-/// or destroyed. It is neither copied nor moved. Hooks and backends are borrowed. Used by one
-/// thread at a time.
+/// or destroyed, unless a run control's callback threw. It is neither copied nor moved. Hooks and
+/// backends are borrowed. Used by one thread at a time.
 class WindowEngine final : public IEventSink {
 public:
     /// An engine for a network whose neurons differ.
@@ -74,6 +75,18 @@ public:
         commit_hook_ = commit;
         observer_ = observer;
     }
+
+    /// Sets what reports progress and stops runs, or null. It must outlive the engine's runs.
+    /// The engine calls its callback between two windows. The callback may read the engine, take
+    /// spikes, write a snapshot and request a stop. If it throws, the run ends after that window,
+    /// and a later run goes on to the same bits.
+    void setRunControl(RunControl* control) { control_ = control; }
+    /// Whether a request has stopped the last run before its end, at processedUntil(). A later run
+    /// goes on to the same bits.
+    bool stopped() const { return stopped_; }
+    /// The end of the last window in ns. After a restore: the first time at which post accepts an
+    /// event, or the last update of a state where the events lie in a store that was given.
+    ModelTime processedUntil() const { return processed_until_; }
 
     /// Runs to the horizon.
     void run(IWindowBackend& backend) { run(backend, horizon_); }
@@ -143,7 +156,7 @@ public:
 
     /// The first time in ns at which post accepts an event. 0 for an engine with a store of its
     /// caller, which may refuse later times.
-    ModelTime openFrom() const { return calendar_.openFrom(); }
+    ModelTime openFrom() const { return calendar_.openFrom().value_or(0); }
 
     /// Moves the spikes out of spikeLog(), which is then empty. Every spike of a window lies before
     /// those of later windows, so the pieces that are taken between runs follow one another.
@@ -203,11 +216,12 @@ private:
                  ModelTime horizon, std::unique_ptr<IEventStore>&& store);
 
     bool offersWholeRun(ModelTime until) const;
+    bool stopsAfterWindow(ModelTime until);
     WindowCalendar buildCalendar(std::unique_ptr<IEventStore>&& store);
     void createStreams();
     void drawFirstCandidate(NodeId neuron, double drive_bound);
     void flushPendingRandomStates();
-    void runWindows(IWindowBackend& backend, ModelTime until);
+    bool runWindows(IWindowBackend& backend, ModelTime until);
     bool takeWindow(ModelTime until, Window& window);
     void computeAndCommit(Window& window, IWindowBackend& backend);
     bool needsWholeWindow(const Window& window) const;
@@ -250,6 +264,9 @@ private:
     std::uint64_t observer_cursor_ = 0;  ///< the first one not yet delivered
     Event series_start_;                 ///< the first observation of the series
     ModelTime series_interval_ = 0;      ///< ns; 0 without a series
+    RunControl* control_ = nullptr;
+    bool stopped_ = false;
+    ModelTime processed_until_ = 0;
     bool external_events_ = false;
     bool pristine_ = false;  ///< what isPristine() says, but for windows, hooks and dMin()
     bool running_ = false;   ///< inside a run, or after a run that threw

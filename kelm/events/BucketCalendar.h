@@ -42,6 +42,12 @@ public:
     /// Number of events. A run counts as its deliveries, here and in overflowPosts().
     std::uint64_t size() const { return wheel_.size(); }
     bool isStarted() const { return started_; }
+    /// The first time in ns at which an event may be posted.
+    ModelTime openFrom() const {
+        // Behind the last bucket there is none.
+        return static_cast<ModelTime>(
+            std::min(open_from_, static_cast<std::uint64_t>(last_model_time)));
+    }
     std::uint64_t overflowPosts() const { return overflow_posts_; }
 
     /// The id of the next event.
@@ -51,13 +57,6 @@ public:
 
     /// Whether a time, which must not be negative, lies in a window already handed out.
     bool isPast(ModelTime time) const { return static_cast<std::uint64_t>(time) < open_from_; }
-
-    /// The first time in ns that lies in no window already handed out.
-    ModelTime openFrom() const {
-        // The cursor may lie one bucket behind the range of ModelTime.
-        return static_cast<ModelTime>(
-            std::min(open_from_, static_cast<std::uint64_t>(last_model_time)));
-    }
 
     /// Throws LookaheadViolation for a time in a window already handed out, or before 0.
     void requireOpen(ModelTime time) const {

@@ -85,6 +85,7 @@ KelmRuntime::KelmRuntime(SynapseGraph&& network, ParameterTable&& parameters, st
     // With a prepare hook the engine fills every item anew, which costs more than the hook. So the
     // hook is set only if it changes items.
     engine_.setHooks(modulated ? this : nullptr, this, this);
+    engine_.setRunControl(&control_);
     if (modulated) reseedModulated();
 }
 
@@ -210,7 +211,20 @@ void KelmRuntime::run(ModelTime until) {
     failed_ = true;
     engine_.run(*backend_, until);
     failed_ = false;
-    position_ = until;
+    position_ = engine_.stopped() ? std::max(position_, engine_.processedUntil()) : until;
+}
+
+void KelmRuntime::setProgress(std::function<void(const RunProgress&)> callback,
+                              std::chrono::nanoseconds interval) {
+    if (callback == nullptr) return control_.setCallback(nullptr, 0);
+    control_.setCallback(
+        [this, report = std::move(callback)](const RunProgress& progress) {
+            position_ = progress.position;
+            failed_ = false;  // also if the callback throws
+            report(progress);
+            failed_ = true;
+        },
+        interval.count());
 }
 
 void KelmRuntime::runFor(ModelTime duration) { run(addTime(position_, duration)); }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -53,7 +54,8 @@ inline constexpr std::string_view engine_version = "2.0.0-beta.1";
 /// makeRuntime makes one, and makeKelmRuntime one without its checks. The engine's hooks refer to
 /// the object, so it is neither copied nor moved. Between runs a caller may use its parts. Learning
 /// notices a weight that was set in the graph at the synapse's next change. If run throws, the
-/// runtime may only be destroyed. A missing backend is the exception. One thread at a time.
+/// runtime may only be destroyed, unless the backend was missing or a callback of setProgress
+/// threw. One thread at a time.
 class KelmRuntime : private IWindowPrepare, private IWindowCommit, private IWindowObserver {
 public:
     KelmRuntime(const KelmRuntime&) = delete;
@@ -63,10 +65,25 @@ public:
     /// Runs to the horizon. Throws std::invalid_argument without a backend, then what
     /// WindowEngine::run and the parts throw.
     void run();
-    /// Runs every window that starts before `until` ns. Throws as above, with position() unchanged.
+    /// Runs every window that starts before `until` ns. Throws as above; position() is then
+    /// unchanged, or that of the last report.
     void run(ModelTime until);
     /// Runs to `duration` ns after position(). Throws as above, and TimeOverflow.
     void runFor(ModelTime duration);
+
+    /// Makes runs call `callback` about every `interval` of their wall time, for 0 after each
+    /// window; an empty callback ends this. A call comes between two windows, and position() is the
+    /// end of the last one. The callback may read the runtime, take spikes, write a checkpoint and
+    /// request a stop. If it throws, the run ends after that window, and a later run goes on to the
+    /// same bits. Call setProgress between runs.
+    void setProgress(std::function<void(const RunProgress&)> callback,
+                     std::chrono::nanoseconds interval = std::chrono::milliseconds(100));
+    /// Ends the current run after its window, or the next one before its first window. position()
+    /// is then the end of the last window, and a later run goes on to the same bits. May be called
+    /// from any thread and from a signal handler.
+    void requestStop() noexcept { control_.requestStop(); }
+    /// Whether requestStop has ended the last run.
+    bool stopped() const { return engine_.stopped(); }
 
     /// Injects a value on a named input channel at `time` ns and returns the ids of its events.
     /// Throws InvalidModality without channels, then what the injection trace, if one is set, and
@@ -126,7 +143,8 @@ public:
 
     /// The number of windows whose commit hook has finished.
     std::uint64_t commitCount() const { return commit_count_; }
-    /// The `until` of the last finished run in ns; 0 before the first.
+    /// The `until` of the last finished run in ns, or the end of the last window after a report or
+    /// a stop; 0 before the first run.
     ModelTime position() const { return position_; }
     std::uint64_t seed() const { return seed_; }
     ModelTime horizon() const { return horizon_; }
@@ -232,6 +250,7 @@ private:
     std::uint64_t config_id_;
     std::string label_;
     ModelTime position_ = 0;
+    RunControl control_;
     WindowEngine engine_;
     IWindowBackend* backend_;
     // What makeRuntime adds.
