@@ -52,6 +52,7 @@ void useAll(KelmRuntime& runtime) {
     }
     (void)outcomeOf([&] { runtime.perturb({7, soon + 1, PerturbationKind{}, 0.5, {0}}); });
     (void)outcomeOf([&] { runtime.prediction()->observeValue(0, 0.5, 0.25, soon); });
+    (void)outcomeOf([&] { runtime.statesAt(runtime.position()); });
     (void)outcomeOf([&] { runtime.takeSpikes(); });
 }
 

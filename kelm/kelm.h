@@ -23,6 +23,7 @@
 #include "kelm/runtime/Fingerprint.h"
 #include "kelm/runtime/KelmRuntime.h"
 #include "kelm/runtime/MakeRuntime.h"
+#include "kelm/runtime/Probe.h"
 #include "kelm/runtime/RuntimeOptions.h"
 #include "kelm/runtime/SpikeFile.h"
 #include "kelm/runtime/Validation.h"

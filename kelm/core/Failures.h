@@ -38,6 +38,8 @@ public:
     static constexpr const char* late_observation =
         "observer events must be declared before the run";
     static constexpr const char* late_take = "spikes can only be taken between runs";
+    static constexpr const char* late_states = "states can only be read between runs";
+    static constexpr const char* late_sampler = "samplers can only be added between runs";
     static constexpr const char* take_order =
         "a spike lies before the spikes that were taken: the store hands out windows out of order";
     static constexpr const char* bound_violation = "KELM hazard upper bound underestimated lambda";
@@ -362,6 +364,30 @@ public:
                                std::uint64_t expected) {
         return "spike file '" + path + "' holds " + std::to_string(found) + " spikes, fewer than " +
                std::to_string(expected);
+    }
+};
+
+/// A moment at which the states of a run are not known.
+class InvalidMoment : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static std::string outside(std::int64_t time, std::int64_t first, std::int64_t last) {
+        return "states are known from " + std::to_string(first) + " ns to " + std::to_string(last) +
+               " ns, not at " + std::to_string(time) + " ns";
+    }
+};
+
+/// A probe that a runtime refuses.
+class InvalidProbe : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static constexpr const char* interval = "a probe's interval must be at least 1 ns";
+    static constexpr const char* no_neurons = "a probe names no neuron";
+    static constexpr const char* no_fields = "a probe names no field";
+    static constexpr const char* field = "a probe names an unknown field";
+    static std::string neuron(std::uint64_t neuron, std::uint64_t neuron_count) {
+        return "a probe names neuron " + std::to_string(neuron) + " of a network of " +
+               std::to_string(neuron_count);
     }
 };
 

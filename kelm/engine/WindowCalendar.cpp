@@ -70,6 +70,12 @@ std::int64_t WindowCalendar::firstCandidateBucket() {
     return calendar_.bucketOf(tree_.firstTime());
 }
 
+std::optional<ModelTime> WindowCalendar::nextWindowStart() {
+    if (store_) return std::nullopt;
+    const std::int64_t bucket = std::min(calendar_.firstBucket(), firstCandidateBucket());
+    return bucket == BucketCalendar::no_bucket ? last_model_time : bucket * calendar_.bucketWidth();
+}
+
 bool WindowCalendar::takeWindow(ModelTime until, WindowEvents& events, ModelTime& window_start,
                                 ModelTime& window_end) {
     if (store_) {

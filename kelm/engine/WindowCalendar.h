@@ -54,6 +54,9 @@ public:
     std::optional<ModelTime> openFrom() const {
         return store_ ? std::nullopt : std::optional(calendar_.openFrom());
     }
+    /// The start in ns of the next window that holds an event, or last_model_time; no value where
+    /// the events lie in a store.
+    std::optional<ModelTime> nextWindowStart();
 
     /// Shape (neurons): each neuron's scheduled candidate. A slot keeps its address until restore
     /// or resume.

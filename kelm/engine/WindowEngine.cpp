@@ -201,7 +201,8 @@ void WindowEngine::flushPendingRandomStates() {
 bool WindowEngine::offersWholeRun(ModelTime until) const {
     return until == horizon_ && profile_.windows == 0 && log_.empty() && taken_.count == 0 &&
            prepare_hook_ == nullptr && commit_hook_ == nullptr && control_ == nullptr &&
-           observer_ == nullptr && observer_events_.empty() && !external_events_ && !heterogeneous_;
+           samplers_.empty() && observer_ == nullptr && observer_events_.empty() &&
+           !external_events_ && !heterogeneous_;
 }
 
 bool WindowEngine::isPristine() {
@@ -230,9 +231,11 @@ void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
         if (stopped_) return;
         control_->begin(processed_until_);
     }
+    eventless_until_ = 0;
     running_ = true;
     stopped_ = runWindows(backend, until);
     running_ = false;
+    if (!stopped_) eventless_until_ = until;
     if (control_ != nullptr) control_->end(processed_until_);
 }
 
@@ -252,6 +255,7 @@ bool WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
             commit_hook_->commit(window.start, window.end, window.new_spikes, graph_);
         }
         deliverObservations(window, window.end, true);
+        if (next_sample_ < window.end) takeSamples(window, window.end, true);
         processed_until_ = window.end;
         if (control_ != nullptr && control_->isDue(window.events.size()) &&
             stopsAfterWindow(until)) {
@@ -259,6 +263,7 @@ bool WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
         }
     }
     deliverObservations(window, until, false);
+    takeSamples(window, until, false);
     return false;
 }
 
@@ -312,6 +317,7 @@ void WindowEngine::computeAndCommit(Window& window, IWindowBackend& backend) {
 /// them all. The commit hook may still set the observer, so a window without an
 /// observer may still need all its items.
 bool WindowEngine::needsWholeWindow(const Window& window) const {
+    if (next_sample_ < window.end) return true;
     return prepare_hook_ != nullptr || (observer_cursor_ < observer_events_.size() &&
                                         observer_events_[observer_cursor_].time < window.end);
 }
@@ -544,17 +550,97 @@ void WindowEngine::deliverObservations(Window& window, ModelTime limit, bool ins
 /// state too.
 void WindowEngine::shadowRun(Window& window, ModelTime time) {
     for (const WindowWork& item : std::span(window.work.data(), window.item_count)) {
-        const Kernel::WindowEvent* events = window.item_events.data() + item.first_event;
-        std::uint32_t count = 0;
-        while (count < item.event_count && events[count].time < time) ++count;
-        const Kernel::WindowResult result = Kernel::processWindow(
-            item.state, item.rng, item.parameters, item.firing, events, count, time, horizon_,
-            item.drive, item.pending_time, item.pending_bound);
-        if (result.bound_violation || result.spike_overflow) {
-            throw WindowEngineError(WindowEngineError::shadow_violation);
-        }
+        const Kernel::WindowResult result = shadowWalk(window, item, time);
         window.shadow_states[item.neuron] = result.state;
         window.candidate_times[item.neuron] = result.next_candidate;
+    }
+}
+
+Kernel::WindowResult WindowEngine::shadowWalk(const Window& window, const WindowWork& item,
+                                              ModelTime time) const {
+    const Kernel::WindowEvent* events = window.item_events.data() + item.first_event;
+    std::uint32_t count = 0;
+    while (count < item.event_count && events[count].time < time) ++count;
+    const Kernel::WindowResult result =
+        Kernel::processWindow(item.state, item.rng, item.parameters, item.firing, events, count,
+                              time, horizon_, item.drive, item.pending_time, item.pending_bound);
+    if (result.bound_violation || result.spike_overflow) {
+        throw WindowEngineError(WindowEngineError::shadow_violation);
+    }
+    return result;
+}
+
+void WindowEngine::requireKnown(ModelTime time) {
+    if (running_) throw WindowEngineError(WindowEngineError::late_states);
+    const ModelTime last =
+        calendar_.nextWindowStart().value_or(std::max(eventless_until_, processed_until_));
+    if (time < processed_until_ || time > last) {
+        throw InvalidMoment(InvalidMoment::outside(time, processed_until_, last));
+    }
+}
+
+StateSample WindowEngine::sampleOf(Kernel::State state, NodeId neuron, ModelTime time) const {
+    const ParameterTable::Entry& parameters = parameters_[neuron];
+    const Kernel::NeuronModel model(parameters.neuron, parameters.firing);
+    Kernel::advanceTraces(state, model.neuron, time);
+    const Kernel::Traces traces{state.membrane, state.adaptation};
+    return {traces.membrane, traces.adaptation,
+            state.refractory_until > time ? state.refractory_until - time : 0,
+            Kernel::hazardAt(state, traces, model, time, 0.0)};
+}
+
+std::vector<StateSample> WindowEngine::statesAt(ModelTime time) {
+    requireKnown(time);
+    std::vector<StateSample> samples;
+    samples.reserve(states_.size());
+    for (NodeId n = 0; n < states_.size(); ++n) samples.push_back(sampleOf(states_[n], n, time));
+    return samples;
+}
+
+std::vector<StateSample> WindowEngine::statesAt(ModelTime time, std::span<const NodeId> neurons) {
+    requireKnown(time);
+    std::vector<StateSample> samples;
+    samples.reserve(neurons.size());
+    for (const NodeId n : neurons) {
+        if (n >= states_.size()) {
+            throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
+        }
+        samples.push_back(sampleOf(states_[n], n, time));
+    }
+    return samples;
+}
+
+void WindowEngine::addSampler(IStateSampler& sampler) {
+    if (running_) throw WindowEngineError(WindowEngineError::late_sampler);
+    samplers_.push_back(&sampler);
+    rescheduleSamplers();
+}
+
+void WindowEngine::rescheduleSamplers() {
+    next_sample_ = last_model_time;
+    for (const IStateSampler* sampler : samplers_) {
+        next_sample_ = std::min(next_sample_, sampler->nextSample());
+    }
+}
+
+/// Takes the samples before `limit` ns. After the commit of a window, that window's items have the
+/// states from before it.
+void WindowEngine::takeSamples(const Window& window, ModelTime limit, bool after_commit) {
+    const std::span items(window.work.data(), after_commit ? window.item_count : 0);
+    std::vector<StateSample> samples;
+    for (; next_sample_ < limit; rescheduleSamplers()) {
+        const ModelTime time = next_sample_;
+        for (IStateSampler* const sampler : samplers_) {
+            if (sampler->nextSample() != time) continue;
+            samples.clear();
+            for (const NodeId n : sampler->neurons()) {
+                const auto item = std::ranges::lower_bound(items, n, {}, &WindowWork::neuron);
+                const bool has_item = item != items.end() && item->neuron == n;
+                samples.push_back(sampleOf(
+                    has_item ? shadowWalk(window, *item, time).state : states_[n], n, time));
+            }
+            sampler->addSamples(samples);
+        }
     }
 }
 
@@ -564,7 +650,9 @@ std::uint64_t WindowEngine::post(const Event& event) {
     }
     external_events_ = true;
     pristine_ = false;
-    return calendar_.post(event);
+    const std::uint64_t id = calendar_.post(event);
+    eventless_until_ = std::min(eventless_until_, event.time);
+    return id;
 }
 
 std::span<const SpikeRecord> WindowEngine::spikeLog() {
@@ -663,7 +751,7 @@ bool WindowEngine::restore(BlobView blob, const TakenSpikes& taken) {
     observer_cursor_ = cursor;
     running_ = false;
     stopped_ = false;
-    processed_until_ = 0;
+    processed_until_ = eventless_until_ = 0;
     for (const Kernel::State& state : states_) {
         processed_until_ = std::max(processed_until_, state.last_update);
     }

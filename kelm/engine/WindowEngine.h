@@ -12,6 +12,7 @@
 #include "kelm/engine/ParameterTable.h"
 #include "kelm/engine/RunControl.h"
 #include "kelm/engine/SpikeRecord.h"
+#include "kelm/engine/StateSample.h"
 #include "kelm/engine/WholeRun.h"
 #include "kelm/engine/WindowCalendar.h"
 #include "kelm/engine/WindowHooks.h"
@@ -171,6 +172,20 @@ public:
 
     /// Shape (neurons): each state as of the neuron's last update.
     std::span<const Kernel::State> states() const { return states_; }
+    /// The neurons at `time` ns, before the events of that time: shape (neurons), or (`neurons`) in
+    /// their order. The values are exact: an event at that time acts on them. The known times begin
+    /// at processedUntil() and end at the start of the next window that holds an event. With a
+    /// store that was given, they end at the `until` of the last run, or at an event posted since.
+    /// Throws WindowEngineError during a run, InvalidMoment for a time that is not known, and
+    /// SynapseRoutingViolation for a neuron outside the network.
+    std::vector<StateSample> statesAt(ModelTime time);
+    std::vector<StateSample> statesAt(ModelTime time, std::span<const NodeId> neurons);
+    /// Adds a sampler that later runs call. It must outlive them. Its neurons must lie in the
+    /// network, and its first moment must not be before processedUntil(). The values are those of
+    /// statesAt, also inside a window. Throws WindowEngineError during a run.
+    void addSampler(IStateSampler& sampler);
+    /// Call it after the next moment of a sampler has changed.
+    void rescheduleSamplers();
     /// Shape (neurons): each neuron's scheduled candidate.
     std::span<const CandidateSlot> candidates() const { return calendar_.candidates(); }
     /// The raw state of a neuron's random stream. `neuron` must lie in the network.
@@ -185,8 +200,8 @@ public:
     /// Whether graph, parameters, seed and horizon determine the engine: it is as its construction
     /// left it, with a calendar of its own and neurons whose parameters have the same bits. False
     /// for good after a store was given, an event posted, candidates reseeded, streams touched, a
-    /// snapshot restored or a window run. False while there is a hook or an observation, or while
-    /// the graph's dMin() is not the calendar's window.
+    /// snapshot restored or a window run. False while there is a hook, a run control, a sampler or
+    /// an observation, or while the graph's dMin() is not the calendar's window.
     bool isPristine();
     /// Adopts a run that a backend has taken to the horizon. Only tryResidentRun may call
     /// it, while isPristine() holds. May throw std::bad_alloc, with nothing changed.
@@ -240,6 +255,11 @@ private:
     bool acceptsObservations(std::span<const Event> observations, std::uint64_t cursor) const;
     void deliverObservations(Window& window, ModelTime limit, bool inside);
     void shadowRun(Window& window, ModelTime time);
+    Kernel::WindowResult shadowWalk(const Window& window, const WindowWork& item,
+                                    ModelTime time) const;
+    void requireKnown(ModelTime time);
+    StateSample sampleOf(Kernel::State state, NodeId neuron, ModelTime time) const;
+    void takeSamples(const Window& window, ModelTime limit, bool after_commit);
 
     SynapseGraph graph_;
     ParameterTable parameters_;
@@ -267,6 +287,9 @@ private:
     RunControl* control_ = nullptr;
     bool stopped_ = false;
     ModelTime processed_until_ = 0;
+    ModelTime eventless_until_ = 0;  ///< of a store: no event is pending before
+    std::vector<IStateSampler*> samplers_;
+    ModelTime next_sample_ = last_model_time;
     bool external_events_ = false;
     bool pristine_ = false;  ///< what isPristine() says, but for windows, hooks and dMin()
     bool running_ = false;   ///< inside a run, or after a run that threw

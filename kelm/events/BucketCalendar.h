@@ -48,6 +48,8 @@ public:
         return static_cast<ModelTime>(
             std::min(open_from_, static_cast<std::uint64_t>(last_model_time)));
     }
+    /// The first bucket that holds an event, or no_bucket.
+    std::int64_t firstBucket() const { return wheel_.firstBucket(no_bucket); }
     std::uint64_t overflowPosts() const { return overflow_posts_; }
 
     /// The id of the next event.

@@ -249,6 +249,14 @@ void KelmRuntime::requireInputAt(ModelTime arrival) const {
     }
 }
 
+Probe& KelmRuntime::addProbe(ProbeConfig config) {
+    auto probe = std::make_unique<Probe>(std::move(config), graph().nodeCount(),
+                                         std::max(position_, engine_.processedUntil()));
+    probes_.reserve(probes_.size() + 1);
+    engine_.addSampler(*probe);
+    return *probes_.emplace_back(std::move(probe));
+}
+
 std::vector<std::uint64_t> KelmRuntime::inject(const std::string& name, ModelTime time,
                                                double value) {
     if (!input_channels_) throw InvalidModality(InvalidModality::no_channels);
@@ -446,6 +454,10 @@ bool KelmRuntime::restore(BlobView bytes) {
     }
     adopt(std::move(state));
     if (checked_ && recorder_) recorder_->setUncounted(std::move(uncounted));
+    for (const auto& probe : probes_) {
+        probe->restart(std::max(position_, engine_.processedUntil()));
+    }
+    engine_.rescheduleSamplers();
     return true;
 }
 

@@ -29,6 +29,7 @@
 #include "kelm/runtime/PlasticityEngine.h"
 #include "kelm/runtime/PredictionBank.h"
 #include "kelm/runtime/PredictionConfig.h"
+#include "kelm/runtime/Probe.h"
 #include "kelm/runtime/Recorder.h"
 #include "kelm/runtime/RecorderConfig.h"
 #include "kelm/runtime/Validation.h"
@@ -134,6 +135,23 @@ public:
     WindowProfile profile() const { return engine_.profile(); }
     /// Shape (neurons): each state as of the neuron's last update.
     std::span<const Kernel::State> neuronStates() const { return engine_.states(); }
+    /// The exact states of neurons at `time` ns, before the events of that time: shape (neurons),
+    /// or (`neurons`) in their order. The hazard follows from the traces, without oscillators and
+    /// prediction errors. The known times begin at the end of the last window, after a restore at
+    /// the first time at which an input is accepted. They end at the start of the next window that
+    /// holds an event. With a store that was given, they end at the `until` of the last run, or at
+    /// an input posted since. Throws WindowEngineError during a run, InvalidMoment, which names the
+    /// known times, for any other, and SynapseRoutingViolation for a neuron outside the network.
+    std::vector<StateSample> statesAt(ModelTime time) { return engine_.statesAt(time); }
+    std::vector<StateSample> statesAt(ModelTime time, std::span<const NodeId> neurons) {
+        return engine_.statesAt(time, neurons);
+    }
+    /// Adds a probe. Its samples begin at position(), or at the end of the last window if that is
+    /// later. A run takes all samples up to the end of its last window, also past `until`. A
+    /// checkpoint holds no probe: a restore drops the samples and begins anew. The reference is
+    /// valid as long as the runtime. Throws InvalidProbe, and WindowEngineError during a run.
+    Probe& addProbe(ProbeConfig config);
+
     /// The raw state of a neuron's random stream. `neuron` must lie in the network.
     std::uint64_t spontaneousState(NodeId neuron) { return engine_.spontaneousState(neuron); }
     /// The random streams, for recording and replaying one. Valid until a restore.
@@ -251,6 +269,7 @@ private:
     std::string label_;
     ModelTime position_ = 0;
     RunControl control_;
+    std::vector<std::unique_ptr<Probe>> probes_;
     WindowEngine engine_;
     IWindowBackend* backend_;
     // What makeRuntime adds.

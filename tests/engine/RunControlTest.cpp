@@ -10,6 +10,7 @@
 
 #include "kelm/core/Failures.h"
 #include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/runtime/Probe.h"
 #include "tests/engine/ScriptedBackend.h"
 #include "tests/support/ExpectThrows.h"
 #include "tests/support/GeneratedModel.h"
@@ -142,6 +143,17 @@ TEST_F(StoppedRunTest, TakesARequestFromASignalHandlerAndBeforeTheRun) {
     EXPECT_GT(engine.profile().windows, 0U);
 }
 
+TEST_F(StoppedRunTest, KeepsARequestOfItsLastWindowForTheNextRun) {
+    WindowEngine engine(SynapseGraph(1, 10, {}), {}, Kernel::Firing{.base_rate = 0.0}, 1, 100);
+    engine.post({.time = 12, .kind = EventKind::input});
+    engine.setRunControl(&control);
+    control.setCallback([&](const RunProgress&) { control.requestStop(); }, 0);
+    engine.run(cpu, 15);
+    EXPECT_FALSE(engine.stopped());
+    engine.run(cpu, 30);
+    EXPECT_TRUE(engine.stopped());
+}
+
 TEST_F(StoppedRunTest, MayBeEndedByAnExceptionOfTheCallbackAndGoOn) {
     const auto run_through = build();
     WindowEngine& straight = *run_through;
@@ -175,6 +187,46 @@ TEST_F(StoppedRunTest, IsNotOfferedToABackendThatTakesWholeRuns) {
     EXPECT_FALSE(engine.isPristine());
     engine.run(backend);
     EXPECT_EQ(backend.offers, 0);
+}
+
+TEST(TakingSpikes, IsRefusedDuringARunAsStatesAreAndWhereWindowsComeOutOfOrder) {
+    // The n-th window has one spike at this time.
+    std::vector<ModelTime> times = {30, 20};
+    ScriptedBackend backend([&](const WindowWork& item, const Kernel::WindowEvent*, ModelTime) {
+        const ModelTime time = times.back();
+        times.pop_back();
+        return quietResult(item, {time});
+    });
+    struct Taker final : IWindowCommit {
+        void commit(ModelTime, ModelTime, std::span<const SpikeRecord>, SynapseGraph&) override {
+            expectRefusals<WindowEngineError>(
+                {{"spikes can only be taken between runs", [&] { engine->takeSpikes(); }},
+                 {"states can only be read between runs", [&] { engine->statesAt(10); }},
+                 {"samplers can only be added between runs", [&] { engine->addSampler(none); }}});
+        }
+        Probe none{{{0}, {ProbeField::hazard}, 1}, 1, 0};
+        WindowEngine* engine = nullptr;
+    } taker;
+    WindowEngine engine(SynapseGraph(1, 10, {}), {}, Kernel::Firing{.base_rate = 0.0}, 1, 100);
+    taker.engine = &engine;
+    engine.setHooks(nullptr, &taker, nullptr);
+    for (const ModelTime time : {5, 15}) {
+        engine.post({.time = time, .kind = EventKind::input, .value = 1.0});
+    }
+    EXPECT_TRUE(engine.takeSpikes().empty());
+    engine.run(backend, 10);
+    EXPECT_EQ(engine.takeSpikes(), (std::vector<SpikeRecord>{{20, 0}}));
+    engine.run(backend, 20);
+    EXPECT_EQ(engine.takeSpikes(), (std::vector<SpikeRecord>{{30, 0}}));
+    EXPECT_EQ(engine.taken().count, 2U);
+    times = {29};
+    engine.post({.time = 25, .kind = EventKind::input, .value = 1.0});
+    engine.run(backend, 30);
+    expectThrows<WindowEngineError>(
+        [&] { engine.takeSpikes(); },
+        "a spike lies before the spikes that were taken: the store hands out windows out of order");
+    EXPECT_EQ(engine.spikeLog().size(), 1U);
+    EXPECT_EQ(engine.taken().count, 2U);
 }
 
 }  // namespace
