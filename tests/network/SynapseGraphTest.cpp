@@ -135,6 +135,7 @@ TEST(SynapseGraph, IsTheSameFromColumns) {
     const std::vector<NodeId> outside = {2, 0, 0};
     const std::vector<std::uint8_t> signs = {0, 2, 0};
     const std::vector<float> one_weight = {0.5F};
+    const std::vector<ModelTime> two_delays = {10, 10};
     expectRefusals<InvalidSynapse>(
         {{min_delay_text, building(0, all)},
          {delay_text, building(11, all)},
@@ -144,7 +145,9 @@ TEST(SynapseGraph, IsTheSameFromColumns) {
          {"synapse column targets has 2 values for 3 sources",
           building(1, {sources, std::span(targets).first(2), 0.5, 10, false})},
          {"synapse column weights has 1 values for 3 sources",
-          building(1, {sources, targets, one_weight, 10, false})}});
+          building(1, {sources, targets, one_weight, 10, false})},
+         {"synapse column delays has 2 values for 3 sources",
+          building(1, {sources, targets, 0.5, two_delays, false})}});
 }
 
 TEST(SynapseGraph, ListsTheSynapsesOfEachNeuronInAscendingOrder) {
@@ -403,8 +406,10 @@ TEST(SynapseGraph, WritesARangeOfWeightsAsOneByOneAllOrNone) {
             for (const auto& [from, size] :
                  {std::pair(first, count - first + 1), {count + 1, 0}, {~std::uint64_t{0}, 2}}) {
                 weights.resize(size, 1.0F);
-                const auto write = [&] { engine.graph().writeWeights(from, weights); };
-                const auto read_back = [&] { engine.graph().readWeights(from, weights); };
+                const auto write = [&, from = from] { engine.graph().writeWeights(from, weights); };
+                const auto read_back = [&, from = from] {
+                    engine.graph().readWeights(from, weights);
+                };
                 expectThrows<SynapseRoutingViolation>(write, edge_text);
                 expectThrows<SynapseRoutingViolation>(read_back, edge_text);
             }

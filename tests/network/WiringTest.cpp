@@ -484,6 +484,7 @@ TEST(Wiring, RefusesWhatCannotBe) {
         [&] { visited(wiring, 4, 11); },
         "targets from 4 to below 11 are not in a network of 10 neurons");
     EXPECT_NO_THROW(ruled(distinct(Rule::fixedInDegree(3)))());
+    EXPECT_NO_THROW(ruled(Rule::fixedInDegree(3), {0, 4}, {2, 0})());
     EXPECT_NO_THROW(ruled(distinct(Rule::fixedTotalNumber(30)))());
 }
 
