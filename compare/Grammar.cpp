@@ -164,6 +164,6 @@ const std::string checkpoint_grammar =
     " ?8) samples:*(8 *8 *8 8) causes:*(8 ?8) channels:*(8 1 8 8 8 8) precisions:*8 "
     "&(observations:*(8 8 8 8 8 8) reserved pair:(8 8)) gains:(8 8 8 8 8 8 8 8 8) "
     "switches:(1 1 1 1 1 1 1 1 1) intervention log:*8 commit count:8 extension tag:8 "
-    "extension:*(*8 *8 *8 *8) !(taken tag:=8 taken spikes:8 taken digest:8)";
+    "extension:*(*8 *8 *8 *8) !(taken tag:=8 taken spikes:8 taken digest:8 uncounted:*(8 8))";
 
 }  // namespace Lumenar::Core::Kelm::Compare

@@ -191,6 +191,8 @@ public:
     using std::logic_error::logic_error;
     static constexpr const char* after_failure =
         "a call of this runtime has failed, so it may only be read or destroyed";
+    static constexpr const char* inside_run =
+        "a callback of a run may not run, restore or reseed its runtime";
     static constexpr const char* open_end = "the horizon is open, so a run must be given its end";
     static constexpr const char* fork_backend =
         "this runtime was given its backend, so its fork must be given one, too";

@@ -187,16 +187,18 @@ bool readInterventions(BlobReader& in, InterventionState& interventions) {
     return in.readSequence(interventions.intervention_log);
 }
 
-void appendTakenSpikes(Blob& blob, const TakenSpikes& taken) {
+void appendTakenSpikes(Blob& blob, const TakenSpikes& taken,
+                       std::span<const SpikeRecord> uncounted) {
     if (taken.count == 0) return;
     appendTag(blob, taken_tag);
     appendU64(blob, taken.count);
     appendU64(blob, taken.digest);
+    appendSequence(blob, uncounted);
 }
 
-bool readTakenSpikes(BlobReader& in, TakenSpikes& taken) {
+bool readTakenSpikes(BlobReader& in, TakenSpikes& taken, std::vector<SpikeRecord>& uncounted) {
     return in.expectTag(taken_tag) && in.readU64(taken.count) && taken.count != 0 &&
-           in.readU64(taken.digest);
+           in.readU64(taken.digest) && in.readSequence(uncounted);
 }
 
 }  // namespace Lumenar::Core::Kelm::Checkpoint

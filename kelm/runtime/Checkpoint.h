@@ -44,7 +44,9 @@
 //   extension           sequence, one item per sample: adaptation, refractory left, next candidate,
 //                       spike counts: four sequences of f64
 //   taken spikes        8 bytes "TAKENSPK", count u64, digest u64: the spikes that were taken out
-//                       of the engine's log; only if there are some
+//                       of the engine's log; then a sequence, time i64 and neuron u64: the spikes
+//                       that no sample has counted, if samples count spikes. Only if some were
+//                       taken
 //
 // A cause is a byte 1 and the id u64, or a byte 0. A file may end after the commit count. The
 // samples then lack the values of the extension.
@@ -75,7 +77,8 @@ void appendCauses(Blob& blob, std::span<const CauseEntry> causes);
 void appendSampleExtension(Blob& blob, std::span<const RecordedSample> samples);
 void appendInterventions(Blob& blob, const InterventionState& interventions);
 /// Appends nothing if no spike was taken.
-void appendTakenSpikes(Blob& blob, const TakenSpikes& taken);
+void appendTakenSpikes(Blob& blob, const TakenSpikes& taken,
+                       std::span<const SpikeRecord> uncounted);
 
 // Each reader returns false on malformed input, and then leaves its last argument unspecified. It
 // compares every count with the remaining bytes before it allocates.
@@ -87,6 +90,7 @@ void appendTakenSpikes(Blob& blob, const TakenSpikes& taken);
 /// Completes the samples that readSamples gave.
 [[nodiscard]] bool readSampleExtension(BlobReader& in, std::vector<RecordedSample>& samples);
 [[nodiscard]] bool readInterventions(BlobReader& in, InterventionState& interventions);
-[[nodiscard]] bool readTakenSpikes(BlobReader& in, TakenSpikes& taken);
+[[nodiscard]] bool readTakenSpikes(BlobReader& in, TakenSpikes& taken,
+                                   std::vector<SpikeRecord>& uncounted);
 
 }  // namespace Lumenar::Core::Kelm::Checkpoint

@@ -247,7 +247,7 @@ private:
         if (!skip(sizeof Checkpoint::taken_tag.bytes)) return false;
         if (!number(summary_.taken_spikes)) return false;
         if (summary_.taken_spikes == 0) return fail(Fault::damaged, part_offset_ + 8);
-        if (!skip(8)) return false;
+        if (!skip(8) || !skipSequence(spike_bytes)) return false;
         if (!in_.atEnd()) return damaged();
         end();
         return true;

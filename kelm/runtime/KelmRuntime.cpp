@@ -208,9 +208,9 @@ void KelmRuntime::run() {
 void KelmRuntime::run(ModelTime until) {
     requireRunTo(until);
     if (backend_ == nullptr) throw std::invalid_argument("a runtime needs a backend");
-    failed_ = true;
+    phase_ = Phase::running;
     engine_.run(*backend_, until);
-    failed_ = false;
+    phase_ = Phase::ready;
     position_ = engine_.stopped() ? std::max(position_, engine_.processedUntil()) : until;
 }
 
@@ -220,9 +220,14 @@ void KelmRuntime::setProgress(std::function<void(const RunProgress&)> callback,
     control_.setCallback(
         [this, report = std::move(callback)](const RunProgress& progress) {
             position_ = progress.position;
-            failed_ = false;  // also if the callback throws
-            report(progress);
-            failed_ = true;
+            phase_ = Phase::reporting;
+            try {
+                report(progress);
+            } catch (...) {
+                phase_ = Phase::ready;
+                throw;
+            }
+            phase_ = Phase::running;
         },
         interval.count());
 }
@@ -232,11 +237,16 @@ void KelmRuntime::runFor(ModelTime duration) { run(addTime(position_, duration))
 ModelTime KelmRuntime::earliestInput() const { return std::max(position_, engine_.openFrom()); }
 
 void KelmRuntime::requireUsable() const {
-    if (checked_ && failed_) throw RefusedCall(RefusedCall::after_failure);
+    if (checked_ && phase_ == Phase::running) throw RefusedCall(RefusedCall::after_failure);
+}
+
+void KelmRuntime::requireNoRun() const {
+    requireUsable();
+    if (checked_ && phase_ == Phase::reporting) throw RefusedCall(RefusedCall::inside_run);
 }
 
 void KelmRuntime::requireRunTo(ModelTime until) const {
-    requireUsable();
+    requireNoRun();
     if (!checked_) return;
     if (until < position_) throw RefusedCall(RefusedCall::backwards(until, position_));
     if (until > horizon_) throw RefusedCall(RefusedCall::pastHorizon(until, horizon_));
@@ -416,7 +426,8 @@ Blob KelmRuntime::checkpoint() {
     Checkpoint::appendInterventions(blob, interventions_);
     appendU64(blob, commit_count_);
     Checkpoint::appendSampleExtension(blob, samples);
-    Checkpoint::appendTakenSpikes(blob, engine_.taken());
+    Checkpoint::appendTakenSpikes(
+        blob, engine_.taken(), recorder_ ? recorder_->uncounted() : std::span<const SpikeRecord>());
     return blob;
 }
 
@@ -434,11 +445,12 @@ struct KelmRuntime::State {
     InterventionState interventions;
     std::uint64_t commit_count = 0;
     TakenSpikes taken;
+    std::vector<SpikeRecord> uncounted;  ///< only beside taken spikes
 };
 
 /// Reads and checks everything first. The engine is the last that can refuse or run out of memory.
 bool KelmRuntime::restore(BlobView bytes) {
-    requireUsable();
+    requireNoRun();
     BlobReader in(bytes);
     Checkpoint::Head head;
     if (!Checkpoint::readHead(in, engine_version, head)) return false;
@@ -446,14 +458,15 @@ bool KelmRuntime::restore(BlobView bytes) {
     State state;
     state.position = head.position;
     if (!readState(in, state) || !engine_.restore(state.engine, state.taken)) return false;
-    std::vector<SpikeRecord> uncounted;
-    if (checked_ && recorder_) {
-        failed_ = true;  // if memory runs out
+    std::vector<SpikeRecord> uncounted = std::move(state.uncounted);
+    const bool has_taken = state.taken.count != 0;
+    if (checked_ && recorder_ && !has_taken) {
+        phase_ = Phase::running;  // if memory runs out
         uncounted = uncountedSpikes(state.records);
-        failed_ = false;
+        phase_ = Phase::ready;
     }
     adopt(std::move(state));
-    if (checked_ && recorder_) recorder_->setUncounted(std::move(uncounted));
+    if (recorder_ && (checked_ || has_taken)) recorder_->setUncounted(std::move(uncounted));
     for (const auto& probe : probes_) {
         probe->restart(std::max(position_, engine_.processedUntil()));
     }
@@ -461,7 +474,8 @@ bool KelmRuntime::restore(BlobView bytes) {
     return true;
 }
 
-/// The spikes of a restored engine that no sample has counted. A checkpoint does not hold them.
+/// The spikes of a restored engine that no sample has counted. A checkpoint holds them only if
+/// spikes were taken.
 std::vector<SpikeRecord> KelmRuntime::uncountedSpikes(const Recorder::State& records) {
     std::vector<SpikeRecord> uncounted;
     if (!recorder_->selects(SampleKind::spike_counts)) return uncounted;
@@ -509,7 +523,8 @@ KelmRuntime::KelmRuntime(KelmRuntime& origin, std::unique_ptr<IWindowBackend> ba
         declareSamples(recorder_->config().sample_interval);
     }
     engine_.setHooks(oscillators_ || prediction_ ? this : nullptr, this, this);
-    if (!engine_.restore(origin.engine_.snapshot())) {
+    engine_.setRunControl(&control_);
+    if (!engine_.restore(origin.engine_.snapshot(), origin.engine_.taken())) {
         throw std::logic_error("the engine of a fork refuses the snapshot of its origin");
     }
 }
@@ -527,10 +542,10 @@ std::unique_ptr<KelmRuntime> KelmRuntime::fork(std::unique_ptr<IWindowBackend> b
 }
 
 void KelmRuntime::reseed(std::uint64_t seed) {
-    requireUsable();
-    failed_ = true;
+    requireNoRun();
+    phase_ = Phase::running;
     engine_.reseed(seed, earliestInput());
-    failed_ = false;
+    phase_ = Phase::ready;
     seed_ = seed;
 }
 
@@ -549,7 +564,17 @@ bool KelmRuntime::readState(BlobReader& in, State& state) const {
            Checkpoint::readInterventions(in, state.interventions) &&
            in.readU64(state.commit_count) &&
            (in.atEnd() || Checkpoint::readSampleExtension(in, records.samples)) &&
-           (in.atEnd() || Checkpoint::readTakenSpikes(in, state.taken)) && in.atEnd();
+           (in.atEnd() || readTakenSpikes(in, state)) && in.atEnd();
+}
+
+bool KelmRuntime::readTakenSpikes(BlobReader& in, State& state) const {
+    if (!Checkpoint::readTakenSpikes(in, state.taken, state.uncounted)) return false;
+    const auto is_known = [&](const SpikeRecord& spike) {
+        return spike.neuron < graph().nodeCount();
+    };
+    const bool counts = recorder_ && recorder_->selects(SampleKind::spike_counts);
+    return (counts || state.uncounted.empty()) &&
+           std::all_of(state.uncounted.begin(), state.uncounted.end(), is_known);
 }
 
 /// The nested blobs. Each is empty exactly if the runtime lacks the part.

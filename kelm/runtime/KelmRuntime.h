@@ -234,6 +234,7 @@ private:
 
     void declareSamples(ModelTime interval);
     void requireUsable() const;
+    void requireNoRun() const;
     void requireRunTo(ModelTime until) const;
     void requireInputAt(ModelTime arrival) const;
 
@@ -261,6 +262,7 @@ private:
     [[nodiscard]] bool readParts(BlobReader& in, State& state) const;
     [[nodiscard]] bool readChannels(BlobReader& in, State& state) const;
     [[nodiscard]] bool readPrediction(BlobReader& in, State& state) const;
+    [[nodiscard]] bool readTakenSpikes(BlobReader& in, State& state) const;
     void adopt(State&& state) noexcept;
 
     std::uint64_t seed_;
@@ -274,7 +276,8 @@ private:
     IWindowBackend* backend_;
     // What makeRuntime adds.
     bool checked_ = false;  ///< refuses calls at the wrong time
-    bool failed_ = false;   ///< a call has left the state incomplete
+    /// What a call may do now. A call that throws while `running` leaves that phase behind.
+    enum class Phase : std::uint8_t { ready, running, reporting } phase_ = Phase::ready;
     std::unique_ptr<IWindowBackend> owned_backend_;
     std::function<std::unique_ptr<IWindowBackend>()> make_backend_;
     std::vector<Finding> warnings_;

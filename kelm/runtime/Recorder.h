@@ -108,7 +108,9 @@ public:
         std::unordered_map<std::uint64_t, Cause> causes;  ///< by event id
     };
     void adopt(State&& state) noexcept;
-    /// Replaces the spikes that no sample has counted yet.
+    /// The spikes that no sample has counted yet, if samples count spikes.
+    std::span<const SpikeRecord> uncounted() const { return uncounted_; }
+    /// Replaces them.
     void setUncounted(std::vector<SpikeRecord>&& spikes) noexcept {
         uncounted_ = std::move(spikes);
     }

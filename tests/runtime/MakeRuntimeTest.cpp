@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -113,10 +114,12 @@ TEST(MakeRuntime, GoesOnWithoutAnEndInAnySlicesRestoresAndForks) {
         straight->run(end);
         samples += straight->recorder()->samples().size();
         Draws draws(seed);
+        const bool takes_spikes = seed % 3 == 0;
         std::unique_ptr<KelmRuntime> sliced = make();
         while (sliced->position() < end) {
             const Blob before = sliced->checkpoint();
             sliced->runFor(draws.timeBetween(0, std::min(end - sliced->position(), end / 4 + 1)));
+            if (takes_spikes && draws.oneIn(2)) sliced->takeSpikes();
             if (draws.oneIn(2)) {
                 const auto fork = sliced->fork();
                 // A runtime that was elsewhere before, or a new one.
@@ -126,6 +129,10 @@ TEST(MakeRuntime, GoesOnWithoutAnEndInAnySlicesRestoresAndForks) {
             } else if (draws.oneIn(2)) {
                 sliced = sliced->fork();
             }
+        }
+        if (takes_spikes) {
+            sliced->takeSpikes();
+            straight->takeSpikes();
         }
         EXPECT_EQ(sliced->checkpoint(), straight->checkpoint());
         EXPECT_TRUE(straight->learningControl() == nullptr ||
@@ -173,6 +180,25 @@ TEST(MakeRuntime, RefusesCallsAtTheWrongTimeWithNothingChanged) {
     }
     expectThrows<RefusedCall>([] { smallRuntime(1.0, cpu())->run(); },
                               "the horizon is open, so a run must be given its end");
+
+    const auto reporting = smallRuntime(5000.0, cpu());
+    const auto straight = smallRuntime(5000.0, cpu());
+    const Blob start = reporting->checkpoint();
+    std::uint64_t reports = 0;
+    const auto report = [&](const RunProgress&) {
+        ++reports;
+        const std::string inside = "a callback of a run may not run, restore or reseed its runtime";
+        expectRefusals<RefusedCall>({{inside, [&] { reporting->runFor(1'000'000); }},
+                                     {inside, [&] { restoreCheckpoint(*reporting, start); }},
+                                     {inside, [&] { reporting->reseed(2); }}});
+        EXPECT_EQ(reporting->fork(cpu())->checkpoint(), reporting->checkpoint());
+    };
+    reporting->setProgress(report, std::chrono::nanoseconds(0));
+    reporting->run(5'000'000);
+    straight->run(5'000'000);
+    EXPECT_GT(reports, 2U);
+    EXPECT_EQ(reports, straight->profile().windows);
+    EXPECT_EQ(reporting->checkpoint(), straight->checkpoint());
 }
 
 TEST(MakeRuntime, RefusesAllButReadingAfterARunThatThrew) {

@@ -87,8 +87,8 @@ TEST(TakenSpikes, AreTheLastPartOfACheckpointIfThereAreSome) {
     const BlobLayout layout(writer->checkpoint());
     const Blob& bytes = layout.bytes();
     const std::size_t extension = layout.begin("taken tag");
-    ASSERT_EQ(bytes.size(), extension + 24);
-    EXPECT_EQ(bytes.size(), without - log_bytes + 24);
+    ASSERT_EQ(bytes.size(), extension + 32);
+    EXPECT_EQ(bytes.size(), without - log_bytes + 32);
     EXPECT_EQ(std::string(bytes.begin() + static_cast<std::ptrdiff_t>(extension),
                           bytes.begin() + static_cast<std::ptrdiff_t>(extension) + 8),
               "TAKENSPK");
@@ -99,7 +99,7 @@ TEST(TakenSpikes, AreTheLastPartOfACheckpointIfThereAreSome) {
     EXPECT_EQ(summary.spikes, 0U);
     EXPECT_EQ(summary.taken_spikes, piece.size());
     EXPECT_EQ(summary.parts.back().offset, extension);
-    EXPECT_EQ(summary.parts.back().bytes, 24U);
+    EXPECT_EQ(summary.parts.back().bytes, 32U);
 
     const auto reader = model.build(cpu);
     const Blob before = reader->checkpoint();
