@@ -1,89 +1,47 @@
 // A path of three neurons. Inputs drive them one after the other, so the pair rule strengthens the
-// synapses along the path and weakens the synapses against it. Prints the four weights over time,
-// taken from the journal.
+// synapses along the path and weakens the synapses against it. Prints the four weights over time.
 #include <array>
 #include <cinttypes>
 #include <cstdio>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "kelm/engine/CpuWindowBackend.h"
-#include "kelm/runtime/KelmRuntime.h"
+#include "kelm/kelm.h"
 
-using namespace Lumenar::Core::Kelm;
-
-namespace {
-
-constexpr ModelTime millisecond = 1'000'000;
-constexpr ModelTime horizon = 4000 * millisecond;
-constexpr ModelTime round_length = 200 * millisecond;
-
-/// Edges 0 and 1 lead along the path 0, 1, 2; edges 2 and 3 lead back.
-SynapseGraph wire() {
-    std::vector<Synapse> synapses;
-    for (const auto& [source, target] :
-         std::vector<std::pair<NodeId, NodeId>>{{0, 1}, {1, 2}, {1, 0}, {2, 1}}) {
-        synapses.push_back({.source = source, .target = target, .delay = millisecond});
-        synapses.back().weight = 0.3F;
-    }
-    return SynapseGraph(3, millisecond, std::move(synapses));
-}
-
-PlasticityConfig pairRule() {
-    PlasticityConfig config;
-    config.enabled = true;
-    config.excitatory = {
-        .kind = PlasticityRuleKind::pair, .a_potentiation = 0.03, .a_depression = 0.036};
-    return config;
-}
-
-/// One channel per neuron, strong enough to make it fire.
-std::vector<InputChannelSpec> drives() {
-    std::vector<InputChannelSpec> channels;
-    for (NodeId n = 0; n < 3; ++n) {
-        channels.push_back({.name = "drive " + std::to_string(n), .targets = {n}, .gain = 3.0});
-    }
-    return channels;
-}
-
-std::string bar(double weight) {
-    return std::string(static_cast<std::size_t>(weight * 20.0 + 0.5), '=');
-}
-
-}  // namespace
+using namespace kelm;
 
 int main() {
-    const Kernel::Neuron neuron{.refractory_period = 5 * millisecond};
-    const Kernel::Firing firing{.base_rate = 0.5, .gain = 3.0};
-    CpuWindowBackend backend;
-    KelmRuntime runtime =
-        makeKelmRuntime(wire(), neuron, firing, /*seed=*/1, horizon, &backend, nullptr, pairRule(),
-                        std::nullopt, std::nullopt, drives());
-    for (ModelTime start = 0; start < horizon; start += round_length) {
-        for (NodeId n = 0; n < 3; ++n) {
-            const auto lag = static_cast<ModelTime>(n) * 8 * millisecond;
-            runtime.inject("drive " + std::to_string(n), start + lag, 1.0);
-        }
+    // Synapses 0 and 1 lead along the path 0, 1, 2; synapses 2 and 3 lead back.
+    const std::vector<NodeId> sources{0, 1, 1, 2}, targets{1, 2, 0, 1};
+    RuntimeOptions options{.seed = 1,
+                           .neuron = {.refractory_period = 5 * ms},
+                           .firing = {.base_rate = 0.5 * Hz, .gain = 3.0}};
+    options.plasticity = {.enabled = true};
+    options.plasticity.excitatory = {PlasticityRuleKind::pair, 0.03, 0.036};
+    for (NodeId n = 0; n < 3; ++n) {  // channels that make a neuron fire
+        options.input_channels.push_back(
+            {.name = "drive " + std::to_string(n), .targets = {n}, .gain = 3.0});
     }
-    runtime.run();
+    const auto runtime = makeRuntime(
+        SynapseGraph(3, 1 * ms, SynapseColumns{sources, targets, 0.3F, 1 * ms}), options);
 
-    // The journal holds every change. A line shows the last weight of each synapse up to its time.
-    std::array<double, 4> weights{0.3, 0.3, 0.3, 0.3};
+    std::array<float, 4> weights{};
     std::printf("   time   0->1                 1->2                 1->0                 2->1\n");
-    ModelTime line = 0;
-    const auto print = [&] {
-        std::printf("%5" PRId64 " ms", line / millisecond);
-        for (const double weight : weights) std::printf("  %-19s", bar(weight).c_str());
+    for (ModelTime round = 0; round < 4 * s; round += 200 * ms) {
+        runtime->graph().readWeights(0, weights);
+        std::printf("%5" PRId64 " ms", round / ms);
+        for (const float weight : weights) {
+            std::printf("  %-19s", std::string(static_cast<std::size_t>(weight * 20), '=').c_str());
+        }
         std::printf("\n");
-    };
-    for (const JournalEntry& entry : runtime.learningControl()->journal()) {
-        for (; entry.time >= line; line += round_length) print();
-        weights[entry.edge] = entry.weight_after;
+        for (NodeId n = 0; n < 3; ++n) {
+            const ModelTime lag = (1 + 8 * static_cast<ModelTime>(n)) * ms;
+            runtime->inject("drive " + std::to_string(n), round + lag, 1.0);
+        }
+        runtime->runFor(200 * ms);
     }
-    print();
-    std::printf("%zu changes; along the path %.3f and %.3f, against it %.3f and %.3f\n",
-                runtime.learningControl()->journal().size(), weights[0], weights[1], weights[2],
-                weights[3]);
+    runtime->graph().readWeights(0, weights);
+    std::printf("along the path %.3f and %.3f, against it %.3f and %.3f\n", weights[0], weights[1],
+                weights[2], weights[3]);
     return weights[0] > weights[2] && weights[1] > weights[3] ? 0 : 1;
 }

@@ -1,91 +1,51 @@
 // A population that an oscillator drives with 8 cycles per second. Half of the neurons prefer its
-// crest, the other half its trough. Prints a raster, and for each half a histogram of the phases of
-// its spikes.
+// crest, the other half its trough. Prints for each half a histogram of the phases of its spikes.
 #include <array>
 #include <cinttypes>
 #include <cstdio>
 #include <numbers>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "kelm/engine/CpuWindowBackend.h"
-#include "kelm/runtime/KelmRuntime.h"
+#include "kelm/kelm.h"
 
-using namespace Lumenar::Core::Kelm;
-
-namespace {
-
-constexpr ModelTime millisecond = 1'000'000;
-constexpr NodeId neuron_count = 200;
-constexpr NodeId trough_from = 100;
-constexpr ModelTime horizon = 1000 * millisecond;
-constexpr std::uint32_t theta = 1;
-
-/// Every neuron weakly excites the next one of its half.
-SynapseGraph wire() {
-    std::vector<Synapse> synapses;
-    for (NodeId n = 0; n < neuron_count; ++n) {
-        const NodeId half = n < trough_from ? 0 : trough_from;
-        synapses.push_back(
-            {.source = n, .target = half + (n + 1) % trough_from, .delay = 2 * millisecond});
-        synapses.back().weight = 0.1F;
-    }
-    return SynapseGraph(neuron_count, millisecond, std::move(synapses));
-}
-
-PhaseConfig rhythm() {
-    PhaseConfig phase;
-    phase.oscillators = {{.id = theta, .frequency = 8.0, .phase = 0.0, .amplitude = 1.0}};
-    for (NodeId n = 0; n < neuron_count; ++n) {
-        PhaseBinding binding{.oscillator = theta, .strength = 0.8};
-        binding.phase_offset = n < trough_from ? 0.0 : std::numbers::pi;
-        phase.bindings.push_back({binding});
-    }
-    return phase;
-}
-
-void printRaster(const std::vector<SpikeRecord>& spikes) {
-    constexpr NodeId neurons_per_line = 10;
-    constexpr ModelTime column = 12'500'000;  // a tenth of a cycle
-    std::vector<std::string> lines(neuron_count / neurons_per_line,
-                                   std::string(horizon / column, ' '));
-    for (const SpikeRecord& spike : spikes) {
-        char& mark =
-            lines[spike.neuron / neurons_per_line][static_cast<std::size_t>(spike.time / column)];
-        mark = mark == ' ' ? '.' : mark == '.' ? ':' : '#';
-    }
-    for (const std::string& line : lines) std::printf("|%s|\n", line.c_str());
-}
-
-}  // namespace
+using namespace kelm;
 
 int main() {
-    const Kernel::Neuron neuron{.adaptation_increment = 0.1};
-    const Kernel::Firing firing{.base_rate = 5.0, .gain = 3.0};
-    CpuWindowBackend backend;
-    KelmRuntime runtime = makeKelmRuntime(wire(), neuron, firing, /*seed=*/1, horizon, &backend,
-                                          nullptr, {}, rhythm());
+    const NeuronRange crest{0, 100}, trough{100, 100};
+    const auto rule = ConnectionRule::fixedInDegree(1).withoutSelfConnections();
+    const Wiring wiring(
+        200, 1 * ms,
+        {{"crest", crest, crest, rule, 0.1, 2 * ms}, {"trough", trough, trough, rule, 0.1, 2 * ms}},
+        /*seed=*/7);
+    PhaseConfig phase;
+    phase.oscillators = {{.id = 1, .frequency = 8 * Hz, .phase = 0.0, .amplitude = 1.0}};
+    for (NodeId n = 0; n < 200; ++n) {
+        PhaseBinding binding{.oscillator = 1, .strength = 0.8};
+        binding.phase_offset = crest.contains(n) ? 0.0 : std::numbers::pi;
+        phase.bindings.push_back({binding});
+    }
+    const auto runtime = makeRuntime(wiring.build(), {.seed = 1,
+                                                      .neuron = {.adaptation_increment = 0.1},
+                                                      .firing = {.base_rate = 5 * Hz, .gain = 3.0},
+                                                      .phase = phase});
     // Every neuron is a member of the oscillator, so each spike is logged with its phase.
-    runtime.oscillators()->setMemberships(
-        std::vector<std::vector<std::uint32_t>>(neuron_count, {theta}));
-    runtime.run();
-
-    const auto log = runtime.spikeLog();
-    printRaster({log.begin(), log.end()});
+    runtime->oscillators()->setMemberships(std::vector<std::vector<std::uint32_t>>(200, {1}));
+    runtime->run(1 * s);
 
     constexpr std::size_t bins = 12;
-    std::array<std::array<int, bins>, 2> counts{};
-    for (const PhaseLogEntry& entry : runtime.phaseLog()) {
+    std::array<std::array<std::size_t, bins>, 2> counts{};
+    for (const PhaseLogEntry& entry : runtime->phaseLog()) {
         const double share = entry.phases.at(0).phase / (2.0 * std::numbers::pi);
-        const auto bin = static_cast<std::size_t>(share * bins);
-        ++counts[entry.neuron < trough_from ? 0 : 1][bin < bins ? bin : bins - 1];
+        ++counts[crest.contains(entry.neuron) ? 0 : 1]
+                [static_cast<std::size_t>(share * bins) % bins];
     }
-    std::printf("\nphase    crest half                        trough half\n");
+    std::printf("phase    crest half                        trough half\n");
     for (std::size_t bin = 0; bin < bins; ++bin) {
-        const auto bar = [&](int n) { return std::string(static_cast<std::size_t>(n) / 10, '*'); };
-        std::printf("%3zu deg  %-33s %s\n", bin * 360 / bins, bar(counts[0][bin]).c_str(),
-                    bar(counts[1][bin]).c_str());
+        std::printf("%3zu deg  %-33s %s\n", bin * 360 / bins,
+                    std::string(counts[0][bin] / 10, '*').c_str(),
+                    std::string(counts[1][bin] / 10, '*').c_str());
     }
-    std::printf("%zu spikes, log hash %016" PRIx64 "\n", log.size(), runtime.logHash());
+    std::printf("%zu spikes, log hash %016" PRIx64 "\n", runtime->spikeLog().size(),
+                runtime->logHash());
 }
