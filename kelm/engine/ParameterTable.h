@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kelm/core/LargePages.h"
@@ -18,6 +19,14 @@ struct Population {
     Kernel::Neuron neuron = {};
     Kernel::Firing firing = {};
 };
+
+/// `size` independent Poisson processes of `rate_hz` spikes/s each: neurons of constant hazard that
+/// no input changes. A window must hold far fewer than 8 spikes of one process.
+inline Population poissonSources(std::string name, std::uint64_t size, double rate_hz) {
+    return {std::move(name), size,
+            Kernel::Neuron{.refractory_period = 0, .adaptation_increment = 0.0},
+            Kernel::Firing{.base_rate = rate_hz, .gain = 0.0, .max_rate = rate_hz}};
+}
 
 /// The parameters of every neuron: each distinct pair of records once, and 4 bytes a neuron that
 /// select the pair. Where all neurons are alike, these 4 bytes are not stored either.

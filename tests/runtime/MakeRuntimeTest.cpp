@@ -146,6 +146,36 @@ TEST(MakeRuntime, GoesOnWithoutAnEndInAnySlicesRestoresAndForks) {
     EXPECT_EQ(often->recorder()->samples().size(), 99U);
 }
 
+TEST(PoissonSources, FireAtTheirRateWhateverTheirInputs) {
+    const std::vector<NodeId> sources(200, 0);
+    std::vector<NodeId> targets;
+    for (NodeId n = 1; n <= 200; ++n) targets.push_back(n);
+    const auto run = [&](float weight) {
+        const SynapseGraph network(201, {}, SynapseColumns{sources, targets, weight, 1'000'000});
+        RuntimeOptions options{.seed = 1};
+        options.populations = {{"driver", 1, {}, {.base_rate = 50.0}},
+                               poissonSources("sources", 200, 20.0)};
+        const auto runtime = makeRuntime(network, options, cpu());
+        EXPECT_TRUE(runtime->warnings().empty());
+        runtime->run(10'000'000'000);
+        return runtime->takeSpikes();
+    };
+    const std::vector<SpikeRecord> spikes = run(5.0F);
+    EXPECT_EQ(spikes, run(0.0F));
+    std::uint64_t count = 0, short_intervals = 0;
+    std::vector<ModelTime> last(201, -1);
+    for (const SpikeRecord& spike : spikes) {
+        if (spike.neuron == 0) continue;
+        ++count;
+        const ModelTime before = std::exchange(last[spike.neuron], spike.time);
+        short_intervals += before >= 0 && spike.time - before < 10'000'000;
+    }
+    // 40000 spikes. An interval is below 10 ms with probability 1 - exp(-0.2). Four standard
+    // deviations each.
+    EXPECT_NEAR(static_cast<double>(count), 40'000.0, 800.0);
+    EXPECT_NEAR(static_cast<double>(short_intervals) / static_cast<double>(count), 0.1813, 0.008);
+}
+
 TEST(MakeRuntime, RefusesCallsAtTheWrongTimeWithNothingChanged) {
     for (const bool active : {true, false}) {
         SCOPED_TRACE(active);
