@@ -192,7 +192,9 @@ public:
     static constexpr const char* after_failure =
         "a call of this runtime has failed, so it may only be read or destroyed";
     static constexpr const char* inside_run =
-        "a callback of a run may not run, restore or reseed its runtime";
+        "a callback of a run may not run, restore or reseed its runtime, nor set its callback";
+    static constexpr const char* inside_window =
+        "a window is being committed, so the runtime may only be read and get inputs";
     static constexpr const char* open_end = "the horizon is open, so a run must be given its end";
     static constexpr const char* fork_backend =
         "this runtime was given its backend, so its fork must be given one, too";

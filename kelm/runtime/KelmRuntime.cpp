@@ -208,18 +208,31 @@ void KelmRuntime::run() {
 void KelmRuntime::run(ModelTime until) {
     requireRunTo(until);
     if (backend_ == nullptr) throw std::invalid_argument("a runtime needs a backend");
+    run_until_ = until;
     phase_ = Phase::running;
-    engine_.run(*backend_, until);
+    try {
+        engine_.run(*backend_, until);
+    } catch (...) {
+        if (phase_ == Phase::running) phase_ = Phase::failed;
+        throw;
+    }
     phase_ = Phase::ready;
-    position_ = engine_.stopped() ? std::max(position_, engine_.processedUntil()) : until;
+    position_ = engine_.stopped() ? reachedBy(engine_.processedUntil()) : until;
+}
+
+/// The position of a run whose last window ends at `end` ns, which may lie behind the end of the
+/// run.
+ModelTime KelmRuntime::reachedBy(ModelTime end) const {
+    return std::max(position_, std::min(end, run_until_));
 }
 
 void KelmRuntime::setProgress(std::function<void(const RunProgress&)> callback,
                               std::chrono::nanoseconds interval) {
+    requireNoRun();
     if (callback == nullptr) return control_.setCallback(nullptr, 0);
     control_.setCallback(
         [this, report = std::move(callback)](const RunProgress& progress) {
-            position_ = progress.position;
+            position_ = reachedBy(progress.position);
             phase_ = Phase::reporting;
             try {
                 report(progress);
@@ -237,11 +250,16 @@ void KelmRuntime::runFor(ModelTime duration) { run(addTime(position_, duration))
 ModelTime KelmRuntime::earliestInput() const { return std::max(position_, engine_.openFrom()); }
 
 void KelmRuntime::requireUsable() const {
-    if (checked_ && phase_ == Phase::running) throw RefusedCall(RefusedCall::after_failure);
+    if (checked_ && phase_ == Phase::failed) throw RefusedCall(RefusedCall::after_failure);
+}
+
+void KelmRuntime::requireComplete() const {
+    requireUsable();
+    if (checked_ && phase_ == Phase::running) throw RefusedCall(RefusedCall::inside_window);
 }
 
 void KelmRuntime::requireNoRun() const {
-    requireUsable();
+    requireComplete();
     if (checked_ && phase_ == Phase::reporting) throw RefusedCall(RefusedCall::inside_run);
 }
 
@@ -394,7 +412,7 @@ void KelmRuntime::observe(const Event& event, std::span<const Kernel::State> sta
 }
 
 Blob KelmRuntime::checkpoint() {
-    requireUsable();
+    requireComplete();
     Blob blob;
     Checkpoint::appendHead(blob, engine_version, {label_, config_id_, seed_, position_});
     appendNested(blob, engine_.snapshot());
@@ -426,8 +444,10 @@ Blob KelmRuntime::checkpoint() {
     Checkpoint::appendInterventions(blob, interventions_);
     appendU64(blob, commit_count_);
     Checkpoint::appendSampleExtension(blob, samples);
-    Checkpoint::appendTakenSpikes(
-        blob, engine_.taken(), recorder_ ? recorder_->uncounted() : std::span<const SpikeRecord>());
+    std::vector<SpikeRecord> uncounted;
+    if (recorder_) uncounted.assign(recorder_->uncounted().begin(), recorder_->uncounted().end());
+    std::sort(uncounted.begin(), uncounted.end(), SpikeRecordLess());
+    Checkpoint::appendTakenSpikes(blob, engine_.taken(), uncounted);
     return blob;
 }
 
@@ -461,7 +481,7 @@ bool KelmRuntime::restore(BlobView bytes) {
     std::vector<SpikeRecord> uncounted = std::move(state.uncounted);
     const bool has_taken = state.taken.count != 0;
     if (checked_ && recorder_ && !has_taken) {
-        phase_ = Phase::running;  // if memory runs out
+        phase_ = Phase::failed;  // if memory runs out
         uncounted = uncountedSpikes(state.records);
         phase_ = Phase::ready;
     }
@@ -530,20 +550,20 @@ KelmRuntime::KelmRuntime(KelmRuntime& origin, std::unique_ptr<IWindowBackend> ba
 }
 
 std::unique_ptr<KelmRuntime> KelmRuntime::fork() {
-    requireUsable();
+    requireComplete();
     if (!make_backend_) throw RefusedCall(RefusedCall::fork_backend);
     return fork(make_backend_());
 }
 
 std::unique_ptr<KelmRuntime> KelmRuntime::fork(std::unique_ptr<IWindowBackend> backend) {
-    requireUsable();
+    requireComplete();
     if (backend == nullptr) throw InvalidModel(InvalidModel::no_backend);
     return std::unique_ptr<KelmRuntime>(new KelmRuntime(*this, std::move(backend)));
 }
 
 void KelmRuntime::reseed(std::uint64_t seed) {
     requireNoRun();
-    phase_ = Phase::running;
+    phase_ = Phase::failed;  // if the next call throws
     engine_.reseed(seed, earliestInput());
     phase_ = Phase::ready;
     seed_ = seed;

@@ -74,13 +74,14 @@ public:
 
     /// Makes runs call `callback` about every `interval` of their wall time, for 0 after each
     /// window; an empty callback ends this. A call comes between two windows, and position() is the
-    /// end of the last one. The callback may read the runtime, take spikes, write a checkpoint and
-    /// request a stop. If it throws, the run ends after that window, and a later run goes on to the
-    /// same bits. Call setProgress between runs.
+    /// end of the last one, or that of the run if it is earlier. The callback may read the runtime,
+    /// take spikes, write a checkpoint and request a stop. If it throws, the run ends after that
+    /// window, and a later run goes on to the same bits. Call setProgress between runs.
     void setProgress(std::function<void(const RunProgress&)> callback,
                      std::chrono::nanoseconds interval = std::chrono::milliseconds(100));
-    /// Ends the current run after its window, or the next one before its first window. position()
-    /// is then the end of the last window, and a later run goes on to the same bits. May be called
+    /// Ends the current run after its window, or the next one before its first window. A request
+    /// during the last window ends the next run. position() is then the end of the last window, or
+    /// that of the run if it is earlier, and a later run goes on to the same bits. May be called
     /// from any thread and from a signal handler.
     void requestStop() noexcept { control_.requestStop(); }
     /// Whether requestStop has ended the last run.
@@ -175,7 +176,8 @@ public:
     void setInjectionTrace(InjectionTrace* trace) { injection_trace_ = trace; }
 
     /// The whole run state in one byte sequence; Checkpoint.h holds its grammar. It does not
-    /// hold hooks, callables, or spikes that no sample has counted yet. Call it between runs.
+    /// hold hooks, callables, or spikes that no sample has counted yet; these only if spikes were
+    /// taken. Call it between runs.
     Blob checkpoint();
 
     /// Replaces the run state by a checkpoint of a runtime that was built from the same arguments.
@@ -189,7 +191,8 @@ public:
 
     /// A runtime in the same state, with a backend of its own. Both continue to the same bits if
     /// the callers do the same. Callables are copied: what they refer to is shared. The fork has no
-    /// commit listener and no injection trace. Call it between runs.
+    /// commit listener, injection trace, probes, progress callback or request to stop. Call it
+    /// between runs.
     /// Throws RefusedCall where the runtime was not made with a function that makes backends, and
     /// std::logic_error where a store of the caller gives a snapshot that the fork cannot read.
     std::unique_ptr<KelmRuntime> fork();
@@ -234,7 +237,9 @@ private:
 
     void declareSamples(ModelTime interval);
     void requireUsable() const;
+    void requireComplete() const;
     void requireNoRun() const;
+    ModelTime reachedBy(ModelTime end) const;
     void requireRunTo(ModelTime until) const;
     void requireInputAt(ModelTime arrival) const;
 
@@ -270,14 +275,16 @@ private:
     std::uint64_t config_id_;
     std::string label_;
     ModelTime position_ = 0;
+    ModelTime run_until_ = 0;  ///< ns; end of the last run, as its caller gave it
     RunControl control_;
     std::vector<std::unique_ptr<Probe>> probes_;
     WindowEngine engine_;
     IWindowBackend* backend_;
     // What makeRuntime adds.
     bool checked_ = false;  ///< refuses calls at the wrong time
-    /// What a call may do now. A call that throws while `running` leaves that phase behind.
-    enum class Phase : std::uint8_t { ready, running, reporting } phase_ = Phase::ready;
+    /// What a call may do now. `running`: inside a window, for a hook or listener. `failed`: the
+    /// state may be incomplete.
+    enum class Phase : std::uint8_t { ready, running, reporting, failed } phase_ = Phase::ready;
     std::unique_ptr<IWindowBackend> owned_backend_;
     std::function<std::unique_ptr<IWindowBackend>()> make_backend_;
     std::vector<Finding> warnings_;

@@ -21,9 +21,9 @@ namespace Lumenar::Core::Kelm {
 /// - after a run that threw: a run, an input, a checkpoint, a restore, a fork and a reseed.
 ///
 /// Throws InvalidModel for no backend, for populations beside a neuron or firing of the options,
-/// for populations whose sizes do not add up to the network, and for errors of the model, in this
-/// order. Then throws what makeKelmRuntime throws. `options.backend` and `options.threads` are not
-/// read.
+/// and for populations whose sizes do not add up to the network; then WindowEngineError for a graph
+/// without dMin(), and InvalidModel for errors of the model, in this order. Then throws what
+/// makeKelmRuntime throws. `options.backend` and `options.threads` are not read.
 std::unique_ptr<KelmRuntime> makeRuntime(SynapseGraph network, RuntimeOptions options,
                                          std::unique_ptr<IWindowBackend> backend);
 

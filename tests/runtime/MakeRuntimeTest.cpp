@@ -217,10 +217,12 @@ TEST(MakeRuntime, RefusesCallsAtTheWrongTimeWithNothingChanged) {
     std::uint64_t reports = 0;
     const auto report = [&](const RunProgress&) {
         ++reports;
-        const std::string inside = "a callback of a run may not run, restore or reseed its runtime";
+        const std::string inside =
+            "a callback of a run may not run, restore or reseed its runtime, nor set its callback";
         expectRefusals<RefusedCall>({{inside, [&] { reporting->runFor(1'000'000); }},
                                      {inside, [&] { restoreCheckpoint(*reporting, start); }},
-                                     {inside, [&] { reporting->reseed(2); }}});
+                                     {inside, [&] { reporting->reseed(2); }},
+                                     {inside, [&] { reporting->setProgress({}); }}});
         EXPECT_EQ(reporting->fork(cpu())->checkpoint(), reporting->checkpoint());
     };
     reporting->setProgress(report, std::chrono::nanoseconds(0));
@@ -229,6 +231,42 @@ TEST(MakeRuntime, RefusesCallsAtTheWrongTimeWithNothingChanged) {
     EXPECT_GT(reports, 2U);
     EXPECT_EQ(reports, straight->profile().windows);
     EXPECT_EQ(reporting->checkpoint(), straight->checkpoint());
+
+    // The last window ends behind the horizon.
+    const auto ended = smallRuntime(5000.0, cpu(), 4'500'000);
+    ended->run();
+    const auto stopped = smallRuntime(5000.0, cpu(), 4'500'000);
+    stopped->run(4'200'000);
+    stopped->requestStop();
+    stopped->run();
+    EXPECT_TRUE(stopped->stopped());
+    stopped->run();
+    EXPECT_EQ(stopped->checkpoint(), ended->checkpoint());
+    const auto thrown = smallRuntime(5000.0, cpu(), 4'500'000);
+    const auto throwing = [&](const RunProgress& progress) {
+        if (progress.position > 4'000'000) throw std::runtime_error("enough");
+    };
+    thrown->setProgress(throwing, std::chrono::nanoseconds(0));
+    EXPECT_THROW(thrown->run(), std::runtime_error);
+    EXPECT_EQ(thrown->position(), 4'500'000);
+    thrown->run();
+    EXPECT_EQ(thrown->checkpoint(), ended->checkpoint());
+
+    // A listener is called inside a window.
+    struct Listener final : ICommitListener {
+        KelmRuntime* runtime = nullptr;
+        void committed(ModelTime, ModelTime end, std::span<const SpikeRecord>) override {
+            expectThrows<RefusedCall>(
+                [&] { runtime->checkpoint(); },
+                "a window is being committed, so the runtime may only be read and get inputs");
+            EXPECT_EQ(runtime->perturb({.time = end, .targets = {0}}).size(), 1U);
+        }
+    } listener;
+    const auto heard = smallRuntime(5000.0, cpu());
+    listener.runtime = heard.get();
+    heard->setCommitListener(&listener);
+    heard->run(3'000'000);
+    EXPECT_EQ(heard->position(), 3'000'000);
 }
 
 TEST(MakeRuntime, RefusesAllButReadingAfterARunThatThrew) {
