@@ -150,6 +150,20 @@ TEST(SynapseGraph, IsTheSameFromColumns) {
           building(1, {sources, targets, 0.5, two_delays, false})}});
 }
 
+TEST(SynapseGraph, LooksAgainAfterARestoreWhetherDeliveriesFormARun) {
+    struct Holder final : IRunHolder {
+        void expandRuns() override {}
+    } holder;
+    std::vector<Synapse> edges;
+    for (NodeId target = 1; target < 6; ++target) edges.push_back(synapse(0, target, 1.0F, 10));
+    SynapseGraph graph(6, 10, edges);
+    EXPECT_TRUE(graph.deferRun(0, 5, holder));
+    edges[2].delay = 20;
+    ASSERT_TRUE(graph.restore(SynapseGraph(6, 10, edges).snapshot()));
+    EXPECT_FALSE(graph.deferRun(0, 5, holder));
+    graph.releaseHolder(holder);
+}
+
 TEST(SynapseGraph, ListsTheSynapsesOfEachNeuronInAscendingOrder) {
     // Compared with a search through all synapses. Few neurons, so that self-loops and parallel
     // synapses are frequent, and some neurons have no synapse.
