@@ -6,13 +6,12 @@
 
 namespace Lumenar::Core::Kelm {
 
-namespace {
-
-/// By their bytes: equal numbers can be other bits, and a NaN equals nothing.
 bool haveEqualParameters(const WindowWork& a, const WindowWork& b) {
     return std::memcmp(&a.parameters, &b.parameters, sizeof(Kernel::Neuron)) == 0 &&
            std::memcmp(&a.firing, &b.firing, sizeof(Kernel::Firing)) == 0;
 }
+
+namespace {
 
 struct InputRuns {
     std::uint32_t operator()(Kernel::State& state, std::uint64_t& rng,

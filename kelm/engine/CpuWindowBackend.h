@@ -4,6 +4,10 @@
 
 namespace Lumenar::Core::Kelm {
 
+/// Whether two items have the same parameters, byte for byte: equal numbers can be other bits, and
+/// a NaN equals nothing.
+bool haveEqualParameters(const WindowWork& a, const WindowWork& b);
+
 /// Walks work items one after the other on the calling thread: the reference computation, for
 /// backends on a processor. Arguments as in IWindowBackend::processWindow.
 void processItems(std::span<const WindowWork> work, std::span<const Kernel::WindowEvent> events,

@@ -100,10 +100,6 @@ void clear(Kernel::WindowResult& result) {
     clearGap(result.gap);
 }
 
-bool haveEqualParameters(const WindowWork& a, const WindowWork& b) {
-    return equalBytes(a.parameters, b.parameters) && equalBytes(a.firing, b.firing);
-}
-
 /// The walks of neighbouring items with the same parameters. A block holds one step of each current
 /// walk. When a walk ends, the next item takes its place, so the vectors stay full until the items
 /// run out.
