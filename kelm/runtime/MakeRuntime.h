@@ -18,6 +18,8 @@ namespace Lumenar::Core::Kelm {
 /// changed:
 /// - a run backwards, past the horizon, or to the horizon if it is open and was not named;
 /// - an input that arrives before earliestInput();
+/// - in a callback of setProgress: a run, a restore, a reseed and setProgress;
+/// - in a commit listener: these, a checkpoint and a fork;
 /// - after a run that threw: a run, an input, a checkpoint, a restore, a fork and a reseed.
 ///
 /// Throws InvalidModel for no backend, for populations beside a neuron or firing of the options,
