@@ -57,18 +57,20 @@ public:
         });
         std::fill(ends_.begin(), ends_.end(), 0);
         std::uint32_t* const ends = ends_.data();
-        forEachEvent(routed, [=](const Record&, NodeId target, double) { ++ends[target]; });
+        const auto count = [=](const Record&, NodeId target, double) { ++ends[target]; };
+        forEachEvent(routed, count, [](NodeId) {});
         std::uint32_t sum = 0;
         for (std::uint32_t& end : ends_) sum += std::exchange(end, sum);
         // Moves the place of each target from its first event to its end.
         Kernel::WindowEvent* const events = events_.data();
-        forEachEvent(routed, [=](const Record& record, NodeId target, double value) {
+        const auto write = [=](const Record& record, NodeId target, double value) {
             Kernel::WindowEvent& event = events[ends[target]++];
             // Field by field: a copy of the whole record would wait for its parts to be stored.
             event.time = record.time;
             event.value = value;
             event.wake_only = record.wake_only;
-        });
+        };
+        forEachEvent(routed, write, [=](NodeId target) { prefetchLine(events + ends[target]); });
     }
 
     std::size_t size() const { return size_; }
@@ -79,6 +81,8 @@ public:
 private:
     /// How many records ahead the synapses of a run are prefetched.
     static constexpr std::size_t prefetched_records = 4;
+    /// How many events ahead a run's targets are announced.
+    static constexpr std::uint64_t announced_events = 32;
 
     struct Record {
         ModelTime time;
@@ -94,9 +98,11 @@ private:
         records_.push_back({event.time, event.id, target, 0, value, wake_only});
     }
 
-    /// Calls visit(record, target, value) for each event, record by record.
-    template <class Visit>
-    void forEachEvent(const SynapseGraph::RoutedTransmissions& routed, Visit visit) const {
+    /// Calls visit(record, target, value) for each event, record by record. Calls announce(target)
+    /// for the events of a run some events before their visit.
+    template <class Visit, class Announce>
+    void forEachEvent(const SynapseGraph::RoutedTransmissions& routed, Visit visit,
+                      Announce announce) const {
         for (std::size_t i = 0; i < records_.size(); ++i) {
             if (i + prefetched_records < records_.size()) {
                 const Record& later = records_[i + prefetched_records];
@@ -111,6 +117,7 @@ private:
             }
             const std::uint64_t end = record.target_or_route + record.delivery_count;
             for (std::uint64_t route = record.target_or_route; route < end; ++route) {
+                announce(NodeId{routed[std::min(route + announced_events, end - 1)].target});
                 const SynapseTable::Transmission& synapse = routed[route];
                 visit(record, NodeId{synapse.target}, static_cast<double>(synapse.value()));
             }
