@@ -71,8 +71,8 @@ struct Pair {
         onBoth(
             [&](WindowCalendar& calendar) {
                 const int i = turn++;
-                taken[i] =
-                    calendar.takeWindow(last_model_time, events[i], bounds[i][0], bounds[i][1]);
+                taken[i] = calendar.takeWindow(last_model_time, no_time, events[i], bounds[i][0],
+                                               bounds[i][1]);
             },
             "calendars fail alike at a window");
         require(taken[0] == taken[1], "windows come alike");

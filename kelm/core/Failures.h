@@ -185,6 +185,31 @@ public:
     }
 };
 
+/// Spikes that cannot be given to a run.
+class InvalidSpikeTrain : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
+    static constexpr const char* late = "spikes can be given once, before the first run";
+    static constexpr const char* store = "spikes cannot be given to an engine with a store";
+    static std::string unknown(std::size_t index, std::uint64_t neuron, std::uint64_t neurons) {
+        return named(index) + "is of neuron " + std::to_string(neuron) + ", and the network has " +
+               std::to_string(neurons);
+    }
+    static std::string order(std::size_t index, std::int64_t time, std::uint64_t neuron) {
+        return named(index) + "(" + std::to_string(time) + " ns, neuron " + std::to_string(neuron) +
+               ") must lie behind the one before, and not before 0";
+    }
+    static std::string fires(std::size_t index, std::uint64_t neuron) {
+        return named(index) + "is of neuron " + std::to_string(neuron) +
+               ", which fires by itself: its base rate must be 0";
+    }
+
+private:
+    static std::string named(std::size_t index) {
+        return "given spike " + std::to_string(index) + " ";
+    }
+};
+
 /// A call at the wrong time on a runtime of makeRuntime. Nothing has changed.
 class RefusedCall : public std::logic_error {
 public:

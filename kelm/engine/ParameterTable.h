@@ -28,6 +28,11 @@ inline Population poissonSources(std::string name, std::uint64_t size, double ra
             Kernel::Firing{.base_rate = rate_hz, .gain = 0.0, .max_rate = rate_hz}};
 }
 
+/// `size` neurons that never fire by themselves. Their spikes can be given to the run.
+inline Population spikeSources(std::string name, std::uint64_t size) {
+    return {std::move(name), size, Kernel::Neuron{}, Kernel::Firing{.base_rate = 0.0}};
+}
+
 /// The parameters of every neuron: each distinct pair of records once, and 4 bytes a neuron that
 /// select the pair. Where all neurons are alike, these 4 bytes are not stored either.
 ///

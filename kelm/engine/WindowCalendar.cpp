@@ -76,16 +76,18 @@ std::optional<ModelTime> WindowCalendar::nextWindowStart() {
     return bucket == BucketCalendar::no_bucket ? last_model_time : bucket * calendar_.bucketWidth();
 }
 
-bool WindowCalendar::takeWindow(ModelTime until, WindowEvents& events, ModelTime& window_start,
-                                ModelTime& window_end) {
+bool WindowCalendar::takeWindow(ModelTime until, ModelTime also, WindowEvents& events,
+                                ModelTime& window_start, ModelTime& window_end) {
     if (store_) {
         if (!store_->take(until, copied_, window_start, window_end)) return false;
         events.addAll(copied_);
         return true;
     }
     calendar_.release(taken_);
-    if (calendar_.size() == 0 && tree_.pendingCount() == 0) return false;
-    if (!calendar_.advance(until, firstCandidateBucket())) return false;
+    std::int64_t other = firstCandidateBucket();
+    if (also >= 0) other = std::min(other, calendar_.bucketOf(also));
+    if (calendar_.size() == 0 && other == BucketCalendar::no_bucket) return false;
+    if (!calendar_.advance(until, other)) return false;
     const ModelTime start = calendar_.windowStart();
     const ModelTime end = calendar_.windowEnd();
     const EventList& bucket = calendar_.current();
@@ -118,13 +120,16 @@ Blob WindowCalendar::snapshot() {
     return calendar_.snapshotOf(std::move(events));
 }
 
-bool WindowCalendar::restore(BlobView blob, LargeArray<CandidateSlot>&& slots) {
-    if (!(store_is_given_ ? store_->restore(blob) : restoreOwn(blob, slots))) return false;
+bool WindowCalendar::restore(BlobView blob, LargeArray<CandidateSlot>&& slots, bool needs_buckets) {
+    if (!(store_is_given_ ? store_->restore(blob) : restoreOwn(blob, slots, needs_buckets))) {
+        return false;
+    }
     slots_ = std::move(slots);
     return true;
 }
 
-bool WindowCalendar::restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots) {
+bool WindowCalendar::restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots,
+                                bool needs_buckets) {
     CandidateTree tree;
     tree.reset(slots.size());
     PendingIds ids;
@@ -149,6 +154,7 @@ bool WindowCalendar::restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots)
     while (neuron < slots.size() && !names_foreign_event(neuron)) ++neuron;
     std::unique_ptr<IEventStore> store;
     if (neuron < slots.size()) {
+        if (needs_buckets) return false;
         store = std::make_unique<BucketEventStore>(calendar_.bucketWidth(), bucket_count);
         if (!store->restore(blob)) return false;
     }

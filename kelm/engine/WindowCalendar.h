@@ -99,13 +99,14 @@ public:
         if (!store_) tree_.prefetch(neuron);
     }
 
-    /// Takes the next window that holds an event, if it starts before `until` ns, and replaces the
-    /// content of `events` by its events. An event is valid until the next call, a candidate until
-    /// its neuron is scheduled, and a delivery of a run until the graph changes. False where there
-    /// is none.
-    /// Throws what WindowEvents::begin and the store throw; TimeOverflow where the window's end
-    /// lies beyond the range of ModelTime. In a calendar of its own the window is then still there.
-    bool takeWindow(ModelTime until, WindowEvents& events, ModelTime& window_start,
+    /// Takes the next window that holds an event or the time `also` in ns, if it starts before
+    /// `until` ns, and replaces the content of `events` by its events. `also` is negative for none;
+    /// a store does not read it. An event is valid until the next call, a candidate until its
+    /// neuron is scheduled, and a delivery of a run until the graph changes. False where there is
+    /// none. Throws what WindowEvents::begin and the store throw; TimeOverflow where the window's
+    /// end lies beyond the range of ModelTime. In a calendar of its own the window is then still
+    /// there.
+    bool takeWindow(ModelTime until, ModelTime also, WindowEvents& events, ModelTime& window_start,
                     ModelTime& window_end);
 
     /// Blob of the store, or of a BucketEventStore that holds the same events.
@@ -114,7 +115,9 @@ public:
     /// Replaces slots and events by `slots`, shape (neurons), and those of a blob. False for a blob
     /// that is refused; the calendar is then as it was, unless a store that was given refused after
     /// it had changed itself.
-    [[nodiscard]] bool restore(BlobView blob, LargeArray<CandidateSlot>&& slots);
+    /// `needs_buckets`: refuse a blob for which the calendar would make itself a store.
+    [[nodiscard]] bool restore(BlobView blob, LargeArray<CandidateSlot>&& slots,
+                               bool needs_buckets = false);
 
     /// For a calendar of its own: replaces its candidates by `candidates`, shape (neurons), none of
     /// which names an event, and its events by `events`, posted in their order. `next_window`: the
@@ -140,7 +143,7 @@ private:
         return true;
     }
     void expandRuns() override;
-    bool restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots);
+    bool restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots, bool needs_buckets);
     void scheduleInStore(NodeId neuron, ModelTime time, double rate);
     [[noreturn]] void refusePast(NodeId neuron);
     std::int64_t firstCandidateBucket();

@@ -81,6 +81,9 @@ struct WindowEngine::Window {
     std::vector<Kernel::WindowEvent> copied_events;    ///< item_events that are not placed
     bool hook_had_items = false;  ///< a prepare hook may have changed items of this run
 
+    std::vector<SpikeRecord> given;   ///< of the window, by neuron, then time
+    std::size_t committed_given = 0;  ///< of them
+
     std::size_t log_mark = 0;  ///< length of the log before this window
     std::vector<SpikeRecord> new_spikes;
     std::vector<Kernel::State> shadow_states;  ///< of an observation, shape (neurons)
@@ -173,6 +176,7 @@ void WindowEngine::reseedInitialCandidates(std::span<const double> drive_bounds)
     }
     flushPendingRandomStates();
     pristine_ = false;
+    eventless_until_ = 0;
     for (NodeId n = 0; n < graph_.nodeCount(); ++n) drawFirstCandidate(n, drive_bounds[n]);
 }
 
@@ -187,6 +191,7 @@ void WindowEngine::reseed(std::uint64_t seed, ModelTime from) {
     // A candidate with a negative bound is a marker, at which the walk draws anew. Only the walk
     // knows the drive of the window, and with it the bound of the draw.
     const ModelTime marker = from < horizon_ ? from : no_time;
+    eventless_until_ = std::min(eventless_until_, from);
     for (NodeId n = 0; n < graph_.nodeCount(); ++n) calendar_.schedule(n, marker, -1.0);
 }
 
@@ -202,7 +207,7 @@ bool WindowEngine::offersWholeRun(ModelTime until) const {
     return until == horizon_ && profile_.windows == 0 && log_.empty() && taken_.count == 0 &&
            prepare_hook_ == nullptr && commit_hook_ == nullptr && control_ == nullptr &&
            samplers_.empty() && observer_ == nullptr && observer_events_.empty() &&
-           !external_events_ && !heterogeneous_;
+           !external_events_ && given_.empty() && !heterogeneous_;
 }
 
 bool WindowEngine::isPristine() {
@@ -231,11 +236,9 @@ void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
         if (stopped_) return;
         control_->begin(processed_until_);
     }
-    eventless_until_ = 0;
     running_ = true;
     stopped_ = runWindows(backend, until);
     running_ = false;
-    if (!stopped_) eventless_until_ = until;
     if (control_ != nullptr) control_->end(processed_until_);
 }
 
@@ -262,6 +265,8 @@ bool WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
             return true;
         }
     }
+    // The observer may post an event before the end.
+    eventless_until_ = until;
     deliverObservations(window, until, false);
     takeSamples(window, until, false);
     return false;
@@ -279,7 +284,9 @@ bool WindowEngine::stopsAfterWindow(ModelTime until) {
 /// Takes the next window and sorts its events by target. Those of one target are in order if the
 /// window is dense; otherwise buildFromKeys puts them in order.
 bool WindowEngine::takeWindow(ModelTime until, Window& window) {
-    if (!calendar_.takeWindow(until, window.events, window.start, window.end)) return false;
+    if (!calendar_.takeWindow(until, nextGivenTime(), window.events, window.start, window.end)) {
+        return false;
+    }
     // Possible with a store that was given, and after a restore from a forged blob.
     if (window.events.reachesOutside()) {
         throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
@@ -287,6 +294,17 @@ bool WindowEngine::takeWindow(ModelTime until, Window& window) {
     window.events.sortByTarget();
     window.built = 0;
     window.next_target = 0;
+
+    const std::size_t end = next_given_ == given_.size() ? next_given_ : firstGivenFrom(window.end);
+    window.given.assign(given_.begin() + static_cast<std::ptrdiff_t>(next_given_),
+                        given_.begin() + static_cast<std::ptrdiff_t>(end));
+    // In the order of commits.
+    std::sort(window.given.begin(), window.given.end(),
+              [](const SpikeRecord& a, const SpikeRecord& b) {
+                  return a.neuron != b.neuron ? a.neuron < b.neuron : a.time < b.time;
+              });
+    window.committed_given = 0;
+    next_given_ = end;
     return true;
 }
 
@@ -311,6 +329,7 @@ void WindowEngine::computeAndCommit(Window& window, IWindowBackend& backend) {
         }
         commitItems(window);
     } while (window.built < window.events.size());
+    commitGivenSpikes(window, graph_.nodeCount());
 }
 
 /// A prepare hook sees all items of a window at once, and an observation inside the window repeats
@@ -435,7 +454,7 @@ void WindowEngine::readNeuron(WindowWork& item, NodeId neuron, ModelTime window_
 
 /// Commits the results: in ascending NodeId, and within a neuron in ascending time. The order
 /// of the posts, and so every new id, is a function of the results alone.
-void WindowEngine::commitItems(const Window& window) {
+void WindowEngine::commitItems(Window& window) {
     const auto prefetch_fired = [&](std::size_t i) {
         if (i < window.item_count && window.results[i].spike_count != 0) {
             calendar_.prefetchSynapses(window.work[i].neuron);
@@ -453,14 +472,58 @@ void WindowEngine::commitItems(const Window& window) {
         profile_.updates += result.updates;
         profile_.candidates += result.candidates;
         profile_.accepted += result.accepted;
+        if (window.committed_given < window.given.size()) commitGivenSpikes(window, n);
         for (std::int32_t s = 0; s < result.spike_count; ++s) {
-            const ModelTime time = result.spike_times[s];
-            log_.push_back({time, n});
-            log_sorted_ = false;
-            calendar_.deliver(n, time);
+            commitSpike(n, result.spike_times[s]);
         }
         calendar_.schedule(n, result.next_candidate, result.next_bound);
     }
+}
+
+void WindowEngine::commitSpike(NodeId neuron, ModelTime time) {
+    log_.push_back({time, neuron});
+    log_sorted_ = false;
+    calendar_.deliver(neuron, time);
+}
+
+/// Commits the given spikes of the window whose neurons lie before `end`.
+void WindowEngine::commitGivenSpikes(Window& window, NodeId end) {
+    for (; window.committed_given < window.given.size(); ++window.committed_given) {
+        const SpikeRecord& spike = window.given[window.committed_given];
+        if (spike.neuron >= end) return;
+        commitSpike(spike.neuron, spike.time);
+    }
+}
+
+std::size_t WindowEngine::firstGivenFrom(ModelTime time) const {
+    const auto first = std::partition_point(
+        given_.begin(), given_.end(), [&](const SpikeRecord& spike) { return spike.time < time; });
+    return static_cast<std::size_t>(first - given_.begin());
+}
+
+void WindowEngine::giveSpikes(std::vector<SpikeRecord> spikes) {
+    if (processed_until_ != 0 || eventless_until_ != 0 || running_ || !given_.empty()) {
+        throw InvalidSpikeTrain(InvalidSpikeTrain::late);
+    }
+    if (!calendar_.windowWidth()) throw InvalidSpikeTrain(InvalidSpikeTrain::store);
+    for (std::size_t i = 0; i < spikes.size(); ++i) {
+        const SpikeRecord& spike = spikes[i];
+        if (spike.neuron >= graph_.nodeCount()) {
+            throw InvalidSpikeTrain(
+                InvalidSpikeTrain::unknown(i, spike.neuron, graph_.nodeCount()));
+        }
+        if (spike.time < 0 || (i > 0 && !SpikeRecordLess()(spikes[i - 1], spike))) {
+            throw InvalidSpikeTrain(InvalidSpikeTrain::order(i, spike.time, spike.neuron));
+        }
+        const Kernel::Firing& firing = parameters_[spike.neuron].firing;
+        if (firing.base_rate != 0 && firing.rate_scale != 0) {
+            throw InvalidSpikeTrain(InvalidSpikeTrain::fires(i, spike.neuron));
+        }
+    }
+    given_ = std::move(spikes);
+    // No neuron fires from the horizon on.
+    given_.resize(firstGivenFrom(horizon_));
+    next_given_ = 0;
 }
 
 std::uint64_t WindowEngine::declareObserverEvent(const Event& event) {
@@ -572,8 +635,9 @@ Kernel::WindowResult WindowEngine::shadowWalk(const Window& window, const Window
 
 void WindowEngine::requireKnown(ModelTime time) {
     if (running_) throw WindowEngineError(WindowEngineError::late_states);
-    const ModelTime last =
-        calendar_.nextWindowStart().value_or(std::max(eventless_until_, processed_until_));
+    ModelTime last =
+        std::max(calendar_.nextWindowStart().value_or(processed_until_), eventless_until_);
+    if (nextGivenTime() >= 0) last = std::min(last, nextGivenTime());
     if (time < processed_until_ || time > last) {
         throw InvalidMoment(InvalidMoment::outside(time, processed_until_, last));
     }
@@ -735,7 +799,7 @@ bool WindowEngine::restore(BlobView blob, const TakenSpikes& taken) {
     for (Event& observation : observations) clearGap(observation.gap);
     if (!acceptsObservations(observations, cursor)) return false;
     // The last test: a store that was given may be changed even where it refuses.
-    if (!calendar_.restore(stored_store, std::move(candidates))) return false;
+    if (!calendar_.restore(stored_store, std::move(candidates), !given_.empty())) return false;
 
     pristine_ = false;
     graph_.adopt(std::move(*graph));
@@ -756,6 +820,7 @@ bool WindowEngine::restore(BlobView blob, const TakenSpikes& taken) {
         processed_until_ = std::max(processed_until_, state.last_update);
     }
     processed_until_ = calendar_.openFrom().value_or(processed_until_);
+    next_given_ = firstGivenFrom(processed_until_);
     return true;
 }
 

@@ -108,6 +108,16 @@ public:
     /// Throws SynapseRoutingViolation for a target outside the network, and what the store throws.
     std::uint64_t post(const Event& event) override;
 
+    /// Makes `spikes` part of the run, ascending by time in ns, then neuron. They are logged and
+    /// delivered as if their neurons had fired; those from the horizon on are dropped. These
+    /// neurons must never fire by themselves. No snapshot holds the spikes: an engine that restores
+    /// one must have been given the same. They take 16 bytes each. Call it before the first run,
+    /// once. Throws InvalidSpikeTrain for an engine that has run or has a store of its caller, then
+    /// for the first spike outside the network, before time 0, out of order, or of a neuron whose
+    /// hazard is not 0; nothing is given then.
+    void giveSpikes(std::vector<SpikeRecord> spikes);
+    std::span<const SpikeRecord> givenSpikes() const { return given_; }
+
     /// Declares an observation: the observer sees the network as of the event's time, in ns, and
     /// gets the event's other fields. Returns the observation's id. At equal times observations
     /// come in the order of declaration. They do not disturb the run: they are in no store and no
@@ -249,7 +259,13 @@ private:
     void appendItem(Window& window) const;
     void rewriteParameters(WindowWork& item, NodeId neuron) const;
     void readNeuron(WindowWork& item, NodeId neuron, ModelTime window_start);
-    void commitItems(const Window& window);
+    void commitItems(Window& window);
+    void commitSpike(NodeId neuron, ModelTime time);
+    void commitGivenSpikes(Window& window, NodeId end);
+    ModelTime nextGivenTime() const {
+        return next_given_ < given_.size() ? given_[next_given_].time : no_time;
+    }
+    std::size_t firstGivenFrom(ModelTime time) const;
     bool observationDue(ModelTime limit) const;
     Event takeObservation();
     bool acceptsObservations(std::span<const Event> observations, std::uint64_t cursor) const;
@@ -271,6 +287,8 @@ private:
     Runtime::RandomContext random_;
     Runtime::RandomContext::Family spontaneous_;
     std::vector<std::uint64_t> pending_random_states_;  ///< of a whole run, not yet applied
+    std::vector<SpikeRecord> given_;                    ///< ascending by time, then neuron
+    std::size_t next_given_ = 0;                        ///< the first one that is still to come
     std::vector<SpikeRecord> log_;                      ///< without the spikes that were taken
     bool log_sorted_ = true;
     TakenSpikes taken_;
@@ -287,7 +305,7 @@ private:
     RunControl* control_ = nullptr;
     bool stopped_ = false;
     ModelTime processed_until_ = 0;
-    ModelTime eventless_until_ = 0;  ///< of a store: no event is pending before
+    ModelTime eventless_until_ = 0;  ///< no event is pending before
     std::vector<IStateSampler*> samplers_;
     ModelTime next_sample_ = last_model_time;
     bool external_events_ = false;

@@ -212,7 +212,8 @@ std::uint64_t fingerprint(SynapseGraph& network, const ParameterTable& parameter
                           const std::optional<PhaseConfig>& phase,
                           const std::optional<RecorderConfig>& recorder,
                           std::span<const InputChannelSpec> input_channels,
-                          const std::optional<PredictionConfig>& prediction) {
+                          const std::optional<PredictionConfig>& prediction,
+                          std::span<const SpikeRecord> given_spikes) {
     if (parameters.neuronCount() != network.nodeCount()) {
         throw WindowEngineError(WindowEngineError::parameter_count);
     }
@@ -226,6 +227,13 @@ std::uint64_t fingerprint(SynapseGraph& network, const ParameterTable& parameter
     addOptional(print, recorder);
     addSettings(print, input_channels);
     addOptional(print, prediction);
+    if (!given_spikes.empty()) {
+        print.addU64(given_spikes.size());
+        for (const SpikeRecord& spike : given_spikes) {
+            print.addI64(spike.time);
+            print.addU64(spike.neuron);
+        }
+    }
     return print.value();
 }
 

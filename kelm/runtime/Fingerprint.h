@@ -9,6 +9,7 @@
 #include "kelm/core/Digest.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/engine/ParameterTable.h"
+#include "kelm/engine/SpikeRecord.h"
 #include "kelm/kernel/NeuronModel.h"
 #include "kelm/network/SynapseGraph.h"
 #include "kelm/runtime/InputChannelSpec.h"
@@ -40,6 +41,7 @@
 //   prediction   flag; list of channels: name text, list of targets u64, precision, strength, clamp
 //                f64; list of predictors: flag, kind u8, list of sources u64, list of weights f64,
 //                bias f64
+//   given spikes list: time i64, neuron u64; only if there are some
 
 namespace Lumenar::Core::Kelm {
 
@@ -92,9 +94,9 @@ void addSettings(Fingerprint& print, const PredictionConfig& prediction);
 /// on every machine. As config id it keeps a runtime from continuing another model's checkpoint.
 ///
 /// Left out are fields that nothing reads (`reserved`, `spare_flag`, `modality`), and what callers
-/// set later: a checkpoint holds that, or it is a callable. A part that is switched off counts as
-/// missing. Without a store of the caller, the window is the network's dMin(). Takes about 0.04
-/// microseconds a synapse.
+/// set later: a checkpoint holds that, or it is a callable, or the memberships of oscillators,
+/// which a caller sets again. A part that is switched off counts as missing. Without a store of the
+/// caller, the window is the network's dMin(). Takes about 0.04 microseconds a synapse.
 std::uint64_t fingerprint(SynapseGraph& network, const Kernel::Neuron& neuron,
                           const Kernel::Firing& firing, ModelTime horizon,
                           const PlasticityConfig& plasticity = {},
@@ -110,7 +112,8 @@ std::uint64_t fingerprint(SynapseGraph& network, const ParameterTable& parameter
                           const std::optional<PhaseConfig>& phase = std::nullopt,
                           const std::optional<RecorderConfig>& recorder = std::nullopt,
                           std::span<const InputChannelSpec> input_channels = {},
-                          const std::optional<PredictionConfig>& prediction = std::nullopt);
+                          const std::optional<PredictionConfig>& prediction = std::nullopt,
+                          std::span<const SpikeRecord> given_spikes = {});
 
 /// The same for one record a neuron. `neurons`, `firings`: shape (network.nodeCount()).
 /// Throws WindowEngineError for another count.

@@ -544,6 +544,8 @@ KelmRuntime::KelmRuntime(KelmRuntime& origin, std::unique_ptr<IWindowBackend> ba
     }
     engine_.setHooks(oscillators_ || prediction_ ? this : nullptr, this, this);
     engine_.setRunControl(&control_);
+    engine_.giveSpikes(std::vector<SpikeRecord>(origin.engine_.givenSpikes().begin(),
+                                                origin.engine_.givenSpikes().end()));
     if (!engine_.restore(origin.engine_.snapshot(), origin.engine_.taken())) {
         throw std::logic_error("the engine of a fork refuses the snapshot of its origin");
     }

@@ -44,9 +44,17 @@ std::string nameOf(const Population& population, NodeId first) {
     return "population '" + population.name + "' (" + neurons + ")";
 }
 
+/// Whether one of the spikes is of a neuron of the range.
+bool holdsSpike(std::span<const SpikeRecord> spikes, NodeId first, std::uint64_t count) {
+    return std::any_of(spikes.begin(), spikes.end(), [&](const SpikeRecord& spike) {
+        return spike.neuron >= first && spike.neuron - first < count;
+    });
+}
+
 /// All findings, each with the neurons that it is about.
 std::vector<Finding> findingsOf(const SynapseGraph& network, ModelTime window,
-                                std::span<const Population> populations, ModelTime horizon) {
+                                std::span<const Population> populations,
+                                const RuntimeOptions& options) {
     std::vector<Finding> findings = validate(network);
     const auto add = [&](Finding finding, const std::string& name) {
         // Window and horizon are those of all populations.
@@ -59,12 +67,15 @@ std::vector<Finding> findingsOf(const SynapseGraph& network, ModelTime window,
         }
     };
     const std::optional<ModelTime> end =
-        horizon == open_horizon ? std::nullopt : std::optional(horizon);
+        options.horizon == open_horizon ? std::nullopt : std::optional(options.horizon);
     NodeId first = 0;
     for (const Population& population : populations) {
         if (population.size == 0) continue;
         for (Finding& finding : validate(population.neuron, population.firing, window, end)) {
-            add(std::move(finding), nameOf(population, first));
+            const bool is_source = finding.severity == Finding::Severity::warning &&
+                                   finding.field == "base_rate" &&
+                                   holdsSpike(options.given_spikes, first, population.size);
+            if (!is_source) add(std::move(finding), nameOf(population, first));
         }
         first += population.size;
     }
@@ -91,18 +102,19 @@ std::unique_ptr<KelmRuntime> makeRuntime(SynapseGraph network, RuntimeOptions op
     const std::vector<Population> populations = populationsOf(network, options);
     const std::optional<ModelTime> window = network.dMin();
     if (!window) throw WindowEngineError(WindowEngineError::no_d_min);
-    std::vector<Finding> findings = findingsOf(network, *window, populations, options.horizon);
+    std::vector<Finding> findings = findingsOf(network, *window, populations, options);
     refuseErrors(findings);
 
     ParameterTable parameters(populations);
-    const std::uint64_t config_id =
-        fingerprint(network, parameters, options.horizon, options.plasticity, options.phase,
-                    options.recorder, options.input_channels, options.prediction);
+    const std::uint64_t config_id = fingerprint(
+        network, parameters, options.horizon, options.plasticity, options.phase, options.recorder,
+        options.input_channels, options.prediction, options.given_spikes);
     std::unique_ptr<KelmRuntime> runtime(
         new KelmRuntime(std::move(network), std::move(parameters), options.seed, options.horizon,
                         backend.get(), nullptr, options.plasticity, std::move(options.phase),
                         std::move(options.recorder), std::move(options.input_channels),
                         std::move(options.prediction), config_id, std::move(options.label), true));
+    runtime->engine_.giveSpikes(std::move(options.given_spikes));
     runtime->owned_backend_ = std::move(backend);
     runtime->warnings_ = std::move(findings);
     if (runtime->learning_ && !options.learning_journal) {

@@ -7,6 +7,7 @@
 
 #include "kelm/core/ModelTime.h"
 #include "kelm/engine/ParameterTable.h"
+#include "kelm/engine/SpikeRecord.h"
 #include "kelm/kernel/NeuronModel.h"
 #include "kelm/runtime/InputChannelSpec.h"
 #include "kelm/runtime/PhaseConfig.h"
@@ -29,6 +30,8 @@ struct RuntimeOptions {
     Kernel::Firing firing = {};        ///< of every neuron, without populations
     /// Consecutive ranges of neurons that make up the network; empty where all are alike.
     std::vector<Population> populations = {};
+    /// Spikes of neurons that never fire by themselves, ascending by time in ns, then neuron.
+    std::vector<SpikeRecord> given_spikes = {};
     PlasticityConfig plasticity = {};             ///< weights learn if it is enabled
     bool learning_journal = false;                ///< keep every weight change that learning makes
     std::optional<PhaseConfig> phase = {};        ///< oscillators and bindings

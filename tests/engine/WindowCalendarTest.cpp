@@ -151,7 +151,7 @@ private:
     Taken takeFrom(WindowCalendar& calendar, ModelTime until) {
         Taken taken;
         WindowEvents events(neurons);
-        taken.given = calendar.takeWindow(until, events, taken.start, taken.end);
+        taken.given = calendar.takeWindow(until, no_time, events, taken.start, taken.end);
         if (!taken.given) return taken;
         events.sortByTarget();
         const auto note = [&](NodeId target, ModelTime time, double value, bool wake_only) {
@@ -308,13 +308,14 @@ TEST(WindowCalendar, KeepsAWindowWhoseEndIsBeyondTime) {
         WindowEvents events(2);
         ModelTime start = 0;
         ModelTime end = 0;
-        ASSERT_TRUE(calendar.takeWindow(last_model_time, events, start, end));
+        ASSERT_TRUE(calendar.takeWindow(last_model_time, no_time, events, start, end));
         EXPECT_EQ(end, 9223372036854775800);
         const Blob before = calendar.snapshot();
-        EXPECT_THROW(calendar.takeWindow(last_model_time, events, start, end), TimeOverflow);
+        EXPECT_THROW(calendar.takeWindow(last_model_time, no_time, events, start, end),
+                     TimeOverflow);
         EXPECT_EQ(calendar.snapshot(), before);
         calendar.schedule(1, no_time, 1.0);
-        EXPECT_FALSE(calendar.takeWindow(last_model_time, events, start, end));
+        EXPECT_FALSE(calendar.takeWindow(last_model_time, no_time, events, start, end));
     }
 }
 

@@ -14,6 +14,7 @@
 
 #include "kelm/core/Failures.h"
 #include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/network/Wiring.h"
 #include "kelm/runtime/CheckpointSummary.h"
 #include "kelm/runtime/Fingerprint.h"
 #include "tests/engine/ScriptedBackend.h"
@@ -174,6 +175,110 @@ TEST(PoissonSources, FireAtTheirRateWhateverTheirInputs) {
     // deviations each.
     EXPECT_NEAR(static_cast<double>(count), 40'000.0, 800.0);
     EXPECT_NEAR(static_cast<double>(short_intervals) / static_cast<double>(count), 0.1813, 0.008);
+}
+
+// Sources whose spikes are given drive a network as the neurons do from which the spikes come.
+TEST(GivenSpikes, AreLoggedAndDeliveredAsThoseOfFiringNeurons) {
+    for (std::uint64_t seed = 1; seed <= 6; ++seed) {
+        SCOPED_TRACE(seed);
+        Draws draws(seed);
+        const std::uint64_t before = draws.below(30), sources = 40, after = 30;
+        const std::uint64_t neurons = before + sources + after;
+        const NeuronRange all{0, neurons}, source_range{before, sources};
+        const SynapseGraph network =
+            Wiring(neurons, 1'000'000,
+                   {{"in", source_range, all, ConnectionRule::bernoulli(0.2), 0.5, 1'500'000},
+                    {"back", all, all, ConnectionRule::fixedInDegree(4), 0.2, 2'000'000}},
+                   seed)
+                .build();
+        RuntimeOptions options{.seed = seed};
+        options.plasticity.enabled = seed % 2 == 0;
+        options.recorder = RecorderConfig{.sample_interval = 7'300'000,
+                                          .sample_kinds = {SampleKind::spike_counts}};
+        const auto populations = [&](const Population& source) {
+            return std::vector<Population>{{"before", before, {}, {}}, source, {"after", after}};
+        };
+        // Up to 4 spikes a window: some windows hold nothing else.
+        options.populations = populations(poissonSources("sources", sources, 30.0));
+        options.populations[0].firing.base_rate = options.populations[2].firing.base_rate = 2.0;
+        const auto firing = makeRuntime(network, options, cpu());
+        firing->run(400'000'000);
+        RuntimeOptions given = options;
+        given.populations[1] = spikeSources("sources", sources);
+        for (const SpikeRecord& spike : firing->spikeLog()) {
+            if (source_range.contains(spike.neuron)) given.given_spikes.push_back(spike);
+        }
+        ASSERT_GT(given.given_spikes.size(), 200U);
+        const auto straight = makeRuntime(network, given, cpu());
+        EXPECT_TRUE(straight->warnings().empty());
+        straight->run(400'000'000);
+        EXPECT_EQ(straight->logHash(), firing->logHash());
+
+        std::unique_ptr<KelmRuntime> sliced = makeRuntime(network, given, cpu());
+        while (sliced->position() < 400'000'000) {
+            sliced->run(
+                std::min<ModelTime>(sliced->position() + draws.timeBelow(50'000'000), 400'000'000));
+            auto next = draws.oneIn(2) ? sliced->fork(cpu()) : makeRuntime(network, given, cpu());
+            restoreCheckpoint(*next, sliced->checkpoint());
+            sliced = std::move(next);
+        }
+        EXPECT_EQ(sliced->checkpoint(), straight->checkpoint());
+        // Another source fires at the same moment.
+        NodeId& last = given.given_spikes.back().neuron;
+        last = last == before ? last + 1 : before;
+        EXPECT_THROW(restoreCheckpoint(*makeRuntime(network, given, cpu()), straight->checkpoint()),
+                     RefusedCheckpoint);
+    }
+}
+
+TEST(GivenSpikes, AreCommittedByNeuronInTheWindowsInWhichTheyLie) {
+    struct Commits final : IWindowCommit {
+        void commit(ModelTime start, ModelTime, std::span<const SpikeRecord> spikes,
+                    SynapseGraph&) override {
+            for (const SpikeRecord& s : spikes)
+                seen.push_back({start, s.time, ModelTime(s.neuron)});
+        }
+        std::vector<std::array<ModelTime, 3>> seen;
+    } commits;
+    CpuWindowBackend backend;
+    WindowEngine engine(SynapseGraph(2, 10, {}), Kernel::Neuron(), Kernel::Firing{.base_rate = 0.0},
+                        1, 1000);
+    engine.setHooks(nullptr, &commits, nullptr);
+    engine.giveSpikes({{0, 1}, {9, 0}, {10, 1}, {12, 0}, {12, 1}, {19, 0}, {20, 0}});
+    engine.run(backend, 1000);
+    const std::vector<std::array<ModelTime, 3>> expected = {
+        {0, 9, 0}, {0, 0, 1}, {10, 12, 0}, {10, 19, 0}, {10, 10, 1}, {10, 12, 1}, {20, 20, 0}};
+    EXPECT_EQ(commits.seen, expected);
+}
+
+TEST(GivenSpikes, LeaveTheWarningsOfOtherSilentPopulations) {
+    RuntimeOptions options;
+    options.populations = {spikeSources("sources", 2), spikeSources("silent", 2)};
+    options.given_spikes = {{5, 1}};
+    const auto runtime = makeRuntime(SynapseGraph(4, 1'000'000, {}), options, cpu());
+    ASSERT_EQ(runtime->warnings().size(), 1U);
+    EXPECT_NE(runtime->warnings()[0].text.find("silent"), std::string::npos);
+    options.populations[0].firing.base_rate = -1.0;
+    EXPECT_THROW(makeRuntime(SynapseGraph(4, 1'000'000, {}), options, cpu()), InvalidModel);
+}
+
+TEST(GivenSpikes, AreRefusedWithTheFirstThatIsWrong) {
+    const auto making = [](std::vector<SpikeRecord> spikes) {
+        RuntimeOptions options;
+        options.populations = {spikeSources("sources", 2), {"neuron", 1}};
+        options.given_spikes = std::move(spikes);
+        return [options] { makeRuntime(SynapseGraph(3, 10, {}), options, cpu()); };
+    };
+    expectRefusals<InvalidSpikeTrain>(
+        {{"given spike 1 is of neuron 3, and the network has 3", making({{5, 0}, {6, 3}})},
+         {"given spike 0 (-1 ns, neuron 0) must lie behind the one before, and not before 0",
+          making({{-1, 0}})},
+         {"given spike 1 (5 ns, neuron 0) must lie behind the one before, and not before 0",
+          making({{5, 1}, {5, 0}})},
+         {"given spike 1 (5 ns, neuron 0) must lie behind the one before, and not before 0",
+          making({{5, 0}, {5, 0}})},
+         {"given spike 0 is of neuron 2, which fires by itself: its base rate must be 0",
+          making({{5, 2}})}});
 }
 
 TEST(MakeRuntime, RefusesCallsAtTheWrongTimeWithNothingChanged) {

@@ -314,6 +314,53 @@ TEST_P(KnownMomentsTest, ReachFromTheLastWindowToTheNextOne) {
     expectKnown(GetParam() ? 12 : 40, GetParam() ? 12 : 40, 1.0);
 }
 
+TEST_P(KnownMomentsTest, ReachTheEndOfARunInsideTheNextWindow) {
+    post(12);
+    engine.run(cpu, 45);
+    post(47);
+    expectKnown(20, 45, 1.0);
+    // Every neuron draws anew at 43 ns.
+    engine.reseed(2, 43);
+    expectKnown(20, 43, 1.0);
+}
+
+TEST_P(KnownMomentsTest, EndAtAnInputOfTheLastObservation) {
+    struct LateInput final : IWindowObserver {
+        explicit LateInput(WindowEngine& engine_of_test) : engine(engine_of_test) {}
+        void observe(const Event&, std::span<const Kernel::State>, SynapseGraph&) override {}
+        void observe(const Event&, std::span<const Kernel::State>, std::span<const ModelTime>,
+                     SynapseGraph&) override {
+            engine.post({.time = 47, .kind = EventKind::input, .value = 1.0});
+        }
+        WindowEngine& engine;
+    } observer(engine);
+    engine.setHooks(nullptr, nullptr, &observer);
+    engine.declareObserverEvent({.time = 44});
+    engine.run(cpu, 60);
+    expectKnown(0, 47, 0.0);
+}
+
+TEST_P(KnownMomentsTest, EndAtAGivenSpike) {
+    if (GetParam()) {
+        expectThrows<InvalidSpikeTrain>(
+            [&] {
+                engine.giveSpikes({{5, 0}});
+            },
+            "spikes cannot be given to an engine with a store");
+        return;
+    }
+    engine.giveSpikes({{0, 0}, {27, 0}, {99, 0}, {100, 0}, {700, 0}});
+    EXPECT_EQ(engine.givenSpikes().size(), 3U);  // none from the horizon on
+    expectKnown(0, 0, 0.0);
+    engine.run(cpu, 15);
+    expectKnown(10, 27, 0.0);
+    expectThrows<InvalidSpikeTrain>(
+        [&] {
+            engine.giveSpikes({{50, 0}});
+        },
+        "spikes can be given once, before the first run");
+}
+
 TEST(KnownMoments, EndAtAnInputThatAStoreAcceptsBeforeTheEndOfTheRun) {
     struct IdleStore final : PlainStore {
         using PlainStore::PlainStore;
