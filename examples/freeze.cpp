@@ -3,8 +3,6 @@
 // digest.
 #include <cinttypes>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "kelm/kelm.h"
@@ -23,14 +21,10 @@ int main(int argc, char** argv) try {
     const auto runtime = makeRuntime(wiring.build(), options);
     if (mode == "first") {
         runtime->run(200 * ms);
-        const Blob bytes = runtime->checkpoint();
-        std::ofstream out(file, std::ios::binary);
-        out.write(reinterpret_cast<const char*>(bytes.data()),
-                  static_cast<std::streamsize>(bytes.size()));
-        return out.flush() ? 0 : 1;
+        saveCheckpoint(*runtime, file);
+        return 0;
     }
-    std::ifstream in(file, std::ios::binary);
-    if (mode == "second") restoreCheckpoint(*runtime, Blob(std::istreambuf_iterator<char>(in), {}));
+    if (mode == "second") loadCheckpoint(*runtime, file);
     runtime->run(400 * ms);
     std::printf("%zu spikes, log hash %016" PRIx64 "\n", runtime->spikeLog().size(),
                 runtime->logHash());

@@ -19,6 +19,7 @@
 #include "kelm/network/SynapseColumns.h"
 #include "kelm/network/SynapseGraph.h"
 #include "kelm/network/Wiring.h"
+#include "kelm/runtime/CheckpointFile.h"
 #include "kelm/runtime/CheckpointSummary.h"
 #include "kelm/runtime/Fingerprint.h"
 #include "kelm/runtime/KelmRuntime.h"

@@ -377,6 +377,17 @@ public:
     }
 };
 
+/// A checkpoint file that cannot be written or read.
+class CheckpointFileError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+    /// `reason`: the system's text.
+    static std::string failed(const std::string& action, const std::string& path,
+                              const std::string& reason) {
+        return "cannot " + action + " checkpoint file '" + path + "': " + reason;
+    }
+};
+
 /// A spike file that cannot be written or continued.
 class SpikeFileError : public std::runtime_error {
 public:
