@@ -300,6 +300,12 @@ constexpr ComposedCase all_cases[] = {
     {"empty", "bare", true, "a runtime without parts",
      [](const Scale& scale) { return measureHalves(scale, {}); }},
     {"options", "empty", true, "a runtime of makeRuntime", measureOptions},
+    {"progress", "empty", true, "a runtime that reports its progress ten times a second",
+     [](const Scale& scale) {
+         return measureSettled(scale, {}, [](KelmRuntime& runtime) {
+             runtime.setProgress([](const RunProgress&) {});
+         });
+     }},
 
     {"phase-1", "empty", false, "one phase binding per neuron",
      [](const Scale& scale) { return measureHalves(scale, withPhase(scale, 1)); }},
