@@ -1,0 +1,184 @@
+"""Refusals: class, argument, value and rule."""
+
+import copy
+import pickle
+
+import numpy as np
+import pytest
+
+import kelm
+from kelm import errors
+from kelm.units import ms, s
+
+HINT = r"times are ns: write 2\*ms"
+delay = 2 * ms
+
+
+def sim_of(net, **settings):
+    return kelm.Simulation(net, seed=1, **settings)
+
+
+def connect(net, weight=0.1, delay=delay, rule=kelm.bernoulli(0.1), source=None, **more):
+    net.connect(source or net.all, net.all, rule, weight=weight, delay=delay, **more)
+    net.build()
+
+
+def light(net):
+    return sim_of(net, input_channels=[kelm.InputChannel("light", [1], 1)]).run(5 * ms)
+
+
+nan, inf = float("nan"), float("inf")
+CASES = [
+    # times and numbers
+    (lambda n: sim_of(n).run(2), ValueError,
+     f"duration: 2 ns is below the window of 1000000 ns; {HINT}"),
+    (lambda n: sim_of(n).run(1.5), ValueError,
+     f"duration is 1.5, which is no whole number; {HINT}"),
+    (lambda n: sim_of(n).run(nan), ValueError, "duration is nan, which is no whole number"),
+    (lambda n: sim_of(n).run("2s"), TypeError, "duration must be a whole number, not str"),
+    (lambda n: sim_of(n).run(True), TypeError, "duration must be a whole number, not bool"),
+    (lambda n: sim_of(n).run(2**63), ValueError, r"duration is 9223372036854775808 ns"),
+    (lambda n: sim_of(n, horizon=5), ValueError, "horizon: 5 ns is below the window"),
+    (lambda n: sim_of(n).run(), ValueError, "duration is None, and the simulation has no horizon"),
+    (lambda n: connect(n, delay=3), ValueError, "delay: 3 ns is below the window of 1000000 ns"),
+    (lambda n: connect(n, delay=kelm.uniform(2, 3)), ValueError, "delay: 2 ns is below the window"),
+    (lambda n: connect(n, delay=[delay, 7]), ValueError,
+     r"delay\[1\] is 7, must be at least 1000000"),
+    (lambda n: connect(n, weight=nan), ValueError, "weight is nan, must be finite"),
+    (lambda n: kelm.Network(seed=-1), ValueError,
+     r"seed is -1, must lie in \[0, 18446744073709551615"),
+    # names and records
+    (lambda n: kelm.Network(firing={"gian": 1}), ValueError, "'gian'.*did you mean 'gain'"),
+    (lambda n: kelm.Network(neuron=3), TypeError, "neuron must be a kelm.Neuron or a dict"),
+    (lambda n: sim_of(n, prediction=[{"name": "x"}]), ValueError,
+     r"prediction\[0\]: .*missing.*targets"),
+    (lambda n: n.population("E", 3), ValueError, "name is 'E', which another population has"),
+    (lambda n: n["F"], ValueError, "a population is 'F', must be one of E, I"),
+    (lambda n: n["E"][200], IndexError, "E has 160 neurons, so none has index 200"),
+    (lambda n: n["E"][::2], ValueError, "the step of a slice is 2, must be 1"),
+    # wiring
+    (lambda n: connect(n, rule=80), TypeError, "rule must be a kelm.Rule"),
+    (lambda n: connect(n, source=[1, 2]), TypeError, "source must be a population or a range"),
+    (lambda n: connect(n, weight=[1, -1]), ValueError, "weight has values of both signs"),
+    (lambda n: connect(n, weight=-1, inhibitory=False), ValueError, "weight is negative"),
+    (lambda n: connect(n, name="E->all"), ValueError, "name is 'E->all', which another connection"),
+    (lambda n: connect(n, rule=kelm.one_to_one, source=n["E"]), ValueError, "projection"),
+    (lambda n: connect(n, rule=kelm.bernoulli(2)), ValueError, "probability"),
+    (lambda n: connect(n, weight=lambda s, t, i: 1 / 0), ZeroDivisionError, "division"),
+    (lambda n: n.connect_arrays([0, 200], [1, 1], 1, delay), ValueError,
+     r"source\[1\] is 200, must be below 200; the network has 200 neurons"),
+    (lambda n: n.connect_arrays([0], [1, 1], 1, delay), ValueError,
+     "target has 2 values, must have 1"),
+    (lambda n: n.connect_arrays([[0]], [1], 1, delay), ValueError, r"source has shape \(1, 1\)"),
+    (lambda n: n.connect_arrays([0.5], [1], 1, delay), ValueError,
+     r"source\[0\] is 0.5, must be a whole"),
+    (lambda n: n.connect_arrays(["a"], [1], 1, delay), TypeError, "source must hold numbers"),
+    (lambda n: n.connect_arrays([1], [1], -1, delay, [1]), ValueError, r"weight\[0\].*at least 0"),
+    (lambda n: n.connect_arrays([1], [1], 1e300, delay), ValueError,
+     "too large for single precision"),
+    (lambda n: n.spike_source("x", 2, [5, 5], [1, 1]), ValueError,
+     "neuron 1 has two spikes at 5 ns"),
+    (lambda n: n.spike_source("x", 2, [5], [2]), ValueError, r"neurons\[0\] is 2, must be below 2"),
+    (lambda n: n.spike_source("x", 2, [2**63], [0]), ValueError,
+     r"times\[0\] is 9223372036854775808"),
+    # models and calls that the library refuses
+    (lambda n: sim_of(n, backend="gpu"), errors.UnknownBackend, "there is no backend 'gpu' here"),
+    (lambda n: sim_of(n, threads=10**9), errors.InvalidThreadCount, "at most"),
+    (lambda n: (n.population("bad", 1, firing={"max_rate": 1}), sim_of(n)), errors.InvalidModel,
+     "population 'bad' .neuron 200."),
+    (lambda n: sim_of(n, plasticity={"excitatory": {"kind": "pair", "potentiation": -1}}),
+     errors.InvalidPlasticity, "must be non-negative .*potentiation"),
+    (lambda n: sim_of(n, phase={"oscillators": [kelm.Oscillator(1, -1)]}),
+     errors.InvalidOscillator, "invalid KELM oscillator parameters .*frequency"),
+    (lambda n: sim_of(n, input_channels=[kelm.InputChannel("a", [1, 1])]),
+     errors.InvalidModality, "repeats a target"),
+    (lambda n: sim_of(n, prediction=[kelm.ErrorChannel("global", 1)]), errors.InvalidPrediction,
+     "global error scalar is forbidden"),
+    (lambda n: sim_of(n).run(9 * ms).run_until(ms), errors.RefusedCall, "goes backwards"),
+    (lambda n: sim_of(n, horizon=5 * ms).run(6 * ms), errors.RefusedCall, "past the horizon"),
+    (lambda n: sim_of(n).states(at=3 * s), errors.InvalidMoment, "states are known from 0 ns"),
+    (lambda n: sim_of(n).states(neurons=[200]), ValueError, r"neurons\[0\] is 200, must be below"),
+    (lambda n: sim_of(n).probe([], interval=ms), errors.InvalidProbe, "names no neuron"),
+    (lambda n: sim_of(n).set_weights(-1), ValueError, r"weights\[0\] is -1, must be at least 0"),
+    (lambda n: sim_of(n).set_weights([1], [10**6]), ValueError, "must be below .* synapses"),
+    (lambda n: sim_of(n).learning, errors.PartMissing, "make it with plasticity="),
+    # inputs: nothing is posted
+    (lambda n: light(n).inject("dark", 0, 1), ValueError,
+     "an input channel is 'dark', must be one of light"),
+    (lambda n: light(n).inject("light", 0, 1), errors.RefusedCall,
+     "comes too early: the earliest time is 5000000"),
+    (lambda n: light(n).inject("light", [9 * ms, 8 * ms], 1), ValueError,
+     r"time\[1\].*must ascend"),
+    (lambda n: light(n).post([9 * ms], [1], [inf]), ValueError,
+     r"values\[0\] is inf, must be finite"),
+    (lambda n: light(n).post([9 * ms, 0], 1, 1), ValueError, r"times\[1\] is 0.*earliest input"),
+    (lambda n: light(n).perturb(0, [1], 1.0), errors.RefusedCall, "comes too early"),
+    (lambda n: light(n).interventions.set_gain("gain", 1), ValueError, "mechanism is 'gain'"),
+    # checkpoints
+    (lambda n: sim_of(n).restore(b"bytes"), errors.RefusedCheckpoint, "this is no checkpoint"),
+    (lambda n: sim_of(n).restore("text"), TypeError, "checkpoint must be bytes, not str"),
+    (lambda n: kelm.Simulation(n, seed=2).restore(sim_of(n).checkpoint()),
+     errors.RefusedCheckpoint, "the checkpoint has seed 1, and this runtime has 2"),
+]
+
+
+@pytest.mark.parametrize("case", CASES, ids=lambda case: case[2][:40])
+def test_refusal(case, net):
+    call, builtin, text = case
+    with pytest.raises(builtin, match=text) as raised:
+        call(net)
+    assert isinstance(raised.value, kelm.Error) or builtin is ZeroDivisionError
+
+
+def test_a_refused_input_leaves_nothing_behind(net):
+    sim, other = light(net), light(net)
+    for times, values in (([9 * ms, 2**40 * 1.5], [1, nan]), ([9 * ms, 1 * ms], [1, 1])):
+        with pytest.raises(kelm.ArgumentError):
+            sim.inject("light", times, values)
+        with pytest.raises(kelm.ArgumentError):
+            sim.post(times, [1, 2], values)
+    with pytest.raises(kelm.ArgumentError, match="arrives after"):
+        sim.inject("light", [9 * ms, 2**63 - 1], 1)
+    assert sim.checkpoint() == other.checkpoint()
+
+
+def test_files_that_are_no_checkpoints_of_the_network_are_refused(net, tmp_path):
+    path = tmp_path / "run.kelm"
+    sim_of(net).run(20 * ms).save(path)
+    assert kelm.Simulation.load(net, path).position == 20 * ms
+    other = net.copy()
+    other.population("more", 1)
+    with pytest.raises(kelm.FileError, match="run.kelm.*neurons"):
+        kelm.Simulation.load(other, path)
+    with pytest.raises(kelm.FileError, match="plasticity"):
+        kelm.Simulation.load(net, path, plasticity={})
+    path.write_bytes(path.read_bytes()[:-1])
+    with pytest.raises(kelm.FileError, match="cut short"):
+        kelm.Simulation.load(net, path)
+    with pytest.raises(errors.CheckpointFileError, match="cannot .* 'none/run.kelm'"):
+        sim_of(net).save("none/run.kelm")
+    with pytest.raises(FileNotFoundError):
+        kelm.Simulation.load(net, tmp_path / "none")
+
+
+@pytest.mark.parametrize("duplicate", [kelm.Network.copy, copy.copy, copy.deepcopy,
+                                       lambda net: pickle.loads(pickle.dumps(net))])
+def test_a_copy_of_a_network_is_equal_and_independent(net, duplicate):
+    other = duplicate(net)
+    assert sim_of(other).run(50 * ms).digest == sim_of(net).run(50 * ms).digest
+    sim = sim_of(other)
+    other.population("more", 5)
+    other.connect_arrays([0], [1], 1, delay)
+    assert net.size == 200 and net.synapse_count == other.synapse_count - 1
+    # A simulation keeps the network that it was made with.
+    assert pickle.loads(pickle.dumps(sim)).run(50 * ms).digest == sim_of(net).run(50 * ms).digest
+
+
+def test_inputs_of_any_numeric_type_are_the_same(net):
+    digests = set()
+    for kind in (np.int16, np.uint64, np.float32, list):
+        sim = sim_of(net)
+        neurons = list(range(50)) if kind is list else np.arange(50, dtype=kind)
+        sim.post(np.full(50, 3e6), neurons, kind([2] * 50) if kind is not list else [2] * 50)
+        digests.add(sim.run(50 * ms).digest)
+    assert len(digests) == 1 and sim_of(net).run(50 * ms).digest not in digests
