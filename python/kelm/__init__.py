@@ -36,6 +36,7 @@ from ._settings import (
 )
 from ._simulation import Digest, ModelWarning, Probe, Simulation
 from ._spikes import Spikes
+from ._sweep import sweep
 from ._wiring import (
     Distribution,
     Rule,
@@ -94,6 +95,7 @@ __all__ = [
     "normal",
     "one_to_one",
     "plot",
+    "sweep",
     "uniform",
     "units",
 ]
