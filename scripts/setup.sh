@@ -47,6 +47,30 @@ need_build_tools() {
     need libgtest-dev has_header gtest/gtest.h
 }
 
+# Whether an interpreter that the build may choose has a module.
+has_module() { python3 -c "import $1" 2>/dev/null || /usr/bin/python3 -c "import $1" 2>/dev/null; }
+
+has_pybind11() {
+    [[ -e /usr/lib/cmake/pybind11/pybind11Config.cmake ]] || python3 -m pybind11 --cmakedir \
+        >/dev/null 2>&1
+}
+
+has_python_headers() {
+    local headers
+    headers=$(/usr/bin/python3 -c 'import sysconfig; print(sysconfig.get_path("include"))') &&
+        [[ -e $headers/Python.h ]]
+}
+
+# The packages that the Python package needs and those that its example uses.
+need_python_tools() {
+    need python3-dev has_python_headers
+    need pybind11-dev has_pybind11
+    need python3-numpy has_module numpy
+    need python3-h5py has_module h5py
+    need python3-matplotlib has_module matplotlib
+    need python3-tqdm has_module tqdm
+}
+
 has_libfuzzer() {
     local runtime
     runtime=$(clang++ -print-runtime-dir 2>/dev/null) && compgen -G "$runtime/libclang_rt.fuzzer*.a" \
