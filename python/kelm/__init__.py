@@ -14,7 +14,8 @@ any number of threads, however a run is cut, and after a restore.
 Times are whole numbers of nanoseconds: `kelm.units` has ``ns``, ``us``, ``ms``, ``s`` and ``Hz``.
 """
 
-from . import errors, plot, units
+from . import errors, plot, sonata, units
+from ._files import SpikeWriter
 from ._kelm import available_backends
 from ._kelm import engine_version as __version__
 from ._network import Connection, Network, Synapses
@@ -52,6 +53,7 @@ from ._wiring import (
     uniform,
 )
 from .errors import ArgumentError, BusyError, Error, FileError
+from .sonata import from_sonata, to_sonata
 
 __all__ = [
     "ArgumentError",
@@ -81,6 +83,7 @@ __all__ = [
     "RecorderSettings",
     "Rule",
     "Simulation",
+    "SpikeWriter",
     "Spikes",
     "Synapses",
     "all_to_all",
@@ -91,11 +94,14 @@ __all__ = [
     "fixed_indegree",
     "fixed_outdegree",
     "fixed_total",
+    "from_sonata",
     "lognormal",
     "normal",
     "one_to_one",
     "plot",
+    "sonata",
     "sweep",
+    "to_sonata",
     "uniform",
     "units",
 ]

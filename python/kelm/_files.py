@@ -210,7 +210,11 @@ def _write_h5(spikes: Spikes, path: str) -> None:
         _write_groups(file, owners, parts)
 
 
-def _open_h5(path: str) -> h5py.File:
+def open_h5(path: str) -> h5py.File:
+    """Opens a file to read, also one whose writer still writes or was killed.
+
+    Raises what a missing file raises, and FileError for a file that is no HDF5 or cut short.
+    """
     import h5py
 
     with open(path, "rb"):
@@ -227,7 +231,7 @@ def _open_h5(path: str) -> h5py.File:
 
 def _read_h5(path: str, wanted: tuple[Any, ...] | None) -> Spikes:
     try:
-        with _open_h5(path) as file:
+        with open_h5(path) as file:
             return _spikes_of_h5(path, file, wanted)
     except (FileNotFoundError, PermissionError, IsADirectoryError, FileError):
         raise

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import html
 import threading
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from typing import Any, Mapping, NamedTuple, Optional, Union
 
 import numpy as np
@@ -334,6 +334,37 @@ class Network:
         name = population if isinstance(population, str) else population.name
         member = self._member(name)
         return member.neuron, member.firing
+
+    def set_parameters(
+        self,
+        population: Union[str, Population],
+        *,
+        neuron: Union[Neuron, Mapping[str, Any], None] = None,
+        firing: Union[Firing, Mapping[str, Any], None] = None,
+    ) -> None:
+        """Changes the parameters of a population: a record, or a dict of the fields that change.
+
+        Raises ArgumentError for sources, whose parameters are their own, and for an unknown field.
+        """
+        name = population if isinstance(population, str) else population.name
+        member = self._member(name)
+        if member.range.kind != "neurons":
+            raise ArgumentError(f"population {name!r} is a source and keeps its parameters")
+        changed = replace(
+            member,
+            neuron=self._overridden(member.neuron, neuron, "neuron"),
+            firing=self._overridden(member.firing, firing, "firing"),
+        )
+        place = next(k for k, other in enumerate(self._members) if other is member)
+        self._members[place] = changed
+
+    def to_sonata(
+        self, folder: Any, *, until: Optional[int] = None, simulation: Mapping[str, Any] = {}
+    ) -> str:
+        """Writes the network in the SONATA format: see :func:`kelm.to_sonata`."""
+        from .sonata import to_sonata
+
+        return to_sonata(self, folder, until=until, simulation=simulation)
 
     def _member(self, name: str) -> _Member:
         names = [member.range.name for member in self._members]
