@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "compare/BlobLayout.h"
 #include "python/src/Graph.h"
 
 namespace Lumenar::Core::Kelm::Python {
@@ -157,6 +158,14 @@ py::dict summaryOf(const py::buffer& checkpoint) {
     return fields;
 }
 
+/// One line on the first difference of two checkpoints; empty if there is none.
+std::string firstDifference(const py::buffer& a, const py::buffer& b) {
+    const py::buffer_info left = a.request();
+    const py::buffer_info right = b.request();
+    const auto difference = Compare::blobDifference("checkpoint", viewOf(left), viewOf(right));
+    return difference ? difference->text() : std::string();
+}
+
 py::array_t<std::uint64_t> perturb(Simulation& simulation, ModelTime time, bool inhibition,
                                    double strength, const Column<NodeId>& targets,
                                    std::uint64_t cause) {
@@ -208,6 +217,7 @@ void bindSimulation(py::module_& module) {
                          hazard_bound);
 
     module.def("examine_checkpoint", &summaryOf);
+    module.def("first_difference", &firstDifference);
 
     py::enum_<ProbeField>(module, "ProbeField")
         .value("membrane", ProbeField::membrane)

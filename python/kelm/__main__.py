@@ -1,0 +1,7 @@
+"""``python -m kelm`` is the command ``kelm``."""
+
+import sys
+
+from ._command import main
+
+sys.exit(main())
