@@ -48,7 +48,12 @@ need_build_tools() {
 }
 
 # Whether an interpreter that the build may choose has a module.
-has_module() { python3 -c "import $1" 2>/dev/null || /usr/bin/python3 -c "import $1" 2>/dev/null; }
+# A package of the distribution belongs to the system's Python, which need not be the first python3.
+has_module() {
+    local python=/usr/bin/python3
+    [[ -x $python ]] || python=python3
+    "$python" -c "import $1" 2>/dev/null
+}
 
 has_pybind11() {
     [[ -e /usr/lib/cmake/pybind11/pybind11Config.cmake ]] || python3 -m pybind11 --cmakedir \
