@@ -209,6 +209,7 @@ void KelmRuntime::run(ModelTime until) {
     requireRunTo(until);
     if (backend_ == nullptr) throw std::invalid_argument("a runtime needs a backend");
     run_until_ = until;
+    const std::uint64_t windows = engine_.profile().windows;
     phase_ = Phase::running;
     try {
         engine_.run(*backend_, until);
@@ -217,7 +218,11 @@ void KelmRuntime::run(ModelTime until) {
         throw;
     }
     phase_ = Phase::ready;
-    position_ = engine_.stopped() ? reachedBy(engine_.processedUntil()) : until;
+    if (!engine_.stopped()) {
+        position_ = until;
+    } else if (engine_.profile().windows != windows) {
+        position_ = reachedBy(engine_.processedUntil());
+    }
 }
 
 /// The position of a run whose last window ends at `end` ns, which may lie behind the end of the

@@ -262,6 +262,22 @@ TEST(GivenSpikes, LeaveTheWarningsOfOtherSilentPopulations) {
     EXPECT_THROW(makeRuntime(SynapseGraph(4, 1'000'000, {}), options, cpu()), InvalidModel);
 }
 
+TEST(MakeRuntime, KeepsThePositionWhereARunIsStoppedBeforeItsFirstWindow) {
+    RuntimeOptions options{.firing = {.base_rate = 0.0},
+                           .input_channels = {{.name = "in", .targets = {0}}}};
+    const auto live = makeRuntime(SynapseGraph(1, 10, {}), options, cpu());
+    live->inject("in", 300, 1.0);
+    live->run(221);
+    const auto restored = makeRuntime(SynapseGraph(1, 10, {}), options, cpu());
+    restoreCheckpoint(*restored, live->checkpoint());
+    const auto forked = live->fork(cpu());
+    for (KelmRuntime* const runtime : {live.get(), restored.get(), forked.get()}) {
+        runtime->requestStop();
+        runtime->run(226);
+        EXPECT_EQ(runtime->position(), 221);
+    }
+}
+
 TEST(GivenSpikes, AreRefusedWithTheFirstThatIsWrong) {
     const auto making = [](std::vector<SpikeRecord> spikes) {
         RuntimeOptions options;
