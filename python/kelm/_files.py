@@ -329,7 +329,7 @@ def _read_rows(path: str, group: h5py.Group, rows: int | None) -> np.ndarray:
 
 
 class SpikeWriter:
-    """A file .h5 of spikes that grows while a run goes on.
+    """A file .h5 of spikes that grows while a run goes on::
 
         with SpikeWriter("spikes.h5", populations=net.populations) as file:
             file.append(spikes)
