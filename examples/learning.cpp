@@ -18,9 +18,8 @@ int main() {
                            .firing = {.base_rate = 0.5 * Hz, .gain = 3.0}};
     options.plasticity = {.enabled = true};
     options.plasticity.excitatory = {PlasticityRuleKind::pair, 0.03, 0.036};
-    for (NodeId n = 0; n < 3; ++n) {  // channels that make a neuron fire
-        options.input_channels.push_back(
-            {.name = "drive " + std::to_string(n), .targets = {n}, .gain = 3.0});
+    for (NodeId n = 0; n < 3; ++n) {  // a channel that makes a neuron fire
+        options.input_channels.push_back({.name = std::to_string(n), .targets = {n}, .gain = 3.0});
     }
     const auto runtime = makeRuntime(
         SynapseGraph(3, 1 * ms, SynapseColumns{sources, targets, 0.3F, 1 * ms}), options);
@@ -36,7 +35,7 @@ int main() {
         std::printf("\n");
         for (NodeId n = 0; n < 3; ++n) {
             const ModelTime lag = (1 + 8 * static_cast<ModelTime>(n)) * ms;
-            runtime->inject("drive " + std::to_string(n), round + lag, 1.0);
+            runtime->inject(std::to_string(n), round + lag, 1.0);
         }
         runtime->runFor(200 * ms);
     }

@@ -1,4 +1,4 @@
-// A population that an oscillator drives with 8 cycles per second. Half of the neurons prefer its
+// 200 neurons that an oscillator drives with 8 cycles per second. Half of the neurons prefer its
 // crest, the other half its trough. Prints for each half a histogram of the phases of its spikes.
 #include <array>
 #include <cinttypes>
@@ -12,12 +12,7 @@
 using namespace kelm;
 
 int main() {
-    const NeuronRange crest{0, 100}, trough{100, 100};
-    const auto rule = ConnectionRule::fixedInDegree(1).withoutSelfConnections();
-    const Wiring wiring(
-        200, 1 * ms,
-        {{"crest", crest, crest, rule, 0.1, 2 * ms}, {"trough", trough, trough, rule, 0.1, 2 * ms}},
-        /*seed=*/7);
+    const NeuronRange crest{0, 100};
     PhaseConfig phase;
     phase.oscillators = {{.id = 1, .frequency = 8 * Hz, .phase = 0.0, .amplitude = 1.0}};
     for (NodeId n = 0; n < 200; ++n) {
@@ -25,10 +20,11 @@ int main() {
         binding.phase_offset = crest.contains(n) ? 0.0 : std::numbers::pi;
         phase.bindings.push_back({binding});
     }
-    const auto runtime = makeRuntime(wiring.build(), {.seed = 1,
-                                                      .neuron = {.adaptation_increment = 0.1},
-                                                      .firing = {.base_rate = 5 * Hz, .gain = 3.0},
-                                                      .phase = phase});
+    const auto runtime =
+        makeRuntime(SynapseGraph(200, 1 * ms, {}), {.seed = 1,
+                                                    .neuron = {.adaptation_increment = 0.1},
+                                                    .firing = {.base_rate = 5 * Hz, .gain = 3.0},
+                                                    .phase = phase});
     // Every neuron is a member of the oscillator, so each spike is logged with its phase.
     runtime->oscillators()->setMemberships(std::vector<std::vector<std::uint32_t>>(200, {1}));
     runtime->run(1 * s);
