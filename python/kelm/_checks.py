@@ -115,9 +115,9 @@ def column(
 ) -> np.ndarray:
     """A contiguous one-dimensional array of exactly `dtype`, from any integers or floats.
 
-    It may be `values` itself unless `copy` is set. A single number is repeated where `size` is given. Refuses another shape, values that `dtype`
-    cannot hold (fractions for an integer type), NaN, infinity, values below `low` and values not
-    below `below`.
+    It may be `values` itself unless `copy` is set. A single number is repeated where `size` is
+    given. Refuses another shape, values that `dtype` cannot hold (fractions for an integer type),
+    NaN, infinity, values below `low` and values not below `below`.
     """
     try:
         array = np.asarray(values)
