@@ -47,8 +47,7 @@ need_build_tools() {
     need libgtest-dev has_header gtest/gtest.h
 }
 
-# Whether an interpreter that the build may choose has a module.
-# A package of the distribution belongs to the system's Python, which need not be the first python3.
+# Debian's packages belong to the system's Python, which need not be the first python3.
 has_module() {
     local python=/usr/bin/python3
     [[ -x $python ]] || python=python3
