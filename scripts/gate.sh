@@ -15,7 +15,10 @@ need_build_tools
 install_missing
 
 preset=${KELM_PRESET:-release}
-cmake --preset "$preset"
+device=OFF
+if [[ -n $nvcc && ${KELM_CUDA:-} != OFF ]]; then device=ON; fi
+cmake --preset "$preset" -DKELM_CUDA=$device \
+    ${CUDAARCHS:+-DCMAKE_CUDA_ARCHITECTURES="$CUDAARCHS"}
 cmake --build --preset "$preset" --target kelmgate-emulated
 "build/$preset/gate/kelmgate-emulated" "$@"
 
@@ -24,10 +27,9 @@ if [[ -z $nvcc ]]; then
     echo 'no nvcc: the gate was not built for a CUDA device; the verdict is for the emulated device'
     exit 0
 fi
-cmake --preset cuda ${CUDAARCHS:+-DCMAKE_CUDA_ARCHITECTURES="$CUDAARCHS"}
-cmake --build --preset cuda --target kelmgate
+cmake --build --preset "$preset" --target kelmgate
 status=0
-{ failure=$(build/cuda/gate/kelmgate "$@" 2>&1 >&3) || status=$?; } 3>&1
+{ failure=$("build/$preset/gate/kelmgate" "$@" 2>&1 >&3) || status=$?; } 3>&1
 if ((status == 2)); then
     echo 'no CUDA device: the verdict is for the emulated device'
     exit 0

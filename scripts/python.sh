@@ -4,6 +4,7 @@
 #
 #   scripts/python.sh [BUILD_DIR]    BUILD_DIR is build/python without an argument
 #
+#   KELM_PRESET             the preset to build, "library" by default
 #   KELM_PYTHON_EXECUTABLE  the interpreter; without it the system's where the first python3 lacks NumPy
 set -euo pipefail
 # shellcheck source=scripts/setup.sh
@@ -14,7 +15,7 @@ need_library_tools
 need_python_tools
 install_missing
 
-cmake --preset library -B "$build" -DKELM_PYTHON=ON \
+cmake --preset "${KELM_PRESET:-library}" -B "$build" -DKELM_PYTHON=ON \
     ${KELM_PYTHON_EXECUTABLE:+-DPython_EXECUTABLE="$KELM_PYTHON_EXECUTABLE"}
 cmake --build "$build" --target kelm_python
 python=$(sed -n 's/^KELM_PYTHON_INTERPRETER:INTERNAL=//p' "$build/CMakeCache.txt")
