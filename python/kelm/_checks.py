@@ -111,11 +111,10 @@ def column(
     low: Optional[float] = None,
     below: Optional[int] = None,
     rule: str = "",
-    copy: bool = False,
 ) -> np.ndarray:
     """A contiguous one-dimensional array of exactly `dtype`, from any integers or floats.
 
-    It may be `values` itself unless `copy` is set. A single number is repeated where `size` is
+    It may be `values` itself. A single number is repeated where `size` is
     given. Refuses another shape, values that `dtype` cannot hold (fractions for an integer type),
     NaN, infinity, values below `low` and values not below `below`.
     """
@@ -161,16 +160,12 @@ def column(
         with np.errstate(over="ignore"):
             if target == np.float32 and not np.isfinite(np.array([least, most], target)).all():
                 refuse(~np.isfinite(array.astype(target)), "is too large for single precision")
-    if copy:
-        return np.array(array, target)
     return np.ascontiguousarray(array, target)
 
 
-def times(
-    values: Any, name: str, size: Optional[int] = None, low: int = 0, copy: bool = False
-) -> np.ndarray:
+def times(values: Any, name: str, size: Optional[int] = None, low: int = 0) -> np.ndarray:
     """Times in ns as int64."""
-    return column(values, name, np.int64, size=size, low=low, rule=_HINT, copy=copy)
+    return column(values, name, np.int64, size=size, low=low, rule=_HINT)
 
 
 def ascending(values: np.ndarray, name: str) -> None:

@@ -63,14 +63,7 @@ class PhaseConfig:
 
 class Plan:
     def __init__(self, neurons: int, window: Optional[int], seed: int) -> None: ...
-    def add_columns(
-        self,
-        sources: _Array,
-        targets: _Array,
-        weights: _Array,
-        delays: _Array,
-        inhibitory: _Array,
-    ) -> None: ...
+    def add_graph(self, graph: Graph) -> None: ...
     def add_projection(
         self,
         name: str,
@@ -364,5 +357,14 @@ class SampleKind:
 def available_backends() -> List[str]: ...
 def examine_checkpoint(__arg0: Any) -> Dict[str, Any]: ...
 def first_difference(__arg0: Any, __arg1: Any) -> str: ...
+def graph_of_arrays(
+    neurons: int,
+    window: Optional[int],
+    sources: _Array,
+    targets: _Array,
+    weights: _Array,
+    delays: _Array,
+    inhibitory: Optional[_Array],
+) -> Graph: ...
 def poisson_sources(name: str, size: int, rate: float) -> Population: ...
 def spike_sources(name: str, size: int) -> Population: ...

@@ -13,7 +13,7 @@ from . import _checks, _kelm, _settings, _wiring
 from ._neurons import Neurons, Population
 from ._settings import Firing, Neuron
 from ._wiring import Rule
-from .errors import ArgumentError, ArgumentTypeError
+from .errors import ArgumentError, ArgumentTypeError, InvalidSynapse
 
 
 class Synapses(NamedTuple):
@@ -24,6 +24,16 @@ class Synapses(NamedTuple):
     weight: np.ndarray  #: float32; magnitude
     delay: np.ndarray  #: int64; ns
     inhibitory: np.ndarray  #: bool
+
+
+def _synapses(graph: _kelm.Graph) -> Synapses:
+    return Synapses(
+        graph.sources(),
+        graph.targets(),
+        graph.weights(),
+        graph.delays(),
+        graph.inhibitory().view(np.bool_),
+    )
 
 
 @dataclass(frozen=True)
@@ -96,7 +106,7 @@ class Network:
         _settings.native_firing(self._firing, "firing")
         self._members: list[_Member] = []
         self._connections: list[Connection] = []
-        self._columns: list[tuple[np.ndarray, ...]] = []
+        self._arrays: list[_kelm.Graph] = []
         self._graph: Optional[_kelm.Graph] = None
         self._lock = threading.Lock()
 
@@ -258,22 +268,33 @@ class Network:
         ascend by source; those of one source come in the order of the rules, then of the arrays.
         Arrays that are sorted by source run fastest. The arrays are copied.
         """
-        rule = f"the network has {self.size} neurons"
-        column = _checks.column
-        source = column(source, "source", np.uint64, None, 0, self.size, rule, copy=True)
-        size = len(source)
-        target = column(target, "target", np.uint64, size, 0, self.size, rule, copy=True)
-        delay = _checks.times(delay, "delay", size, self._window or 1, copy=True)
-        if inhibitory is None:
-            weight = column(weight, "weight", np.float32, size, copy=True)
-            signs = (weight < 0).view(np.uint8)
-            np.abs(weight, out=weight)
-        else:
-            signs = column(inhibitory, "inhibitory", np.uint8, size, 0, 2, copy=True)
-            meaning = "inhibitory gives the sign"
-            weight = column(weight, "weight", np.float32, size, 0, rule=meaning, copy=True)
-        self._columns.append((source, target, weight, delay, signs))
+        graph = None
+        plain = _wiring.plain_columns(source, target, weight, delay, inhibitory)
+        if plain is not None:
+            try:
+                graph = _kelm.graph_of_arrays(self.size, self._window, *plain)
+            except InvalidSynapse:
+                pass  # the checks below name the argument
+        if graph is None:
+            checked = self._checked_columns(source, target, weight, delay, inhibitory)
+            graph = _kelm.graph_of_arrays(self.size, self._window, *checked)
+        self._arrays.append(graph)
         self._graph = None
+
+    def _checked_columns(
+        self, source: Any, target: Any, weight: Any, delay: Any, inhibitory: Any
+    ) -> tuple[Any, ...]:
+        column, rule = _checks.column, f"the network has {self.size} neurons"
+        source = column(source, "source", np.int64, None, 0, self.size, rule)
+        size = len(source)
+        target = column(target, "target", np.int64, size, 0, self.size, rule)
+        delay = _checks.times(delay, "delay", size, self._window or 1)
+        if inhibitory is None:
+            return source, target, column(weight, "weight", np.float32, size), delay, None
+        flags = column(inhibitory, "inhibitory", np.uint8, size, 0, 2)
+        meaning = "inhibitory gives the sign"
+        weight = column(weight, "weight", np.float32, size, 0, rule=meaning)
+        return source, target, weight, delay, flags
 
     def _require_range(self, value: Any, name: str) -> None:
         if not isinstance(value, Neurons):
@@ -388,14 +409,7 @@ class Network:
     @property
     def synapses(self) -> Synapses:
         """A copy of all synapses in columns, by their numbers. Builds the network."""
-        graph = self._built()
-        return Synapses(
-            graph.sources(),
-            graph.targets(),
-            graph.weights(),
-            graph.delays(),
-            graph.inhibitory().view(np.bool_),
-        )
+        return _synapses(self._built())
 
     def build(self) -> Network:
         """Builds the synapses now. Raises ArgumentError for a rule that cannot be."""
@@ -424,8 +438,8 @@ class Network:
                 c.delay,
                 c.inhibitory,
             )
-        for columns in self._columns:
-            plan.add_columns(*columns)
+        for graph in self._arrays:
+            plan.add_graph(graph)
         return plan
 
     def _native_populations(self) -> list[_kelm.Population]:
@@ -462,7 +476,7 @@ class Network:
         other.__dict__.update(self.__dict__)
         other._members = list(self._members)
         other._connections = list(self._connections)
-        other._columns = list(self._columns)
+        other._arrays = list(self._arrays)
         other._lock = threading.Lock()
         return other
 
@@ -471,10 +485,14 @@ class Network:
     def __getstate__(self) -> dict[str, Any]:
         state = dict(self.__dict__)
         del state["_graph"], state["_lock"]
+        state["_arrays"] = [_synapses(graph) for graph in self._arrays]
         return state
 
     def __setstate__(self, state: dict[str, Any]) -> None:
         self.__dict__.update(state)
+        self._arrays = []
+        for synapses in state["_arrays"]:
+            self.connect_arrays(*synapses)
         self._graph = None
         self._lock = threading.Lock()
 

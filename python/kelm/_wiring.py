@@ -140,3 +140,35 @@ def delays(value: Any, window: Optional[int]) -> Description:
         return ("constant", float(_checks.duration(value, "delay", window)), 0.0, -np.inf, np.inf)
     array = _checks.times(value, "delay", low=window or 1)
     return ("array", array.astype(np.float64))
+
+
+def plain_columns(
+    source: Any, target: Any, weight: Any, delay: Any, inhibitory: Any
+) -> Optional[tuple[Any, ...]]:
+    """Arrays of synapses as C++ reads them, copied only for an uncommon type.
+
+    No value is checked. A whole number outside its range becomes one that the graph refuses.
+    Returns None where a type or shape needs the checks first.
+    """
+    flags = False if inhibitory is None else inhibitory
+    given = (source, target, weight, delay, flags)
+    if not all(isinstance(value, (np.ndarray, int, float)) for value in given):
+        return None
+    arrays = [np.asarray(value) for value in given]
+    shape = arrays[0].shape
+    if len(shape) != 1 or any(array.shape not in (shape, ()) for array in arrays):
+        return None
+    if (arrays[2].dtype not in (np.float32, np.float64) or
+            arrays[4].dtype not in (np.bool_, np.uint8)):
+        return None
+    for place in (0, 1, 3):
+        array = arrays[place]
+        if array.dtype.kind not in "iu":
+            return None
+        if array.dtype == np.uint64:
+            arrays[place] = array.view(np.int64)
+        elif array.dtype not in (np.int32, np.int64):
+            arrays[place] = array.astype(np.int64)
+    arrays[4] = arrays[4].view(np.uint8)
+    columns = [np.broadcast_to(array, shape) for array in arrays]
+    return (*columns[:4], None if inhibitory is None else columns[4])

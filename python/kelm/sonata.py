@@ -344,7 +344,7 @@ class _Reader:
             whole[k][order] for k in ("source", "target", "weight", "delay"))
         weight = weight * weight_scale
         net.connect_arrays(source, target, np.abs(weight), delay,
-                           inhibitory=np.signbit(weight).astype(np.uint8))
+                           inhibitory=np.signbit(weight))
 
     def settings(self, net: Network, nodes: dict[str, Neurons]) -> Config:
         run = self.simulation.get("run", {})

@@ -1,6 +1,8 @@
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
+#include <cstring>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -14,46 +16,91 @@ namespace Lumenar::Core::Kelm::Python {
 
 namespace {
 
-/// Synapses in arrays, shape (synapses) each.
-struct Columns {
-    Column<NodeId> sources, targets;
-    Column<float> weights;
-    Column<ModelTime> delays;
-    Column<std::uint8_t> inhibitory;
+/// Reads a one-dimensional array of any stride and alignment. Its type is one of two.
+template <class Narrow, class Wide>
+class ArrayReader {
+public:
+    explicit ArrayReader(const py::array& array)
+        : place_(static_cast<const char*>(array.data())),
+          stride_(array.strides(0)),
+          is_wide_(array.itemsize() == sizeof(Wide)) {}
 
-    SynapseColumns view() const {
-        return {viewOf(sources), viewOf(targets), viewOf(weights), viewOf(delays),
-                viewOf(inhibitory)};
+    /// The value of the first call is the first one.
+    Wide next() {
+        const char* const place = std::exchange(place_, place_ + stride_);
+        return is_wide_ ? read<Wide>(place) : static_cast<Wide>(read<Narrow>(place));
     }
+
+private:
+    template <class T>
+    static T read(const char* place) {
+        T value;
+        std::memcpy(&value, place, sizeof value);
+        return value;
+    }
+
+    const char* place_;
+    py::ssize_t stride_;
+    bool is_wide_;
 };
 
+/// The graph of synapses in arrays of one length, in the order of the rows. `sources`, `targets`,
+/// `delays`: int32 or int64. `weights`: float or double. `inhibitory`: uint8; without it, negative
+/// weights are those of inhibitory synapses. Throws InvalidSynapse.
+std::shared_ptr<Graph> graphOfArrays(std::uint64_t neurons, std::optional<ModelTime> window,
+                                     const py::array& sources, const py::array& targets,
+                                     const py::array& weights, const py::array& delays,
+                                     const std::optional<py::array>& inhibitory) {
+    ArrayReader<std::int32_t, std::int64_t> source(sources), target(targets), delay(delays);
+    ArrayReader<float, double> weight(weights);
+    const bool has_flags = inhibitory.has_value();
+    ArrayReader<std::uint8_t, std::uint8_t> flag(has_flags ? *inhibitory : weights);
+    const auto count = static_cast<std::uint64_t>(sources.size());
+    const py::gil_scoped_release release;
+    return std::make_shared<Graph>(SynapseGraph(neurons, window, count, [&](EdgeId) {
+        const double given = weight.next();
+        Synapse synapse{.source = static_cast<NodeId>(source.next()),
+                        .target = static_cast<NodeId>(target.next()),
+                        .weight = static_cast<float>(given),
+                        .delay = delay.next()};
+        if (has_flags) {
+            // A small negative double is rounded to -0, which the graph would accept.
+            if (given < 0) throw InvalidSynapse(InvalidSynapse::weight);
+            const std::uint8_t sign = flag.next();
+            if (sign > 1) throw InvalidSynapse(InvalidSynapse::sign);
+            synapse.inhibitory = sign == 1;
+        } else {
+            synapse.inhibitory = synapse.weight < 0;
+            synapse.weight = std::fabs(synapse.weight);
+        }
+        return synapse;
+    }));
+}
+
 /// The indices of the synapses, ascending by source. Synapses of one source keep their order.
-std::vector<EdgeId> orderBySource(const SynapseColumns& columns, std::uint64_t neurons) {
-    std::vector<std::uint64_t> next(neurons + 1, 0);
-    for (const NodeId source : columns.sources) {
-        if (source >= neurons) throw InvalidSynapse(InvalidSynapse::endpoint);
-        ++next[source + 1];
-    }
-    for (std::uint64_t n = 0; n < neurons; ++n) next[n + 1] += next[n];
-    std::vector<EdgeId> order(columns.sources.size());
-    for (EdgeId i = 0; i < order.size(); ++i) order[next[columns.sources[i]]++] = i;
+std::vector<EdgeId> orderBySource(const SynapseGraph& graph) {
+    std::vector<std::uint64_t> next(graph.nodeCount() + 1, 0);
+    std::vector<EdgeId> order(graph.edgeCount());
+    for (EdgeId i = 0; i < order.size(); ++i) ++next[graph.source(i) + 1];
+    for (std::uint64_t n = 0; n < graph.nodeCount(); ++n) next[n + 1] += next[n];
+    for (EdgeId i = 0; i < order.size(); ++i) order[next[graph.source(i)]++] = i;
     return order;
 }
 
-/// The synapses of `first` and of `columns`, ascending by source. For each source those of `first`
-/// come first. `first` must be sorted by source.
-SynapseGraph merged(const SynapseGraph& first, const SynapseColumns& columns, std::uint64_t neurons,
+/// The synapses of both graphs, ascending by source. For each source those of `first` come first.
+/// `first` must be sorted by source.
+SynapseGraph merged(const SynapseGraph& first, const SynapseGraph& second, std::uint64_t neurons,
                     std::optional<ModelTime> window) {
-    const std::vector<EdgeId> order = orderBySource(columns, neurons);
+    const std::vector<EdgeId> order = orderBySource(second);
     EdgeId from_first = 0;
-    std::size_t from_columns = 0;
+    std::size_t from_second = 0;
     return SynapseGraph(neurons, window, first.edgeCount() + order.size(), [&](EdgeId) {
-        const bool columns_left = from_columns < order.size();
+        const bool second_left = from_second < order.size();
         if (from_first < first.edgeCount() &&
-            (!columns_left || first.source(from_first) <= columns.sources[order[from_columns]])) {
+            (!second_left || first.source(from_first) <= second.source(order[from_second]))) {
             return first.edge(from_first++);
         }
-        return columns[order[from_columns++]];
+        return second.edge(order[from_second++]);
     });
 }
 
@@ -76,27 +123,23 @@ public:
                                 inhibitory});
     }
 
-    void addColumns(Columns columns) { columns_.push_back(std::move(columns)); }
+    void addGraph(std::shared_ptr<Graph> graph) { graphs_.push_back(std::move(graph)); }
 
+    /// One graph and no projection keep the order of the synapses.
     std::shared_ptr<Graph> build() const {
-        std::vector<SynapseColumns> columns;
-        for (const Columns& arrays : columns_) columns.push_back(arrays.view());
         const py::gil_scoped_release release;
-        return std::make_shared<Graph>(graphOf(columns));
+        if (projections_.empty() && graphs_.size() == 1) {
+            const SynapseGraph& only = graphs_.front()->synapses;
+            if (only.nodeCount() == neurons_) return graphs_.front();
+            return std::make_shared<Graph>(SynapseGraph(
+                neurons_, window_, only.edgeCount(), [&only](EdgeId id) { return only.edge(id); }));
+        }
+        SynapseGraph graph = Wiring(neurons_, window_, projections_, seed_).build();
+        for (const auto& more : graphs_) graph = merged(graph, more->synapses, neurons_, window_);
+        return std::make_shared<Graph>(std::move(graph));
     }
 
 private:
-    SynapseGraph graphOf(const std::vector<SynapseColumns>& columns) const {
-        if (projections_.empty() && columns.size() == 1) {
-            return SynapseGraph(neurons_, window_, columns.front());
-        }
-        SynapseGraph graph = Wiring(neurons_, window_, projections_, seed_).build();
-        for (const SynapseColumns& more : columns) {
-            graph = merged(graph, more, neurons_, window_);
-        }
-        return graph;
-    }
-
     /// ("uniform", low, high, smallest, largest), ("array", values) or ("function", callable).
     SynapseValues valuesOf(const py::tuple& description) {
         const auto kind = description[0].cast<std::string>();
@@ -125,7 +168,7 @@ private:
     std::optional<ModelTime> window_;
     std::uint64_t seed_;
     std::vector<Projection> projections_;
-    std::vector<Columns> columns_;
+    std::vector<std::shared_ptr<Graph>> graphs_;
     std::vector<Column<double>> arrays_;  ///< that projections borrow
 };
 
@@ -175,6 +218,10 @@ void bindNetwork(py::module_& module) {
                 g, [](const Synapse& s) { return std::uint8_t{s.inhibitory}; });
         });
 
+    module.def("graph_of_arrays", &graphOfArrays, py::arg("neurons"), py::arg("window"),
+               py::arg("sources"), py::arg("targets"), py::arg("weights"), py::arg("delays"),
+               py::arg("inhibitory"));
+
     py::class_<Plan>(module, "Plan")
         .def(py::init<std::uint64_t, std::optional<ModelTime>, std::uint64_t>(), py::arg("neurons"),
              py::arg("window"), py::arg("seed"))
@@ -182,15 +229,7 @@ void bindNetwork(py::module_& module) {
              py::arg("targets"), py::arg("kind"), py::arg("count"), py::arg("probability"),
              py::arg("allow_self"), py::arg("allow_multiple"), py::arg("weight"), py::arg("delay"),
              py::arg("inhibitory"))
-        .def(
-            "add_columns",
-            [](Plan& plan, Column<NodeId> sources, Column<NodeId> targets, Column<float> weights,
-               Column<ModelTime> delays, Column<std::uint8_t> inhibitory) {
-                plan.addColumns({std::move(sources), std::move(targets), std::move(weights),
-                                 std::move(delays), std::move(inhibitory)});
-            },
-            py::arg("sources"), py::arg("targets"), py::arg("weights"), py::arg("delays"),
-            py::arg("inhibitory"))
+        .def("add_graph", &Plan::addGraph, py::arg("graph"))
         .def("build", &Plan::build);
 }
 

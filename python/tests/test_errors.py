@@ -174,6 +174,59 @@ def test_a_copy_of_a_network_is_equal_and_independent(net, duplicate):
     assert pickle.loads(pickle.dumps(sim)).run(50 * ms).digest == sim_of(net).run(50 * ms).digest
 
 
+def test_arrays_of_any_type_and_stride_give_the_same_synapses(monkeypatch):
+    columns = ([7, 0, 3], [1, 7, 2], [0.5, -0.25, -0.0], [2 * ms, 3 * ms, 2 * ms])
+    records = np.empty(3, [("pad", "u1"), *((str(k), t) for k, t in enumerate("qQfq"))])  # packed
+    for k, column in enumerate(columns):
+        records[str(k)] = column
+    table = np.array(columns).T
+    flags = [False, True, False]
+    magnitudes = np.abs(columns[2])
+    found = set()
+
+    def add(arrays):
+        net = kelm.Network(window=1 * ms)
+        net.population("few", 8)
+        net.connect_arrays(*arrays)
+        found.add(tuple(column.tobytes() for column in net.synapses))
+        net.population("more", 8)
+        found.add(tuple(column.tobytes() for column in net.synapses))
+        kelm.Simulation(net)
+
+    add(columns)
+    add([*table.astype(">f8").T])
+    add([*columns[:2], magnitudes, columns[3], flags])
+    monkeypatch.delattr("kelm._checks.column")  # C++ reads the others as they are
+    add([np.array(c, t) for c, t in zip(columns, ("int32", "uint64", "float64", "int64"))])
+    add([np.array(c, t) for c, t in zip(columns, ("uint16", "uint32", "float32", "int32"))])
+    add([records[str(k)] for k in range(4)])
+    add([*map(np.array, columns[:2]), np.array(magnitudes[::-1])[::-1], np.array(columns[3]),
+         np.uint8(flags)])
+    assert found == {tuple(np.array(column, t).tobytes() for column, t in zip(
+        (columns[0], columns[1], [0.5, 0.25, 0.0], columns[3], flags), "QQfq?"))}
+
+
+@pytest.mark.parametrize("place, value, rule", [
+    (0, -1, "at least 0; the network has"), (1, 200, "below 200; the network has"),
+    (1, 2**63, "below 200"), (2, np.nan, "finite"), (2, 1e39, "too large for single precision"),
+    (2, -1e-60, "at least 0; inhibitory gives the sign"), (3, ms - 1, f"at least {ms}; times"),
+    (3, 2**63, "at most"), (4, 2, "below 2")])
+def test_values_are_refused_alike_in_any_byte_order(net, place, value, rule):
+    """C++ reads arrays of the machine's order, NumPy converts the others."""
+    columns = [[1, 2], [3, 4], [0.5, 0.25], [2 * ms, 2 * ms], [1, 0]]
+    columns[place][1] = value
+    arrays = [np.array(c, np.uint64 if 2**63 in c else None) for c in columns]
+    arrays[4] = arrays[4].astype(np.uint8)
+    texts = set()
+    for order in "=>":
+        with pytest.raises(kelm.errors.ArgumentError) as refused:
+            net.connect_arrays(*(a.astype(a.dtype.newbyteorder(order)) for a in arrays))
+        texts.add(str(refused.value))
+    (text,) = texts
+    name = ("source", "target", "weight", "delay", "inhibitory")[place]
+    assert text.startswith(f"{name}[1] is {value}, ") and rule in text
+
+
 def test_inputs_of_any_numeric_type_are_the_same(net):
     digests = set()
     for kind in (np.int16, np.uint64, np.float32, list):
