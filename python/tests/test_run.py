@@ -1,8 +1,5 @@
-"""Runs: the GIL, progress, Ctrl-C, calls at the wrong time, and what is left after an error."""
+"""Runs: the GIL, progress, calls at the wrong time, and what is left after an error."""
 
-import signal
-import subprocess
-import sys
 import threading
 import time
 
@@ -15,32 +12,6 @@ from kelm.errors import RefusedCall
 from kelm.units import ms, s
 
 YEARS = 10**9 * s
-
-
-def test_sigint_ends_a_run_soon_and_the_run_goes_on_to_the_same_bits(tmp_path):
-    program = tmp_path / "run.py"
-    program.write_text(f"""
-import sys, time
-sys.path.insert(0, {str(__file__.rpartition("/")[0])!r})
-from conftest import make_balanced, kelm
-net = make_balanced()
-sim = kelm.Simulation(net, seed=1)
-print("ready", flush=True)
-try:
-    sim.run({YEARS}, progress=lambda p: print("running", flush=True))
-except KeyboardInterrupt:
-    print("stopped", flush=True)
-end = sim.earliest_input + 100_000_000
-print(sim.run_until(end).digest == kelm.Simulation(net, seed=1).run_until(end).digest)
-""")
-    run = subprocess.Popen([sys.executable, program], stdout=subprocess.PIPE, text=True)
-    lines = iter(run.stdout)
-    assert next(lines) == "ready\n"
-    assert next(lines) == "running\n"
-    run.send_signal(signal.SIGINT)
-    rest = [line for line in lines if line != "running\n"]
-    assert rest == ["stopped\n", "True\n"]
-    assert run.wait() == 0
 
 
 def test_other_threads_run_python_and_are_refused_meanwhile(net):

@@ -1,44 +1,122 @@
 """The same model gives the same bits through Python and through C++, in every way of running."""
 
+import functools
+import json
+import multiprocessing
 import os
 import pickle
 import random
+import signal
 import subprocess
-import sys
+import threading
+from concurrent.futures import ProcessPoolExecutor
 
 import numpy as np
 import pytest
 
 import kelm
-from kelm.units import ms, us
+from kelm._command import main
+from kelm.units import ms, s, us
 
 
-def wired() -> kelm.Simulation:
-    net = kelm.Network(
-        seed=11,
-        window=1 * ms,
-        neuron={"tau_membrane": 15 * ms, "adaptation_increment": 0.1},
-        firing=kelm.Firing(base_rate=12.0, gain=2.0, max_rate=300.0),
-    )
-    a = net.population("a", 60)
-    b = net.population("b", 40, neuron=kelm.Neuron(non_leaky=True), firing={"base_rate": 3.0})
-    noise = net.poisson("noise", 30, rate=20)
-    times = np.array([120, 5, 7, 7], np.uint32) * np.uint32(ms)
-    train = net.spike_source("train", 2, times, [0.0, 1.0, 1.0, 0.0])
-    delay = kelm.uniform(1 * ms, 4 * ms)
-    connect = net.connect
-    connect(a, net.all, kelm.fixed_indegree(5), weight=0.2, delay=delay, allow_self=False,
-            name="in")
-    connect(b, net.all[:100], kelm.fixed_outdegree(7), weight=-kelm.exponential(0.3), delay=delay,
-            allow_multiple=False, name="out")
-    connect(noise, a, kelm.fixed_total(90), weight=kelm.lognormal(-1, 0.5).within(0, 2),
-            delay=2 * ms, name="total")
-    connect(a, b, kelm.bernoulli(0.2), weight=kelm.normal(0.3, 0.1).within(0, 1),
-            delay=kelm.normal(2 * ms, ms).within(1 * ms, 5 * ms), name="some")
-    connect(train, b, kelm.all_to_all, weight=0.5, delay=np.float32(1e6), name="every")
-    connect(a[:40], b, kelm.one_to_one, weight=np.full(40, 0.1),
-            delay=lambda source, target, index: ms + source, name="one")
-    return kelm.Simulation(net, seed=5, horizon=400 * ms).run()
+class Draws:
+    """Draws from a seed, as in reference.cpp."""
+
+    def __init__(self, seed):
+        self.state = seed
+
+    def __call__(self, below):
+        self.state = (self.state * 6364136223846793005 + 1442695040888963407) % 2**64
+        return (self.state >> 33) % below
+
+    def eighths(self, below):
+        return self(below) / 8
+
+
+def weight_of(draw):
+    size = 0.125 + draw.eighths(3)
+    return [
+        size,
+        kelm.uniform(0, size),
+        kelm.normal(size, 0.1).within(0, 1),
+        kelm.lognormal(-2, size).within(0, 1),
+        kelm.exponential(size),
+    ][draw(5)]
+
+
+def computed_delay(window, source, target, k):
+    return window + (source + k) % 7 * us
+
+
+def delay_of(draw, window):
+    kind = draw(4)
+    if kind == 0:
+        return window + draw(4) * 250 * us
+    return {
+        1: kelm.uniform(window, window + 2 * ms),
+        2: kelm.normal(2 * ms, 1 * ms).within(window, 5 * ms),
+        3: functools.partial(computed_delay, window),
+    }[kind]
+
+
+def connect(draw, net, a, b, noise, train):
+    """Synapses by up to seven rules."""
+    for k in range(3 + draw(5)):
+        number = draw(4)
+        source = (a, b, noise, train)[number]
+        target = (a, b, net.all)[draw(3)]
+        degree = 1 + draw(4)
+        kind = draw(6)
+        rule = [kelm.all_to_all, kelm.one_to_one, kelm.fixed_indegree(degree),
+                kelm.fixed_outdegree(degree), kelm.fixed_total(20 * degree),
+                kelm.bernoulli(degree / 16)][kind]
+        if kind == 1:
+            source, target = a[:10], b[:10]
+        net.connect(source, target, rule, allow_self=draw(2) == 0, allow_multiple=draw(2) == 0,
+                    weight=weight_of(draw), delay=delay_of(draw, net.window),
+                    inhibitory=number == 1, name=str(k))
+
+
+def connect_arrays(draw, net):
+    """Synapses that are not sorted by source."""
+    rows = [(draw(net.size), draw(net.size), draw.eighths(5), net.window + draw(4) * 250 * us,
+             draw(4) == 0) for _ in range(500)]
+    net.connect_arrays(*map(np.array, zip(*rows)))
+
+
+def generated(seed):
+    """The network, the seed and the settings of a simulation."""
+    draw = Draws(seed)
+    wiring_seed = draw(1000)
+    window = 500 * us + draw(2) * 500 * us
+    neuron = {"tau_membrane": (5 + draw(20)) * ms, "adaptation_increment": draw.eighths(8)}
+    firing = {"base_rate": 20 + draw.eighths(400), "gain": 1 + draw.eighths(16), "max_rate": 400}
+    net = kelm.Network(wiring_seed, window, neuron, firing)
+    other = {"non_leaky": draw(2) == 1}
+    a = net.population("a", 20 + draw(50))
+    b = net.population("b", 20 + draw(30), other, {"base_rate": 3})
+    noise = net.poisson("noise", 5 + draw(10), 10)
+    seed = draw(1000)
+    times, neurons = zip(*((k * 15 * ms + draw(15) * ms, draw(6)) for k in range(12)))
+    train = net.spike_source("train", 6, times, neurons)
+    if draw(4) == 0:
+        connect_arrays(draw, net)
+    else:
+        connect(draw, net, a, b, noise, train)
+    settings = {}
+    if draw(2) == 1:
+        settings["plasticity"] = {
+            "tau_pre": (10 + draw(10)) * ms,
+            "excitatory": {"kind": "pair", "potentiation": 0.02, "depression": 0.01},
+            "inhibitory": {"kind": "coincidence", "coincidence": 0.01, "scale": 0.5},
+            "homeostasis_cap": 0.25 if draw(2) == 1 else None,
+        }
+    if draw(2) == 1:
+        oscillator = {"id": 1, "frequency": 5 + draw.eighths(80), "phase": 0.5}
+        binding = {"neurons": list(range(a.size)), "oscillator": 1, "strength": draw.eighths(8),
+                   "phase_offset": 0.25}
+        settings["phase"] = {"oscillators": [oscillator], "bindings": [binding]}
+    return net, seed, settings
 
 
 def composed(backend: str = "auto", watch=lambda sim: sim) -> kelm.Simulation:
@@ -95,19 +173,90 @@ def composed(backend: str = "auto", watch=lambda sim: sim) -> kelm.Simulation:
     return sim.run_until(200 * ms)
 
 
-@pytest.mark.parametrize("model", [wired, composed])
-def test_python_and_cpp_write_the_same_checkpoint(model, tmp_path):
-    file = tmp_path / "reference.kelm"
-    program = os.environ["KELM_PYTHON_REFERENCE"]
-    printed = subprocess.run([program, model.__name__, file], check=True, capture_output=True)
-    sim = model()
-    assert f"{sim.fingerprint} {sim.digest}" == printed.stdout.decode().strip()
-    assert sim.checkpoint() == file.read_bytes()
+def reference(file, *seed):
+    """What the C++ program prints: fingerprint and digest."""
+    command = [os.environ["KELM_PYTHON_REFERENCE"], file, *map(str, seed)]
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout.strip()
+
+
+@pytest.fixture(scope="module")
+def other_process():
+    with ProcessPoolExecutor(1, multiprocessing.get_context("spawn")) as pool:
+        yield lambda *call: pool.submit(*call).result()
+
+
+def run_in_pieces(sim, end, draw):
+    """Cuts a run anywhere, stops some pieces and takes some spikes."""
+    taken = []
+    while sim.position < end:
+        if draw.random() < 0.3:
+            sim.request_stop()
+        sim.run_until(min(sim.position + draw.randint(1 * ms, 20 * ms), end))
+        if draw.random() < 0.5:
+            taken.append(sim.take_spikes())
+    for before, after in zip(taken, taken[1:]):
+        assert np.all((before.time >= before.start) & (before.time < before.end))
+        assert before.end == after.start
+    return sim
+
+
+def run_interrupted(sim, draw):
+    """Interrupts a run that would take years at any moment."""
+    timer = threading.Timer(draw.uniform(0, 0.2), signal.raise_signal, [signal.SIGINT])
+    with pytest.raises(KeyboardInterrupt):
+        timer.start()
+        sim.run(10**9 * s, progress=draw.choice([None, lambda progress: None]))
+    return sim.run(20 * ms)
+
+
+@pytest.mark.parametrize("seed", range(10))
+def test_a_generated_model_gives_the_same_bits_in_every_way(seed, tmp_path, capsys, other_process):
+    half, end = 100 * ms, 200 * ms
+    net, sim_seed, settings = generated(seed)
+    draw = random.Random(seed)
+    expected = reference(tmp_path / "cpp.kelm", seed)
+
+    def sim(backend=None, **more):
+        backend = backend or draw.choice(kelm.available_backends())
+        return kelm.Simulation(net, sim_seed, backend=backend, **settings, **more)
+
+    begun = sim().run_until(half)
+    assert begun.checkpoint() == (tmp_path / "cpp.kelm").read_bytes()
+    assert sim().run_until(end).spike_count > 30
+    ways = {
+        **{backend: sim(backend).run_until(end) for backend in kelm.available_backends()},
+        "in pieces": run_in_pieces(sim(threads=2), end, draw),
+        "forked": begun.fork().run_until(end),
+        "goes on from a fork": begun.run_until(end),
+        "goes on from C++": kelm.Simulation.load(net, tmp_path / "cpp.kelm", **settings)
+        .run_until(end),
+        "goes on in another process": other_process(kelm.Simulation.run_until,
+                                                    sim().run_until(half), end),
+    }
+    for threads in (1, 2):
+        swept = kelm.sweep(lambda b: sim(b).run_until(end), kelm.available_backends(),
+                           threads=threads)
+        ways.update({f"sweep {threads}, {k}": run for k, run in enumerate(swept)})
+    found = {way: f"{run.fingerprint} {run.digest}" for way, run in ways.items()}
+    assert found == dict.fromkeys(found, expected)
+
+    config = kelm.to_sonata(net, tmp_path, until=end, simulation={"seed": sim_seed, **settings})
+    backend = draw.choice(kelm.available_backends())
+    assert main(["run", config, "-o", str(tmp_path / "out"), "--backend", backend, "-q"]) == 0
+    digest = capsys.readouterr().out.split()[-1]
+    description = json.loads((tmp_path / "out" / "run.json").read_text())
+    assert f"{description['fingerprint']} {digest}" == expected
+
+    interrupted = run_interrupted(sim(), draw)
+    whole = sim().run_until(interrupted.position)
+    assert interrupted.checkpoint() == whole.checkpoint()
+
+
+def test_a_composed_model_gives_the_same_checkpoint_in_cpp(tmp_path):
+    sim = composed()
+    assert f"{sim.fingerprint} {sim.digest}" == reference(tmp_path / "cpp.kelm")
+    assert sim.checkpoint() == (tmp_path / "cpp.kelm").read_bytes()
     assert sim.spike_count > 90
-    # Python goes on from the checkpoint of C++.
-    settings = {k: v for k, v in sim._settings.items() if k != "label"}
-    other = kelm.Simulation.load(sim.network, file, **settings)
-    assert other.spikes.array.tobytes() == sim.spikes.array.tobytes()
 
 
 @pytest.mark.parametrize("backend", kelm.available_backends())
@@ -138,34 +287,6 @@ def test_the_ring_has_the_known_digest():
     net.connect_arrays(n, (n + 1) % 6, weight, 2 * ms)
     sim = kelm.Simulation(net, seed=1, horizon=20 * ms).run()
     assert str(sim.digest) == "d4962290def24958"
-
-
-def test_pieces_stops_and_another_process_end_with_the_same_digest(net, tmp_path):
-    whole = kelm.Simulation(net, seed=3).run(300 * ms)
-    draw = random.Random(8)
-    sim = kelm.Simulation(net, seed=3, threads=2)
-    taken = []
-    while sim.position < 200 * ms:
-        if draw.random() < 0.3:
-            sim.request_stop()
-        sim.run(draw.randint(1 * ms, 20 * ms))
-        if draw.random() < 0.5:
-            taken.append(sim.take_spikes())
-    assert sum(map(len, taken)) > 0
-    for before, after in zip(taken, taken[1:]):
-        assert np.all((before.time >= before.start) & (before.time < before.end))
-        assert before.end == after.start
-    sim.save(tmp_path / "run.kelm")
-    (tmp_path / "net.pickle").write_bytes(pickle.dumps(net))
-    code = f"""
-import kelm, pathlib, pickle
-folder = pathlib.Path({str(tmp_path)!r})
-net = pickle.loads((folder / "net.pickle").read_bytes())
-sim = kelm.Simulation.load(net, folder / "run.kelm").run_until(300_000_000)
-print(sim.digest, sim.spike_count)
-"""
-    printed = subprocess.run([sys.executable, "-c", code], check=True, capture_output=True)
-    assert printed.stdout.decode().split() == [str(whole.digest), str(whole.spike_count)]
 
 
 def test_arrays_and_rules_together_ascend_by_source(net):
