@@ -2,8 +2,11 @@
 
 from __future__ import annotations
 
+import atexit
 import html
 import os
+import threading
+from time import monotonic, sleep
 from typing import Any, Callable, Mapping, NamedTuple, Optional, Sequence, Union
 
 import numpy as np
@@ -202,7 +205,10 @@ class Simulation:
     def run_until(self, time: int, progress: ProgressArgument = None) -> Simulation:
         """Runs every window that starts before `time` ns; otherwise as :meth:`run`."""
         time = _checks.time(time, "time")
+        if _exiting.is_set() and threading.current_thread().daemon:
+            raise RefusedCall("a daemon thread cannot run a simulation while the interpreter exits")
         watch = Watch(progress, self._native.position, time)
+        _running.add(self)
         try:
             stopped = self._native.run(time, watch.poll)
             if not stopped:
@@ -214,6 +220,7 @@ class Simulation:
                 raise
             raise type(failure)(f"{failure}; {_kelm.after_failure}") from failure
         finally:
+            _running.discard(self)
             watch.close()
         return self
 
@@ -612,6 +619,24 @@ class Simulation:
         table = "".join(f"<tr><th>{k}</th><td>{v}</td></tr>" for k, v in rows.items())
         warnings = "".join(f"<li>{html.escape(w.text)}</li>" for w in self.warnings)
         return f"<table>{table}</table>{self._net._repr_html_()}<ul>{warnings}</ul>"
+
+
+_running: set[Simulation] = set()
+_exiting = threading.Event()
+
+
+os.register_at_fork(after_in_child=_running.clear)
+
+
+@atexit.register
+def _end_runs() -> None:
+    """Ends the runs of daemon threads. The interpreter aborts if one returns to it later."""
+    _exiting.set()
+    deadline = monotonic() + 10
+    while _running and monotonic() < deadline:
+        for simulation in list(_running):
+            simulation.request_stop()
+        sleep(0.01)
 
 
 def _bytes(checkpoint: Any) -> memoryview:

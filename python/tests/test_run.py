@@ -1,5 +1,7 @@
 """Runs: the GIL, progress, calls at the wrong time, and what is left after an error."""
 
+import subprocess
+import sys
 import threading
 import time
 
@@ -12,6 +14,20 @@ from kelm.errors import RefusedCall
 from kelm.units import ms, s
 
 YEARS = 10**9 * s
+
+
+def test_a_program_may_end_while_a_daemon_thread_runs(tmp_path):
+    program = f"""
+import sys, threading, time
+sys.path.insert(0, {str(__file__.rpartition("/")[0])!r})
+from conftest import make_balanced, kelm
+sim = kelm.Simulation(make_balanced(), seed=1)
+threading.Thread(target=sim.run, args=({YEARS},), daemon=True).start()
+while "running" not in repr(sim):
+    time.sleep(0.001)
+"""
+    run = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True)
+    assert (run.returncode, run.stderr) == (0, "")
 
 
 def test_other_threads_run_python_and_are_refused_meanwhile(net):
