@@ -6,6 +6,7 @@ import atexit
 import html
 import os
 import threading
+import weakref
 from time import monotonic, sleep
 from typing import Any, Callable, Mapping, NamedTuple, Optional, Sequence, Union
 
@@ -558,10 +559,15 @@ class Simulation:
 
     def on_commit(self, function: Optional[Callable[[int, int, np.ndarray], Any]]) -> None:
         """Sets what is called after each window with its start and end in ns and its spikes, by
-        neuron, then time. None for nothing. An exception out of it is an error out of the run."""
+        neuron, then time. None for nothing. The run leaves out windows in which nothing happens. An
+        exception out of it is an error out of the run."""
         if function is not None and not callable(function):
             raise ArgumentTypeError("function must be a callable or None")
-        self._native.on_commit(function)
+        self._on_commit = function
+        # The garbage collector sees this object's references and not those of C++.
+        here: Callable[[], Any] = weakref.ref(self)
+        self._native.on_commit(
+            None if function is None else lambda *window: here()._on_commit(*window))
 
     @property
     def learning(self) -> _parts.Learning:
