@@ -3,7 +3,9 @@
 from __future__ import annotations
 
 import difflib
+import math
 import numbers
+from dataclasses import MISSING, fields
 from typing import Any, Iterable, Optional, Type, TypeVar
 
 import numpy as np
@@ -23,10 +25,17 @@ def whole_number(value: Any, name: str, hint: str = "") -> int:
         raise ArgumentTypeError(f"{name} must be a whole number, not {kind}{tail}")
     if isinstance(value, numbers.Integral):
         return int(value)
-    number = float(value)
+    number = _float(value)
     if not number.is_integer():  # also refuses nan and infinity
         raise ArgumentError(f"{name} is {value}, which is no whole number{tail}")
     return int(number)
+
+
+def _float(value: Any) -> float:
+    try:
+        return float(value)
+    except OverflowError:
+        return math.inf
 
 
 def time(value: Any, name: str, least: int = 0) -> int:
@@ -59,10 +68,29 @@ def real(value: Any, name: str) -> float:
     """A finite float."""
     if isinstance(value, (bool, np.bool_)) or not isinstance(value, numbers.Real):
         raise ArgumentTypeError(f"{name} must be a number, not {type(value).__name__}")
-    number = float(value)
-    if not np.isfinite(number):
+    number = _float(value)
+    if not math.isfinite(number):
         raise ArgumentError(f"{name} is {number}, must be finite")
     return number
+
+
+def flag(value: Any, name: str) -> bool:
+    """A bool, or 0 or 1."""
+    if isinstance(value, (bool, np.bool_)):
+        return bool(value)
+    if isinstance(value, numbers.Real) and value in (0, 1):
+        return bool(value)
+    raise ArgumentTypeError(f"{name} is {value!r}, must be True or False")
+
+
+def items(value: Any, name: str) -> list[Any]:
+    """The items of a list, a tuple or another iterable that is no text and no dict."""
+    try:
+        if not isinstance(value, (str, bytes, dict)):
+            return list(value)
+    except TypeError:
+        pass
+    raise ArgumentTypeError(f"{name} must be a list, not {type(value).__name__}")
 
 
 def text(value: Any, name: str) -> str:
@@ -71,6 +99,10 @@ def text(value: Any, name: str) -> str:
         raise ArgumentTypeError(f"{name} must be a text, not {type(value).__name__}")
     if not value:
         raise ArgumentError(f"{name} is empty, must be a text")
+    try:
+        value.encode()
+    except UnicodeEncodeError:
+        raise ArgumentError(f"{name} is {value!r}, which is no Unicode text") from None
     return value
 
 
@@ -89,7 +121,7 @@ def record(cls: Type[T], value: Any, name: str) -> T:
     if isinstance(value, cls):
         return value
     if value is None:
-        return cls()
+        value = {}
     if not isinstance(value, dict):
         raise ArgumentTypeError(
             f"{name} must be a kelm.{cls.__name__} or a dict of its fields, "
@@ -97,10 +129,10 @@ def record(cls: Type[T], value: Any, name: str) -> T:
         )
     for key in value:
         choice(key, f"a field of {name}", cls.__dataclass_fields__)  # type: ignore[attr-defined]
-    try:
-        return cls(**value)
-    except TypeError as failure:  # a field without a default is missing
-        raise ArgumentError(f"{name}: {failure}") from None
+    for field in fields(cls):  # type: ignore[arg-type]
+        if field.default is MISSING and field.name not in value:
+            raise ArgumentError(f"{name} has no {field.name}")
+    return cls(**value)
 
 
 def column(

@@ -23,6 +23,10 @@ class Neurons:
     first: int  #: number of the first neuron in the network
     size: int  #: neurons
 
+    def __post_init__(self) -> None:
+        _checks.count(self.first, "first")
+        _checks.count(self.size, "size")
+
     @property
     def end(self) -> int:
         """One past the number of the last neuron."""

@@ -74,7 +74,8 @@ class Learning:
 
     def freeze(self, index: int = 0, frozen: bool = True) -> None:
         """Sets a freeze."""
-        self._native.learning_set_frozen(_checks.count(index, "index", most=2**32 - 1), frozen)
+        index = _checks.count(index, "index", most=2**32 - 1)
+        self._native.learning_set_frozen(index, bool(frozen))
 
     def set_gate(self, gate: Optional[Callable[[int], bool]]) -> None:
         """Sets a function of the end of a window in ns that decides, window by window, whether
@@ -189,7 +190,9 @@ class Oscillators:
     def report(self, neurons: Targets, oscillators: Optional[Sequence[int]] = None) -> None:
         """Sets which neurons are reported with the phases of which oscillators in :attr:`log`.
         Replaces an earlier call. `oscillators`: ids; None for all."""
-        ids = self._ids if oscillators is None else list(oscillators)
+        ids = self._ids
+        if oscillators is not None:
+            ids = _checks.column(oscillators, "oscillators", np.uint32).tolist()
         table: list[list[int]] = [[] for _ in range(self._net.size)]
         for neuron in _neurons.ids(neurons, "neurons", self._net.size):
             table[int(neuron)] = ids

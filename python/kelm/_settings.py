@@ -163,7 +163,7 @@ def _fill(native: Any, record: Any, name: str) -> Any:
             if not -(2**63) <= value < 2**63:
                 _checks.time(value, where)
         elif field.type == "bool":
-            value = bool(value)
+            value = _checks.flag(value, where)
         elif field.type == "float":
             value = float(_checks.real(value, where))
         setattr(native, field.name, value)
@@ -193,7 +193,7 @@ def native_plasticity(value: Any) -> _kelm.PlasticityConfig:
     if value is None:
         return native
     plasticity = _checks.record(Plasticity, value, "plasticity")
-    native.enabled = bool(plasticity.enabled)
+    native.enabled = _checks.flag(plasticity.enabled, "plasticity.enabled")
     native.excitatory = _native_rule(plasticity.excitatory, "plasticity.excitatory")
     native.inhibitory = _native_rule(plasticity.inhibitory, "plasticity.inhibitory")
     native.set_trace(
@@ -214,7 +214,7 @@ def native_phase(value: Any, neurons: int) -> Optional[_kelm.PhaseConfig]:
         return None
     phase = _checks.record(Phase, value, "phase")
     native = _kelm.PhaseConfig()
-    for k, item in enumerate(phase.oscillators):
+    for k, item in enumerate(_checks.items(phase.oscillators, "phase.oscillators")):
         oscillator = _checks.record(Oscillator, item, f"phase.oscillators[{k}]")
         native.add_oscillator(
             _checks.count(oscillator.id, f"phase.oscillators[{k}].id", most=2**32 - 1),
@@ -223,14 +223,14 @@ def native_phase(value: Any, neurons: int) -> Optional[_kelm.PhaseConfig]:
             _checks.real(oscillator.amplitude, f"phase.oscillators[{k}].amplitude"),
         )
     native.set_neurons(neurons)
-    for k, bound in enumerate(phase.bindings):
+    for k, bound in enumerate(_checks.items(phase.bindings, "phase.bindings")):
         name = f"phase.bindings[{k}]"
         binding = _checks.record(Binding, bound, name)
         ids = _neurons.ids(binding.neurons, f"{name}.neurons", neurons)
         native.bind(
             ids,
             _checks.count(binding.oscillator, f"{name}.oscillator", most=2**32 - 1),
-            bool(binding.inhibitory),
+            _checks.flag(binding.inhibitory, f"{name}.inhibitory"),
             _checks.column(binding.strength, f"{name}.strength", np.float64, len(ids)),
             _checks.column(binding.phase_offset, f"{name}.phase_offset", np.float64, len(ids)),
         )
@@ -243,7 +243,7 @@ def native_phase(value: Any, neurons: int) -> Optional[_kelm.PhaseConfig]:
 def couplings(items: Sequence[Any]) -> list[tuple[int, int, float]]:
     """(source, target, strength) of each coupling."""
     result = []
-    for k, item in enumerate(items):
+    for k, item in enumerate(_checks.items(items, "couplings")):
         coupling = _checks.record(Coupling, item, f"couplings[{k}]")
         result.append(
             (
@@ -271,10 +271,11 @@ def native_recorder(value: Any) -> Optional[_kelm.RecorderConfig]:
         return None
     recorder = _checks.record(RecorderSettings, value, "recorder")
     native = _kelm.RecorderConfig()
-    native.record_spikes = bool(recorder.spikes)
-    native.causal = bool(recorder.causal)
+    native.record_spikes = _checks.flag(recorder.spikes, "recorder.spikes")
+    native.causal = _checks.flag(recorder.causal, "recorder.causal")
     native.sample_interval = _checks.time(recorder.sample_interval, "recorder.sample_interval")
-    kinds = (recorder.samples,) if isinstance(recorder.samples, str) else recorder.samples
+    kinds = recorder.samples
+    kinds = [kinds] if isinstance(kinds, str) else _checks.items(kinds, "recorder.samples")
     native.sample_kinds = [
         getattr(_kelm.SampleKind, _checks.choice(kind, "recorder.samples", SAMPLE_KINDS))
         for kind in kinds

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import atexit
+import copy
 import html
 import os
 import threading
@@ -145,18 +146,21 @@ class Simulation:
             )
         graph = net._built()
         self._net = net.copy()
-        self._settings: dict[str, Any] = {
+        input_channels = _checks.items(input_channels, "input_channels")
+        prediction = _checks.items(prediction, "prediction")
+        # Copied, because a pickle needs them as they are now.
+        self._settings: dict[str, Any] = copy.deepcopy({
             "backend": backend,
             "threads": threads,
             "horizon": horizon,
             "plasticity": plasticity,
             "phase": phase,
             "recorder": recorder,
-            "input_channels": list(input_channels),
-            "prediction": list(prediction),
+            "input_channels": input_channels,
+            "prediction": prediction,
             "journal": journal,
             "label": label,
-        }
+        })
         if threads is None:
             threads = 0 if in_sweep.cancelled is None else 1
         options = _kelm.RuntimeOptions()
@@ -170,7 +174,7 @@ class Simulation:
         if given is not None:
             options.give_spikes(*given)
         options.plasticity = _settings.native_plasticity(plasticity)
-        options.learning_journal = bool(journal)
+        options.learning_journal = _checks.flag(journal, "journal")
         options.phase = _settings.native_phase(phase, net.size)
         options.recorder = _settings.native_recorder(recorder)
         _settings.add_input_channels(options, input_channels, net.size)
@@ -356,7 +360,7 @@ class Simulation:
         `fields`: of "membrane", "adaptation", "refractory_left", "hazard". Raises ArgumentError.
         """
         ids = _neurons.ids(neurons, "neurons", self._net.size)
-        names = [fields] if isinstance(fields, str) else list(fields)
+        names = [fields] if isinstance(fields, str) else _checks.items(fields, "fields")
         kinds = [
             getattr(_kelm.ProbeField, _checks.choice(name, "fields", _PROBE_FIELDS))
             for name in names
@@ -525,7 +529,7 @@ class Simulation:
         file. Raises FileError for a file that is no checkpoint, cut short, or of another network
         or other settings.
         """
-        with open(path, "rb") as file:
+        with open(os.fspath(path), "rb") as file:
             checkpoint = file.read()
         summary = _kelm.examine_checkpoint(checkpoint)
         if summary["fault"]:

@@ -65,10 +65,19 @@ public:
               delete held;
           }) {}
 
+    /// Raises ArgumentTypeError for a result of another type.
     template <class Result, class... Arguments>
     Result call(Arguments&&... arguments) const {
         const py::gil_scoped_acquire gil;
-        return (*function_)(std::forward<Arguments>(arguments)...).template cast<Result>();
+        const py::object result = (*function_)(std::forward<Arguments>(arguments)...);
+        try {
+            return result.cast<Result>();
+        } catch (const py::cast_error&) {
+            const py::object error = py::module_::import("kelm.errors").attr("ArgumentTypeError");
+            PyErr_Format(error.ptr(), "%.100R returned %.100R, must return a number",
+                         function_->ptr(), result.ptr());
+            throw py::error_already_set();
+        }
     }
 
 private:

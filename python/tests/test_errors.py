@@ -1,7 +1,9 @@
 """Refusals: class, argument, value and rule."""
 
 import copy
+import gc
 import pickle
+import weakref
 
 import numpy as np
 import pytest
@@ -51,7 +53,12 @@ CASES = [
     (lambda n: kelm.Network(firing={"gian": 1}), ValueError, "'gian'.*did you mean 'gain'"),
     (lambda n: kelm.Network(neuron=3), TypeError, "neuron must be a kelm.Neuron or a dict"),
     (lambda n: sim_of(n, prediction=[{"name": "x"}]), ValueError,
-     r"prediction\[0\]: .*missing.*targets"),
+     r"prediction\[0\] has no targets"),
+    (lambda n: sim_of(n, input_channels=5), TypeError, "input_channels must be a list, not int"),
+    (lambda n: kelm.Network(neuron={"non_leaky": "no"}), TypeError,
+     "neuron.non_leaky is 'no', must be True or False"),
+    (lambda n: kelm.Network(firing={"gain": 10**400}), ValueError, "gain is inf, must be finite"),
+    (lambda n: connect(n, source=kelm.Neurons("x", -1, 3)), ValueError, "first is -1, must lie in"),
     (lambda n: n.population("E", 3), ValueError, "name is 'E', which another population has"),
     (lambda n: n["F"], ValueError, "a population is 'F', must be one of E, I"),
     (lambda n: n["E"][200], IndexError, "E has 160 neurons, so none has index 200"),
@@ -65,6 +72,8 @@ CASES = [
     (lambda n: connect(n, rule=kelm.one_to_one, source=n["E"]), ValueError, "projection"),
     (lambda n: connect(n, rule=kelm.bernoulli(2)), ValueError, "probability"),
     (lambda n: connect(n, weight=lambda s, t, i: 1 / 0), ZeroDivisionError, "division"),
+    (lambda n: connect(n, weight=lambda s, t, i: None), TypeError,
+     "returned None, must return a number"),
     (lambda n: n.connect_arrays([0, 200], [1, 1], 1, delay), ValueError,
      r"source\[1\] is 200, must be below 200; the network has 200 neurons"),
     (lambda n: n.connect_arrays([0], [1, 1], 1, delay), ValueError,
@@ -225,6 +234,17 @@ def test_values_are_refused_alike_in_any_byte_order(net, place, value, rule):
     (text,) = texts
     name = ("source", "target", "weight", "delay", "inhibitory")[place]
     assert text.startswith(f"{name}[1] is {value}, ") and rule in text
+
+
+def test_settings_that_change_later_and_callbacks_do_not_bind_a_simulation(net):
+    settings = {"excitatory": {"kind": "pair", "potentiation": 0.01}}
+    sim = sim_of(net, plasticity=settings)
+    settings["excitatory"]["kind"] = "none"
+    assert pickle.loads(pickle.dumps(sim)).fingerprint == sim.fingerprint
+    sim.on_commit(lambda *window, sim=sim: None)
+    sim = weakref.ref(sim)
+    gc.collect()
+    assert sim() is None
 
 
 def test_inputs_of_any_numeric_type_are_the_same(net):
