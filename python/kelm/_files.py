@@ -27,6 +27,7 @@ from typing import TYPE_CHECKING, Any, Iterable, Iterator, Mapping
 
 import numpy as np
 
+from . import _checks
 from ._spikes import SPIKE, PopulationRange, Spikes, ordered
 from .errors import ArgumentError, FileError
 
@@ -115,13 +116,30 @@ def _format_of(path: Any) -> tuple[Any, Any]:
     return _FORMATS[suffix]
 
 
-def _spikes_from(path: str, array: np.ndarray, **options: Any) -> Spikes:
+def _spikes_from(path: str, array: np.ndarray, *, start: Any, end: Any, populations: Any,
+                 **options: Any) -> Spikes:
     """Spikes of a file in any order."""
+    last = 0
+    for population in populations:
+        if population.first < 0 or population.size < 0:
+            raise FileError(f"'{path}' is damaged: population {population.name!r} has a negative "
+                            "number")
+        last = max(last, population.first + population.size)
+    if last and len(array) and array["neuron"].max() >= last:
+        raise FileError(f"'{path}' has a spike of neuron {array['neuron'].max()}, and its "
+                        f"populations end before neuron {last}")
+    if last > _ANY:
+        raise FileError(f"'{path}' is damaged: its populations have more than 2^63 neurons")
     if len(array) and array["time"].min() < 0:
         raise FileError(f"'{path}' has a spike at {array['time'].min()} ns, before 0 ns")
     if not ordered(array):
         array = array[np.lexsort((array["neuron"], array["time"]))]
-    return Spikes(array, **options)
+    try:
+        start = _checks.time(start, "start_ns")
+        end = None if end is None else _checks.time(end, "end_ns")
+        return Spikes(array, start=start, end=end, populations=populations, **options)
+    except (TypeError, ValueError) as error:
+        raise FileError(f"'{path}' is damaged: {error}") from error
 
 
 def _plain(value: Any) -> Any:
@@ -132,6 +150,14 @@ def _plain(value: Any) -> Any:
 # --- HDF5 ---------------------------------------------------------------------------------------
 
 
+def check_names(populations: Iterable[Any]) -> None:
+    """Refuses names that a file .h5 cannot have."""
+    for population in populations:
+        name = population.name
+        if not name or name in (".", "..") or "/" in name or "\0" in name:
+            raise ArgumentError(f"population {name!r}: no such name in a file .h5")
+
+
 class _Owners:
     """Populations in the order of their neurons, and the population of each spike."""
 
@@ -140,9 +166,7 @@ class _Owners:
         for before, after in zip(self.ranges, self.ranges[1:]):
             if before.first + before.size > after.first:
                 raise ArgumentError(f"populations {before.name!r} and {after.name!r} overlap")
-        for population in self.ranges:
-            if not population.name or population.name in (".", "..") or "/" in population.name:
-                raise ArgumentError(f"population {population.name!r}: no such name in a file .h5")
+        check_names(self.ranges)
         if len({population.name for population in self.ranges}) < len(self.ranges):
             raise ArgumentError("two populations have the same name")
         self._first = np.array([population.first for population in self.ranges], np.uint64)
@@ -229,14 +253,22 @@ def open_h5(path: str) -> h5py.File:
         return h5py.File(path, "r", swmr=True)  # its writer still writes, or was killed
 
 
-def _read_h5(path: str, wanted: tuple[Any, ...] | None) -> Spikes:
+@contextlib.contextmanager
+def reading_h5(path: str) -> Iterator[h5py.File]:
+    """A file to read, as open_h5 opens it. Damaged content raises FileError."""
     try:
         with open_h5(path) as file:
-            return _spikes_of_h5(path, file, wanted)
+            yield file
     except (FileNotFoundError, PermissionError, IsADirectoryError, FileError):
         raise
-    except (OSError, RuntimeError, KeyError, TypeError, ValueError) as error:  # of damaged content
+    except (AttributeError, KeyError, MemoryError, OSError, RuntimeError, TypeError,
+            ValueError) as error:
         raise FileError(f"'{path}' is damaged: {error}") from error
+
+
+def _read_h5(path: str, wanted: tuple[Any, ...] | None) -> Spikes:
+    with reading_h5(path) as file:
+        return _spikes_of_h5(path, file, wanted)
 
 
 def _spikes_of_h5(path: str, file: h5py.File, wanted: tuple[Any, ...] | None) -> Spikes:
@@ -247,7 +279,7 @@ def _spikes_of_h5(path: str, file: h5py.File, wanted: tuple[Any, ...] | None) ->
         raise FileError(f"'{path}' has no spikes: there is no group /spikes")
     provenance = {key: _plain(value) for key, value in file.attrs.items()
                   if key not in _SONATA_ATTRIBUTES and np.ndim(value) == 0}
-    start, end = int(provenance.pop("start_ns", 0)), provenance.pop("end_ns", None)
+    start, end = provenance.pop("start_ns", 0), provenance.pop("end_ns", None)
     if isinstance(root.get("timestamps"), h5py.Dataset):
         return _spikes_from(path, _read_rows(path, root, None), populations=wanted or (),
                             provenance=provenance, start=start, end=end)
@@ -453,9 +485,11 @@ def _options_of(path: str, about: dict[str, Any], wanted: tuple[Any, ...] | None
     """The arguments of Spikes in what _about returned. Takes them out of `about`."""
     about.pop("units", None)
     try:
-        named = tuple(PopulationRange(*entry) for entry in about.pop("populations", ()))
-    except TypeError as error:
-        raise FileError(f"'{path}' is damaged: its populations cannot be read") from error
+        named = tuple(PopulationRange(_checks.text(name, "a name"), _checks.count(first, "first"),
+                                      _checks.count(size, "size"))
+                      for name, first, size in about.pop("populations", ()))
+    except (TypeError, ValueError) as error:
+        raise FileError(f"'{path}' is damaged: its populations cannot be read: {error}") from error
     return {"start": about.pop("start_ns", 0), "end": about.pop("end_ns", None),
             "populations": named if wanted is None else wanted,
             "provenance": {key: value for key, value in about.items() if value is not None}}
@@ -478,9 +512,9 @@ def _read_npy(path: str, wanted: tuple[Any, ...] | None) -> Spikes:
             read = (np.lib.format.read_array_header_1_0 if major == 1
                     else np.lib.format.read_array_header_2_0)
             shape, _, dtype = read(file)
-        except (ValueError, EOFError) as error:
+        except Exception as error:  # NumPy parses the header as Python
             raise FileError(f"'{path}' is no file of spikes: {error}") from error
-        if dtype != SPIKE or len(shape) != 1:
+        if dtype != SPIKE or len(shape) != 1 or shape[0] < 0:
             raise FileError(f"'{path}' is no file of spikes: its shape is {shape} and its dtype "
                             f"{dtype}")
         held = (os.path.getsize(path) - file.tell()) // SPIKE.itemsize
@@ -489,13 +523,15 @@ def _read_npy(path: str, wanted: tuple[Any, ...] | None) -> Spikes:
         array = np.fromfile(file, SPIKE, shape[0])
         rest = file.read(len(_TRAILER))
         about = _json(path, file.read()) if rest == _TRAILER else {}
+    if not isinstance(about, dict):
+        raise FileError(f"'{path}' is damaged: its last line is no JSON object")
     return _spikes_from(path, array, **_options_of(path, about, wanted))
 
 
-def _json(path: str, text: bytes | str) -> dict[str, Any]:
+def _json(path: str, text: bytes | str) -> Any:
     try:
         return json.loads(text)
-    except ValueError as error:
+    except (RecursionError, ValueError) as error:
         raise FileError(f"'{path}' is cut short or damaged: {error}") from error
 
 

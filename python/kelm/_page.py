@@ -16,6 +16,7 @@ from typing import Any
 import numpy as np
 
 from . import _checks, _files
+from .errors import ArgumentError
 from ._spikes import COLOURS, PopulationRange, Spikes, default_bin
 
 _EACH = 2_000_000  # spikes that a page has one by one
@@ -36,6 +37,9 @@ def page(spikes: Any, net: Any, path: Any, *, bin: int | None = None, title: str
     bin = default_bin(spikes) if bin is None else _checks.time(bin, "bin", least=1)
     low = min(population.first for population in populations)
     high = max(population.first + population.size for population in populations)
+    if high - low > 2**32:
+        raise ArgumentError(f"a page shows at most 2^32 neurons, not {high - low}: pass the "
+                            "network, or spikes with populations")
     seconds = (spikes.end - spikes.start) / 1e9
     about: dict[str, Any] = {
         "start": spikes.start, "end": max(spikes.end, spikes.start + 1), "low": low,

@@ -9,7 +9,7 @@ from typing import Any, Iterable, Mapping, NamedTuple
 import numpy as np
 
 from . import _checks
-from .errors import ArgumentError
+from .errors import ArgumentError, ArgumentTypeError
 
 #: One spike: `time` in ns (int64), `neuron` (uint64).
 SPIKE = np.dtype([("time", "<i8"), ("neuron", "<u8")])
@@ -19,6 +19,7 @@ SPIKE = np.dtype([("time", "<i8"), ("neuron", "<u8")])
 COLOURS = ("#0072b2", "#d55e00", "#009e73", "#cc79a7", "#e69f00", "#56b4e9", "#555555")
 
 _HTML_SPIKES = 4000  # dots in the picture of a notebook
+_MOST_BINS = 10**7
 
 
 class PopulationRange(NamedTuple):
@@ -67,8 +68,8 @@ class Spikes:
     digest of the whole log, so a part of it has none. The spikes are those with times from `start`
     up to, not including, `end` (ns); `end` is the position of the run if it is not given.
 
-    Raises ArgumentError for another dtype or shape, for spikes out of order and for a time below 0
-    or before `start`.
+    Raises ArgumentError for another dtype or shape, for spikes out of order, for a time below 0 or
+    before `start`, and for a neuron from 2^63 on.
     """
 
     __hash__ = None  # type: ignore[assignment]
@@ -83,6 +84,8 @@ class Spikes:
                 f"shape {array.shape} and dtype {array.dtype}")
         if not ordered(array):
             raise ArgumentError("array must ascend by time, and by neuron at equal times")
+        if len(array) and array["neuron"].max() >= 2**63:
+            raise ArgumentError(f"array has neuron {array['neuron'].max()}, must be below 2^63")
         if len(array) and array["time"][0] < max(start, 0):
             first = array["time"][0]
             raise ArgumentError(f"array has a spike at {first} ns, before {max(start, 0)} ns")
@@ -121,6 +124,10 @@ class Spikes:
     def __len__(self) -> int:
         return len(self._array)
 
+    def __setstate__(self, state: dict[str, Any]) -> None:
+        self.__dict__.update(state)
+        self._array.flags.writeable = False  # a pickle does not keep it
+
     def __array__(self, dtype: Any = None, copy: bool | None = None) -> np.ndarray:
         return self._array.astype(dtype or SPIKE, copy=bool(copy))
 
@@ -131,11 +138,12 @@ class Spikes:
 
     def between(self, start: int, end: int) -> Spikes:
         """The spikes with start <= time < end, in ns. A view: nothing is copied."""
+        start, end = _checks.whole_number(start, "start"), _checks.whole_number(end, "end")
         if start > end:
             raise ArgumentError(f"start must not be after end, not {start} ns and {end} ns")
         time: Any = self.time  # searchsorted would copy it, because its steps are not 8 bytes
         first, last = bisect_left(time, start), bisect_left(time, end)
-        start, end = (min(max(int(bound), self.start), self.end) for bound in (start, end))
+        start, end = (min(max(bound, self.start), self.end) for bound in (start, end))
         return self._part(self._array[first:last], self.populations, start, end)
 
     def of(self, population: Any) -> Spikes:
@@ -171,11 +179,17 @@ class Spikes:
 
         Returns the starts of the bins in ns (int64, shape (bins,)) and the rates in spikes/s
         (float64, shape (bins,)), of a population or of all neurons. The last bin ends at `end`, and
-        its rate is that of its own length. Raises ArgumentError for a bin that is not positive.
+        its rate is that of its own length. Raises ArgumentError for a bin that is not positive, and
+        for one that makes more than 10 million bins.
         """
         bin = _checks.time(bin, "bin", least=1)
+        number = -(-(self.end - self.start) // bin)
+        if number > _MOST_BINS:
+            raise ArgumentError(f"bin is {bin} ns, which makes {number} bins from "
+                                f"{time_text(self.start)} to {time_text(self.end)}; at most "
+                                f"{_MOST_BINS} are counted")
         part = self if population is None else self.of(population)
-        starts = np.arange(self.start, self.end, bin, dtype=np.int64)
+        starts = self.start + bin * np.arange(number, dtype=np.int64)
         counts = np.bincount((part.time - self.start) // bin, minlength=len(starts))
         seconds = np.minimum(self.end - starts, bin) / 1e9
         return starts, counts / (seconds * max(part.neuron_count, 1))
@@ -270,6 +284,9 @@ class Spikes:
 
     def _population(self, population: Any) -> Any:
         if not isinstance(population, str):
+            if not (hasattr(population, "first") and hasattr(population, "size")):
+                kind = type(population).__name__
+                raise ArgumentTypeError(f"population must be a population or its name, not {kind}")
             return population
         for candidate in self.populations:
             if candidate.name == population:

@@ -18,12 +18,13 @@ from typing import TYPE_CHECKING, Any, Callable, Mapping, Optional, Union
 
 import numpy as np
 
-from ._files import load_spikes, open_h5, replacing
+from . import _checks
+from ._files import check_names, load_spikes, reading_h5, replacing
 from ._network import Network
 from ._neurons import Neurons
 from ._settings import Firing, Neuron
 from ._spikes import PopulationRange, Spikes
-from .errors import FileError
+from .errors import ArgumentError, ArgumentTypeError, FileError
 from .units import ms
 
 if TYPE_CHECKING:
@@ -106,20 +107,20 @@ def read(
     weight_scale: float = 1.0,
 ) -> Config:
     """The network and the settings of a SONATA configuration. See :func:`from_sonata`."""
-    path = os.path.abspath(os.fspath(config))
+    path = circuit_path = os.path.abspath(os.fspath(config))
     simulation = _load_config(path)
-    circuit = simulation
     if "simulation" in simulation and "run" not in simulation:
-        circuit_path = simulation.get("network")
-        path = simulation["simulation"]
+        network = simulation.get("network")
+        path = circuit_path = _part(f"'{path}'", simulation, "simulation", str)
         simulation = _load_config(path)
-        simulation.setdefault("network", circuit_path)
-        circuit = simulation
+        simulation.setdefault("network", network)
+    circuit = simulation
     if "networks" not in circuit:
         if not isinstance(circuit.get("network"), str):
             raise FileError(f"'{path}' names no network: it has neither 'networks' nor 'network'")
-        circuit = _load_config(circuit["network"])
-    reader = _Reader(path, simulation, circuit, templates)
+        circuit_path = circuit["network"]
+        circuit = _load_config(circuit_path)
+    reader = _Reader(path, simulation, circuit_path, circuit, templates)
     network, nodes = reader.network(delay, window, weight_scale)
     return reader.settings(network, nodes)
 
@@ -131,8 +132,32 @@ def _load_json(path: str) -> Any:
     try:
         with open(path, encoding="utf-8") as file:
             return json.load(file)
-    except ValueError as failure:
+    except (RecursionError, ValueError) as failure:
         raise FileError(f"'{path}' is no JSON file: {failure}") from None
+
+
+_KINDS = {dict: "an object", list: "a list", str: "a text"}
+
+
+def _part(where: str, owner: Mapping[str, Any], key: str, kind: Any, default: Any = None) -> Any:
+    """A value of a JSON object, which must be a dict, a list or a str."""
+    value = owner.get(key, default)
+    if not isinstance(value, kind):
+        raise FileError(f"{where}: {key} is {value!r}, must be {_KINDS[kind]}")
+    return value
+
+
+def _objects(where: str, owner: Mapping[str, Any],
+             key: str) -> list[tuple[str, str, dict[str, Any]]]:
+    """The objects of a list or of an object, which may be missing: name, text for messages, object.
+    Those with "enabled": false are left out."""
+    value = owner.get(key, {})
+    if isinstance(value, list):
+        owner = {key: {str(number): item for number, item in enumerate(value)}}
+    named = _part(where, owner, key, dict, {})
+    items = [(name, f"{where}, {key}.{name}", _part(f"{where}, {key}", named, name, dict))
+             for name in named]
+    return [item for item in items if item[2].get("enabled", True)]
 
 
 def _load_config(path: str) -> dict[str, Any]:
@@ -141,7 +166,8 @@ def _load_config(path: str) -> dict[str, Any]:
     if not isinstance(config, dict):
         raise FileError(f"'{path}' is no configuration: it is no JSON object")
     folder = os.path.dirname(path)
-    manifest = {key.strip("${}"): value for key, value in config.pop("manifest", {}).items()}
+    manifest = {key.strip("${}"): value
+                for key, value in _part(f"'{path}'", config, "manifest", dict, {}).items()}
 
     def filled(text: str) -> str:
         for _ in range(len(manifest) + 1):
@@ -171,8 +197,11 @@ def _load_config(path: str) -> dict[str, Any]:
 
 def _table(path: str) -> dict[int, dict[str, str]]:
     """The rows of a table of types by their ids, without the values NULL."""
-    with open(path, newline="", encoding="utf-8") as file:
-        rows = list(csv.reader(file, delimiter=" ", skipinitialspace=True))
+    try:
+        with open(path, newline="", encoding="utf-8") as file:
+            rows = list(csv.reader(file, delimiter=" ", skipinitialspace=True))
+    except (csv.Error, ValueError) as failure:
+        raise FileError(f"'{path}' is no table of types: {failure}") from None
     head = rows[0] if rows else []
     ids = [name for name in head if name in ("node_type_id", "edge_type_id")]
     if not ids:
@@ -192,10 +221,19 @@ def _table(path: str) -> dict[int, dict[str, str]]:
 
 def _ns(value: Any, where: str) -> np.ndarray:
     """Times in ms as whole ns, rounded."""
-    ns = np.rint(np.asarray(value, np.float64) * ms)
+    try:
+        ns = np.rint(np.asarray(value, np.float64) * ms)
+    except (OverflowError, TypeError, ValueError):
+        raise FileError(f"{where}: {value!r} is no time in ms") from None
     if not (np.abs(ns) < 2.0**63).all():
         raise FileError(f"{where}: times must be finite and below 2^63 ns")
     return ns.astype(np.int64)
+
+
+def _one_ns(value: Any, where: str) -> int:
+    if not isinstance(value, (int, float)):
+        raise FileError(f"{where}: {value!r} is no time in ms")
+    return int(_ns(value, where))
 
 
 # --- Reading ------------------------------------------------------------------------------------
@@ -204,42 +242,60 @@ def _ns(value: Any, where: str) -> np.ndarray:
 class _Reader:
     """Reads the files of one configuration."""
 
-    def __init__(self, path: str, simulation: dict[str, Any], circuit: dict[str, Any],
-                 templates: Mapping[str, Template]) -> None:
-        self.path = path
+    def __init__(self, path: str, simulation: dict[str, Any], circuit_path: str,
+                 circuit: dict[str, Any], templates: Mapping[str, Template]) -> None:
+        self.where, self.where_circuit = f"'{path}'", f"'{circuit_path}'"
+        self.folder = os.path.dirname(path)
         self.simulation = simulation
         self.circuit = circuit
         self.templates = templates
-        self.kelm = simulation.get("kelm", {})
-        self.node_sets = (_load_json(simulation["node_sets_file"])
-                          if "node_sets_file" in simulation else {})
+        self.kelm = _part(self.where, simulation, "kelm", dict, {})
+        self.node_sets: dict[str, Any] = {}
+        if "node_sets_file" in simulation:
+            path = _part(self.where, simulation, "node_sets_file", str)
+            self.node_sets = _part(f"'{path}'", {"the content": _load_json(path)}, "the content",
+                                   dict)
 
     def network(self, delay: Optional[int], window: Optional[int],
                 weight_scale: float) -> tuple[Network, dict[str, Neurons]]:
         if window is None and "window" in self.kelm:
-            window = int(_ns(self.kelm["window"], f"'{self.path}', kelm.window"))
-        net = Network(seed=self.kelm.get("wiring_seed", 0), window=window)
-        networks = self.circuit["networks"]
+            window = _one_ns(self.kelm["window"], f"{self.where}, kelm.window")
+        try:
+            net = Network(seed=self.kelm.get("wiring_seed", 0), window=window)
+        except (ArgumentError, ArgumentTypeError) as failure:
+            raise FileError(f"{self.where}, kelm: {failure}") from None
+        networks = _part(self.where_circuit, self.circuit, "networks", dict)
         nodes: dict[str, Neurons] = {}
-        for entry in networks.get("nodes", []):
-            with open_h5(entry["nodes_file"]) as file:
-                types = _types_of(entry, "node_types_file")
-                for name, group in _populations_in(file, entry["nodes_file"], "nodes"):
+        for _, where, entry in _objects(self.where_circuit, networks, "nodes"):
+            types = _types_of(where, entry, "node_types_file")
+            path = _part(where, entry, "nodes_file", str)
+            with reading_h5(path) as file:
+                for name, group in _populations_in(file, path, "nodes"):
                     if name in nodes:
-                        raise FileError(f"'{entry['nodes_file']}' has population {name!r}, which "
-                                        "another file has")
-                    nodes[name] = self._add_nodes(net, entry["nodes_file"], name, group, types)
+                        raise FileError(f"'{path}' has population {name!r}, which another file has")
+                    nodes[name] = self._add_nodes(net, path, name, group, types)
+        self._check_inputs(net)
         columns = []
-        for entry in networks.get("edges", []):
-            if not entry.get("enabled", True):
-                continue
-            with open_h5(entry["edges_file"]) as file:
-                types = _types_of(entry, "edge_types_file")
-                for name, group in _populations_in(file, entry["edges_file"], "edges"):
-                    where = f"'{entry['edges_file']}', population {name!r}"
-                    columns.append(_edges(where, group, types, nodes, delay))
-        self._connect(net, columns, weight_scale)
+        for _, where, entry in _objects(self.where_circuit, networks, "edges"):
+            types = _types_of(where, entry, "edge_types_file")
+            path = _part(where, entry, "edges_file", str)
+            with reading_h5(path) as file:
+                for name, group in _populations_in(file, path, "edges"):
+                    columns.append(_edges(f"'{path}', population {name!r}", group, types, nodes,
+                                          delay))
+        try:
+            self._connect(net, columns, weight_scale)
+        except ArgumentError as failure:
+            raise FileError(f"{self.where_circuit}, the edges: {failure}") from None
         return net, nodes
+
+    def _check_inputs(self, net: Network) -> None:
+        """Refuses an input that reaches no virtual nodes."""
+        virtual = {population.name for population in net.populations if population.kind == "spikes"}
+        for _, where, entry in _objects(self.where, self.simulation, "inputs"):
+            names = self._population_names(where, entry.get("node_set", ""))
+            if "node_set" in entry and not virtual.intersection(names):
+                raise FileError(f"{where}: node_set {entry['node_set']!r} has no virtual nodes")
 
     def _add_nodes(self, net: Network, path: str, name: str, group: h5py.Group,
                    types: dict[int, dict[str, str]]) -> Neurons:
@@ -292,43 +348,57 @@ class _Reader:
             return _known(where, mapped)
         params: dict[str, Any] = {}
         if "dynamics_params" in node_type:
-            folder = self.circuit.get("components", {}).get("point_neuron_models_dir",
-                                                            os.path.dirname(self.path))
-            params = _load_json(os.path.join(folder, node_type["dynamics_params"]))
+            components = _part(self.where_circuit, self.circuit, "components", dict, {})
+            folder = _part(self.where_circuit, components, "point_neuron_models_dir", str,
+                           self.folder)
+            path = os.path.join(folder, node_type["dynamics_params"])
+            params = _load_json(path)
+            where = f"'{path}'"
         if callable(mapped):
-            return _known(where, mapped(params))
+            try:
+                own = mapped(params)
+            except Exception as failure:
+                raise FileError(f"{where}: the function of the template {template!r} raises "
+                                f"{failure!r}") from failure
+            return _known(where, own)
         values = dict(_known(where, params))
         for name in _TIMES:
             if name in values:
-                values[name] = int(_ns(values[name], f"{where}: {name}"))
+                values[name] = _one_ns(values[name], f"{where}: {name}")
         return values
 
     def _given_spikes(self, name: str, size: int) -> tuple[np.ndarray, np.ndarray]:
         """All spikes that inputs give to a population: times in ns and indices."""
         times, neurons = [np.zeros(0, np.int64)], [np.zeros(0, np.uint64)]
-        for key, entry in self.simulation.get("inputs", {}).items():
+        for _, where, entry in _objects(self.where, self.simulation, "inputs"):
             if entry.get("input_type", "spikes") != "spikes":
-                raise FileError(f"'{self.path}', input {key!r}: input_type is "
-                                f"{entry['input_type']!r}, must be 'spikes'")
-            if name not in self._population_names(entry.get("node_set", name)):
+                raise FileError(f"{where}: input_type is {entry['input_type']!r}, must be 'spikes'")
+            if name not in self._population_names(where, entry.get("node_set", name)):
                 continue
-            spikes = load_spikes(entry["input_file"],
+            spikes = load_spikes(_part(where, entry, "input_file", str),
                                  populations=[PopulationRange(name, 0, size)])
             times.append(spikes.time)
             neurons.append(spikes.neuron)
         return np.concatenate(times), np.concatenate(neurons)
 
-    def _node_set(self, value: Any) -> dict[str, Any]:
+    def _node_set(self, where: str, value: Any) -> dict[str, Any]:
         """A set of nodes: a name in the file of sets, the name of a population, or the set."""
         if isinstance(value, str):
             value = self.node_sets.get(value, {"population": value})
         if not isinstance(value, dict):
-            raise FileError(f"'{self.path}': a set of nodes must be a name or an object")
+            raise FileError(f"{where}: a set of nodes must be a name or an object, not {value!r}")
+        for key in value:
+            if key not in ("population", "node_id"):
+                raise FileError(f"{where}: a set of nodes has the key {key!r}, must have "
+                                "'population' and 'node_id'")
         return value
 
-    def _population_names(self, value: Any) -> list[str]:
-        names = self._node_set(value).get("population", [])
-        return [names] if isinstance(names, str) else list(names)
+    def _population_names(self, where: str, value: Any) -> list[str]:
+        names = self._node_set(where, value).get("population", [])
+        names = [names] if isinstance(names, str) else names
+        if not isinstance(names, list) or not all(isinstance(name, str) for name in names):
+            raise FileError(f"{where}: population is {names!r}, must be a name or a list of names")
+        return names
 
     def _connect(self, net: Network, columns: list[dict[str, np.ndarray]],
                  weight_scale: float) -> None:
@@ -347,40 +417,44 @@ class _Reader:
                            inhibitory=np.signbit(weight))
 
     def settings(self, net: Network, nodes: dict[str, Neurons]) -> Config:
-        run = self.simulation.get("run", {})
-        output = self.simulation.get("output", {})
-        folder = output.get("output_dir", os.path.join(os.path.dirname(self.path), "output"))
-        simulation = dict(self.kelm.get("simulation", {}))
+        run = _part(self.where, self.simulation, "run", dict, {})
+        output = _part(self.where, self.simulation, "output", dict, {})
+        folder = _part(self.where, output, "output_dir", str, os.path.join(self.folder, "output"))
+        simulation = dict(_part(f"{self.where}, kelm", self.kelm, "simulation", dict, {}))
         if "seed" in self.kelm:
             simulation.setdefault("seed", self.kelm["seed"])
+        spikes_file = _part(self.where, output, "spikes_file", str, "spikes.h5")
+        files = {os.path.basename(spikes_file)}
         reports = []
-        for name, entry in self.simulation.get("reports", {}).items():
-            if not entry.get("enabled", True):
-                continue
+        for name, where, entry in _objects(self.where, self.simulation, "reports"):
             variable = entry.get("variable_name")
             if variable not in ("membrane", "adaptation"):
-                raise FileError(f"'{self.path}', report {name!r}: variable_name is {variable!r}, "
-                                "must be 'membrane' or 'adaptation'")
-            chosen = self._node_set(entry.get("cells", {}))
+                raise FileError(f"{where}: variable_name is {variable!r}, must be 'membrane' or "
+                                "'adaptation'")
+            cells = entry.get("cells", {})
             neurons = {}
-            for population in self._population_names(entry.get("cells", {})) or nodes:
+            for population in self._population_names(where, cells) or nodes:
                 if population not in nodes:
-                    raise FileError(f"'{self.path}', report {name!r}: the network has no "
-                                    f"population {population!r}")
-                ids = np.asarray(chosen.get("node_id", range(nodes[population].size)), np.uint64)
-                neurons[population] = ids + np.uint64(nodes[population].first)
-            interval = int(_ns(entry.get("dt", run.get("dt", 0.1)), f"report {name!r}"))
-            file_name = entry.get("file_name", name)
+                    raise FileError(f"{where}: the network has no population {population!r}")
+                first, size = nodes[population].first, nodes[population].size
+                ids = self._node_set(where, cells).get("node_id", range(size))
+                try:
+                    ids = _checks.column(ids, "node_id", np.uint64, low=0, below=size)
+                except (ArgumentError, ArgumentTypeError) as failure:
+                    raise FileError(f"{where}: {failure}") from None
+                neurons[population] = ids + np.uint64(first)
+            interval = _one_ns(entry.get("dt", run.get("dt", 0.1)), f"{where}: dt")
+            file_name = _part(where, entry, "file_name", str, name)
             if not file_name.endswith(".h5"):
                 file_name += ".h5"
+            if os.path.basename(file_name) in files:
+                raise FileError(f"{where}: its file {file_name!r} is that of another output")
+            files.add(os.path.basename(file_name))
             reports.append(Report(name, variable, neurons, interval,
                                   os.path.join(folder, file_name)))
-        spikes_file = output.get("spikes_file")
-        return Config(
-            net, nodes,
-            int(_ns(run["tstop"], f"'{self.path}', run.tstop")) if "tstop" in run else None,
-            simulation, folder,
-            None if spikes_file is None else os.path.join(folder, spikes_file), tuple(reports))
+        until = _one_ns(run["tstop"], f"{self.where}, run.tstop") if "tstop" in run else None
+        return Config(net, nodes, until, simulation, folder, os.path.join(folder, spikes_file),
+                      tuple(reports))
 
 
 def _known(where: str, values: Any) -> Mapping[str, Any]:
@@ -390,6 +464,8 @@ def _known(where: str, values: Any) -> Mapping[str, Any]:
         if name not in _NEURON and name not in _FIRING:
             raise FileError(f"{where}: {name!r} is no parameter of {TEMPLATE}; it has "
                             f"{', '.join([*_NEURON, *_FIRING])}")
+        if not isinstance(values[name], (int, float)):
+            raise FileError(f"{where}: {name} is {values[name]!r}, must be a number")
     return values
 
 
@@ -403,16 +479,29 @@ def _records(row: np.ndarray) -> tuple[Neuron, Firing]:
             Firing(**{name: values[name] for name in _FIRING}))
 
 
-def _types_of(entry: Mapping[str, Any], key: str) -> dict[int, dict[str, str]]:
-    path = entry.get(key)
-    return {} if path is None else _table(path)
+def _types_of(where: str, entry: Mapping[str, Any], key: str) -> dict[int, dict[str, str]]:
+    return {} if entry.get(key) is None else _table(_part(where, entry, key, str))
 
 
 def _populations_in(file: h5py.File, path: str, kind: str) -> list[tuple[str, h5py.Group]]:
-    if kind not in file:
+    import h5py
+
+    root = file.get(kind)
+    if not isinstance(root, h5py.Group):
         raise FileError(f"'{path}' has no {kind}: there is no group /{kind}")
+    for name in root:
+        if not isinstance(root[name], h5py.Group):
+            raise FileError(f"'{path}': /{kind}/{name} is no group of a population")
     # HDF5 lists names in alphabetical order.
-    return sorted(file[kind].items(), key=lambda item: int(item[1].attrs.get("first_neuron", 0)))
+    return sorted(root.items(), key=lambda item: int(item[1].attrs.get("first_neuron", 0)))
+
+
+def _whole(where: str, group: h5py.Group, name: str, size: Optional[int]) -> np.ndarray:
+    """A column of whole numbers from 0 on: int64, shape (size)."""
+    try:
+        return _checks.column(group[name][()], name, np.int64, size, low=0)
+    except (ArgumentError, ArgumentTypeError) as failure:
+        raise FileError(f"{where}: {failure}") from None
 
 
 class _Rows:
@@ -425,15 +514,15 @@ class _Rows:
         self._group = group
         if f"{kind}_type_id" not in group:
             raise FileError(f"{where} has no {kind}_type_id")
-        self._type = group[f"{kind}_type_id"][:]
+        self._type = _whole(where, group, f"{kind}_type_id", None)
         self.size = len(self._type)
         # Without groups there is one, with a row for each element.
-        group_ids = group.get(f"{kind}_group_id")
-        indices = group.get(f"{kind}_group_index")
-        self._group_id = np.zeros(self.size, np.int64) if group_ids is None else group_ids[:]
-        self._index = np.arange(self.size) if indices is None else indices[:]
-        if len(self._group_id) != self.size or len(self._index) != self.size:
-            raise FileError(f"{where}: its columns have different lengths")
+        self._group_id = np.zeros(self.size, np.int64)
+        self._index = np.arange(self.size)
+        if f"{kind}_group_id" in group:
+            self._group_id = _whole(where, group, f"{kind}_group_id", self.size)
+        if f"{kind}_group_index" in group:
+            self._index = _whole(where, group, f"{kind}_group_index", self.size)
         for type_id in np.unique(self._type).tolist():
             if types and type_id not in types:
                 raise FileError(f"{where}: {kind} type {type_id} is in no table of types")
@@ -465,7 +554,11 @@ class _Rows:
     def column(self, name: str, default: Optional[np.ndarray] = None) -> np.ndarray:
         """A value for each element: of its group, else of the population, its type or default."""
         if name in self._group:
-            return np.asarray(self._group[name][:], np.float64)
+            values = np.asarray(self._group[name][()], np.float64)
+            if values.shape != (self.size,):
+                raise FileError(f"{self.where}: {name} has shape {values.shape}, must have shape "
+                                f"({self.size},)")
+            return values
         values = np.full(self.size, np.nan) if default is None else np.array(default, np.float64)
         for type_id, selected in self.by_type():
             text = self.types.get(type_id, {}).get(name)
@@ -489,17 +582,16 @@ def _edges(where: str, group: h5py.Group, types: dict[int, dict[str, str]],
     rows = _Rows(where, group, "edge", types)
     columns = {}
     for end in ("source", "target"):
-        dataset = group.get(f"{end}_node_id")
-        if dataset is None:
+        if f"{end}_node_id" not in group:
             raise FileError(f"{where} has no {end}_node_id")
-        name = dataset.attrs.get("node_population")
+        name = group[f"{end}_node_id"].attrs.get("node_population")
         name = name.decode() if isinstance(name, bytes) else name
         if name not in nodes:
             raise FileError(f"{where}: its {end} is population {name!r}, of which there is no file")
-        ids = dataset[:].astype(np.uint64)
-        if len(ids) != rows.size or (rows.size and int(ids.max()) >= nodes[name].size):
+        ids = _whole(where, group, f"{end}_node_id", rows.size)
+        if rows.size and int(ids.max()) >= nodes[name].size:
             raise FileError(f"{where}: {end}_node_id must be below {nodes[name].size}, one an edge")
-        columns[end] = ids + np.uint64(nodes[name].first)
+        columns[end] = ids.astype(np.uint64) + np.uint64(nodes[name].first)
     columns["weight"] = rows.column("syn_weight")
     default = None if delay is None else np.full(rows.size, delay / ms)
     try:
@@ -507,7 +599,10 @@ def _edges(where: str, group: h5py.Group, types: dict[int, dict[str, str]],
     except FileError as failure:
         hint = "; pass one as delay=" if "has no delay" in str(failure) else ""
         raise FileError(f"{failure}{hint}") from None
-    repeats = rows.column("nsyns", np.ones(rows.size)).astype(np.int64)
+    repeats = rows.column("nsyns", np.ones(rows.size))
+    if len(repeats) and not (repeats >= 0).all():
+        raise FileError(f"{where}: nsyns is {repeats.min():g}, must not be negative")
+    repeats = repeats.astype(np.int64)
     # An element's number in the network that was written; unknown in other programs' files.
     unknown = np.full(rows.size, -1.0)
     columns["kelm_synapse"] = rows.column("kelm_synapse", unknown).astype(np.int64)
@@ -530,12 +625,14 @@ def to_sonata(net: Network, folder: Any, *, until: Optional[int] = None,
     """
     import h5py
 
+    check_names(net.populations)
     folder = os.path.abspath(os.fspath(folder))
     for part in ("network", "components", "inputs"):
         os.makedirs(os.path.join(folder, part), exist_ok=True)
     inputs = {}
     rows = []
     with _h5_file(h5py, os.path.join(folder, "network", "nodes.h5")) as file:
+        file.create_group("nodes")
         for type_id, (member, native) in enumerate(zip(net._members, net._native_populations())):
             population = member.range
             group = file.create_group(f"nodes/{population.name}")
@@ -615,7 +712,10 @@ def _write_edges(h5py: Any, net: Network, folder: str) -> None:
             if not len(edges):
                 continue
             ends = members[number // len(members)], members[number % len(members)]
-            group = file.create_group(f"edges/{ends[0].name}_to_{ends[1].name}")
+            name = f"edges/{ends[0].name}_to_{ends[1].name}"
+            while name in file:  # of other populations with "_to_" in their names
+                name += "_"
+            group = file.create_group(name)
             for name, numbers, population in (("source", synapses.source, ends[0]),
                                               ("target", synapses.target, ends[1])):
                 ids = numbers[edges] - np.uint64(population.first)
@@ -694,7 +794,7 @@ class ReportWriter:
     def _kept(self, path: Any, begin: int) -> tuple[dict[str, np.ndarray], int]:
         import h5py
 
-        with open_h5(path) as file:
+        with reading_h5(path) as file:
             kept, first = {}, 0
             for name, size in self._sizes.items():
                 group = file.get(f"report/{name}")

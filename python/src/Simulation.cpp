@@ -136,13 +136,19 @@ void readCheckpoint(Simulation& simulation, const py::buffer& checkpoint) {
     restoreCheckpoint(*use, viewOf(bytes));
 }
 
+/// A text of a file, which may be damaged.
+py::str textOf(const std::string& text) {
+    return py::reinterpret_steal<py::str>(
+        PyUnicode_DecodeUTF8(text.data(), static_cast<py::ssize_t>(text.size()), "replace"));
+}
+
 py::dict summaryOf(const py::buffer& checkpoint) {
     const py::buffer_info bytes = checkpoint.request();
     const CheckpointSummary summary = examineCheckpoint(viewOf(bytes));
     py::dict fields;
-    fields["fault"] = summary.faultText();
-    fields["engine_version"] = summary.engine_version;
-    fields["label"] = summary.label;
+    fields["fault"] = textOf(summary.faultText());
+    fields["engine_version"] = textOf(summary.engine_version);
+    fields["label"] = textOf(summary.label);
     fields["fingerprint"] = summary.config_id;
     fields["seed"] = summary.seed;
     fields["position"] = summary.position;

@@ -88,6 +88,11 @@ def test_files_of_another_kind_are_refused():
     for name, content in (("text.h5", b"text"), ("text.npy", b"text"), ("blob.csv", b"\xff\n\xfe"),
                           ("float.csv", b"time_ns,neuron\n0.5,1\n"),
                           ("negative.csv", b"time_ns,neuron\n-5,1\n"),
+                          ("start.csv", b"# start_ns: 9\ntime_ns,neuron\n5,1\n"),
+                          ("end.csv", b"# end_ns: [1]\ntime_ns,neuron\n5,1\n"),
+                          ("names.csv", b'# populations: [["E", "0", 4]]\ntime_ns,neuron\n5,1\n'),
+                          ("beyond.csv", b'# populations: [["E", 0, 4]]\ntime_ns,neuron\n5,4\n'),
+                          ("header.npy", b"\x93NUMPY\x01\x00\x02\x00{("),
                           ("run.kelm", b"")):
         with open(name, "wb") as file:
             file.write(content)
@@ -95,6 +100,11 @@ def test_files_of_another_kind_are_refused():
                        ("other.csv", "its header is not"), ("text.h5", "no HDF5 file"),
                        ("text.npy", "no file of spikes"), ("blob.csv", "no file of spikes"),
                        ("float.csv", "no file of spikes"), ("negative.csv", "before 0 ns"),
+                       ("start.csv", "damaged: array has a spike at 5 ns"),
+                       ("end.csv", "damaged: end_ns must be a whole number"),
+                       ("names.csv", "damaged: its populations cannot be read"),
+                       ("beyond.csv", "neuron 4, and its populations end before neuron 4"),
+                       ("header.npy", "no file of spikes"),
                        ("run.kelm", "must end in .h5, .hdf5, .npy or .csv")):
         with pytest.raises(FileError, match=text):
             Spikes.load(name)

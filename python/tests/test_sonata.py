@@ -175,6 +175,12 @@ def _far_target(folder):
         file["edges/inside/target_node_id"][0] = 4
 
 
+def _negative_row(folder):
+    _edges_without("edge_group_index")(folder)
+    with h5py.File(folder / "net" / "edges.h5", "a") as file:
+        file["edges/inside/edge_group_index"] = [1, -1, 0, 0]
+
+
 @pytest.mark.parametrize("damage, text", [
     (lambda f: (f / "sim.json").write_text("{"), "sim.json' is no JSON file"),
     (lambda f: (f / "net" / "types.csv").write_text("a b\n"), "is no table of types"),
@@ -183,8 +189,19 @@ def _far_target(folder):
     (_edges_without("edge_type_id"), "population 'inside' has no edge_type_id"),
     (_edges_without("source_node_id"), "population 'inside' has no source_node_id"),
     (_far_target, "target_node_id must be below 4"),
+    (lambda f: (f / "net" / "types.csv").write_bytes(b"\xff"), "types.csv' is no table of types"),
+    (lambda f: _set(f / "sim.json", lambda v: v.update(kelm=5)), "kelm is 5, must be an object"),
+    (lambda f: _set(f / "circuit.json", lambda v: v["networks"]["edges"][0].pop("edges_file")),
+     "circuit.json', edges.0: edges_file is None, must be a text"),
+    (lambda f: _set(f / "sim.json", lambda v: v["inputs"]["trains"].update(node_set="fra")),
+     "inputs.trains: node_set 'fra' has no virtual nodes"),
+    (lambda f: _set(f / "sets.json", lambda v: v["some"].update(node_id=[4])),
+     "reports.v: node_id[0] is 4, must be below 4"),
+    (lambda f: _set(f / "sets.json", lambda v: v["some"].update(ei="e")),
+     "a set of nodes has the key 'ei'"),
+    (_negative_row, "edge_group_index[1] is -1, must be at least 0"),
     (lambda f: _set(f / "sim.json", lambda v: v["reports"]["v"].update(variable_name="V_m")),
-     "report 'v': variable_name is 'V_m', must be 'membrane' or 'adaptation'"),
+     "reports.v: variable_name is 'V_m', must be 'membrane' or 'adaptation'"),
 ])
 def test_files_of_no_network_are_refused_with_a_sentence(tmp_path, damage, text):
     config = _foreign(tmp_path)

@@ -66,12 +66,17 @@ def test_counts_and_rates_are_of_all_neurons_also_the_silent_ones():
     assert SOME.between(3 * MS, 10 * MS).rates(7 * MS)[0].tolist() == [3 * MS]
     assert SOME.intervals().tolist() == [2 * MS, 6 * MS]
     assert SOME.rates(2e6)[0].tolist() == SOME.rates(2 * MS)[0].tolist()
+    # Doubles would lose the last bin.
+    starts, rates = spikes_of((10**17, 0)).rates(10**15)
+    assert starts.tolist() == [k * 10**15 for k in range(101)] and rates[-1] > 0
 
 
 @pytest.mark.parametrize("bin", [0, -1, 0.5, float("nan"), float("inf")])
 def test_refuses_a_bin_that_is_no_length(bin):
     with pytest.raises(ValueError, match="bin is .*must lie in|no whole number"):
         SOME.rates(bin)
+    with pytest.raises(ValueError, match="bin is 1 ns, which makes 100000000000 bins"):
+        spikes_of((10**11 - 1, 0)).rates(1)
 
 
 def test_no_spikes_give_empty_results():
