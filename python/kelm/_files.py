@@ -415,9 +415,13 @@ class SpikeWriter:
         if kept.end < end:
             raise FileError(f"'{path}' ends at {kept.end} ns, before {end} ns")
         kept = kept.between(kept.start, end)
+        with reading_h5(path) as file:
+            sizes = {name: "size" in group.attrs for name, group in file["spikes"].items()}
+        # As it was opened without populations, any neuron may still come.
+        populations = () if sizes == {"neurons": False} else kept.populations
         with replacing(path) as new:
             writer = cls.__new__(cls)
-            writer._open(new, kept.populations, {**kept.provenance, **provenance}, kept.start)
+            writer._open(new, populations, {**kept.provenance, **provenance}, kept.start)
             writer.append(kept)
             writer.flush(end)
         return writer

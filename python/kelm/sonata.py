@@ -784,26 +784,35 @@ class ReportWriter:
         self._sizes = {name: len(neurons) for name, neurons in report.neurons.items()}
         ids = {name: neurons - np.uint64(nodes[name].first)
                for name, neurons in report.neurons.items()}
-        kept, first = self._kept(path, begin) if resumed else ({}, None)
+        kept, first = self._kept(path, begin, ids) if resumed else ({}, 0)
+        self._start: Optional[int] = None
+        # The samples are in the new file before it replaces the old one.
         with replacing(path) as new:
             self._open(new, ids)
-        self._start: Optional[int] = None
-        if first is not None and len(next(iter(kept.values()))):
-            self._write(first, kept)
+            if kept and len(next(iter(kept.values()))):
+                self._write(first, kept)
 
-    def _kept(self, path: Any, begin: int) -> tuple[dict[str, np.ndarray], int]:
+    def _kept(self, path: Any, begin: int,
+              ids: Mapping[str, np.ndarray]) -> tuple[dict[str, np.ndarray], int]:
+        """The samples before `begin`, and the time of the first one."""
         import h5py
 
         with reading_h5(path) as file:
             kept, first = {}, 0
-            for name, size in self._sizes.items():
+            for name, numbers in ids.items():
                 group = file.get(f"report/{name}")
-                if not isinstance(group, h5py.Group) or group["data"].shape[1] != size:
-                    raise FileError(f"'{path}' is no report of {size} neurons of {name!r}")
-                times = _ns(group["mapping/time"][:], f"'{path}'")
-                first = int(times[0])
-                rows = max(0, -(-(begin - first) // self._interval))
-                kept[name] = group["data"][:min(rows, int(times[1] - first) // self._interval)]
+                if not isinstance(group, h5py.Group) or not np.array_equal(
+                        group["mapping/node_ids"][()], numbers):
+                    raise FileError(f"'{path}' is no report of these {len(numbers)} neurons of "
+                                    f"{name!r}")
+                first, end, interval = _ns(group["mapping/time"][:], f"'{path}'").tolist()
+                if interval != self._interval:
+                    raise FileError(f"'{path}' has samples every {interval} ns, not every "
+                                    f"{self._interval} ns")
+                rows = max(0, -(-(begin - first) // interval))
+                kept[name] = group["data"][:min(rows, (end - first) // interval)]
+                if 0 < len(kept[name]) < rows:
+                    raise FileError(f"'{path}' ends at {end} ns, before {begin} ns")
         return kept, first
 
     def _open(self, path: str, ids: Mapping[str, np.ndarray]) -> None:

@@ -304,6 +304,11 @@ def test_a_killed_file_is_resumed_at_a_checkpoint_and_ends_as_if_undisturbed():
     assert found == spikes and found.provenance == PROVENANCE
     with h5py.File("a.h5") as file:  # other programs open it as any file
         assert len(file["spikes/E/timestamps"]) == len(spikes.of(E))
+    # A file without populations takes neurons that have not fired before.
+    SpikeWriter("b.h5").close(50 * MS)
+    with SpikeWriter.resume("b.h5", 50 * MS) as writer:
+        writer.append(spikes.between(50 * MS, 90 * MS))
+    assert Spikes.load("b.h5") == spikes.between(50 * MS, 90 * MS)
 
 
 def test_a_writer_takes_spikes_in_order_alone():

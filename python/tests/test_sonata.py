@@ -220,7 +220,7 @@ def test_a_foreign_template_and_a_missing_delay_are_named(tmp_path):
         kelm.from_sonata(config, templates={"other:cell": _other})
 
 
-def test_a_report_grows_and_goes_on_from_a_checkpoint(tmp_path):
+def test_a_report_grows_and_goes_on_from_a_checkpoint(tmp_path, monkeypatch):
     report = kelm.sonata.Report("m", "membrane", {"b": np.array([12, 10], np.uint64),
                                                   "a": np.array([3], np.uint64)}, 2 * ms, "")
     nodes = {"a": kelm.Neurons("a", 0, 10), "b": kelm.Neurons("b", 10, 5)}
@@ -229,7 +229,13 @@ def test_a_report_grows_and_goes_on_from_a_checkpoint(tmp_path):
     samples = np.arange(18.0).reshape(6, 3)
     writer = kelm.sonata.ReportWriter(path, report, nodes)
     writer.append(times[:4], samples[:4])
-    # The writer is killed here; the checkpoint was made at 9 ms.
+    # The writer is killed here; the checkpoint was made at 9 ms. The first try to go on fails.
+    with monkeypatch.context() as patch:
+        patch.setattr(kelm.sonata.ReportWriter, "_write", lambda *arguments: 1 / 0)
+        with pytest.raises(ZeroDivisionError):
+            kelm.sonata.ReportWriter(path, report, nodes, begin=9 * ms, resumed=True)
+    with pytest.raises(kelm.FileError, match="ends at 12000000 ns, before 13000000 ns"):
+        kelm.sonata.ReportWriter(path, report, nodes, begin=13 * ms, resumed=True)
     writer = kelm.sonata.ReportWriter(path, report, nodes, begin=9 * ms, resumed=True)
     writer.append(times[3:], samples[3:])
     writer.close()
