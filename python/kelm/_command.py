@@ -9,16 +9,21 @@ from __future__ import annotations
 import argparse
 import contextlib
 import csv
+import fcntl
+import inspect
 import itertools
 import json
 import os
+import shlex
+import signal
 import sys
 import time
+from decimal import Decimal
 from typing import Any, Iterator, Optional, Sequence
 
 import numpy as np
 
-from . import __version__, _kelm, sonata
+from . import __version__, _checks, _kelm, sonata
 from ._files import SpikeWriter, write_atomically
 from ._network import Network
 from ._progress import Progress
@@ -26,9 +31,10 @@ from ._simulation import Simulation
 from ._spikes import Spikes, time_text
 from ._sweep import sweep
 from ._wiring import fixed_indegree, uniform
-from .errors import Error
+from .errors import Error, FileError
 from .units import ms, ns, s, us
 
+_ARGUMENTS = list(inspect.signature(Simulation).parameters)[1:]  # without the network
 _UNITS = {"ns": ns, "us": us, "ms": ms, "s": s}
 _INTERRUPTED = 130
 
@@ -39,14 +45,25 @@ class UsageError(Exception):
 
 def main(arguments: Optional[Sequence[str]] = None) -> int:
     """Runs the command with these arguments, or those of the process. Returns the exit code."""
-    options = _parser().parse_args(arguments)
+    name = "kelm"
     try:
-        return options.command(options)
+        options = _parser().parse_args(arguments)
+        name = f"kelm {options.name}"
+        code = options.command(options)
+        if sys.stdout is not None:
+            sys.stdout.flush()
+        return code
     except UsageError as failure:
-        print(f"kelm {options.name}: {failure}", file=sys.stderr)
+        print(f"{name}: {failure}", file=sys.stderr)
         return 2
+    except BrokenPipeError:  # the reader of the output has ended, such as `head`
+        os.dup2(os.open(os.devnull, os.O_WRONLY), 1)
+        return 1
+    except MemoryError:
+        print(f"{name}: there is not enough memory", file=sys.stderr)
+        return 1
     except (Error, OSError, ValueError) as failure:
-        print(f"kelm {options.name}: {failure}", file=sys.stderr)
+        print(f"{name}: {failure}", file=sys.stderr)
         return 1
     except KeyboardInterrupt:
         return _INTERRUPTED
@@ -118,10 +135,10 @@ def _time(text: str) -> int:
     number = text.rstrip("nums")
     unit = text[len(number):]
     try:
-        time_ns = float(number) * _UNITS[unit]
-        if time_ns >= 0 and time_ns == int(time_ns) < 2**63:
+        time_ns = Decimal(number) * _UNITS[unit]  # a float would round 1.001 ms
+        if 0 <= time_ns < 2**63 and time_ns == int(time_ns):
             return int(time_ns)
-    except (KeyError, ValueError, OverflowError):
+    except (KeyError, ArithmeticError):
         pass
     raise argparse.ArgumentTypeError(f"{text!r} is no time of whole ns with a unit, such as 2s")
 
@@ -174,7 +191,7 @@ def _apply(net: Network, simulation: dict[str, Any], key: str, value: Any) -> No
     """Sets one value of a model."""
     *owner, kind, name = key.split(".")
     if kind == "simulation" and not owner:
-        simulation[name] = value
+        simulation[_checks.choice(name, "an argument of the simulation", _ARGUMENTS)] = value
         return
     if kind not in ("neuron", "firing"):
         raise UsageError(f"--set {key}: a key is [POPULATION.]neuron.NAME, "
@@ -187,7 +204,8 @@ def _apply(net: Network, simulation: dict[str, Any], key: str, value: Any) -> No
 
 def _arguments(config: sonata.Config, options: Any) -> dict[str, Any]:
     """The arguments of the simulation, without those of --set."""
-    arguments = dict(config.simulation)
+    arguments = {_checks.choice(name, "an argument of the simulation", _ARGUMENTS): value
+                 for name, value in config.simulation.items()}
     for name in ("seed", "backend", "threads"):
         if getattr(options, name, None) is not None:
             arguments[name] = getattr(options, name)
@@ -209,8 +227,8 @@ class _Line:
     elsewhere."""
 
     def __init__(self, quiet: bool) -> None:
-        self._quiet = quiet
-        self._live = sys.stderr.isatty()
+        self._quiet = quiet or sys.stderr is None
+        self._live = not self._quiet and sys.stderr.isatty()
         self._next = 0.0
         self._began = time.monotonic()
         self._first: Optional[int] = None
@@ -218,8 +236,8 @@ class _Line:
     def __call__(self, progress: Progress) -> None:
         now = time.monotonic()
         if self._first is None:
-            self._first = progress.position
-        if self._quiet or now < self._next:
+            self._first = progress.start
+        if self._quiet or (now < self._next and progress.position < progress.end):
             return
         self._next = now + (0.1 if self._live else 10.0)
         done = progress.position - self._first
@@ -232,7 +250,7 @@ class _Line:
               file=sys.stderr, flush=True)
 
     def close(self) -> None:
-        if self._live and not self._quiet and self._first is not None:
+        if self._live and self._first is not None:
             print(file=sys.stderr)
 
 
@@ -242,6 +260,12 @@ class _Results:
     def __init__(self, folder: str, config: sonata.Config, simulation: Simulation,
                  description: dict[str, Any], resumed: bool) -> None:
         os.makedirs(folder, exist_ok=True)
+        # Two runs would mix their files. The end of the process unlocks the folder.
+        self._lock = os.open(folder, os.O_RDONLY)
+        try:
+            fcntl.flock(self._lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            raise BlockingIOError(f"another run writes to '{folder}'") from None
         self._simulation = simulation
         self._description = description
         self.checkpoint = os.path.join(folder, "run.kelm")
@@ -291,6 +315,7 @@ class _Results:
         self._spikes.close(self._simulation.earliest_input, self._simulation.digest)
         for _, _, writer in self._reports:
             writer.close()
+        os.close(self._lock)
 
 
 def _run(options: Any) -> int:
@@ -311,37 +336,57 @@ def _run(options: Any) -> int:
     description = {"config": os.path.abspath(options.config), "settings": dict(settings),
                    "arguments": arguments, "until_ns": until}
     results = _Results(folder, config, simulation, description, options.resume is not None)
-    try:
-        _run_to(simulation, results, until, options)
-    except KeyboardInterrupt:
-        results.write()
+    with _ended_by_signal(simulation) as signals:
+        _run_to(simulation, results, until, options, signals)
         results.close()
-        print(f"\nstopped at {time_text(simulation.position)}; go on with:\n"
+    if simulation.position < until:
+        print(f"stopped at {time_text(simulation.position)}; go on with:\n"
               f"kelm {_resume_line(options)}", file=sys.stderr)
         return _INTERRUPTED
-    results.close()
     print(f"{simulation.spike_count} spikes, digest {simulation.digest}")
     return 0
 
 
-def _run_to(simulation: Simulation, results: _Results, until: int, options: Any) -> None:
+@contextlib.contextmanager
+def _ended_by_signal(simulation: Simulation) -> Iterator[list[int]]:
+    """Ctrl-C ends the run after a window, and no file is left half written. A second one kills the
+    process. Gives the list of the signals so far."""
+    signals: list[int] = []
+
+    def end(number: int, frame: Any) -> None:
+        signals.append(number)
+        signal.signal(signal.SIGINT, signal.SIG_DFL)
+        simulation.request_stop()
+
+    previous = signal.signal(signal.SIGINT, end)
+    try:
+        yield signals
+    finally:
+        signal.signal(signal.SIGINT, previous)
+
+
+def _run_to(simulation: Simulation, results: _Results, until: int, options: Any,
+            signals: list[int]) -> None:
     line = _Line(options.quiet)
-    while simulation.position < until:
-        due = time.monotonic() + options.checkpoint_every / s
+    try:
+        while True:
+            due = time.monotonic() + options.checkpoint_every / s
 
-        def report(progress: Progress) -> None:
-            line(progress)
-            if time.monotonic() >= due:
-                simulation.request_stop()
+            def report(progress: Progress) -> None:
+                line(progress)
+                if time.monotonic() >= due:
+                    simulation.request_stop()
 
-        simulation.run_until(until, report)
-        results.write()
-    line.close()
+            if simulation.position < until:
+                simulation.run_until(until, report)
+            results.write()
+            if signals or simulation.position >= until:
+                return
+    finally:
+        line.close()
 
 
 def _resume_line(options: Any) -> str:
-    import shlex
-
     words = ["run", options.config]
     for name in ("output", "until", "seed", "threads", "backend"):
         value = getattr(options, name)
@@ -397,6 +442,7 @@ def _scan(options: Any) -> int:
             _apply(net, arguments, key, _value(text))
         simulation = Simulation(net, **arguments).run_until(until)
         name = "_".join([f"seed-{seed}", *(f"{key}-{text}" for key, text in settings)])
+        name = name.replace("/", "_")
         simulation.spikes.save(os.path.join(folder, f"{name}.h5"))
         return (f"{name}.h5", seed, *(text for _, text in settings), simulation.spike_count,
                 simulation.digest)
@@ -419,7 +465,7 @@ def _plot(options: Any) -> int:
     spikes = Spikes.load(options.spikes)
     if options.range is not None:
         spikes = spikes.between(*options.range)
-    if options.output.endswith(".html"):
+    if options.output.lower().endswith(".html"):
         plot.page(spikes, None, options.output, bin=options.bin)
     else:
         plot.raster(spikes, bin=options.bin).savefig(options.output)
@@ -430,9 +476,15 @@ def _is_checkpoint(path: str) -> bool:
     return path.endswith(".kelm")
 
 
-def _read(path: str) -> bytes:
+def _checkpoint(path: str) -> tuple[bytes, dict[str, Any]]:
+    """The bytes of a checkpoint, and what it holds."""
     with open(path, "rb") as file:
-        return file.read()
+        content = file.read()
+    about = dict(_kelm.examine_checkpoint(content))
+    fault = about.pop("fault")
+    if fault:
+        raise FileError(f"'{path}': {fault}")
+    return content, about
 
 
 def _info(options: Any) -> int:
@@ -442,10 +494,7 @@ def _info(options: Any) -> int:
         print(config.network)
         rows: dict[str, Any] = {"until": config.until and time_text(config.until)}
     elif _is_checkpoint(path):
-        rows = dict(_kelm.examine_checkpoint(_read(path)))
-        if rows.get("fault"):
-            raise ValueError(f"'{path}': {rows['fault']}")
-        rows.pop("fault", None)
+        rows = _checkpoint(path)[1]
     else:
         spikes = Spikes.load(path)
         rows = {"spikes": len(spikes), "from": time_text(spikes.start), "to": time_text(spikes.end),
@@ -462,7 +511,7 @@ def _diff(options: Any) -> int:
     if _is_checkpoint(options.a) != _is_checkpoint(options.b):
         raise UsageError("one file is a checkpoint (.kelm), the other is not")
     if _is_checkpoint(options.a):
-        text = _kelm.first_difference(_read(options.a), _read(options.b))
+        text = _kelm.first_difference(_checkpoint(options.a)[0], _checkpoint(options.b)[0])
     else:
         text = _spike_difference(Spikes.load(options.a), Spikes.load(options.b))
     if not text:
@@ -497,5 +546,5 @@ def _new(options: Any) -> int:
     net.connect(excitatory, net.all, fixed_indegree(80), weight=0.1, delay=delay)
     net.connect(inhibitory, net.all, fixed_indegree(20), weight=-0.45, delay=delay)
     path = sonata.to_sonata(net, options.folder, until=2 * s, simulation={"seed": 1})
-    print(f"kelm run {os.path.relpath(path)}")
+    print("kelm run", shlex.quote(os.path.relpath(path)))
     return 0

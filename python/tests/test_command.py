@@ -1,6 +1,7 @@
 """The command, in processes of its own."""
 
 import csv
+import fcntl
 import json
 import os
 import signal
@@ -13,6 +14,7 @@ import numpy as np
 import pytest
 
 import kelm
+from kelm._command import main
 from kelm.units import ms, s
 
 
@@ -91,14 +93,38 @@ def test_a_run_that_is_stopped_goes_on_to_the_same_files(model, tmp_path, stop, 
     assert _ok("diff", straight / "run.kelm", tmp_path / "run.kelm") == "no difference\n"
 
 
+def test_ctrl_c_while_files_are_written_loses_nothing(model, tmp_path, monkeypatch, capsys):
+    config, straight, simulation = model
+    append = kelm.SpikeWriter.append
+
+    def interrupted(writer, spikes):
+        if len(spikes) == 0 or spikes.end < 2 * s:  # not at the end
+            os.kill(os.getpid(), signal.SIGINT)
+        append(writer, spikes)
+
+    arguments = ["run", str(config), "-o", str(tmp_path), "-q"]
+    with monkeypatch.context() as patch:
+        patch.setattr(kelm.SpikeWriter, "append", interrupted)
+        assert main([*arguments, "--checkpoint-every", "0s"]) == 130
+    assert 0 < kelm.Spikes.load(tmp_path / "spikes.h5").end < 2 * s
+    lock = os.open(tmp_path, os.O_RDONLY)
+    fcntl.flock(lock, fcntl.LOCK_EX)
+    assert main([*arguments, "--resume"]) == 1
+    assert f"another run writes to '{tmp_path}'" in capsys.readouterr().err
+    os.close(lock)
+    assert main([*arguments, "--resume"]) == 0
+    assert kelm.Spikes.load(tmp_path / "spikes.h5") == simulation.spikes
+    assert signal.getsignal(signal.SIGINT) is signal.default_int_handler
+
+
 def test_settings_change_the_model_as_the_library_would(model, tmp_path):
     config, straight, simulation = model
     net = kelm.from_sonata(config)
     net.set_parameters("E", firing={"gain": 2.5})
     net.set_parameters("I", neuron={"tau_membrane": 8 * ms})
-    expected = kelm.Simulation(net, seed=9, label="other").run(500 * ms)
-    text = _ok("run", config, "-o", tmp_path, "-q", "--seed", 9, "--until", "500ms", "--set",
-               "E.firing.gain=2.5", "--set", "I.neuron.tau_membrane=8ms", "--set",
+    expected = kelm.Simulation(net, seed=9, label="other").run_until(512_002_000)
+    text = _ok("run", config, "-o", tmp_path, "-q", "--seed", 9, "--until", "512.002ms", "--set",
+               "E.firing.gain=2.5", "--set", "I.neuron.tau_membrane=8.0ms", "--set",
                "simulation.label=other", "--backend", "cpu")
     assert text == f"{expected.spike_count} spikes, digest {expected.digest}\n"
     difference = _kelm("diff", straight / "spikes.h5", tmp_path / "spikes.h5")
@@ -148,14 +174,18 @@ def test_a_plot_of_a_range_is_drawn(model, tmp_path):
     (["run", "CONFIG", "--set", "gain"], 2, "--set gain must be KEY=VALUE"),
     (["run", "CONFIG", "--set", "firing.gein=1"], 1, "did you mean 'gain'?"),
     (["run", "CONFIG", "--set", "X.firing.gain=1"], 1, "X"),
+    (["run", "CONFIG", "--set", "simulation.nope=1"], 1, "is 'nope', must be one of seed, "),
     (["run", "CONFIG", "--resume", "none.kelm"], 1, "none.kelm"),
     (["run", "CONFIG", "--backend", "gpu"], 1, "gpu"),
     (["scan", "CONFIG", "--seeds", "3..1"], 2, "'3..1' must ascend"),
     (["info", "CONFIG.h5"], 1, "CONFIG.h5"),
+    (["diff", "CUT", "CUT"], 1, "cut.kelm': the checkpoint is cut short at byte 100"),
     (["diff", "a.kelm", "b.h5"], 2, "one file is a checkpoint (.kelm), the other is not"),
 ])
 def test_wrong_calls_end_with_a_sentence(model, tmp_path, arguments, code, text):
-    process = _kelm(*(str(model[0]) if a == "CONFIG" else a for a in arguments), cwd=tmp_path)
+    (tmp_path / "cut.kelm").write_bytes((model[1] / "run.kelm").read_bytes()[:100])
+    names = {"CONFIG": str(model[0]), "CUT": "cut.kelm"}
+    process = _kelm(*(names.get(a, a) for a in arguments), cwd=tmp_path)
     assert process.returncode == code
     assert text in process.stderr
     assert "Traceback" not in process.stderr
