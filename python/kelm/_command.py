@@ -336,9 +336,13 @@ def _run(options: Any) -> int:
     description = {"config": os.path.abspath(options.config), "settings": dict(settings),
                    "arguments": arguments, "until_ns": until}
     results = _Results(folder, config, simulation, description, options.resume is not None)
-    with _ended_by_signal(simulation) as signals:
-        _run_to(simulation, results, until, options, signals)
-        results.close()
+    try:
+        with _ended_by_signal(simulation) as signals:
+            _run_to(simulation, results, until, options, signals)
+            results.close()
+    except OSError as failure:
+        print(f"kelm run: {failure}", file=sys.stderr, flush=True)
+        os._exit(1)  # HDF5 may crash when it closes a file that it could not write
     if simulation.position < until:
         print(f"stopped at {time_text(simulation.position)}; go on with:\n"
               f"kelm {_resume_line(options)}", file=sys.stderr)

@@ -21,6 +21,7 @@ from __future__ import annotations
 import contextlib
 import json
 import os
+import re
 import secrets
 import warnings
 from typing import TYPE_CHECKING, Any, Iterable, Iterator, Mapping
@@ -204,7 +205,9 @@ def _write_head(file: h5py.File, provenance: Mapping[str, Any], start: int, end:
         file.attrs[key] = value
 
 
-def _write_groups(file: h5py.File, owners: _Owners, parts: Any, **options: Any) -> list[h5py.Group]:
+def _write_groups(file: h5py.File, owners: _Owners, parts: Any,
+                  **options: Any) -> list[list[h5py.Dataset]]:
+    """Returns the datasets of each population: timestamps, timestamps_ns, node_ids."""
     import h5py
 
     groups = []
@@ -214,13 +217,27 @@ def _write_groups(file: h5py.File, owners: _Owners, parts: Any, **options: Any) 
         group.attrs["first_neuron"] = np.uint64(population.first)
         if population.size < _ANY:
             group.attrs["size"] = np.uint64(population.size)
+        columns = []
         for name, data, units in (("timestamps", time / 1e6, "ms"), ("timestamps_ns", time, "ns"),
                                   ("node_ids", node, None)):
             dataset = group.create_dataset(name, data=data, **options)
             if units:
                 dataset.attrs["units"] = units
-        groups.append(group)
+            columns.append(dataset)
+        groups.append(columns)
     return groups
+
+
+@contextlib.contextmanager
+def writing_h5(path: str) -> Iterator[None]:
+    """Raises OSError with a short reason if HDF5 cannot write the file."""
+    try:
+        yield
+    except (OSError, RuntimeError) as failure:
+        if getattr(failure, "errno", None):
+            raise
+        reason = re.search("error message = '([^']*)'", str(failure))
+        raise OSError(f"cannot write '{path}': {reason[1] if reason else failure}") from failure
 
 
 def _write_h5(spikes: Spikes, path: str) -> None:
@@ -228,7 +245,7 @@ def _write_h5(spikes: Spikes, path: str) -> None:
 
     owners = _owners_of(spikes.populations, spikes.neuron_count)
     parts = owners.split(spikes.array)
-    with h5py.File(path, "x") as file:
+    with writing_h5(path), h5py.File(path, "x") as file:
         provenance = {**spikes.provenance, "digest": spikes.digest}
         _write_head(file, provenance, spikes.start, spikes.end)
         _write_groups(file, owners, parts)
@@ -385,6 +402,7 @@ class SpikeWriter:
               start: int) -> None:
         import h5py
 
+        self._path = path
         self._owners = _owners_of(populations, _ANY)
         self._position = start
         self._last: tuple[int, int] | None = None
@@ -442,11 +460,11 @@ class SpikeWriter:
             raise ArgumentError(f"a spike at {first[0]} ns of neuron {first[1]} comes after the "
                                 f"file has reached {reached} ns")
         parts = self._owners.split(array)
-        for group, rows, (time, node) in zip(self._groups, self._rows, parts):
-            for name, values in (("timestamps", time / 1e6), ("timestamps_ns", time),
-                                 ("node_ids", node)):
-                group[name].resize((rows + len(values),))
-                group[name][rows:] = values
+        with writing_h5(self._path):
+            for columns, rows, (time, node) in zip(self._groups, self._rows, parts):
+                for dataset, values in zip(columns, (time / 1e6, time, node)):
+                    dataset.resize((rows + len(values),))
+                    dataset[rows:] = values
         self._rows = [rows + len(time) for rows, (time, _) in zip(self._rows, parts)]
         self._last = (int(array["time"][-1]), int(array["neuron"][-1]))
 
@@ -454,20 +472,22 @@ class SpikeWriter:
         """Makes the spikes so far visible to readers. `position`: how far the run is, in ns."""
         self._position = max(self._position, position or 0)
         end = max(self._position, self._last[0] + 1 if self._last else 0)
-        self._file.flush()
-        # The numbers come after the data, so that they never promise too much.
-        self._flushed[:] = [end, *self._rows]
-        self._file.flush()
+        with writing_h5(self._path):
+            self._file.flush()
+            # The numbers come after the data, so that they never promise too much.
+            self._flushed[:] = [end, *self._rows]
+            self._file.flush()
 
     def close(self, position: int | None = None, digest: int | None = None) -> None:
         """Flushes and closes the file; again, it does nothing. `digest`: that of the whole log."""
         if not self._file:
             return
         self.flush(position)
-        for name in ("end_ns", "position_ns"):
-            self._file.attrs.modify(name, self._flushed[0].astype(self._file.attrs[name].dtype))
-        self._file.attrs.modify("digest", np.uint64(digest or 0))
-        self._file.close()
+        with writing_h5(self._path):
+            for name in ("end_ns", "position_ns"):
+                self._file.attrs.modify(name, self._flushed[0].astype(self._file.attrs[name].dtype))
+            self._file.attrs.modify("digest", np.uint64(digest or 0))
+            self._file.close()
 
     def __enter__(self) -> SpikeWriter:
         return self

@@ -19,7 +19,7 @@ from typing import TYPE_CHECKING, Any, Callable, Mapping, Optional, Union
 import numpy as np
 
 from . import _checks
-from ._files import check_names, load_spikes, reading_h5, replacing
+from ._files import check_names, load_spikes, reading_h5, replacing, writing_h5
 from ._network import Network
 from ._neurons import Neurons
 from ._settings import Firing, Neuron
@@ -780,7 +780,9 @@ class ReportWriter:
 
     def __init__(self, path: Any, report: Report, nodes: Mapping[str, Neurons], begin: int = 0,
                  resumed: bool = False) -> None:
+        self._path = os.fspath(path)
         self._interval = report.interval
+        self._datasets: dict[str, tuple[h5py.Dataset, h5py.Dataset]] = {}
         self._sizes = {name: len(neurons) for name, neurons in report.neurons.items()}
         ids = {name: neurons - np.uint64(nodes[name].first)
                for name, neurons in report.neurons.items()}
@@ -834,6 +836,7 @@ class ReportWriter:
             group["mapping/element_pos"] = np.zeros(size, np.float32)
             group["mapping/time"] = np.array([0.0, 0.0, self._interval / ms])
             group["mapping/time"].attrs["units"] = "ms"
+            self._datasets[name] = group["data"], group["mapping/time"]
         self._file.flush()
         self._file.swmr_mode = True
 
@@ -847,18 +850,19 @@ class ReportWriter:
     def _write(self, first: int, samples: Mapping[str, np.ndarray]) -> None:
         if self._start is None:
             self._start = first
-        for name, rows in samples.items():
-            group = self._file[f"report/{name}"]
-            data = group["data"]
-            # A restored run may take the last samples again.
-            begin = (first - self._start) // self._interval
-            data.resize(begin + len(rows), axis=0)
-            data[begin:] = rows
+        # A restored run may take the last samples again.
+        begin = (first - self._start) // self._interval
+        with writing_h5(self._path):
+            for name, rows in samples.items():
+                data, time = self._datasets[name]
+                data.resize(begin + len(rows), axis=0)
+                data[begin:] = rows
+                self._file.flush()
+                end = self._start + len(data) * self._interval
+                time[:] = np.array([self._start, end, self._interval]) / ms
             self._file.flush()
-            end = self._start + len(data) * self._interval
-            group["mapping/time"][:] = np.array([self._start, end, self._interval]) / ms
-        self._file.flush()
 
     def close(self) -> None:
         """Closes the file."""
-        self._file.close()
+        with writing_h5(self._path):
+            self._file.close()

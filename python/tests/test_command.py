@@ -4,6 +4,7 @@ import csv
 import fcntl
 import json
 import os
+import resource
 import signal
 import subprocess
 import sys
@@ -115,6 +116,16 @@ def test_ctrl_c_while_files_are_written_loses_nothing(model, tmp_path, monkeypat
     assert main([*arguments, "--resume"]) == 0
     assert kelm.Spikes.load(tmp_path / "spikes.h5") == simulation.spikes
     assert signal.getsignal(signal.SIGINT) is signal.default_int_handler
+
+
+def test_a_full_disk_ends_a_run_with_a_sentence(model, tmp_path):
+    def limit_files():
+        resource.setrlimit(resource.RLIMIT_FSIZE, (100_000, 100_000))
+
+    process = _kelm("run", model[0], "-o", tmp_path, "-q", preexec_fn=limit_files)
+    path = tmp_path / "spikes.h5"
+    assert process.stderr == f"kelm run: cannot write '{path}': File too large\n"
+    assert process.returncode == 1
 
 
 def test_settings_change_the_model_as_the_library_would(model, tmp_path):
