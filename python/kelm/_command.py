@@ -284,7 +284,7 @@ class _Results:
             chosen = np.concatenate(list(report.neurons.values()))
             probe = simulation.probe(chosen, report.variable, interval=report.interval)
             path = os.path.join(folder, os.path.basename(report.path))
-            writer = sonata.ReportWriter(path, report, config.nodes, begin, resumed)
+            writer = sonata.ReportWriter(path, report, config.nodes, begin, resumed, provenance)
             self._reports.append((report.variable, probe, writer))
 
     def write(self) -> None:
@@ -312,9 +312,10 @@ class _Results:
         write_atomically(self._json, f"{text}\n".encode())
 
     def close(self) -> None:
-        self._spikes.close(self._simulation.earliest_input, self._simulation.digest)
+        digest = self._simulation.digest
+        self._spikes.close(self._simulation.earliest_input, digest)
         for _, _, writer in self._reports:
-            writer.close()
+            writer.close(digest)
         os.close(self._lock)
 
 

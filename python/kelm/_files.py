@@ -97,11 +97,11 @@ def load_spikes(path: Any, *, populations: Iterable[Any] | None = None,
     wanted = None if populations is None else tuple(populations)
     spikes = read(path, wanted)
     if fingerprint is not None:
-        _check_fingerprint(path, spikes.provenance.get("fingerprint"), fingerprint)
+        check_fingerprint(path, spikes.provenance.get("fingerprint"), fingerprint)
     return spikes
 
 
-def _check_fingerprint(path: str, found: Any, expected: Any) -> None:
+def check_fingerprint(path: str, found: Any, expected: Any) -> None:
     if found is None:
         raise FileError(f"'{path}' does not say of which network it is")
     if found != expected:
@@ -191,10 +191,10 @@ def _owners_of(populations: tuple[Any, ...], neurons: int) -> _Owners:
     return _Owners(populations or (PopulationRange("neurons", 0, neurons),))
 
 
-def _write_head(file: h5py.File, provenance: Mapping[str, Any], start: int, end: int) -> None:
+def write_head(file: h5py.File, provenance: Mapping[str, Any]) -> None:
+    """Writes what each file of SONATA begins with, and the provenance."""
     file.attrs["magic"] = np.uint32(0x0A7A)
     file.attrs["version"] = np.array([0, 1], np.uint32)
-    file.attrs["start_ns"], file.attrs["end_ns"] = np.int64(start), np.int64(end)
     for key, value in provenance.items():
         if value is None or key in _SONATA_ATTRIBUTES:
             continue
@@ -247,7 +247,9 @@ def _write_h5(spikes: Spikes, path: str) -> None:
     parts = owners.split(spikes.array)
     with writing_h5(path), h5py.File(path, "x") as file:
         provenance = {**spikes.provenance, "digest": spikes.digest}
-        _write_head(file, provenance, spikes.start, spikes.end)
+        write_head(file, provenance)
+        file.attrs["start_ns"] = np.int64(spikes.start)
+        file.attrs["end_ns"] = np.int64(spikes.end)
         _write_groups(file, owners, parts)
 
 
@@ -410,7 +412,8 @@ class SpikeWriter:
         # Version 1.10 of the format has what a reader beside a writer needs.
         self._file = h5py.File(path, "w", libver=("v110", "v110"))
         # In SWMR mode attributes are written, but none are added.
-        _write_head(self._file, {**provenance, "digest": 0, "position_ns": start}, start, start)
+        write_head(self._file, {**provenance, "digest": 0, "position_ns": start})
+        self._file.attrs["start_ns"] = self._file.attrs["end_ns"] = np.int64(start)
         self._groups = _write_groups(self._file, self._owners, [none] * len(self._owners.ranges),
                                      maxshape=(None,), chunks=(_ROWS,))
         self._rows = [0] * len(self._groups)

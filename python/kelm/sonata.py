@@ -19,7 +19,9 @@ from typing import TYPE_CHECKING, Any, Callable, Mapping, Optional, Union
 import numpy as np
 
 from . import _checks
-from ._files import check_names, load_spikes, reading_h5, replacing, writing_h5
+from ._files import (check_fingerprint, check_names, load_spikes, reading_h5, replacing, write_head,
+                     writing_h5)
+from ._kelm import engine_version
 from ._network import Network
 from ._neurons import Neurons
 from ._settings import Firing, Neuron
@@ -671,7 +673,7 @@ def to_sonata(net: Network, folder: Any, *, until: Optional[int] = None,
         **({} if until is None else {"run": {"tstop": until / ms}}),
         "inputs": inputs,
         "output": {"output_dir": "$OUTPUT_DIR", "spikes_file": "spikes.h5"},
-        "kelm": {"window": net.window / ms, "wiring_seed": net.seed,
+        "kelm": {"version": engine_version, "window": net.window / ms, "wiring_seed": net.seed,
                  "simulation": dict(simulation)},
     })
     return path
@@ -751,8 +753,7 @@ def _write_index(group: Any, end: str, ids: np.ndarray, size: int) -> None:
 
 def _h5_file(h5py: Any, path: str) -> Any:
     file = h5py.File(path, "w")
-    file.attrs["magic"] = np.uint32(0x0A7A)
-    file.attrs["version"] = np.array([0, 1], np.uint32)
+    write_head(file, {"kelm_version": engine_version})
     return file
 
 
@@ -775,32 +776,35 @@ class ReportWriter:
 
     `begin`: ns; the run goes on from here. `resumed`: keep the samples before `begin` of the file
     at `path`, which an earlier run has written; raises FileError if it is none. Else an existing
-    file is replaced.
+    file is replaced. `provenance`: that of :class:`kelm.Spikes`.
     """
 
     def __init__(self, path: Any, report: Report, nodes: Mapping[str, Neurons], begin: int = 0,
-                 resumed: bool = False) -> None:
+                 resumed: bool = False, provenance: Mapping[str, Any] = {}) -> None:
         self._path = os.fspath(path)
         self._interval = report.interval
         self._datasets: dict[str, tuple[h5py.Dataset, h5py.Dataset]] = {}
         self._sizes = {name: len(neurons) for name, neurons in report.neurons.items()}
         ids = {name: neurons - np.uint64(nodes[name].first)
                for name, neurons in report.neurons.items()}
-        kept, first = self._kept(path, begin, ids) if resumed else ({}, 0)
+        fingerprint = provenance.get("fingerprint")
+        kept, first = self._kept(path, begin, ids, fingerprint) if resumed else ({}, 0)
         self._start: Optional[int] = None
         # The samples are in the new file before it replaces the old one.
         with replacing(path) as new:
-            self._open(new, ids)
+            self._open(new, ids, provenance)
             if kept and len(next(iter(kept.values()))):
                 self._write(first, kept)
 
-    def _kept(self, path: Any, begin: int,
-              ids: Mapping[str, np.ndarray]) -> tuple[dict[str, np.ndarray], int]:
+    def _kept(self, path: Any, begin: int, ids: Mapping[str, np.ndarray],
+              fingerprint: Optional[int]) -> tuple[dict[str, np.ndarray], int]:
         """The samples before `begin`, and the time of the first one."""
         import h5py
 
         with reading_h5(path) as file:
             kept, first = {}, 0
+            if fingerprint is not None:
+                check_fingerprint(path, file.attrs.get("fingerprint"), fingerprint)
             for name, numbers in ids.items():
                 group = file.get(f"report/{name}")
                 if not isinstance(group, h5py.Group) or not np.array_equal(
@@ -817,13 +821,13 @@ class ReportWriter:
                     raise FileError(f"'{path}' ends at {end} ns, before {begin} ns")
         return kept, first
 
-    def _open(self, path: str, ids: Mapping[str, np.ndarray]) -> None:
+    def _open(self, path: str, ids: Mapping[str, np.ndarray],
+              provenance: Mapping[str, Any]) -> None:
         import h5py
 
         # Version 1.10 of the format has what a reader beside a writer needs.
         self._file = h5py.File(path, "w", libver=("v110", "v110"))
-        self._file.attrs["magic"] = np.uint32(0x0A7A)
-        self._file.attrs["version"] = np.array([0, 1], np.uint32)
+        write_head(self._file, {**provenance, "digest": 0})
         for name, numbers in ids.items():
             group = self._file.create_group(f"report/{name}")
             size = len(numbers)
@@ -862,7 +866,8 @@ class ReportWriter:
                 time[:] = np.array([self._start, end, self._interval]) / ms
             self._file.flush()
 
-    def close(self) -> None:
-        """Closes the file."""
+    def close(self, digest: Optional[int] = None) -> None:
+        """Closes the file. `digest`: that of all spikes of the run."""
         with writing_h5(self._path):
+            self._file.attrs.modify("digest", np.uint64(digest or 0))
             self._file.close()

@@ -63,6 +63,8 @@ def test_the_files_of_a_run_say_what_the_library_says(model):
     probe.run(2 * s)
     with h5py.File(out / "m.h5") as file:
         np.testing.assert_array_equal(file["report/I/data"][:], samples["membrane"])
+        assert [file.attrs[name] for name in ("fingerprint", "seed", "digest")] == [
+            simulation.fingerprint, 1, simulation.digest]
     info = _ok("info", out / "run.kelm")
     assert str(simulation.fingerprint) in info
     assert "2 s" in _ok("info", out / "spikes.h5")
