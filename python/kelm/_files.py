@@ -573,7 +573,7 @@ def _write_csv(spikes: Spikes, path: str) -> None:
 
 def _read_csv(path: str, wanted: tuple[Any, ...] | None) -> Spikes:
     about: dict[str, Any] = {}
-    with open(path, encoding="utf-8") as file:
+    with open(path, encoding="utf-8-sig") as file:
         try:
             line = file.readline()
             while line.startswith("#"):

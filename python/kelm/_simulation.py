@@ -509,7 +509,10 @@ class Simulation:
 
         Raises CheckpointFileError, which names the file and the reason.
         """
-        self._native.save(os.fspath(path))
+        name = os.fsencode(path)
+        if b"\0" in name:
+            raise ArgumentError(f"path is {path!r}, must have no null character")
+        self._native.save(name)
 
     def restore(self, checkpoint: Any) -> Simulation:
         """Continues from the bytes of a checkpoint. Returns the simulation.

@@ -619,7 +619,7 @@ def to_sonata(net: Network, folder: Any, *, until: Optional[int] = None,
     """Writes a network in the SONATA format to a folder, which is made if it is missing.
 
     `until`: ns; end of the run. `simulation`: arguments of :class:`kelm.Simulation`, as JSON has
-    them. Returns the path of the configuration. Raises OSError.
+    them. Returns the path of the configuration. Raises ArgumentError and OSError.
 
     Each population becomes one of nodes, and each pair of populations with synapses one of edges.
     :func:`from_sonata` makes the same network of the files: the same synapses in the same order,
@@ -628,6 +628,11 @@ def to_sonata(net: Network, folder: Any, *, until: Optional[int] = None,
     import h5py
 
     check_names(net.populations)
+    until = None if until is None else _checks.time(until, "until")
+    try:
+        json.dumps(dict(simulation))
+    except (TypeError, ValueError) as failure:
+        raise ArgumentTypeError(f"simulation must have what JSON has: {failure}") from None
     folder = os.path.abspath(os.fspath(folder))
     for part in ("network", "components", "inputs"):
         os.makedirs(os.path.join(folder, part), exist_ok=True)

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 #include <span>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -54,6 +55,12 @@ py::array_t<T> columnOf(const Items& items, Field field) {
     T* out = array.mutable_data();
     for (const auto& item : items) *out++ = static_cast<T>(field(item));
     return array;
+}
+
+/// A text that may not be UTF-8, such as one of a damaged file.
+inline py::str textOf(const std::string& text) {
+    return py::reinterpret_steal<py::str>(
+        PyUnicode_DecodeUTF8(text.data(), static_cast<py::ssize_t>(text.size()), "replace"));
 }
 
 /// A Python callable that C++ may copy, call and drop on any thread, with or without the GIL.

@@ -18,7 +18,8 @@ constexpr const char* after_failure =
 /// Raises the class `name` of kelm.errors.
 bool raise(const char* name, const std::string& text) {
     const py::object type = py::module_::import("kelm.errors").attr(name);
-    PyErr_SetString(type.ptr(), text.c_str());
+    // Names of files need not be UTF-8.
+    PyErr_SetObject(type.ptr(), textOf(text).ptr());
     return true;
 }
 

@@ -136,12 +136,6 @@ void readCheckpoint(Simulation& simulation, const py::buffer& checkpoint) {
     restoreCheckpoint(*use, viewOf(bytes));
 }
 
-/// A text of a file, which may be damaged.
-py::str textOf(const std::string& text) {
-    return py::reinterpret_steal<py::str>(
-        PyUnicode_DecodeUTF8(text.data(), static_cast<py::ssize_t>(text.size()), "replace"));
-}
-
 py::dict summaryOf(const py::buffer& checkpoint) {
     const py::buffer_info bytes = checkpoint.request();
     const CheckpointSummary summary = examineCheckpoint(viewOf(bytes));

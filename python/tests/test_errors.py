@@ -125,6 +125,7 @@ CASES = [
     (lambda n: light(n).interventions.set_gain("gain", 1), ValueError, "mechanism is 'gain'"),
     # checkpoints
     (lambda n: sim_of(n).restore(b"bytes"), errors.RefusedCheckpoint, "this is no checkpoint"),
+    (lambda n: sim_of(n).save("a\0b"), ValueError, "path is 'a.x00b', must have no null"),
     (lambda n: sim_of(n).restore("text"), TypeError, "checkpoint must be bytes, not str"),
     (lambda n: kelm.Simulation(n, seed=2).restore(sim_of(n).checkpoint()),
      errors.RefusedCheckpoint, "the checkpoint has seed 1, and this runtime has 2"),
