@@ -59,11 +59,11 @@ def main(arguments: Optional[Sequence[str]] = None) -> int:
     except BrokenPipeError:  # the reader of the output has ended, such as `head`
         os.dup2(os.open(os.devnull, os.O_WRONLY), 1)
         return 1
-    except MemoryError:
-        print(f"{name}: there is not enough memory", file=sys.stderr)
-        return 1
     except (Error, OSError, ValueError) as failure:
         print(f"{name}: {failure}", file=sys.stderr)
+        return 1
+    except MemoryError:
+        print(f"{name}: there is not enough memory", file=sys.stderr)
         return 1
     except KeyboardInterrupt:
         return _INTERRUPTED

@@ -47,6 +47,21 @@ def bernoulli(probability: float) -> Rule:
     return Rule("bernoulli", 0, _checks.real(probability, "probability"))
 
 
+def least_synapses(rule: Rule, sources: int, targets: int) -> int:
+    """A lower bound of the synapses that a rule makes. For bernoulli, half of the mean: fewer have
+    a probability of at most exp(-mean / 8)."""
+    pairs = sources * targets
+    if rule.kind == "bernoulli":
+        return int(min(max(rule.probability, 0.0), 1.0) * pairs / 2)
+    return {
+        "one_to_one": targets,
+        "all_to_all": pairs - min(sources, targets),  # a neuron need not connect to itself
+        "fixed_indegree": rule.count * targets,
+        "fixed_outdegree": rule.count * sources,
+        "fixed_total": rule.count,
+    }[rule.kind]
+
+
 @dataclass(frozen=True)
 class Distribution:
     """Values that are drawn, one for each synapse. A minus sign makes weights inhibitory:

@@ -25,6 +25,10 @@ class BusyError(Error, RuntimeError):
     """A call on a simulation while a run is on, from another thread or from a callback."""
 
 
+class NetworkTooLarge(ArgumentError, MemoryError):
+    """A network that needs more memory than the machine has. Nothing was built."""
+
+
 class PartMissing(Error, AttributeError):
     """A part that the simulation was made without."""
 

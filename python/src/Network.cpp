@@ -125,6 +125,11 @@ public:
 
     void addGraph(std::shared_ptr<Graph> graph) { graphs_.push_back(std::move(graph)); }
 
+    /// Throws what build() throws before it draws anything.
+    void check() const {
+        if (!projections_.empty()) wiring();
+    }
+
     /// One graph and no projection keep the order of the synapses.
     std::shared_ptr<Graph> build() const {
         const py::gil_scoped_release release;
@@ -134,12 +139,14 @@ public:
             return std::make_shared<Graph>(SynapseGraph(
                 neurons_, window_, only.edgeCount(), [&only](EdgeId id) { return only.edge(id); }));
         }
-        SynapseGraph graph = Wiring(neurons_, window_, projections_, seed_).build();
+        SynapseGraph graph = wiring().build();
         for (const auto& more : graphs_) graph = merged(graph, more->synapses, neurons_, window_);
         return std::make_shared<Graph>(std::move(graph));
     }
 
 private:
+    Wiring wiring() const { return Wiring(neurons_, window_, projections_, seed_); }
+
     /// ("uniform", low, high, smallest, largest), ("array", values) or ("function", callable).
     SynapseValues valuesOf(const py::tuple& description) {
         const auto kind = description[0].cast<std::string>();
@@ -230,6 +237,7 @@ void bindNetwork(py::module_& module) {
              py::arg("allow_self"), py::arg("allow_multiple"), py::arg("weight"), py::arg("delay"),
              py::arg("inhibitory"))
         .def("add_graph", &Plan::addGraph, py::arg("graph"))
+        .def("check", &Plan::check)
         .def("build", &Plan::build);
 }
 

@@ -164,13 +164,16 @@ def test_a_scan_runs_each_seed_with_each_value(model, tmp_path):
         assert kelm.Spikes.load(tmp_path / row["file"]) == run.spikes
 
 
-def test_a_dry_run_tells_sizes_and_suspicious_values(model, tmp_path):
+def test_a_dry_run_tells_sizes_and_suspicious_values(model, tmp_path, monkeypatch, capsys):
     text = _ok("run", model[0], "--dry-run", "-o", tmp_path / "none", "--set",
                "neuron.tau_membrane=10")
     assert "neurons      500" in text and "synapses     50000" in text
     assert "windows      2000 at most, to 2 s" in text and " MiB" in text
     assert "suspicious   " in text and "tau_membrane" in text
     assert not (tmp_path / "none").exists()
+    monkeypatch.setattr("os.sysconf", lambda name: 1000)
+    assert main(["run", str(model[0]), "--dry-run"]) == 1
+    assert capsys.readouterr().err.startswith("kelm run: the network has 500 neurons and at least ")
 
 
 def test_a_plot_of_a_range_is_drawn(model, tmp_path):

@@ -140,6 +140,31 @@ def test_refusal(case, net):
     assert isinstance(raised.value, kelm.Error) or builtin is ZeroDivisionError
 
 
+@pytest.mark.parametrize("size, rule, synapses", [
+    (2**31, None, 0), (8, kelm.fixed_indegree(2**28), 2**31), (8, kelm.fixed_total(2**40), 2**40),
+    (8, kelm.fixed_outdegree(2**44), 2**47), (2**24, kelm.all_to_all, 2**48 - 2**24),
+    (2**24, kelm.bernoulli(0.5), 2**46), (2**24, kelm.one_to_one, 2**24)])
+def test_a_network_that_cannot_fit_is_refused_before_it_is_built(monkeypatch, size, rule, synapses):
+    net = kelm.Network()
+    neurons = net.population("many", size)
+    net.connect_arrays([0], [1], 1, delay)
+    if rule is not None:
+        net.connect(neurons, neurons, rule, weight=1, delay=delay)
+    needed = 80 * size + 20 * (synapses + 1)
+    pages = {"SC_PHYS_PAGES": 1, "SC_PAGE_SIZE": needed - 1}
+    monkeypatch.setattr("os.sysconf", pages.__getitem__)
+    for call in (net.build, lambda: sim_of(net)):
+        with pytest.raises(errors.NetworkTooLarge, match=(
+                f"{size} neurons and at least {synapses + 1} synapses and needs at least {needed} "
+                f"bytes of memory; this machine has {needed - 1} bytes")) as refused:
+            call()
+        assert isinstance(refused.value, MemoryError) and isinstance(refused.value, ValueError)
+    with pytest.raises(kelm.ArgumentError, match="makes more than 281474976710656 synapses"):
+        connect(net, rule=kelm.fixed_total(2**60))
+    pages["SC_PHYS_PAGES"] = -1  # not known
+    kelm.Network().build()
+
+
 def test_a_refused_input_leaves_nothing_behind(net):
     sim, other = light(net), light(net)
     for times, values in (([9 * ms, 2**40 * 1.5], [1, nan]), ([9 * ms, 1 * ms], [1, 1])):
