@@ -2,11 +2,12 @@
 
 from __future__ import annotations
 
+import contextlib
 import html
 import os
 import threading
 from dataclasses import dataclass, replace
-from typing import Any, Mapping, NamedTuple, Optional, Union
+from typing import Any, Iterator, Mapping, NamedTuple, Optional, Union
 
 import numpy as np
 
@@ -14,7 +15,13 @@ from . import _checks, _kelm, _settings, _wiring
 from ._neurons import Neurons, Population
 from ._settings import Firing, Neuron
 from ._wiring import Rule
-from .errors import ArgumentError, ArgumentTypeError, InvalidSynapse, NetworkTooLarge
+from .errors import (
+    ArgumentError,
+    ArgumentTypeError,
+    BusyError,
+    InvalidSynapse,
+    NetworkTooLarge,
+)
 
 # What a simulation stores at least. Measured: 82 bytes a neuron, without the synapses.
 _NEURON_BYTES = 80
@@ -122,7 +129,7 @@ class Network:
         self._connections: list[Connection] = []
         self._arrays: list[_kelm.Graph] = []
         self._graph: Optional[_kelm.Graph] = None
-        self._lock = threading.Lock()
+        self._make_lock()
 
     # Populations
 
@@ -203,8 +210,9 @@ class Network:
             raise ArgumentError(f"name is {name!r}, which another population has")
         population = Population(name, self.size, size, kind)
         fields = {"neuron": self._neuron, "firing": self._firing, **fields}
-        self._members.append(_Member(population, **fields))
-        self._graph = None
+        with self._locked():
+            self._members.append(_Member(population, **fields))
+            self._graph = None
         return population
 
     # Connections
@@ -265,8 +273,9 @@ class Network:
             bool(allow_self),
             bool(allow_multiple),
         )
-        self._connections.append(connection)
-        self._graph = None
+        with self._locked():
+            self._connections.append(connection)
+            self._graph = None
         return connection
 
     def connect_arrays(
@@ -292,8 +301,9 @@ class Network:
         if graph is None:
             checked = self._checked_columns(source, target, weight, delay, inhibitory)
             graph = _kelm.graph_of_arrays(self.size, self._window, *checked)
-        self._arrays.append(graph)
-        self._graph = None
+        with self._locked():
+            self._arrays.append(graph)
+            self._graph = None
 
     def _checked_columns(
         self, source: Any, target: Any, weight: Any, delay: Any, inhibitory: Any
@@ -435,12 +445,32 @@ class Network:
         return self
 
     def _built(self) -> _kelm.Graph:
-        with self._lock:
+        with self._locked():
             if self._graph is None:
                 plan = self._plan()
                 self._require_memory(plan)
-                self._graph = plan.build()
+                self._building = True
+                try:
+                    self._graph = plan.build()
+                finally:
+                    self._building = False
             return self._graph
+
+    def _make_lock(self) -> None:
+        """Makes the lock of a new object."""
+        self._lock = threading.RLock()
+        self._building = False
+
+    @contextlib.contextmanager
+    def _locked(self) -> Iterator[None]:
+        """Waits for a build in another thread. Raises BusyError below a build in this thread."""
+        with self._lock:
+            if self._building:
+                raise BusyError(
+                    "the network is being built: a function of weights or delays may neither "
+                    "change nor build it"
+                )
+            yield
 
     def _require_memory(self, plan: _kelm.Plan) -> None:
         """Refuses a network that cannot fit: a build would run for minutes, or the operating system
@@ -514,24 +544,24 @@ class Network:
         other._members = list(self._members)
         other._connections = list(self._connections)
         other._arrays = list(self._arrays)
-        other._lock = threading.Lock()
+        other._make_lock()
         return other
 
     __copy__ = copy
 
     def __getstate__(self) -> dict[str, Any]:
         state = dict(self.__dict__)
-        del state["_graph"], state["_lock"]
+        del state["_graph"], state["_lock"], state["_building"]
         state["_arrays"] = [_synapses(graph) for graph in self._arrays]
         return state
 
     def __setstate__(self, state: dict[str, Any]) -> None:
         self.__dict__.update(state)
+        self._make_lock()
         self._arrays = []
         for synapses in state["_arrays"]:
             self.connect_arrays(*synapses)
         self._graph = None
-        self._lock = threading.Lock()
 
     def __repr__(self) -> str:
         names = ", ".join(f"{p.name} ({p.size})" for p in self.populations)

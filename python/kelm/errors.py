@@ -22,7 +22,8 @@ class RangeError(Error, IndexError):
 
 
 class BusyError(Error, RuntimeError):
-    """A call on a simulation while a run is on, from another thread or from a callback."""
+    """A call on a simulation while a run is on, from another thread or from a callback; or a use of
+    a network from a function that its build calls."""
 
 
 class NetworkTooLarge(ArgumentError, MemoryError):

@@ -165,6 +165,23 @@ def test_a_network_that_cannot_fit_is_refused_before_it_is_built(monkeypatch, si
     kelm.Network().build()
 
 
+@pytest.mark.parametrize("use", [
+    lambda net: net.synapse_count, kelm.Network.build, kelm.Simulation,
+    lambda net: net.population("more", 1), lambda net: net.connect_arrays([0], [1], 1, delay),
+    lambda net: connect(net)])
+def test_a_function_of_a_build_may_read_a_network_but_not_build_or_change_it(net, use):
+    def weight(source, target, index):
+        assert net.copy().connections == net.connections  # this may be read
+        use(net)
+
+    size, connections = net.size, len(net.connections)
+    net.connect(net.all, net.all, kelm.one_to_one, weight=weight, delay=delay)
+    for _ in range(2):  # the first failure leaves the network as it was
+        with pytest.raises(kelm.BusyError, match="the network is being built"):
+            net.build()
+    assert (net.size, len(net.connections)) == (size, connections + 1)
+
+
 def test_a_refused_input_leaves_nothing_behind(net):
     sim, other = light(net), light(net)
     for times, values in (([9 * ms, 2**40 * 1.5], [1, nan]), ([9 * ms, 1 * ms], [1, 1])):
