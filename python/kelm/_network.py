@@ -153,13 +153,13 @@ class Network:
         )
 
     def poisson(self, name: str, size: int, rate: float) -> Population:
-        """Adds `size` independent Poisson processes of `rate` spikes/s each.
+        """Adds `size` independent Poisson processes of `rate` > 0 spikes/s each.
 
         A window must hold far fewer than 8 spikes of one process. No input changes them.
         """
         rate = _checks.real(rate, "rate")
-        if rate < 0:
-            raise ArgumentError(f"rate is {rate} spikes/s, must not be negative")
+        if rate <= 0:
+            raise ArgumentError(f"rate is {rate} spikes/s, must be positive")
         return self._add(name, size, kind="poisson", rate=rate)
 
     def spike_source(

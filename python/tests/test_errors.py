@@ -90,6 +90,7 @@ CASES = [
     (lambda n: n.spike_source("x", 2, [5], [2]), ValueError, r"neurons\[0\] is 2, must be below 2"),
     (lambda n: n.spike_source("x", 2, [2**63], [0]), ValueError,
      r"times\[0\] is 9223372036854775808"),
+    (lambda n: n.poisson("x", 2, 0), ValueError, "rate is 0.0 spikes/s, must be positive"),
     # models and calls that the library refuses
     (lambda n: sim_of(n, backend="gpu"), errors.UnknownBackend, "there is no backend 'gpu' here"),
     (lambda n: sim_of(n, threads=10**9), errors.InvalidThreadCount, "at most"),
