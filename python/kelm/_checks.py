@@ -109,7 +109,7 @@ def text(value: Any, name: str) -> str:
 def choice(value: Any, name: str, allowed: Iterable[str]) -> str:
     """One of the allowed texts."""
     options = list(allowed)
-    if value in options:
+    if isinstance(value, str) and value in options:
         return str(value)
     close = difflib.get_close_matches(str(value), options, 1)
     hint = f"; did you mean {close[0]!r}?" if close else ""
@@ -135,6 +135,18 @@ def record(cls: Type[T], value: Any, name: str) -> T:
     return cls(**value)
 
 
+def array(values: Any, name: str) -> np.ndarray:
+    """Numbers as an array, which may be `values` itself. Its type is not checked."""
+    try:
+        result = np.asarray(values)
+        masked = np.ma.is_masked(values)
+    except Exception as failure:
+        raise ArgumentTypeError(f"{name} is no array of numbers: {failure}") from failure
+    if masked:
+        raise ArgumentError(f"{name} has masked elements")
+    return result
+
+
 def column(
     values: Any,
     name: str,
@@ -150,49 +162,50 @@ def column(
     given. Refuses another shape, values that `dtype` cannot hold (fractions for an integer type),
     NaN, infinity, values below `low` and values not below `below`.
     """
-    try:
-        array = np.asarray(values)
-    except Exception as failure:
-        raise ArgumentTypeError(f"{name} is no array of numbers: {failure}") from failure
-    if array.size == 0:
-        array = array.astype(dtype)
-    if array.dtype.kind not in "iuf" and not (array.dtype.kind == "b" and dtype == np.uint8):
-        raise ArgumentTypeError(f"{name} must hold numbers, not {array.dtype}")
-    if array.ndim == 0 and size is not None:
-        array = np.broadcast_to(array, (size,))
-    if array.ndim != 1:
-        raise ArgumentError(f"{name} has shape {array.shape}, must have one dimension")
-    if size is not None and len(array) != size:
-        raise ArgumentError(f"{name} has {len(array)} values, must have {size}")
+    given = array(values, name)
+    if given.size == 0:
+        given = given.astype(dtype)
+    if given.dtype.kind not in "iuf" and not (given.dtype.kind == "b" and dtype == np.uint8):
+        raise ArgumentTypeError(f"{name} must hold numbers, not {given.dtype}")
+    if given.ndim == 0 and size is not None:
+        given = np.broadcast_to(given, (size,))
+    if given.ndim != 1:
+        raise ArgumentError(f"{name} has shape {given.shape}, must have one dimension")
+    if size is not None and len(given) != size:
+        raise ArgumentError(f"{name} has {len(given)} values, must have {size}")
     target = np.dtype(dtype)
     tail = f"; {rule}" if rule else ""
 
     def refuse(wrong: np.ndarray, must: str) -> None:
         k = int(np.argmax(wrong))
-        raise ArgumentError(f"{name}[{k}] is {array[k]}, {must}{tail}")
+        raise ArgumentError(f"{name}[{k}] is {given[k]}, {must}{tail}")
 
     # The extremes tell whether a value is wrong, in one pass each and without a temporary array.
-    if array.size:
-        least, most = array.min().item(), array.max().item()
-        if array.dtype.kind == "f":
+    if given.size:
+        least, most = given.min().item(), given.max().item()
+        if given.dtype.kind == "f":
             if not (np.isfinite(least) and np.isfinite(most)):
-                refuse(~np.isfinite(array), "must be finite")
-            if target.kind in "iu" and not np.array_equal(array, np.floor(array)):
-                refuse(array != np.floor(array), "must be a whole number")
+                refuse(~np.isfinite(given), "must be finite")
+            if target.kind in "iu":
+                if not np.array_equal(given, np.floor(given)):
+                    refuse(given != np.floor(given), "must be a whole number")
+                # NumPy does not compare a longdouble with a large int.
+                least, most = int(least), int(most)
         if low is not None and least < low:
-            refuse(array < low, f"must be at least {low}")
+            refuse(given < low, f"must be at least {low}")
         if below is not None and most >= below:
-            refuse(array >= below, f"must be below {below}")
+            refuse(given >= below, f"must be below {below}")
         if target.kind in "iu":
             bounds = np.iinfo(target)
             if least < bounds.min:
-                refuse(array == least, f"must be at least {bounds.min}")
+                refuse(given == given.min(), f"must be at least {bounds.min}")
             if most > bounds.max:
-                refuse(array == most, f"must be at most {bounds.max}")
+                refuse(given == given.max(), f"must be at most {bounds.max}")
         with np.errstate(over="ignore"):
-            if target == np.float32 and not np.isfinite(np.array([least, most], target)).all():
-                refuse(~np.isfinite(array.astype(target)), "is too large for single precision")
-    return np.ascontiguousarray(array, target)
+            if target.kind == "f" and not np.isfinite(np.array([least, most], target)).all():
+                precision = "single precision" if target == np.float32 else "double precision"
+                refuse(~np.isfinite(given.astype(target)), f"is too large for {precision}")
+    return np.ascontiguousarray(given, target)
 
 
 def times(values: Any, name: str, size: Optional[int] = None, low: int = 0) -> np.ndarray:

@@ -376,8 +376,7 @@ class Network:
 
     def parameters(self, population: Union[str, Population]) -> tuple[Neuron, Firing]:
         """The parameters of a population's neurons."""
-        name = population if isinstance(population, str) else population.name
-        member = self._member(name)
+        member = self._member(population)
         return member.neuron, member.firing
 
     def set_parameters(
@@ -391,9 +390,9 @@ class Network:
 
         Raises ArgumentError for sources, whose parameters are their own, and for an unknown field.
         """
-        name = population if isinstance(population, str) else population.name
-        member = self._member(name)
+        member = self._member(population)
         if member.range.kind != "neurons":
+            name = member.range.name
             raise ArgumentError(f"population {name!r} is a source and keeps its parameters")
         changed = replace(
             member,
@@ -411,7 +410,8 @@ class Network:
 
         return to_sonata(self, folder, until=until, simulation=simulation)
 
-    def _member(self, name: str) -> _Member:
+    def _member(self, population: Union[str, Population]) -> _Member:
+        name = population.name if isinstance(population, Neurons) else population
         names = [member.range.name for member in self._members]
         return self._members[names.index(_checks.choice(name, "a population", names))]
 

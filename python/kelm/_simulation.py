@@ -376,7 +376,7 @@ class Simulation:
         `synapses`: numbers or a mask; None for all. :attr:`Network.synapses` has the ends.
         """
         weights = self._native.weights()
-        return weights if synapses is None else weights[np.asarray(synapses)]
+        return weights if synapses is None else weights[_checks.array(synapses, "synapses")]
 
     def set_weights(self, weights: Any, synapses: Any = None) -> None:
         """Sets magnitudes of weights. `synapses`: numbers or a mask; None for all, in order.
@@ -411,7 +411,7 @@ class Simulation:
         count = self._net.synapse_count
         if synapses is None:
             return np.arange(count, dtype=np.uint64)
-        array = np.asarray(synapses)
+        array = _checks.array(synapses, "synapses")
         if array.dtype == np.bool_:
             if array.shape != (count,):
                 raise ArgumentError(
@@ -436,7 +436,7 @@ class Simulation:
         unknown channel and for a time before the channel's last one, and RefusedCall for an
         arrival before :attr:`earliest_input`.
         """
-        times = _checks.times(np.atleast_1d(time), "time")
+        times = _checks.times(np.atleast_1d(_checks.array(time, "time")), "time")
         values = _checks.column(value, "value", np.float64, len(times))
         _checks.ascending(times, "time")
         channel = self.input_channels[name]

@@ -77,7 +77,7 @@ class Spikes:
     def __init__(self, array: Any, *, populations: Iterable[Any] = (),
                  provenance: Mapping[str, Any] = {}, digest: int | None = None,
                  start: int = 0, end: int | None = None) -> None:
-        array = np.asarray(array)
+        array = _checks.array(array, "array")
         if array.dtype != SPIKE or array.ndim != 1:
             raise ArgumentError(
                 "array must have shape (n,) and the fields time (int64) and neuron (uint64), not "

@@ -121,7 +121,7 @@ def weights(value: Any, inhibitory: Optional[bool]) -> tuple[Description, bool]:
         description = value._description()
     elif callable(value):
         sign, description = False, ("function", value)
-    elif np.ndim(value) == 0:
+    elif _checks.array(value, "weight").ndim == 0:
         number = _checks.real(value, "weight")
         sign = number < 0
         description = ("constant", abs(number), 0.0, -np.inf, np.inf)
@@ -151,7 +151,7 @@ def delays(value: Any, window: Optional[int]) -> Description:
         return value._description()
     if callable(value):
         return ("function", value)
-    if np.ndim(value) == 0:
+    if _checks.array(value, "delay").ndim == 0:
         return ("constant", float(_checks.duration(value, "delay", window)), 0.0, -np.inf, np.inf)
     array = _checks.times(value, "delay", low=window or 1)
     return ("array", array.astype(np.float64))
@@ -167,7 +167,8 @@ def plain_columns(
     """
     flags = False if inhibitory is None else inhibitory
     given = (source, target, weight, delay, flags)
-    if not all(isinstance(value, (np.ndarray, int, float)) for value in given):
+    if not all(isinstance(value, (np.ndarray, int, float)) and not np.ma.is_masked(value)
+               for value in given):
         return None
     arrays = [np.asarray(value) for value in given]
     shape = arrays[0].shape

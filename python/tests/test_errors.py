@@ -30,6 +30,7 @@ def light(net):
 
 
 nan, inf = float("nan"), float("inf")
+masked = np.ma.masked_array([1, 2], [0, 1])
 CASES = [
     # times and numbers
     (lambda n: sim_of(n).run(2), ValueError,
@@ -63,10 +64,17 @@ CASES = [
     (lambda n: n["F"], ValueError, "a population is 'F', must be one of E, I"),
     (lambda n: n["E"][200], IndexError, "E has 160 neurons, so none has index 200"),
     (lambda n: n["E"][::2], ValueError, "the step of a slice is 2, must be 1"),
+    (lambda n: n.parameters(3), ValueError, "a population is 3, must be one of E, I"),
+    (lambda n: n.set_parameters([1, 2]), ValueError, r"a population is \[1, 2\], must be one of"),
     # wiring
     (lambda n: connect(n, rule=80), TypeError, "rule must be a kelm.Rule"),
     (lambda n: connect(n, source=[1, 2]), TypeError, "source must be a population or a range"),
     (lambda n: connect(n, weight=[1, -1]), ValueError, "weight has values of both signs"),
+    (lambda n: connect(n, weight=[[1], [2, 3]]), TypeError, "weight is no array of numbers: "),
+    (lambda n: connect(n, delay=[[1], [2, 3]]), TypeError, "delay is no array of numbers: "),
+    (lambda n: connect(n, weight=masked), ValueError, "weight has masked elements"),
+    (lambda n: n.connect_arrays(np.arange(2), masked, 1, delay), ValueError,
+     "target has masked elements"),
     (lambda n: connect(n, weight=-1, inhibitory=False), ValueError, "weight is negative"),
     (lambda n: connect(n, name="E->all"), ValueError, "name is 'E->all', which another connection"),
     (lambda n: connect(n, rule=kelm.one_to_one, source=n["E"]), ValueError, "projection"),
@@ -121,6 +129,9 @@ CASES = [
      r"time\[1\].*must ascend"),
     (lambda n: light(n).post([9 * ms], [1], [inf]), ValueError,
      r"values\[0\] is inf, must be finite"),
+    (lambda n: light(n).post([9 * ms], [1], [np.longdouble("1e4000")]), ValueError,
+     "too large for double precision"),
+    (lambda n: light(n).inject("light", [[1], [2, 3]], 1), TypeError, "time is no array of"),
     (lambda n: light(n).post([9 * ms, 0], 1, 1), ValueError, r"times\[1\] is 0.*earliest input"),
     (lambda n: light(n).perturb(0, [1], 1.0), errors.RefusedCall, "comes too early"),
     (lambda n: light(n).interventions.set_gain("gain", 1), ValueError, "mechanism is 'gain'"),
@@ -293,7 +304,7 @@ def test_settings_that_change_later_and_callbacks_do_not_bind_a_simulation(net):
 
 def test_inputs_of_any_numeric_type_are_the_same(net):
     digests = set()
-    for kind in (np.int16, np.uint64, np.float32, list):
+    for kind in (np.int16, np.uint64, np.float32, np.longdouble, list):
         sim = sim_of(net)
         neurons = list(range(50)) if kind is list else np.arange(50, dtype=kind)
         sim.post(np.full(50, 3e6), neurons, kind([2] * 50) if kind is not list else [2] * 50)
