@@ -171,6 +171,8 @@ def plain_columns(
                for value in given):
         return None
     arrays = [np.asarray(value) for value in given]
+    if type(weight) is int and abs(weight) <= 2**53:
+        arrays[2] = np.asarray(float(weight))
     shape = arrays[0].shape
     if len(shape) != 1 or any(array.shape not in (shape, ()) for array in arrays):
         return None
