@@ -463,6 +463,7 @@ struct Soak::Backends {
 #ifdef KELM_HAVE_THREADS
         add("threads", threads);
         add("threads-lanes", threads_in_lanes);
+        add("threads-7", many_threads);
 #endif
         ways.push_back({"plain-store", Manner::plain_store, &cpu});
         ways.push_back({"short-ring", Manner::short_ring, &cpu});
@@ -488,9 +489,10 @@ struct Soak::Backends {
     std::vector<std::unique_ptr<LaneCpuBackend>> lanes;
 #ifdef KELM_HAVE_THREADS
     // More workers than processors, so that their work interleaves on small machines too.
-    tbb::global_control workers{tbb::global_control::max_allowed_parallelism, 3};
+    tbb::global_control workers{tbb::global_control::max_allowed_parallelism, 7};
     ThreadedCpuBackend threads{3, 1};
     ThreadedCpuBackend threads_in_lanes{LaneCpuBackend(), 2, 1};
+    ThreadedCpuBackend many_threads{7, 1};
 #endif
     std::vector<Way> ways;
 };

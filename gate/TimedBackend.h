@@ -19,6 +19,8 @@ public:
                        const std::span<Kernel::WindowResult>& results) override;
     bool tryResidentRun(WindowEngine&) override { return false; }
     std::size_t partItems() const override { return inner_->partItems(); }
+    /// The team computes parts of windows by itself: they are not measured.
+    IShardTeam* team() override { return inner_->team(); }
 
     /// The time in processWindow of the wrapped backend so far, s.
     double seconds() const { return seconds_; }

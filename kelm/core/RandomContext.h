@@ -136,6 +136,13 @@ public:
         return family.first_->second.states;
     }
 
+    /// Whether the family's streams from 0 to `count` lie in one array without tapes. Several
+    /// threads may then read and advance different ones of them.
+    bool canAdvanceApart(Family family, std::uint64_t count) const {
+        const Run& run = family.first_->second;
+        return run.states.size() >= count && run.tapes.empty();
+    }
+
     /// Moves a stream by one step and returns its value. In every mode the tape is neither read nor
     /// written.
     std::uint64_t next(Stream stream);
@@ -157,6 +164,11 @@ public:
             return;
         }
         advanceTo(family.first_->first.name, index, raw);
+    }
+
+    /// Sets the raw state of a stream for which canAdvanceApart holds, also backwards.
+    void setState(Family family, std::uint64_t index, std::uint64_t raw) {
+        family.first_->second.states[index] = raw;
     }
 
     /// Records stream (name, index): from now on advanceTo appends each value to a new, empty tape.

@@ -9,6 +9,7 @@
 
 namespace Lumenar::Core::Kelm {
 
+class IShardTeam;
 class WindowEngine;
 
 /// Computes the work of a window's neurons. Everything else in a run is the same for all backends,
@@ -54,6 +55,9 @@ public:
     /// whole_window the engine may build, compute and commit a window part by part, so that the
     /// memory of a part is still in the processor's caches when the part is committed.
     virtual std::size_t partItems() const { return whole_window; }
+
+    /// Threads for the engine's own work, or null: the engine then runs on the calling thread.
+    virtual IShardTeam* team() { return nullptr; }
 };
 
 }  // namespace Lumenar::Core::Kelm

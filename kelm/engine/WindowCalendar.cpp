@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <type_traits>
 #include <utility>
 
 #include "kelm/core/Failures.h"
@@ -32,17 +33,164 @@ bool isCandidateOf(const CandidateSlot& slot, const Event& event) {
 
 }  // namespace
 
+WindowCalendar::Shard::Shard(NodeId first, NodeId last, BucketCalendar events)
+    : begin(first), end(last), calendar(std::move(events)) {
+    tree.reset(end - begin, begin);
+}
+
 WindowCalendar::WindowCalendar(SynapseGraph& graph, ModelTime d_min)
-    : graph_(graph), slots_(graph.nodeCount()), calendar_(d_min, bucket_count) {
-    tree_.reset(slots_.size());
+    : graph_(graph), slots_(graph.nodeCount()) {
+    shards_.emplace_back(0, slots_.size(), BucketCalendar(d_min, bucket_count));
 }
 
 WindowCalendar::WindowCalendar(SynapseGraph& graph, std::unique_ptr<IEventStore> store)
-    : graph_(graph),
-      slots_(graph.nodeCount()),
-      calendar_(1, bucket_count),
-      store_is_given_(true),
-      store_(std::move(store)) {}
+    : graph_(graph), slots_(graph.nodeCount()), store_is_given_(true), store_(std::move(store)) {
+    shards_.emplace_back(0, 0, BucketCalendar(1, bucket_count));
+    shards_.front().end = slots_.size();
+}
+
+/// Shards without events and candidates, with the cursor and the ids of the present ones.
+std::vector<WindowCalendar::Shard> WindowCalendar::emptyShards(std::size_t count) const {
+    std::vector<Shard> shards;
+    shards.reserve(count);
+    const auto n = static_cast<std::uint32_t>(count);
+    for (std::uint32_t s = 0; s < n; ++s) {
+        BucketCalendar calendar(first().bucketWidth(), bucket_count);
+        if (first().isStarted()) calendar.resumeAt(first().cursor());
+        shards.emplace_back(Kernel::shardBegin(slots_.size(), n, s),
+                            Kernel::shardEnd(slots_.size(), n, s), std::move(calendar));
+    }
+    shards.front().calendar.setNextId(nextId());
+    return shards;
+}
+
+void WindowCalendar::setShards(std::size_t count) {
+    if (store_) return;
+    count = std::clamp<std::size_t>(count, 1, std::max<std::size_t>(slots_.size(), 1));
+    if (count == shards_.size()) return;
+    if (count > 1) {
+        // Possible after a restore from a forged blob, or with a graph that a hook has replaced.
+        for (const Shard& shard : shards_) {
+            shard.calendar.forEachSingle(
+                [&](const auto& record) { reaches_outside_ |= record.target >= slots_.size(); });
+        }
+        if (reaches_outside_) return;
+    }
+    const int windows_without_runs = windows_without_runs_;
+    expandRuns();
+    std::vector<Shard> shards = emptyShards(count);
+    const auto shardOf = [&](NodeId neuron) -> Shard& {
+        if (count == 1 || neuron >= slots_.size()) return shards.back();
+        return shards[Kernel::shardOf(slots_.size(), static_cast<std::uint32_t>(count), neuron)];
+    };
+    for (const Shard& old : shards_) {
+        old.calendar.forEachSingle(
+            [&](const auto& record) { shardOf(record.target).calendar.adopt(record); });
+        for (NodeId neuron = old.begin; neuron < old.end; ++neuron) {
+            if (old.tree.isPending(neuron)) {
+                shardOf(neuron).tree.schedule(neuron, slots_[neuron].time);
+            }
+        }
+    }
+    graph_.undivide();
+    ends_.clear();
+    for (const Shard& shard : shards) {
+        if (count > 1) ends_.push_back(shard.end);
+    }
+
+    // From here on nothing can fail.
+    shards_ = std::move(shards);
+    windows_without_runs_ = windows_without_runs;
+}
+
+bool WindowCalendar::canPostApart(ModelTime window_end) {
+    // No delivery may lie in a window already handed out, or beyond the range of ModelTime.
+    const std::optional<ModelTime> d_min = graph_.dMin();
+    return !reaches_outside_ && graph_.nodeCount() == slots_.size() && d_min &&
+           *d_min >= first().bucketWidth() && graph_.longestDelay() <= last_model_time - window_end;
+}
+
+bool WindowCalendar::divideGraph() {
+    const bool must_build = graph_.divide(ends_);
+    if (postsRuns()) graph_.connectHolder(*this);
+    return must_build;
+}
+
+void WindowCalendar::deliverTo(std::size_t shard, NodeId source, ModelTime time, std::uint64_t id,
+                               ModelTime run_delay) {
+    BucketCalendar& calendar = shards_[shard].calendar;
+    calendar.setNextId(id);
+    if (run_delay != 0 && postsRuns()) {
+        const DeliveryRun run = graph_.runOf(source, time + run_delay, shard);
+        if (run.count != 0) calendar.postRun(run);
+        return;
+    }
+    /// Posts what is for the shard, and counts the rest.
+    struct Part {
+        void post(const Event& event) {
+            if (event.target - begin < size) {
+                calendar.post(event);
+            } else {
+                calendar.issueId();
+            }
+        }
+        void postPacked(const PackedDelivery& delivery) {
+            if (delivery.target - begin < size) {
+                calendar.postPacked(delivery);
+            } else {
+                calendar.issueId();
+            }
+        }
+        BucketCalendar& calendar;
+        NodeId begin;
+        std::uint64_t size;
+    };
+    Part part{calendar, shards_[shard].begin, shards_[shard].end - shards_[shard].begin};
+    graph_.deliver(source, time, part);
+}
+
+void WindowCalendar::unschedule(std::size_t shard, NodeId neuron,
+                                const CandidateSlot& slot) noexcept {
+    slots_[neuron] = slot;
+    // A candidate of the window is no longer pending.
+    if (slot.time < 0 || first().isPast(slot.time)) {
+        shards_[shard].tree.cancel(neuron);
+    } else {
+        shards_[shard].tree.schedule(neuron, slot.time);
+    }
+}
+
+template <class Record>
+std::uint64_t WindowCalendar::postTo(NodeId target, const Record& record) {
+    BucketCalendar& calendar = shardOf(target).calendar;
+    reaches_outside_ |= target >= slots_.size();
+    const std::uint64_t id = nextId();
+    calendar.setNextId(id);
+    if constexpr (std::is_same_v<Record, Event>) {
+        calendar.post(record);
+    } else {
+        calendar.postPacked(record);
+    }
+    setNextId(id + 1);
+    return id;
+}
+
+std::uint64_t WindowCalendar::post(const Event& event) {
+    if (store_) return store_->post(event);
+    return shards_.size() == 1 ? first().post(event) : postTo(event.target, event);
+}
+
+void WindowCalendar::deliverSerially(NodeId source, ModelTime time) {
+    struct Spread {
+        void post(const Event& event) { calendar.postTo(event.target, event); }
+        void postPacked(const PackedDelivery& delivery) {
+            calendar.postTo(delivery.target, delivery);
+        }
+        WindowCalendar& calendar;
+    };
+    Spread spread{*this};
+    graph_.deliver(source, time, spread);
+}
 
 /// A candidate in the store is an event like any other.
 void WindowCalendar::scheduleInStore(NodeId neuron, ModelTime time, double rate) {
@@ -54,70 +202,108 @@ void WindowCalendar::scheduleInStore(NodeId neuron, ModelTime time, double rate)
 }
 
 void WindowCalendar::refusePast(NodeId neuron) {
-    tree_.cancel(neuron);
+    shardOf(neuron).tree.cancel(neuron);
     throw LookaheadViolation(LookaheadViolation::processed);
 }
 
 void WindowCalendar::expandRuns() {
-    const auto visitDeliveries = [this](const DeliveryRun& run, auto visit) {
-        graph_.visitDeliveries(run, visit);
-    };
-    if (calendar_.expandRuns(visitDeliveries)) windows_without_runs_ = pause_windows;
+    for (std::size_t s = 0; s < shards_.size(); ++s) {
+        const auto deliveries = [this, s](const DeliveryRun& run, auto visit) {
+            visitDeliveries(run, s, visit);
+        };
+        if (shards_[s].calendar.expandRuns(deliveries)) windows_without_runs_ = pause_windows;
+    }
 }
 
-std::int64_t WindowCalendar::firstCandidateBucket() {
-    if (tree_.pendingCount() == 0) return BucketCalendar::no_bucket;
-    return calendar_.bucketOf(tree_.firstTime());
+std::int64_t WindowCalendar::firstCandidateBucket(Shard& shard) {
+    if (shard.tree.pendingCount() == 0) return BucketCalendar::no_bucket;
+    return first().bucketOf(shard.tree.firstTime());
+}
+
+std::int64_t WindowCalendar::firstBucket() {
+    std::int64_t bucket = BucketCalendar::no_bucket;
+    for (Shard& shard : shards_) {
+        bucket = std::min({bucket, shard.calendar.firstBucket(), firstCandidateBucket(shard)});
+    }
+    return bucket;
 }
 
 std::optional<ModelTime> WindowCalendar::nextWindowStart() {
     if (store_) return std::nullopt;
-    const std::int64_t bucket = std::min(calendar_.firstBucket(), firstCandidateBucket());
-    return bucket == BucketCalendar::no_bucket ? last_model_time : bucket * calendar_.bucketWidth();
+    const std::int64_t bucket = firstBucket();
+    return bucket == BucketCalendar::no_bucket ? last_model_time : bucket * first().bucketWidth();
 }
 
-bool WindowCalendar::takeWindow(ModelTime until, ModelTime also, WindowEvents& events,
-                                ModelTime& window_start, ModelTime& window_end) {
-    if (store_) {
-        if (!store_->take(until, copied_, window_start, window_end)) return false;
-        events.addAll(copied_);
-        return true;
-    }
-    calendar_.release(taken_);
-    std::int64_t other = firstCandidateBucket();
-    if (also >= 0) other = std::min(other, calendar_.bucketOf(also));
-    if (calendar_.size() == 0 && other == BucketCalendar::no_bucket) return false;
-    if (!calendar_.advance(until, other)) return false;
-    const ModelTime start = calendar_.windowStart();
-    const ModelTime end = calendar_.windowEnd();
-    const EventList& bucket = calendar_.current();
+bool WindowCalendar::openWindow(ModelTime until, ModelTime also, ModelTime& window_start,
+                                ModelTime& window_end) {
+    if (store_) return store_->take(until, copied_, window_start, window_end);
+    for (Shard& shard : shards_) shard.calendar.release(shard.taken);
+    // A single calendar looks for its own first bucket when it advances.
+    const bool single = shards_.size() == 1;
+    std::int64_t other = single ? firstCandidateBucket(shards_.front()) : firstBucket();
+    if (also >= 0) other = std::min(other, first().bucketOf(also));
+    if (other == BucketCalendar::no_bucket && (!single || first().size() == 0)) return false;
+    bool found = false;
+    for (Shard& shard : shards_) found = shard.calendar.advance(until, other);
+    if (!found) return false;
+    const ModelTime start = first().windowStart();
+    window_end = first().windowEnd();
+    window_start = start;
+    if (windows_without_runs_ != 0) --windows_without_runs_;
+    return true;
+}
+
+std::size_t WindowCalendar::openedCount() const {
+    if (store_) return 0;
+    std::size_t count = 0;
+    for (const Shard& shard : shards_) count += shard.calendar.current().size();
+    return count;
+}
+
+void WindowCalendar::takeEvents(std::size_t shard_index, WindowEvents& events) {
+    if (store_) return events.addAll(copied_);
+    Shard& shard = shards_[shard_index];
+    const EventList& bucket = shard.calendar.current();
     const auto begin = [&](std::size_t candidate_count) {
-        events.begin(candidate_count, bucket,
-                     bucket.runs.isEmpty() ? SynapseGraph::RoutedTransmissions()
-                                           : graph_.routedTransmissions());
+        WindowEvents::RunEntries entries;
+        if (!bucket.runs.isEmpty()) {
+            entries.of_section = shards_.size() > 1;
+            if (entries.of_section) {
+                entries.section = graph_.sectionEntries(shard_index);
+            } else {
+                entries.routed = graph_.routedTransmissions();
+            }
+        }
+        events.begin(candidate_count, bucket, entries);
     };
-    const std::span<const NodeId> due = tree_.take(end, begin);
+    const std::span<const NodeId> due = shard.tree.take(shard.calendar.windowEnd(), begin);
 
     // From here on nothing can fail.
     events.add(due, slots_, bucket);
-    taken_ = calendar_.take();
-    if (windows_without_runs_ != 0) --windows_without_runs_;
-    window_start = start;
-    window_end = end;
-    return true;
+    shard.taken = shard.calendar.take();
 }
 
 Blob WindowCalendar::snapshot() {
     if (store_) return store_->snapshot();
     std::vector<Event> events;
-    events.reserve(calendar_.size() + tree_.pendingCount());
-    calendar_.forEachSingle([&](const auto& record) { events.push_back(unpackedEvent(record)); });
-    const auto add = [&](const PackedDelivery& delivery) { events.push_back(delivery.unpacked()); };
-    calendar_.forEachRun([&](const DeliveryRun& run) { graph_.visitDeliveries(run, add); });
-    for (NodeId neuron = 0; neuron < slots_.size(); ++neuron) {
-        if (tree_.isPending(neuron)) events.push_back(candidateEvent(neuron, slots_[neuron]));
+    std::uint64_t count = 0;
+    for (const Shard& shard : shards_) count += shard.calendar.size() + shard.tree.pendingCount();
+    events.reserve(count);
+    for (std::size_t s = 0; s < shards_.size(); ++s) {
+        const Shard& shard = shards_[s];
+        shard.calendar.forEachSingle(
+            [&](const auto& record) { events.push_back(unpackedEvent(record)); });
+        const auto add = [&](const PackedDelivery& delivery) {
+            events.push_back(delivery.unpacked());
+        };
+        shard.calendar.forEachRun([&](const DeliveryRun& run) { visitDeliveries(run, s, add); });
+        for (NodeId neuron = shard.begin; neuron < shard.end; ++neuron) {
+            if (shard.tree.isPending(neuron)) {
+                events.push_back(candidateEvent(neuron, slots_[neuron]));
+            }
+        }
     }
-    return calendar_.snapshotOf(std::move(events));
+    return first().snapshotOf(std::move(events));
 }
 
 bool WindowCalendar::restore(BlobView blob, LargeArray<CandidateSlot>&& slots, bool needs_buckets) {
@@ -128,12 +314,13 @@ bool WindowCalendar::restore(BlobView blob, LargeArray<CandidateSlot>&& slots, b
     return true;
 }
 
+/// The calendar is then one shard.
 bool WindowCalendar::restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots,
                                 bool needs_buckets) {
     CandidateTree tree;
     tree.reset(slots.size());
     PendingIds ids;
-    std::optional<BucketCalendar> calendar = calendar_.read(blob, ids, [&](const Event& event) {
+    std::optional<BucketCalendar> calendar = first().read(blob, ids, [&](const Event& event) {
         if (event.target >= slots.size() || tree.isPending(event.target) ||
             !isCandidateOf(slots[event.target], event)) {
             return false;
@@ -155,12 +342,10 @@ bool WindowCalendar::restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots,
     std::unique_ptr<IEventStore> store;
     if (neuron < slots.size()) {
         if (needs_buckets) return false;
-        store = std::make_unique<BucketEventStore>(calendar_.bucketWidth(), bucket_count);
+        store = std::make_unique<BucketEventStore>(first().bucketWidth(), bucket_count);
         if (!store->restore(blob)) return false;
     }
-    taken_ = {};
-    calendar_ = std::move(*calendar);
-    tree_ = std::move(tree);
+    becomeOneShard(std::move(*calendar), std::move(tree));
     store_ = std::move(store);
     return true;
 }
@@ -168,15 +353,27 @@ bool WindowCalendar::restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots,
 void WindowCalendar::resume(LargeArray<CandidateSlot>&& candidates,
                             std::optional<std::int64_t> next_window,
                             std::span<const Event> events) {
-    BucketCalendar calendar(calendar_.bucketWidth(), bucket_count);
+    BucketCalendar calendar(first().bucketWidth(), bucket_count);
     if (next_window) calendar.resumeAt(*next_window);
     for (const Event& event : events) calendar.post(event);
-    tree_.reset(candidates.size());
+    CandidateTree tree;
+    tree.reset(candidates.size());
 
     // From here on nothing can fail.
-    taken_ = {};
-    calendar_ = std::move(calendar);
+    becomeOneShard(std::move(calendar), std::move(tree));
     slots_ = std::move(candidates);
+}
+
+void WindowCalendar::becomeOneShard(BucketCalendar&& calendar, CandidateTree&& tree) noexcept {
+    shards_.erase(shards_.begin() + 1, shards_.end());
+    Shard& only = shards_.front();
+    only.end = slots_.size();
+    only.taken = {};
+    only.calendar = std::move(calendar);
+    only.tree = std::move(tree);
+    ends_.clear();
+    reaches_outside_ = false;
+    graph_.undivide();
 }
 
 }  // namespace Lumenar::Core::Kelm

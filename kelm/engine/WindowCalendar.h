@@ -9,6 +9,7 @@
 #include "kelm/core/Blob.h"
 #include "kelm/core/LargePages.h"
 #include "kelm/core/ModelTime.h"
+#include "kelm/core/ShardRanges.h"
 #include "kelm/engine/WindowEvents.h"
 #include "kelm/events/BucketCalendar.h"
 #include "kelm/events/CandidateSlot.h"
@@ -32,7 +33,13 @@ namespace Lumenar::Core::Kelm {
 /// A calendar of its own keeps the deliveries of a spike as one run where the graph defers them.
 /// After weights have changed, it posts deliveries one by one for some windows.
 ///
-/// The calendar borrows its graph, which must outlive it. Used by one thread at a time.
+/// A calendar of its own has one shard or several. A shard is a range of neurons, with their
+/// candidates and the events that wait for them. All shards have one cursor and one sequence of
+/// ids, so ids, order and snapshot do not depend on the number of shards. What takes a shard as an
+/// argument may be called for several shards at once.
+///
+/// The calendar borrows its graph, which must outlive it. Used by one thread at a time, except as
+/// said.
 class WindowCalendar final : private IRunHolder {
 public:
     /// A calendar of its own for the neurons of `graph`; `d_min` in ns, at least 1.
@@ -45,14 +52,23 @@ public:
     WindowCalendar& operator=(const WindowCalendar&) = delete;
     ~WindowCalendar() override { graph_.releaseHolder(*this); }
 
+    /// 1 where the events lie in a store.
+    std::size_t shardCount() const { return shards_.size(); }
+    /// Makes `count` shards, at most one a neuron; a store stays one shard. Call it between
+    /// windows. May throw std::bad_alloc, with nothing changed.
+    void setShards(std::size_t count);
+    /// The first neuron of a shard, and the neuron behind its last one.
+    NodeId shardBegin(std::size_t shard) const { return shards_[shard].begin; }
+    NodeId shardEnd(std::size_t shard) const { return shards_[shard].end; }
+
     /// Width of a window in ns; no value where the events lie in a store.
     std::optional<ModelTime> windowWidth() const {
-        return store_ ? std::nullopt : std::optional(calendar_.bucketWidth());
+        return store_ ? std::nullopt : std::optional(first().bucketWidth());
     }
 
     /// The first time in ns at which a post is accepted; no value where the events lie in a store.
     std::optional<ModelTime> openFrom() const {
-        return store_ ? std::nullopt : std::optional(calendar_.openFrom());
+        return store_ ? std::nullopt : std::optional(first().openFrom());
     }
     /// The start in ns of the next window that holds an event, or last_model_time; no value where
     /// the events lie in a store.
@@ -64,18 +80,52 @@ public:
 
     /// Posts an event and returns its id. Throws what the store throws, or LookaheadViolation for a
     /// time in a window already handed out, or before 0.
-    std::uint64_t post(const Event& event) {
-        return store_ ? store_->post(event) : calendar_.post(event);
-    }
+    std::uint64_t post(const Event& event);
 
     /// Posts the deliveries of a spike of `source` at `time` ns; throws as SynapseGraph::deliver.
     void deliver(NodeId source, ModelTime time) {
         if (store_) {
             graph_.deliver(source, time, *store_);
+        } else if (shards_.size() > 1) {
+            deliverSerially(source, time);
         } else if (!postsRuns() || !deliverRun(source, time)) {
-            graph_.deliver(source, time, calendar_);
+            graph_.deliver(source, time, first());
         }
     }
+
+    // Of several shards, one by one: what deliver and schedule do, with ids that the caller counts.
+
+    /// Whether shards may be posted to one by one: no post of the window can fail, and the graph is
+    /// the calendar's.
+    bool canPostApart(ModelTime window_end);
+    /// Divides the graph as the neurons are. Returns whether its sections must be built, with as
+    /// many parts of each step as there are shards. May throw std::bad_alloc.
+    bool divideGraph();
+    /// The first id that is not given yet.
+    std::uint64_t nextId() const { return first().nextId(); }
+    void setNextId(std::uint64_t id) { first().setNextId(id); }
+    /// What the deliveries of a spike of `source` have in common. Called by the shard of `source`.
+    SynapseGraph::Transmission transmissionOf(NodeId source) {
+        return graph_.transmissionOf(source, postsRuns());
+    }
+    void prefetchTransmission(NodeId source) const { graph_.prefetchTransmission(source); }
+    /// Posts the deliveries of a spike to the neurons of a shard. `id`: of the first delivery of
+    /// the spike to any neuron. `run_delay`: the delay of transmissionOf. May throw std::bad_alloc.
+    void deliverTo(std::size_t shard, NodeId source, ModelTime time, std::uint64_t id,
+                   ModelTime run_delay);
+    /// Prefetches what deliverTo reads.
+    void prefetchDelivery(std::size_t shard, NodeId source) const {
+        graph_.prefetchRun(source, shard);
+    }
+    /// Schedules the candidate of a neuron of a shard as schedule does, without an id.
+    void scheduleIn(std::size_t shard, NodeId neuron, ModelTime time, double rate) noexcept {
+        slots_[neuron] = {time, rate, no_event};
+        if (time < 0) return shards_[shard].tree.cancel(neuron);
+        shards_[shard].tree.schedule(neuron, time);
+    }
+    void setCandidateId(NodeId neuron, std::uint64_t id) { slots_[neuron].event_id = id; }
+    /// Undoes the schedule of a neuron in the current window.
+    void unschedule(std::size_t shard, NodeId neuron, const CandidateSlot& slot) noexcept;
 
     /// Prefetches what deliver for a spike of `source` reads.
     void prefetchSynapses(NodeId source) const { graph_.prefetchSynapses(source, postsRuns()); }
@@ -86,17 +136,18 @@ public:
         if (store_) return scheduleInStore(neuron, time, rate);
         CandidateSlot& slot = slots_[neuron];
         slot = {time, rate, no_event};
-        if (time < 0) return tree_.cancel(neuron);
-        if (calendar_.isPast(time)) refusePast(neuron);
-        tree_.schedule(neuron, time);
-        slot.event_id = calendar_.issueId();
+        CandidateTree& tree = shardOf(neuron).tree;
+        if (time < 0) return tree.cancel(neuron);
+        if (first().isPast(time)) refusePast(neuron);
+        tree.schedule(neuron, time);
+        slot.event_id = first().issueId();
     }
 
-    /// Prefetches what schedule for `neuron` writes.
-    void prefetch(NodeId neuron) const {
+    /// Prefetches what schedule for `neuron`, which lies in `shard`, writes.
+    void prefetch(std::size_t shard, NodeId neuron) const {
         prefetchLine(&slots_[neuron]);
         prefetchLine(&slots_[neuron].event_id);
-        if (!store_) tree_.prefetch(neuron);
+        if (!store_) shards_[shard].tree.prefetch(neuron);
     }
 
     /// Takes the next window that holds an event or the time `also` in ns, if it starts before
@@ -107,7 +158,18 @@ public:
     /// end lies beyond the range of ModelTime. In a calendar of its own the window is then still
     /// there.
     bool takeWindow(ModelTime until, ModelTime also, WindowEvents& events, ModelTime& window_start,
+                    ModelTime& window_end) {
+        if (!openWindow(until, also, window_start, window_end)) return false;
+        takeEvents(0, events);
+        return true;
+    }
+    /// The two steps of takeWindow for several shards: the second one for each shard, with events
+    /// of its neurons. If one throws, the run cannot go on.
+    bool openWindow(ModelTime until, ModelTime also, ModelTime& window_start,
                     ModelTime& window_end);
+    void takeEvents(std::size_t shard, WindowEvents& events);
+    /// Events in the opened window, without candidates; 0 where the events lie in a store.
+    std::size_t openedCount() const;
 
     /// Blob of the store, or of a BucketEventStore that holds the same events.
     Blob snapshot();
@@ -131,6 +193,33 @@ private:
     /// run would only be expanded, which costs a little more than single deliveries.
     static constexpr int pause_windows = 16;
 
+    /// A range of neurons. Unused while there is a store.
+    struct Shard {
+        Shard(NodeId begin, NodeId end, BucketCalendar calendar);
+
+        NodeId begin;
+        NodeId end;
+        BucketCalendar calendar;  ///< the events that wait for the neurons
+        CandidateTree tree;       ///< times of their pending candidates
+        EventList taken;          ///< the last window's events
+    };
+    BucketCalendar& first() { return shards_.front().calendar; }
+    const BucketCalendar& first() const { return shards_.front().calendar; }
+    Shard& shardOf(NodeId neuron) {
+        return shards_.size() == 1 ? shards_.front() : shards_[indexOf(neuron)];
+    }
+    std::size_t indexOf(NodeId neuron) const {
+        // A graph that a hook has replaced may have more neurons.
+        if (neuron >= slots_.size()) return shards_.size() - 1;
+        return Kernel::shardOf(slots_.size(), static_cast<std::uint32_t>(shards_.size()), neuron);
+    }
+    template <class Record>
+    std::uint64_t postTo(NodeId target, const Record& record);
+    void deliverSerially(NodeId source, ModelTime time);
+    std::vector<Shard> emptyShards(std::size_t count) const;
+    void becomeOneShard(BucketCalendar&& calendar, CandidateTree&& tree) noexcept;
+    std::int64_t firstBucket();
+
     bool postsRuns() const { return !store_ && windows_without_runs_ == 0; }
     /// False if the graph does not defer the deliveries.
     bool deliverRun(NodeId source, ModelTime time) {
@@ -139,25 +228,29 @@ private:
         if (graph_.nodeCount() != slots_.size()) return false;
         const std::optional<DeliveryRun> run = graph_.deferRun(source, time, *this);
         if (!run) return false;
-        calendar_.postRun(*run);
+        first().postRun(*run);
         return true;
     }
     void expandRuns() override;
+    template <class Visit>
+    void visitDeliveries(const DeliveryRun& run, std::size_t shard, Visit visit) const {
+        if (shards_.size() == 1) return graph_.visitDeliveries(run, visit);
+        graph_.visitDeliveries(run, shard, visit);
+    }
     bool restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots, bool needs_buckets);
     void scheduleInStore(NodeId neuron, ModelTime time, double rate);
     [[noreturn]] void refusePast(NodeId neuron);
-    std::int64_t firstCandidateBucket();
+    std::int64_t firstCandidateBucket(Shard& shard);
 
     SynapseGraph& graph_;
     LargeArray<CandidateSlot> slots_;  ///< shape (neurons)
-    // Unused while there is a store.
-    BucketCalendar calendar_;
-    CandidateTree tree_;            ///< times of the pending candidates
-    EventList taken_;               ///< the last window's events
-    int windows_without_runs_ = 0;  ///< windows until deliveries are deferred again
+    std::vector<NodeId> ends_;         ///< of the shards; empty for one
+    std::vector<Shard> shards_;        ///< ascending; the calendar of the first one counts the ids
+    int windows_without_runs_ = 0;     ///< windows until deliveries are deferred again
+    bool reaches_outside_ = false;     ///< several shards hold an event of a foreign neuron
 
     bool store_is_given_ = false;
-    std::unique_ptr<IEventStore> store_;  ///< null where the events lie in calendar_ and tree_
+    std::unique_ptr<IEventStore> store_;  ///< null where the events lie in the shards
     std::vector<Event> copied_;           ///< the last window's events, out of store_
 };
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cstring>
+#include <exception>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -23,6 +24,8 @@ namespace {
 constexpr std::size_t prefetch_distance = 16;
 /// How many items ahead the synapses of a neuron that has fired are prefetched.
 constexpr std::size_t commit_distance = 8;
+/// How many windows choose the number of shards.
+constexpr std::size_t load_windows = 64;
 constexpr const char* spontaneous_name = "spontaneous";
 constexpr std::uint64_t first_observation_id = 0x7fffffffffffffff;
 constexpr BlobTag format_tag("KELMWEN3");
@@ -62,13 +65,34 @@ std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index) {
     return Runtime::RandomContext::deriveStreamState(seed, spontaneous_name, index);
 }
 
-/// Working storage of one run, cleared but not released from window to window.
-struct WindowEngine::Window {
-    explicit Window(std::uint64_t node_count) : events(node_count) {}
+/// Working storage of a shard in one run, cleared but not released from window to window.
+struct WindowEngine::Shard {
+    Shard(std::size_t place, NodeId first_neuron, NodeId end_neuron)
+        : index(place),
+          events(end_neuron - first_neuron, first_neuron),
+          begin(first_neuron),
+          end(end_neuron) {}
 
-    ModelTime start = 0;
-    ModelTime end = 0;
+    /// A spike whose deliveries are not posted yet.
+    struct Spike {
+        ModelTime time;
+        NodeId neuron;
+        std::uint64_t id;     ///< of its first delivery, counted from the shard's first id
+        ModelTime run_delay;  ///< as WindowCalendar::deliverTo takes it
+    };
+    /// A committed neuron as it was before the window. The first shard has none.
+    struct Committed {
+        NodeId neuron;
+        std::uint64_t id;  ///< of its new candidate, counted from the shard's first id
+        Kernel::State state;
+        std::uint64_t rng;
+        CandidateSlot slot;
+    };
+
+    std::size_t index;
     WindowEvents events;
+    NodeId begin;            ///< its first neuron
+    NodeId end;              ///< behind its last neuron
     std::size_t built = 0;   ///< events whose items have been built
     NodeId next_target = 0;  ///< of placed events: no neuron from here on has an item yet
 
@@ -80,6 +104,33 @@ struct WindowEngine::Window {
     std::span<const Kernel::WindowEvent> item_events;  ///< item by item
     std::vector<Kernel::WindowEvent> copied_events;    ///< item_events that are not placed
     bool hook_had_items = false;  ///< a prepare hook may have changed items of this run
+
+    // Of several shards: what the window has committed, and what is still to be posted.
+    std::vector<Spike> spikes;
+    std::vector<Committed> committed;
+    std::uint64_t id_count = 0;
+    std::uint64_t first_id = 0;
+    WindowProfile counts;
+    std::size_t next_given = 0;  ///< of Window::given, the first one not committed
+    std::exception_ptr failure;
+};
+
+/// Working storage of one run, cleared but not released from window to window.
+struct WindowEngine::Window {
+    ModelTime start = 0;
+    ModelTime end = 0;
+    std::vector<Shard> shards;
+    std::size_t event_count = 0;  ///< without candidates until the events are taken
+    bool taken = false;           ///< the events lie in the shards
+
+    // The items of the window, or of the current part. Empty for parts of several shards.
+    std::span<WindowWork> work;  ///< ascending by neuron
+    std::span<Kernel::WindowResult> results;
+    std::span<const Kernel::WindowEvent> item_events;
+    // Where they lie for several shards.
+    std::vector<WindowWork> gathered_work;
+    std::vector<Kernel::WindowResult> gathered_results;
+    std::vector<Kernel::WindowEvent> gathered_events;
 
     std::vector<SpikeRecord> given;   ///< of the window, by neuron, then time
     std::size_t committed_given = 0;  ///< of them
@@ -236,6 +287,7 @@ void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
         if (stopped_) return;
         control_->begin(processed_until_);
     }
+    team_ = backend.team();
     running_ = true;
     stopped_ = runWindows(backend, until);
     running_ = false;
@@ -244,10 +296,9 @@ void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
 
 /// Returns whether the run was stopped before `until`.
 bool WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
-    Window window(graph_.nodeCount());
+    Window window;
+    setShards(window, firstShardCount());
     while (takeWindow(until, window)) {
-        // The observer may change the graph.
-        if (observationDue(window.start)) window.events.copyRuns();
         deliverObservations(window, window.start, false);
         window.log_mark = log_.size();
         computeAndCommit(window, backend);
@@ -260,9 +311,11 @@ bool WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
         deliverObservations(window, window.end, true);
         if (next_sample_ < window.end) takeSamples(window, window.end, true);
         processed_until_ = window.end;
-        if (control_ != nullptr && control_->isDue(window.events.size()) &&
-            stopsAfterWindow(until)) {
-            return true;
+        if (team_ != nullptr) setShards(window, nextShardCount(window.event_count));
+        if (control_ != nullptr && control_->isDue(window.event_count)) {
+            if (stopsAfterWindow(until)) return true;
+            // The callback may have restored the engine, which is then one shard.
+            setShards(window, calendar_.shardCount());
         }
     }
     // The observer may post an event before the end.
@@ -270,6 +323,42 @@ bool WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
     deliverObservations(window, until, false);
     takeSamples(window, until, false);
     return false;
+}
+
+/// The number of shards for the first window of a run.
+std::size_t WindowEngine::firstShardCount() const {
+    if (team_ == nullptr) return 1;
+    const std::size_t most = team_->shardsFor(states_.size());
+    return team_->threshold() <= 1 ? most : std::min(most, calendar_.shardCount());
+}
+
+/// The number of shards after a window. In small windows several shards cost time and gain none. A
+/// change takes a pass over neurons and synapses, so the events since the last one must outweigh
+/// it; the first division comes at once.
+std::size_t WindowEngine::nextShardCount(std::size_t events) {
+    ShardLoad& load = shard_load_;
+    const std::size_t present = calendar_.shardCount();
+    load.events_since_change += events;
+    load.events += events;
+    if (++load.windows < (load.was_divided ? load_windows : 1)) return present;
+    const std::size_t mean = load.events / load.windows;
+    load.events = load.windows = 0;
+    const std::uint64_t change = (graph_.edgeCount() + states_.size()) / 4;
+    if (load.was_divided && load.events_since_change < change) return present;
+    std::size_t wanted = present;
+    if (mean >= team_->threshold()) wanted = team_->shardsFor(states_.size());
+    if (mean < team_->threshold() / 2) wanted = 1;
+    if (wanted != present) load = {.was_divided = true};
+    return wanted;
+}
+
+void WindowEngine::setShards(Window& window, std::size_t count) {
+    calendar_.setShards(count);
+    if (window.shards.size() == calendar_.shardCount()) return;
+    window.shards.clear();
+    for (std::size_t s = 0; s < calendar_.shardCount(); ++s) {
+        window.shards.emplace_back(s, calendar_.shardBegin(s), calendar_.shardEnd(s));
+    }
 }
 
 bool WindowEngine::stopsAfterWindow(ModelTime until) {
@@ -284,17 +373,35 @@ bool WindowEngine::stopsAfterWindow(ModelTime until) {
 /// Takes the next window and sorts its events by target. Those of one target are in order if the
 /// window is dense; otherwise buildFromKeys puts them in order.
 bool WindowEngine::takeWindow(ModelTime until, Window& window) {
-    if (!calendar_.takeWindow(until, nextGivenTime(), window.events, window.start, window.end)) {
-        return false;
+    if (!calendar_.openWindow(until, nextGivenTime(), window.start, window.end)) return false;
+    window.event_count = calendar_.openedCount();
+    window.work = {};
+    takeGivenSpikes(window);
+    window.taken = window.shards.size() == 1 || observationDue(window.start);
+    if (window.taken) {
+        forShards(window, [&](std::size_t s) { takeEvents(window.shards[s], s); });
+        countEvents(window);
     }
+    return true;
+}
+
+void WindowEngine::takeEvents(Shard& shard, std::size_t index) {
+    calendar_.takeEvents(index, shard.events);
     // Possible with a store that was given, and after a restore from a forged blob.
-    if (window.events.reachesOutside()) {
+    if (shard.events.reachesOutside()) {
         throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
     }
-    window.events.sortByTarget();
-    window.built = 0;
-    window.next_target = 0;
+    shard.events.sortByTarget();
+    shard.built = 0;
+    shard.next_target = shard.begin;
+}
 
+void WindowEngine::countEvents(Window& window) {
+    window.event_count = 0;
+    for (const Shard& shard : window.shards) window.event_count += shard.events.size();
+}
+
+void WindowEngine::takeGivenSpikes(Window& window) {
     const std::size_t end = next_given_ == given_.size() ? next_given_ : firstGivenFrom(window.end);
     window.given.assign(given_.begin() + static_cast<std::ptrdiff_t>(next_given_),
                         given_.begin() + static_cast<std::ptrdiff_t>(end));
@@ -305,31 +412,287 @@ bool WindowEngine::takeWindow(ModelTime until, Window& window) {
               });
     window.committed_given = 0;
     next_given_ = end;
-    return true;
+}
+
+/// Runs task(s) for each shard, side by side if the window is large. Throws what the first shard
+/// in the order of neurons throws.
+template <class Task>
+void WindowEngine::forShards(Window& window, Task task, bool side_by_side) {
+    if (window.shards.size() == 1) return task(0);
+    const auto guarded = [&](std::size_t s) {
+        try {
+            task(s);
+        } catch (...) {
+            window.shards[s].failure = std::current_exception();
+        }
+    };
+    for (Shard& shard : window.shards) shard.failure = nullptr;
+    if (side_by_side && team_ != nullptr && window.event_count >= team_->threshold()) {
+        team_->run(window.shards.size(), guarded);
+    } else {
+        for (std::size_t s = 0; s < window.shards.size(); ++s) guarded(s);
+    }
+    for (const Shard& shard : window.shards) {
+        if (shard.failure) std::rethrow_exception(shard.failure);
+    }
 }
 
 /// Builds, computes and commits all items of a window, part by part. No item reads what the commit
 /// of another one writes, so parts leave the same results as the whole.
 void WindowEngine::computeAndCommit(Window& window, IWindowBackend& backend) {
-    const std::size_t part_items = needsWholeWindow(window)
-                                       ? IWindowBackend::whole_window
-                                       : std::max<std::size_t>(backend.partItems(), 1);
+    const bool whole = needsWholeWindow(window);
+    if (window.shards.size() > 1) return computeShards(window, backend, whole);
+    Shard& shard = window.shards.front();
+    const std::size_t part_items =
+        whole ? IWindowBackend::whole_window : std::max<std::size_t>(backend.partItems(), 1);
     do {
-        const bool first_part = window.built == 0;
-        buildWork(window, part_items);
-        const std::span<WindowWork> work(window.work.data(), window.item_count);
+        const bool first_part = shard.built == 0;
+        buildWork(shard, window.start, part_items);
+        window.work = {shard.work.data(), shard.item_count};
+        window.results = {shard.results.data(), shard.item_count};
+        window.item_events = shard.item_events;
         if (prepare_hook_ != nullptr) {
-            prepare_hook_->prepare(window.start, window.end, work, graph_);
+            prepare_hook_->prepare(window.start, window.end, window.work, graph_);
         }
-        backend.processWindow(work, window.item_events, window.end, horizon_, uniformNeuron(),
-                              uniformFiring(), {window.results.data(), window.item_count});
+        backend.processWindow(window.work, window.item_events, window.end, horizon_,
+                              uniformNeuron(), uniformFiring(), window.results);
         if (first_part) {
             ++profile_.windows;
-            profile_.deliveries += window.events.size();
+            profile_.deliveries += window.event_count;
         }
         commitItems(window);
-    } while (window.built < window.events.size());
+    } while (shard.built < shard.events.size());
     commitGivenSpikes(window, graph_.nodeCount());
+}
+
+/// Whether the shards may commit side by side. Prepares the graph for it.
+bool WindowEngine::canCommitApart(Window& window) {
+    if (team_ == nullptr || !calendar_.canPostApart(window.end) ||
+        !random_.canAdvanceApart(spontaneous_, states_.size())) {
+        return false;
+    }
+    if (calendar_.divideGraph()) {
+        using Step = SynapseGraph::BuildStep;
+        for (const Step step : {Step::count, Step::lay_out, Step::fill}) {
+            forShards(window, [&](std::size_t s) { graph_.buildSections(step, s); });
+        }
+    }
+    return true;
+}
+
+/// The same for several shards. Parts need no hook and no observer, so each shard computes and
+/// commits its own. A whole window is put together first, because the hook sees all of its items at
+/// once; the hook may also change the graph.
+void WindowEngine::computeShards(Window& window, IWindowBackend& backend, bool whole) {
+    for (Shard& shard : window.shards) {
+        shard.spikes.clear();
+        shard.committed.clear();
+        shard.id_count = 0;
+        shard.counts = {};
+        const auto given = std::partition_point(
+            window.given.begin(), window.given.end(),
+            [&](const SpikeRecord& spike) { return spike.neuron < shard.begin; });
+        shard.next_given = static_cast<std::size_t>(given - window.given.begin());
+    }
+    if (!whole && canCommitApart(window)) {
+        IWindowBackend& parts = team_->backend();
+        const std::size_t part_items = parts.partItems();
+        return commitShards(window, [&](std::size_t s) {
+            Shard& shard = window.shards[s];
+            if (!window.taken) takeEvents(shard, s);
+            while (shard.built < shard.events.size()) {
+                buildWork(shard, window.start, part_items);
+                const std::span<WindowWork> work(shard.work.data(), shard.item_count);
+                const std::span<Kernel::WindowResult> results(shard.results.data(),
+                                                              shard.item_count);
+                parts.processWindow(work, shard.item_events, window.end, horizon_, uniformNeuron(),
+                                    uniformFiring(), results);
+                commitApart(window, s, work, results);
+            }
+        });
+    }
+
+    if (!window.taken) {
+        forShards(window, [&](std::size_t s) { takeEvents(window.shards[s], s); });
+        countEvents(window);
+    }
+    // The first read of a stream that does not lie in the array makes it.
+    forShards(
+        window,
+        [&](std::size_t s) {
+            buildWork(window.shards[s], window.start, IWindowBackend::whole_window);
+        },
+        random_.canAdvanceApart(spontaneous_, states_.size()));
+    gatherItems(window);
+    if (prepare_hook_ != nullptr) {
+        prepare_hook_->prepare(window.start, window.end, window.work, graph_);
+    }
+    backend.processWindow(window.work, window.item_events, window.end, horizon_, uniformNeuron(),
+                          uniformFiring(), window.results);
+    if (!canCommitApart(window)) {
+        ++profile_.windows;
+        profile_.deliveries += window.event_count;
+        commitItems(window);
+        return commitGivenSpikes(window, graph_.nodeCount());
+    }
+    commitShards(window, [&](std::size_t s) {
+        std::size_t first = 0;
+        for (std::size_t other = 0; other < s; ++other) first += window.shards[other].item_count;
+        const std::size_t count = window.shards[s].item_count;
+        commitApart(window, s, window.work.subspan(first, count),
+                    window.results.subspan(first, count));
+    });
+}
+
+/// Calls commit(s) for each shard, then finishes the window. If a shard fails, what lies before the
+/// failure in the order of neurons is committed, as by one shard.
+template <class Commit>
+void WindowEngine::commitShards(Window& window, Commit commit) {
+    try {
+        forShards(window, [&](std::size_t s) {
+            commit(s);
+            commitGivenApart(window, s, window.shards[s].end);
+        });
+    } catch (...) {
+        finishShards(window);
+        throw;
+    }
+    finishShards(window);
+}
+
+/// Puts the items of all shards and their events one behind the other.
+void WindowEngine::gatherItems(Window& window) {
+    std::size_t items = 0;
+    std::size_t events = 0;
+    for (const Shard& shard : window.shards) {
+        items += shard.item_count;
+        events += shard.item_events.size();
+    }
+    if (window.gathered_work.size() < items) {
+        window.gathered_work.resize(2 * items);
+        window.gathered_results.resize(2 * items);
+    }
+    if (window.gathered_events.size() < events) window.gathered_events.resize(2 * events);
+    forShards(window, [&](std::size_t s) {
+        std::size_t item = 0;
+        std::size_t event = 0;
+        for (std::size_t before = 0; before < s; ++before) {
+            item += window.shards[before].item_count;
+            event += window.shards[before].item_events.size();
+        }
+        const Shard& shard = window.shards[s];
+        std::copy(shard.item_events.begin(), shard.item_events.end(),
+                  window.gathered_events.begin() + static_cast<std::ptrdiff_t>(event));
+        for (std::size_t i = 0; i < shard.item_count; ++i) {
+            WindowWork& work = window.gathered_work[item + i] = shard.work[i];
+            work.first_event += static_cast<std::uint32_t>(event);
+        }
+    });
+    window.work = {window.gathered_work.data(), items};
+    window.results = {window.gathered_results.data(), items};
+    window.item_events = {window.gathered_events.data(), events};
+}
+
+/// Commits the results of a shard, but for its deliveries and the ids of its candidates.
+void WindowEngine::commitApart(Window& window, std::size_t s, std::span<const WindowWork> work,
+                               std::span<const Kernel::WindowResult> results) {
+    Shard& shard = window.shards[s];
+    const auto prefetch_fired = [&](std::size_t i) {
+        if (i < work.size() && results[i].spike_count != 0) {
+            calendar_.prefetchTransmission(work[i].neuron);
+        }
+    };
+    for (std::size_t i = 0; i < commit_distance; ++i) prefetch_fired(i);
+    Shard::Committed before{};
+    for (std::size_t i = 0; i < work.size(); ++i) {
+        prefetch_fired(i + commit_distance);
+        const NodeId n = work[i].neuron;
+        const Kernel::WindowResult& result = results[i];
+        if (shard.next_given < window.given.size()) commitGivenApart(window, s, n);
+        if (s != 0) {
+            before = {n, 0, states_[n], random_.rawState(spontaneous_, n),
+                      calendar_.candidates()[n]};
+        }
+        applyResult(n, result, shard.counts);
+        for (std::int32_t k = 0; k < result.spike_count; ++k) {
+            addSpike(shard, {result.spike_times[k], n});
+        }
+        calendar_.scheduleIn(s, n, result.next_candidate, result.next_bound);
+        if (s != 0) {
+            before.id = shard.id_count;
+            shard.committed.push_back(before);
+        } else if (result.next_candidate >= 0) {
+            // The ids of the first shard are known, and nothing before it can fail.
+            calendar_.setCandidateId(n, calendar_.nextId() + shard.id_count);
+        }
+        shard.id_count += result.next_candidate < 0 ? 0 : 1;
+    }
+}
+
+void WindowEngine::addSpike(Shard& shard, const SpikeRecord& spike) {
+    const SynapseGraph::Transmission transmission = calendar_.transmissionOf(spike.neuron);
+    shard.spikes.push_back({spike.time, spike.neuron, shard.id_count, transmission.delay});
+    shard.id_count += transmission.count;
+}
+
+/// Commits the given spikes of a shard whose neurons lie before `end`.
+void WindowEngine::commitGivenApart(Window& window, std::size_t s, NodeId end) {
+    Shard& shard = window.shards[s];
+    while (shard.next_given < window.given.size()) {
+        const SpikeRecord& spike = window.given[shard.next_given];
+        if (spike.neuron >= end) return;
+        addSpike(shard, spike);
+        ++shard.next_given;
+    }
+}
+
+/// Posts what commitApart has left, up to the first shard that has failed, and undoes the commits
+/// of the shards behind it.
+void WindowEngine::finishShards(Window& window) {
+    countEvents(window);
+    ++profile_.windows;
+    profile_.deliveries += window.event_count;
+    std::size_t last = 0;
+    while (last + 1 < window.shards.size() && !window.shards[last].failure) ++last;
+    std::uint64_t id = calendar_.nextId();
+    for (std::size_t s = 0; s < window.shards.size(); ++s) {
+        Shard& shard = window.shards[s];
+        shard.first_id = id;
+        if (s > last) {
+            for (const Shard::Committed& before : shard.committed) {
+                states_[before.neuron] = before.state;
+                random_.setState(spontaneous_, before.neuron, before.rng);
+                calendar_.unschedule(s, before.neuron, before.slot);
+            }
+            continue;
+        }
+        id += shard.id_count;
+        profile_.updates += shard.counts.updates;
+        profile_.candidates += shard.counts.candidates;
+        profile_.accepted += shard.counts.accepted;
+        for (const Shard::Spike& spike : shard.spikes) log_.push_back({spike.time, spike.neuron});
+        if (!shard.spikes.empty()) log_sorted_ = false;
+    }
+    forShards(window, [&](std::size_t s) {
+        if (s <= last) {
+            for (const Shard::Committed& entry : window.shards[s].committed) {
+                if (calendar_.candidates()[entry.neuron].time < 0) continue;
+                calendar_.setCandidateId(entry.neuron, window.shards[s].first_id + entry.id);
+            }
+        }
+        for (std::size_t from = 0; from <= last; ++from) {
+            const Shard& source = window.shards[from];
+            for (std::size_t i = 0; i < source.spikes.size(); ++i) {
+                if (i + commit_distance < source.spikes.size()) {
+                    calendar_.prefetchDelivery(s, source.spikes[i + commit_distance].neuron);
+                }
+                const Shard::Spike& spike = source.spikes[i];
+                calendar_.deliverTo(s, spike.neuron, spike.time, source.first_id + spike.id,
+                                    spike.run_delay);
+            }
+        }
+    });
+    calendar_.setNextId(id);
 }
 
 /// A prepare hook sees all items of a window at once, and an observation inside the window repeats
@@ -342,36 +705,36 @@ bool WindowEngine::needsWholeWindow(const Window& window) const {
 }
 
 /// Builds the next items, `item_limit` at most, each from the events of one target.
-void WindowEngine::buildWork(Window& window, std::size_t item_limit) {
-    window.item_count = 0;
-    if (const PlacedEvents* placed = window.events.placedEvents()) {
-        buildFromPlaced(window, *placed, item_limit);
+void WindowEngine::buildWork(Shard& shard, ModelTime window_start, std::size_t item_limit) {
+    shard.item_count = 0;
+    if (const PlacedEvents* placed = shard.events.placedEvents()) {
+        buildFromPlaced(shard, window_start, *placed, item_limit);
     } else {
-        buildFromKeys(window, item_limit);
+        buildFromKeys(shard, window_start, item_limit);
     }
 }
 
 /// Builds items whose events the backend reads in place.
-void WindowEngine::buildFromPlaced(Window& window, const PlacedEvents& placed,
+void WindowEngine::buildFromPlaced(Shard& shard, ModelTime window_start, const PlacedEvents& placed,
                                    std::size_t item_limit) {
-    const bool rewrites_parameters = mustRewriteParameters(window);
-    const std::size_t part = window.built;
+    const bool rewrites_parameters = mustRewriteParameters(shard);
+    const std::size_t part = shard.built;
     std::size_t first = part;
-    NodeId n = window.next_target;
-    for (; first < placed.size() && window.item_count < item_limit; ++n) {
+    NodeId n = shard.next_target;
+    for (; first < placed.size() && shard.item_count < item_limit; ++n) {
         const std::size_t end = placed.endOf(n);
         if (end == first) continue;
-        addItem(window, n, rewrites_parameters, first - part, end - first);
+        addItem(shard, window_start, n, rewrites_parameters, first - part, end - first);
         first = end;
     }
-    window.next_target = n;
-    window.built = first;
-    window.item_events = {placed.data() + part, first - part};
+    shard.next_target = n;
+    shard.built = first;
+    shard.item_events = {placed.data() + part, first - part};
 }
 
 /// Builds items and copies their events.
-void WindowEngine::buildFromKeys(Window& window, std::size_t item_limit) {
-    WindowEvents::Walk events = window.events.walk();
+void WindowEngine::buildFromKeys(Shard& shard, ModelTime window_start, std::size_t item_limit) {
+    WindowEvents::Walk events = shard.events.walk();
     // Prefetches what an item reads from here to its commit. Half of the states and slots lie
     // across two cache lines.
     const auto prefetch = [&, states = states_.data(),
@@ -382,17 +745,17 @@ void WindowEngine::buildFromKeys(Window& window, std::size_t item_limit) {
         prefetchLine(&states[n]);
         prefetchLine(&states[n].hazard_bound);
         if (n < streams.size()) prefetchLine(&streams[n]);
-        calendar_.prefetch(n);
+        calendar_.prefetch(shard.index, n);
     };
-    const bool rewrites_parameters = mustRewriteParameters(window);
-    const std::size_t part = window.built;
+    const bool rewrites_parameters = mustRewriteParameters(shard);
+    const std::size_t part = shard.built;
     std::size_t first = part;
-    while (first < events.size() && window.item_count < item_limit) {
+    while (first < events.size() && shard.item_count < item_limit) {
         const NodeId n = events.targetAt(first);
         const std::size_t end = events.orderTarget(first);
-        addItem(window, n, rewrites_parameters, first - part, end - first);
-        if (window.copied_events.size() < end - part) window.copied_events.resize(2 * (end - part));
-        Kernel::WindowEvent* entry = window.copied_events.data() + (first - part);
+        addItem(shard, window_start, n, rewrites_parameters, first - part, end - first);
+        if (shard.copied_events.size() < end - part) shard.copied_events.resize(2 * (end - part));
+        Kernel::WindowEvent* entry = shard.copied_events.data() + (first - part);
         for (; first < end; ++first, ++entry) {
             prefetch(first + prefetch_distance);
             const WindowEvents::Input input = events.inputAt(first);
@@ -401,33 +764,33 @@ void WindowEngine::buildFromKeys(Window& window, std::size_t item_limit) {
             entry->wake_only = input.wake_only;
         }
     }
-    window.built = first;
-    window.item_events = {window.copied_events.data(), first - part};
+    shard.built = first;
+    shard.item_events = {shard.copied_events.data(), first - part};
 }
 
 /// Adds the item of a neuron with `count` of the item events, from `first` on.
-void WindowEngine::addItem(Window& window, NodeId neuron, bool rewrites_parameters,
-                           std::size_t first, std::size_t count) {
-    if (window.item_count == window.work.size()) appendItem(window);
-    WindowWork& item = window.work[window.item_count++];
+void WindowEngine::addItem(Shard& shard, ModelTime window_start, NodeId neuron,
+                           bool rewrites_parameters, std::size_t first, std::size_t count) {
+    if (shard.item_count == shard.work.size()) appendItem(shard);
+    WindowWork& item = shard.work[shard.item_count++];
     if (rewrites_parameters) rewriteParameters(item, neuron);
-    readNeuron(item, neuron, window.start);
+    readNeuron(item, neuron, window_start);
     item.first_event = static_cast<std::uint32_t>(first);
     item.event_count = static_cast<std::uint32_t>(count);
 }
 
 /// Items stay from window to window. Where all neurons are alike, an item keeps the parameters and
 /// the empty drive that it was made with, unless a prepare hook may have changed them.
-bool WindowEngine::mustRewriteParameters(Window& window) const {
-    window.hook_had_items = window.hook_had_items || prepare_hook_ != nullptr;
-    return !parameters_.isUniform() || window.hook_had_items;
+bool WindowEngine::mustRewriteParameters(Shard& shard) const {
+    shard.hook_had_items = shard.hook_had_items || prepare_hook_ != nullptr;
+    return !parameters_.isUniform() || shard.hook_had_items;
 }
 
-void WindowEngine::appendItem(Window& window) const {
-    WindowWork& item = window.work.emplace_back();
+void WindowEngine::appendItem(Shard& shard) const {
+    WindowWork& item = shard.work.emplace_back();
     item.parameters = uniformNeuron();
     item.firing = uniformFiring();
-    window.results.emplace_back();
+    shard.results.emplace_back();
 }
 
 void WindowEngine::rewriteParameters(WindowWork& item, NodeId neuron) const {
@@ -456,28 +819,34 @@ void WindowEngine::readNeuron(WindowWork& item, NodeId neuron, ModelTime window_
 /// of the posts, and so every new id, is a function of the results alone.
 void WindowEngine::commitItems(Window& window) {
     const auto prefetch_fired = [&](std::size_t i) {
-        if (i < window.item_count && window.results[i].spike_count != 0) {
+        if (i < window.work.size() && window.results[i].spike_count != 0) {
             calendar_.prefetchSynapses(window.work[i].neuron);
         }
     };
     for (std::size_t i = 0; i < commit_distance; ++i) prefetch_fired(i);
-    for (std::size_t i = 0; i < window.item_count; ++i) {
+    for (std::size_t i = 0; i < window.work.size(); ++i) {
         prefetch_fired(i + commit_distance);
         const NodeId n = window.work[i].neuron;
         const Kernel::WindowResult& result = window.results[i];
-        if (result.bound_violation) throw WindowEngineError(WindowEngineError::bound_violation);
-        if (result.spike_overflow) throw WindowEngineError(WindowEngineError::spike_overflow);
-        states_[n] = result.state;
-        random_.advanceTo(spontaneous_, n, result.rng);
-        profile_.updates += result.updates;
-        profile_.candidates += result.candidates;
-        profile_.accepted += result.accepted;
         if (window.committed_given < window.given.size()) commitGivenSpikes(window, n);
+        applyResult(n, result, profile_);
         for (std::int32_t s = 0; s < result.spike_count; ++s) {
             commitSpike(n, result.spike_times[s]);
         }
         calendar_.schedule(n, result.next_candidate, result.next_bound);
     }
+}
+
+/// Commits what a result says of its neuron alone.
+void WindowEngine::applyResult(NodeId neuron, const Kernel::WindowResult& result,
+                               WindowProfile& profile) {
+    if (result.bound_violation) throw WindowEngineError(WindowEngineError::bound_violation);
+    if (result.spike_overflow) throw WindowEngineError(WindowEngineError::spike_overflow);
+    states_[neuron] = result.state;
+    random_.advanceTo(spontaneous_, neuron, result.rng);
+    profile.updates += result.updates;
+    profile.candidates += result.candidates;
+    profile.accepted += result.accepted;
 }
 
 void WindowEngine::commitSpike(NodeId neuron, ModelTime time) {
@@ -612,7 +981,7 @@ void WindowEngine::deliverObservations(Window& window, ModelTime limit, bool ins
 /// state from before the window. The random draws repeat, because an item holds the generator's
 /// state too.
 void WindowEngine::shadowRun(Window& window, ModelTime time) {
-    for (const WindowWork& item : std::span(window.work.data(), window.item_count)) {
+    for (const WindowWork& item : window.work) {
         const Kernel::WindowResult result = shadowWalk(window, item, time);
         window.shadow_states[item.neuron] = result.state;
         window.candidate_times[item.neuron] = result.next_candidate;
@@ -690,7 +1059,7 @@ void WindowEngine::rescheduleSamplers() {
 /// Takes the samples before `limit` ns. After the commit of a window, that window's items have the
 /// states from before it.
 void WindowEngine::takeSamples(const Window& window, ModelTime limit, bool after_commit) {
-    const std::span items(window.work.data(), after_commit ? window.item_count : 0);
+    const std::span<const WindowWork> items = after_commit ? window.work : std::span<WindowWork>();
     std::vector<StateSample> samples;
     for (; next_sample_ < limit; rescheduleSamplers()) {
         const ModelTime time = next_sample_;

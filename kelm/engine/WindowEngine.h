@@ -8,6 +8,7 @@
 #include "kelm/core/Blob.h"
 #include "kelm/core/LargePages.h"
 #include "kelm/core/RandomContext.h"
+#include "kelm/engine/IShardTeam.h"
 #include "kelm/engine/IWindowBackend.h"
 #include "kelm/engine/ParameterTable.h"
 #include "kelm/engine/RunControl.h"
@@ -36,6 +37,12 @@ std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index);
 /// serial commit in ascending NodeId, commit hook, observations inside it. All ids, and with them
 /// all ties, are a function of the results alone, so a run does not depend on how or where the
 /// backend computes.
+///
+/// If the backend has a team of threads, the network is divided into shards: ranges of neurons,
+/// each with its candidates and the events that wait for it. The shards take, compute and commit
+/// their parts of a window side by side. Each counts the ids that its commits take. The sums of
+/// these counts give the first id of each shard, and each shard then posts the deliveries of all
+/// spikes of the window to its own neurons. So all ids are those of the serial commit.
 ///
 /// Between two windows the state is complete. After a throw out of run the engine may only be read
 /// or destroyed, unless a run control's callback threw. It is neither copied nor moved. Hooks and
@@ -232,8 +239,16 @@ public:
     bool hasExternalEvents() const { return external_events_; }
 
 private:
+    struct Shard;
     struct Window;
     struct Assembled {};
+    /// What chooses the number of shards.
+    struct ShardLoad {
+        bool was_divided = false;
+        std::uint64_t events_since_change = 0;
+        std::size_t windows = 0;  ///< since the last choice
+        std::size_t events = 0;   ///< in them
+    };
 
     /// All public constructors end here. The arguments are references, because the others read the
     /// graph's neuron count.
@@ -248,20 +263,42 @@ private:
     void flushPendingRandomStates();
     bool runWindows(IWindowBackend& backend, ModelTime until);
     bool takeWindow(ModelTime until, Window& window);
+    void takeGivenSpikes(Window& window);
+    void takeEvents(Shard& shard, std::size_t index);
+    static void countEvents(Window& window);
     void computeAndCommit(Window& window, IWindowBackend& backend);
     bool needsWholeWindow(const Window& window) const;
-    void buildWork(Window& window, std::size_t item_limit);
-    void buildFromPlaced(Window& window, const PlacedEvents& placed, std::size_t item_limit);
-    void buildFromKeys(Window& window, std::size_t item_limit);
-    void addItem(Window& window, NodeId neuron, bool rewrites_parameters, std::size_t first,
-                 std::size_t count);
-    bool mustRewriteParameters(Window& window) const;
-    void appendItem(Window& window) const;
+    void buildWork(Shard& shard, ModelTime window_start, std::size_t item_limit);
+    void buildFromPlaced(Shard& shard, ModelTime window_start, const PlacedEvents& placed,
+                         std::size_t item_limit);
+    void buildFromKeys(Shard& shard, ModelTime window_start, std::size_t item_limit);
+    void addItem(Shard& shard, ModelTime window_start, NodeId neuron, bool rewrites_parameters,
+                 std::size_t first, std::size_t count);
+    bool mustRewriteParameters(Shard& shard) const;
+    void appendItem(Shard& shard) const;
     void rewriteParameters(WindowWork& item, NodeId neuron) const;
     void readNeuron(WindowWork& item, NodeId neuron, ModelTime window_start);
     void commitItems(Window& window);
+    void applyResult(NodeId neuron, const Kernel::WindowResult& result, WindowProfile& profile);
     void commitSpike(NodeId neuron, ModelTime time);
     void commitGivenSpikes(Window& window, NodeId end);
+
+    // Of several shards.
+    void setShards(Window& window, std::size_t count);
+    std::size_t firstShardCount() const;
+    std::size_t nextShardCount(std::size_t events);
+    template <class Task>
+    void forShards(Window& window, Task task, bool side_by_side = true);
+    bool canCommitApart(Window& window);
+    template <class Commit>
+    void commitShards(Window& window, Commit commit);
+    void computeShards(Window& window, IWindowBackend& backend, bool whole);
+    void gatherItems(Window& window);
+    void commitApart(Window& window, std::size_t shard, std::span<const WindowWork> work,
+                     std::span<const Kernel::WindowResult> results);
+    void addSpike(Shard& shard, const SpikeRecord& spike);
+    void commitGivenApart(Window& window, std::size_t shard, NodeId end);
+    void finishShards(Window& window);
     ModelTime nextGivenTime() const {
         return next_given_ < given_.size() ? given_[next_given_].time : no_time;
     }
@@ -303,6 +340,8 @@ private:
     Event series_start_;                 ///< the first observation of the series
     ModelTime series_interval_ = 0;      ///< ns; 0 without a series
     RunControl* control_ = nullptr;
+    ShardLoad shard_load_;
+    IShardTeam* team_ = nullptr;  ///< of the backend of the current run
     bool stopped_ = false;
     ModelTime processed_until_ = 0;
     ModelTime eventless_until_ = 0;  ///< no event is pending before

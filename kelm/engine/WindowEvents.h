@@ -30,11 +30,11 @@ namespace Lumenar::Core::Kelm {
 /// order of their targets, in the form that the backend reads (PlacedEvents).
 ///
 /// In any other window, each event has a key of one word: target in the high bits, address in the
-/// low bits. The event stays where it is, in the calendar, or in the graph as a delivery of a run.
-/// Address a is record a % chunk_records of chunk a / chunk_records, where a part of a run and a
-/// part of the due candidates are chunks too. Keys are added in the order of their addresses and
-/// targets are small integers, so a large window is sorted digit by digit (D. E. Knuth, "The Art of
-/// Computer Programming", volume 3, 1998, section 5.2.5).
+/// low bits. The event stays where it is in the calendar; of a delivery of a run, the value is
+/// copied out of the graph. Address a is record a % chunk_records of chunk a / chunk_records, where
+/// a part of a run and a part of the due candidates are chunks too. Keys are added in the order of
+/// their addresses and targets are small integers, so a large window is sorted digit by digit (D.
+/// E. Knuth, "The Art of Computer Programming", volume 3, 1998, section 5.2.5).
 ///
 /// Storage is kept from window to window.
 class WindowEvents {
@@ -47,14 +47,32 @@ public:
         bool wake_only;
     };
 
-    explicit WindowEvents(std::uint64_t node_count) : node_count_(node_count) {}
+    /// For `node_count` neurons from `first` on.
+    explicit WindowEvents(std::uint64_t node_count, NodeId first = 0)
+        : first_(first), node_count_(node_count) {}
+
+    /// Where the entries of runs lie: in the graph, or in its section for a shard.
+    struct RunEntries {
+        SynapseGraph::RoutedTransmissions routed;
+        SynapseGraph::SectionEntries section;
+        bool of_section = false;
+
+        /// Calls use(entries) with the entries that hold.
+        template <class Use>
+        void with(Use use) const {
+            if (of_section) {
+                use(section);
+            } else {
+                use(routed);
+            }
+        }
+    };
 
     /// Begins a window of `candidate_count` candidates and the events of `list`, whose runs go
-    /// through `routed`.
+    /// through `entries`.
     /// Throws WindowEngineError for more events than a window can hold.
-    void begin(std::size_t candidate_count, const EventList& list,
-               const SynapseGraph::RoutedTransmissions& routed) {
-        routed_ = routed;
+    void begin(std::size_t candidate_count, const EventList& list, const RunEntries& entries) {
+        entries_ = entries;
         runs_.clear();
         runs_.reserve(list.runs.size());
         std::size_t run_chunks = 0;
@@ -65,13 +83,15 @@ public:
         const std::size_t singles = candidate_count + list.singleCount();
         const std::size_t event_count = singles + list.run_deliveries;
         if (isDense(list.run_deliveries, singles)) {
-            placed_.begin(node_count_, singles + runs_.size(), event_count);
+            placed_.begin(first_, node_count_, singles + runs_.size(), event_count);
             is_dense_ = true;
             outside_ = false;
         } else {
             beginKeys(chunksOf(candidate_count) + list.events.chunk_count +
                           list.deliveries.chunk_count + run_chunks,
                       event_count);
+            if (values_.size() < list.run_deliveries) values_.resize(2 * list.run_deliveries);
+            value_count_ = 0;
         }
     }
     /// Adds what begin has made room for: the candidates of `neurons`, each named once, in `slots`,
@@ -81,7 +101,7 @@ public:
         if (is_dense_) {
             for (const NodeId neuron : neurons) placed_.add(neuron, slots[neuron]);
             list.forEachSingle([&](const auto& record) {
-                outside_ |= record.target >= node_count_;
+                outside_ |= isOutside(record.target);
                 placed_.add(record);
             });
             for (const DeliveryRun& run : runs_) placed_.add(run);
@@ -90,13 +110,7 @@ public:
         addCandidates(neurons, slots);
         list.events.forEachChunk([&](auto records) { addChunk(records); });
         list.deliveries.forEachChunk([&](auto records) { addChunk(records); });
-        for (std::size_t i = 0; i < runs_.size(); ++i) {
-            if (i + prefetched_runs < runs_.size()) {
-                const DeliveryRun& later = runs_[i + prefetched_runs];
-                routed_.prefetch(later.first_route, later.count);
-            }
-            addRun(runs_[i]);
-        }
+        entries_.with([&](const auto& entries) { addRuns(entries); });
     }
 
     /// Begins a window and adds all of its events.
@@ -109,12 +123,12 @@ public:
         }
     }
 
-    /// Whether the target of some event is outside the network. Such a window cannot be sorted.
+    /// Whether the target of some event is not one of the neurons. Such a window cannot be sorted.
     bool reachesOutside() const { return outside_; }
 
     /// Puts the events in the order of their targets.
     void sortByTarget() {
-        if (is_dense_) return placed_.place(routed_);
+        if (is_dense_) return entries_.with([&](const auto& entries) { placed_.place(entries); });
         // For fewer keys, clearing and summing the digit tables costs more than another sort.
         if (size_ < min_digit_sorted || target_bits_ > 4 * max_digit_bits) {
             std::sort(keys_.begin(), keys_.begin() + static_cast<std::ptrdiff_t>(size_));
@@ -129,28 +143,6 @@ public:
 
     std::size_t size() const { return is_dense_ ? placed_.size() : size_; }
 
-    /// Copies the deliveries that are still to be read from the graph, so that the graph may
-    /// change. May throw std::bad_alloc.
-    void copyRuns() {
-        if (is_dense_) return;
-        std::size_t deliveries = 0;
-        for (const DeliveryRun& run : runs_) deliveries += run.count;
-        if (deliveries == 0) return;
-        copies_.clear();
-        copies_.reserve(deliveries);
-        for (Chunk& chunk : chunks_) {
-            if (chunk.kind != Kind::run) continue;
-            const std::size_t first = copies_.size();
-            for (std::uint64_t i = 0; i < chunk.delivery_count; ++i) {
-                PackedDelivery& copy = copies_.emplace_back();
-                copy.time = chunk.time;
-                copy.id = chunk.id + i;
-                copy.value = routed_[chunk.first_route + i].value();
-            }
-            chunk = Chunk(Kind::deliveries, copies_.data() + first);
-        }
-    }
-
     /// The events of a dense window, which has no walk. Null for any other window.
     const PlacedEvents* placedEvents() const { return is_dense_ ? &placed_ : nullptr; }
 
@@ -163,14 +155,14 @@ public:
     class Walk {
     public:
         std::size_t size() const { return size_; }
-        NodeId targetAt(std::size_t i) const { return keys_[i] >> address_bits_; }
+        NodeId targetAt(std::size_t i) const { return first_ + (keys_[i] >> address_bits_); }
         Input inputAt(std::size_t i) const { return inputOf(keys_[i]); }
         void prefetch(std::size_t i) const {
             const std::uint64_t address = keys_[i] & address_mask_;
             const Chunk& chunk = chunks_[address / chunk_records];
             switch (chunk.kind) {
                 case Kind::run:
-                    return prefetchLine(&routed_[chunk.first_route + address % chunk_records]);
+                    return prefetchLine(chunk.values + address % chunk_records);
                 case Kind::deliveries:
                     return prefetchLine(chunk.deliveries + address % chunk_records);
                 case Kind::events:
@@ -198,8 +190,7 @@ public:
             const std::size_t i = address % chunk_records;
             switch (chunk.kind) {
                 case Kind::run:
-                    return {chunk.time, chunk.id + i,
-                            static_cast<double>(routed_[chunk.first_route + i].value()), false};
+                    return {chunk.time, chunk.id + i, static_cast<double>(chunk.values[i]), false};
                 case Kind::deliveries: {
                     const PackedDelivery& delivery = chunk.deliveries[i];
                     return {delivery.time, delivery.id, static_cast<double>(delivery.value), false};
@@ -240,9 +231,9 @@ public:
         std::uint64_t* keys_ = nullptr;
         std::size_t size_ = 0;
         const Chunk* chunks_ = nullptr;
-        SynapseGraph::RoutedTransmissions routed_;
         std::uint64_t address_mask_ = 0;
         int address_bits_ = 0;
+        NodeId first_ = 0;
     };
 
     Walk walk() {
@@ -250,9 +241,9 @@ public:
         walk.keys_ = keys_.data();
         walk.size_ = size_;
         walk.chunks_ = chunks_.data();
-        walk.routed_ = routed_;
         walk.address_mask_ = (std::uint64_t{1} << address_bits_) - 1;
         walk.address_bits_ = address_bits_;
+        walk.first_ = first_;
         return walk;
     }
 
@@ -284,20 +275,15 @@ private:
         Chunk(Kind k, const Event* records) : kind(k), events(records) {}
         Chunk(Kind k, const PackedDelivery* records) : kind(k), deliveries(records) {}
         Chunk(Kind k, const CandidateSlot* all) : kind(k), slots(all) {}
-        Chunk(const DeliveryRun& run, std::uint64_t first, std::uint64_t last)
-            : kind(Kind::run),
-              delivery_count(static_cast<std::uint32_t>(last - first)),
-              first_route(run.first_route + first),
-              time(run.time),
-              id(run.id + first) {}
+        Chunk(const DeliveryRun& run, std::uint64_t first, const float* run_values)
+            : kind(Kind::run), values(run_values), time(run.time), id(run.id + first) {}
 
         Kind kind;
-        std::uint32_t delivery_count = 0;  ///< of a part of a run
         union {
             const Event* events;
             const PackedDelivery* deliveries;
-            const CandidateSlot* slots;  ///< shape (neurons of the network)
-            std::uint64_t first_route;   ///< of a part of a run
+            const CandidateSlot* slots;  ///< shape (neurons)
+            const float* values;         ///< of a part of a run
         };
         // Of a part of a run.
         ModelTime time = 0;
@@ -311,6 +297,8 @@ private:
                run_deliveries >= deliveries_per_single * singles &&
                run_deliveries + singles <= std::numeric_limits<std::uint32_t>::max();
     }
+
+    bool isOutside(NodeId target) const { return target - first_ >= node_count_; }
 
     void beginKeys(std::size_t chunk_count, std::size_t event_count) {
         is_dense_ = false;
@@ -336,20 +324,36 @@ private:
     }
     void addCandidates(std::span<const NodeId> neurons, std::span<const CandidateSlot> slots) {
         for (std::size_t i = 0; i < neurons.size(); ++i) {
-            if (i % chunk_records == 0) chunks_.emplace_back(Kind::candidates, slots.data());
-            keys_[size_++] = neurons[i] << address_bits_ |
+            if (i % chunk_records == 0) {
+                chunks_.emplace_back(Kind::candidates, slots.data() + first_);
+            }
+            keys_[size_++] = (neurons[i] - first_) << address_bits_ |
                              ((chunks_.size() - 1) * chunk_records + i % chunk_records);
         }
     }
-    void addRun(const DeliveryRun& run) {
+    template <class Entries>
+    void addRuns(const Entries& entries) {
+        for (std::size_t i = 0; i < runs_.size(); ++i) {
+            if (i + prefetched_runs < runs_.size()) {
+                const DeliveryRun& later = runs_[i + prefetched_runs];
+                entries.prefetch(later.first_route, later.count);
+            }
+            addRun(runs_[i], entries);
+        }
+    }
+    template <class Entries>
+    void addRun(const DeliveryRun& run, const Entries& entries) {
         for (std::uint64_t first = 0; first < run.count; first += chunk_records) {
             const std::uint64_t last = std::min(first + chunk_records, run.count);
             std::uint64_t address = chunks_.size() * chunk_records;
-            chunks_.emplace_back(run, first, last);
+            float* value = values_.data() + value_count_;
+            chunks_.emplace_back(run, first, value);
             for (std::uint64_t i = first; i < last; ++i) {
-                const SynapseTable::Transmission& synapse = routed_[run.first_route + i];
-                keys_[size_++] = NodeId{synapse.target} << address_bits_ | address++;
+                const auto& synapse = entries[run.first_route + i];
+                keys_[size_++] = (synapse.target - first_) << address_bits_ | address++;
+                *value++ = synapse.value();
             }
+            value_count_ += last - first;
         }
     }
 
@@ -360,8 +364,8 @@ private:
         std::uint64_t* key = keys_.data() + size_;
         bool outside = false;
         for (const Record& record : records) {
-            outside |= record.target >= node_count_;
-            *key++ = NodeId{record.target} << address_bits_ | address++;
+            outside |= isOutside(record.target);
+            *key++ = (record.target - first_) << address_bits_ | address++;
         }
         size_ += records.size();
         outside_ |= outside;
@@ -407,6 +411,7 @@ private:
         }
     }
 
+    NodeId first_;
     std::uint64_t node_count_;
     int target_bits_ = 0;
     int address_bits_ = 0;
@@ -416,8 +421,9 @@ private:
     LargeArray<std::uint64_t> keys_;    ///< size_ are in use
     LargeArray<std::uint64_t> sorted_;  ///< of one pass
     std::vector<DeliveryRun> runs_;
-    SynapseGraph::RoutedTransmissions routed_;
-    std::vector<PackedDelivery> copies_;  ///< of deliveries in runs
+    RunEntries entries_;
+    std::vector<float> values_;  ///< of the deliveries of runs; value_count_ are in use
+    std::size_t value_count_ = 0;
     PlacedEvents placed_;
     bool is_dense_ = false;
 };

@@ -56,6 +56,8 @@ public:
     std::uint64_t nextId() const { return next_id_; }
     /// Gives an id to an event that is kept elsewhere.
     std::uint64_t issueId() { return next_id_++; }
+    /// Ids go on from `id`: other ids were given elsewhere.
+    void setNextId(std::uint64_t id) { next_id_ = id; }
 
     /// Whether a time, which must not be negative, lies in a window already handed out.
     bool isPast(ModelTime time) const { return static_cast<std::uint64_t>(time) < open_from_; }
@@ -73,6 +75,12 @@ public:
     /// Throws as requireOpen does.
     std::uint64_t postRun(const DeliveryRun& run) { return postRecord(run, run.count); }
 
+    /// Adds a record that has its id from another calendar of the same cursor.
+    template <class Record>
+    void adopt(const Record& record) {
+        wheel_.append(wheel_.listOf(bucketOf(record.time)), record) = record.id;
+    }
+
     /// Moves the cursor to the first bucket that holds an event or is `other`, but not beyond the
     /// first one that starts at `until` ns or later. Returns whether it found one before that.
     /// `other` is no_bucket if there is none; the calendar must then hold an event.
@@ -82,6 +90,7 @@ public:
     // Of the cursor's bucket, after an advance that has returned true.
     const EventList& current() const { return wheel_.current(); }
     ModelTime windowStart() const { return cursor_ * d_min_; }
+    std::int64_t cursor() const { return cursor_; }
     /// Throws TimeOverflow where the end lies beyond the range of ModelTime.
     ModelTime windowEnd() const { return addTime(windowStart(), d_min_); }
     bool windowEndsInRange() const { return windowStart() <= last_model_time - d_min_; }

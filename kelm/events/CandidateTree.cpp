@@ -2,7 +2,7 @@
 
 namespace Lumenar::Core::Kelm {
 
-void CandidateTree::reset(std::uint64_t neurons) {
+void CandidateTree::reset(std::uint64_t neurons, NodeId first) {
     Block empty;
     std::fill_n(empty.entries, block_size, none);
     std::vector<std::size_t> levels;
@@ -17,6 +17,7 @@ void CandidateTree::reset(std::uint64_t neurons) {
     blocks_.swap(blocks);
     levels_.swap(levels);
     pending_count_ = 0;
+    first_ = first;
 }
 
 /// The earliest time under a block, exactly. The child with the lowest bound either holds it or has
@@ -45,7 +46,7 @@ CandidateTree::Entry CandidateTree::findDue(std::size_t level, std::size_t index
         for (std::size_t i = 0; i < block_size; ++i) {
             const Entry time = block.entries[i];
             if (time < end) {
-                due_.push_back(index * block_size + i);
+                due_.push_back(first_ + index * block_size + i);
             } else {
                 left = std::min(left, time);
             }

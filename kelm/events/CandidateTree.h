@@ -23,9 +23,9 @@ namespace Lumenar::Core::Kelm {
 /// them.
 class CandidateTree {
 public:
-    /// Makes a tree for `neurons` neurons, with nothing pending. May throw std::bad_alloc, with
-    /// nothing changed.
-    void reset(std::uint64_t neurons);
+    /// Makes a tree for `neurons` neurons from `first` on, with nothing pending. May throw
+    /// std::bad_alloc, with nothing changed.
+    void reset(std::uint64_t neurons, NodeId first = 0);
 
     bool isPending(NodeId neuron) const { return entryOf(neuron) != none; }
     std::uint64_t pendingCount() const { return pending_count_; }
@@ -69,15 +69,17 @@ private:
     };
 
     const Entry& entryOf(NodeId neuron) const {
-        return blocks_[neuron / block_size].entries[neuron % block_size];
+        const std::size_t index = neuron - first_;
+        return blocks_[index / block_size].entries[index % block_size];
     }
     Entry& entryOf(NodeId neuron) {
-        return blocks_[neuron / block_size].entries[neuron % block_size];
+        const std::size_t index = neuron - first_;
+        return blocks_[index / block_size].entries[index % block_size];
     }
     Block& blockOf(std::size_t level, std::size_t index) { return blocks_[levels_[level] + index]; }
     /// Stops at the first bound that is low enough: those above it are no higher.
     void lowerBounds(NodeId neuron, Entry time) noexcept {
-        std::size_t index = neuron;
+        std::size_t index = neuron - first_;
         for (std::size_t level = 1; level < levels_.size(); ++level) {
             index /= block_size;
             Entry& bound = blockOf(level, index / block_size).entries[index % block_size];
@@ -95,6 +97,7 @@ private:
     std::vector<std::size_t> levels_;  ///< where each begins in blocks_; the last one has one block
     std::vector<NodeId> due_;          ///< the neurons of the last take
     std::uint64_t pending_count_ = 0;
+    NodeId first_ = 0;
 };
 
 template <class Room>

@@ -1,6 +1,7 @@
 #include "kelm/network/SynapseGraph.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <numeric>
 #include <stdexcept>
@@ -138,6 +139,84 @@ void SynapseGraph::buildOutgoing() {
     out_.shared.clear();
     buildRoutes(out_, [this](EdgeId id) { return synapses_.source(id); });
     if (synapses_.isCompact()) out_.shared.resize(node_count_);
+    division_.sections.clear();
+}
+
+void SynapseGraph::buildSections(BuildStep step, std::size_t part) {
+    Division::Section& own = division_.sections[part];
+    if (step == BuildStep::lay_out) {
+        // Each entry holds a count. The sum of the counts before it is its offset.
+        std::uint64_t sum = 0;
+        for (std::uint64_t& offset : own.offsets) sum += std::exchange(offset, sum);
+        own.entries.resize(sum);
+        return;
+    }
+    const NodeId first = part == 0 ? 0 : division_.ends[part - 1];
+    for (NodeId source = first; source < division_.ends[part]; ++source) {
+        if (step == BuildStep::count) {
+            visitSections(source, [&](EdgeId, std::size_t section) {
+                ++division_.sections[section].offsets[source];
+            });
+        } else {
+            writeSections(source);
+        }
+    }
+}
+
+bool SynapseGraph::divide(const std::vector<NodeId>& ends) {
+    outRoutes();
+    if (ends != division_.ends) {
+        division_ = Division();
+        division_.ends = ends;
+    }
+    if (!division_.sections.empty() || ends.empty() || !synapses_.isCompact()) return false;
+    std::vector<std::uint8_t> stale(node_count_);
+    division_.sections.resize(ends.size());
+    for (Division::Section& section : division_.sections) section.offsets.resize(node_count_ + 1);
+    division_.stale = std::move(stale);
+    return true;
+}
+
+/// Calls visit(edge, section) for each synapse of a source, in EdgeId order.
+template <class Visit>
+void SynapseGraph::visitSections(NodeId source, Visit visit) const {
+    for (std::uint64_t i = out_.offsets[source]; i < out_.offsets[source + 1]; ++i) {
+        const EdgeId id = out_.ascending ? i : out_.edges[i];
+        visit(id, sectionOf(synapses_.target(id)));
+    }
+}
+
+/// Writes the entries of a source.
+void SynapseGraph::writeSections(NodeId source) {
+    constexpr std::size_t few = 16;
+    std::array<std::uint64_t, few> small{};
+    std::vector<std::uint64_t> large;
+    const std::size_t count = division_.sections.size();
+    if (count > few) large.resize(count);
+    std::uint64_t* const next = count > few ? large.data() : small.data();
+    for (std::size_t s = 0; s < count; ++s) next[s] = division_.sections[s].offsets[source];
+    visitSections(source, [&](EdgeId id, std::size_t section) {
+        division_.sections[section].entries[next[section]++] = sectionEntry(id);
+    });
+    division_.stale[source] = 0;
+}
+
+SynapseGraph::Transmission SynapseGraph::transmissionOf(NodeId source, bool as_run) {
+    const std::uint64_t all = out_.offsets[source + 1] - out_.offsets[source];
+    if (!division_.sections.empty()) {
+        const SharedTransmission shared = sharedTransmissionOf(source);
+        if (formsRunNow(shared)) {
+            if (!as_run) return {all, 0};
+            if (division_.stale[source] != 0) writeSections(source);
+            return {all, shared.delay()};
+        }
+    }
+    std::uint64_t count = 0;
+    for (std::uint64_t i = out_.offsets[source]; i < out_.offsets[source + 1]; ++i) {
+        const EdgeId id = out_.ascending ? i : out_.edges[i];
+        if (synapses_.isEnabled(id) && transmissionEnabled(synapses_.isInhibitory(id))) ++count;
+    }
+    return {count, 0};
 }
 
 SynapseGraph::SharedTransmission SynapseGraph::readSharedTransmission(NodeId source) const {
@@ -184,11 +263,23 @@ std::optional<ModelTime> SynapseGraph::dMin() {
     return derived_d_min_;
 }
 
+ModelTime SynapseGraph::longestDelay() {
+    if (!longest_delay_) {
+        ModelTime longest = 0;
+        for (EdgeId id = 0; id < synapses_.size(); ++id) {
+            longest = std::max(longest, synapses_[id].delay);
+        }
+        longest_delay_ = longest;
+    }
+    return *longest_delay_;
+}
+
 void SynapseGraph::setWeight(EdgeId id, float weight) {
     if (!isWeight(weight)) throw InvalidSynapse(InvalidSynapse::weight);
     checked(id);
     holder_link_.expandRuns();
     if (reweighted_.recording) noteReweighted(synapses_.target(id));
+    noteStale(id);
     synapses_.setWeight(id, weight);
 }
 
@@ -213,7 +304,10 @@ void SynapseGraph::writeWeights(EdgeId first, std::span<const float> weights) {
             noteReweighted(synapses_.target(first + i));
         }
     }
-    for (std::size_t i = 0; i < weights.size(); ++i) synapses_.setWeight(first + i, weights[i]);
+    for (std::size_t i = 0; i < weights.size(); ++i) {
+        noteStale(first + i);
+        synapses_.setWeight(first + i, weights[i]);
+    }
 }
 
 void SynapseGraph::noteReweighted(NodeId target) {
@@ -308,6 +402,7 @@ void SynapseGraph::adopt(State&& state) {
     out_.built = false;
     in_.built = false;
     d_min_stale_ = true;
+    longest_delay_.reset();
     reweighted_.clear();
 }
 

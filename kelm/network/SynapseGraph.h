@@ -11,6 +11,7 @@
 
 #include "kelm/core/Blob.h"
 #include "kelm/core/Failures.h"
+#include "kelm/core/LargePages.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/core/Prefetch.h"
 #include "kelm/events/DeliveryRun.h"
@@ -109,6 +110,9 @@ public:
     /// The window length of a run in ns: the declared smallest delay, else the smallest delay of
     /// all routed synapses, enabled or not. No value for a network that has neither.
     std::optional<ModelTime> dMin();
+
+    /// The longest delay of all synapses in ns, 0 without synapses.
+    ModelTime longestDelay();
 
     /// How many times the routing tables were built.
     std::uint64_t rebuilds() const { return rebuilds_; }
@@ -248,10 +252,7 @@ public:
         const Routes& routes = outRoutes();
         if (routes.shared.empty()) return std::nullopt;
         const SharedTransmission shared = sharedTransmissionOf(source);
-        if (!shared.formsRun() || (shared.hasExcitatory() && !excitatory_on_) ||
-            (shared.hasInhibitory() && !inhibitory_on_)) {
-            return std::nullopt;
-        }
+        if (!formsRunNow(shared)) return std::nullopt;
         DeliveryRun run;
         run.time = addTime(time, shared.delay());
         run.first_route = routes.offsets[source];
@@ -298,17 +299,107 @@ public:
         return routed;
     }
 
+    /// What a delivery of a run needs, in 8 bytes.
+    class SectionEntry {
+    public:
+        SectionEntry() = default;
+        std::uint32_t target = 0;
+        float value() const { return value_; }
+
+    private:
+        friend class SynapseGraph;
+        SectionEntry(std::uint32_t to, float delivered) : target(to), value_(delivered) {}
+        float value_ = 0.0F;
+    };
+    /// The entries of a section by their index in its lists.
+    class SectionEntries {
+    public:
+        SectionEntries() = default;
+        const SectionEntry& operator[](std::uint64_t route) const { return entries_[route]; }
+        void prefetch(std::uint64_t route, std::uint64_t count) const {
+            constexpr std::uint64_t line = 64 / sizeof(SectionEntry);
+            count = std::min<std::uint64_t>(count, 2 * prefetch_block);
+            for (std::uint64_t i = 0; i < count; i += line) prefetchLine(entries_ + route + i);
+            prefetchLine(entries_ + route + count - 1);
+        }
+
+    private:
+        friend class SynapseGraph;
+        const SectionEntry* entries_ = nullptr;
+    };
+    /// For reading the runs of a section. Valid until the graph changes.
+    SectionEntries sectionEntries(std::size_t section) const {
+        SectionEntries entries;
+        entries.entries_ = division_.sections[section].entries.data();
+        return entries;
+    }
+
+    /// Divides the outgoing lists by target: section i lists the synapses whose targets lie below
+    /// ends[i] and not in an earlier section. `ends`: ascending, the last one nodeCount(), or empty
+    /// for a graph that is not divided, as it begins. Sections take 8 bytes a synapse and 8 a
+    /// neuron and section. A copied, moved or assigned graph is not divided. No run may be waiting.
+    /// Builds the outgoing lists, so that several threads may read them. Returns whether the
+    /// sections must be built. May throw std::bad_alloc.
+    [[nodiscard]] bool divide(const std::vector<NodeId>& ends);
+    /// Ends the division.
+    void undivide() noexcept { division_ = Division(); }
+    /// The steps that build the sections of a divided graph, in their order. Each step has as many
+    /// parts as there are sections; all parts of a step end before the next step begins.
+    enum class BuildStep : std::uint8_t { count, lay_out, fill };
+    /// Does one part of a step. Several threads may call it, each for another part. May throw
+    /// std::bad_alloc; the graph must then be divided anew.
+    void buildSections(BuildStep step, std::size_t part);
+    /// What the deliveries of a spike have in common, for several threads that post them.
+    struct Transmission {
+        std::uint64_t count = 0;  ///< deliveries that deliver() posts
+        ModelTime delay = 0;      ///< ns, of all of them if they form a run of each section; else 0
+    };
+    /// Reads what the deliveries of `source` have in common. `as_run`: whether runs are wanted.
+    /// Several threads may call it at once, each for other sources, after divide.
+    Transmission transmissionOf(NodeId source, bool as_run);
+    /// The run of a section for a spike whose transmissionOf has a delay, without an id. It may be
+    /// empty. Several threads may call it at once.
+    DeliveryRun runOf(NodeId source, ModelTime arrival, std::size_t section) const {
+        const std::vector<std::uint64_t>& offsets = division_.sections[section].offsets;
+        DeliveryRun run;
+        run.time = arrival;
+        run.first_route = offsets[source];
+        run.count = offsets[source + 1] - offsets[source];
+        return run;
+    }
+    /// Prefetches what transmissionOf reads.
+    void prefetchTransmission(NodeId source) const {
+        prefetchLine(out_.offsets.data() + source);
+        if (!out_.shared.empty()) prefetchLine(out_.shared.data() + source);
+    }
+    /// Prefetches what runOf reads.
+    void prefetchRun(NodeId source, std::size_t section) const {
+        if (division_.sections.empty()) return;
+        prefetchLine(division_.sections[section].offsets.data() + source);
+    }
+    /// Makes `holder` the one that keeps runs, as deferRun does.
+    void connectHolder(IRunHolder& holder) { holder_link_.connect(holder); }
+
     /// Calls visit(delivery) for each delivery of a run, as deliver() would have posted it, with
     /// its id.
     template <class Visit>
     void visitDeliveries(const DeliveryRun& run, Visit visit) const {
         const RoutedTransmissions routed = routedTransmissions();
         for (std::uint64_t i = 0; i < run.count; ++i) {
-            const EdgeId edge = routed.edgeAt(run.first_route + i);
-            PackedDelivery delivery = packedDelivery(synapses_.source(edge), edge,
-                                                     synapses_.transmission(edge), run.time);
-            delivery.id = run.id + i;
-            visit(delivery);
+            visit(deliveryOf(run, i, routed.edgeAt(run.first_route + i)));
+        }
+    }
+    /// The same for a run of a section, whose id is that of the spike's first delivery to any
+    /// neuron.
+    template <class Visit>
+    void visitDeliveries(const DeliveryRun& run, std::size_t section, Visit visit) const {
+        const std::vector<std::uint64_t>& offsets = division_.sections[section].offsets;
+        const auto next = std::upper_bound(offsets.begin(), offsets.end(), run.first_route);
+        const auto source = static_cast<NodeId>(next - offsets.begin()) - 1;
+        for (std::uint64_t i = out_.offsets[source]; i < out_.offsets[source + 1]; ++i) {
+            const EdgeId edge = out_.ascending ? i : out_.edges[i];
+            if (sectionOf(synapses_.target(edge)) != section) continue;
+            visit(deliveryOf(run, i - out_.offsets[source], edge));
         }
     }
 
@@ -457,9 +548,56 @@ private:
         }
     };
 
+    /// Into sections by target. A copied or moved graph is one section.
+    struct Division {
+        Division() = default;
+        Division(const Division&) noexcept {}
+        Division& operator=(const Division& other) noexcept {
+            if (this == &other) return *this;
+            ends.clear();
+            sections.clear();
+            stale.clear();
+            return *this;
+        }
+
+        struct Section {
+            std::vector<std::uint64_t> offsets;  ///< shape (neurons + 1)
+            LargeArray<SectionEntry> entries;
+        };
+        std::vector<NodeId> ends;       ///< by section; empty for one section
+        std::vector<Section> sections;  ///< empty until they are built
+        /// By source: whether weights have changed since the entries were written.
+        std::vector<std::uint8_t> stale;
+    };
+
     Routes& outRoutes() {
         if (!out_.built) buildOutgoing();
         return out_;
+    }
+    std::size_t sectionOf(NodeId target) const {
+        const std::vector<NodeId>& ends = division_.ends;
+        return static_cast<std::size_t>(std::upper_bound(ends.begin(), ends.end(), target) -
+                                        ends.begin());
+    }
+    SectionEntry sectionEntry(EdgeId id) const {
+        const SynapseTable::Transmission& synapse = synapses_.transmission(id);
+        return {synapse.target, synapse.value()};
+    }
+    PackedDelivery deliveryOf(const DeliveryRun& run, std::uint64_t place, EdgeId edge) const {
+        PackedDelivery delivery =
+            packedDelivery(synapses_.source(edge), edge, synapses_.transmission(edge), run.time);
+        delivery.id = run.id + place;
+        return delivery;
+    }
+    void noteStale(EdgeId id) {
+        if (!division_.stale.empty()) division_.stale[synapses_.source(id)] = 1;
+    }
+    template <class Visit>
+    void visitSections(NodeId source, Visit visit) const;
+    void writeSections(NodeId source);
+    bool formsRunNow(SharedTransmission shared) const {
+        return shared.formsRun() && (!shared.hasExcitatory() || excitatory_on_) &&
+               (!shared.hasInhibitory() || inhibitory_on_);
     }
     void buildOutgoing();
     void buildIncoming();
@@ -513,8 +651,10 @@ private:
     SynapseTable synapses_;
     std::uint64_t routed_count_ = 0;
     Routes out_;
+    Division division_;
     Routes in_;  ///< only learning reads it
     std::optional<ModelTime> derived_d_min_;
+    std::optional<ModelTime> longest_delay_;  ///< none until it is read
     std::uint64_t rebuilds_ = 0;
     bool d_min_stale_ = true;
     bool excitatory_on_ = true;

@@ -122,6 +122,8 @@ public:
     float weight(EdgeId id) const { return transmissions_[id].weight; }
     void setWeight(EdgeId id, float weight) { transmissions_[id].weight = weight; }
     bool isRouted(EdgeId id) const { return transmissions_[id].routed(); }
+    bool isEnabled(EdgeId id) const { return transmissions_[id].enabled(); }
+    bool isInhibitory(EdgeId id) const { return transmissions_[id].inhibitory(); }
     void setEnabled(EdgeId id, bool on) {
         std::uint64_t& bits = transmissions_[id].bits;
         bits = on ? bits | enabled_bit : bits & ~enabled_bit;

@@ -12,6 +12,7 @@
 #include "kelm/core/Failures.h"
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/lanes/LaneCpuBackend.h"
+#include "kelm/threads/SharedTasks.h"
 #include "kelm/threads/SharedWindow.h"
 
 namespace Lumenar::Core::Kelm {
@@ -62,13 +63,45 @@ struct ThreadedCpuBackend::Arena {
     tbb::task_arena arena;
 };
 
+class ThreadedCpuBackend::Team final : public IShardTeam {
+public:
+    explicit Team(ThreadedCpuBackend& backend) : backend_(backend) {}
+
+    std::size_t shardsFor(std::size_t neurons) const override {
+        const std::size_t worth = neurons / std::max<std::size_t>(backend_.threshold_, 1);
+        return std::clamp<std::size_t>(worth, 1, backend_.threads_);
+    }
+    std::size_t threshold() const override { return backend_.threshold_; }
+    IWindowBackend& backend() override { return *backend_.pieces_; }
+    void run(std::size_t count, const std::function<void(std::size_t)>& task) override {
+        SharedTasks tasks(count, task);
+        try {
+            tbb::task_group_context context(tbb::task_group_context::isolated,
+                                            tbb::task_group_context::fp_settings);
+            backend_.arena_->arena.execute([&] {
+                tbb::parallel_for(
+                    std::size_t{0}, count, [&](std::size_t i) { tasks.run(i); },
+                    tbb::static_partitioner(), context);
+            });
+        } catch (...) {
+            // As above: oneTBB had no memory for a task.
+            for (std::size_t i = 0; i < count; ++i) tasks.run(i);
+        }
+        tasks.finish();
+    }
+
+private:
+    ThreadedCpuBackend& backend_;
+};
+
 ThreadedCpuBackend::ThreadedCpuBackend(std::unique_ptr<IWindowBackend>&& pieces,
                                        std::uint64_t threads, std::size_t threshold)
     : pieces_(std::move(pieces)),
       scalar_(dynamic_cast<CpuWindowBackend*>(pieces_.get()) != nullptr),
       threads_(threadCount(threads)),
       threshold_(threshold),
-      arena_(threads_ > 1 ? std::make_unique<Arena>(threads_) : nullptr) {}
+      arena_(threads_ > 1 ? std::make_unique<Arena>(threads_) : nullptr),
+      team_(threads_ > 1 ? std::make_unique<Team>(*this) : nullptr) {}
 
 ThreadedCpuBackend::ThreadedCpuBackend(std::uint64_t threads, std::size_t threshold)
     : ThreadedCpuBackend(std::make_unique<CpuWindowBackend>(), threads, threshold) {}

@@ -4,15 +4,17 @@
 #include <cstdint>
 #include <memory>
 
+#include "kelm/engine/IShardTeam.h"
 #include "kelm/engine/IWindowBackend.h"
 
 namespace Lumenar::Core::Kelm {
 
 class LaneCpuBackend;
 
-/// The reference backend on several threads: a window's items are cut into pieces, and each piece
-/// goes through CpuWindowBackend, or LaneCpuBackend, on any free thread. Each result is computed by
-/// the same code from its item alone, so the schedule affects only the time.
+/// The reference backend on several threads. Its team advances an engine's shards side by side,
+/// each through CpuWindowBackend or LaneCpuBackend. Items of a whole window are cut into pieces,
+/// and each piece is computed on any free thread. Each result is computed by the same code from its
+/// item alone, so the schedule affects only the time.
 ///
 /// The threads are the calling one and workers of oneTBB, which the whole program shares and which
 /// sleep between windows. A window does not wait for a worker that is busy elsewhere or still
@@ -55,6 +57,9 @@ public:
     /// thread: enough to hide the wake-up of the workers, and few enough for the items of two
     /// threads to be in the second cache at their commit.
     std::size_t partItems() const override;
+    /// An engine with enough neurons is divided into as many shards as there are threads. Null for
+    /// one thread.
+    IShardTeam* team() override { return team_.get(); }
 
     /// The number given at construction, or the greatest possible number if that is less or 0 was
     /// given.
@@ -62,6 +67,7 @@ public:
 
 private:
     struct Arena;
+    class Team;
 
     ThreadedCpuBackend(std::unique_ptr<IWindowBackend>&& pieces, std::uint64_t threads,
                        std::size_t threshold);
@@ -71,7 +77,8 @@ private:
     bool scalar_;  ///< pieces_ is a CpuWindowBackend
     std::size_t threads_;
     std::size_t threshold_;
-    std::unique_ptr<Arena> arena_;  ///< null for one thread
+    std::unique_ptr<Arena> arena_;      ///< null for one thread
+    std::unique_ptr<IShardTeam> team_;  ///< null for one thread
 };
 
 }  // namespace Lumenar::Core::Kelm

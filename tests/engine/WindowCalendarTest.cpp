@@ -173,7 +173,6 @@ private:
             return taken;
         }
         if (draws_.oneIn(100)) {
-            events.copyRuns();
             graph_.setWeight(0, static_cast<float>(draws_.below(9)));
         }
         WindowEvents::Walk walk = events.walk();
