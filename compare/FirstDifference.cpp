@@ -96,12 +96,20 @@ struct Pair {
 }  // namespace
 
 void WindowTrace::begin(ModelTime window_end) {
-    const auto stop = [] { throw std::runtime_error("the run has reached its limit"); };
-    if (muted_ && ++muted_windows_ > max_windows_) stop();
-    if (muted_) return;
-    if (!windows_.empty() && windows_.back().end == window_end) return;  // another part
-    if (windows_.size() == max_windows_ || candidates_ > max_candidates_) {
-        stop();
+    const bool is_another_part =
+        muted_ ? muted_end_ == window_end : !windows_.empty() && windows_.back().end == window_end;
+    if (is_another_part) return;
+    const bool is_at_limit = muted_
+                                 ? muted_windows_ == max_windows_
+                                 : windows_.size() == max_windows_ || candidates_ > max_candidates_;
+    if (is_at_limit) {
+        has_reached_limit_ = has_reached_limit_ || !muted_;
+        throw std::runtime_error("the run has reached its limit");
+    }
+    if (muted_) {
+        ++muted_windows_;
+        muted_end_ = window_end;
+        return;
     }
     Mixer mixer(windows_.empty() ? 0 : windows_.back().digest);
     mixer.add(static_cast<std::uint64_t>(window_end));
@@ -134,6 +142,29 @@ void WindowTrace::note(std::span<const WindowWork> work,
         kept_.back().work.first_event = 0;
     }
     windows_.back().digest = mixer.hash();
+}
+
+void TracedTeam::Parts::processWindow(const std::span<const WindowWork>& work,
+                                      const std::span<const Kernel::WindowEvent>& events,
+                                      ModelTime window_end, ModelTime horizon,
+                                      const Kernel::Neuron& neuron, const Kernel::Firing& firing,
+                                      const std::span<Kernel::WindowResult>& results) {
+    {
+        const std::lock_guard lock(mutex_);
+        trace_.begin(window_end);
+    }
+    team_.backend().processWindow(work, events, window_end, horizon, neuron, firing, results);
+    const std::lock_guard lock(mutex_);
+    parts_.push_back({{work.begin(), work.end()},
+                      {events.begin(), events.end()},
+                      {results.begin(), results.end()}});
+}
+
+void TracedTeam::Parts::finish() {
+    std::erase_if(parts_, [](const Part& part) { return part.work.empty(); });
+    std::ranges::sort(parts_, {}, [](const Part& part) { return part.work.front().neuron; });
+    for (const Part& part : parts_) trace_.note(part.work, part.events, part.results);
+    parts_.clear();
 }
 
 std::optional<Difference> differenceOf(const RunResults& a, const RunResults& b) {

@@ -1,9 +1,12 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -11,6 +14,7 @@
 #include "compare/Difference.h"
 #include "compare/RunImage.h"
 #include "kelm/core/Blob.h"
+#include "kelm/engine/IShardTeam.h"
 #include "kelm/engine/IWindowBackend.h"
 
 // Finds the first difference of two runs of one model.
@@ -45,11 +49,14 @@ public:
     void mute(bool muted) {
         muted_ = muted;
         muted_windows_ = 0;
+        muted_end_ = no_time;
     }
 
     /// Call before a window or a part of it is computed. Throws at a limit, as above.
     void begin(ModelTime window_end);
-    /// Call after that.
+    /// Whether the run has ended at a limit.
+    bool hasReachedLimit() const { return has_reached_limit_; }
+    /// Call after that, in the order of the neurons.
     void note(std::span<const WindowWork> work, std::span<const Kernel::WindowEvent> events,
               std::span<const Kernel::WindowResult> results);
 
@@ -70,14 +77,66 @@ private:
     std::vector<Window> windows_;
     std::vector<Item> kept_;
     std::uint64_t candidates_ = 0;
+    bool has_reached_limit_ = false;
     bool muted_ = false;
     std::uint64_t muted_windows_ = 0;
+    ModelTime muted_end_ = 0;  ///< ns, of the last window while muted
+};
+
+/// A team whose parts of windows are recorded in a trace, in the order of their neurons. A run past
+/// a limit of the trace ends somewhere in a window.
+class TracedTeam final : public IShardTeam {
+public:
+    TracedTeam(IShardTeam& inner, WindowTrace& trace) : inner_(inner), parts_(inner, trace) {}
+
+    std::size_t shardsFor(std::size_t neurons) const override { return inner_.shardsFor(neurons); }
+    std::size_t threshold() const override { return inner_.threshold(); }
+    IWindowBackend& backend() override { return parts_; }
+    void run(std::size_t count, const std::function<void(std::size_t)>& task) override {
+        inner_.run(count, task);
+        parts_.finish();
+    }
+
+private:
+    /// Several threads compute parts of one window at once.
+    class Parts final : public IWindowBackend {
+    public:
+        Parts(IShardTeam& team, WindowTrace& trace) : team_(team), trace_(trace) {}
+
+        const char* name() override { return team_.backend().name(); }
+        void processWindow(const std::span<const WindowWork>& work,
+                           const std::span<const Kernel::WindowEvent>& events, ModelTime window_end,
+                           ModelTime horizon, const Kernel::Neuron& neuron,
+                           const Kernel::Firing& firing,
+                           const std::span<Kernel::WindowResult>& results) override;
+        bool tryResidentRun(WindowEngine&) override { return false; }
+        std::size_t partItems() const override { return team_.backend().partItems(); }
+        /// Records the parts since the last call.
+        void finish();
+
+    private:
+        struct Part {
+            std::vector<WindowWork> work;
+            std::vector<Kernel::WindowEvent> events;
+            std::vector<Kernel::WindowResult> results;
+        };
+
+        IShardTeam& team_;
+        WindowTrace& trace_;
+        std::mutex mutex_;  ///< of what is below, and of the trace
+        std::vector<Part> parts_;
+    };
+
+    IShardTeam& inner_;
+    Parts parts_;
 };
 
 /// A backend that records its windows in a trace.
 class TracedBackend final : public IWindowBackend {
 public:
-    TracedBackend(IWindowBackend& inner, WindowTrace& trace) : inner_(inner), trace_(trace) {}
+    TracedBackend(IWindowBackend& inner, WindowTrace& trace) : inner_(inner), trace_(trace) {
+        if (inner.team() != nullptr) team_.emplace(*inner.team(), trace);
+    }
 
     const char* name() override { return inner_.name(); }
     void processWindow(const std::span<const WindowWork>& work,
@@ -91,10 +150,12 @@ public:
     }
     bool tryResidentRun(WindowEngine& engine) override { return inner_.tryResidentRun(engine); }
     std::size_t partItems() const override { return inner_.partItems(); }
+    IShardTeam* team() override { return team_ ? &*team_ : nullptr; }
 
 private:
     IWindowBackend& inner_;
     WindowTrace& trace_;
+    std::optional<TracedTeam> team_;
 };
 
 /// The results of a run so far. Blobs are compared if both runs have them.

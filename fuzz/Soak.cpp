@@ -528,6 +528,13 @@ std::vector<std::string> Soak::ways() const {
     return names;
 }
 
+/// A team ends an endless run somewhere in a window, and other backends before it.
+bool Soak::isComparable(const std::string& name, SoakRun& expected) const {
+    const Backends::Way& way = *backends_->find(name);
+    const bool has_team = way.backend == nullptr || way.backend->team() != nullptr;
+    return !has_team || !expected.trace().hasReachedLimit();
+}
+
 bool Soak::applies(const std::string& name, const SoakModel& model) const {
     const Backends::Way* const way = backends_->find(name);
     if (way == nullptr) return false;
@@ -586,6 +593,7 @@ std::optional<Finding> Soak::examine(const SoakModel& model,
     digest_ = digest_ * 0x9e3779b97f4a7c15 + (windows.empty() ? 0 : windows.back().digest);
     for (const std::string& way : ways()) {
         if (way == reference || (only && way != *only) || !applies(way, model)) continue;
+        if (!isComparable(way, *expected)) continue;
         const std::unique_ptr<SoakRun> other = run(model, way);
         const Tally counts = other->tally();
         Tally tally;
@@ -605,8 +613,9 @@ std::optional<Finding> Soak::examine(const SoakModel& model,
 
 std::optional<SmallestModel> Soak::shrink(const SoakModel& model, const std::string& way) {
     const auto differs = [&](const SoakModel& subject) {
-        return differenceAtEnds(*run(subject, reference), *run(subject, way), subject.window())
-            .has_value();
+        const std::unique_ptr<SoakRun> expected = run(subject, reference);
+        return isComparable(way, *expected) &&
+               differenceAtEnds(*expected, *run(subject, way), subject.window()).has_value();
     };
     if (!differs(model)) return std::nullopt;
     SmallestModel smallest;

@@ -112,6 +112,7 @@ private:
     struct Backends;
 
     std::unique_ptr<SoakRun> run(const SoakModel& model, const std::string& way);
+    bool isComparable(const std::string& way, SoakRun& expected) const;
 
     std::unique_ptr<Backends> backends_;
     std::array<Tally, kind_count> tallies_ = {};
