@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 
 #include "kelm/core/ModelTime.h"
@@ -20,6 +21,9 @@ struct Synapse {
     std::uint32_t reserved_c = 0xffffffff;          ///< carried, not interpreted
     std::uint64_t reserved_d = 0xffffffffffffffff;  ///< carried, not interpreted
 };
+
+/// Whether a synapse may have this weight.
+inline bool isWeight(float weight) { return std::isfinite(weight) && !(weight < 0.0F); }
 
 /// The value that a synapse delivers. An inhibitory weight is negated in single precision before it
 /// is widened, so a weight of 0 arrives as -0.0.

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <numeric>
 #include <stdexcept>
 #include <utility>
@@ -14,8 +13,6 @@ namespace {
 constexpr BlobTag format_tag("KELMSYN1");
 constexpr std::size_t edge_bytes = 63;
 constexpr const char* weight_bound = "finite and at least 0";
-
-bool isWeight(float weight) { return std::isfinite(weight) && !(weight < 0.0F); }
 
 /// The first fault of a synapse, or null.
 const char* faultOf(const Synapse& synapse, std::uint64_t node_count,
@@ -170,10 +167,10 @@ bool SynapseGraph::divide(const std::vector<NodeId>& ends) {
         division_.ends = ends;
     }
     if (!division_.sections.empty() || ends.empty() || !synapses_.isCompact()) return false;
-    std::vector<std::uint8_t> stale(node_count_);
+    std::vector<std::uint64_t> written(node_count_);
     division_.sections.resize(ends.size());
     for (Division::Section& section : division_.sections) section.offsets.resize(node_count_ + 1);
-    division_.stale = std::move(stale);
+    division_.written = std::move(written);
     return true;
 }
 
@@ -198,7 +195,7 @@ void SynapseGraph::writeSections(NodeId source) {
     visitSections(source, [&](EdgeId id, std::size_t section) {
         division_.sections[section].entries[next[section]++] = sectionEntry(id);
     });
-    division_.stale[source] = 0;
+    division_.written[source] = division_.writes;
 }
 
 SynapseGraph::Transmission SynapseGraph::transmissionOf(NodeId source, bool as_run) {
@@ -207,7 +204,7 @@ SynapseGraph::Transmission SynapseGraph::transmissionOf(NodeId source, bool as_r
         const SharedTransmission shared = sharedTransmissionOf(source);
         if (formsRunNow(shared)) {
             if (!as_run) return {all, 0};
-            if (division_.stale[source] != 0) writeSections(source);
+            if (division_.written[source] != division_.writes) writeSections(source);
             return {all, shared.delay()};
         }
     }
@@ -278,7 +275,7 @@ void SynapseGraph::setWeight(EdgeId id, float weight) {
     if (!isWeight(weight)) throw InvalidSynapse(InvalidSynapse::weight);
     checked(id);
     holder_link_.expandRuns();
-    if (reweighted_.recording) noteReweighted(synapses_.target(id));
+    if (reweighted_.recording) reweighted_.note(0, synapses_.target(id));
     noteStale(id);
     synapses_.setWeight(id, weight);
 }
@@ -301,7 +298,7 @@ void SynapseGraph::writeWeights(EdgeId first, std::span<const float> weights) {
     // First, because a note may lack memory. A note without a change costs time alone.
     if (reweighted_.recording) {
         for (std::size_t i = 0; i < weights.size(); ++i) {
-            noteReweighted(synapses_.target(first + i));
+            reweighted_.note(0, synapses_.target(first + i));
         }
     }
     for (std::size_t i = 0; i < weights.size(); ++i) {
@@ -310,25 +307,40 @@ void SynapseGraph::writeWeights(EdgeId first, std::span<const float> weights) {
     }
 }
 
-void SynapseGraph::noteReweighted(NodeId target) {
-    if (reweighted_.noted[target] != 0) return;
-    reweighted_.nodes.push_back(target);
-    reweighted_.noted[target] = 1;
+void SynapseGraph::prepareWriters(std::size_t count, bool with_times) {
+    if (with_times) synapses_.allocateChanges();
+    if (reweighted_.recording && reweighted_.lists.size() < count) reweighted_.lists.resize(count);
+    holder_link_.expandRuns();
+    ++division_.writes;
 }
 
 std::uint64_t SynapseGraph::takeReweightedTargets(std::uint64_t last_call,
                                                   std::vector<NodeId>& targets) {
     if (reweighted_.recording && last_call == reweighted_.calls) {
-        targets.assign(reweighted_.nodes.begin(), reweighted_.nodes.end());
-        std::sort(targets.begin(), targets.end());
-        for (const NodeId node : targets) reweighted_.noted[node] = 0;
+        std::size_t count = 0;
+        for (const ReweightedTargets::List& list : reweighted_.lists) count += list.nodes.size();
+        targets.clear();
+        targets.reserve(count);
+        if (count > node_count_ / 16) {
+            // A walk over all neurons takes less time than sorting so many.
+            for (NodeId node = 0; node < node_count_; ++node) {
+                if (std::exchange(reweighted_.noted[node], 0) != 0) targets.push_back(node);
+            }
+        } else {
+            for (const ReweightedTargets::List& list : reweighted_.lists) {
+                targets.insert(targets.end(), list.nodes.begin(), list.nodes.end());
+            }
+            std::sort(targets.begin(), targets.end());
+            for (const NodeId node : targets) reweighted_.noted[node] = 0;
+        }
     } else {
         targets.resize(node_count_);
         std::iota(targets.begin(), targets.end(), NodeId{0});
+        if (reweighted_.lists.empty()) reweighted_.lists.resize(1);
         reweighted_.noted.assign(node_count_, 0);
         reweighted_.recording = true;
     }
-    reweighted_.nodes.clear();
+    for (ReweightedTargets::List& list : reweighted_.lists) list.nodes.clear();
     return ++reweighted_.calls;
 }
 

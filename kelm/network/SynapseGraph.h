@@ -1,7 +1,9 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -121,6 +123,7 @@ public:
     Synapse edge(EdgeId id) const { return synapses_[checked(id)]; }
     NodeId source(EdgeId id) const { return synapses_.source(checked(id)); }
     NodeId target(EdgeId id) const { return synapses_.target(checked(id)); }
+    float weight(EdgeId id) const { return synapses_.weight(checked(id)); }
     bool isRouted(EdgeId id) const { return synapses_.isRouted(checked(id)); }
     ModelTime lastChange(EdgeId id) const { return synapses_.lastChange(checked(id)); }
     /// Reads or writes the time of a synapse's last change, only in the expression that makes it,
@@ -174,6 +177,23 @@ public:
     /// with the first such synapse as its detail, then SynapseRoutingViolation as readWeights does.
     /// May throw std::bad_alloc, with nothing changed.
     void writeWeights(EdgeId first, std::span<const float> weights);
+
+    /// Prepares writers 0 to `count` - 1, through which as many threads may set weights at once.
+    /// Call it before the threads start. `with_times`: the threads also write lastChange. It costs
+    /// as much as setting one weight, in a division as much as setting a weight of each source. May
+    /// throw std::bad_alloc, with nothing changed.
+    void prepareWriters(std::size_t count, bool with_times);
+    /// Sets a weight as setWeight(id, weight) does. Two threads must not use one writer, nor set
+    /// the weight of one synapse. A writer is ready until the next call that is not one of this.
+    void setWeight(std::size_t writer, EdgeId id, float weight) {
+        if (!isWeight(weight)) throw InvalidSynapse(InvalidSynapse::weight);
+        checked(id);
+        if (reweighted_.recording) reweighted_.note(writer, synapses_.target(id));
+        synapses_.setWeight(id, weight);
+    }
+    /// Whether the synapses came in the order of their sources, so that each list of incoming
+    /// synapses ascends by source. Reads the outgoing lists, which must be built.
+    bool isSortedBySource() const { return out_.ascending; }
 
     /// Replaces `targets` by the neurons whose incoming weights were set since an earlier call,
     /// also to the same value: ascending, each once. `last_call` is what that call returned, 0 for
@@ -431,6 +451,11 @@ private:
     /// The neurons whose incoming weights were set since the last call that took them. A copied or
     /// moved graph starts a new record.
     struct ReweightedTargets {
+        /// Written by one thread at a time, so it has a cache line of its own.
+        struct alignas(64) List {
+            std::vector<NodeId> nodes;
+        };
+
         ReweightedTargets() = default;
         ReweightedTargets(const ReweightedTargets&) noexcept {}
         ReweightedTargets& operator=(const ReweightedTargets&) noexcept {
@@ -439,14 +464,23 @@ private:
         }
         void clear() noexcept {
             recording = false;
-            nodes.clear();
+            lists.clear();
             noted.clear();
+        }
+        /// Notes a neuron in the list of a writer, unless it is in a list.
+        void note(std::size_t writer, NodeId target) {
+            const std::atomic_ref<std::uint8_t> is_noted(noted[target]);
+            if (is_noted.load(std::memory_order_relaxed) != 0) return;
+            std::vector<NodeId>& nodes = lists[writer].nodes;
+            nodes.push_back(target);
+            // Another writer may have noted it since.
+            if (is_noted.exchange(1, std::memory_order_relaxed) != 0) nodes.pop_back();
         }
 
         bool recording = false;
         std::uint64_t calls = 0;          ///< calls that took the targets
-        std::vector<NodeId> nodes;        ///< in the order of the first change
-        std::vector<std::uint8_t> noted;  ///< by NodeId: 1 for a neuron in `nodes`
+        std::vector<List> lists;          ///< by writer; at least one while recording
+        std::vector<std::uint8_t> noted;  ///< by NodeId: 1 for a neuron in a list
     };
 
     friend class Wiring;
@@ -556,7 +590,7 @@ private:
             if (this == &other) return *this;
             ends.clear();
             sections.clear();
-            stale.clear();
+            written.clear();
             return *this;
         }
 
@@ -566,8 +600,10 @@ private:
         };
         std::vector<NodeId> ends;       ///< by section; empty for one section
         std::vector<Section> sections;  ///< empty until they are built
-        /// By source: whether weights have changed since the entries were written.
-        std::vector<std::uint8_t> stale;
+        /// By source: the value of `writes` when its entries were written, or 0 once a weight has
+        /// changed since.
+        std::vector<std::uint64_t> written;
+        std::uint64_t writes = 1;  ///< grows when the weights of all sources may change
     };
 
     Routes& outRoutes() {
@@ -590,7 +626,7 @@ private:
         return delivery;
     }
     void noteStale(EdgeId id) {
-        if (!division_.stale.empty()) division_.stale[synapses_.source(id)] = 1;
+        if (!division_.written.empty()) division_.written[synapses_.source(id)] = 0;
     }
     template <class Visit>
     void visitSections(NodeId source, Visit visit) const;
@@ -643,7 +679,6 @@ private:
         delivery.value = synapse.value();
         return delivery;
     }
-    void noteReweighted(NodeId target);
 
     HolderLink holder_link_;
     std::uint64_t node_count_;

@@ -129,9 +129,14 @@ public:
         bits = on ? bits | enabled_bit : bits & ~enabled_bit;
     }
     ModelTime lastChange(EdgeId id) const { return changes_.empty() ? 0 : changes_[id]; }
+    /// Several threads may then call setLastChange, each for other synapses. The first call may
+    /// throw std::bad_alloc, with nothing changed.
+    void allocateChanges() {
+        if (changes_.empty()) changes_.resize(size());
+    }
     /// The first call may throw std::bad_alloc, with nothing changed.
     void setLastChange(EdgeId id, ModelTime time) {
-        if (changes_.empty()) changes_.resize(size());
+        allocateChanges();
         changes_[id] = time;
     }
 

@@ -120,13 +120,21 @@ TEST_F(ShardsTest, DividesAndJoinsANetworkBetweenRuns) {
                 runInTurn({&cpu_, &cpu_, &cpu_, &cpu_, &cpu_, &cpu_, &cpu_}));
 }
 
-/// A prepare hook that changes weights in each window, and the whole graph in one.
+/// A prepare hook that changes weights, and twice the whole graph. After each change deliveries
+/// form runs again, 16 windows later.
 class GraphChange final : public IWindowPrepare {
 public:
     void prepare(ModelTime start, ModelTime, std::span<WindowWork> work,
                  SynapseGraph& graph) override {
         if (work.empty()) return;
-        graph.setWeight(work.front().neuron * 12, 0.01F * static_cast<float>(start / window % 50));
+        if (start == 10 * window) {
+            graph.prepareWriters(2, false);
+            for (EdgeId id = 0; id < graph.edgeCount(); id += 5) graph.setWeight(1, id, 0.3F);
+        }
+        if (start >= 70 * window && start < 80 * window) {
+            const float weight = 0.01F * static_cast<float>(start / window % 50);
+            graph.setWeight(work.front().neuron * 12, weight);
+        }
         if (start == 30 * window) graph = drawGraph();
         if (start == 60 * window) graph = SynapseGraph(graph);
     }
