@@ -7,12 +7,13 @@ namespace Lumenar::Core::Kelm {
 
 class IWindowBackend;
 
-/// Threads on which an engine advances its shards side by side.
+/// Threads on which an engine advances its shards side by side, and a hook divides its work.
 class IShardTeam {
 public:
     virtual ~IShardTeam() = default;
 
-    /// The most shards that an engine of this many neurons should have, at least 1.
+    /// The most shards that an engine of this many neurons should have, at least 1. So many items,
+    /// each as costly as an event of a window, are worth as many parts.
     virtual std::size_t shardsFor(std::size_t neurons) const = 0;
     /// Windows of fewer events are not worth a second thread. With 0 or 1 every window is.
     virtual std::size_t threshold() const = 0;

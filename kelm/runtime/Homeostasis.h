@@ -7,6 +7,7 @@
 #include "kelm/core/ModelTime.h"
 #include "kelm/network/SynapseGraph.h"
 #include "kelm/runtime/PlasticityConfig.h"
+#include "kelm/runtime/WorkParts.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -24,7 +25,9 @@ std::uint64_t applyHomeostasis(SynapseGraph& graph, const HomeostasisConfig& con
 class Homeostasis {
 public:
     /// Throws as above. Walks the whole network if the cap differs from that of the last call.
-    std::uint64_t apply(SynapseGraph& graph, const HomeostasisConfig& config);
+    /// `parts`: divides the neurons.
+    std::uint64_t apply(SynapseGraph& graph, const HomeostasisConfig& config,
+                        const WorkParts& parts = {});
 
 private:
     std::optional<double> cap_;    ///< of the last call; none before the first

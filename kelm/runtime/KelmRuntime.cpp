@@ -308,26 +308,33 @@ std::vector<std::uint64_t> KelmRuntime::perturb(const Perturbation& perturbation
 
 void KelmRuntime::prepare(ModelTime window_start, ModelTime window_end, std::span<WindowWork> work,
                           SynapseGraph&) {
+    if (oscillators_) oscillators_->advanceCoupling(window_start);
+    const WorkParts parts(backend_->team());
+    const std::size_t count = parts.countFor(work.size());
+    if (window_phases_.size() < count) window_phases_.resize(count);
+    parts.runRanges(count, work.size(), [&](std::size_t part, std::size_t first, std::size_t end) {
+        InstantPhases& phases = window_phases_[part];
+        if (oscillators_) phases.moveTo(*oscillators_, window_start);
+        for (WindowWork& item : work.subspan(first, end - first)) {
+            prepareItem(item, phases, window_end);
+        }
+    });
+}
+
+void KelmRuntime::prepareItem(WindowWork& item, InstantPhases& phases, ModelTime window_end) {
+    const NodeId n = item.neuron;
     if (oscillators_) {
-        oscillators_->advanceCoupling(window_start);
-        window_phases_.moveTo(*oscillators_, window_start);
+        PhaseModulator& modulator = phase_modulators_[n];
+        modulator.setGain(interventions_.mechanism_gain[InterventionState::oscillators]);
+        const double bound = modulator.intervalBound(phases, window_end);
+        item.drive =
+            modulator.kernelDrive(phases, (modulation_weight_sum_[n] + 1.0) * bound_margin + bound);
     }
-    const double phase_gain = interventions_.mechanism_gain[InterventionState::oscillators];
-    const double error_gain = interventions_.mechanism_gain[InterventionState::prediction];
-    for (WindowWork& item : work) {
-        const NodeId n = item.neuron;
-        if (oscillators_) {
-            PhaseModulator& modulator = phase_modulators_[n];
-            modulator.setGain(phase_gain);
-            const double bound = modulator.intervalBound(window_phases_, window_end);
-            item.drive = modulator.kernelDrive(
-                window_phases_, (modulation_weight_sum_[n] + 1.0) * bound_margin + bound);
-        }
-        if (prediction_) {
-            const PredictionBank::ErrorTerms& error = errorTermsOf(n);
-            item.drive.base += error.drive * error_gain;
-            item.drive.bound += error.bound * error_gain;
-        }
+    if (prediction_) {
+        const double error_gain = interventions_.mechanism_gain[InterventionState::prediction];
+        const PredictionBank::ErrorTerms& error = errorTermsOf(n);
+        item.drive.base += error.drive * error_gain;
+        item.drive.bound += error.bound * error_gain;
     }
 }
 
@@ -355,11 +362,15 @@ void KelmRuntime::commit(ModelTime window_start, ModelTime window_end,
 void KelmRuntime::learn(std::span<const SpikeRecord> spikes, ModelTime window_end,
                         SynapseGraph& graph) {
     for (const SpikeRecord& spike : spikes) plasticity_->recordSpike(spike.neuron, spike.time);
-    plasticity_->takeChanges(graph, changes_);
+    const WorkParts parts(backend_->team());
+    plasticity_->takeChanges(graph, changes_, parts);
     const double gain = interventions_.mechanism_gain[InterventionState::plasticity];
-    for (WeightChange& change : changes_) change.delta *= gain;
-    learning_->applyChanges(graph, changes_, window_end);
-    homeostasis_.apply(graph, plasticity_config_.homeostasis);
+    const std::size_t count = parts.countFor(changes_.size());
+    parts.runRanges(count, changes_.size(), [&](std::size_t, std::size_t i, std::size_t end) {
+        for (; i < end; ++i) changes_[i].delta *= gain;
+    });
+    learning_->applyChanges(graph, changes_, window_end, parts);
+    homeostasis_.apply(graph, plasticity_config_.homeostasis, parts);
 }
 
 void KelmRuntime::logSpikes(std::span<const SpikeRecord> spikes, const SynapseGraph& graph) {

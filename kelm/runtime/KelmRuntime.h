@@ -253,6 +253,7 @@ private:
 
     void prepare(ModelTime window_start, ModelTime window_end, std::span<WindowWork> work,
                  SynapseGraph& graph) override;
+    void prepareItem(WindowWork& item, InstantPhases& phases, ModelTime window_end);
     void commit(ModelTime window_start, ModelTime window_end, std::span<const SpikeRecord> spikes,
                 SynapseGraph& graph) override;
     void learn(std::span<const SpikeRecord> spikes, ModelTime window_end, SynapseGraph& graph);
@@ -312,7 +313,7 @@ private:
     const PredictionBank::ErrorTerms& errorTermsOf(NodeId neuron);
 
     // What the hooks keep from item to item and from window to window.
-    InstantPhases window_phases_;                ///< at the start of the window
+    std::vector<InstantPhases> window_phases_;   ///< by thread; at the start of the window
     std::vector<CachedErrorTerms> error_terms_;  ///< shape (neurons), or empty
     std::vector<WeightChange> changes_;
     /// One value per neuron of each kind that a sample holds.

@@ -1,6 +1,7 @@
 #include "kelm/runtime/LearningControl.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstddef>
 #include <utility>
@@ -67,6 +68,20 @@ bool readSettings(BlobReader& in, LearningControl::State& state) {
     state.allowed_sorted = state.allowed_groups;
     std::sort(state.allowed_sorted.begin(), state.allowed_sorted.end());
     return true;
+}
+
+/// Whether all numbers that learning computes with are finite, and no edge is pending twice, nor
+/// becomes so.
+bool isRegular(const LearningControl::State& state) {
+    const auto isFinite = [](const SynapseLearningState& synapse) {
+        return std::isfinite(synapse.slow) && std::isfinite(synapse.fast);
+    };
+    std::vector<bool> seen(state.synapses.size());
+    for (const EdgeId edge : state.pending_edges) {
+        if (seen[edge] || state.synapses[edge].pending == 0) return false;
+        seen[edge] = true;
+    }
+    return std::isfinite(state.weight_cap) && std::ranges::all_of(state.synapses, isFinite);
 }
 
 }  // namespace
@@ -151,25 +166,106 @@ void LearningControl::setWeightCap(double cap) {
 
 LearningStatistics LearningControl::applyChanges(SynapseGraph& graph,
                                                  std::span<const WeightChange> changes,
-                                                 ModelTime window_end) {
-    LearningStatistics statistics;
+                                                 ModelTime window_end, const WorkParts& parts) {
     const bool gate_open = isGateOpen(window_end);
     const bool stopped = state_.frozen[0] || state_.frozen[1];
-    for (const WeightChange& change : changes) {
-        if (!graph.isRouted(change.edge)) continue;
-        if (stopped) {
-            ++statistics.frozen_out;
-        } else if (!neuronAdmitted(graph.target(change.edge))) {
-            ++statistics.blocked_by_group;
-        } else if (!gate_open) {
-            ++statistics.gated;
-        } else {
-            learn(graph, change);
-            ++statistics.applied;
+    const bool writes = gate_open && !stopped;
+    LearningStatistics statistics;
+    std::size_t count = writes ? changeParts(graph, changes, parts) : 1;
+    setParts(count, graph);
+    parts.runRanges(count, changes.size(), [&](std::size_t part, std::size_t i, std::size_t end) {
+        // The proposals of an edge stay together.
+        const auto startsEdge = [&](std::size_t place) {
+            return place == 0 || place == changes.size() ||
+                   changes[place].edge != changes[place - 1].edge;
+        };
+        while (count > 1 && !startsEdge(i)) ++i;
+        while (count > 1 && !startsEdge(end)) ++end;
+        LearningStatistics& own = parts_[part].statistics;
+        for (; i < end; ++i) {
+            const WeightChange& change = changes[i];
+            if (!graph.isRouted(change.edge)) continue;
+            if (stopped) {
+                ++own.frozen_out;
+            } else if (!neuronAdmitted(graph.target(change.edge))) {
+                ++own.blocked_by_group;
+            } else if (!gate_open) {
+                ++own.gated;
+            } else {
+                learn(part, graph, change);
+                ++own.applied;
+            }
         }
-    }
-    if (state_.fast.enabled != 0 && !state_.frozen[1]) fade(graph, window_end, statistics);
+    });
+    joinParts(count, statistics);
+    if (state_.fast.enabled == 0 || state_.frozen[1]) return statistics;
+
+    const std::span<const EdgeId> pending = state_.pending_edges;
+    count = cannotFail(graph) ? parts.countFor(pending.size()) : 1;
+    setParts(count, graph);
+    parts.runRanges(count, pending.size(),
+                    [&](std::size_t part, std::size_t first, std::size_t end) {
+                        fade(part, graph, pending.subspan(first, end - first), window_end);
+                    });
+    joinParts(count, statistics);
     return statistics;
+}
+
+/// Whether no proposal of a finite change for a synapse of the graph can fail, and no fading. One
+/// thread does what may fail, so that an exception leaves the same on any number of threads.
+bool LearningControl::cannotFail(const SynapseGraph& graph) const {
+    const double rate = state_.fast.consolidation_rate;
+    return state_.is_regular && std::isfinite(static_cast<float>(state_.weight_cap)) &&
+           state_.weight_cap >= 0.0 && state_.fast.tau >= 0 && rate >= 0.0 && rate <= 1.0 &&
+           graph.edgeCount() == state_.synapses.size() &&
+           graph.nodeCount() == state_.group_of.size();
+}
+
+std::size_t LearningControl::changeParts(const SynapseGraph& graph,
+                                         std::span<const WeightChange> changes,
+                                         const WorkParts& parts) const {
+    const std::size_t count = parts.countFor(changes.size());
+    if (count == 1 || !cannotFail(graph)) return 1;
+    std::atomic<bool> fits = changes.back().edge < graph.edgeCount();
+    parts.runRanges(count, changes.size(), [&](std::size_t, std::size_t i, std::size_t end) {
+        bool all_fit = true;
+        for (; i < end; ++i) {
+            all_fit = all_fit && std::isfinite(changes[i].delta) &&
+                      (i == 0 || changes[i - 1].edge <= changes[i].edge);
+        }
+        if (!all_fit) fits.store(false, std::memory_order_relaxed);
+    });
+    return fits.load(std::memory_order_relaxed) ? count : 1;
+}
+
+/// A single part prepares its writer when it first writes, because it may write nothing.
+void LearningControl::setParts(std::size_t count, SynapseGraph& graph) {
+    if (parts_.size() < count) parts_.resize(count);
+    for (std::size_t p = 0; p < count; ++p) {
+        parts_[p].statistics = {};
+        parts_[p].journal.clear();
+        parts_[p].pending_edges.clear();
+        parts_[p].is_only = count == 1;
+        parts_[p].can_write = count > 1;
+    }
+    if (count > 1) graph.prepareWriters(count, true);
+}
+
+/// Adds what the parts have made to the state and to `statistics`, in their order.
+void LearningControl::joinParts(std::size_t count, LearningStatistics& statistics) {
+    for (std::size_t p = 0; p < count; ++p) {
+        const Part& part = parts_[p];
+        statistics += part.statistics;
+        if (state_.journal_mode == JournalMode::sampled) {
+            for (const JournalEntry& entry : part.journal) {
+                if (keepsNextEntry()) state_.journal.push_back(entry);
+            }
+        } else {
+            state_.journal.insert(state_.journal.end(), part.journal.begin(), part.journal.end());
+        }
+        state_.pending_edges.insert(state_.pending_edges.end(), part.pending_edges.begin(),
+                                    part.pending_edges.end());
+    }
 }
 
 bool LearningControl::isGateOpen(ModelTime window_end) {
@@ -188,14 +284,14 @@ bool LearningControl::isGateOpen(ModelTime window_end) {
     return open;
 }
 
-void LearningControl::learn(SynapseGraph& graph, const WeightChange& change) {
+void LearningControl::learn(std::size_t part, SynapseGraph& graph, const WeightChange& change) {
     const EdgeId edge = change.edge;
     // The graph may hold more synapses than this object was made for.
     if (edge >= state_.synapses.size()) {
         throw SynapseRoutingViolation(SynapseRoutingViolation::edge);
     }
     SynapseLearningState& state = state_.synapses[edge];
-    const double weight = static_cast<double>(graph.edge(edge).weight);
+    const double weight = static_cast<double>(graph.weight(edge));
     if (state.initialized == 0) {
         state.slow = weight;
         state.fast = 0.0;
@@ -206,33 +302,35 @@ void LearningControl::learn(SynapseGraph& graph, const WeightChange& change) {
         // Something else, such as homeostasis, changed the weight: the lasting part takes it up.
         SynapseLearningState moved = state;
         moved.slow = weight - state.fast;
-        commitWeight(graph, edge, moved, change.time, nullptr, JournalKind::external);
+        commitWeight(part, graph, edge, moved, change.time, nullptr, JournalKind::external);
     }
     SynapseLearningState learned = state;
-    double& part = state_.fast.enabled != 0 ? learned.fast : learned.slow;
-    part = change.delta + part;
-    commitWeight(graph, edge, learned, change.time, &change, JournalKind::update);
+    double& learning = state_.fast.enabled != 0 ? learned.fast : learned.slow;
+    learning = change.delta + learning;
+    commitWeight(part, graph, edge, learned, change.time, &change, JournalKind::update);
     if (state_.fast.enabled != 0 && state.pending == 0) {
-        state_.pending_edges.push_back(edge);
+        Part& own = parts_[part];
+        (own.is_only ? state_.pending_edges : own.pending_edges).push_back(edge);
         state.pending = 1;
     }
 }
 
 /// Fades over the interval since a synapse's last change, and sets that change to the window's end.
 /// So a fading part fades exactly once over any span of time, however windows divide the span.
-void LearningControl::fade(SynapseGraph& graph, ModelTime window_end,
-                           LearningStatistics& statistics) {
+void LearningControl::fade(std::size_t part, SynapseGraph& graph, std::span<const EdgeId> edges,
+                           ModelTime window_end) {
+    LearningStatistics& statistics = parts_[part].statistics;
     // The last pass was the last change of most synapses, so neighbours share a factor.
     double factor_interval = 0.0;
     double factor = 1.0;
-    for (std::size_t i = 0; i < state_.pending_edges.size(); ++i) {
+    for (std::size_t i = 0; i < edges.size(); ++i) {
         // The list has the order of first change, so its synapses lie anywhere in memory.
-        if (i + prefetch_distance < state_.pending_edges.size()) {
-            const EdgeId later = state_.pending_edges[i + prefetch_distance];
+        if (i + prefetch_distance < edges.size()) {
+            const EdgeId later = edges[i + prefetch_distance];
             prefetchLine(&state_.synapses[later]);
             if (later < graph.edgeCount()) graph.prefetchEdge(later);
         }
-        const EdgeId edge = state_.pending_edges[i];
+        const EdgeId edge = edges[i];
         const SynapseLearningState& state = state_.synapses[edge];
         if (state.initialized == 0 || state.fast == 0.0 || !graph.isRouted(edge)) continue;
         const double interval =
@@ -243,7 +341,7 @@ void LearningControl::fade(SynapseGraph& graph, ModelTime window_end,
             const double share = state.fast * state_.fast.consolidation_rate;
             consolidated.fast = state.fast - share;
             consolidated.slow = share + state.slow;
-            commitWeight(graph, edge, consolidated, window_end, nullptr,
+            commitWeight(part, graph, edge, consolidated, window_end, nullptr,
                          JournalKind::consolidation);
             ++statistics.consolidated;
         }
@@ -256,25 +354,29 @@ void LearningControl::fade(SynapseGraph& graph, ModelTime window_end,
         }
         SynapseLearningState faded = state;
         faded.fast = factor * state.fast;
-        commitWeight(graph, edge, faded, window_end, nullptr, JournalKind::decay);
+        commitWeight(part, graph, edge, faded, window_end, nullptr, JournalKind::decay);
         ++statistics.decayed;
     }
 }
 
 /// Bounds `state` by the cap, makes it the synapse's state, and notes the step in the journal.
 /// Changes nothing if the graph refuses the weight.
-void LearningControl::commitWeight(SynapseGraph& graph, EdgeId edge, SynapseLearningState state,
-                                   ModelTime time, const WeightChange* proposal, JournalKind kind) {
+void LearningControl::commitWeight(std::size_t part, SynapseGraph& graph, EdgeId edge,
+                                   SynapseLearningState state, ModelTime time,
+                                   const WeightChange* proposal, JournalKind kind) {
     state.slow = clampTo(state.slow, 0.0, state_.weight_cap);
     state.fast = clampTo(state.fast, -state_.weight_cap, state_.weight_cap);
     const double total = state.fast + state.slow;
     const float weight = static_cast<float>(clampTo(total, 0.0, state_.weight_cap));
-    graph.setWeight(edge, weight);
+    Part& own = parts_[part];
+    if (!own.can_write) graph.prepareWriters(1, true);
+    own.can_write = true;
+    graph.setWeight(part, edge, weight);
     graph.lastChange(edge) = time;
     state.last_weight = static_cast<double>(weight);
     const SynapseLearningState before = std::exchange(state_.synapses[edge], state);
 
-    if (!keepsNextEntry()) return;
+    if (own.is_only ? !keepsNextEntry() : state_.journal_mode == JournalMode::off) return;
     JournalEntry entry;
     entry.edge = edge;
     entry.time = time;
@@ -291,7 +393,7 @@ void LearningControl::commitWeight(SynapseGraph& graph, EdgeId edge, SynapseLear
         entry.rule_kind = proposal->context.rule_kind;
     }
     entry.kind = kind;
-    state_.journal.push_back(entry);
+    (own.is_only ? state_.journal : own.journal).push_back(entry);
 }
 
 bool LearningControl::keepsNextEntry() {
@@ -347,6 +449,7 @@ std::optional<LearningControl::State> LearningControl::read(BlobView blob) const
     for (const EdgeId edge : state.pending_edges) {
         if (edge >= state.synapses.size()) return std::nullopt;
     }
+    state.is_regular = isRegular(state);
     return state;
 }
 

@@ -13,6 +13,7 @@
 #include "kelm/network/SynapseGraph.h"
 #include "kelm/runtime/LearningRecords.h"
 #include "kelm/runtime/WeightChange.h"
+#include "kelm/runtime/WorkParts.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -48,8 +49,11 @@ public:
     /// for a target that has no group; SynapseRoutingViolation for a synapse that the graph or this
     /// object lacks; InvalidSynapse for a weight that the graph refuses, such as one from a
     /// proposal of NaN; and what the modulator throws.
+    ///
+    /// `parts`: divides the proposals and the fading parts, unless the call may fail or the
+    /// proposals do not ascend by edge.
     LearningStatistics applyChanges(SynapseGraph& graph, std::span<const WeightChange> changes,
-                                    ModelTime window_end);
+                                    ModelTime window_end, const WorkParts& parts = {});
 
     /// Throws InvalidLearningControl for a neuron outside the network.
     std::uint32_t groupOf(NodeId neuron) const {
@@ -148,6 +152,7 @@ public:
         bool learning_enabled = true;
         std::array<bool, 3> frozen{};
         std::uint64_t journal_counter = 0;  ///< entries seen while sampled
+        bool is_regular = true;  ///< no value is NaN or infinite, and the pending edges differ
     };
     /// Reads a snapshot for adopt. No value for a blob that is cut short, forged, of another
     /// format, neuron count or synapse count, or that names a synapse outside the network. Accepts
@@ -159,15 +164,32 @@ public:
     [[nodiscard]] bool restore(BlobView blob);
 
 private:
+    /// What one thread makes. An only part notes its entries and edges in the state.
+    struct alignas(64) Part {
+        LearningStatistics statistics;
+        std::vector<JournalEntry> journal;  ///< all that the journal may keep
+        std::vector<EdgeId> pending_edges;
+        bool is_only = true;
+        bool can_write = false;  ///< the graph's writer is prepared
+    };
+
     bool isGateOpen(ModelTime window_end);
-    void learn(SynapseGraph& graph, const WeightChange& change);
-    void fade(SynapseGraph& graph, ModelTime window_end, LearningStatistics& statistics);
-    void commitWeight(SynapseGraph& graph, EdgeId edge, SynapseLearningState state, ModelTime time,
-                      const WeightChange* proposal, JournalKind kind);
+    bool cannotFail(const SynapseGraph& graph) const;
+    std::size_t changeParts(const SynapseGraph& graph, std::span<const WeightChange> changes,
+                            const WorkParts& parts) const;
+    void setParts(std::size_t count, SynapseGraph& graph);
+    void joinParts(std::size_t count, LearningStatistics& statistics);
+    void learn(std::size_t part, SynapseGraph& graph, const WeightChange& change);
+    void fade(std::size_t part, SynapseGraph& graph, std::span<const EdgeId> edges,
+              ModelTime window_end);
+    void commitWeight(std::size_t part, SynapseGraph& graph, EdgeId edge,
+                      SynapseLearningState state, ModelTime time, const WeightChange* proposal,
+                      JournalKind kind);
     bool keepsNextEntry();
 
     State state_;
     Modulator modulator_;
+    std::vector<Part> parts_{1};  ///< scratch of applyChanges
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -115,6 +115,15 @@ struct LearningStatistics {
     std::uint64_t decayed = 0;           ///< fading parts that faded
     std::uint64_t consolidated = 0;      ///< fading parts of which a share became lasting
 
+    LearningStatistics& operator+=(const LearningStatistics& other) {
+        applied += other.applied;
+        blocked_by_group += other.blocked_by_group;
+        gated += other.gated;
+        frozen_out += other.frozen_out;
+        decayed += other.decayed;
+        consolidated += other.consolidated;
+        return *this;
+    }
     friend bool operator==(const LearningStatistics&, const LearningStatistics&) = default;
 };
 

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <stdexcept>
 #include <utility>
 
 #include "kelm/core/Failures.h"
 #include "kelm/core/Prefetch.h"
+#include "kelm/core/ShardRanges.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -75,6 +77,12 @@ private:
     double factor_ = 1.0;
 };
 
+/// The end of a synapse that has not fired.
+template <PlasticitySide side>
+NodeId partnerOf(EdgeId id, const SynapseGraph& graph) {
+    return side == PlasticitySide::source ? graph.target(id) : graph.source(id);
+}
+
 }  // namespace
 
 PlasticityEngine::PlasticityEngine(std::uint64_t neuron_count, const TraceConfig& trace,
@@ -103,29 +111,34 @@ void PlasticityEngine::advance(SpikeTrace& trace, ModelTime time) const {
     trace.coincidence = decay(trace.coincidence, trace_config_.tau_coincidence);
 }
 
-void PlasticityEngine::processSpike(const SpikeRecord& spike, SynapseGraph& graph) {
-    const auto [time, neuron] = spike;
-    SpikeTrace& own = state_.traces[neuron];
-    advance(own, time);
-    // Before the loops: a spike counts in its own products.
-    if (excitatory_.kind == PlasticityRuleKind::coincidence ||
-        inhibitory_.kind == PlasticityRuleKind::coincidence) {
-        own.coincidence += 1.0;
+void PlasticityEngine::processSpike(std::size_t p, std::uint64_t index, SynapseGraph& graph) {
+    const SpikeRecord& spike = state_.pending_spikes[index];
+    Part& part = parts_[p];
+    SpikeTrace* own = nullptr;
+    if (part.holds(spike.neuron)) {
+        own = &state_.traces[spike.neuron];
+        advance(*own, spike.time);
+        // Before the loops: a spike counts in its own products.
+        if (usesProducts()) own->coincidence += 1.0;
+        if (!spike_coincidence_.empty()) spike_coincidence_[index] = own->coincidence;
     }
-    if (bank_ != nullptr) phases_.moveTo(*bank_, time);
-    processSynapses<PlasticitySide::source>(spike, graph.outgoing(neuron), graph);
-    processSynapses<PlasticitySide::target>(spike, graph.incoming(neuron), graph);
+    const Firing firing{spike, index, own != nullptr ? own->last_spike : last_spikes_[index], own};
+    if (bank_ != nullptr) part.phases.moveTo(*bank_, spike.time);
+    processSynapses<PlasticitySide::source>(p, firing, graph.outgoing(spike.neuron), graph);
+    processSynapses<PlasticitySide::target>(p, firing, graph.incoming(spike.neuron), graph);
+    if (own == nullptr) return;
     // After the loops: a spike does not pair with itself across a synapse onto its own neuron.
-    own.pre += 1.0;
-    own.post += 1.0;
-    own.last_spike = time;
+    own->pre += 1.0;
+    own->post += 1.0;
+    own->last_spike = spike.time;
 }
 
-/// Proposes changes for the synapses whose source or target, by `side`, has fired.
+/// Proposes changes for the synapses whose source or target, by `side`, has fired, and whose other
+/// end belongs to the part.
 template <PlasticitySide side>
-void PlasticityEngine::processSynapses(const SpikeRecord& spike, std::span<const EdgeId> edges,
-                                       const SynapseGraph& graph) {
-    const SpikeTrace& own = state_.traces[spike.neuron];
+void PlasticityEngine::processSynapses(std::size_t p, const Firing& firing,
+                                       std::span<const EdgeId> edges, const SynapseGraph& graph) {
+    if (!parts_[p].is_only) edges = edgesOf<side>(parts_[p], edges, graph);
     for (std::size_t i = 0; i < edges.size(); ++i) {
         if (i % SynapseGraph::prefetch_block == 0) prefetchPartners<side>(edges.subspan(i), graph);
         const Synapse synapse = graph.edge(edges[i]);
@@ -133,29 +146,92 @@ void PlasticityEngine::processSynapses(const SpikeRecord& spike, std::span<const
         const NodeId partner = side == PlasticitySide::source ? synapse.target : synapse.source;
         if (partner >= state_.traces.size()) failSpikeNeuron();
         SpikeTrace& other = state_.traces[partner];
-        advance(other, spike.time);
-        const bool product = ruleOf(synapse).kind == PlasticityRuleKind::coincidence;
-        const double trace = side == PlasticitySide::source ? other.post : other.pre;
-        const double factor = product ? own.coincidence * other.coincidence : trace;
-        propose(edges[i], synapse, spike.time, side, factor);
+        advance(other, firing.spike.time);
+        propose<side>(p, firing, edges[i], synapse, other);
     }
 }
 
-/// Hints the partners' traces of the next block of synapses. They lie anywhere in memory, so this
-/// makes one wait out of many.
+/// The edges whose other end belongs to the part. Valid until the next call for the part.
+template <PlasticitySide side>
+std::span<const EdgeId> PlasticityEngine::edgesOf(Part& part, std::span<const EdgeId> edges,
+                                                  const SynapseGraph& graph) {
+    if (side == PlasticitySide::target && graph.isSortedBySource()) {
+        const auto firstFrom = [&](NodeId node) {
+            return std::partition_point(edges.begin(), edges.end(),
+                                        [&](EdgeId id) { return graph.source(id) < node; });
+        };
+        return {firstFrom(part.begin), firstFrom(part.begin + part.size)};
+    }
+    if (part.edges.size() < edges.size()) part.edges.resize(2 * edges.size());
+    // Without a branch: where the ends are scattered, it would often be mispredicted.
+    std::size_t count = 0;
+    for (const EdgeId id : edges) {
+        part.edges[count] = id;
+        count += part.holds(partnerOf<side>(id, graph)) ? 1 : 0;
+    }
+    return std::span(part.edges).first(count);
+}
+
+/// Hints the traces of the other ends of the next block of synapses. They lie anywhere in memory,
+/// so this makes one wait out of many.
 template <PlasticitySide side>
 void PlasticityEngine::prefetchPartners(std::span<const EdgeId> edges,
                                         const SynapseGraph& graph) const {
     for (const EdgeId id : edges.first(std::min(SynapseGraph::prefetch_block, edges.size()))) {
-        const NodeId partner = side == PlasticitySide::source ? graph.target(id) : graph.source(id);
+        const NodeId partner = partnerOf<side>(id, graph);
+        if (side == PlasticitySide::target) graph.prefetchEdge(id);
         if (partner < state_.traces.size()) prefetchLine(&state_.traces[partner]);
     }
 }
 
-void PlasticityEngine::propose(EdgeId edge, const Synapse& synapse, ModelTime time,
-                               PlasticitySide side, double factor) {
-    const PlasticityRule& rule = ruleOf(synapse);
+/// `other`: the trace of the end that has not fired.
+template <PlasticitySide side>
+void PlasticityEngine::propose(std::size_t p, const Firing& firing, EdgeId edge,
+                               const Synapse& synapse, const SpikeTrace& other) {
+    const PlasticityRule& rule = ruleOf(synapse.inhibitory);
     if (rule.kind == PlasticityRuleKind::none) return;
+    double factor = side == PlasticitySide::source ? other.post : other.pre;
+    bool is_half = false;
+    if (rule.kind == PlasticityRuleKind::coincidence) {
+        is_half = firing.own == nullptr;
+        factor = is_half ? other.coincidence : firing.own->coincidence * other.coincidence;
+    }
+    double delta = is_half ? 0.0 : deltaOf(rule, side, factor);
+    // A hook sees a proposal of 0 too: it may turn it into a NaN, which is kept.
+    if (!is_half && delta == 0.0 && !change_hook_) return;
+
+    Part& part = parts_[p];
+    WeightChange change;
+    change.edge = edge;
+    change.time = firing.spike.time;
+    change.side = side;
+    WeightChangeContext& context = change.context;
+    context.edge = edge;
+    context.pre_neuron = synapse.source;
+    context.post_neuron = synapse.target;
+    context.time = firing.spike.time;
+    context.pre_last_spike = side == PlasticitySide::source ? firing.last_spike : other.last_spike;
+    context.post_last_spike = side == PlasticitySide::source ? other.last_spike : firing.last_spike;
+    context.weight = static_cast<double>(synapse.weight);
+    context.factor = factor;
+    context.pre_phase = phaseOf(part, synapse.source);
+    context.post_phase = phaseOf(part, synapse.target);
+    context.synapse_kind = synapse.inhibitory ? 1 : 0;
+    context.rule_kind = rule.kind;
+    context.side = side;
+    std::vector<WeightChange>& changes = changesOf(p);
+    if (is_half) {
+        part.half_products.push_back({changes.size(), firing.index});
+    } else {
+        if (change_hook_) delta = delta * change_hook_(context);
+        if (delta == 0.0) return;
+    }
+    change.delta = delta;
+    changes.push_back(change);
+}
+
+double PlasticityEngine::deltaOf(const PlasticityRule& rule, PlasticitySide side,
+                                 double factor) const {
     double delta = 0.0;
     if (rule.kind == PlasticityRuleKind::pair) {
         delta =
@@ -163,32 +239,7 @@ void PlasticityEngine::propose(EdgeId edge, const Synapse& synapse, ModelTime ti
     } else if (rule.kind == PlasticityRuleKind::coincidence) {
         delta = factor * rule.a_coincidence;
     }
-    delta = delta * rule.scale;
-    // A hook sees a proposal of 0 too: it may turn it into a NaN, which is kept.
-    if (delta == 0.0 && !change_hook_) return;
-
-    WeightChange change;
-    change.edge = edge;
-    change.time = time;
-    change.side = side;
-    WeightChangeContext& context = change.context;
-    context.edge = edge;
-    context.pre_neuron = synapse.source;
-    context.post_neuron = synapse.target;
-    context.time = time;
-    context.pre_last_spike = state_.traces[synapse.source].last_spike;
-    context.post_last_spike = state_.traces[synapse.target].last_spike;
-    context.weight = static_cast<double>(synapse.weight);
-    context.factor = factor;
-    context.pre_phase = phaseOf(synapse.source);
-    context.post_phase = phaseOf(synapse.target);
-    context.synapse_kind = synapse.inhibitory ? 1 : 0;
-    context.rule_kind = rule.kind;
-    context.side = side;
-    if (change_hook_) delta = delta * change_hook_(context);
-    if (delta == 0.0) return;
-    change.delta = delta;
-    state_.pending_changes.push_back(change);
+    return delta * rule.scale;
 }
 
 std::vector<WeightChange> PlasticityEngine::takeChanges(SynapseGraph& graph) {
@@ -197,30 +248,161 @@ std::vector<WeightChange> PlasticityEngine::takeChanges(SynapseGraph& graph) {
     return changes;
 }
 
-void PlasticityEngine::takeChanges(SynapseGraph& graph, std::vector<WeightChange>& changes) {
+void PlasticityEngine::takeChanges(SynapseGraph& graph, std::vector<WeightChange>& changes,
+                                   const WorkParts& parts) {
+    const std::vector<SpikeRecord>& spikes = state_.pending_spikes;
     // Equal records cannot be told apart, so an unstable sort gives one order.
     std::sort(state_.pending_spikes.begin(), state_.pending_spikes.end(), SpikeRecordLess());
-    for (const SpikeRecord& spike : state_.pending_spikes) processSpike(spike, graph);
+    const std::size_t count = partCount(graph, parts);
+    setParts(count);
+    if (count > 1) {
+        graph.outgoing(spikes.front().neuron);  // builds the lists
+        graph.incoming(spikes.front().neuron);
+        noteLastSpikes();
+        if (usesProducts()) spike_coincidence_.resize(spikes.size());
+    }
+    if (!spikes.empty()) latest_update_ = std::max(latest_update_, spikes.back().time);
+    const bool has_halves = !spike_coincidence_.empty();
+    parts.run(count, [&](std::size_t p) {
+        for (std::uint64_t i = 0; i < spikes.size(); ++i) processSpike(p, i, graph);
+        if (!has_halves) sortKeys(p);
+    });
+    if (has_halves) {
+        parts.run(count, [&](std::size_t p) {
+            completeProducts(p);
+            sortKeys(p);
+        });
+    }
     state_.pending_spikes.clear();
-    moveSorted(changes);
+    moveSorted(changes, count, parts);
 }
 
-/// Moves the proposals to `changes` in their order. Sorts keys, which are smaller than proposals.
-void PlasticityEngine::moveSorted(std::vector<WeightChange>& changes) {
-    std::vector<WeightChange>& pending = state_.pending_changes;
-    keys_.clear();
-    for (std::uint64_t i = 0; i < pending.size(); ++i) keys_.push_back({pending[i].edge, i});
-    std::sort(keys_.begin(), keys_.end(), [&pending](const ChangeKey& a, const ChangeKey& b) {
+/// One part where the call may fail, so that an exception leaves the same on any number of threads,
+/// and with a hook, whose calls have an order.
+std::size_t PlasticityEngine::partCount(const SynapseGraph& graph, const WorkParts& parts) const {
+    const std::vector<SpikeRecord>& spikes = state_.pending_spikes;
+    const std::size_t neurons = state_.traces.size();
+    if (spikes.empty() || change_hook_ || !state_.pending_changes.empty() ||
+        graph.nodeCount() != neurons || spikes.front().time < latest_update_) {
+        return 1;
+    }
+    if (bank_ != nullptr &&
+        !std::ranges::all_of(bank_->phaseOffsets(), [](double x) { return std::isfinite(x); })) {
+        return 1;
+    }
+    const std::uint64_t synapses = spikes.size() * (1 + 2 * (graph.routedCount() / neurons));
+    return std::min(parts.countFor(synapses), neurons);
+}
+
+void PlasticityEngine::setParts(std::size_t count) {
+    if (parts_.size() < count) parts_.resize(count);
+    const auto shards = static_cast<std::uint32_t>(count);
+    for (std::uint32_t p = 0; p < shards; ++p) {
+        Part& part = parts_[p];
+        part.is_only = count == 1;
+        part.begin = part.is_only ? 0 : Kernel::shardBegin(state_.traces.size(), shards, p);
+        part.size = part.is_only ? ~std::uint64_t{0}
+                                 : Kernel::shardEnd(state_.traces.size(), shards, p) - part.begin;
+        part.changes.clear();
+        part.half_products.clear();
+        part.keys.clear();
+    }
+    last_spikes_.clear();
+    spike_coincidence_.clear();
+}
+
+/// Notes for each spike the last one of its neuron before it. The traces hold that of the first;
+/// each spike is put there for the later ones, and taken out again.
+void PlasticityEngine::noteLastSpikes() {
+    for (const SpikeRecord& spike : state_.pending_spikes) {
+        last_spikes_.push_back(std::exchange(state_.traces[spike.neuron].last_spike, spike.time));
+    }
+    for (std::size_t i = last_spikes_.size(); i-- != 0;) {
+        state_.traces[state_.pending_spikes[i].neuron].last_spike = last_spikes_[i];
+    }
+}
+
+void PlasticityEngine::completeProducts(std::size_t p) {
+    for (const HalfProduct& half : parts_[p].half_products) {
+        WeightChange& change = changesOf(p)[half.change];
+        WeightChangeContext& context = change.context;
+        context.factor = spike_coincidence_[half.spike] * context.factor;
+        change.delta = deltaOf(ruleOf(context.synapse_kind != 0), change.side, context.factor);
+    }
+}
+
+/// Sorts keys, which are smaller than proposals.
+void PlasticityEngine::sortKeys(std::size_t p) {
+    const std::vector<WeightChange>& changes = changesOf(p);
+    Part& part = parts_[p];
+    const bool has_zeros = !part.half_products.empty();
+    for (std::uint64_t i = 0; i < changes.size(); ++i) {
+        if (has_zeros && changes[i].delta == 0.0) continue;
+        part.keys.push_back({changes[i].edge, i});
+    }
+    std::sort(part.keys.begin(), part.keys.end(), [&](const ChangeKey& a, const ChangeKey& b) {
         if (a.edge != b.edge) return a.edge < b.edge;
-        const WeightChange& first = pending[a.index];
-        const WeightChange& second = pending[b.index];
+        const WeightChange& first = changes[a.index];
+        const WeightChange& second = changes[b.index];
         if (first.time != second.time) return first.time < second.time;
         if (first.side != second.side) return first.side < second.side;
         return a.index < b.index;
     });
-    changes.clear();
-    for (const ChangeKey& key : keys_) changes.push_back(pending[key.index]);
-    pending.clear();
+}
+
+/// Moves the proposals to `changes` in their order. Each thread writes a share of the edges.
+void PlasticityEngine::moveSorted(std::vector<WeightChange>& changes, std::size_t count,
+                                  const WorkParts& parts) {
+    changes.resize(firstKeysOf(count, count, parts_[0].last));
+    parts.run(count, [&](std::size_t share) { mergeShare(share, count, changes); });
+    for (std::size_t p = 0; p < count; ++p) changesOf(p).clear();
+}
+
+void PlasticityEngine::mergeShare(std::size_t share, std::size_t count,
+                                  std::vector<WeightChange>& changes) {
+    std::vector<std::size_t>& next = parts_[share].next;
+    std::vector<std::size_t>& last = parts_[share].last;
+    std::size_t place = firstKeysOf(share, count, next);
+    const std::size_t end = firstKeysOf(share + 1, count, last);
+    // Two parts have no proposals of the same edge and side.
+    const auto isBefore = [&](std::size_t p, std::size_t q) {
+        const ChangeKey& a = parts_[p].keys[next[p]];
+        const ChangeKey& b = parts_[q].keys[next[q]];
+        if (a.edge != b.edge) return a.edge < b.edge;
+        const WeightChange& first = changesOf(p)[a.index];
+        const WeightChange& second = changesOf(q)[b.index];
+        return first.time != second.time ? first.time < second.time : first.side < second.side;
+    };
+    for (; place < end; ++place) {
+        std::size_t least = 0;
+        while (next[least] == last[least]) ++least;
+        for (std::size_t p = least + 1; p < count; ++p) {
+            if (next[p] != last[p] && isBefore(p, least)) least = p;
+        }
+        changes[place] = changesOf(least)[parts_[least].keys[next[least]++].index];
+    }
+}
+
+/// Sets `first`, by part, to the first key of a share of the edges, and returns the sum. The shares
+/// divide the longest list of keys evenly.
+std::size_t PlasticityEngine::firstKeysOf(std::size_t share, std::size_t count,
+                                          std::vector<std::size_t>& first) const {
+    const auto countOf = [&](std::size_t p) { return parts_[p].keys.size(); };
+    std::size_t longest = 0;
+    for (std::size_t p = 1; p < count; ++p) {
+        if (countOf(p) > countOf(longest)) longest = p;
+    }
+    first.clear();
+    for (std::size_t p = 0; p < count; ++p) {
+        const std::vector<ChangeKey>& keys = parts_[p].keys;
+        auto found = share == 0 ? keys.begin() : keys.end();
+        if (share != 0 && share != count && !keys.empty()) {
+            const EdgeId edge = parts_[longest].keys[share * countOf(longest) / count].edge;
+            found = std::ranges::lower_bound(keys, edge, {}, &ChangeKey::edge);
+        }
+        first.push_back(static_cast<std::size_t>(found - keys.begin()));
+    }
+    return std::accumulate(first.begin(), first.end(), std::size_t{0});
 }
 
 Blob PlasticityEngine::snapshot() const {
@@ -258,7 +440,13 @@ std::optional<PlasticityEngine::State> PlasticityEngine::read(BlobView blob) con
     return state;
 }
 
-void PlasticityEngine::adopt(State&& state) noexcept { state_ = std::move(state); }
+void PlasticityEngine::adopt(State&& state) noexcept {
+    state_ = std::move(state);
+    latest_update_ = 0;
+    for (const SpikeTrace& trace : state_.traces) {
+        latest_update_ = std::max(latest_update_, trace.updated);
+    }
+}
 
 bool PlasticityEngine::restore(BlobView blob) {
     std::optional<State> state = read(blob);

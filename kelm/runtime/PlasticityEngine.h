@@ -16,6 +16,7 @@
 #include "kelm/runtime/InstantPhases.h"
 #include "kelm/runtime/PlasticityConfig.h"
 #include "kelm/runtime/WeightChange.h"
+#include "kelm/runtime/WorkParts.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -30,6 +31,11 @@ namespace Lumenar::Core::Kelm {
 /// A trace decays only when its neuron or a partner fires, then over the whole interval since its
 /// last update. After a throw out of takeChanges the engine may only be restored or destroyed. The
 /// bank is borrowed. One thread at a time.
+///
+/// Several threads share the spikes of a window by ranges of neurons. Each thread goes through all
+/// spikes in order, advances the traces of its range, and makes the proposals of the synapses whose
+/// other end lies there. A proposal also reads two values of the neuron that fires. Its last spike
+/// follows from the spikes alone. Its coincidence trace is multiplied in after all spikes.
 class PlasticityEngine {
 public:
     /// A factor of a proposal that depends on its context (a third factor of the rule).
@@ -62,8 +68,10 @@ public:
     /// SynapseRoutingViolation for a spike of a neuron outside `graph`; std::out_of_range for a
     /// partner that has no trace; and what the hook throws.
     std::vector<WeightChange> takeChanges(SynapseGraph& graph);
-    /// The same into `changes`, whose storage it reuses.
-    void takeChanges(SynapseGraph& graph, std::vector<WeightChange>& changes);
+    /// The same into `changes`, whose storage it reuses. `parts`: divides the work, unless there is
+    /// a change hook or the call may fail.
+    void takeChanges(SynapseGraph& graph, std::vector<WeightChange>& changes,
+                     const WorkParts& parts = {});
 
     /// Shape (neurons).
     std::span<const SpikeTrace> traces() const { return state_.traces; }
@@ -91,33 +99,87 @@ private:
     /// The sort key of a proposal, cheaper to move than the proposal's 120 bytes.
     struct ChangeKey {
         EdgeId edge;
-        std::uint64_t index;  ///< in pending_changes, which is the order of generation
+        std::uint64_t index;  ///< in the proposals of its part, which is the order of generation
+    };
+    /// A proposal of the coincidence rule whose firing neuron belongs to another part. Its factor
+    /// is the coincidence trace of the other neuron only.
+    struct HalfProduct {
+        std::uint64_t change;  ///< index in the proposals of its part
+        std::uint64_t spike;   ///< index in pending_spikes
+    };
+    /// The neurons whose traces one thread advances, and what it makes.
+    struct alignas(64) Part {
+        bool holds(NodeId neuron) const { return neuron - begin < size; }
+
+        NodeId begin = 0;
+        std::uint64_t size = 0;
+        bool is_only = true;
+        std::vector<WeightChange> changes;  ///< of the only part: in pending_changes instead
+        std::vector<HalfProduct> half_products;
+        std::vector<ChangeKey> keys;
+        std::vector<EdgeId> edges;  ///< scratch of edgesOf
+        /// Of the share of the edges that the thread merges: by part, the first key and the end.
+        std::vector<std::size_t> next;
+        std::vector<std::size_t> last;
+        InstantPhases phases;  ///< at the time of the spike in work
+    };
+    /// The neuron that fires, as its proposals see it.
+    struct Firing {
+        const SpikeRecord& spike;
+        std::uint64_t index;    ///< in pending_spikes
+        ModelTime last_spike;   ///< ns, before this one
+        const SpikeTrace* own;  ///< null in a part that does not hold the neuron
     };
 
     [[noreturn]] static void failSpikeNeuron();
-    const PlasticityRule& ruleOf(const Synapse& synapse) const {
-        return synapse.inhibitory ? inhibitory_ : excitatory_;
+    const PlasticityRule& ruleOf(bool inhibitory) const {
+        return inhibitory ? inhibitory_ : excitatory_;
     }
+    bool usesProducts() const {
+        return excitatory_.kind == PlasticityRuleKind::coincidence ||
+               inhibitory_.kind == PlasticityRuleKind::coincidence;
+    }
+    std::vector<WeightChange>& changesOf(std::size_t part) {
+        return parts_[part].is_only ? state_.pending_changes : parts_[part].changes;
+    }
+    double deltaOf(const PlasticityRule& rule, PlasticitySide side, double factor) const;
+    std::size_t partCount(const SynapseGraph& graph, const WorkParts& parts) const;
+    void setParts(std::size_t count);
+    void noteLastSpikes();
     void advance(SpikeTrace& trace, ModelTime time) const;
-    void processSpike(const SpikeRecord& spike, SynapseGraph& graph);
+    void processSpike(std::size_t part, std::uint64_t index, SynapseGraph& graph);
     template <PlasticitySide side>
-    void processSynapses(const SpikeRecord& spike, std::span<const EdgeId> edges,
+    void processSynapses(std::size_t part, const Firing& firing, std::span<const EdgeId> edges,
                          const SynapseGraph& graph);
     template <PlasticitySide side>
+    std::span<const EdgeId> edgesOf(Part& part, std::span<const EdgeId> edges,
+                                    const SynapseGraph& graph);
+    template <PlasticitySide side>
     void prefetchPartners(std::span<const EdgeId> edges, const SynapseGraph& graph) const;
-    void propose(EdgeId edge, const Synapse& synapse, ModelTime time, PlasticitySide side,
-                 double factor);
-    double phaseOf(NodeId neuron) { return bank_ == nullptr ? 0.0 : phases_.firstPhase(neuron); }
-    void moveSorted(std::vector<WeightChange>& changes);
+    template <PlasticitySide side>
+    void propose(std::size_t part, const Firing& firing, EdgeId edge, const Synapse& synapse,
+                 const SpikeTrace& other);
+    double phaseOf(Part& part, NodeId neuron) {
+        return bank_ == nullptr ? 0.0 : part.phases.firstPhase(neuron);
+    }
+    void completeProducts(std::size_t part);
+    void sortKeys(std::size_t part);
+    void moveSorted(std::vector<WeightChange>& changes, std::size_t count, const WorkParts& parts);
+    void mergeShare(std::size_t share, std::size_t count, std::vector<WeightChange>& changes);
+    std::size_t firstKeysOf(std::size_t share, std::size_t count,
+                            std::vector<std::size_t>& first) const;
 
     TraceConfig trace_config_;
     PlasticityRule excitatory_;
     PlasticityRule inhibitory_;
     State state_;
-    std::vector<ChangeKey> keys_;  ///< scratch of moveSorted
+    ModelTime latest_update_ = 0;  ///< ns; no trace was updated later
     ChangeHook change_hook_;
     const OscillatorBank* bank_ = nullptr;
-    InstantPhases phases_;  ///< at the time of the spike in work
+    // Scratch of takeChanges.
+    std::vector<Part> parts_{1};
+    std::vector<ModelTime> last_spikes_;     ///< by pending spike; only of several parts
+    std::vector<double> spike_coincidence_;  ///< by pending spike; only of several parts
 };
 
 }  // namespace Lumenar::Core::Kelm

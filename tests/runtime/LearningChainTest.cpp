@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <exception>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,6 +14,7 @@
 #include "kelm/runtime/Homeostasis.h"
 #include "tests/support/Draws.h"
 #include "tests/support/ExpectThrows.h"
+#include "tests/support/PermutedTeam.h"
 #include "tests/support/PlainLearning.h"
 #include "tests/support/SameImages.h"
 
@@ -25,8 +28,8 @@ using Contexts = std::vector<WeightChangeContext>;
 
 constexpr ModelTime millisecond = 1'000'000;
 
-/// With self-loops, parallel synapses, neurons without a synapse, and synapses that are disabled or
-/// not routed.
+/// With self-loops, parallel synapses, neurons without a synapse, and synapses that are disabled.
+/// Some graphs also have synapses that are not routed; the others are sorted by source.
 SynapseGraph drawGraph(Draws& draws, std::uint64_t neurons) {
     std::vector<Synapse> edges(1 + draws.below(30), Synapse{.delay = millisecond});
     for (Synapse& edge : edges) {
@@ -36,9 +39,11 @@ SynapseGraph drawGraph(Draws& draws, std::uint64_t neurons) {
         edge.inhibitory = draws.oneIn(3);
         edge.enabled = !draws.oneIn(6);
     }
+    const bool sorted = draws.oneIn(2);
+    if (sorted) std::ranges::stable_sort(edges, {}, &Synapse::source);
     SynapseGraph graph(neurons, std::nullopt, edges);
     Blob stored = graph.snapshot();  // a synapse's last byte is its routed flag
-    for (std::size_t i = 0; i < edges.size(); ++i) stored[97 + 63 * i] = !draws.oneIn(8);
+    for (std::size_t i = 0; i < edges.size(); ++i) stored[97 + 63 * i] = sorted || !draws.oneIn(8);
     EXPECT_TRUE(graph.restore(stored));
     return graph;
 }
@@ -87,6 +92,8 @@ TEST(LearningChain, AgreesToTheBitWithThePlainRules) {
         LearningControl control(neurons, graph.edgeCount());
         Homeostasis homeostasis;
         HomeostasisConfig cap{false, 0.5};
+        PermutedTeam team(1 + seed % 7);
+        const WorkParts parts(&team);
         PlainLearning plain{control, bank, config, {excitatory, inhibitory}, graph};
         Contexts seen[2];
         const bool hooked = draws.oneIn(2);
@@ -130,17 +137,20 @@ TEST(LearningChain, AgreesToTheBitWithThePlainRules) {
             }
 
             std::vector<WeightChange> changes(3);  // must be replaced
-            engine.takeChanges(graph, changes);
+            engine.takeChanges(graph, changes, parts);
             ASSERT_TRUE(sameImages<WeightChange>(changes, plain.takeChanges(spikes)));
             ASSERT_TRUE(sameImages<SpikeTrace>(engine.traces(), plain.traces));
             ASSERT_TRUE(sameImages<WeightChangeContext>(seen[1], seen[0]));
 
-            // One more proposal, which no spike made, perhaps for a synapse that is not routed.
-            changes.emplace_back().edge = draws.below(graph.edgeCount());
-            changes.back().time = end - draws.timeBelow(millisecond);
-            changes.back().delta = draws.oneIn(4) ? 0.0 : draws.between(-0.4, 0.5);
+            // Perhaps one more proposal, which no spike made. It may be out of order, or for a
+            // synapse that is not routed.
+            if (draws.oneIn(2)) {
+                changes.emplace_back().edge = draws.below(graph.edgeCount());
+                changes.back().time = end - draws.timeBelow(millisecond);
+                changes.back().delta = draws.oneIn(4) ? 0.0 : draws.between(-0.4, 0.5);
+            }
             const LearningStatistics counts = plain.applyChanges(changes, end, open);
-            ASSERT_EQ(control.applyChanges(graph, changes, end), counts);
+            ASSERT_EQ(control.applyChanges(graph, changes, end, parts), counts);
             ASSERT_TRUE(sameImages<JournalEntry>(control.journal(), plain.journal));
             ASSERT_TRUE(sameImages<SynapseLearningState>(control.synapseStates(), plain.states));
             ASSERT_TRUE(sameImages<ModulatorSample>(control.modulatorHistory(), history));
@@ -155,12 +165,89 @@ TEST(LearningChain, AgreesToTheBitWithThePlainRules) {
             }
             SynapseGraph whole = graph;
             const std::uint64_t scaled = cap.enabled ? plain.scale(cap.cap) : 0;
-            ASSERT_EQ(homeostasis.apply(graph, cap), scaled);
+            ASSERT_EQ(homeostasis.apply(graph, cap, parts), scaled);
             ASSERT_EQ(applyHomeostasis(whole, cap), scaled);
             ASSERT_EQ(graph.snapshot(), plain.graph.snapshot());
             ASSERT_EQ(whole.snapshot(), plain.graph.snapshot());
         }
         ASSERT_EQ(asked, seed % 2 == 0 ? 50 : 0) << "the gate is called once per window";
+    }
+}
+
+/// What can be seen after learning from a spike at 5 ms, from three more, and from `changes`.
+std::string learnOn(const WorkParts& parts, ModelTime second_spikes, const Blob& control_blob,
+                    const std::vector<WeightChange>& changes) {
+    constexpr NodeId neurons = 5;
+    std::vector<Synapse> edges;
+    for (NodeId n = 0; n < 2 * neurons; ++n) {
+        edges.push_back({.source = n % neurons,
+                         .target = (3 * n + 1) % neurons,
+                         .weight = 0.5F,
+                         .delay = millisecond});
+    }
+    SynapseGraph graph(neurons, millisecond, edges);
+    PlasticityEngine engine(neurons, {}, {.kind = Kind::pair, .a_potentiation = 0.5}, {});
+    LearningControl control(neurons, graph.edgeCount());
+    EXPECT_EQ(control.restore(control_blob), !control_blob.empty());
+    std::vector<WeightChange> proposed;
+    std::string seen;
+    try {
+        engine.recordSpike(0, 5 * millisecond);
+        engine.takeChanges(graph, proposed, parts);
+        for (const NodeId n : {0U, 2U, 4U}) engine.recordSpike(n, second_spikes);
+        engine.takeChanges(graph, proposed, parts);
+        control.applyChanges(graph, changes, 20 * millisecond, parts);
+    } catch (const std::exception& failure) {
+        seen = failure.what();
+    }
+    for (const Blob& blob : {engine.snapshot(), control.snapshot(), graph.snapshot()}) {
+        seen.append(blob.begin(), blob.end());
+    }
+    return seen;
+}
+
+TEST(LearningChain, LeavesTheSameAfterAFailureInAnyNumberOfParts) {
+    std::vector<WeightChange> good(8);
+    for (EdgeId id = 0; id < good.size(); ++id) {
+        good[id].edge = id;
+        good[id].delta = 0.125;
+    }
+    const auto spoilt = [&good](std::size_t place, EdgeId edge, double delta) {
+        std::vector<WeightChange> changes = good;
+        changes[place].edge = edge;
+        changes[place].delta = delta;
+        return changes;
+    };
+    LearningControl fading(5, 10);
+    fading.setFastWeights(true, millisecond, 1.0);
+    Blob growing = fading.snapshot();
+    // A time constant of -1 lets the fading part, which is 0 after consolidation, grow to NaN.
+    std::fill(growing.end() - 55, growing.end() - 47, std::uint8_t{0xff});
+    Blob unsound = fading.snapshot();
+    // The states of the synapses begin at byte 44: the fading part of synapse 5 is NaN.
+    std::fill_n(unsound.begin() + 44 + 5 * 32 + 8, 8, std::uint8_t{0xff});
+    unsound[44 + 5 * 32 + 24] = 1;
+    struct Case {
+        const char* fact;
+        ModelTime spike;
+        Blob control;
+        std::vector<WeightChange> changes;
+        bool fails = true;
+    };
+    for (const Case& c : {Case{"a spike into the past", 4 * millisecond, {}, good},
+                          Case{"a change of NaN", 6 * millisecond, {}, spoilt(5, 5, not_a_number)},
+                          Case{"an unknown synapse", 6 * millisecond, {}, spoilt(7, 10, 0.1)},
+                          Case{"one out of order", 6 * millisecond, {}, spoilt(6, 2, 0.1), false},
+                          Case{"a fading part of NaN", 6 * millisecond, growing, good},
+                          Case{"a state of NaN", 6 * millisecond, unsound, good}}) {
+        SCOPED_TRACE(c.fact);
+        const std::string expected = learnOn({}, c.spike, c.control, c.changes);
+        EXPECT_EQ(expected.starts_with("KELMPLS1"), !c.fails);
+        for (const std::size_t count : {2U, 3U, 5U}) {
+            PermutedTeam team(count);
+            EXPECT_TRUE(learnOn(WorkParts(&team), c.spike, c.control, c.changes) == expected)
+                << count << " parts";
+        }
     }
 }
 
