@@ -8,7 +8,7 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// Synapses that leave each neuron of the dense network.
+/// Synapses that leave each neuron of the dense network in the reports.
 inline constexpr std::uint64_t dense_fanout = 1000;
 
 /// The size of the dense network in the reports.
@@ -22,7 +22,7 @@ struct DenseNetwork {
     Kernel::Firing firing;
 };
 
-/// Builds the network without a list of its synapses.
-DenseNetwork buildDenseNetwork(const BenchmarkScale& scale);
+/// Builds the network without a list of its synapses. `fanout`: synapses that leave each neuron.
+DenseNetwork buildDenseNetwork(const BenchmarkScale& scale, std::uint64_t fanout = dense_fanout);
 
 }  // namespace Lumenar::Core::Kelm

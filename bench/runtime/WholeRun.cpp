@@ -2,10 +2,14 @@
 // process, so that its peak memory can be measured. The cases of one call take turns, so that a
 // busy machine slows all of them alike. Times are medians over the turns.
 
+#include <algorithm>
+#include <bit>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
+#include <iterator>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -40,6 +44,10 @@ constexpr const char* usage_text =
     "  --lanes        instruction set of vector lanes: avx2, avx512 or none (default)\n"
     "  --network      reports (default) or dense; sets the network's size, so it comes first\n"
     "  --neurons      neurons of the network\n"
+    "  --fanout       synapses that leave each neuron of the dense network\n"
+    "  --learning     none (default), pair, homeostasis, or homeostasis with one more part: "
+    "journal\n"
+    "                 (every entry is kept), fading (weights fade) or phase (phase bindings)\n"
     "  --base-rate    spikes/s of a neuron without input\n"
     "  --d-min        ns; length of a window and delay of every synapse\n"
     "  --horizon      ns; candidates are drawn up to here\n"
@@ -49,9 +57,16 @@ constexpr const char* usage_text =
     "  --repeat       measured runs of each case\n"
     "An option with several values makes as many cases; a single value applies to all cases.\n";
 
+/// Each but `none` has the pair rule, and each after `pair` has homeostasis.
+enum class Learning : std::uint8_t { none, pair, homeostasis, journal, fading, phase };
+constexpr const char* learning_names[] = {"none",    "pair",   "homeostasis",
+                                          "journal", "fading", "phase"};
+
 struct Case {
     bool dense = false;  ///< the dense network, not the one of the reports
     BenchmarkScale scale;
+    std::uint64_t fanout = dense_fanout;  ///< of the dense network
+    Learning learning = Learning::none;
     ModelTime until = 0;                        ///< ns, or 0 for the horizon
     std::uint64_t buckets = 0;                  ///< of a store that is given, or 0 for none
     const Lanes::LaneKernels* lanes = nullptr;  ///< of the backend, or null
@@ -60,9 +75,10 @@ struct Case {
 
 /// Whether two cases must leave the same log and counters.
 bool sameModel(const Case& a, const Case& b) {
-    return a.dense == b.dense && a.scale.neuron_count == b.scale.neuron_count &&
-           a.scale.base_rate == b.scale.base_rate && a.scale.min_delay == b.scale.min_delay &&
-           a.scale.horizon == b.scale.horizon && a.until == b.until;
+    return a.dense == b.dense && a.fanout == b.fanout && a.learning == b.learning &&
+           a.scale.neuron_count == b.scale.neuron_count && a.scale.base_rate == b.scale.base_rate &&
+           a.scale.min_delay == b.scale.min_delay && a.scale.horizon == b.scale.horizon &&
+           a.until == b.until;
 }
 
 ModelTime endOf(const Case& c) { return c.until != 0 ? c.until : c.scale.horizon; }
@@ -85,6 +101,7 @@ struct Measurement {
     WindowProfile profile;
     std::uint64_t synapses = 0;
     std::uint64_t synaptic_deliveries = 0;  ///< before the end of the run
+    std::uint64_t weight_sum = 0;           ///< of (place from 1) * weight bits, after the run
     std::uint64_t wiring_sum = 0;   ///< of (place from 1) * target over the synapses, modulo 2^64
     double floor_seconds = 0.0;     ///< processor time of the backend's part alone, with --floor
     std::uint64_t floor_items = 0;  ///< work items of the run
@@ -119,6 +136,16 @@ constexpr Setting settings[] = {
     {"--neurons",
      [](Case& c, std::string_view text) {
          c.scale.neuron_count = parsePositive<std::uint64_t>(text);
+     }},
+    {"--fanout",
+     [](Case& c, std::string_view text) { c.fanout = parsePositive<std::uint64_t>(text); }},
+    {"--learning",
+     [](Case& c, std::string_view text) {
+         const auto* const found = std::ranges::find(learning_names, text);
+         if (found == std::end(learning_names)) {
+             throw std::invalid_argument("unknown learning " + std::string(text));
+         }
+         c.learning = static_cast<Learning>(found - std::begin(learning_names));
      }},
     {"--base-rate",
      [](Case& c, std::string_view text) { c.scale.base_rate = parsePositive<double>(text); }},
@@ -180,6 +207,53 @@ Options parseOptions(const std::vector<std::string_view>& arguments) {
     return options;
 }
 
+PlasticityConfig plasticityOf(const Case& c) {
+    PlasticityConfig config;
+    if (c.learning == Learning::none) return config;
+    config.enabled = true;
+    for (PlasticityRule* const rule : {&config.excitatory, &config.inhibitory}) {
+        rule->kind = PlasticityRuleKind::pair;
+        rule->a_potentiation = 0.001;
+        rule->a_depression = 0.001;
+    }
+    config.homeostasis.enabled = c.learning != Learning::pair;
+    config.homeostasis.cap = c.dense ? 0.09 : 0.02;  // the mean of the initial weights
+    return config;
+}
+
+/// Each neuron is bound to one of two oscillators.
+std::optional<PhaseConfig> phaseOf(const Case& c) {
+    if (c.learning != Learning::phase) return std::nullopt;
+    PhaseConfig config;
+    for (const std::uint32_t id : {0U, 1U}) {
+        Oscillator oscillator;
+        oscillator.id = id;
+        oscillator.frequency = id == 0 ? 8.0 : 40.0;
+        oscillator.amplitude = 1.0;
+        config.oscillators.push_back(oscillator);
+    }
+    config.bindings.resize(c.scale.neuron_count);
+    for (NodeId n = 0; n < c.scale.neuron_count; ++n) {
+        PhaseBinding binding;
+        binding.oscillator = n % 2;
+        binding.strength = 0.1;
+        config.bindings[n].push_back(binding);
+    }
+    return config;
+}
+
+void setLearning(const Case& c, KelmRuntime& runtime) {
+    LearningControl* const learning = runtime.learningControl();
+    if (learning == nullptr) return;
+    if (c.learning != Learning::journal) learning->setJournal(JournalMode::off);
+    if (c.learning == Learning::fading) learning->setFastWeights(true, 50'000'000, 0.0);
+    if (c.learning == Learning::phase) {
+        std::vector<std::vector<std::uint32_t>> memberships(c.scale.neuron_count);
+        for (NodeId n = 0; n < c.scale.neuron_count; ++n) memberships[n] = {n % 2 == 0 ? 0U : 1U};
+        runtime.oscillators()->setMemberships(std::move(memberships));
+    }
+}
+
 KelmRuntime makeRuntime(const Case& c, IWindowBackend& backend) {
     std::unique_ptr<IEventStore> store;
     if (c.buckets != 0) {
@@ -188,10 +262,10 @@ KelmRuntime makeRuntime(const Case& c, IWindowBackend& backend) {
     const auto make = [&](SynapseGraph&& graph, const Kernel::Neuron& neuron,
                           const Kernel::Firing& firing) {
         return makeKelmRuntime(std::move(graph), neuron, firing, benchmark_seed, c.scale.horizon,
-                               &backend, std::move(store));
+                               &backend, std::move(store), plasticityOf(c), phaseOf(c));
     };
     if (c.dense) {
-        DenseNetwork network = buildDenseNetwork(c.scale);
+        DenseNetwork network = buildDenseNetwork(c.scale, c.fanout);
         return make(std::move(network.graph), network.neuron, network.firing);
     }
     BenchmarkWorkload workload = buildBenchmarkWorkload(c.scale);
@@ -220,6 +294,7 @@ void describeNetwork(const Case& c, KelmRuntime& runtime, Measurement& result) {
     result.synapses = graph.edgeCount();
     for (EdgeId id = 0; id < result.synapses; ++id) {
         result.wiring_sum += (id + 1) * graph.target(id);
+        result.weight_sum += (id + 1) * std::bit_cast<std::uint32_t>(graph.edge(id).weight);
     }
     const std::uint64_t fanout = result.synapses / graph.nodeCount();
     for (const SpikeRecord& spike : runtime.spikeLog()) {
@@ -234,6 +309,7 @@ Measurement measureRun(const Case& c, bool share) {
     TimedBackend backend(*inner);
     const Clock::time_point setup_start = Clock::now();
     KelmRuntime runtime = makeRuntime(c, share ? static_cast<IWindowBackend&>(backend) : *inner);
+    setLearning(c, runtime);
 
     const Clock::time_point start = Clock::now();
     const double cpu_start = processorSeconds();
@@ -259,6 +335,7 @@ void measureFloor(const Case& c, Measurement& result) {
     WorkRecorder recorder(*backend);
     {
         KelmRuntime runtime = makeRuntime(c, recorder);
+        setLearning(c, runtime);
         runtime.run(endOf(c));
         if (runtime.logHash() != result.log_hash) {
             throw std::runtime_error("the recorded run differs from the measured one");
@@ -316,12 +393,12 @@ void printCase(const Case& c, const Turns& turns, const Summary& summary) {
     const Measurement& first = turns.front().result;
     const Spread cpu = spreadOf(turns, &Measurement::cpu_seconds);
     const double wall = summary.wall_seconds;
-    std::printf("%s network, %" PRIu64 " neurons, %g spikes/s, d_min %" PRId64
-                " ns, run to %" PRId64 " of %" PRId64 " ns, %" PRIu64 " buckets, lanes %s, %" PRIu64
-                " threads\n",
-                c.dense ? "dense" : "reports", c.scale.neuron_count, c.scale.base_rate,
-                c.scale.min_delay, endOf(c), c.scale.horizon, c.buckets,
-                c.lanes == nullptr ? "none" : c.lanes->name, c.threads);
+    std::printf(
+        "%s network, %" PRIu64 " neurons, %g spikes/s, d_min %" PRId64 " ns, run to %" PRId64
+        " of %" PRId64 " ns, %" PRIu64 " buckets, lanes %s, %" PRIu64 " threads, learning %s\n",
+        c.dense ? "dense" : "reports", c.scale.neuron_count, c.scale.base_rate, c.scale.min_delay,
+        endOf(c), c.scale.horizon, c.buckets, c.lanes == nullptr ? "none" : c.lanes->name,
+        c.threads, learning_names[static_cast<std::size_t>(c.learning)]);
     std::printf("  %" PRIu64 " spikes, %" PRIu64 " deliveries in %" PRIu64
                 " windows (%.1f each), log hash 0x%016" PRIx64 "\n",
                 first.spikes, first.profile.deliveries, first.profile.windows,
@@ -391,7 +468,9 @@ void printRatios(std::size_t index, const std::vector<Turns>& turns,
 }
 
 void requireEqual(const Measurement& a, const Measurement& b, const char* what) {
-    if (a.log_hash != b.log_hash || !(a.profile == b.profile)) throw std::runtime_error(what);
+    if (a.log_hash != b.log_hash || !(a.profile == b.profile) || a.weight_sum != b.weight_sum) {
+        throw std::runtime_error(what);
+    }
 }
 
 void runAll(const Options& options) {
