@@ -238,11 +238,18 @@ bool WindowCalendar::openWindow(ModelTime until, ModelTime also, ModelTime& wind
                                 ModelTime& window_end) {
     if (store_) return store_->take(until, copied_, window_start, window_end);
     for (Shard& shard : shards_) shard.calendar.release(shard.taken);
-    // A single calendar looks for its own first bucket when it advances.
-    const bool single = shards_.size() == 1;
-    std::int64_t other = single ? firstCandidateBucket(shards_.front()) : firstBucket();
+    std::int64_t other = BucketCalendar::no_bucket;
+    std::uint64_t events = 0;
+    for (Shard& shard : shards_) {
+        other = std::min(other, firstCandidateBucket(shard));
+        events += shard.calendar.size();
+    }
     if (also >= 0) other = std::min(other, first().bucketOf(also));
-    if (other == BucketCalendar::no_bucket && (!single || first().size() == 0)) return false;
+    // Only events tell the last bucket of time from none.
+    if (other == BucketCalendar::no_bucket && events == 0) return false;
+    if (shards_.size() > 1) {
+        for (const Shard& shard : shards_) other = std::min(other, shard.calendar.firstBucket());
+    }
     bool found = false;
     for (Shard& shard : shards_) found = shard.calendar.advance(until, other);
     if (!found) return false;
