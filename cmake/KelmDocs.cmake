@@ -27,7 +27,7 @@ set(DOXYGEN_PREDEFINED KELM_HD=)
 set(pages README.md CHANGELOG.md bench/README.md docs/architecture.md docs/determinism.md
     docs/model.md docs/python.md docs/reliability.md)
 set(headers)
-foreach(library kelm kelm_lanes kelm_threads kelm_cuda kelm_backends)
+foreach(library kelm kelm_lanes kelm_threads kelm_mpi kelm_cuda kelm_backends)
     if(TARGET ${library})
         get_target_property(of_library ${library} HEADER_SET)
         list(APPEND headers ${of_library})

@@ -20,11 +20,18 @@ add_custom_target(kelm-libraries DEPENDS ${installed_targets} kelm_backends)
 if(KELM_HAVE_THREADS)
     add_dependencies(kelm-libraries kelm_threads)
 endif()
+if(KELM_HAVE_MPI)
+    add_dependencies(kelm-libraries kelm_mpi)
+endif()
 
-# A separate export, so that a project with only kelm::kelm needs no oneTBB.
+# Separate exports, so that a project with only kelm::kelm needs no oneTBB and no MPI.
 if(KELM_HAVE_THREADS)
     install(TARGETS kelm_threads EXPORT kelmThreadsTargets FILE_SET HEADERS)
     install(EXPORT kelmThreadsTargets NAMESPACE kelm:: DESTINATION ${package_dir})
+endif()
+if(KELM_HAVE_MPI)
+    install(TARGETS kelm_mpi EXPORT kelmMpiTargets FILE_SET HEADERS)
+    install(EXPORT kelmMpiTargets NAMESPACE kelm:: DESTINATION ${package_dir})
 endif()
 
 # Also separate: it needs what its backends need.

@@ -68,7 +68,7 @@ build() {
         compiler=${compiler#aarch64-}
         if [[ $compiler == g++ ]]; then compiler=aarch64-linux-gnu-g++; fi
         options+=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/aarch64-linux-gnu.cmake" -DKELM_THREADS=OFF
-            -DGTest_ROOT="$PWD/$output/googletest-aarch64/installed")
+            -DKELM_MPI=OFF -DGTest_ROOT="$PWD/$output/googletest-aarch64/installed")
     fi
     cmake -S . -B "$2" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER="$compiler" \
         -DKELM_CUDA=OFF -DKELM_WERROR=ON -DKELM_BUILD_BENCH=OFF -DKELM_BUILD_EXAMPLES=OFF \

@@ -1,7 +1,7 @@
 # Installs the build folder BUILD under a prefix in SCRATCH. Then configures, builds and runs the
 # project in SOURCE against it, with the compiler COMPILER and, if given, the sanitizers SANITIZE.
-# THREADS and CUDA say whether the package has the threaded backend and the device library; TBB_DIR is
-# where the build has found oneTBB.
+# THREADS, MPI and CUDA say whether the package has the threaded backend, the ranks on MPI and the
+# device library. TBB_DIR is where the build has found oneTBB, and MPI_COMPILER its MPI.
 
 cmake_minimum_required(VERSION 3.25)
 
@@ -15,7 +15,8 @@ execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD} --prefix ${prefix} -
     OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
 execute_process(COMMAND ${CMAKE_COMMAND} -S ${SOURCE} -B ${user} -G ${GENERATOR}
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=${CONFIG} -DCMAKE_CXX_COMPILER=${COMPILER}
-    -DCMAKE_CXX_FLAGS=${flags} -DTHREADS=${THREADS} -DTBB_DIR=${TBB_DIR} -DCUDA=${CUDA}
+    -DCMAKE_CXX_FLAGS=${flags} -DTHREADS=${THREADS} -DTBB_DIR=${TBB_DIR} -DMPI=${MPI}
+    -DMPI_CXX_COMPILER=${MPI_COMPILER} -DCUDA=${CUDA}
     -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
     COMMAND_ERROR_IS_FATAL ANY)
 execute_process(COMMAND ${CMAKE_COMMAND} --build ${user} --config ${CONFIG}
@@ -23,6 +24,9 @@ execute_process(COMMAND ${CMAKE_COMMAND} --build ${user} --config ${CONFIG}
 set(programs user backends_user shared_user)
 if(THREADS)
     list(APPEND programs threads_user)
+endif()
+if(MPI)
+    list(APPEND programs mpi_user)
 endif()
 if(CUDA)
     list(APPEND programs cuda_user)
