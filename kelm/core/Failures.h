@@ -165,6 +165,13 @@ public:
     static constexpr const char* no_backend = "a runtime needs a backend";
     static constexpr const char* two_parameters =
         "the options give populations and also a neuron or firing of their own";
+    static constexpr const char* share_and_ranks =
+        "several ranks need the share of a network, and a share needs its ranks";
+    static constexpr const char* share_of_another_rank =
+        "the share of the network is not that of this rank";
+    static constexpr const char* learning_on_ranks =
+        "weights cannot learn in a network on several ranks: a trace of a source changes with the "
+        "spikes of its targets, which lie on other ranks";
     static std::string populationSizes(const std::string& sum, std::uint64_t neurons) {
         return "the populations have " + sum + " neurons, and the network has " +
                std::to_string(neurons);
@@ -221,6 +228,7 @@ public:
     static constexpr const char* inside_window =
         "a window is being committed, so the runtime may only be read and get inputs";
     static constexpr const char* open_end = "the horizon is open, so a run must be given its end";
+    static constexpr const char* fork_on_ranks = "a network on several ranks cannot be forked";
     static constexpr const char* fork_backend =
         "this runtime was given its backend, so its fork must be given one, too";
     static std::string backwards(std::int64_t until, std::int64_t position) {

@@ -124,6 +124,24 @@ void RandomContext::stopTape(std::string_view name, std::uint64_t index) {
     streamFor(name, index).run_->second.tapes.erase(index);
 }
 
+bool RandomContext::keepOnly(std::string_view name, std::uint64_t first, std::uint64_t count) {
+    std::vector<std::uint64_t> kept;
+    const auto begin = runs_.lower_bound(AddressView{name, 0});
+    auto end = begin;
+    for (; end != runs_.end() && end->first.name == name; ++end) {
+        const Run& run = end->second;
+        if (!run.tapes.empty()) return false;
+        for (std::uint64_t i = 0; i < run.states.size(); ++i) {
+            if (end->first.index + i - first < count) kept.push_back(run.states[i]);
+        }
+    }
+    if (kept.size() != count) return false;
+    runs_.erase(begin, end);
+    Run& run = runFor(name, first).second;
+    run.states.assign(kept.begin(), kept.end());
+    return true;
+}
+
 Blob RandomContext::snapshot() const {
     std::size_t count = 0;
     for (const auto& [first, run] : runs_) count += run.states.size();

@@ -76,8 +76,10 @@ public:
     class Family {
     private:
         friend class RandomContext;
-        explicit Family(Runs::value_type& first) : first_(&first) {}
-        Runs::value_type* first_;  ///< the run at index 0
+        explicit Family(Runs::value_type& first) : first_(&first), index_(first.first.index) {}
+        std::uint64_t placeOf(std::uint64_t index) const { return index - index_; }
+        Runs::value_type* first_;  ///< the run at its first index
+        std::uint64_t index_;      ///< the first index
     };
 
     /// One stream, as it is at the time of each call.
@@ -113,7 +115,10 @@ public:
     static std::uint64_t deriveStreamState(std::uint64_t seed, std::string_view name,
                                            std::uint64_t index);
 
-    Family family(std::string_view name) { return Family(runFor(name, 0)); }
+    /// `first`: its first index; streams before it are found by name.
+    Family family(std::string_view name, std::uint64_t first = 0) {
+        return Family(runFor(name, first));
+    }
 
     /// The stream (name, index), created if need be.
     Stream streamFor(std::string_view name, std::uint64_t index);
@@ -124,11 +129,12 @@ public:
     }
     std::uint64_t rawState(Family family, std::uint64_t index) {
         const Run& run = family.first_->second;
-        if (index < run.states.size()) return run.states[index];
+        const std::uint64_t place = family.placeOf(index);
+        if (place < run.states.size()) return run.states[place];
         return rawState(family.first_->first.name, index);
     }
 
-    /// The raw states of the family's streams 0, 1, 2 and so on that lie in one array. These are
+    /// The raw states of the family's first streams, which lie in one array. These are
     /// all up to the first missing index, if the streams were created in ascending order or read
     /// from a snapshot. The view is valid until a stream is created, or the context assigned to or
     /// restored.
@@ -136,7 +142,7 @@ public:
         return family.first_->second.states;
     }
 
-    /// Whether the family's streams from 0 to `count` lie in one array without tapes. Several
+    /// Whether the family's first `count` streams lie in one array without tapes. Several
     /// threads may then read and advance different ones of them.
     bool canAdvanceApart(Family family, std::uint64_t count) const {
         const Run& run = family.first_->second;
@@ -157,10 +163,11 @@ public:
     }
     void advanceTo(Family family, std::uint64_t index, std::uint64_t raw) {
         Run& run = family.first_->second;
-        if (index < run.states.size() && run.tapes.empty()) {
+        const std::uint64_t place = family.placeOf(index);
+        if (place < run.states.size() && run.tapes.empty()) {
             // Without a tape single steps end in the same state.
-            requireReachable(run.states[index], raw);
-            run.states[index] = raw;
+            requireReachable(run.states[place], raw);
+            run.states[place] = raw;
             return;
         }
         advanceTo(family.first_->first.name, index, raw);
@@ -168,7 +175,7 @@ public:
 
     /// Sets the raw state of a stream for which canAdvanceApart holds, also backwards.
     void setState(Family family, std::uint64_t index, std::uint64_t raw) {
-        family.first_->second.states[index] = raw;
+        family.first_->second.states[family.placeOf(index)] = raw;
     }
 
     /// Records stream (name, index): from now on advanceTo appends each value to a new, empty tape.
@@ -185,6 +192,10 @@ public:
     /// Drops the tape of stream (name, index) and sets mode generate. The raw state does not
     /// change. The stream is created if need be.
     void stopTape(std::string_view name, std::uint64_t index);
+
+    /// Drops the streams of a name whose index lies outside [first, first + count). False, with
+    /// nothing dropped, if one of these streams is missing or a stream of that name has a tape.
+    [[nodiscard]] bool keepOnly(std::string_view name, std::uint64_t first, std::uint64_t count);
 
     /// Format "RNDCTX1": tag, seed (8), stream count (4), then the streams ascending by name as
     /// bytes and by index, each: name length (4), name, index (8), state (8), mode (1), cursor (8),

@@ -54,6 +54,17 @@ ParameterTable::ParameterTable(std::span<const Population> populations) {
     });
 }
 
+ParameterTable ParameterTable::part(NodeId first, NodeId end) const {
+    ParameterTable part(*this);
+    part.neuron_count_ = end - first;
+    if (!index_.empty()) {
+        const auto begin = index_.begin() + static_cast<std::ptrdiff_t>(first);
+        part.index_ =
+            LargeArray<std::uint32_t>(begin, begin + static_cast<std::ptrdiff_t>(end - first));
+    }
+    return part;
+}
+
 /// `group_at(i)`: the group at index i. The first pass finds the first group of each entry, so that
 /// the entries take their exact memory.
 template <class GroupAt>

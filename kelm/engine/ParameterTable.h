@@ -54,6 +54,9 @@ public:
     /// Throws WindowEngineError for sizes whose sum exceeds 64 bits.
     explicit ParameterTable(std::span<const Population> populations);
 
+    /// The parameters of the neurons in [first, end).
+    ParameterTable part(NodeId first, NodeId end) const;
+
     std::uint64_t neuronCount() const { return neuron_count_; }
     /// Of a neuron below neuronCount().
     const Entry& operator[](NodeId neuron) const { return entries_[indexOf(neuron)]; }

@@ -36,14 +36,17 @@ void RunControl::end(ModelTime position) {
     looked_position_ = position;
 }
 
-void RunControl::act(ModelTime position, std::uint64_t spikes) {
-    if (!reports_ || work_left_ > 0) return;
-    const std::int64_t now = clock_();
+/// Reads the clock.
+bool RunControl::intervalIsOver(ModelTime position) {
     work_left_ = interval_ > 0 ? work_between_looks : 0;
-    looked_at_ = now;
+    looked_at_ = clock_();
     looked_position_ = position;
+    return looked_at_ - reported_at_ >= interval_;
+}
+
+void RunControl::report(ModelTime position, std::uint64_t spikes) {
+    const std::int64_t now = looked_at_;
     const std::int64_t wall = now - reported_at_;
-    if (wall < interval_) return;
     const auto model = static_cast<double>(position - reported_position_);
     reported_at_ = now;
     reported_position_ = position;

@@ -30,7 +30,8 @@ public:
     /// window. An empty callback ends the reports. Not for use in the callback.
     void setCallback(std::function<void(const RunProgress&)> callback, std::int64_t interval);
 
-    /// Ends the current run after its window, or the next run before its first one.
+    /// Ends the current run after its window, or the next run before its first one. In a network
+    /// on several ranks, the run may end one window later.
     void requestStop() noexcept { stop_requested_.store(true, std::memory_order_relaxed); }
 
     // For the engine. Positions are in ns.
@@ -42,7 +43,14 @@ public:
                stop_requested_.load(std::memory_order_relaxed);
     }
     /// Reports if the interval is over. Throws what the callback throws.
-    void act(ModelTime position, std::uint64_t spikes);
+    void act(ModelTime position, std::uint64_t spikes) {
+        if (reports_ && work_left_ <= 0 && intervalIsOver(position)) report(position, spikes);
+    }
+    /// The same in two steps, for ranks that report together.
+    bool isReportDue(std::size_t events, ModelTime position) {
+        return reports_ && isDue(events) && work_left_ <= 0 && intervalIsOver(position);
+    }
+    void report(ModelTime position, std::uint64_t spikes);
     /// Whether a stop was requested since the last call.
     bool takeStopRequest() noexcept {
         return stop_requested_.load(std::memory_order_relaxed) &&
@@ -50,6 +58,8 @@ public:
     }
 
 private:
+    bool intervalIsOver(ModelTime position);
+
     static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may set the flag");
     // The clock is read after 256 windows or 4096 events. These take a thousand times as long as a
     // reading.

@@ -31,6 +31,25 @@ bool isCandidateOf(const CandidateSlot& slot, const Event& event) {
     return std::memcmp(&event, &expected, sizeof(Event)) == 0;
 }
 
+/// Posts the deliveries of a spike that are for one shard.
+struct ShardSink {
+    template <class Record>
+    bool isOwn(const Record& record, std::uint64_t place) {
+        calendar.setNextId(first_id + place);
+        return record.target - begin < size;
+    }
+    void post(const Event& event, std::uint64_t place) {
+        if (isOwn(event, place)) calendar.post(event);
+    }
+    void postPacked(const PackedDelivery& delivery, std::uint64_t place) {
+        if (isOwn(delivery, place)) calendar.postPacked(delivery);
+    }
+    BucketCalendar& calendar;
+    std::uint64_t first_id;
+    NodeId begin;
+    std::uint64_t size;
+};
+
 }  // namespace
 
 WindowCalendar::Shard::Shard(NodeId first, NodeId last, BucketCalendar events)
@@ -39,8 +58,11 @@ WindowCalendar::Shard::Shard(NodeId first, NodeId last, BucketCalendar events)
 }
 
 WindowCalendar::WindowCalendar(SynapseGraph& graph, ModelTime d_min)
-    : graph_(graph), slots_(graph.nodeCount()) {
-    shards_.emplace_back(0, slots_.size(), BucketCalendar(d_min, bucket_count));
+    : graph_(graph),
+      first_neuron_(graph.share() ? graph.share()->begin : 0),
+      slots_(graph.share() ? graph.share()->end - first_neuron_ : graph.nodeCount()) {
+    shards_.emplace_back(first_neuron_, first_neuron_ + slots_.size(),
+                         BucketCalendar(d_min, bucket_count));
 }
 
 WindowCalendar::WindowCalendar(SynapseGraph& graph, std::unique_ptr<IEventStore> store)
@@ -57,8 +79,9 @@ std::vector<WindowCalendar::Shard> WindowCalendar::emptyShards(std::size_t count
     for (std::uint32_t s = 0; s < n; ++s) {
         BucketCalendar calendar(first().bucketWidth(), bucket_count);
         if (first().isStarted()) calendar.resumeAt(first().cursor());
-        shards.emplace_back(Kernel::shardBegin(slots_.size(), n, s),
-                            Kernel::shardEnd(slots_.size(), n, s), std::move(calendar));
+        shards.emplace_back(first_neuron_ + Kernel::shardBegin(slots_.size(), n, s),
+                            first_neuron_ + Kernel::shardEnd(slots_.size(), n, s),
+                            std::move(calendar));
     }
     shards.front().calendar.setNextId(nextId());
     return shards;
@@ -72,7 +95,7 @@ void WindowCalendar::setShards(std::size_t count) {
         // Possible after a restore from a forged blob, or with a graph that a hook has replaced.
         for (const Shard& shard : shards_) {
             shard.calendar.forEachSingle(
-                [&](const auto& record) { reaches_outside_ |= record.target >= slots_.size(); });
+                [&](const auto& record) { reaches_outside_ |= isForeign(record.target); });
         }
         if (reaches_outside_) return;
     }
@@ -80,15 +103,16 @@ void WindowCalendar::setShards(std::size_t count) {
     expandRuns();
     std::vector<Shard> shards = emptyShards(count);
     const auto shardOf = [&](NodeId neuron) -> Shard& {
-        if (count == 1 || neuron >= slots_.size()) return shards.back();
-        return shards[Kernel::shardOf(slots_.size(), static_cast<std::uint32_t>(count), neuron)];
+        if (count == 1 || isForeign(neuron)) return shards.back();
+        return shards[Kernel::shardOf(slots_.size(), static_cast<std::uint32_t>(count),
+                                      neuron - first_neuron_)];
     };
     for (const Shard& old : shards_) {
         old.calendar.forEachSingle(
             [&](const auto& record) { shardOf(record.target).calendar.adopt(record); });
         for (NodeId neuron = old.begin; neuron < old.end; ++neuron) {
             if (old.tree.isPending(neuron)) {
-                shardOf(neuron).tree.schedule(neuron, slots_[neuron].time);
+                shardOf(neuron).tree.schedule(neuron, candidate(neuron).time);
             }
         }
     }
@@ -106,8 +130,8 @@ void WindowCalendar::setShards(std::size_t count) {
 bool WindowCalendar::canPostApart(ModelTime window_end) {
     // No delivery may lie in a window already handed out, or beyond the range of ModelTime.
     const std::optional<ModelTime> d_min = graph_.dMin();
-    return !reaches_outside_ && graph_.nodeCount() == slots_.size() && d_min &&
-           *d_min >= first().bucketWidth() && graph_.longestDelay() <= last_model_time - window_end;
+    return !reaches_outside_ && hasItsGraph() && d_min && *d_min >= first().bucketWidth() &&
+           graph_.longestDelay() <= last_model_time - window_end;
 }
 
 bool WindowCalendar::divideGraph() {
@@ -125,33 +149,13 @@ void WindowCalendar::deliverTo(std::size_t shard, NodeId source, ModelTime time,
         if (run.count != 0) calendar.postRun(run);
         return;
     }
-    /// Posts what is for the shard, and counts the rest.
-    struct Part {
-        void post(const Event& event) {
-            if (event.target - begin < size) {
-                calendar.post(event);
-            } else {
-                calendar.issueId();
-            }
-        }
-        void postPacked(const PackedDelivery& delivery) {
-            if (delivery.target - begin < size) {
-                calendar.postPacked(delivery);
-            } else {
-                calendar.issueId();
-            }
-        }
-        BucketCalendar& calendar;
-        NodeId begin;
-        std::uint64_t size;
-    };
-    Part part{calendar, shards_[shard].begin, shards_[shard].end - shards_[shard].begin};
-    graph_.deliver(source, time, part);
+    ShardSink sink{calendar, id, shards_[shard].begin, shards_[shard].end - shards_[shard].begin};
+    graph_.deliver(source, time, sink);
 }
 
 void WindowCalendar::unschedule(std::size_t shard, NodeId neuron,
                                 const CandidateSlot& slot) noexcept {
-    slots_[neuron] = slot;
+    slotOf(neuron) = slot;
     // A candidate of the window is no longer pending.
     if (slot.time < 0 || first().isPast(slot.time)) {
         shards_[shard].tree.cancel(neuron);
@@ -163,7 +167,7 @@ void WindowCalendar::unschedule(std::size_t shard, NodeId neuron,
 template <class Record>
 std::uint64_t WindowCalendar::postTo(NodeId target, const Record& record) {
     BucketCalendar& calendar = shardOf(target).calendar;
-    reaches_outside_ |= target >= slots_.size();
+    reaches_outside_ |= isForeign(target);
     const std::uint64_t id = nextId();
     calendar.setNextId(id);
     if constexpr (std::is_same_v<Record, Event>) {
@@ -177,6 +181,11 @@ std::uint64_t WindowCalendar::postTo(NodeId target, const Record& record) {
 
 std::uint64_t WindowCalendar::post(const Event& event) {
     if (store_) return store_->post(event);
+    if (graph_.share() && isForeign(event.target)) {
+        // The rank of the neuron keeps the event.
+        first().requireOpen(event.time);
+        return first().issueId();
+    }
     return shards_.size() == 1 ? first().post(event) : postTo(event.target, event);
 }
 
@@ -194,7 +203,7 @@ void WindowCalendar::deliverSerially(NodeId source, ModelTime time) {
 
 /// A candidate in the store is an event like any other.
 void WindowCalendar::scheduleInStore(NodeId neuron, ModelTime time, double rate) {
-    CandidateSlot& slot = slots_[neuron];
+    CandidateSlot& slot = slotOf(neuron);
     // False for an event that the store has handed out, which does no harm.
     if (slot.event_id != no_event) store_->cancel(slot.event_id);
     slot = {time, rate, no_event};
@@ -220,18 +229,34 @@ std::int64_t WindowCalendar::firstCandidateBucket(Shard& shard) {
     return first().bucketOf(shard.tree.firstTime());
 }
 
-std::int64_t WindowCalendar::firstBucket() {
+std::int64_t WindowCalendar::candidateBucket() {
     std::int64_t bucket = BucketCalendar::no_bucket;
-    for (Shard& shard : shards_) {
-        bucket = std::min({bucket, shard.calendar.firstBucket(), firstCandidateBucket(shard)});
-    }
+    for (Shard& shard : shards_) bucket = std::min(bucket, firstCandidateBucket(shard));
     return bucket;
+}
+
+std::int64_t WindowCalendar::eventBucket() const {
+    std::int64_t bucket = BucketCalendar::no_bucket;
+    for (const Shard& shard : shards_) bucket = std::min(bucket, shard.calendar.firstBucket());
+    return bucket;
+}
+
+std::uint64_t WindowCalendar::eventCount() const {
+    std::uint64_t count = 0;
+    for (const Shard& shard : shards_) count += shard.calendar.size();
+    return count;
+}
+
+ModelTime WindowCalendar::firstTime() {
+    const std::int64_t bucket = candidateBucket();
+    if (bucket == BucketCalendar::no_bucket && eventCount() == 0) return no_time;
+    return std::min(bucket, eventBucket()) * first().bucketWidth();
 }
 
 std::optional<ModelTime> WindowCalendar::nextWindowStart() {
     if (store_) return std::nullopt;
-    const std::int64_t bucket = firstBucket();
-    return bucket == BucketCalendar::no_bucket ? last_model_time : bucket * first().bucketWidth();
+    const ModelTime time = firstTime();
+    return time == no_time ? last_model_time : time;
 }
 
 bool WindowCalendar::openWindow(ModelTime until, ModelTime also, ModelTime& window_start,
@@ -239,16 +264,17 @@ bool WindowCalendar::openWindow(ModelTime until, ModelTime also, ModelTime& wind
     if (store_) return store_->take(until, copied_, window_start, window_end);
     for (Shard& shard : shards_) shard.calendar.release(shard.taken);
     std::int64_t other = BucketCalendar::no_bucket;
-    std::uint64_t events = 0;
-    for (Shard& shard : shards_) {
-        other = std::min(other, firstCandidateBucket(shard));
-        events += shard.calendar.size();
-    }
-    if (also >= 0) other = std::min(other, first().bucketOf(also));
-    // Only events tell the last bucket of time from none.
-    if (other == BucketCalendar::no_bucket && events == 0) return false;
-    if (shards_.size() > 1) {
-        for (const Shard& shard : shards_) other = std::min(other, shard.calendar.firstBucket());
+    if (graph_.share()) {
+        // The ranks have agreed on the next window; `also` lies in it.
+        if (also < 0) return false;
+        other = first().bucketOf(also);
+    } else {
+        other = candidateBucket();
+        if (also >= 0) other = std::min(other, first().bucketOf(also));
+        // Only events tell the last bucket of time from none.
+        if (other == BucketCalendar::no_bucket && eventCount() == 0) return false;
+        // A single calendar looks for its own first bucket when it advances.
+        if (shards_.size() > 1) other = std::min(other, eventBucket());
     }
     bool found = false;
     for (Shard& shard : shards_) found = shard.calendar.advance(until, other);
@@ -286,12 +312,12 @@ void WindowCalendar::takeEvents(std::size_t shard_index, WindowEvents& events) {
     const std::span<const NodeId> due = shard.tree.take(shard.calendar.windowEnd(), begin);
 
     // From here on nothing can fail.
-    events.add(due, slots_, bucket);
+    events.add(due, std::span(slots_).subspan(shard.begin - first_neuron_, shard.end - shard.begin),
+               bucket);
     shard.taken = shard.calendar.take();
 }
 
-Blob WindowCalendar::snapshot() {
-    if (store_) return store_->snapshot();
+std::vector<Event> WindowCalendar::pendingEvents() const {
     std::vector<Event> events;
     std::uint64_t count = 0;
     for (const Shard& shard : shards_) count += shard.calendar.size() + shard.tree.pendingCount();
@@ -306,30 +332,42 @@ Blob WindowCalendar::snapshot() {
         shard.calendar.forEachRun([&](const DeliveryRun& run) { visitDeliveries(run, s, add); });
         for (NodeId neuron = shard.begin; neuron < shard.end; ++neuron) {
             if (shard.tree.isPending(neuron)) {
-                events.push_back(candidateEvent(neuron, slots_[neuron]));
+                events.push_back(candidateEvent(neuron, candidate(neuron)));
             }
         }
     }
+    return events;
+}
+
+Blob WindowCalendar::snapshotOf(std::vector<Event> events) const {
     return first().snapshotOf(std::move(events));
 }
 
-bool WindowCalendar::restore(BlobView blob, LargeArray<CandidateSlot>&& slots, bool needs_buckets) {
-    if (!(store_is_given_ ? store_->restore(blob) : restoreOwn(blob, slots, needs_buckets))) {
-        return false;
-    }
-    slots_ = std::move(slots);
-    return true;
+Blob WindowCalendar::snapshot() {
+    return store_ ? store_->snapshot() : first().snapshotOf(pendingEvents());
+}
+
+bool WindowCalendar::restore(BlobView blob, LargeArray<CandidateSlot>&& slots, bool needs_buckets,
+                             const std::function<bool(bool)>& agree) {
+    const bool restored =
+        store_is_given_ ? store_->restore(blob) : restoreOwn(blob, slots, needs_buckets, agree);
+    if (restored) slots_ = std::move(slots);
+    return restored;
 }
 
 /// The calendar is then one shard.
-bool WindowCalendar::restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots,
-                                bool needs_buckets) {
+bool WindowCalendar::restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots, bool needs_buckets,
+                                const std::function<bool(bool)>& agree) {
     CandidateTree tree;
-    tree.reset(slots.size());
+    tree.reset(slots.size(), first_neuron_);
     PendingIds ids;
     std::optional<BucketCalendar> calendar = first().read(blob, ids, [&](const Event& event) {
-        if (event.target >= slots.size() || tree.isPending(event.target) ||
-            !isCandidateOf(slots[event.target], event)) {
+        if (isForeign(event.target)) {
+            // Of another rank. Without a rank of its own, the event ends the run.
+            return graph_.share().has_value() && event.target < graph_.nodeCount();
+        }
+        if (tree.isPending(event.target) ||
+            !isCandidateOf(slots[event.target - first_neuron_], event)) {
             return false;
         }
         tree.schedule(event.target, event.time);
@@ -339,19 +377,20 @@ bool WindowCalendar::restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots,
 
     // Reached only with a forged snapshot: a slot holds the id of a pending or future event that is
     // not its neuron's candidate. The neuron's next candidate cancels that event.
-    const auto names_foreign_event = [&](NodeId neuron) {
-        const std::uint64_t id = slots[neuron].event_id;
-        return !tree.isPending(neuron) && id != no_event &&
+    const auto names_foreign_event = [&](std::size_t place) {
+        const std::uint64_t id = slots[place].event_id;
+        return !tree.isPending(first_neuron_ + place) && id != no_event &&
                (ids.contains(id) || id >= calendar->nextId());
     };
-    NodeId neuron = 0;
-    while (neuron < slots.size() && !names_foreign_event(neuron)) ++neuron;
+    std::size_t place = 0;
+    while (place < slots.size() && !names_foreign_event(place)) ++place;
     std::unique_ptr<IEventStore> store;
-    if (neuron < slots.size()) {
-        if (needs_buckets) return false;
+    if (place < slots.size()) {
+        if (needs_buckets || graph_.share()) return false;
         store = std::make_unique<BucketEventStore>(first().bucketWidth(), bucket_count);
         if (!store->restore(blob)) return false;
     }
+    if (agree != nullptr && !agree(true)) return false;
     becomeOneShard(std::move(*calendar), std::move(tree));
     store_ = std::move(store);
     return true;
@@ -374,7 +413,7 @@ void WindowCalendar::resume(LargeArray<CandidateSlot>&& candidates,
 void WindowCalendar::becomeOneShard(BucketCalendar&& calendar, CandidateTree&& tree) noexcept {
     shards_.erase(shards_.begin() + 1, shards_.end());
     Shard& only = shards_.front();
-    only.end = slots_.size();
+    only.end = first_neuron_ + slots_.size();
     only.taken = {};
     only.calendar = std::move(calendar);
     only.tree = std::move(tree);

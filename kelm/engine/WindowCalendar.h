@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -75,8 +76,9 @@ public:
     std::optional<ModelTime> nextWindowStart();
 
     /// Shape (neurons): each neuron's scheduled candidate. A slot keeps its address until restore
-    /// or resume.
+    /// or resume. In a share: of the neurons of its range.
     std::span<const CandidateSlot> candidates() const { return slots_; }
+    const CandidateSlot& candidate(NodeId neuron) const { return slots_[neuron - first_neuron_]; }
 
     /// Posts an event and returns its id. Throws what the store throws, or LookaheadViolation for a
     /// time in a window already handed out, or before 0.
@@ -101,6 +103,9 @@ public:
     /// Divides the graph as the neurons are. Returns whether its sections must be built, with as
     /// many parts of each step as there are shards. May throw std::bad_alloc.
     bool divideGraph();
+    /// The delay of the deliveries of a spike if they are kept as runs here, else 0; for spikes of
+    /// other ranks. Not for several threads.
+    ModelTime runDelayOf(NodeId source) { return graph_.runDelayOf(source, postsRuns()); }
     /// The first id that is not given yet.
     std::uint64_t nextId() const { return first().nextId(); }
     void setNextId(std::uint64_t id) { first().setNextId(id); }
@@ -119,11 +124,11 @@ public:
     }
     /// Schedules the candidate of a neuron of a shard as schedule does, without an id.
     void scheduleIn(std::size_t shard, NodeId neuron, ModelTime time, double rate) noexcept {
-        slots_[neuron] = {time, rate, no_event};
+        slotOf(neuron) = {time, rate, no_event};
         if (time < 0) return shards_[shard].tree.cancel(neuron);
         shards_[shard].tree.schedule(neuron, time);
     }
-    void setCandidateId(NodeId neuron, std::uint64_t id) { slots_[neuron].event_id = id; }
+    void setCandidateId(NodeId neuron, std::uint64_t id) { slotOf(neuron).event_id = id; }
     /// Undoes the schedule of a neuron in the current window.
     void unschedule(std::size_t shard, NodeId neuron, const CandidateSlot& slot) noexcept;
 
@@ -134,7 +139,7 @@ public:
     /// time is negative. Throws as post does; the slot then names no event.
     void schedule(NodeId neuron, ModelTime time, double rate) {
         if (store_) return scheduleInStore(neuron, time, rate);
-        CandidateSlot& slot = slots_[neuron];
+        CandidateSlot& slot = slotOf(neuron);
         slot = {time, rate, no_event};
         CandidateTree& tree = shardOf(neuron).tree;
         if (time < 0) return tree.cancel(neuron);
@@ -145,10 +150,15 @@ public:
 
     /// Prefetches what schedule for `neuron`, which lies in `shard`, writes.
     void prefetch(std::size_t shard, NodeId neuron) const {
-        prefetchLine(&slots_[neuron]);
-        prefetchLine(&slots_[neuron].event_id);
+        prefetchLine(&candidate(neuron));
+        prefetchLine(&candidate(neuron).event_id);
         if (!store_) shards_[shard].tree.prefetch(neuron);
     }
+
+    /// The start in ns of the next window that holds an event, or no_time; not for a store.
+    ModelTime firstTime();
+    /// All pending events, in no order.
+    std::vector<Event> pendingEvents() const;
 
     /// Takes the next window that holds an event or the time `also` in ns, if it starts before
     /// `until` ns, and replaces the content of `events` by its events. `also` is negative for none;
@@ -173,13 +183,18 @@ public:
 
     /// Blob of the store, or of a BucketEventStore that holds the same events.
     Blob snapshot();
+    /// Blob of a calendar of its own as it would be with these events.
+    Blob snapshotOf(std::vector<Event> events) const;
 
     /// Replaces slots and events by `slots`, shape (neurons), and those of a blob. False for a blob
     /// that is refused; the calendar is then as it was, unless a store that was given refused after
     /// it had changed itself.
     /// `needs_buckets`: refuse a blob for which the calendar would make itself a store.
+    /// `agree(accepts)`: called before a calendar of its own changes; the blob is refused where it
+    /// returns false.
     [[nodiscard]] bool restore(BlobView blob, LargeArray<CandidateSlot>&& slots,
-                               bool needs_buckets = false);
+                               bool needs_buckets = false,
+                               const std::function<bool(bool)>& agree = nullptr);
 
     /// For a calendar of its own: replaces its candidates by `candidates`, shape (neurons), none of
     /// which names an event, and its events by `events`, posted in their order. `next_window`: the
@@ -210,22 +225,36 @@ private:
     }
     std::size_t indexOf(NodeId neuron) const {
         // A graph that a hook has replaced may have more neurons.
-        if (neuron >= slots_.size()) return shards_.size() - 1;
-        return Kernel::shardOf(slots_.size(), static_cast<std::uint32_t>(shards_.size()), neuron);
+        if (isForeign(neuron)) return shards_.size() - 1;
+        return Kernel::shardOf(slots_.size(), static_cast<std::uint32_t>(shards_.size()),
+                               neuron - first_neuron_);
+    }
+    /// Whether a neuron has no slot here.
+    bool isForeign(NodeId neuron) const { return neuron - first_neuron_ >= slots_.size(); }
+    CandidateSlot& slotOf(NodeId neuron) { return slots_[neuron - first_neuron_]; }
+    /// Whether the graph has the neurons that the calendar was made for.
+    bool hasItsGraph() const {
+        return graph_.share() ? graph_.share()->begin == first_neuron_ &&
+                                    graph_.share()->end == first_neuron_ + slots_.size()
+                              : graph_.nodeCount() == slots_.size();
     }
     template <class Record>
     std::uint64_t postTo(NodeId target, const Record& record);
     void deliverSerially(NodeId source, ModelTime time);
     std::vector<Shard> emptyShards(std::size_t count) const;
     void becomeOneShard(BucketCalendar&& calendar, CandidateTree&& tree) noexcept;
-    std::int64_t firstBucket();
+    // Over all shards; no_bucket for none.
+    std::int64_t candidateBucket();
+    std::int64_t eventBucket() const;
+    /// Events of all shards, without candidates.
+    std::uint64_t eventCount() const;
 
     bool postsRuns() const { return !store_ && windows_without_runs_ == 0; }
     /// False if the graph does not defer the deliveries.
     bool deliverRun(NodeId source, ModelTime time) {
         // A hook may have replaced the graph by a larger one. The targets of a run are not checked
         // again, those of single deliveries are.
-        if (graph_.nodeCount() != slots_.size()) return false;
+        if (!hasItsGraph()) return false;
         const std::optional<DeliveryRun> run = graph_.deferRun(source, time, *this);
         if (!run) return false;
         first().postRun(*run);
@@ -237,13 +266,15 @@ private:
         if (shards_.size() == 1) return graph_.visitDeliveries(run, visit);
         graph_.visitDeliveries(run, shard, visit);
     }
-    bool restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots, bool needs_buckets);
+    bool restoreOwn(BlobView blob, LargeArray<CandidateSlot>& slots, bool needs_buckets,
+                    const std::function<bool(bool)>& agree);
     void scheduleInStore(NodeId neuron, ModelTime time, double rate);
     [[noreturn]] void refusePast(NodeId neuron);
     std::int64_t firstCandidateBucket(Shard& shard);
 
     SynapseGraph& graph_;
-    LargeArray<CandidateSlot> slots_;  ///< shape (neurons)
+    NodeId first_neuron_ = 0;          ///< of slots_
+    LargeArray<CandidateSlot> slots_;  ///< shape (neurons), or (neurons of the share)
     std::vector<NodeId> ends_;         ///< of the shards; empty for one
     std::vector<Shard> shards_;        ///< ascending; the calendar of the first one counts the ids
     int windows_without_runs_ = 0;     ///< windows until deliveries are deferred again

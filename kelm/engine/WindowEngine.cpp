@@ -5,14 +5,20 @@
 #include <cstring>
 #include <exception>
 #include <iterator>
+#include <numeric>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
 #include "kelm/core/Digest.h"
+#include "kelm/core/FailureImage.h"
 #include "kelm/core/Failures.h"
 #include "kelm/core/FloatingPointEnvironment.h"
+#include "kelm/core/IRankGroup.h"
 #include "kelm/core/Prefetch.h"
+#include "kelm/core/RankFailures.h"
+#include "kelm/engine/RunState.h"
 #include "kelm/engine/WindowEvents.h"
 
 namespace Lumenar::Core::Kelm {
@@ -26,7 +32,6 @@ constexpr std::size_t prefetch_distance = 16;
 constexpr std::size_t commit_distance = 8;
 /// How many windows choose the number of shards.
 constexpr std::size_t load_windows = 64;
-constexpr const char* spontaneous_name = "spontaneous";
 constexpr std::uint64_t first_observation_id = 0x7fffffffffffffff;
 constexpr BlobTag format_tag("KELMWEN3");
 
@@ -42,20 +47,24 @@ void requireHorizon(ModelTime horizon) {
 }
 
 /// `things`: what there must be `count` of, one a neuron.
-void requireCount(const std::string& things, std::uint64_t count, const SynapseGraph& graph) {
-    if (count == graph.nodeCount()) return;
+void requireCount(const std::string& things, std::uint64_t count, std::uint64_t neurons) {
+    if (count == neurons) return;
     throw withDetail(WindowEngineError(WindowEngineError::parameter_count),
                      {.field = "number of " + things,
                       .value = decimal(count),
-                      .bound = "the graph's neuron count " + decimal(graph.nodeCount())});
+                      .bound = "the graph's neuron count " + decimal(neurons)});
+}
+
+std::logic_error notOverRanks(const char* what) {
+    return std::logic_error(std::string(what) + " cannot be spread over several ranks yet");
 }
 
 /// The table of neurons that differ, after the checks that come before those of their values.
 ParameterTable tableOf(const SynapseGraph& graph, std::span<const Kernel::Neuron> neurons,
                        std::span<const Kernel::Firing> firings, ModelTime horizon) {
     requireHorizon(horizon);
-    requireCount("neurons", neurons.size(), graph);
-    requireCount("firings", firings.size(), graph);
+    requireCount("neurons", neurons.size(), graph.nodeCount());
+    requireCount("firings", firings.size(), graph.nodeCount());
     return ParameterTable(neurons, firings);
 }
 
@@ -65,98 +74,25 @@ std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index) {
     return Runtime::RandomContext::deriveStreamState(seed, spontaneous_name, index);
 }
 
-/// Working storage of a shard in one run, cleared but not released from window to window.
-struct WindowEngine::Shard {
-    Shard(std::size_t place, NodeId first_neuron, NodeId end_neuron)
-        : index(place),
-          events(end_neuron - first_neuron, first_neuron),
-          begin(first_neuron),
-          end(end_neuron) {}
-
-    /// A spike whose deliveries are not posted yet.
-    struct Spike {
-        ModelTime time;
-        NodeId neuron;
-        std::uint64_t id;     ///< of its first delivery, counted from the shard's first id
-        ModelTime run_delay;  ///< as WindowCalendar::deliverTo takes it
-    };
-    /// A committed neuron as it was before the window. The first shard has none.
-    struct Committed {
-        NodeId neuron;
-        std::uint64_t id;  ///< of its new candidate, counted from the shard's first id
-        Kernel::State state;
-        std::uint64_t rng;
-        CandidateSlot slot;
-    };
-
-    std::size_t index;
-    WindowEvents events;
-    NodeId begin;            ///< its first neuron
-    NodeId end;              ///< behind its last neuron
-    std::size_t built = 0;   ///< events whose items have been built
-    NodeId next_target = 0;  ///< of placed events: no neuron from here on has an item yet
-
-    // The items of the window, or of the current part. The vectors only grow: of `work` and
-    // `results`, the first item_count entries are in use.
-    std::vector<WindowWork> work;  ///< ascending by neuron
-    std::vector<Kernel::WindowResult> results;
-    std::size_t item_count = 0;
-    std::span<const Kernel::WindowEvent> item_events;  ///< item by item
-    std::vector<Kernel::WindowEvent> copied_events;    ///< item_events that are not placed
-    bool hook_had_items = false;  ///< a prepare hook may have changed items of this run
-
-    // Of several shards: what the window has committed, and what is still to be posted.
-    std::vector<Spike> spikes;
-    std::vector<Committed> committed;
-    std::uint64_t id_count = 0;
-    std::uint64_t first_id = 0;
-    WindowProfile counts;
-    std::size_t next_given = 0;  ///< of Window::given, the first one not committed
-    std::exception_ptr failure;
-};
-
-/// Working storage of one run, cleared but not released from window to window.
-struct WindowEngine::Window {
-    ModelTime start = 0;
-    ModelTime end = 0;
-    std::vector<Shard> shards;
-    std::size_t event_count = 0;  ///< without candidates until the events are taken
-    bool taken = false;           ///< the events lie in the shards
-
-    // The items of the window, or of the current part. Empty for parts of several shards.
-    std::span<WindowWork> work;  ///< ascending by neuron
-    std::span<Kernel::WindowResult> results;
-    std::span<const Kernel::WindowEvent> item_events;
-    // Where they lie for several shards.
-    std::vector<WindowWork> gathered_work;
-    std::vector<Kernel::WindowResult> gathered_results;
-    std::vector<Kernel::WindowEvent> gathered_events;
-
-    std::vector<SpikeRecord> given;   ///< of the window, by neuron, then time
-    std::size_t committed_given = 0;  ///< of them
-
-    std::size_t log_mark = 0;  ///< length of the log before this window
-    std::vector<SpikeRecord> new_spikes;
-    std::vector<Kernel::State> shadow_states;  ///< of an observation, shape (neurons)
-    std::vector<ModelTime> candidate_times;    ///< of an observation, shape (neurons)
-};
-
 WindowEngine::WindowEngine(Assembled, SynapseGraph&& graph, ParameterTable&& parameters,
                            std::uint64_t seed, ModelTime horizon,
-                           std::unique_ptr<IEventStore>&& store)
+                           std::unique_ptr<IEventStore>&& store, IRankGroup* ranks)
     : graph_(std::move(graph)),
       parameters_(std::move(parameters)),
       heterogeneous_(parameters_.isHeterogeneous()),
       seed_(seed),
       horizon_(horizon),
+      ranks_(ranks),
+      first_neuron_(graph_.share() ? graph_.share()->begin : 0),
       calendar_(buildCalendar(std::move(store))),
       random_(seed),
-      spontaneous_(random_.family(spontaneous_name)) {
-    pristine_ = calendar_.windowWidth().has_value();
-    states_.resize(graph_.nodeCount());
+      spontaneous_(random_.family(spontaneous_name, firstNeuron())) {
+    pristine_ = calendar_.windowWidth().has_value() && ranks_ == nullptr;
+    states_.resize(calendar_.candidates().size());
     createStreams();
     // In NodeId order: it fixes the order of candidates at equal times.
-    for (NodeId n = 0; n < graph_.nodeCount(); ++n) drawFirstCandidate(n, 0.0);
+    for (NodeId n = firstNeuron(); n < endNeuron(); ++n) drawFirstCandidate(n, 0.0);
+    numberCandidates(0);
 }
 
 WindowEngine::WindowEngine(SynapseGraph graph, std::vector<Kernel::Neuron> neurons,
@@ -172,15 +108,33 @@ WindowEngine::WindowEngine(SynapseGraph graph, const Kernel::Neuron& neuron,
                    seed, horizon, std::move(store)) {}
 
 WindowEngine::WindowEngine(SynapseGraph graph, ParameterTable parameters, std::uint64_t seed,
-                           ModelTime horizon, std::unique_ptr<IEventStore> store)
+                           ModelTime horizon, std::unique_ptr<IEventStore> store, IRankGroup* ranks)
     : WindowEngine(Assembled(), std::move(graph), std::move(parameters), seed, horizon,
-                   std::move(store)) {}
+                   std::move(store), ranks) {}
 
 /// The checks of construction, and the calendar. The members declared before the calendar are
 /// already set.
 WindowCalendar WindowEngine::buildCalendar(std::unique_ptr<IEventStore>&& store) {
+    onEachRank(ranks_, [&] { requireBuildable(store != nullptr); });
+    if (store != nullptr) return WindowCalendar(graph_, std::move(store));
+    if (ranks_ != nullptr && !graph_.share()->counted) graph_.countShare(*ranks_);
+    const std::optional<ModelTime> d_min = graph_.dMin();
+    if (!d_min) throw WindowEngineError(WindowEngineError::no_d_min);
+    return WindowCalendar(graph_, *d_min);
+}
+
+/// The checks of construction that a rank makes alone.
+void WindowEngine::requireBuildable(bool has_store) const {
     requireHorizon(horizon_);
-    requireCount("neurons", parameters_.neuronCount(), graph_);
+    if (graph_.share().has_value() != (ranks_ != nullptr)) {
+        throw std::invalid_argument(
+            "several ranks need the share of a network, and a share "
+            "needs its ranks");
+    }
+    if (ranks_ != nullptr && has_store) throw notOverRanks("a store of the caller");
+    const std::uint64_t neurons =
+        graph_.share() ? graph_.share()->end - graph_.share()->begin : graph_.nodeCount();
+    requireCount("neurons", parameters_.neuronCount(), neurons);
     for (const ParameterTable::Entry& entry : parameters_.entries()) {
         const Kernel::Firing& firing = entry.firing;
         // A negative rate under a negative ceiling would give a bound below 0. Such a bound marks a
@@ -190,36 +144,32 @@ WindowCalendar WindowEngine::buildCalendar(std::unique_ptr<IEventStore>&& store)
             while (&parameters_[neuron] != &entry) ++neuron;
             throw withDetail(WindowEngineError(WindowEngineError::negative_hazard),
                              {.item = "neuron",
-                              .index = neuron,
+                              .index = first_neuron_ + neuron,
                               .field = "max_rate",
                               .value = decimal(firing.max_rate) + " Hz",
                               .bound = "positive"});
         }
     }
     requireExactFloatingPoint();
-    if (store != nullptr) return WindowCalendar(graph_, std::move(store));
-    const std::optional<ModelTime> d_min = graph_.dMin();
-    if (!d_min) throw WindowEngineError(WindowEngineError::no_d_min);
-    return WindowCalendar(graph_, *d_min);
 }
 
 void WindowEngine::createStreams() {
-    for (NodeId n = 0; n < graph_.nodeCount(); ++n) random_.rawState(spontaneous_, n);
+    for (NodeId n = firstNeuron(); n < endNeuron(); ++n) random_.rawState(spontaneous_, n);
     for (const char* name : single_streams) random_.streamFor(name, 0);
 }
 
 /// Draws and posts a neuron's first candidate.
 void WindowEngine::drawFirstCandidate(NodeId neuron, double drive_bound) {
     std::uint64_t rng = random_.rawState(spontaneous_, neuron);
-    const ParameterTable::Entry& parameters = parameters_[neuron];
+    const ParameterTable::Entry& parameters = parametersOf(neuron);
     const Kernel::Candidate first = Kernel::nextCandidate(
-        states_[neuron], parameters.neuron, parameters.firing, 0, horizon_, drive_bound, rng);
+        stateOf(neuron), parameters.neuron, parameters.firing, 0, horizon_, drive_bound, rng);
     random_.advanceTo(spontaneous_, neuron, rng);
     calendar_.schedule(neuron, first.found ? first.time : no_time, first.bound);
 }
 
 void WindowEngine::reseedInitialCandidates(std::span<const double> drive_bounds) {
-    if (drive_bounds.size() != states_.size()) {
+    if (drive_bounds.size() != graph_.nodeCount()) {
         throw WindowEngineError(WindowEngineError::modulation_bounds);
     }
     if (profile_.windows != 0 || !log_.empty() || taken_.count != 0) {
@@ -228,7 +178,13 @@ void WindowEngine::reseedInitialCandidates(std::span<const double> drive_bounds)
     flushPendingRandomStates();
     pristine_ = false;
     eventless_until_ = 0;
-    for (NodeId n = 0; n < graph_.nodeCount(); ++n) drawFirstCandidate(n, drive_bounds[n]);
+    const std::uint64_t first_id = calendar_.nextId();
+    onEachRank(ranks_, [&] {
+        for (NodeId n = firstNeuron(); n < endNeuron(); ++n) {
+            drawFirstCandidate(n, drive_bounds[n]);
+        }
+    });
+    numberCandidates(first_id);
 }
 
 void WindowEngine::reseed(std::uint64_t seed, ModelTime from) {
@@ -237,13 +193,17 @@ void WindowEngine::reseed(std::uint64_t seed, ModelTime from) {
     pristine_ = false;
     seed_ = seed;
     random_ = Runtime::RandomContext(seed);
-    spontaneous_ = random_.family(spontaneous_name);
+    spontaneous_ = random_.family(spontaneous_name, firstNeuron());
     createStreams();
     // A candidate with a negative bound is a marker, at which the walk draws anew. Only the walk
     // knows the drive of the window, and with it the bound of the draw.
     const ModelTime marker = from < horizon_ ? from : no_time;
     eventless_until_ = std::min(eventless_until_, from);
-    for (NodeId n = 0; n < graph_.nodeCount(); ++n) calendar_.schedule(n, marker, -1.0);
+    const std::uint64_t first_id = calendar_.nextId();
+    onEachRank(ranks_, [&] {
+        for (NodeId n = firstNeuron(); n < endNeuron(); ++n) calendar_.schedule(n, marker, -1.0);
+    });
+    numberCandidates(first_id);
 }
 
 /// Moves the streams to where a whole run of a backend has left them.
@@ -278,18 +238,24 @@ void WindowEngine::adoptWholeRun(WholeRun&& run) {
 }
 
 void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
-    requireExactFloatingPoint();
+    onEachRank(ranks_, [] { requireExactFloatingPoint(); });
     stopped_ = false;
     if (offersWholeRun(until) && backend.tryResidentRun(*this)) return;
     flushPendingRandomStates();
     if (control_ != nullptr) {
-        stopped_ = control_->takeStopRequest();
+        stopped_ = ranks_ == nullptr && control_->takeStopRequest();
         if (stopped_) return;
         control_->begin(processed_until_);
     }
     team_ = backend.team();
     running_ = true;
-    stopped_ = runWindows(backend, until);
+    failure_announced_ = false;
+    try {
+        stopped_ = runWindows(backend, until);
+    } catch (...) {
+        announceFailure(std::current_exception());
+        throw;
+    }
     running_ = false;
     if (control_ != nullptr) control_->end(processed_until_);
 }
@@ -297,6 +263,8 @@ void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
 /// Returns whether the run was stopped before `until`.
 bool WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
     Window window;
+    agreeOnNextWindow(window);
+    if (std::exchange(agreed_stop_, false)) return true;
     setShards(window, firstShardCount());
     while (takeWindow(until, window)) {
         deliverObservations(window, window.start, false);
@@ -304,16 +272,21 @@ bool WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
         computeAndCommit(window, backend);
         if (commit_hook_ != nullptr) {
             // A copy, because the hook may read the log, which sorts it.
-            window.new_spikes.assign(log_.begin() + static_cast<std::ptrdiff_t>(window.log_mark),
-                                     log_.end());
+            if (ranks_ == nullptr) {
+                window.new_spikes.assign(
+                    log_.begin() + static_cast<std::ptrdiff_t>(window.log_mark), log_.end());
+            }
             commit_hook_->commit(window.start, window.end, window.new_spikes, graph_);
         }
         deliverObservations(window, window.end, true);
         if (next_sample_ < window.end) takeSamples(window, window.end, true);
         processed_until_ = window.end;
         if (team_ != nullptr) setShards(window, nextShardCount(window.event_count));
-        if (control_ != nullptr && control_->isDue(window.event_count)) {
-            if (stopsAfterWindow(until)) return true;
+        const bool acts = ranks_ == nullptr
+                              ? control_ != nullptr && control_->isDue(window.event_count)
+                              : agreed_stop_ || agreed_report_;
+        if (acts) {
+            if (stopsAfterWindow(window, until)) return true;
             // The callback may have restored the engine, which is then one shard.
             setShards(window, calendar_.shardCount());
         }
@@ -322,6 +295,7 @@ bool WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
     eventless_until_ = until;
     deliverObservations(window, until, false);
     takeSamples(window, until, false);
+    agreeOnNextWindow(window);
     return false;
 }
 
@@ -361,23 +335,35 @@ void WindowEngine::setShards(Window& window, std::size_t count) {
     }
 }
 
-bool WindowEngine::stopsAfterWindow(ModelTime until) {
+bool WindowEngine::stopsAfterWindow(Window& window, ModelTime until) {
     // The state is complete, so the callback may do what is allowed between runs.
     running_ = false;
-    control_->act(processed_until_, taken_.count + log_.size());
+    if (ranks_ == nullptr) {
+        control_->act(processed_until_, taken_.count + log_.size());
+    } else if (std::exchange(agreed_report_, false) && control_ != nullptr) {
+        control_->report(processed_until_, taken_.count + log_count_);
+    }
     running_ = true;
+    agreeOnNextWindow(window);
     // If no window is left, the run ends by itself. The request then stops the next run.
-    return processed_until_ < until && control_->takeStopRequest();
+    return processed_until_ < until && takeStopRequest();
+}
+
+/// Whether a stop was requested, on any rank, since the last call.
+bool WindowEngine::takeStopRequest() {
+    return ranks_ == nullptr ? control_->takeStopRequest() : std::exchange(agreed_stop_, false);
 }
 
 /// Takes the next window and sorts its events by target. Those of one target are in order if the
 /// window is dense; otherwise buildFromKeys puts them in order.
 bool WindowEngine::takeWindow(ModelTime until, Window& window) {
-    if (!calendar_.openWindow(until, nextGivenTime(), window.start, window.end)) return false;
+    const ModelTime also =
+        ranks_ == nullptr ? nextGivenTime() : static_cast<ModelTime>(agreed_time_);
+    if (!calendar_.openWindow(until, also, window.start, window.end)) return false;
     window.event_count = calendar_.openedCount();
     window.work = {};
     takeGivenSpikes(window);
-    window.taken = window.shards.size() == 1 || observationDue(window.start);
+    window.taken = (window.shards.size() == 1 && ranks_ == nullptr) || observationDue(window.start);
     if (window.taken) {
         forShards(window, [&](std::size_t s) { takeEvents(window.shards[s], s); });
         countEvents(window);
@@ -418,7 +404,7 @@ void WindowEngine::takeGivenSpikes(Window& window) {
 /// in the order of neurons throws.
 template <class Task>
 void WindowEngine::forShards(Window& window, Task task, bool side_by_side) {
-    if (window.shards.size() == 1) return task(0);
+    if (window.shards.size() == 1 && ranks_ == nullptr) return task(0);
     const auto guarded = [&](std::size_t s) {
         try {
             task(s);
@@ -441,7 +427,9 @@ void WindowEngine::forShards(Window& window, Task task, bool side_by_side) {
 /// of another one writes, so parts leave the same results as the whole.
 void WindowEngine::computeAndCommit(Window& window, IWindowBackend& backend) {
     const bool whole = needsWholeWindow(window);
-    if (window.shards.size() > 1) return computeShards(window, backend, whole);
+    if (window.shards.size() > 1 || ranks_ != nullptr) {
+        return computeShards(window, backend, whole);
+    }
     Shard& shard = window.shards.front();
     const std::size_t part_items =
         whole ? IWindowBackend::whole_window : std::max<std::size_t>(backend.partItems(), 1);
@@ -467,7 +455,12 @@ void WindowEngine::computeAndCommit(Window& window, IWindowBackend& backend) {
 
 /// Whether the shards may commit side by side. Prepares the graph for it.
 bool WindowEngine::canCommitApart(Window& window) {
-    if (team_ == nullptr || !calendar_.canPostApart(window.end) ||
+    if (ranks_ != nullptr && !graph_.share()->counted) {
+        Blob nothing;
+        shareInRun(nothing);
+        graph_.countShare(*ranks_);
+    }
+    if ((team_ == nullptr && ranks_ == nullptr) || !calendar_.canPostApart(window.end) ||
         !random_.canAdvanceApart(spontaneous_, states_.size())) {
         return false;
     }
@@ -495,8 +488,8 @@ void WindowEngine::computeShards(Window& window, IWindowBackend& backend, bool w
         shard.next_given = static_cast<std::size_t>(given - window.given.begin());
     }
     if (!whole && canCommitApart(window)) {
-        IWindowBackend& parts = team_->backend();
-        const std::size_t part_items = parts.partItems();
+        IWindowBackend& parts = team_ == nullptr ? backend : team_->backend();
+        const std::size_t part_items = std::max<std::size_t>(parts.partItems(), 1);
         return commitShards(window, [&](std::size_t s) {
             Shard& shard = window.shards[s];
             if (!window.taken) takeEvents(shard, s);
@@ -530,6 +523,10 @@ void WindowEngine::computeShards(Window& window, IWindowBackend& backend, bool w
     backend.processWindow(window.work, window.item_events, window.end, horizon_, uniformNeuron(),
                           uniformFiring(), window.results);
     if (!canCommitApart(window)) {
+        if (ranks_ != nullptr)
+            throw notOverRanks(
+                "a window with recorded streams, a replaced graph or deliveries near the end of "
+                "time");
         ++profile_.windows;
         profile_.deliveries += window.event_count;
         commitItems(window);
@@ -609,16 +606,15 @@ void WindowEngine::commitApart(Window& window, std::size_t s, std::span<const Wi
         const NodeId n = work[i].neuron;
         const Kernel::WindowResult& result = results[i];
         if (shard.next_given < window.given.size()) commitGivenApart(window, s, n);
-        if (s != 0) {
-            before = {n, 0, states_[n], random_.rawState(spontaneous_, n),
-                      calendar_.candidates()[n]};
+        if (mayBeUndone(s)) {
+            before = {n, 0, stateOf(n), random_.rawState(spontaneous_, n), calendar_.candidate(n)};
         }
         applyResult(n, result, shard.counts);
         for (std::int32_t k = 0; k < result.spike_count; ++k) {
             addSpike(shard, {result.spike_times[k], n});
         }
         calendar_.scheduleIn(s, n, result.next_candidate, result.next_bound);
-        if (s != 0) {
+        if (mayBeUndone(s)) {
             before.id = shard.id_count;
             shard.committed.push_back(before);
         } else if (result.next_candidate >= 0) {
@@ -650,49 +646,70 @@ void WindowEngine::commitGivenApart(Window& window, std::size_t s, NodeId end) {
 /// of the shards behind it.
 void WindowEngine::finishShards(Window& window) {
     countEvents(window);
-    ++profile_.windows;
-    profile_.deliveries += window.event_count;
-    std::size_t last = 0;
-    while (last + 1 < window.shards.size() && !window.shards[last].failure) ++last;
+    std::vector<Shard>& shards = window.shards;
+    std::size_t end = 0;  // behind the last shard that is committed
+    std::uint64_t id_count = 0;
+    WindowProfile counts;
+    counts.windows = 1;
+    counts.deliveries = window.event_count;
+    bool failed = false;
+    for (; end < shards.size() && !failed; ++end) {
+        failed = shards[end].failure != nullptr;
+        id_count += shards[end].id_count;
+        counts.updates += shards[end].counts.updates;
+        counts.candidates += shards[end].counts.candidates;
+        counts.accepted += shards[end].counts.accepted;
+    }
     std::uint64_t id = calendar_.nextId();
-    for (std::size_t s = 0; s < window.shards.size(); ++s) {
-        Shard& shard = window.shards[s];
+    std::uint64_t next_id = id + id_count;
+    window.posts.clear();
+    if (ranks_ != nullptr) {
+        const Exchanged all = exchange(window, end, id_count, counts);
+        if (all.lower_rank_failed) end = 0;
+        id = all.first_id;
+        next_id = all.next_id;
+    }
+    profile_.windows += counts.windows;
+    profile_.deliveries += counts.deliveries;
+    profile_.updates += counts.updates;
+    profile_.candidates += counts.candidates;
+    profile_.accepted += counts.accepted;
+    for (std::size_t s = 0; s < shards.size(); ++s) {
+        Shard& shard = shards[s];
         shard.first_id = id;
-        if (s > last) {
+        if (s >= end) {
             for (const Shard::Committed& before : shard.committed) {
-                states_[before.neuron] = before.state;
+                stateOf(before.neuron) = before.state;
                 random_.setState(spontaneous_, before.neuron, before.rng);
                 calendar_.unschedule(s, before.neuron, before.slot);
             }
             continue;
         }
         id += shard.id_count;
-        profile_.updates += shard.counts.updates;
-        profile_.candidates += shard.counts.candidates;
-        profile_.accepted += shard.counts.accepted;
         for (const Shard::Spike& spike : shard.spikes) log_.push_back({spike.time, spike.neuron});
         if (!shard.spikes.empty()) log_sorted_ = false;
+        if (ranks_ == nullptr) window.posts.push_back({shard.spikes, shard.first_id});
     }
     forShards(window, [&](std::size_t s) {
-        if (s <= last) {
-            for (const Shard::Committed& entry : window.shards[s].committed) {
-                if (calendar_.candidates()[entry.neuron].time < 0) continue;
-                calendar_.setCandidateId(entry.neuron, window.shards[s].first_id + entry.id);
+        if (s < end) {
+            for (const Shard::Committed& entry : shards[s].committed) {
+                if (calendar_.candidate(entry.neuron).time < 0) continue;
+                calendar_.setCandidateId(entry.neuron, shards[s].first_id + entry.id);
             }
         }
-        for (std::size_t from = 0; from <= last; ++from) {
-            const Shard& source = window.shards[from];
-            for (std::size_t i = 0; i < source.spikes.size(); ++i) {
-                if (i + commit_distance < source.spikes.size()) {
-                    calendar_.prefetchDelivery(s, source.spikes[i + commit_distance].neuron);
+        for (const SpikePosts& posts : window.posts) {
+            for (std::size_t i = 0; i < posts.spikes.size(); ++i) {
+                if (i + commit_distance < posts.spikes.size()) {
+                    calendar_.prefetchDelivery(s, posts.spikes[i + commit_distance].neuron);
                 }
-                const Shard::Spike& spike = source.spikes[i];
-                calendar_.deliverTo(s, spike.neuron, spike.time, source.first_id + spike.id,
+                const Shard::Spike& spike = posts.spikes[i];
+                calendar_.deliverTo(s, spike.neuron, spike.time, posts.first_id + spike.id,
                                     spike.run_delay);
             }
         }
     });
-    calendar_.setNextId(id);
+    calendar_.setNextId(next_id);
+    if (window.remote_failure != nullptr) std::rethrow_exception(window.remote_failure);
 }
 
 /// A prepare hook sees all items of a window at once, and an observation inside the window repeats
@@ -737,14 +754,15 @@ void WindowEngine::buildFromKeys(Shard& shard, ModelTime window_start, std::size
     WindowEvents::Walk events = shard.events.walk();
     // Prefetches what an item reads from here to its commit. Half of the states and slots lie
     // across two cache lines.
-    const auto prefetch = [&, states = states_.data(),
+    const auto prefetch = [&, states = states_.data(), first_neuron = firstNeuron(),
                            streams = random_.firstStates(spontaneous_)](std::size_t i) {
         if (i >= events.size()) return;
         events.prefetch(i);
         const NodeId n = events.targetAt(i);
-        prefetchLine(&states[n]);
-        prefetchLine(&states[n].hazard_bound);
-        if (n < streams.size()) prefetchLine(&streams[n]);
+        const std::size_t place = n - first_neuron;
+        prefetchLine(&states[place]);
+        prefetchLine(&states[place].hazard_bound);
+        if (place < streams.size()) prefetchLine(&streams[place]);
         calendar_.prefetch(shard.index, n);
     };
     const bool rewrites_parameters = mustRewriteParameters(shard);
@@ -794,7 +812,7 @@ void WindowEngine::appendItem(Shard& shard) const {
 }
 
 void WindowEngine::rewriteParameters(WindowWork& item, NodeId neuron) const {
-    const ParameterTable::Entry& parameters = parameters_[neuron];
+    const ParameterTable::Entry& parameters = parametersOf(neuron);
     item.parameters = parameters.neuron;
     item.firing = parameters.firing;
     item.drive = PhaseDrive();
@@ -802,14 +820,14 @@ void WindowEngine::rewriteParameters(WindowWork& item, NodeId neuron) const {
 
 /// The part of an item that its neuron holds.
 void WindowEngine::readNeuron(WindowWork& item, NodeId neuron, ModelTime window_start) {
-    const CandidateSlot& slot = calendar_.candidates()[neuron];
+    const CandidateSlot& slot = calendar_.candidate(neuron);
     // Reached only with a forged snapshot or after a refused reseed: the walk would have to draw
     // its way through all windows in between.
     if (slot.time >= 0 && slot.time < window_start) {
         throw WindowEngineError(WindowEngineError::past_candidate);
     }
     item.neuron = neuron;
-    item.state = states_[neuron];
+    item.state = stateOf(neuron);
     item.rng = random_.rawState(spontaneous_, neuron);
     item.pending_time = slot.time;
     item.pending_bound = slot.rate;
@@ -842,7 +860,7 @@ void WindowEngine::applyResult(NodeId neuron, const Kernel::WindowResult& result
                                WindowProfile& profile) {
     if (result.bound_violation) throw WindowEngineError(WindowEngineError::bound_violation);
     if (result.spike_overflow) throw WindowEngineError(WindowEngineError::spike_overflow);
-    states_[neuron] = result.state;
+    stateOf(neuron) = result.state;
     random_.advanceTo(spontaneous_, neuron, result.rng);
     profile.updates += result.updates;
     profile.candidates += result.candidates;
@@ -871,10 +889,20 @@ std::size_t WindowEngine::firstGivenFrom(ModelTime time) const {
 }
 
 void WindowEngine::giveSpikes(std::vector<SpikeRecord> spikes) {
-    if (processed_until_ != 0 || eventless_until_ != 0 || running_ || !given_.empty()) {
+    if (processed_until_ != 0 || eventless_until_ != 0 || running_ || has_given_) {
         throw InvalidSpikeTrain(InvalidSpikeTrain::late);
     }
     if (!calendar_.windowWidth()) throw InvalidSpikeTrain(InvalidSpikeTrain::store);
+    onEachRank(ranks_, [&] { requireGivable(spikes); });
+    has_given_ = !spikes.empty();
+    std::erase_if(spikes, [this](const SpikeRecord& spike) { return isForeign(spike.neuron); });
+    given_ = std::move(spikes);
+    // No neuron fires from the horizon on.
+    given_.resize(firstGivenFrom(horizon_));
+    next_given_ = 0;
+}
+
+void WindowEngine::requireGivable(std::span<const SpikeRecord> spikes) const {
     for (std::size_t i = 0; i < spikes.size(); ++i) {
         const SpikeRecord& spike = spikes[i];
         if (spike.neuron >= graph_.nodeCount()) {
@@ -884,15 +912,12 @@ void WindowEngine::giveSpikes(std::vector<SpikeRecord> spikes) {
         if (spike.time < 0 || (i > 0 && !SpikeRecordLess()(spikes[i - 1], spike))) {
             throw InvalidSpikeTrain(InvalidSpikeTrain::order(i, spike.time, spike.neuron));
         }
-        const Kernel::Firing& firing = parameters_[spike.neuron].firing;
+        if (isForeign(spike.neuron)) continue;
+        const Kernel::Firing& firing = parametersOf(spike.neuron).firing;
         if (firing.base_rate != 0 && firing.rate_scale != 0) {
             throw InvalidSpikeTrain(InvalidSpikeTrain::fires(i, spike.neuron));
         }
     }
-    given_ = std::move(spikes);
-    // No neuron fires from the horizon on.
-    given_.resize(firstGivenFrom(horizon_));
-    next_given_ = 0;
 }
 
 std::uint64_t WindowEngine::declareObserverEvent(const Event& event) {
@@ -969,8 +994,13 @@ void WindowEngine::deliverObservations(Window& window, ModelTime limit, bool ins
         std::transform(slots.begin(), slots.end(), window.candidate_times.begin(),
                        [](const CandidateSlot& slot) { return slot.time; });
         if (inside) shadowRun(window, observation.time);
-        for (NodeId n = 0; n < window.shadow_states.size(); ++n) {
-            Kernel::advanceTraces(window.shadow_states[n], parameters_[n].neuron, observation.time);
+        for (NodeId n = firstNeuron(); n < endNeuron(); ++n) {
+            Kernel::advanceTraces(window.shadow_states[n - firstNeuron()], parametersOf(n).neuron,
+                                  observation.time);
+        }
+        if (ranks_ != nullptr) {
+            gatherEverywhere(window.shadow_states);
+            gatherEverywhere(window.candidate_times);
         }
         observer_->observe(observation, window.shadow_states, window.candidate_times, graph_);
     }
@@ -983,8 +1013,8 @@ void WindowEngine::deliverObservations(Window& window, ModelTime limit, bool ins
 void WindowEngine::shadowRun(Window& window, ModelTime time) {
     for (const WindowWork& item : window.work) {
         const Kernel::WindowResult result = shadowWalk(window, item, time);
-        window.shadow_states[item.neuron] = result.state;
-        window.candidate_times[item.neuron] = result.next_candidate;
+        window.shadow_states[item.neuron - firstNeuron()] = result.state;
+        window.candidate_times[item.neuron - firstNeuron()] = result.next_candidate;
     }
 }
 
@@ -1004,16 +1034,21 @@ Kernel::WindowResult WindowEngine::shadowWalk(const Window& window, const Window
 
 void WindowEngine::requireKnown(ModelTime time) {
     if (running_) throw WindowEngineError(WindowEngineError::late_states);
-    ModelTime last =
-        std::max(calendar_.nextWindowStart().value_or(processed_until_), eventless_until_);
-    if (nextGivenTime() >= 0) last = std::min(last, nextGivenTime());
+    ModelTime next = calendar_.nextWindowStart().value_or(processed_until_);
+    ModelTime given = nextGivenTime();
+    if (ranks_ != nullptr) {
+        next = leastOfRanks(next);
+        given = leastOfRanks(given < 0 ? last_model_time : given);
+    }
+    ModelTime last = std::max(next, eventless_until_);
+    if (given >= 0) last = std::min(last, given);
     if (time < processed_until_ || time > last) {
         throw InvalidMoment(InvalidMoment::outside(time, processed_until_, last));
     }
 }
 
 StateSample WindowEngine::sampleOf(Kernel::State state, NodeId neuron, ModelTime time) const {
-    const ParameterTable::Entry& parameters = parameters_[neuron];
+    const ParameterTable::Entry& parameters = parametersOf(neuron);
     const Kernel::NeuronModel model(parameters.neuron, parameters.firing);
     Kernel::advanceTraces(state, model.neuron, time);
     const Kernel::Traces traces{state.membrane, state.adaptation};
@@ -1026,7 +1061,10 @@ std::vector<StateSample> WindowEngine::statesAt(ModelTime time) {
     requireKnown(time);
     std::vector<StateSample> samples;
     samples.reserve(states_.size());
-    for (NodeId n = 0; n < states_.size(); ++n) samples.push_back(sampleOf(states_[n], n, time));
+    for (NodeId n = firstNeuron(); n < endNeuron(); ++n) {
+        samples.push_back(sampleOf(stateOf(n), n, time));
+    }
+    if (ranks_ != nullptr) gatherEverywhere(samples);
     return samples;
 }
 
@@ -1035,11 +1073,12 @@ std::vector<StateSample> WindowEngine::statesAt(ModelTime time, std::span<const 
     std::vector<StateSample> samples;
     samples.reserve(neurons.size());
     for (const NodeId n : neurons) {
-        if (n >= states_.size()) {
+        if (n >= graph_.nodeCount()) {
             throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
         }
-        samples.push_back(sampleOf(states_[n], n, time));
+        if (!isForeign(n)) samples.push_back(sampleOf(stateOf(n), n, time));
     }
+    if (ranks_ != nullptr) orderSamples(samples, neurons);
     return samples;
 }
 
@@ -1067,11 +1106,13 @@ void WindowEngine::takeSamples(const Window& window, ModelTime limit, bool after
             if (sampler->nextSample() != time) continue;
             samples.clear();
             for (const NodeId n : sampler->neurons()) {
+                if (isForeign(n)) continue;
                 const auto item = std::ranges::lower_bound(items, n, {}, &WindowWork::neuron);
                 const bool has_item = item != items.end() && item->neuron == n;
                 samples.push_back(sampleOf(
-                    has_item ? shadowWalk(window, *item, time).state : states_[n], n, time));
+                    has_item ? shadowWalk(window, *item, time).state : stateOf(n), n, time));
             }
+            if (ranks_ != nullptr) orderSamples(samples, sampler->neurons());
             sampler->addSamples(samples);
         }
     }
@@ -1084,6 +1125,8 @@ std::uint64_t WindowEngine::post(const Event& event) {
     external_events_ = true;
     pristine_ = false;
     const std::uint64_t id = calendar_.post(event);
+    // All ranks post the same events.
+    agreed_time_ = std::min(agreed_time_, static_cast<std::uint64_t>(event.time));
     eventless_until_ = std::min(eventless_until_, event.time);
     return id;
 }
@@ -1099,6 +1142,11 @@ std::span<const SpikeRecord> WindowEngine::spikeLog() {
 std::vector<SpikeRecord> WindowEngine::takeSpikes() {
     if (running_) throw WindowEngineError(WindowEngineError::late_take);
     const std::span<const SpikeRecord> log = spikeLog();
+    if (ranks_ != nullptr) {
+        taken_ = digestOfRanks();
+        log_count_ = 0;
+        return std::exchange(log_, {});
+    }
     if (log.empty()) return {};
     if (SpikeRecordLess()(log.front(), last_taken_)) {
         throw WindowEngineError(WindowEngineError::take_order);
@@ -1108,52 +1156,118 @@ std::vector<SpikeRecord> WindowEngine::takeSpikes() {
     return std::exchange(log_, {});
 }
 
-std::uint64_t WindowEngine::logHash() { return digestImages(spikeLog(), taken_.digest); }
+std::vector<SpikeRecord> WindowEngine::networkLog() {
+    std::vector<SpikeRecord> log(spikeLog().begin(), spikeLog().end());
+    if (ranks_ == nullptr) return log;
+    gatherEverywhere(log);
+    std::sort(log.begin(), log.end(), SpikeRecordLess());
+    return log;
+}
+
+std::uint64_t WindowEngine::logHash() {
+    return ranks_ == nullptr ? digestImages(spikeLog(), taken_.digest) : digestOfRanks().digest;
+}
 
 std::uint64_t WindowEngine::spontaneousState(NodeId neuron) {
     flushPendingRandomStates();
+    if (isForeign(neuron)) throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
     return random_.rawState(spontaneous_, neuron);
 }
 
 Blob WindowEngine::snapshot() {
     flushPendingRandomStates();
+    if (ranks_ != nullptr) return snapshotOfRanks();
+    return assembleSnapshot(states_, random_, calendar_.candidates(), spikeLog(), graph_.snapshot(),
+                            calendar_.snapshot());
+}
+
+Blob WindowEngine::assembleSnapshot(std::span<const Kernel::State> states,
+                                    const Runtime::RandomContext& random,
+                                    std::span<const CandidateSlot> candidates,
+                                    std::span<const SpikeRecord> log, BlobView graph,
+                                    BlobView calendar) const {
     Blob blob;
     appendTag(blob, format_tag);
-    appendSequence(blob, states_);
-    appendNested(blob, random_.snapshot());
-    appendImages<CandidateSlot>(blob, calendar_.candidates());
-    appendSequence(blob, spikeLog());
+    appendU64(blob, states.size());
+    appendImages<Kernel::State>(blob, states);
+    appendNested(blob, random.snapshot());
+    appendImages<CandidateSlot>(blob, candidates);
+    appendU64(blob, log.size());
+    appendImages<SpikeRecord>(blob, log);
     appendImage(blob, profile_);
-    appendNested(blob, graph_.snapshot());
+    appendNested(blob, graph);
     appendSequence(blob, observer_events_);
     appendU64(blob, observer_cursor_);
-    appendNested(blob, calendar_.snapshot());
+    appendNested(blob, calendar);
     return blob;
 }
 
+/// Keeps of one value per neuron of the network those of the engine's neurons.
+template <class Value>
+void WindowEngine::keepOwn(LargeArray<Value>& values) const {
+    if (ranks_ == nullptr) return;
+    const auto first = values.begin() + static_cast<std::ptrdiff_t>(first_neuron_);
+    values = LargeArray<Value>(first, first + static_cast<std::ptrdiff_t>(states_.size()));
+}
+
 bool WindowEngine::restore(BlobView blob, const TakenSpikes& taken) {
+    if (ranks_ == nullptr) return restoreHere(blob, taken, nullptr);
+    // All ranks accept the blob, or none of them changes.
+    bool asked = false;
+    const auto agree = [&](bool accepts) {
+        asked = true;
+        Blob own;
+        appendFlag(own, accepts);
+        for (const BlobView from : ranks_->share(own)) accepts = accepts && from.front() != 0;
+        return accepts;
+    };
+    bool restored = false;
+    std::exception_ptr failure;
+    try {
+        restored = restoreHere(blob, taken, agree);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (!asked) agree(false);
+    onEachRank(ranks_, [&] {
+        if (failure) std::rethrow_exception(failure);
+    });
+    return restored;
+}
+
+/// `agree`: as WindowCalendar::restore takes it.
+bool WindowEngine::restoreHere(BlobView blob, const TakenSpikes& taken,
+                               const std::function<bool(bool)>& agree) {
     flushPendingRandomStates();
     BlobReader in(blob);
     std::uint64_t state_count = 0;
     if (!in.expectTag(format_tag) || !in.readU64(state_count)) return false;
-    if (state_count != states_.size()) return false;
+    if (state_count != graph_.nodeCount()) return false;
     LargeArray<Kernel::State> states;
     if (!in.readImages(state_count, states)) return false;
+    keepOwn(states);
 
     BlobView stored_random;
     Runtime::RandomContext random(seed_);
     if (!in.readNested(stored_random) || !random.restore(stored_random)) return false;
     // A run must not go on under another seed.
     if (random.seed() != seed_) return false;
-    const Runtime::RandomContext::Family spontaneous = random.family(spontaneous_name);
+    if (ranks_ != nullptr && !random.keepOnly(spontaneous_name, first_neuron_, states_.size())) {
+        return false;
+    }
 
     LargeArray<CandidateSlot> candidates;
     std::vector<SpikeRecord> log;
     WindowProfile profile;
     BlobView stored_graph;
-    if (!in.readImages(states_.size(), candidates) || !in.readSequence(log) ||
+    if (!in.readImages(state_count, candidates) || !in.readSequence(log) ||
         !in.readImage(profile) || !in.readNested(stored_graph)) {
         return false;
+    }
+    keepOwn(candidates);
+    const std::uint64_t log_count = log.size();
+    if (ranks_ != nullptr) {
+        std::erase_if(log, [this](const SpikeRecord& spike) { return isForeign(spike.neuron); });
     }
     std::optional<SynapseGraph::State> graph = graph_.read(stored_graph);
     if (!graph) return false;
@@ -1168,14 +1282,15 @@ bool WindowEngine::restore(BlobView blob, const TakenSpikes& taken) {
     for (Event& observation : observations) clearGap(observation.gap);
     if (!acceptsObservations(observations, cursor)) return false;
     // The last test: a store that was given may be changed even where it refuses.
-    if (!calendar_.restore(stored_store, std::move(candidates), !given_.empty())) return false;
+    if (!calendar_.restore(stored_store, std::move(candidates), has_given_, agree)) return false;
 
     pristine_ = false;
     graph_.adopt(std::move(*graph));
     states_ = std::move(states);
     random_ = std::move(random);
-    spontaneous_ = spontaneous;
+    spontaneous_ = random_.family(spontaneous_name, first_neuron_);
     log_ = std::move(log);
+    log_count_ = log_count;
     log_sorted_ = std::is_sorted(log_.begin(), log_.end(), SpikeRecordLess());
     taken_ = taken;
     last_taken_ = {first_model_time, 0};

@@ -1,11 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
+#include <functional>
 #include <memory>
 #include <span>
 #include <vector>
 
 #include "kelm/core/Blob.h"
+#include "kelm/core/IRankGroup.h"
 #include "kelm/core/LargePages.h"
 #include "kelm/core/RandomContext.h"
 #include "kelm/engine/IShardTeam.h"
@@ -70,8 +73,16 @@ public:
 
     /// An engine whose neurons have the parameters of a table of graph.nodeCount() neurons;
     /// otherwise as above.
+    ///
+    /// `ranks`: of a network that several processes hold; null for one process. `graph` is then the
+    /// share of this rank, and `parameters` those of its neurons. All ranks make the same calls,
+    /// and a failure of one ends the call on all. Log, states, candidates and streams are those of
+    /// the rank's neurons; all else is that of one engine of the whole network. Throws
+    /// std::logic_error for what cannot be spread over ranks: a store, recorded streams, deliveries
+    /// near the end of time, and a hook that replaces the graph.
     WindowEngine(SynapseGraph graph, ParameterTable parameters, std::uint64_t seed,
-                 ModelTime horizon, std::unique_ptr<IEventStore> store = nullptr);
+                 ModelTime horizon, std::unique_ptr<IEventStore> store = nullptr,
+                 IRankGroup* ranks = nullptr);
 
     WindowEngine(const WindowEngine&) = delete;
     WindowEngine& operator=(const WindowEngine&) = delete;
@@ -172,6 +183,9 @@ public:
     /// take.
     std::span<const SpikeRecord> spikeLog();
 
+    /// spikeLog() of all ranks.
+    std::vector<SpikeRecord> networkLog();
+
     /// The first time in ns at which post accepts an event. 0 for an engine with a store of its
     /// caller, which may refuse later times.
     ModelTime openFrom() const { return calendar_.openFrom().value_or(0); }
@@ -239,8 +253,19 @@ public:
     bool hasExternalEvents() const { return external_events_; }
 
 private:
+    /// no_time without a sign: later than all times.
+    static constexpr auto never = static_cast<std::uint64_t>(no_time);
+
     struct Shard;
+    struct SpikePosts;
+    struct Message;
     struct Window;
+    /// What the ranks have told each other about a window.
+    struct Exchanged {
+        std::uint64_t first_id;  ///< of this rank
+        std::uint64_t next_id;
+        bool lower_rank_failed;
+    };
     struct Assembled {};
     /// What chooses the number of shards.
     struct ShardLoad {
@@ -253,10 +278,21 @@ private:
     /// All public constructors end here. The arguments are references, because the others read the
     /// graph's neuron count.
     WindowEngine(Assembled, SynapseGraph&& graph, ParameterTable&& parameters, std::uint64_t seed,
-                 ModelTime horizon, std::unique_ptr<IEventStore>&& store);
+                 ModelTime horizon, std::unique_ptr<IEventStore>&& store,
+                 IRankGroup* ranks = nullptr);
 
+    /// The neurons that the engine holds: all, or those of its rank.
+    NodeId firstNeuron() const { return first_neuron_; }
+    NodeId endNeuron() const { return first_neuron_ + states_.size(); }
+    Kernel::State& stateOf(NodeId neuron) { return states_[neuron - first_neuron_]; }
+    const ParameterTable::Entry& parametersOf(NodeId neuron) const {
+        return parameters_[neuron - first_neuron_];
+    }
     bool offersWholeRun(ModelTime until) const;
-    bool stopsAfterWindow(ModelTime until);
+    bool stopsAfterWindow(Window& window, ModelTime until);
+    bool takeStopRequest();
+    void requireBuildable(bool has_store) const;
+    void requireGivable(std::span<const SpikeRecord> spikes) const;
     WindowCalendar buildCalendar(std::unique_ptr<IEventStore>&& store);
     void createStreams();
     void drawFirstCandidate(NodeId neuron, double drive_bound);
@@ -299,6 +335,34 @@ private:
     void addSpike(Shard& shard, const SpikeRecord& spike);
     void commitGivenApart(Window& window, std::size_t shard, NodeId end);
     void finishShards(Window& window);
+
+    // Of several ranks.
+    Exchanged exchange(Window& window, std::size_t shard_end, std::uint64_t id_count,
+                       WindowProfile& counts);
+    Exchanged receive(Window& window, std::span<const BlobView> messages, WindowProfile& counts);
+    void agreeOnNextWindow(Window& window);
+    Blob snapshotOfRanks();
+    Blob assembleSnapshot(std::span<const Kernel::State> states,
+                          const Runtime::RandomContext& random,
+                          std::span<const CandidateSlot> candidates,
+                          std::span<const SpikeRecord> log, BlobView graph,
+                          BlobView calendar) const;
+    bool isForeign(NodeId neuron) const { return neuron - first_neuron_ >= states_.size(); }
+    std::uint64_t firstTime();
+    ModelTime leastOfRanks(ModelTime time);
+    TakenSpikes digestOfRanks();
+    void orderSamples(std::vector<StateSample>& samples, std::span<const NodeId> neurons);
+    template <class Value>
+    void keepOwn(LargeArray<Value>& values) const;
+    bool restoreHere(BlobView blob, const TakenSpikes& taken,
+                     const std::function<bool(bool)>& agree);
+    std::span<const BlobView> shareInRun(Blob& message);
+    void announceFailure(const std::exception_ptr& failure);
+    void numberCandidates(std::uint64_t first_id);
+    template <class Values>
+    void gatherEverywhere(Values& values);
+    /// Whether a shard before `shard` may fail.
+    bool mayBeUndone(std::size_t shard) const;
     ModelTime nextGivenTime() const {
         return next_given_ < given_.size() ? given_[next_given_].time : no_time;
     }
@@ -319,6 +383,16 @@ private:
     bool heterogeneous_;
     std::uint64_t seed_;
     ModelTime horizon_;
+    IRankGroup* ranks_ = nullptr;  ///< null for a network in one piece
+    NodeId first_neuron_ = 0;
+    /// Of several ranks: a time in ns in the next window that holds an event on any rank, or
+    /// never.
+    std::uint64_t agreed_time_ = never;
+    bool agreed_stop_ = false;        ///< a rank has a request to stop
+    bool agreed_report_ = false;      ///< rank 0 reports after this window, and so do all
+    std::uint64_t log_count_ = 0;     ///< length of the log of all ranks
+    bool has_given_ = false;          ///< giveSpikes was called, on any rank
+    bool failure_announced_ = false;  ///< the ranks know why the run has ended
     WindowCalendar calendar_;
     LargeArray<Kernel::State> states_;
     Runtime::RandomContext random_;

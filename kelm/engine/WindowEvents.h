@@ -95,11 +95,11 @@ public:
         }
     }
     /// Adds what begin has made room for: the candidates of `neurons`, each named once, in `slots`,
-    /// shape (neurons of the network), and the events of `list`.
+    /// shape (node_count) from the first neuron on, and the events of `list`.
     void add(std::span<const NodeId> neurons, std::span<const CandidateSlot> slots,
              const EventList& list) {
         if (is_dense_) {
-            for (const NodeId neuron : neurons) placed_.add(neuron, slots[neuron]);
+            for (const NodeId neuron : neurons) placed_.add(neuron, slots[neuron - first_]);
             list.forEachSingle([&](const auto& record) {
                 outside_ |= isOutside(record.target);
                 placed_.add(record);
@@ -325,7 +325,7 @@ private:
     void addCandidates(std::span<const NodeId> neurons, std::span<const CandidateSlot> slots) {
         for (std::size_t i = 0; i < neurons.size(); ++i) {
             if (i % chunk_records == 0) {
-                chunks_.emplace_back(Kind::candidates, slots.data() + first_);
+                chunks_.emplace_back(Kind::candidates, slots.data());
             }
             keys_[size_++] = (neurons[i] - first_) << address_bits_ |
                              ((chunks_.size() - 1) * chunk_records + i % chunk_records);

@@ -6,12 +6,13 @@
 #include <stdexcept>
 #include <utility>
 
+#include "kelm/core/ShardRanges.h"
+
 namespace Lumenar::Core::Kelm {
 
 namespace {
 
 constexpr BlobTag format_tag("KELMSYN1");
-constexpr std::size_t edge_bytes = 63;
 constexpr const char* weight_bound = "finite and at least 0";
 
 /// The first fault of a synapse, or null.
@@ -41,14 +42,6 @@ FailureDetail detailOfFault(const Synapse& synapse, EdgeId id, std::uint64_t nod
     }
     return detail("delay", decimal(synapse.delay) + " ns",
                   "at least " + decimal(min_delay.value_or(1)) + " ns");
-}
-
-bool readSynapse(BlobReader& in, Synapse& synapse, bool& routed) {
-    return in.readU64(synapse.source) && in.readU64(synapse.target) && in.readF32(synapse.weight) &&
-           in.readI64(synapse.delay) && in.readFlag(synapse.inhibitory) &&
-           in.readU32(synapse.reserved_a) && in.readI64(synapse.reserved_b) &&
-           in.readI64(synapse.last_change) && in.readFlag(synapse.enabled) &&
-           in.readU32(synapse.reserved_c) && in.readU64(synapse.reserved_d) && in.readFlag(routed);
 }
 
 }  // namespace
@@ -148,8 +141,10 @@ void SynapseGraph::buildSections(BuildStep step, std::size_t part) {
         own.entries.resize(sum);
         return;
     }
-    const NodeId first = part == 0 ? 0 : division_.ends[part - 1];
-    for (NodeId source = first; source < division_.ends[part]; ++source) {
+    const auto parts = static_cast<std::uint32_t>(division_.sections.size());
+    const auto place = static_cast<std::uint32_t>(part);
+    const NodeId end = Kernel::shardEnd(node_count_, parts, place);
+    for (NodeId source = Kernel::shardBegin(node_count_, parts, place); source < end; ++source) {
         if (step == BuildStep::count) {
             visitSections(source, [&](EdgeId, std::size_t section) {
                 ++division_.sections[section].offsets[source];
@@ -198,15 +193,20 @@ void SynapseGraph::writeSections(NodeId source) {
     division_.written[source] = division_.writes;
 }
 
+ModelTime SynapseGraph::runDelayOf(NodeId source, bool as_run) {
+    if (out_.shared.empty() || !packsDeliveries()) return 0;
+    const SharedTransmission shared = sharedTransmissionOf(source);
+    if (!formsRunNow(shared)) return 0;
+    if (as_run && !division_.sections.empty() && division_.written[source] != division_.writes) {
+        writeSections(source);
+    }
+    return shared.delay();
+}
+
 SynapseGraph::Transmission SynapseGraph::transmissionOf(NodeId source, bool as_run) {
-    const std::uint64_t all = out_.offsets[source + 1] - out_.offsets[source];
-    if (!division_.sections.empty()) {
-        const SharedTransmission shared = sharedTransmissionOf(source);
-        if (formsRunNow(shared)) {
-            if (!as_run) return {all, 0};
-            if (division_.written[source] != division_.writes) writeSections(source);
-            return {all, shared.delay()};
-        }
+    if (share_) return {share_->fan_out[source - share_->begin], 0};
+    if (const ModelTime delay = runDelayOf(source, as_run); delay != 0) {
+        return {out_.offsets[source + 1] - out_.offsets[source], as_run ? delay : 0};
     }
     std::uint64_t count = 0;
     for (std::uint64_t i = out_.offsets[source]; i < out_.offsets[source + 1]; ++i) {
@@ -248,6 +248,7 @@ std::span<const EdgeId> SynapseGraph::outEdges() { return listed(outRoutes()).ed
 
 std::optional<ModelTime> SynapseGraph::dMin() {
     if (min_delay_) return min_delay_;
+    if (share_) return share_->smallest_delay;
     if (d_min_stale_) {
         derived_d_min_.reset();
         for (EdgeId id = 0; id < synapses_.size(); ++id) {
@@ -261,6 +262,7 @@ std::optional<ModelTime> SynapseGraph::dMin() {
 }
 
 ModelTime SynapseGraph::longestDelay() {
+    if (share_) return share_->longest_delay;
     if (!longest_delay_) {
         ModelTime longest = 0;
         for (EdgeId id = 0; id < synapses_.size(); ++id) {
@@ -344,61 +346,87 @@ std::uint64_t SynapseGraph::takeReweightedTargets(std::uint64_t last_call,
     return ++reweighted_.calls;
 }
 
-Blob SynapseGraph::snapshot() const {
-    Blob blob;
-    blob.reserve(35 + synapses_.size() * edge_bytes);
+void SynapseGraph::appendHead(Blob& blob, std::uint64_t edge_count) const {
     appendTag(blob, format_tag);
     appendU64(blob, node_count_);
     appendFlag(blob, min_delay_.has_value());
     appendI64(blob, min_delay_.value_or(0));
     appendFlag(blob, excitatory_on_);
     appendFlag(blob, inhibitory_on_);
-    appendU64(blob, synapses_.size());
+    appendU64(blob, edge_count);
+}
+
+void SynapseGraph::appendSynapse(Blob& blob, const Synapse& synapse, bool routed) {
+    appendU64(blob, synapse.source);
+    appendU64(blob, synapse.target);
+    appendF32(blob, synapse.weight);
+    appendI64(blob, synapse.delay);
+    appendFlag(blob, synapse.inhibitory);
+    appendU32(blob, synapse.reserved_a);
+    appendI64(blob, synapse.reserved_b);
+    appendI64(blob, synapse.last_change);
+    appendFlag(blob, synapse.enabled);
+    appendU32(blob, synapse.reserved_c);
+    appendU64(blob, synapse.reserved_d);
+    appendFlag(blob, routed);
+}
+
+Blob SynapseGraph::snapshot() const {
+    Blob blob;
+    blob.reserve(35 + synapses_.size() * synapse_bytes);
+    appendHead(blob, synapses_.size());
     for (EdgeId id = 0; id < synapses_.size(); ++id) {
-        const Synapse synapse = synapses_[id];
-        appendU64(blob, synapse.source);
-        appendU64(blob, synapse.target);
-        appendF32(blob, synapse.weight);
-        appendI64(blob, synapse.delay);
-        appendFlag(blob, synapse.inhibitory);
-        appendU32(blob, synapse.reserved_a);
-        appendI64(blob, synapse.reserved_b);
-        appendI64(blob, synapse.last_change);
-        appendFlag(blob, synapse.enabled);
-        appendU32(blob, synapse.reserved_c);
-        appendU64(blob, synapse.reserved_d);
-        appendFlag(blob, synapses_.isRouted(id));
+        appendSynapse(blob, synapses_[id], synapses_.isRouted(id));
     }
     return blob;
 }
 
-std::optional<SynapseGraph::State> SynapseGraph::read(BlobView blob) const {
-    BlobReader in(blob);
+bool SynapseGraph::readFields(BlobReader& in, Synapse& synapse, bool& routed) {
+    return in.readU64(synapse.source) && in.readU64(synapse.target) && in.readF32(synapse.weight) &&
+           in.readI64(synapse.delay) && in.readFlag(synapse.inhibitory) &&
+           in.readU32(synapse.reserved_a) && in.readI64(synapse.reserved_b) &&
+           in.readI64(synapse.last_change) && in.readFlag(synapse.enabled) &&
+           in.readU32(synapse.reserved_c) && in.readU64(synapse.reserved_d) && in.readFlag(routed);
+}
+
+bool SynapseGraph::readHead(BlobReader& in, State& state, std::uint64_t& edge_count) const {
     std::uint64_t node_count = 0;
     bool has_min_delay = false;
     std::int64_t min_delay = 0;
     std::uint8_t excitatory_on = 0;
     std::uint8_t inhibitory_on = 0;
-    std::uint64_t edge_count = 0;
     if (!in.expectTag(format_tag) || !in.readU64(node_count) || !in.readFlag(has_min_delay) ||
         !in.readI64(min_delay) || !in.readU8(excitatory_on) || !in.readU8(inhibitory_on) ||
-        !in.readCount(edge_bytes, edge_count)) {
-        return std::nullopt;
+        !in.readCount(synapse_bytes, edge_count)) {
+        return false;
     }
-    if (node_count != node_count_ || (has_min_delay && min_delay < 1)) return std::nullopt;
-
-    State state;
+    if (node_count != node_count_ || (has_min_delay && min_delay < 1)) return false;
     if (has_min_delay) state.min_delay = min_delay;
     state.excitatory_on = excitatory_on != 0;
     state.inhibitory_on = inhibitory_on != 0;
+    return true;
+}
+
+/// Reads a synapse and adds it to `state`.
+bool SynapseGraph::readSynapse(BlobReader& in, State& state, Synapse& synapse) const {
+    bool routed = false;
+    if (!readFields(in, synapse, routed)) return false;
+    if (faultOf(synapse, node_count_, state.min_delay) != nullptr) return false;
+    state.synapses.append(synapse, routed);
+    if (routed) ++state.routed_count;
+    return true;
+}
+
+std::optional<SynapseGraph::State> SynapseGraph::read(BlobView blob) const {
+    if (share_) return readShare(blob);
+    BlobReader in(blob);
+    State state;
+    std::uint64_t edge_count = 0;
+    if (!readHead(in, state, edge_count)) return std::nullopt;
     state.synapses.reserve(edge_count);
     for (EdgeId id = 0; id < edge_count; ++id) {
         Synapse synapse;
-        bool routed = false;
-        if (!readSynapse(in, synapse, routed)) return std::nullopt;
-        if (faultOf(synapse, node_count_, state.min_delay) != nullptr) return std::nullopt;
-        state.synapses.append(synapse, routed);
-        if (routed) ++state.routed_count;
+        if (!readSynapse(in, state, synapse)) return std::nullopt;
     }
     if (!in.atEnd()) return std::nullopt;
     return state;
@@ -416,6 +444,7 @@ void SynapseGraph::adopt(State&& state) {
     d_min_stale_ = true;
     longest_delay_.reset();
     reweighted_.clear();
+    if (share_) share_->counted = false;
 }
 
 bool SynapseGraph::restore(BlobView blob) {

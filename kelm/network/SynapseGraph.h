@@ -5,6 +5,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <type_traits>
@@ -19,11 +20,14 @@
 #include "kelm/events/DeliveryRun.h"
 #include "kelm/events/IEventStore.h"
 #include "kelm/events/PackedDelivery.h"
+#include "kelm/network/GraphShare.h"
 #include "kelm/network/Synapse.h"
 #include "kelm/network/SynapseColumns.h"
 #include "kelm/network/SynapseTable.h"
 
 namespace Lumenar::Core::Kelm {
+
+class IRankGroup;
 
 /// Keeps runs and reads their targets and values from the graph later.
 class IRunHolder {
@@ -154,11 +158,13 @@ public:
     /// Switches a class on or off from the next delivery on. Events already posted still arrive.
     void setTransmissionEnabled(bool inhibitory, bool on) {
         (inhibitory ? inhibitory_on_ : excitatory_on_) = on;
+        if (share_) share_->counted = false;
     }
     /// Switches one synapse on or off from the next delivery on. Events already posted still
     /// arrive. The synapse stays routed and counts for dMin() either way. Throws
-    /// SynapseRoutingViolation for an id outside the network.
+    /// SynapseRoutingViolation for an id outside the network, and std::logic_error in a share.
     void setEnabled(EdgeId id, bool on) {
+        if (share_) refuseSwitch();
         synapses_.setEnabled(checked(id), on);
         if (!out_.shared.empty()) out_.shared[synapses_.source(id)] = SharedTransmission();
     }
@@ -227,15 +233,19 @@ public:
 
     /// Posts one delivery for each transmitting synapse of `source`, in EdgeId order, for a spike
     /// at `time` ns. Returns their number. A Sink of a final class needs no virtual calls.
-    /// A Sink that takes packed deliveries gets them where the table is compact. Throws
+    /// A Sink whose functions take a second argument also gets each delivery's place among all
+    /// deliveries of the spike. A Sink that takes packed deliveries gets them where the table is
+    /// compact. Throws
     /// SynapseRoutingViolation for a source outside the network, and TimeOverflow for a delivery
     /// beyond the range of ModelTime. The deliveries before that one stay posted.
     template <class Sink>
     std::uint64_t deliver(NodeId source, ModelTime time, Sink& sink) {
         if (source >= node_count_) throw SynapseRoutingViolation(SynapseRoutingViolation::source);
         const Routes& routes = outRoutes();
-        if constexpr (requires(const PackedDelivery& packed) { sink.postPacked(packed); }) {
-            if (synapses_.isCompact()) return deliverPacked(routes, source, time, sink);
+        if constexpr (
+            requires(const PackedDelivery& packed) { sink.postPacked(packed); } ||
+            requires(const PackedDelivery& packed) { sink.postPacked(packed, 0); }) {
+            if (packsDeliveries()) return deliverPacked(routes, source, time, sink);
         }
         std::uint64_t count = 0;
         const std::uint64_t end = routes.offsets[source + 1];
@@ -247,9 +257,13 @@ public:
             event.time = addTime(time, synapse.delay);
             event.source = source;
             event.target = synapse.target;
-            event.edge = id;
+            event.edge = networkEdge(id);
             event.value = deliveredValue(synapse);
-            sink.post(event);
+            if constexpr (requires { sink.post(event, count); }) {
+                sink.post(event, placeOf(id, count));
+            } else {
+                sink.post(event);
+            }
             ++count;
         }
         return count;
@@ -372,15 +386,19 @@ public:
     /// What the deliveries of a spike have in common, for several threads that post them.
     struct Transmission {
         std::uint64_t count = 0;  ///< deliveries that deliver() posts
-        ModelTime delay = 0;      ///< ns, of all of them if they form a run of each section; else 0
+        ModelTime delay = 0;      ///< ns, of all of them if they form runs; else 0
     };
-    /// Reads what the deliveries of `source` have in common. `as_run`: whether runs are wanted.
-    /// Several threads may call it at once, each for other sources, after divide.
+    /// Reads what the deliveries of `source` have in common. `as_run`: whether runs are wanted. In
+    /// a share: for a neuron of its range, and without the delay. Several threads may call it at
+    /// once, each for other sources, after divide.
     Transmission transmissionOf(NodeId source, bool as_run);
-    /// The run of a section for a spike whose transmissionOf has a delay, without an id. It may be
-    /// empty. Several threads may call it at once.
+    /// The delay alone, also in a share, whose other deliveries are not here.
+    ModelTime runDelayOf(NodeId source, bool as_run);
+    /// The run of a section, or of a graph that is not divided, for a spike whose deliveries form
+    /// runs, without an id. It may be empty. Several threads may call it at once.
     DeliveryRun runOf(NodeId source, ModelTime arrival, std::size_t section) const {
-        const std::vector<std::uint64_t>& offsets = division_.sections[section].offsets;
+        const std::vector<std::uint64_t>& offsets =
+            division_.sections.empty() ? out_.offsets : division_.sections[section].offsets;
         DeliveryRun run;
         run.time = arrival;
         run.first_route = offsets[source];
@@ -406,7 +424,8 @@ public:
     void visitDeliveries(const DeliveryRun& run, Visit visit) const {
         const RoutedTransmissions routed = routedTransmissions();
         for (std::uint64_t i = 0; i < run.count; ++i) {
-            visit(deliveryOf(run, i, routed.edgeAt(run.first_route + i)));
+            const EdgeId edge = routed.edgeAt(run.first_route + i);
+            visit(deliveryOf(run, placeOf(edge, i), edge));
         }
     }
     /// The same for a run of a section, whose id is that of the spike's first delivery to any
@@ -419,9 +438,33 @@ public:
         for (std::uint64_t i = out_.offsets[source]; i < out_.offsets[source + 1]; ++i) {
             const EdgeId edge = out_.ascending ? i : out_.edges[i];
             if (sectionOf(synapses_.target(edge)) != section) continue;
-            visit(deliveryOf(run, i - out_.offsets[source], edge));
+            visit(deliveryOf(run, placeOf(edge, i - out_.offsets[source]), edge));
         }
     }
+
+    // A graph may be the share of a rank: it has all neurons of a network, and of its synapses only
+    // those that enter a range of neurons. Its EdgeIds are its own, by source.
+
+    const std::optional<GraphShare>& share() const { return share_; }
+    /// routedCount() of the network.
+    std::uint64_t networkRoutedCount() const {
+        return share_ ? share_->routed_count : routed_count_;
+    }
+    /// The share of the neurons from `begin` to below `end` of a network of `node_count` neurons.
+    /// `synapses`: those that enter the range, with their EdgeIds in the network in `edges`, both
+    /// ascending by source, then EdgeId. Throws as the constructor from a list.
+    static SynapseGraph shareOf(std::uint64_t node_count, std::optional<ModelTime> min_delay,
+                                NodeId begin, NodeId end, std::span<const Synapse> synapses,
+                                std::span<const EdgeId> edges);
+    /// On rank 0, calls visit(synapse, is_routed) for all synapses of the network, in the order of
+    /// their EdgeIds there. To be called by all ranks. Rank 0 holds few of them at a time.
+    void visitNetwork(IRankGroup& ranks,
+                      const std::function<void(const Synapse&, bool)>& visit) const;
+    /// On rank 0 the snapshot of the network, elsewhere nothing. To be called by all ranks.
+    Blob collectSnapshot(IRankGroup& ranks) const;
+    /// Computes with the other ranks what depends on all synapses of a source. To be called by all
+    /// ranks: once at first, then after a switch of a class. May throw std::bad_alloc.
+    void countShare(IRankGroup& ranks);
 
     /// Format "KELMSYN1": tag, node count (8), has min_delay (1), min_delay (8), excitatory on (1),
     /// inhibitory on (1), edge count (8), then each synapse in 63 bytes: source (8), target (8),
@@ -439,7 +482,8 @@ public:
     };
     /// Reads a snapshot for adopt. No value for a blob that is cut short, forged, of another format
     /// or of a network with another neuron count, or that holds a synapse which construction
-    /// refuses.
+    /// refuses. In a share: the snapshot is the network's, and its synapses must have the same
+    /// ends.
     std::optional<State> read(BlobView blob) const;
     /// Replaces what a snapshot holds. Throws what IRunHolder::expandRuns throws, with nothing
     /// changed.
@@ -486,6 +530,9 @@ private:
     friend class Wiring;
     /// Selects the constructor that takes over a table of checked synapses, all of them routed.
     struct Placed {};
+    /// Makes a new graph, sorted by source, the share of [begin, end). `order`: by EdgeId; orders
+    /// the synapses of a source; those of equal order follow their targets, and so the ranks.
+    void makeShare(NodeId begin, NodeId end, LargeArray<std::uint64_t> order, IRankGroup& ranks);
     SynapseGraph(Placed, std::uint64_t node_count, std::optional<ModelTime> min_delay,
                  SynapseTable synapses)
         : node_count_(node_count),
@@ -620,8 +667,8 @@ private:
         return {synapse.target, synapse.value()};
     }
     PackedDelivery deliveryOf(const DeliveryRun& run, std::uint64_t place, EdgeId edge) const {
-        PackedDelivery delivery =
-            packedDelivery(synapses_.source(edge), edge, synapses_.transmission(edge), run.time);
+        PackedDelivery delivery = packedDelivery(synapses_.source(edge), networkEdge(edge),
+                                                 synapses_.transmission(edge), run.time);
         delivery.id = run.id + place;
         return delivery;
     }
@@ -663,7 +710,13 @@ private:
             const EdgeId id = routes.ascending ? i : routes.edges[i];
             const SynapseTable::Transmission& synapse = synapses_.transmission(id);
             if (!synapse.enabled() || !transmissionEnabled(synapse.inhibitory())) continue;
-            sink.postPacked(packedDelivery(source, id, synapse, addTime(time, synapse.delay())));
+            const PackedDelivery delivery =
+                packedDelivery(source, networkEdge(id), synapse, addTime(time, synapse.delay()));
+            if constexpr (requires { sink.postPacked(delivery, count); }) {
+                sink.postPacked(delivery, placeOf(id, count));
+            } else {
+                sink.postPacked(delivery);
+            }
             ++count;
         }
         return count;
@@ -678,6 +731,24 @@ private:
         delivery.edge = static_cast<std::uint32_t>(id);
         delivery.value = synapse.value();
         return delivery;
+    }
+    static constexpr std::size_t synapse_bytes = 63;
+    static bool readFields(BlobReader& in, Synapse& synapse, bool& routed);
+    void appendHead(Blob& blob, std::uint64_t edge_count) const;
+    static void appendSynapse(Blob& blob, const Synapse& synapse, bool routed);
+    [[noreturn]] static void refuseSwitch();
+    bool readHead(BlobReader& in, State& state, std::uint64_t& edge_count) const;
+    bool readSynapse(BlobReader& in, State& state, Synapse& synapse) const;
+    std::optional<State> readShare(BlobView blob) const;
+
+    EdgeId networkEdge(EdgeId edge) const { return share_ ? share_->network_edges[edge] : edge; }
+    /// Whether deliveries fit their packed form.
+    bool packsDeliveries() const {
+        return synapses_.isCompact() && (!share_ || share_->edge_count <= std::uint64_t{1} << 32);
+    }
+    /// Of a delivery that is number `place` of its source here.
+    std::uint64_t placeOf(EdgeId edge, std::uint64_t place) const {
+        return share_ ? share_->places[edge] : place;
     }
 
     HolderLink holder_link_;
@@ -695,6 +766,7 @@ private:
     bool excitatory_on_ = true;
     bool inhibitory_on_ = true;
     ReweightedTargets reweighted_;
+    std::optional<GraphShare> share_;
 };
 
 }  // namespace Lumenar::Core::Kelm

@@ -8,6 +8,9 @@
 #include <utility>
 
 #include "kelm/core/Failures.h"
+#include "kelm/core/IRankGroup.h"
+#include "kelm/core/RankFailures.h"
+#include "kelm/core/ShardRanges.h"
 #include "kelm/network/ConnectionRows.h"
 #include "kelm/network/PairDraws.h"
 #include "kelm/network/ProjectionChecks.h"
@@ -54,10 +57,12 @@ void placeSynapses(const Projection& projection, std::uint64_t seed,
     }
 }
 
-/// Adds the synapses of a projection to `counts`, by source.
-void countBySource(const Projection& projection, std::uint64_t seed,
+/// Adds the synapses of a projection with targets in [first, end) to `counts`, by source.
+void countBySource(const Projection& projection, std::uint64_t seed, NodeId first, NodeId end,
                    std::vector<std::uint64_t>& counts) {
-    if (hasRowsOfSources(projection.rule)) {
+    const NeuronRange& targets = projection.targets;
+    const bool all = first <= targets.first && targets.end() <= end;
+    if (hasRowsOfSources(projection.rule) && all) {
         const NeuronRange& sources = projection.sources;
         for (NodeId source = sources.first; source < sources.end(); ++source) {
             counts[source] += projection.rule.count;
@@ -65,7 +70,16 @@ void countBySource(const Projection& projection, std::uint64_t seed,
         return;
     }
     PairDraws pairs(projection, seed);
-    for (NodeId row = pairs.rows().first; row < pairs.rows().end(); ++row) {
+    if (hasRowsOfSources(projection.rule)) {
+        for (NodeId row = pairs.rows().first; row < pairs.rows().end(); ++row) {
+            for (const NodeId target : pairs.draw(row)) {
+                counts[row] += target >= first && target < end ? 1 : 0;
+            }
+        }
+        return;
+    }
+    const NodeId rows_end = std::min(pairs.rows().end(), end);
+    for (NodeId row = std::max(pairs.rows().first, first); row < rows_end; ++row) {
         for (const NodeId source : pairs.draw(row)) ++counts[source];
     }
 }
@@ -93,24 +107,45 @@ Wiring::Wiring(std::uint64_t node_count, std::optional<ModelTime> min_delay,
     }
 }
 
-SynapseGraph Wiring::build() const {
+SynapseTable Wiring::table(NodeId first, NodeId end, LargeArray<std::uint64_t>* projections) const {
     // Of each source: first its synapse count, then the EdgeId of the next synapse to place.
     std::vector<std::uint64_t> next(node_count_);
-    for (const Projection& projection : projections_) countBySource(projection, seed_, next);
+    for (const Projection& projection : projections_) {
+        countBySource(projection, seed_, first, end, next);
+    }
     std::uint64_t count = 0;
     for (std::uint64_t& entry : next) count += std::exchange(entry, count);
 
     SynapseTable synapses;
     synapses.resize(count);
-    for (const Projection& projection : projections_) {
-        placeSynapses(projection, seed_, delayBounds(min_delay_), 0, node_count_,
+    if (projections != nullptr) projections->resize(count);
+    for (std::size_t p = 0; p < projections_.size(); ++p) {
+        const bool inhibitory = projections_[p].inhibitory;
+        placeSynapses(projections_[p], seed_, delayBounds(min_delay_), first, end,
                       [&](NodeId source, NodeId target, float weight, ModelTime delay) {
-                          synapses.place(next[source]++, target, weight, delay,
-                                         projection.inhibitory);
+                          const EdgeId id = next[source]++;
+                          synapses.place(id, target, weight, delay, inhibitory);
+                          if (projections != nullptr) (*projections)[id] = p;
                       });
     }
     synapses.placeSources(next);
-    return SynapseGraph(SynapseGraph::Placed(), node_count_, min_delay_, std::move(synapses));
+    return synapses;
+}
+
+SynapseGraph Wiring::build() const {
+    return SynapseGraph(SynapseGraph::Placed(), node_count_, min_delay_,
+                        table(0, node_count_, nullptr));
+}
+
+SynapseGraph Wiring::buildShare(IRankGroup& ranks) const {
+    const NodeId first = Kernel::shardBegin(node_count_, ranks.size(), ranks.rank());
+    const NodeId end = Kernel::shardEnd(node_count_, ranks.size(), ranks.rank());
+    LargeArray<std::uint64_t> projections;
+    SynapseTable synapses;
+    onEachRank(&ranks, [&] { synapses = table(first, end, &projections); });
+    SynapseGraph graph(SynapseGraph::Placed(), node_count_, min_delay_, std::move(synapses));
+    graph.makeShare(first, end, std::move(projections), ranks);
+    return graph;
 }
 
 void Wiring::visit(NodeId first, NodeId end,

@@ -79,6 +79,11 @@ public:
     /// value outside; and what a function throws.
     SynapseGraph build() const;
 
+    /// The share of a rank: the synapses that enter its neurons, which are those of the layout
+    /// formula. To be called by all ranks. No rank makes the pairs of another one, but for a fixed
+    /// out-degree, whose pairs all ranks draw. Throws as build(), on all ranks.
+    SynapseGraph buildShare(IRankGroup& ranks) const;
+
     /// Calls visit(synapse) for all synapses with targets in [first, end): projection by
     /// projection, and in each by ascending target, then in the order of the draws. A fixed
     /// out-degree comes by ascending source, then target. The synapses are those of the whole
@@ -87,6 +92,10 @@ public:
     void visit(NodeId first, NodeId end, const std::function<void(const Synapse&)>& visit) const;
 
 private:
+    /// The synapses with targets in [first, end), sorted by source, then projection. Makes
+    /// `projections`, if it is given, the index of the projection of each.
+    SynapseTable table(NodeId first, NodeId end, LargeArray<std::uint64_t>* projections) const;
+
     std::uint64_t node_count_;
     std::optional<ModelTime> min_delay_;
     std::vector<Projection> projections_;

@@ -1,0 +1,122 @@
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <exception>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include "kelm/engine/WindowEngine.h"
+#include "kelm/engine/WindowEvents.h"
+
+// What a run of WindowEngine keeps from window to window. For the engine's own units.
+
+namespace Lumenar::Core::Kelm {
+
+/// The family of the neurons' random streams.
+inline constexpr const char* spontaneous_name = "spontaneous";
+
+/// Working storage of a shard in one run, cleared but not released from window to window.
+struct WindowEngine::Shard {
+    Shard(std::size_t place, NodeId first_neuron, NodeId end_neuron)
+        : index(place),
+          events(end_neuron - first_neuron, first_neuron),
+          begin(first_neuron),
+          end(end_neuron) {}
+
+    /// A spike whose deliveries are not posted yet.
+    struct Spike {
+        ModelTime time;
+        NodeId neuron;
+        std::uint64_t id;     ///< of its first delivery, counted from the shard's first id
+        ModelTime run_delay;  ///< as WindowCalendar::deliverTo takes it
+    };
+    /// A committed neuron as it was before the window. The first shard of the network has none.
+    struct Committed {
+        NodeId neuron;
+        std::uint64_t id;  ///< of its new candidate, counted from the shard's first id
+        Kernel::State state;
+        std::uint64_t rng;
+        CandidateSlot slot;
+    };
+
+    std::size_t index;
+    WindowEvents events;
+    NodeId begin;            ///< its first neuron
+    NodeId end;              ///< behind its last neuron
+    std::size_t built = 0;   ///< events whose items have been built
+    NodeId next_target = 0;  ///< of placed events: no neuron from here on has an item yet
+
+    // The items of the window, or of the current part. The vectors only grow: of `work` and
+    // `results`, the first item_count entries are in use.
+    std::vector<WindowWork> work;  ///< ascending by neuron
+    std::vector<Kernel::WindowResult> results;
+    std::size_t item_count = 0;
+    std::span<const Kernel::WindowEvent> item_events;  ///< item by item
+    std::vector<Kernel::WindowEvent> copied_events;    ///< item_events that are not placed
+    bool hook_had_items = false;  ///< a prepare hook may have changed items of this run
+
+    // Of several shards: what the window has committed, and what is still to be posted.
+    std::vector<Spike> spikes;
+    std::vector<Committed> committed;
+    std::uint64_t id_count = 0;
+    std::uint64_t first_id = 0;
+    WindowProfile counts;
+    std::size_t next_given = 0;  ///< of Window::given, the first one not committed
+    std::exception_ptr failure;
+};
+
+/// Spikes whose deliveries are to be posted.
+struct WindowEngine::SpikePosts {
+    std::span<const Shard::Spike> spikes;
+    std::uint64_t first_id;  ///< to which the ids of the spikes are added
+};
+
+/// Working storage of one run, cleared but not released from window to window.
+struct WindowEngine::Window {
+    ModelTime start = 0;
+    ModelTime end = 0;
+    std::vector<Shard> shards;
+    std::size_t event_count = 0;  ///< without candidates until the events are taken
+    bool taken = false;           ///< the events lie in the shards
+
+    // The items of the window, or of the current part. Empty for parts of several shards.
+    std::span<WindowWork> work;  ///< ascending by neuron
+    std::span<Kernel::WindowResult> results;
+    std::span<const Kernel::WindowEvent> item_events;
+    // Where they lie for several shards.
+    std::vector<WindowWork> gathered_work;
+    std::vector<Kernel::WindowResult> gathered_results;
+    std::vector<Kernel::WindowEvent> gathered_events;
+
+    std::vector<SpikePosts> posts;  ///< of the window, in the order of ids
+    // Of several ranks.
+    Blob message;
+    std::vector<std::vector<Shard::Spike>> received;  ///< by rank
+    std::exception_ptr remote_failure;                ///< of the first rank that has failed
+
+    std::vector<SpikeRecord> given;   ///< of the window, by neuron, then time
+    std::size_t committed_given = 0;  ///< of them
+
+    std::size_t log_mark = 0;  ///< length of the log before this window
+    std::vector<SpikeRecord> new_spikes;
+    std::vector<Kernel::State> shadow_states;  ///< of an observation, shape (neurons)
+    std::vector<ModelTime> candidate_times;    ///< of an observation, shape (neurons)
+};
+
+/// Replaces the values of this rank by those of all, by rank.
+template <class Values>
+void WindowEngine::gatherEverywhere(Values& values) {
+    Blob own;
+    appendBytes(own, values.data(), values.size() * sizeof values[0]);
+    Values all;
+    for (const BlobView from : shareInRun(own)) {
+        const std::size_t place = all.size();
+        all.resize(place + from.size() / sizeof values[0]);
+        if (from.size() > 1) std::memcpy(all.data() + place, from.data(), from.size() - 1);
+    }
+    values = std::move(all);
+}
+
+}  // namespace Lumenar::Core::Kelm

@@ -1,0 +1,342 @@
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "kelm/core/Digest.h"
+#include "kelm/core/FailureImage.h"
+#include "kelm/core/IRankGroup.h"
+#include "kelm/core/ShardRanges.h"
+#include "kelm/engine/RunState.h"
+#include "kelm/engine/WindowEngine.h"
+
+// What WindowEngine does with the other ranks of its network.
+
+namespace Lumenar::Core::Kelm {
+
+/// What a rank tells the others about a window; then its spikes, then its failure.
+struct WindowEngine::Message {
+    ModelTime window_start = 0;
+    std::uint64_t next_time = never;  ///< in the next window that holds an event
+    std::uint64_t id_count = 0;
+    WindowProfile counts;
+    std::uint64_t spike_count = 0;
+    bool failed = false;
+    bool is_wide = false;  ///< spikes as WideSpike
+    bool stop = false;     ///< a request to stop
+    bool report = false;   ///< all ranks report after this window; of rank 0
+    std::uint8_t gap[4] = {};
+
+    struct Spike {
+        std::uint32_t time;    ///< ns, from the window's start
+        std::uint32_t neuron;  ///< from the rank's first neuron
+        std::uint32_t id;
+    };
+    struct WideSpike {
+        std::uint64_t time;
+        std::uint64_t neuron;
+        std::uint64_t id;
+    };
+};
+
+bool WindowEngine::mayBeUndone(std::size_t shard) const {
+    return shard != 0 || (ranks_ != nullptr && ranks_->rank() != 0);
+}
+
+namespace {
+
+[[noreturn]] void refuseCalls(std::uint32_t rank) {
+    throw std::logic_error("the ranks of a network have made different calls: see rank " +
+                           std::to_string(rank));
+}
+
+}  // namespace
+
+/// Sends the window's counts and spikes to all ranks, and prepares the posts of what they send.
+/// Makes `counts` those of all ranks.
+WindowEngine::Exchanged WindowEngine::exchange(Window& window, std::size_t shard_end,
+                                               std::uint64_t id_count, WindowProfile& counts) {
+    Message own;
+    own.window_start = window.start;
+    own.next_time = firstTime();
+    own.stop = control_ != nullptr && control_->takeStopRequest();
+    own.report = control_ != nullptr && ranks_->rank() == 0 &&
+                 control_->isReportDue(window.event_count, window.end);
+    own.id_count = id_count;
+    own.counts = counts;
+    constexpr std::uint64_t narrow = 0xffffffff;
+    own.is_wide = static_cast<std::uint64_t>(window.end - window.start) > narrow ||
+                  states_.size() > narrow || id_count > narrow;
+    for (std::size_t s = 0; s < shard_end; ++s) own.spike_count += window.shards[s].spikes.size();
+    const std::exception_ptr failure =
+        shard_end == 0 ? nullptr : window.shards[shard_end - 1].failure;
+    own.failed = failure != nullptr;
+    Blob& message = window.message;
+    message.resize(sizeof own);
+    std::uint64_t id = 0;
+    for (std::size_t s = 0; s < shard_end; ++s) {
+        for (const Shard::Spike& spike : window.shards[s].spikes) {
+            const NodeId place = spike.neuron - first_neuron_;
+            const ModelTime delay = graph_.share()->shortest_delay[place];
+            if (delay != 0) {
+                own.next_time =
+                    std::min(own.next_time, static_cast<std::uint64_t>(spike.time + delay));
+            }
+            const Message::WideSpike wide = {static_cast<std::uint64_t>(spike.time - window.start),
+                                             place, id + spike.id};
+            if (own.is_wide) {
+                appendImage(message, wide);
+            } else {
+                appendImage(message, Message::Spike{static_cast<std::uint32_t>(wide.time),
+                                                    static_cast<std::uint32_t>(wide.neuron),
+                                                    static_cast<std::uint32_t>(wide.id)});
+            }
+        }
+        id += window.shards[s].id_count;
+    }
+    std::memcpy(message.data(), &own, sizeof own);
+    if (failure) {
+        const Blob image = failureImage(failure);
+        appendBytes(message, image.data(), image.size());
+    }
+    return receive(window, shareInRun(message), counts);
+}
+
+WindowEngine::Exchanged WindowEngine::receive(Window& window, std::span<const BlobView> messages,
+                                              WindowProfile& counts) {
+    Exchanged exchanged{calendar_.nextId(), calendar_.nextId(), false};
+    counts = {};
+    counts.windows = 1;
+    agreed_time_ = never;
+    window.received.resize(messages.size());
+    window.new_spikes.clear();
+    window.remote_failure = nullptr;
+    bool failed = false;
+    const auto size = static_cast<std::uint32_t>(messages.size());
+    for (std::uint32_t r = 0; r < size; ++r) {
+        BlobView in = messages[r];
+        Message message;
+        if (in.size() <= sizeof message) refuseCalls(r);
+        std::memcpy(&message, in.data(), sizeof message);
+        in = in.subspan(sizeof message);
+        if (r == ranks_->rank()) {
+            exchanged.first_id = exchanged.next_id;
+            exchanged.lower_rank_failed = failed;
+        }
+        counts.deliveries += message.counts.deliveries;
+        if (failed) continue;
+        if (message.window_start != window.start) refuseCalls(r);
+        const std::size_t spike_bytes =
+            message.is_wide ? sizeof(Message::WideSpike) : sizeof(Message::Spike);
+        if (message.spike_count > in.size() / spike_bytes) refuseCalls(r);
+        log_count_ += message.spike_count;
+        counts.updates += message.counts.updates;
+        counts.candidates += message.counts.candidates;
+        counts.accepted += message.counts.accepted;
+        agreed_time_ = std::min(agreed_time_, message.next_time);
+        agreed_stop_ = agreed_stop_ || message.stop;
+        agreed_report_ = agreed_report_ || message.report;
+        const NodeId first = Kernel::shardBegin(graph_.nodeCount(), size, r);
+        std::vector<Shard::Spike>& spikes = window.received[r];
+        spikes.clear();
+        for (std::uint64_t i = 0; i < message.spike_count; ++i) {
+            Message::WideSpike spike{};
+            if (message.is_wide) {
+                std::memcpy(&spike, in.data(), sizeof spike);
+                in = in.subspan(sizeof spike);
+            } else {
+                Message::Spike packed;
+                std::memcpy(&packed, in.data(), sizeof packed);
+                in = in.subspan(sizeof packed);
+                spike = {packed.time, packed.neuron, packed.id};
+            }
+            const NodeId neuron = first + spike.neuron;
+            const ModelTime time = window.start + static_cast<ModelTime>(spike.time);
+            spikes.push_back({time, neuron, spike.id, calendar_.runDelayOf(neuron)});
+            window.new_spikes.push_back({time, neuron});
+        }
+        window.posts.push_back({spikes, exchanged.next_id});
+        exchanged.next_id += message.id_count;
+        if (!message.failed) continue;
+        failed = true;
+        failure_announced_ = true;
+        if (r == ranks_->rank()) continue;
+        try {
+            throwFailure(in.first(in.size() - 1));
+        } catch (...) {
+            window.remote_failure = std::current_exception();
+        }
+    }
+    return exchanged;
+}
+
+/// A time in the first window that has an event or a given spike here.
+std::uint64_t WindowEngine::firstTime() {
+    return std::min(static_cast<std::uint64_t>(calendar_.firstTime()),
+                    static_cast<std::uint64_t>(nextGivenTime()));
+}
+
+/// The ranks agree on the next window that holds an event anywhere.
+void WindowEngine::agreeOnNextWindow(Window& window) {
+    if (ranks_ == nullptr) return;
+    Message own;
+    own.window_start = window.start;
+    own.next_time = firstTime();
+    own.stop = control_ != nullptr && control_->takeStopRequest();
+    Blob message;
+    appendImage(message, own);
+    WindowProfile counts;
+    window.posts.clear();
+    receive(window, shareInRun(message), counts);
+}
+
+/// Tells the other ranks of a failure outside of the items of a window. They get it in the place of
+/// this rank's next message.
+void WindowEngine::announceFailure(const std::exception_ptr& failure) {
+    if (ranks_ == nullptr || failure_announced_) return;
+    failure_announced_ = true;
+    Blob message = failureImage(failure);
+    appendFlag(message, true);
+    ranks_->share(message);
+}
+
+/// Sends `message` to all ranks during a run and returns what each has sent, behind which there is
+/// a flag. Throws the failure of the lowest rank that has announced one.
+std::span<const BlobView> WindowEngine::shareInRun(Blob& message) {
+    appendFlag(message, false);
+    const std::span<const BlobView> all = ranks_->share(message);
+    for (const BlobView from : all) {
+        if (from.back() == 0) continue;
+        failure_announced_ = true;
+        throwFailure(from.first(from.size() - 1));
+    }
+    return all;
+}
+
+/// Adds to the ids of candidates from `first_id` on those that lower ranks have given.
+void WindowEngine::numberCandidates(std::uint64_t first_id) {
+    if (ranks_ == nullptr) return;
+    Blob own;
+    appendU64(own, calendar_.nextId() - first_id);
+    std::uint64_t before = 0;
+    std::uint64_t all = 0;
+    std::uint32_t rank = 0;
+    for (const BlobView from : ranks_->share(own)) {
+        std::uint64_t count = 0;
+        if (from.size() != sizeof count) refuseCalls(rank);
+        std::memcpy(&count, from.data(), sizeof count);
+        if (rank++ < ranks_->rank()) before += count;
+        all += count;
+    }
+    for (NodeId n = firstNeuron(); n < endNeuron(); ++n) {
+        const CandidateSlot& slot = calendar_.candidate(n);
+        if (slot.time >= 0 && slot.event_id >= first_id) {
+            calendar_.setCandidateId(n, slot.event_id + before);
+        }
+    }
+    calendar_.setNextId(first_id + all);
+}
+
+/// The least of one time of each rank.
+ModelTime WindowEngine::leastOfRanks(ModelTime time) {
+    Blob own;
+    appendI64(own, time);
+    std::uint32_t rank = 0;
+    for (const BlobView from : ranks_->share(own)) {
+        ModelTime other = 0;
+        if (from.size() != sizeof other) refuseCalls(rank);
+        std::memcpy(&other, from.data(), sizeof other);
+        time = std::min(time, other);
+        ++rank;
+    }
+    return time;
+}
+
+/// Replaces the samples of own neurons by those of all `neurons`, in their order.
+void WindowEngine::orderSamples(std::vector<StateSample>& samples,
+                                std::span<const NodeId> neurons) {
+    gatherEverywhere(samples);
+    const auto size = ranks_->size();
+    std::vector<std::size_t> counts(size + 1);
+    for (const NodeId n : neurons) ++counts[Kernel::shardOf(graph_.nodeCount(), size, n) + 1];
+    std::partial_sum(counts.begin(), counts.end(), counts.begin());
+    std::vector<StateSample> ordered;
+    ordered.reserve(samples.size());
+    for (const NodeId n : neurons) {
+        ordered.push_back(samples[counts[Kernel::shardOf(graph_.nodeCount(), size, n)]++]);
+    }
+    samples = std::move(ordered);
+}
+
+/// Rank 0 digests the logs of all ranks as one.
+TakenSpikes WindowEngine::digestOfRanks() {
+    Blob own;
+    appendImages<SpikeRecord>(own, spikeLog());
+    std::vector<SpikeRecord> log;
+    for (const BlobView part : ranks_->collect(own)) {
+        const std::size_t place = log.size();
+        log.resize(place + part.size() / sizeof(SpikeRecord));
+        if (!part.empty()) std::memcpy(log.data() + place, part.data(), part.size());
+    }
+    std::sort(log.begin(), log.end(), SpikeRecordLess());
+    TakenSpikes all = {taken_.count + log.size(),
+                       digestImages(std::span<const SpikeRecord>(log), taken_.digest)};
+    Blob image;
+    appendImage(image, all);
+    std::memcpy(&all, ranks_->share(image).front().data(), sizeof all);
+    return all;
+}
+
+/// Rank 0 puts the parts of all ranks together. It holds the network's snapshot for that time.
+Blob WindowEngine::snapshotOfRanks() {
+    Blob own;
+    appendSequence(own, states_);
+    std::vector<std::uint64_t> streams;
+    for (NodeId n = firstNeuron(); n < endNeuron(); ++n) {
+        streams.push_back(random_.rawState(spontaneous_, n));
+    }
+    appendSequence(own, streams);
+    appendImages<CandidateSlot>(own, calendar_.candidates());
+    appendSequence(own, spikeLog());
+    appendSequence(own, calendar_.pendingEvents());
+    const Blob graph = graph_.collectSnapshot(*ranks_);
+    const std::span<const BlobView> parts = ranks_->collect(own);
+    if (ranks_->rank() != 0) return {};
+
+    std::vector<Kernel::State> states;
+    Runtime::RandomContext random(random_);
+    std::vector<CandidateSlot> candidates;
+    std::vector<SpikeRecord> log;
+    std::vector<Event> events;
+    const auto append = [](auto& all, const auto& part) {
+        all.insert(all.end(), part.begin(), part.end());
+    };
+    NodeId neuron = 0;
+    for (const BlobView part : parts) {
+        BlobReader in(part);
+        std::vector<Kernel::State> part_states;
+        std::vector<CandidateSlot> part_candidates;
+        std::vector<SpikeRecord> part_log;
+        std::vector<Event> part_events;
+        if (!in.readSequence(part_states) || !in.readSequence(streams) ||
+            !in.readImages(part_states.size(), part_candidates) || !in.readSequence(part_log) ||
+            !in.readSequence(part_events)) {
+            throw std::logic_error("a part of a snapshot is incomplete");
+        }
+        append(states, part_states);
+        append(candidates, part_candidates);
+        append(log, part_log);
+        append(events, part_events);
+        for (const std::uint64_t state : streams) {
+            random.rawState(spontaneous_name, neuron);
+            random.setState(random.family(spontaneous_name), neuron++, state);
+        }
+    }
+    std::sort(log.begin(), log.end(), SpikeRecordLess());
+    return assembleSnapshot(states, random, candidates, log, graph,
+                            calendar_.snapshotOf(std::move(events)));
+}
+
+}  // namespace Lumenar::Core::Kelm

@@ -1,0 +1,319 @@
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+#include <stdexcept>
+#include <utility>
+
+#include "kelm/core/Blob.h"
+#include "kelm/core/IRankGroup.h"
+#include "kelm/core/ShardRanges.h"
+#include "kelm/network/SynapseGraph.h"
+
+namespace Lumenar::Core::Kelm {
+
+namespace {
+
+/// How many synapses of the network rank 0 collects at a time.
+constexpr EdgeId block_edges = EdgeId{1} << 18;
+constexpr std::size_t head_bytes = 35;
+
+/// Reads what another rank of the same program has written, so nothing is checked.
+template <class Value>
+Value take(BlobView& in) {
+    Value value;
+    std::memcpy(&value, in.data(), sizeof value);
+    in = in.subspan(sizeof value);
+    return value;
+}
+
+/// A synapse as the owner of its source sees it.
+struct RemoteSynapse {
+    std::uint64_t key;  ///< EdgeId in the network, then a bit: whether it transmits
+    std::uint32_t rank;
+    std::uint32_t index;  ///< among those that the rank has of the source
+
+    bool transmits() const { return (key & 1) != 0; }
+};
+
+}  // namespace
+
+SynapseGraph SynapseGraph::shareOf(std::uint64_t node_count, std::optional<ModelTime> min_delay,
+                                   NodeId begin, NodeId end, std::span<const Synapse> synapses,
+                                   std::span<const EdgeId> edges) {
+    SynapseGraph graph(Empty(), node_count, min_delay, synapses.size());
+    for (const Synapse& synapse : synapses) graph.append(synapse);
+    GraphShare& share = graph.share_.emplace();
+    share.begin = begin;
+    share.end = end;
+    share.network_edges.assign(edges.begin(), edges.end());
+    return graph;
+}
+
+/// The owner of a source gets the number of its synapses of each order from all ranks, and returns
+/// the EdgeId of the first one of each.
+void SynapseGraph::makeShare(NodeId begin, NodeId end, LargeArray<std::uint64_t> order,
+                             IRankGroup& ranks) {
+    const Routes& routes = outRoutes();
+    const std::uint32_t size = ranks.size();
+    std::vector<Blob> outgoing(size);
+    const auto runEnd = [&](EdgeId id, EdgeId last) {
+        EdgeId next = id;
+        while (next < last && order[next] == order[id]) ++next;
+        return next;
+    };
+    for (std::uint32_t r = 0; r < size; ++r) {
+        const NodeId range_end = Kernel::shardEnd(node_count_, size, r);
+        for (NodeId n = Kernel::shardBegin(node_count_, size, r); n < range_end; ++n) {
+            const EdgeId last = routes.offsets[n + 1];
+            std::uint32_t runs = 0;
+            for (EdgeId id = routes.offsets[n]; id < last; id = runEnd(id, last)) ++runs;
+            appendU32(outgoing[r], runs);
+            for (EdgeId id = routes.offsets[n]; id < last;) {
+                const EdgeId next = runEnd(id, last);
+                appendU64(outgoing[r], order[id]);
+                appendU64(outgoing[r], next - id);
+                id = next;
+            }
+        }
+    }
+    std::vector<BlobView> incoming;
+    for (const BlobView from : ranks.swap(outgoing)) incoming.push_back(from);
+
+    struct Run {
+        std::uint64_t order;
+        std::uint64_t count;
+        std::uint32_t rank;
+        EdgeId first;  ///< from the owner's first EdgeId
+    };
+    std::vector<Run> runs;
+    std::vector<std::vector<EdgeId>> firsts(size);  // by rank
+    EdgeId count = 0;
+    for (NodeId n = begin; n < end; ++n) {
+        runs.clear();
+        for (std::uint32_t r = 0; r < size; ++r) {
+            for (auto left = take<std::uint32_t>(incoming[r]); left > 0; --left) {
+                const auto key = take<std::uint64_t>(incoming[r]);
+                runs.push_back({key, take<std::uint64_t>(incoming[r]), r, 0});
+            }
+        }
+        std::vector<std::size_t> sorted(runs.size());
+        std::iota(sorted.begin(), sorted.end(), std::size_t{0});
+        std::ranges::stable_sort(sorted, {}, [&](std::size_t i) { return runs[i].order; });
+        for (const std::size_t i : sorted)
+            runs[i].first = std::exchange(count, count + runs[i].count);
+        for (const Run& run : runs) firsts[run.rank].push_back(run.first);
+    }
+    Blob own;
+    appendU64(own, count);
+    EdgeId before = 0;
+    std::uint32_t rank = 0;
+    for (BlobView from : ranks.share(own)) {
+        if (rank++ < ranks.rank()) before += take<std::uint64_t>(from);
+    }
+    for (std::uint32_t r = 0; r < size; ++r) {
+        outgoing[r].clear();
+        for (EdgeId& first : firsts[r]) appendU64(outgoing[r], before + first);
+    }
+    EdgeId id = 0;
+    for (BlobView from : ranks.swap(outgoing)) {
+        while (!from.empty()) {
+            const EdgeId last = routes.offsets[synapses_.source(id) + 1];
+            const EdgeId next = runEnd(id, last);
+            for (auto edge = take<EdgeId>(from); id < next; ++id, ++edge) order[id] = edge;
+        }
+    }
+    GraphShare& share = share_.emplace();
+    share.begin = begin;
+    share.end = end;
+    share.network_edges = std::move(order);
+    countShare(ranks);
+}
+
+/// Goes through the network in blocks of EdgeIds.
+void SynapseGraph::visitNetwork(IRankGroup& ranks,
+                                const std::function<void(const Synapse&, bool)>& visit) const {
+    const LargeArray<EdgeId>& edges = share_->network_edges;
+    const bool ascending = std::ranges::is_sorted(edges);
+    Blob own;
+    Blob block;
+    EdgeId next = 0;  // own synapses before it are sent, if they ascend
+    for (EdgeId first = 0; first < share_->edge_count; first += block_edges) {
+        const EdgeId count = std::min(block_edges, share_->edge_count - first);
+        own.clear();
+        const auto send = [&](EdgeId id) {
+            appendU64(own, edges[id] - first);
+            appendSynapse(own, synapses_[id], synapses_.isRouted(id));
+        };
+        if (ascending) {
+            for (; next < edges.size() && edges[next] - first < count; ++next) send(next);
+        } else {
+            for (EdgeId id = 0; id < edges.size(); ++id) {
+                if (edges[id] - first < count) send(id);
+            }
+        }
+        if (ranks.rank() == 0) block.resize(count * synapse_bytes);
+        for (BlobView from : ranks.collect(own)) {
+            while (!from.empty()) {
+                const auto place = take<EdgeId>(from) * synapse_bytes;
+                std::copy_n(from.begin(), synapse_bytes,
+                            block.begin() + static_cast<std::ptrdiff_t>(place));
+                from = from.subspan(synapse_bytes);
+            }
+        }
+        if (ranks.rank() != 0) continue;
+        BlobReader in(block);
+        for (EdgeId i = 0; i < count; ++i) {
+            Synapse synapse;
+            bool routed = false;
+            (void)readFields(in, synapse, routed);
+            visit(synapse, routed);
+        }
+    }
+}
+
+Blob SynapseGraph::collectSnapshot(IRankGroup& ranks) const {
+    Blob blob;
+    if (ranks.rank() == 0) {
+        blob.reserve(head_bytes + share_->edge_count * synapse_bytes);
+        appendHead(blob, share_->edge_count);
+    }
+    visitNetwork(
+        ranks, [&](const Synapse& synapse, bool routed) { appendSynapse(blob, synapse, routed); });
+    return blob;
+}
+
+/// Reads the synapses at the places of the network's EdgeIds.
+std::optional<SynapseGraph::State> SynapseGraph::readShare(BlobView blob) const {
+    BlobReader in(blob);
+    State state;
+    std::uint64_t edge_count = 0;
+    if (!readHead(in, state, edge_count) || edge_count != share_->edge_count) return std::nullopt;
+    BlobView records;
+    if (!in.readView(edge_count * synapse_bytes, records) || !in.atEnd()) return std::nullopt;
+    state.synapses.reserve(synapses_.size());
+    for (EdgeId id = 0; id < synapses_.size(); ++id) {
+        BlobReader record(
+            records.subspan(share_->network_edges[id] * synapse_bytes, synapse_bytes));
+        // The rank of the target reads a synapse, so it must not have moved.
+        Synapse synapse;
+        if (!readSynapse(record, state, synapse) || synapse.source != synapses_.source(id) ||
+            synapse.target != synapses_.target(id)) {
+            return std::nullopt;
+        }
+    }
+    return state;
+}
+
+void SynapseGraph::refuseSwitch() {
+    throw std::logic_error("a synapse of a network on several ranks cannot be switched");
+}
+
+/// Each source has an owner, the rank whose range holds it. The owner gets the keys of all synapses
+/// of the source, orders them, and returns the places.
+void SynapseGraph::countShare(IRankGroup& ranks) {
+    GraphShare& share = *share_;
+    // Runs have the ids of the places that they were posted with.
+    holder_link_.expandRuns();
+    const Routes& routes = outRoutes();
+    const std::uint32_t size = ranks.size();
+    std::vector<Blob> outgoing(size);
+    for (std::uint32_t r = 0; r < size; ++r) {
+        const NodeId end = Kernel::shardEnd(node_count_, size, r);
+        for (NodeId source = Kernel::shardBegin(node_count_, size, r); source < end; ++source) {
+            const std::uint64_t first = routes.offsets[source];
+            const std::uint64_t last = routes.offsets[source + 1];
+            appendU32(outgoing[r], static_cast<std::uint32_t>(last - first));
+            ModelTime shortest = 0;
+            for (std::uint64_t i = first; i < last; ++i) {
+                const EdgeId id = routes.ascending ? i : routes.edges[i];
+                const bool transmits =
+                    synapses_.isEnabled(id) && transmissionEnabled(synapses_.isInhibitory(id));
+                if (transmits) {
+                    const ModelTime delay = synapses_[id].delay;
+                    shortest = shortest == 0 ? delay : std::min(shortest, delay);
+                }
+                appendU64(outgoing[r], share.network_edges[id] << 1 | (transmits ? 1 : 0));
+            }
+            if (last != first) appendI64(outgoing[r], shortest);
+        }
+    }
+    std::vector<BlobView> incoming;
+    for (const BlobView from : ranks.swap(outgoing)) incoming.push_back(from);
+
+    for (Blob& blob : outgoing) blob.clear();
+    const std::uint64_t own = share.end - share.begin;
+    std::vector<std::uint32_t> fan_out(own);
+    std::vector<ModelTime> shortest_delay(own);
+    std::vector<RemoteSynapse> synapses;
+    std::vector<std::uint32_t> counts(size);
+    std::vector<std::vector<std::uint32_t>> places(size);
+    for (std::uint64_t n = 0; n < own; ++n) {
+        synapses.clear();
+        for (std::uint32_t r = 0; r < size; ++r) {
+            counts[r] = take<std::uint32_t>(incoming[r]);
+            places[r].resize(counts[r]);
+            for (std::uint32_t i = 0; i < counts[r]; ++i) {
+                synapses.push_back({take<std::uint64_t>(incoming[r]), r, i});
+            }
+            if (counts[r] == 0) continue;
+            const auto shortest = take<ModelTime>(incoming[r]);
+            ModelTime& known = shortest_delay[n];
+            if (shortest != 0) known = known == 0 ? shortest : std::min(known, shortest);
+        }
+        std::ranges::stable_sort(synapses, {},
+                                 [](const RemoteSynapse& synapse) { return synapse.key >> 1; });
+        std::uint32_t place = 0;
+        for (const RemoteSynapse& synapse : synapses) {
+            places[synapse.rank][synapse.index] = place;
+            if (synapse.transmits()) ++place;
+        }
+        fan_out[n] = place;
+        for (std::uint32_t r = 0; r < size; ++r) {
+            appendImages<std::uint32_t>(outgoing[r], places[r]);
+        }
+    }
+    std::vector<std::uint32_t> own_places(synapses_.size());
+    std::uint64_t route = 0;
+    for (BlobView from : ranks.swap(outgoing)) {
+        // The owners are ascending ranges, so their answers follow one another by source.
+        for (; !from.empty(); ++route) {
+            own_places[routes.ascending ? route : routes.edges[route]] = take<std::uint32_t>(from);
+        }
+    }
+
+    struct Limits {
+        ModelTime smallest_delay = last_model_time;  ///< of routed synapses
+        ModelTime longest_delay = 0;
+        std::uint64_t routed_count = 0;
+        std::uint64_t edge_count = 0;
+    };
+    Limits limits;
+    limits.edge_count = synapses_.size();
+    limits.routed_count = routed_count_;
+    for (EdgeId id = 0; id < synapses_.size(); ++id) {
+        const ModelTime delay = synapses_[id].delay;
+        if (synapses_.isRouted(id)) limits.smallest_delay = std::min(limits.smallest_delay, delay);
+        limits.longest_delay = std::max(limits.longest_delay, delay);
+    }
+    Blob image;
+    appendImage(image, limits);
+    Limits all;
+    for (BlobView from : ranks.share(image)) {
+        limits = take<Limits>(from);
+        all.smallest_delay = std::min(all.smallest_delay, limits.smallest_delay);
+        all.longest_delay = std::max(all.longest_delay, limits.longest_delay);
+        all.routed_count += limits.routed_count;
+        all.edge_count += limits.edge_count;
+    }
+    share.smallest_delay.reset();
+    if (all.routed_count != 0) share.smallest_delay = all.smallest_delay;
+    share.longest_delay = all.longest_delay;
+    share.routed_count = all.routed_count;
+    share.edge_count = all.edge_count;
+    share.places = std::move(own_places);
+    share.fan_out = std::move(fan_out);
+    share.shortest_delay = std::move(shortest_delay);
+    share.counted = true;
+}
+
+}  // namespace Lumenar::Core::Kelm

@@ -1,0 +1,440 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kelm/core/Digest.h"
+#include "kelm/core/ShardRanges.h"
+#include "kelm/core/SplitMix64.h"
+#include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/engine/WindowEngine.h"
+#include "kelm/network/Wiring.h"
+#include "tests/ranks/ThreadRanks.h"
+
+// Networks on several ranks against the same networks on one engine, step by step.
+
+namespace Lumenar::Core::Kelm::Testing {
+
+namespace {
+
+constexpr ModelTime window = 1'000'000;  // ns
+constexpr ModelTime horizon = 60 * window;
+
+class Dice {
+public:
+    explicit Dice(std::uint64_t seed) : state_(seed) {}
+    std::uint64_t below(std::uint64_t n) {
+        state_ += splitmix_increment;
+        return splitmixOutput(state_) % n;
+    }
+    ModelTime timeBelow(ModelTime end) {
+        return static_cast<ModelTime>(below(static_cast<std::uint64_t>(end)));
+    }
+    bool oneIn(std::uint64_t n) { return below(n) == 0; }
+
+private:
+    std::uint64_t state_;
+};
+
+struct Network {
+    std::uint64_t seed;
+    NodeId neurons;
+    std::optional<ModelTime> min_delay;
+    std::vector<Synapse> synapses;
+    std::vector<Kernel::Neuron> parameters;
+    std::vector<Kernel::Firing> firings;
+    std::vector<SpikeRecord> given;
+
+    explicit Network(std::uint64_t from) : seed(from), neurons(0) {
+        Dice dice(seed);
+        constexpr NodeId sizes[] = {7, 8, 17, 40, 130};
+        neurons = sizes[dice.below(5)];
+        drawSynapses(dice);
+        for (NodeId n = 0; n < neurons; ++n) {
+            parameters.push_back({.refractory_period = 200'000});
+            firings.push_back({.base_rate = dice.oneIn(3) ? 5.0 : 200.0, .max_rate = 1000.0});
+            if (dice.oneIn(6)) firings.back().base_rate = 0.0;
+        }
+        if (dice.oneIn(4)) {
+            // More spikes than a result can hold, sooner or later.
+            const NodeId n = dice.below(neurons);
+            parameters[n].refractory_period = 1;
+            firings[n] = {.base_rate = 2500.0 + static_cast<double>(dice.below(2500)), .gain = 0.0};
+        }
+        if (dice.oneIn(3)) drawGivenSpikes(dice);
+    }
+
+    SynapseGraph whole() const { return {neurons, min_delay, synapses}; }
+    SynapseGraph shareOf(const IRankGroup& ranks) const {
+        const NodeId begin = Kernel::shardBegin(neurons, ranks.size(), ranks.rank());
+        const NodeId end = Kernel::shardEnd(neurons, ranks.size(), ranks.rank());
+        std::vector<EdgeId> edges;
+        for (EdgeId id = 0; id < synapses.size(); ++id) {
+            if (synapses[id].target >= begin && synapses[id].target < end) edges.push_back(id);
+        }
+        std::ranges::stable_sort(edges, {}, [&](EdgeId id) { return synapses[id].source; });
+        std::vector<Synapse> own;
+        for (const EdgeId id : edges) own.push_back(synapses[id]);
+        return SynapseGraph::shareOf(neurons, min_delay, begin, end, own, edges);
+    }
+
+private:
+    void drawSynapses(Dice& dice) {
+        const std::uint64_t style = dice.below(5);
+        const std::uint64_t degree = dice.oneIn(8) ? 0 : 1 + dice.below(dice.oneIn(2) ? 30 : 8);
+        const bool extra_fields = dice.oneIn(8);
+        for (NodeId source = 0; source < neurons; ++source) {
+            const ModelTime common = window + (style == 0 ? 0 : dice.timeBelow(3 * window));
+            const std::uint64_t count = dice.oneIn(5) ? 0 : degree;
+            for (std::uint64_t k = 0; k < count; ++k) {
+                Synapse& synapse = synapses.emplace_back();
+                synapse.source = source;
+                synapse.target = dice.below(neurons);
+                synapse.weight = 0.05F * static_cast<float>(1 + dice.below(6));
+                synapse.delay =
+                    style <= 2 ? common
+                               : window + dice.timeBelow(style == 3 ? 2 * window : 20 * window);
+                synapse.inhibitory = dice.oneIn(4);
+                synapse.enabled = !dice.oneIn(50);
+                if (extra_fields && dice.oneIn(5)) synapse.reserved_a = 3;
+            }
+        }
+        if (dice.oneIn(2)) {
+            for (std::size_t i = synapses.size(); i > 1; --i) {
+                std::swap(synapses[i - 1], synapses[dice.below(i)]);
+            }
+        }
+        if (dice.oneIn(3) || synapses.empty() || style > 0) min_delay = window;
+    }
+    void drawGivenSpikes(Dice& dice) {
+        std::set<std::pair<ModelTime, NodeId>> spikes;
+        for (std::uint64_t i = dice.below(100); i > 0; --i) {
+            const NodeId n = dice.below(neurons);
+            if (firings[n].base_rate == 0.0) spikes.emplace(dice.timeBelow(horizon), n);
+        }
+        for (const auto& [time, neuron] : spikes) given.push_back({time, neuron});
+    }
+};
+
+template <class Record>
+std::string digestOf(std::span<const Record> records) {
+    return std::to_string(records.size()) + ":" + std::to_string(digestImages(records));
+}
+
+/// Acts on an engine, as its seed says, and notes what it sees. All ranks and the engine in one
+/// piece do the same.
+class Course final : IWindowPrepare, IWindowCommit, IWindowObserver, IStateSampler {
+public:
+    Course(const Network& network, WindowEngine& engine, IRankGroup* ranks)
+        : network_(network),
+          engine_(engine),
+          ranks_(ranks),
+          dice_(network.seed + 1),
+          neurons_{0, network.neurons - 1, network.neurons / 2, 1} {}
+
+    void run(IWindowBackend& backend) {
+        if (dice_.oneIn(3)) {
+            for (int i = 0; i < 8; ++i) {
+                Event event;
+                event.time = dice_.timeBelow(horizon);
+                engine_.declareObserverEvent(event);
+            }
+        }
+        next_sample_ = dice_.oneIn(4) ? dice_.timeBelow(3 * window) : last_model_time;
+        if (next_sample_ != last_model_time) engine_.addSampler(*this);
+        engine_.giveSpikes(network_.given);
+        if (dice_.oneIn(8)) hook_fails_at_ = dice_.timeBelow(50 * window);
+        ModelTime until = 0;
+        for (int segment = 0; segment < 10 && !failed_; ++segment) {
+            posts_ = dice_.oneIn(4);
+            switches_ = dice_.oneIn(4);
+            engine_.setHooks(dice_.oneIn(3) ? this : nullptr, dice_.oneIn(2) ? this : nullptr,
+                             dice_.oneIn(2) ? this : nullptr);
+            until += dice_.timeBelow(dice_.oneIn(3) ? 2 * window : 8 * window);
+            runTo(backend, until);
+            if (!failed_) until = std::max(until, act());
+        }
+    }
+
+    /// The exception of the hook, which other ranks get in a later window.
+    const std::string& hookFailure() const { return hook_failure_; }
+    /// What every rank sees.
+    const std::vector<std::string>& notes() const { return notes_; }
+    /// What is collected on rank 0.
+    const std::vector<std::string>& collected() const { return collected_; }
+
+private:
+    void runTo(IWindowBackend& backend, ModelTime until) {
+        try {
+            engine_.run(backend, until);
+        } catch (const std::exception& failure) {
+            failed_ = true;
+            note(std::string("thrown: ") + failure.what());
+            if (hook_fails_at_ >= 0 && std::string(failure.what()).starts_with("hook")) {
+                hook_failure_ = failure.what();
+                return;
+            }
+        }
+        note("until " + std::to_string(engine_.processedUntil()));
+        const WindowProfile profile = engine_.profile();
+        note("profile " + digestOf(std::span(&profile, 1)));
+        const Blob blob = engine_.snapshot();
+        collected_.push_back("snapshot " + digestOf(std::span(std::as_const(blob))));
+    }
+
+    /// A call between runs. Returns the end of the last window.
+    ModelTime act() {
+        switch (dice_.below(12)) {
+            case 0:
+                post(engine_.openFrom() + dice_.timeBelow(9 * window));
+                break;
+            case 1:
+                engine_.graph().setTransmissionEnabled(dice_.oneIn(2), dice_.oneIn(2));
+                break;
+            case 2:
+                engine_.reseed(dice_.below(1000), engine_.openFrom() + dice_.timeBelow(2 * window));
+                break;
+            case 3:
+                engine_.takeSpikes();
+                note("taken " + std::to_string(engine_.taken().count) + " " +
+                     std::to_string(engine_.taken().digest));
+                break;
+            case 4:
+                note("hash " + std::to_string(engine_.logHash()));
+                break;
+            case 5:
+                saved_ = everywhere(engine_.snapshot());
+                break;
+            case 6:
+                if (saved_.empty() || next_sample_ != last_model_time) break;
+                note(engine_.restore(saved_) ? "restored" : "not restored");
+                return engine_.processedUntil();
+            case 7: {
+                Blob cut = everywhere(engine_.snapshot());
+                cut.pop_back();
+                note(engine_.restore(cut) ? "restored" : "not restored");
+                break;
+            }
+            case 9: {
+                // Only the rank of the target sees the fault. No rank may change.
+                Blob forged = everywhere(engine_.snapshot());
+                if (network_.synapses.empty()) break;
+                constexpr std::string_view tag = "KELMSYN1";
+                const auto graph =
+                    std::search(forged.begin(), forged.end(), tag.begin(), tag.end());
+                const std::uint64_t edge = dice_.below(network_.synapses.size());
+                const float weight = -1.0F;
+                std::memcpy(&*graph + 35 + 63 * edge + 16, &weight, sizeof weight);
+                note(engine_.restore(forged) ? "restored" : "not restored");
+                break;
+            }
+            case 8: {
+                const auto states = engine_.statesAt(engine_.processedUntil(), neurons_);
+                note("states " + digestOf(std::span<const StateSample>(states)));
+                break;
+            }
+            default:
+                break;
+        }
+        return 0;
+    }
+    void post(ModelTime time) {
+        Event event;
+        event.time = time;
+        event.target = dice_.below(network_.neurons);
+        event.value = 0.3;
+        note("id " + std::to_string(engine_.post(event)));
+    }
+    Blob everywhere(Blob blob) const {
+        if (ranks_ == nullptr) return blob;
+        const BlobView first = ranks_->share(blob).front();
+        return {first.begin(), first.end()};
+    }
+    void note(std::string text) { notes_.push_back(std::move(text)); }
+
+    void prepare(ModelTime window_start, ModelTime, std::span<WindowWork> work,
+                 SynapseGraph& graph) override {
+        if (switches_ && dice_.oneIn(20)) {
+            graph.setTransmissionEnabled(dice_.oneIn(2), dice_.oneIn(2));
+        }
+        for (WindowWork& item : work) {
+            if (item.neuron % 3 == 0) {
+                item.drive.base = 1e-4 * static_cast<double>(window_start / window % 7);
+            }
+        }
+    }
+    void commit(ModelTime window_start, ModelTime window_end, std::span<const SpikeRecord> spikes,
+                SynapseGraph& graph) override {
+        const bool fails_here = ranks_ == nullptr || ranks_->rank() == ranks_->size() / 2;
+        if (hook_fails_at_ >= 0 && window_start >= hook_fails_at_ && fails_here) {
+            throw std::runtime_error("hook at " + std::to_string(window_start));
+        }
+        note("commit " + std::to_string(window_start) + " " + digestOf(spikes));
+        if (posts_ && dice_.oneIn(4)) post(window_end + dice_.timeBelow(3 * window));
+        if (switches_ && dice_.oneIn(20)) {
+            graph.setTransmissionEnabled(dice_.oneIn(2), dice_.oneIn(2));
+        }
+    }
+    void observe(const Event&, std::span<const Kernel::State>, SynapseGraph&) override {}
+    void observe(const Event& event, std::span<const Kernel::State> states,
+                 std::span<const ModelTime> candidate_times, SynapseGraph& graph) override {
+        if (switches_ && dice_.oneIn(3)) graph.setTransmissionEnabled(true, dice_.oneIn(2));
+        note("seen " + std::to_string(event.time) + " " + digestOf(states) + " " +
+             digestOf(candidate_times));
+    }
+    ModelTime nextSample() const override { return next_sample_; }
+    std::span<const NodeId> neurons() const override { return neurons_; }
+    void addSamples(std::span<const StateSample> samples) override {
+        note("sample " + std::to_string(next_sample_) + " " + digestOf(samples));
+        next_sample_ += 3 * window + 7;
+    }
+
+    const Network& network_;
+    WindowEngine& engine_;
+    IRankGroup* ranks_;
+    Dice dice_;
+    std::vector<NodeId> neurons_;  ///< that are sampled
+    ModelTime next_sample_ = last_model_time;
+    ModelTime hook_fails_at_ = -1;
+    bool posts_ = false;
+    bool switches_ = false;
+    bool failed_ = false;
+    Blob saved_;
+    std::string hook_failure_;
+    std::vector<std::string> notes_;
+    std::vector<std::string> collected_;
+};
+
+}  // namespace
+
+TEST(RanksOfEngine, LeaveTheBitsOfOneEngine) {
+    for (std::uint64_t seed = 0; seed < 60; ++seed) {
+        const Network network(seed);
+        CpuWindowBackend backend;
+        WindowEngine one(network.whole(), network.parameters, network.firings, seed, horizon);
+        Course expected(network, one, nullptr);
+        expected.run(backend);
+        for (const std::uint32_t size : {1U, 2U, 3U, 7U}) {
+            SCOPED_TRACE("seed " + std::to_string(seed) + ", ranks " + std::to_string(size));
+            ThreadRanks(size).run([&](IRankGroup& ranks) {
+                CpuWindowBackend own;
+                SynapseGraph share = network.shareOf(ranks);
+                const ParameterTable all(network.parameters, network.firings);
+                ParameterTable part = all.part(share.share()->begin, share.share()->end);
+                WindowEngine engine(std::move(share), std::move(part), seed, horizon, nullptr,
+                                    &ranks);
+                Course course(network, engine, &ranks);
+                course.run(own);
+                EXPECT_EQ(course.hookFailure(), expected.hookFailure());
+                if (expected.hookFailure().empty()) {
+                    EXPECT_EQ(course.notes(), expected.notes());
+                }
+                if (ranks.rank() == 0) {
+                    EXPECT_EQ(course.collected(), expected.collected());
+                }
+            });
+            if (HasFailure()) return;
+        }
+    }
+}
+
+// A report and a request to stop reach all ranks, also where only one has made the request.
+TEST(RanksOfEngine, ReportAndStopTogether) {
+    const Network network(3);
+    ThreadRanks(3).run([&](IRankGroup& ranks) {
+        SynapseGraph share = network.shareOf(ranks);
+        const ParameterTable all(network.parameters, network.firings);
+        ParameterTable part = all.part(share.share()->begin, share.share()->end);
+        WindowEngine engine(std::move(share), std::move(part), 3, horizon, nullptr, &ranks);
+        CpuWindowBackend backend;
+        RunControl control;
+        std::uint64_t reports = 0;
+        std::uint64_t spikes = 0;
+        control.setCallback(
+            [&](const RunProgress& progress) {
+                spikes = progress.spikes;
+                if (++reports == 5 && ranks.rank() == 1) control.requestStop();
+            },
+            0);
+        engine.setRunControl(&control);
+        engine.run(backend);
+        EXPECT_TRUE(engine.stopped());
+        EXPECT_EQ(reports, 5U);
+        EXPECT_EQ(engine.profile().windows, 5U);
+        EXPECT_EQ(engine.networkLog().size(), spikes);
+        EXPECT_GT(spikes, 0U);
+        // A request of the last window stops the next run.
+        engine.run(backend, engine.processedUntil() + 1);
+        if (ranks.rank() == 2) control.requestStop();
+        const std::uint64_t windows = engine.profile().windows;
+        engine.run(backend);
+        EXPECT_TRUE(engine.stopped());
+        EXPECT_EQ(engine.profile().windows, windows);
+        engine.run(backend);
+        EXPECT_FALSE(engine.stopped());
+    });
+}
+
+TEST(RanksOfEngine, BuildTheirSharesOfAWiring) {
+    for (std::uint64_t seed = 0; seed < 12; ++seed) {
+        const NodeId neurons = 20 + seed * 7;
+        const NeuronRange all{0, neurons};
+        const NeuronRange low{0, neurons / 2};
+        const NeuronRange high{neurons / 2, neurons - neurons / 2};
+        const auto delay = SynapseValues::uniform(1e6, 3e6);
+        const Wiring wiring(neurons, seed % 2 == 0 ? std::optional(window) : std::nullopt,
+                            {{.name = "bernoulli",
+                              .sources = all,
+                              .targets = all,
+                              .rule = ConnectionRule::bernoulli(0.1),
+                              .weight = SynapseValues::uniform(0.0, 1.0),
+                              .delay = delay},
+                             {.name = "in",
+                              .sources = low,
+                              .targets = high,
+                              .rule = ConnectionRule::fixedInDegree(3),
+                              .weight = 0.2,
+                              .delay = 1e6},
+                             {.name = "out",
+                              .sources = high,
+                              .targets = all,
+                              .rule = ConnectionRule::fixedOutDegree(5),
+                              .weight = SynapseValues::normal(0.3, 0.1).within(0.0, 2.0),
+                              .delay = delay,
+                              .inhibitory = true},
+                             {.name = "total",
+                              .sources = all,
+                              .targets = low,
+                              .rule = ConnectionRule::fixedTotalNumber(77),
+                              .weight = 0.1,
+                              .delay = 2e6}},
+                            seed);
+        const Kernel::Firing firing{.base_rate = 60.0};
+        const ModelTime end = 40 * window;
+        CpuWindowBackend backend;
+        WindowEngine one(wiring.build(), Kernel::Neuron(), firing, seed, end);
+        one.run(backend);
+        const Blob expected = one.snapshot();
+        for (const std::uint32_t size : {1U, 3U, 16U}) {
+            ThreadRanks(size).run([&](IRankGroup& ranks) {
+                CpuWindowBackend own;
+                SynapseGraph share = wiring.buildShare(ranks);
+                const std::uint64_t count = share.share()->end - share.share()->begin;
+                WindowEngine engine(std::move(share),
+                                    ParameterTable(count, Kernel::Neuron(), firing), seed, end,
+                                    nullptr, &ranks);
+                engine.run(own);
+                const Blob blob = engine.snapshot();
+                if (ranks.rank() == 0) {
+                    EXPECT_TRUE(blob == expected);
+                }
+            });
+        }
+    }
+}
+
+}  // namespace Lumenar::Core::Kelm::Testing
