@@ -15,6 +15,7 @@
 
 #include "kelm/core/Blob.h"
 #include "kelm/core/Failures.h"
+#include "kelm/core/RankFailures.h"
 #include "kelm/runtime/CheckpointSummary.h"
 
 namespace Lumenar::Core::Kelm {
@@ -55,10 +56,7 @@ bool writeAll(File file, BlobView bytes) {
     return std::fclose(file.release()) == 0;
 }
 
-}  // namespace
-
-void saveCheckpoint(KelmRuntime& runtime, const std::string& path) {
-    const Blob bytes = runtime.checkpoint();
+void replaceFile(const std::string& path, BlobView bytes) {
     // Behind a symbolic link, the file that it names is replaced.
     std::error_code error;
     std::filesystem::path replaced = std::filesystem::weakly_canonical(path, error);
@@ -80,7 +78,7 @@ void saveCheckpoint(KelmRuntime& runtime, const std::string& path) {
     forceFolderToDisk(replaced.parent_path());
 }
 
-void loadCheckpoint(KelmRuntime& runtime, const std::string& path) {
+Blob readFile(const std::string& path) {
     const File file(std::fopen(path.c_str(), "rb"));
     if (file == nullptr) fail("read", path, std::strerror(errno));
     Blob bytes;
@@ -89,6 +87,22 @@ void loadCheckpoint(KelmRuntime& runtime, const std::string& path) {
         bytes.insert(bytes.end(), part.begin(), part.begin() + static_cast<std::ptrdiff_t>(read));
     }
     if (std::ferror(file.get()) != 0) fail("read", path, std::strerror(errno));
+    return bytes;
+}
+
+}  // namespace
+
+void saveCheckpoint(KelmRuntime& runtime, const std::string& path) {
+    const Blob bytes = runtime.checkpoint();
+    IRankGroup* const ranks = runtime.ranks();
+    onEachRank(ranks, [&] {
+        if (ranks == nullptr || ranks->rank() == 0) replaceFile(path, bytes);
+    });
+}
+
+void loadCheckpoint(KelmRuntime& runtime, const std::string& path) {
+    Blob bytes;
+    onEachRank(runtime.ranks(), [&] { bytes = readFile(path); });
     restoreCheckpoint(runtime, bytes);
 }
 

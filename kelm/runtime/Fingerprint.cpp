@@ -2,9 +2,11 @@
 
 #include <bit>
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 #include "kelm/core/Failures.h"
+#include "kelm/core/IRankGroup.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -102,25 +104,36 @@ void addSettings(Fingerprint& print, const Kernel::Firing& firing) {
     print.addF64(firing.max_rate);
 }
 
-void addSettings(Fingerprint& print, SynapseGraph& network) {
+namespace {
+
+void addNetwork(Fingerprint& print, SynapseGraph& network, std::uint64_t edge_count) {
     print.addU64(network.nodeCount());
     const std::optional<ModelTime> window = network.dMin();
     print.addFlag(window.has_value());
     if (window) print.addI64(*window);
     print.addFlag(network.transmissionEnabled(false));
     print.addFlag(network.transmissionEnabled(true));
-    print.addU64(network.edgeCount());
+    print.addU64(edge_count);
+}
+
+void addSynapse(Fingerprint& print, const Synapse& synapse, bool routed) {
+    const bool changed = synapse.last_change != 0;
+    print.addU64(synapse.source);
+    print.addU64(synapse.target);
+    print.addF32(synapse.weight);
+    print.addI64(synapse.delay);
+    print.addU8(static_cast<std::uint8_t>((synapse.inhibitory ? inhibitory_bit : 0) |
+                                          (synapse.enabled ? enabled_bit : 0) |
+                                          (routed ? routed_bit : 0) | (changed ? changed_bit : 0)));
+    if (changed) print.addI64(synapse.last_change);
+}
+
+}  // namespace
+
+void addSettings(Fingerprint& print, SynapseGraph& network) {
+    addNetwork(print, network, network.edgeCount());
     for (EdgeId id = 0; id < network.edgeCount(); ++id) {
-        const Synapse synapse = network.edge(id);
-        const bool changed = synapse.last_change != 0;
-        print.addU64(synapse.source);
-        print.addU64(synapse.target);
-        print.addF32(synapse.weight);
-        print.addI64(synapse.delay);
-        print.addU8(static_cast<std::uint8_t>(
-            (synapse.inhibitory ? inhibitory_bit : 0) | (synapse.enabled ? enabled_bit : 0) |
-            (network.isRouted(id) ? routed_bit : 0) | (changed ? changed_bit : 0)));
-        if (changed) print.addI64(synapse.last_change);
+        addSynapse(print, network.edge(id), network.isRouted(id));
     }
 }
 
@@ -207,6 +220,32 @@ void addSettings(Fingerprint& print, const PredictionConfig& prediction) {
     }
 }
 
+namespace {
+
+/// What comes behind the network.
+void addModel(Fingerprint& print, const ParameterTable& parameters, ModelTime horizon,
+              const PlasticityConfig& plasticity, const std::optional<PhaseConfig>& phase,
+              const std::optional<RecorderConfig>& recorder,
+              std::span<const InputChannelSpec> input_channels,
+              const std::optional<PredictionConfig>& prediction,
+              std::span<const SpikeRecord> given_spikes) {
+    addParameters(print, parameters);
+    print.addI64(horizon);
+    addSettings(print, plasticity);
+    addOptional(print, phase);
+    addOptional(print, recorder);
+    addSettings(print, input_channels);
+    addOptional(print, prediction);
+    if (given_spikes.empty()) return;
+    print.addU64(given_spikes.size());
+    for (const SpikeRecord& spike : given_spikes) {
+        print.addI64(spike.time);
+        print.addU64(spike.neuron);
+    }
+}
+
+}  // namespace
+
 std::uint64_t fingerprint(SynapseGraph& network, const ParameterTable& parameters,
                           ModelTime horizon, const PlasticityConfig& plasticity,
                           const std::optional<PhaseConfig>& phase,
@@ -220,21 +259,31 @@ std::uint64_t fingerprint(SynapseGraph& network, const ParameterTable& parameter
     Fingerprint print;
     print.addTag(format_tag);
     addSettings(print, network);
-    addParameters(print, parameters);
-    print.addI64(horizon);
-    addSettings(print, plasticity);
-    addOptional(print, phase);
-    addOptional(print, recorder);
-    addSettings(print, input_channels);
-    addOptional(print, prediction);
-    if (!given_spikes.empty()) {
-        print.addU64(given_spikes.size());
-        for (const SpikeRecord& spike : given_spikes) {
-            print.addI64(spike.time);
-            print.addU64(spike.neuron);
-        }
-    }
+    addModel(print, parameters, horizon, plasticity, phase, recorder, input_channels, prediction,
+             given_spikes);
     return print.value();
+}
+
+std::uint64_t fingerprint(IRankGroup& ranks, SynapseGraph& share, const ParameterTable& parameters,
+                          ModelTime horizon, const PlasticityConfig& plasticity,
+                          const std::optional<PhaseConfig>& phase,
+                          const std::optional<RecorderConfig>& recorder,
+                          std::span<const InputChannelSpec> input_channels,
+                          const std::optional<PredictionConfig>& prediction,
+                          std::span<const SpikeRecord> given_spikes) {
+    Fingerprint print;
+    print.addTag(format_tag);
+    addNetwork(print, share, share.share()->edge_count);
+    share.visitNetwork(
+        ranks, [&](const Synapse& synapse, bool routed) { addSynapse(print, synapse, routed); });
+    addModel(print, parameters, horizon, plasticity, phase, recorder, input_channels, prediction,
+             given_spikes);
+    // Only rank 0 has seen the synapses.
+    Blob own;
+    appendU64(own, print.value());
+    std::uint64_t value = 0;
+    std::memcpy(&value, ranks.share(own).front().data(), sizeof value);
+    return value;
 }
 
 std::uint64_t fingerprint(SynapseGraph& network, const Kernel::Neuron& neuron,

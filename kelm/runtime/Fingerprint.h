@@ -115,6 +115,16 @@ std::uint64_t fingerprint(SynapseGraph& network, const ParameterTable& parameter
                           const std::optional<PredictionConfig>& prediction = std::nullopt,
                           std::span<const SpikeRecord> given_spikes = {});
 
+/// The same for a network on several ranks, of which `share` is the part of this one; `parameters`
+/// are those of the whole network. To be called by all ranks. All synapses pass through rank 0.
+std::uint64_t fingerprint(IRankGroup& ranks, SynapseGraph& share, const ParameterTable& parameters,
+                          ModelTime horizon, const PlasticityConfig& plasticity,
+                          const std::optional<PhaseConfig>& phase,
+                          const std::optional<RecorderConfig>& recorder,
+                          std::span<const InputChannelSpec> input_channels,
+                          const std::optional<PredictionConfig>& prediction,
+                          std::span<const SpikeRecord> given_spikes);
+
 /// The same for one record a neuron. `neurons`, `firings`: shape (network.nodeCount()).
 /// Throws WindowEngineError for another count.
 std::uint64_t fingerprint(SynapseGraph& network, std::span<const Kernel::Neuron> neurons,

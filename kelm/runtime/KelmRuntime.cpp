@@ -67,12 +67,13 @@ KelmRuntime::KelmRuntime(SynapseGraph&& network, ParameterTable&& parameters, st
                          std::optional<RecorderConfig>&& recorder,
                          std::vector<InputChannelSpec>&& input_channels,
                          std::optional<PredictionConfig>&& prediction, std::uint64_t config_id,
-                         std::string&& label, bool checked)
+                         std::string&& label, bool checked, IRankGroup* ranks)
     : seed_(seed),
       horizon_(horizon),
       config_id_(config_id),
       label_(std::move(label)),
-      engine_(std::move(network), std::move(parameters), seed, horizon, std::move(store)),
+      engine_(std::move(network), std::move(parameters), seed, horizon, std::move(store), ranks),
+      ranks_(ranks),
       backend_(backend),
       checked_(checked),
       plasticity_config_(plasticity) {
@@ -383,7 +384,7 @@ void KelmRuntime::logSpikes(std::span<const SpikeRecord> spikes, const SynapseGr
     if (!recorder_) return;
     SampleContext context;
     context.oscillators = oscillators();
-    context.active_synapses = graph.routedCount();
+    context.active_synapses = graph.networkRoutedCount();
     for (const SpikeRecord& spike : spikes) {
         recorder_->recordSpikeEvent(spike.neuron, spike.time, Cause(), 0, context);
     }
@@ -422,7 +423,7 @@ void KelmRuntime::observe(const Event& event, std::span<const Kernel::State> sta
             return n < candidate_times.size() ? static_cast<double>(candidate_times[n]) : -1.0;
         });
     context.oscillators = oscillators();
-    context.active_synapses = graph.routedCount();
+    context.active_synapses = graph.networkRoutedCount();
     context.neuron_count = states.size();
     recorder_->recordObservation(event, context, Cause());
 }
@@ -430,8 +431,10 @@ void KelmRuntime::observe(const Event& event, std::span<const Kernel::State> sta
 Blob KelmRuntime::checkpoint() {
     requireComplete();
     Blob blob;
+    const Blob engine = engine_.snapshot();
+    if (ranks_ != nullptr && ranks_->rank() != 0) return blob;
     Checkpoint::appendHead(blob, engine_version, {label_, config_id_, seed_, position_});
-    appendNested(blob, engine_.snapshot());
+    appendNested(blob, engine);
     appendNested(blob, plasticity_ ? plasticity_->snapshot() : Blob());
     appendNested(blob, learning_ ? learning_->snapshot() : Blob());
     appendNested(blob, oscillators_ ? oscillators_->snapshot() : Blob());
@@ -516,7 +519,7 @@ std::vector<SpikeRecord> KelmRuntime::uncountedSpikes(const Recorder::State& rec
     std::vector<SpikeRecord> uncounted;
     if (!recorder_->selects(SampleKind::spike_counts)) return uncounted;
     const ModelTime counted = records.samples.empty() ? -1 : records.samples.back().time;
-    for (const SpikeRecord& spike : engine_.spikeLog()) {
+    for (const SpikeRecord& spike : engine_.networkLog()) {
         if (spike.time > counted) uncounted.push_back(spike);
     }
     return uncounted;
@@ -569,12 +572,14 @@ KelmRuntime::KelmRuntime(KelmRuntime& origin, std::unique_ptr<IWindowBackend> ba
 
 std::unique_ptr<KelmRuntime> KelmRuntime::fork() {
     requireComplete();
+    if (ranks_ != nullptr) throw RefusedCall(RefusedCall::fork_on_ranks);
     if (!make_backend_) throw RefusedCall(RefusedCall::fork_backend);
     return fork(make_backend_());
 }
 
 std::unique_ptr<KelmRuntime> KelmRuntime::fork(std::unique_ptr<IWindowBackend> backend) {
     requireComplete();
+    if (ranks_ != nullptr) throw RefusedCall(RefusedCall::fork_on_ranks);
     if (backend == nullptr) throw InvalidModel(InvalidModel::no_backend);
     return std::unique_ptr<KelmRuntime>(new KelmRuntime(*this, std::move(backend)));
 }

@@ -165,6 +165,8 @@ public:
     /// The `until` of the last finished run in ns, or the end of the last window after a report or
     /// a stop; 0 before the first run.
     ModelTime position() const { return position_; }
+    /// The processes that hold the network; null for one process.
+    IRankGroup* ranks() const { return ranks_; }
     std::uint64_t seed() const { return seed_; }
     ModelTime horizon() const { return horizon_; }
     std::uint64_t configId() const { return config_id_; }
@@ -177,7 +179,8 @@ public:
 
     /// The whole run state in one byte sequence; Checkpoint.h holds its grammar. It does not
     /// hold hooks, callables, or spikes that no sample has counted yet; these only if spikes were
-    /// taken. Call it between runs.
+    /// taken. Call it between runs. On several ranks, rank 0 gets the bytes that one process would
+    /// write, and the others get none.
     Blob checkpoint();
 
     /// Replaces the run state by a checkpoint of a runtime that was built from the same arguments.
@@ -231,7 +234,7 @@ private:
                 std::optional<RecorderConfig>&& recorder,
                 std::vector<InputChannelSpec>&& input_channels,
                 std::optional<PredictionConfig>&& prediction, std::uint64_t config_id,
-                std::string&& label, bool checked);
+                std::string&& label, bool checked, IRankGroup* ranks = nullptr);
     /// A fork.
     KelmRuntime(KelmRuntime& origin, std::unique_ptr<IWindowBackend> backend);
 
@@ -280,6 +283,7 @@ private:
     RunControl control_;
     std::vector<std::unique_ptr<Probe>> probes_;
     WindowEngine engine_;
+    IRankGroup* ranks_ = nullptr;
     IWindowBackend* backend_;
     // What makeRuntime adds.
     bool checked_ = false;  ///< refuses calls at the wrong time

@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "kelm/core/Failures.h"
+#include "kelm/core/RankFailures.h"
+#include "kelm/core/ShardRanges.h"
 #include "kelm/runtime/Fingerprint.h"
 #include "kelm/runtime/Validation.h"
 
@@ -82,6 +84,18 @@ std::vector<Finding> findingsOf(const SynapseGraph& network, ModelTime window,
     return findings;
 }
 
+void requireShare(const SynapseGraph& network, const IRankGroup* ranks) {
+    if (network.share().has_value() != (ranks != nullptr)) {
+        throw InvalidModel(InvalidModel::share_and_ranks);
+    }
+    if (ranks == nullptr) return;
+    const std::uint64_t neurons = network.nodeCount();
+    if (network.share()->begin != Kernel::shardBegin(neurons, ranks->size(), ranks->rank()) ||
+        network.share()->end != Kernel::shardEnd(neurons, ranks->size(), ranks->rank())) {
+        throw InvalidModel(InvalidModel::share_of_another_rank);
+    }
+}
+
 /// Throws the texts of all errors, if there are any.
 void refuseErrors(std::span<const Finding> findings) {
     std::size_t count = 0;
@@ -99,21 +113,39 @@ void refuseErrors(std::span<const Finding> findings) {
 std::unique_ptr<KelmRuntime> makeRuntime(SynapseGraph network, RuntimeOptions options,
                                          std::unique_ptr<IWindowBackend> backend) {
     if (backend == nullptr) throw InvalidModel(InvalidModel::no_backend);
-    const std::vector<Population> populations = populationsOf(network, options);
-    const std::optional<ModelTime> window = network.dMin();
-    if (!window) throw WindowEngineError(WindowEngineError::no_d_min);
-    std::vector<Finding> findings = findingsOf(network, *window, populations, options);
-    refuseErrors(findings);
+    IRankGroup* const ranks = options.ranks;
+    std::vector<Population> populations;
+    std::vector<Finding> findings;
+    onEachRank(ranks, [&] { requireShare(network, ranks); });
+    if (ranks != nullptr && !network.share()->counted) network.countShare(*ranks);
+    onEachRank(ranks, [&] {
+        populations = populationsOf(network, options);
+        const std::optional<ModelTime> window = network.dMin();
+        if (!window) throw WindowEngineError(WindowEngineError::no_d_min);
+        findings = findingsOf(network, *window, populations, options);
+        refuseErrors(findings);
+        if (ranks != nullptr && options.plasticity.enabled) {
+            throw InvalidModel(InvalidModel::learning_on_ranks);
+        }
+    });
 
     ParameterTable parameters(populations);
-    const std::uint64_t config_id = fingerprint(
-        network, parameters, options.horizon, options.plasticity, options.phase, options.recorder,
-        options.input_channels, options.prediction, options.given_spikes);
-    std::unique_ptr<KelmRuntime> runtime(
-        new KelmRuntime(std::move(network), std::move(parameters), options.seed, options.horizon,
-                        backend.get(), nullptr, options.plasticity, std::move(options.phase),
-                        std::move(options.recorder), std::move(options.input_channels),
-                        std::move(options.prediction), config_id, std::move(options.label), true));
+    std::uint64_t config_id = 0;
+    if (ranks == nullptr) {
+        config_id = fingerprint(network, parameters, options.horizon, options.plasticity,
+                                options.phase, options.recorder, options.input_channels,
+                                options.prediction, options.given_spikes);
+    } else {
+        config_id = fingerprint(*ranks, network, parameters, options.horizon, options.plasticity,
+                                options.phase, options.recorder, options.input_channels,
+                                options.prediction, options.given_spikes);
+        parameters = parameters.part(network.share()->begin, network.share()->end);
+    }
+    std::unique_ptr<KelmRuntime> runtime(new KelmRuntime(
+        std::move(network), std::move(parameters), options.seed, options.horizon, backend.get(),
+        nullptr, options.plasticity, std::move(options.phase), std::move(options.recorder),
+        std::move(options.input_channels), std::move(options.prediction), config_id,
+        std::move(options.label), true, ranks));
     runtime->engine_.giveSpikes(std::move(options.given_spikes));
     runtime->owned_backend_ = std::move(backend);
     runtime->warnings_ = std::move(findings);

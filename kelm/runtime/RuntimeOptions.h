@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "kelm/core/IRankGroup.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/engine/ParameterTable.h"
 #include "kelm/engine/SpikeRecord.h"
@@ -39,6 +40,9 @@ struct RuntimeOptions {
     std::vector<InputChannelSpec> input_channels = {};
     std::optional<PredictionConfig> prediction = {};  ///< error channels
     std::string label = "unknown";                    ///< a name in checkpoints
+    /// The processes that hold the network, which is then the share of this one; null for one
+    /// process. They must outlive the runtime.
+    IRankGroup* ranks = nullptr;
 };
 
 }  // namespace Lumenar::Core::Kelm

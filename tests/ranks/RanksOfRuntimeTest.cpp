@@ -1,0 +1,174 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kelm/core/Failures.h"
+#include "kelm/engine/CpuWindowBackend.h"
+#include "kelm/network/Wiring.h"
+#include "kelm/runtime/KelmRuntime.h"
+#include "kelm/runtime/MakeRuntime.h"
+#include "tests/ranks/ThreadRanks.h"
+
+// A runtime with all parts that can be spread, on several ranks and in one piece.
+
+namespace Lumenar::Core::Kelm::Testing {
+
+namespace {
+
+constexpr NodeId neurons = 60;
+constexpr ModelTime window = 1'000'000;  // ns
+constexpr ModelTime horizon = 200 * window;
+constexpr ModelTime half = 100 * window;
+
+Wiring wiring() {
+    const NeuronRange all{0, neurons};
+    return {neurons,
+            window,
+            {{.name = "all",
+              .sources = all,
+              .targets = all,
+              .rule = ConnectionRule::fixedInDegree(8),
+              .weight = SynapseValues::uniform(0.0, 0.4),
+              .delay = SynapseValues::uniform(1e6, 4e6)},
+             {.name = "inhibitory",
+              .sources = {0, 20},
+              .targets = all,
+              .rule = ConnectionRule::bernoulli(0.2),
+              .weight = 0.1,
+              .delay = 1e6,
+              .inhibitory = true}},
+            5};
+}
+
+RuntimeOptions options() {
+    RuntimeOptions options;
+    options.seed = 11;
+    options.horizon = horizon;
+    options.populations = {
+        {"low", 30, Kernel::Neuron(), {.base_rate = 15.0, .gain = 0.4}},
+        {"high", 25, {.tau_membrane = 15'000'000}, {.base_rate = 40.0, .gain = 0.4}},
+        spikeSources("given", 5)};
+    for (int i = 0; i < 40; ++i) {
+        options.given_spikes.push_back({i * 3 * window + 17, 55 + static_cast<NodeId>(i) % 5});
+    }
+    PhaseConfig phase;
+    phase.oscillators = {{.id = 1, .frequency = 8.0, .amplitude = 1.0},
+                         {.id = 2, .frequency = 40.0, .phase = 0.3, .amplitude = 0.5}};
+    phase.couplings = {{.source = 1, .target = 2, .strength = 3.0}};
+    phase.coupling_period = 5 * window;
+    phase.bindings.resize(neurons);
+    for (NodeId n = 0; n < 40; ++n) {
+        phase.bindings[n] = {{.oscillator = 1 + static_cast<std::uint32_t>(n % 2),
+                              .polarity = static_cast<std::uint8_t>(n % 3 == 0 ? 1 : 0),
+                              .strength = 0.3}};
+    }
+    options.phase = phase;
+    options.recorder =
+        RecorderConfig{.sample_interval = 7 * window + 3,
+                       .sample_kinds = {SampleKind::membrane, SampleKind::oscillator_phases,
+                                        SampleKind::active_synapses, SampleKind::next_candidate,
+                                        SampleKind::spike_counts}};
+    options.input_channels = {
+        {.name = "left", .targets = {1, 31, 50}, .delay = 500'000, .gain = 2.0},
+        {.name = "right", .targets = {59, 0}}};
+    options.prediction = PredictionConfig{
+        .channels = {{.name = "error", .targets = {2, 3, 33, 44}, .strength = -0.5}}};
+    options.label = "ranks";
+    return options;
+}
+
+Blob everywhere(IRankGroup* ranks, Blob blob) {
+    if (ranks == nullptr) return blob;
+    const BlobView first = ranks->share(blob).front();
+    return {first.begin(), first.end()};
+}
+
+struct Seen {
+    Blob middle;
+    Blob end;
+    std::uint64_t hash = 0;
+    std::vector<double> hazards;
+    std::size_t samples = 0;
+};
+
+std::unique_ptr<KelmRuntime> make(IRankGroup* ranks) {
+    RuntimeOptions settings = options();
+    settings.ranks = ranks;
+    return makeRuntime(ranks == nullptr ? wiring().build() : wiring().buildShare(*ranks),
+                       std::move(settings), std::make_unique<CpuWindowBackend>());
+}
+
+/// Runs to the end, from the middle if there is a checkpoint of it.
+Seen runOn(IRankGroup* ranks, const Blob* middle = nullptr) {
+    const std::unique_ptr<KelmRuntime> runtime = make(ranks);
+    Seen seen;
+    if (middle == nullptr) {
+        runtime->inject("left", 3 * window, 1.5);
+        runtime->run(40 * window);
+        runtime->perturb({.cause = 9, .time = 50 * window, .strength = 2.0, .targets = {5, 57}});
+        runtime->prediction()->observeValue(0, 1.0, 0.25, runtime->position());
+        runtime->interventions().setGain(InterventionState::oscillators, 0.5);
+        runtime->run(half);
+        seen.middle = everywhere(ranks, runtime->checkpoint());
+    } else {
+        EXPECT_TRUE(runtime->restore(*middle));
+    }
+    Probe& probe = runtime->addProbe(
+        {.neurons = {58, 1, 30}, .fields = {ProbeField::hazard}, .interval = 2 * window});
+    runtime->graph().setTransmissionEnabled(true, false);
+    runtime->run(130 * window);
+    runtime->graph().setTransmissionEnabled(true, true);
+    runtime->inject("right", 140 * window, -0.5);
+    runtime->run();
+    seen.end = everywhere(ranks, runtime->checkpoint());
+    seen.hash = runtime->logHash();
+    const auto hazards = probe.values(ProbeField::hazard);
+    seen.hazards.assign(hazards.begin(), hazards.end());
+    seen.samples = runtime->recorder()->samples().size();
+    return seen;
+}
+
+}  // namespace
+
+TEST(RanksOfRuntime, WriteTheCheckpointsOfOneRuntimeAndContinueOnAnyNumber) {
+    const Seen expected = runOn(nullptr);
+    EXPECT_GT(expected.samples, 20U);
+    for (const std::uint32_t size : {1U, 2U, 3U}) {
+        SCOPED_TRACE("ranks " + std::to_string(size));
+        ThreadRanks(size).run([&](IRankGroup& ranks) {
+            const Seen seen = runOn(&ranks);
+            EXPECT_TRUE(seen.middle == expected.middle);
+            EXPECT_TRUE(seen.end == expected.end);
+            EXPECT_EQ(seen.hash, expected.hash);
+            EXPECT_EQ(seen.hazards, expected.hazards);
+            EXPECT_EQ(seen.samples, expected.samples);
+        });
+        ThreadRanks(size + 1).run([&](IRankGroup& ranks) {
+            const Seen seen = runOn(&ranks, &expected.middle);
+            EXPECT_TRUE(seen.end == expected.end);
+        });
+    }
+}
+
+TEST(RanksOfRuntime, RefuseOnAllRanksWhatOneCannotDo) {
+    ThreadRanks(3).run([&](IRankGroup& ranks) {
+        RuntimeOptions learning = options();
+        learning.ranks = &ranks;
+        learning.plasticity.enabled = true;
+        EXPECT_THROW(makeRuntime(wiring().buildShare(ranks), std::move(learning),
+                                 std::make_unique<CpuWindowBackend>()),
+                     InvalidModel);
+        RuntimeOptions fired = options();
+        fired.ranks = &ranks;
+        // Only the last rank has the parameters of this neuron.
+        fired.given_spikes = {{window, 50}};
+        EXPECT_THROW(makeRuntime(wiring().buildShare(ranks), std::move(fired),
+                                 std::make_unique<CpuWindowBackend>()),
+                     InvalidSpikeTrain);
+        EXPECT_THROW(make(&ranks)->fork(), RefusedCall);
+    });
+}
+
+}  // namespace Lumenar::Core::Kelm::Testing
