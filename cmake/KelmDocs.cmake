@@ -25,7 +25,7 @@ set(DOXYGEN_EXPAND_ONLY_PREDEF YES)
 set(DOXYGEN_PREDEFINED KELM_HD=)
 
 set(pages README.md CHANGELOG.md bench/README.md docs/architecture.md docs/determinism.md
-    docs/model.md docs/python.md docs/reliability.md)
+    docs/model.md docs/python.md docs/reliability.md docs/scale.md)
 set(headers)
 foreach(library kelm kelm_lanes kelm_threads kelm_mpi kelm_cuda kelm_backends)
     if(TARGET ${library})
