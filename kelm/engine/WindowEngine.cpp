@@ -5,14 +5,12 @@
 #include <cstring>
 #include <exception>
 #include <iterator>
-#include <numeric>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
 #include "kelm/core/Digest.h"
-#include "kelm/core/FailureImage.h"
 #include "kelm/core/Failures.h"
 #include "kelm/core/FloatingPointEnvironment.h"
 #include "kelm/core/IRankGroup.h"

@@ -361,7 +361,7 @@ private:
     void numberCandidates(std::uint64_t first_id);
     template <class Values>
     void gatherEverywhere(Values& values);
-    /// Whether a shard before `shard` may fail.
+    /// Whether a shard before `shard` may fail, here or on a lower rank.
     bool mayBeUndone(std::size_t shard) const;
     ModelTime nextGivenTime() const {
         return next_given_ < given_.size() ? given_[next_given_].time : no_time;

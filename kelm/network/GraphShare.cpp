@@ -15,7 +15,6 @@ namespace {
 
 /// How many synapses of the network rank 0 collects at a time.
 constexpr EdgeId block_edges = EdgeId{1} << 18;
-constexpr std::size_t head_bytes = 35;
 
 /// Reads what another rank of the same program has written, so nothing is checked.
 template <class Value>

@@ -10,7 +10,7 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// What the share of a rank holds beside its synapses: what it knows of the whole network.
+/// The data of the whole network that the share of a rank holds beside its own synapses.
 struct GraphShare {
     NodeId begin = 0;  ///< the first neuron of the range
     NodeId end = 0;    ///< behind the last one

@@ -373,7 +373,7 @@ void SynapseGraph::appendSynapse(Blob& blob, const Synapse& synapse, bool routed
 
 Blob SynapseGraph::snapshot() const {
     Blob blob;
-    blob.reserve(35 + synapses_.size() * synapse_bytes);
+    blob.reserve(head_bytes + synapses_.size() * synapse_bytes);
     appendHead(blob, synapses_.size());
     for (EdgeId id = 0; id < synapses_.size(); ++id) {
         appendSynapse(blob, synapses_[id], synapses_.isRouted(id));

@@ -732,6 +732,7 @@ private:
         delivery.value = synapse.value();
         return delivery;
     }
+    static constexpr std::size_t head_bytes = 35;
     static constexpr std::size_t synapse_bytes = 63;
     static bool readFields(BlobReader& in, Synapse& synapse, bool& routed);
     void appendHead(Blob& blob, std::uint64_t edge_count) const;
