@@ -4,6 +4,8 @@
 #include <cstring>
 #include <exception>
 #include <span>
+#include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -16,6 +18,12 @@ namespace Lumenar::Core::Kelm {
 
 /// The family of the neurons' random streams.
 inline constexpr const char* spontaneous_name = "spontaneous";
+/// How many items ahead the synapses of a neuron that has fired are prefetched.
+inline constexpr std::size_t commit_distance = 8;
+
+inline std::logic_error notOverRanks(const char* what) {
+    return std::logic_error(std::string(what) + " cannot be spread over several ranks yet");
+}
 
 /// Working storage of a shard in one run, cleared but not released from window to window.
 struct WindowEngine::Shard {
@@ -104,6 +112,29 @@ struct WindowEngine::Window {
     std::vector<Kernel::State> shadow_states;  ///< of an observation, shape (neurons)
     std::vector<ModelTime> candidate_times;    ///< of an observation, shape (neurons)
 };
+
+/// Runs task(s) for each shard, side by side if the window is large. Throws what the first shard
+/// in the order of neurons throws.
+template <class Task>
+void WindowEngine::forShards(Window& window, Task task, bool side_by_side) {
+    if (window.shards.size() == 1 && ranks_ == nullptr) return task(0);
+    const auto guarded = [&](std::size_t s) {
+        try {
+            task(s);
+        } catch (...) {
+            window.shards[s].failure = std::current_exception();
+        }
+    };
+    for (Shard& shard : window.shards) shard.failure = nullptr;
+    if (side_by_side && team_ != nullptr && window.event_count >= team_->threshold()) {
+        team_->run(window.shards.size(), guarded);
+    } else {
+        for (std::size_t s = 0; s < window.shards.size(); ++s) guarded(s);
+    }
+    for (const Shard& shard : window.shards) {
+        if (shard.failure) std::rethrow_exception(shard.failure);
+    }
+}
 
 /// Replaces the values of this rank by those of all, by rank.
 template <class Values>
