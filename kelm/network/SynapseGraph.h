@@ -446,6 +446,8 @@ public:
     // those that enter a range of neurons. Its EdgeIds are its own, by source.
 
     const std::optional<GraphShare>& share() const { return share_; }
+    /// The EdgeId in the network of the synapse `edge`.
+    EdgeId networkEdge(EdgeId edge) const { return share_ ? share_->network_edges[edge] : edge; }
     /// routedCount() of the network.
     std::uint64_t networkRoutedCount() const {
         return share_ ? share_->routed_count : routed_count_;
@@ -742,7 +744,6 @@ private:
     bool readSynapse(BlobReader& in, State& state, Synapse& synapse) const;
     std::optional<State> readShare(BlobView blob) const;
 
-    EdgeId networkEdge(EdgeId edge) const { return share_ ? share_->network_edges[edge] : edge; }
     /// Whether deliveries fit their packed form.
     bool packsDeliveries() const {
         return synapses_.isCompact() && (!share_ || share_->edge_count <= std::uint64_t{1} << 32);

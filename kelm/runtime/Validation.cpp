@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <utility>
 
+#include "kelm/core/Blob.h"
 #include "kelm/core/FailureDetail.h"
+#include "kelm/core/IRankGroup.h"
 #include "kelm/kernel/WindowProcessing.h"
 
 namespace Lumenar::Core::Kelm {
@@ -141,6 +144,24 @@ void checkWindow(Findings& findings, const Kernel::Neuron& neuron, const Kernel:
                                                         std::to_string(Kernel::max_window_spikes)));
 }
 
+/// Synapses whose delay is below shortest_time, and the first of them.
+struct ShortDelays {
+    std::uint64_t count = 0;
+    EdgeId first = ~EdgeId{0};
+    NodeId source = 0;
+    NodeId target = 0;
+    ModelTime delay = 0;  ///< ns
+
+    void add(EdgeId id, const Synapse& synapse) {
+        add({1, id, synapse.source, synapse.target, synapse.delay});
+    }
+    void add(const ShortDelays& other) {
+        const std::uint64_t sum = count + other.count;
+        if (other.first < first) *this = other;
+        count = sum;
+    }
+};
+
 }  // namespace
 
 std::vector<Finding> validate(const Kernel::Neuron& neuron, const Kernel::Firing& firing,
@@ -152,21 +173,30 @@ std::vector<Finding> validate(const Kernel::Neuron& neuron, const Kernel::Firing
     return std::move(findings).take();
 }
 
-std::vector<Finding> validate(const SynapseGraph& network) {
-    std::uint64_t short_count = 0;
-    EdgeId first = 0;
+std::vector<Finding> validate(const SynapseGraph& network, IRankGroup* ranks) {
+    ShortDelays found;
     for (EdgeId id = network.edgeCount(); id-- > 0;) {
-        if (network.edge(id).delay >= shortest_time) continue;
-        ++short_count;
-        first = id;
+        const Synapse synapse = network.edge(id);
+        if (synapse.delay < shortest_time) found.add(network.networkEdge(id), synapse);
     }
-    if (short_count == 0) return {};
-    const Synapse synapse = network.edge(first);
+    std::uint64_t edge_count = network.edgeCount();
+    if (ranks != nullptr) {
+        edge_count = network.share()->edge_count;
+        Blob own;
+        appendImage(own, found);
+        found = {};
+        for (const BlobView from : ranks->share(own)) {
+            ShortDelays other;
+            std::memcpy(&other, from.data(), sizeof other);
+            found.add(other);
+        }
+    }
+    if (found.count == 0) return {};
     return {{Finding::Severity::warning, "delay",
-             std::to_string(short_count) + " of " + std::to_string(network.edgeCount()) +
+             std::to_string(found.count) + " of " + std::to_string(edge_count) +
                  " synapses have a delay below " + decimal(shortest_time) + " ns, first synapse " +
-                 std::to_string(first) + " (" + std::to_string(synapse.source) + " to " +
-                 std::to_string(synapse.target) + ") of " + decimal(synapse.delay) +
+                 std::to_string(found.first) + " (" + std::to_string(found.source) + " to " +
+                 std::to_string(found.target) + ") of " + decimal(found.delay) +
                  " ns: times are in ns, 1 ms is 1000000"}};
 }
 

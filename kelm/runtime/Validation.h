@@ -37,7 +37,8 @@ std::vector<Finding> validate(const Kernel::Neuron& neuron, const Kernel::Firing
                               ModelTime window, std::optional<ModelTime> horizon = std::nullopt);
 
 /// Warns of delays below 1 us, which may be numbers of ms or us: one finding, with the number of
-/// these synapses and the first of them.
-std::vector<Finding> validate(const SynapseGraph& network);
+/// these synapses and the first of them. `ranks`: of which `network` is a share; all of them call
+/// it.
+std::vector<Finding> validate(const SynapseGraph& network, IRankGroup* ranks = nullptr);
 
 }  // namespace Lumenar::Core::Kelm
