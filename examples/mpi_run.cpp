@@ -108,13 +108,13 @@ public:
 
     std::uint32_t rank() const override { return group_.rank(); }
     std::uint32_t size() const override { return group_.size(); }
-    std::span<const BlobView> share(BlobView own) override {
+    std::span<const BlobView> shareBytes(BlobView own) override {
         return timed([&] { return group_.share(own); });
     }
-    std::span<const BlobView> collect(BlobView own) override {
+    std::span<const BlobView> collectBytes(BlobView own) override {
         return timed([&] { return group_.collect(own); });
     }
-    std::span<const BlobView> swap(std::span<const Blob> outgoing) override {
+    std::span<const BlobView> swapBytes(std::span<const Blob> outgoing) override {
         return timed([&] { return group_.swap(outgoing); });
     }
     double seconds() const { return seconds_; }

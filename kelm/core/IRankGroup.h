@@ -1,7 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <span>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 #include "kelm/core/Blob.h"
 
@@ -9,22 +13,66 @@ namespace Lumenar::Core::Kelm {
 
 /// The processes (ranks) that hold one network together. All ranks make the same calls in the same
 /// order; a call returns when the contributions it needs have come. The views that a call returns
-/// are valid until the next call. A lost rank ends the program, so no call throws but
-/// std::bad_alloc.
+/// are valid until the next call. A lost rank ends the program.
+///
+/// A rank that fails between two calls tells the others in the place of its next one, so they do
+/// not wait for it: see together().
 class IRankGroup {
 public:
+    IRankGroup();
     virtual ~IRankGroup() = default;
 
     /// Number of this rank, and of all ranks.
     virtual std::uint32_t rank() const = 0;
     virtual std::uint32_t size() const = 0;
 
-    /// Sends `own` to all ranks. Returns what each rank has sent, by rank.
-    virtual std::span<const BlobView> share(BlobView own) = 0;
+    /// Sends `own` to all ranks. Returns what each rank has sent, by rank. This call and the next
+    /// two throw what the lowest rank has thrown that has failed before its call.
+    std::span<const BlobView> share(BlobView own);
     /// Sends `own` to rank 0. Returns there what each rank has sent, by rank; nothing elsewhere.
-    virtual std::span<const BlobView> collect(BlobView own) = 0;
+    std::span<const BlobView> collect(BlobView own);
     /// Sends outgoing[r] to rank r. Returns what each rank has sent to this one, by rank.
-    virtual std::span<const BlobView> swap(std::span<const Blob> outgoing) = 0;
+    std::span<const BlobView> swap(std::span<const Blob> outgoing);
+
+    /// Calls task(), which may call the group, on every rank. Returns what it returns. If it throws
+    /// on some rank, all ranks throw what the lowest of these has thrown.
+    template <class Task>
+    std::invoke_result_t<Task> together(Task task) {
+        try {
+            if constexpr (std::is_void_v<std::invoke_result_t<Task>>) {
+                task();
+                share({});
+            } else {
+                auto result = task();
+                share({});
+                return result;
+            }
+        } catch (...) {
+            fail(std::current_exception());
+        }
+    }
+    /// Ends together() of all ranks with `failure`, unless all of them know it already.
+    [[noreturn]] void fail(const std::exception_ptr& failure);
+    /// All ranks know that `failure` ends what they do together.
+    void agreeOn(std::exception_ptr failure) { agreed_ = std::move(failure); }
+
+private:
+    // The calls of the same names, without failures. They throw nothing.
+    virtual std::span<const BlobView> shareBytes(BlobView own) = 0;
+    virtual std::span<const BlobView> collectBytes(BlobView own) = 0;
+    virtual std::span<const BlobView> swapBytes(std::span<const Blob> outgoing) = 0;
+
+    [[noreturn]] void throwReceived(BlobView image);
+
+    Blob message_;                 ///< to share: bytes, then a flag: a failure
+    std::vector<BlobView> views_;  ///< of what is shared, without flags
+    std::exception_ptr agreed_;    ///< the last failure that all ranks know
 };
+
+/// Calls task() together with the other ranks, if there are any.
+template <class Task>
+std::invoke_result_t<Task> onEachRank(IRankGroup* ranks, Task task) {
+    return ranks == nullptr ? task() : ranks->together(std::move(task));
+}
 
 }  // namespace Lumenar::Core::Kelm

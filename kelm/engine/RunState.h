@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "kelm/core/IRankGroup.h"
 #include "kelm/engine/WindowEngine.h"
 #include "kelm/engine/WindowEvents.h"
 
@@ -142,10 +143,10 @@ void WindowEngine::gatherEverywhere(Values& values) {
     Blob own;
     appendBytes(own, values.data(), values.size() * sizeof values[0]);
     Values all;
-    for (const BlobView from : shareInRun(own)) {
+    for (const BlobView from : ranks_->share(own)) {
         const std::size_t place = all.size();
         all.resize(place + from.size() / sizeof values[0]);
-        if (from.size() > 1) std::memcpy(all.data() + place, from.data(), from.size() - 1);
+        if (!from.empty()) std::memcpy(all.data() + place, from.data(), from.size());
     }
     values = std::move(all);
 }

@@ -15,7 +15,6 @@
 #include "kelm/core/FloatingPointEnvironment.h"
 #include "kelm/core/IRankGroup.h"
 #include "kelm/core/Prefetch.h"
-#include "kelm/core/RankFailures.h"
 #include "kelm/engine/RunState.h"
 #include "kelm/engine/WindowEvents.h"
 
@@ -66,7 +65,7 @@ std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index) {
 
 WindowEngine::WindowEngine(Assembled, SynapseGraph&& graph, ParameterTable&& parameters,
                            std::uint64_t seed, ModelTime horizon,
-                           std::unique_ptr<IEventStore>&& store, IRankGroup* ranks)
+                           std::unique_ptr<IEventStore>&& store, IRankGroup* ranks) try
     : graph_(std::move(graph)),
       parameters_(std::move(parameters)),
       heterogeneous_(parameters_.isHeterogeneous()),
@@ -83,6 +82,9 @@ WindowEngine::WindowEngine(Assembled, SynapseGraph&& graph, ParameterTable&& par
     // In NodeId order: it fixes the order of candidates at equal times.
     for (NodeId n = firstNeuron(); n < endNeuron(); ++n) drawFirstCandidate(n, 0.0);
     numberCandidates(0);
+} catch (...) {
+    if (ranks != nullptr) ranks->fail(std::current_exception());
+    throw;
 }
 
 WindowEngine::WindowEngine(SynapseGraph graph, std::vector<Kernel::Neuron> neurons,
@@ -168,17 +170,21 @@ void WindowEngine::reseedInitialCandidates(std::span<const double> drive_bounds)
     flushPendingRandomStates();
     pristine_ = false;
     eventless_until_ = 0;
-    const std::uint64_t first_id = calendar_.nextId();
     onEachRank(ranks_, [&] {
+        const std::uint64_t first_id = calendar_.nextId();
         for (NodeId n = firstNeuron(); n < endNeuron(); ++n) {
             drawFirstCandidate(n, drive_bounds[n]);
         }
+        numberCandidates(first_id);
     });
-    numberCandidates(first_id);
 }
 
 void WindowEngine::reseed(std::uint64_t seed, ModelTime from) {
     if (from < openFrom()) throw LookaheadViolation(LookaheadViolation::processed);
+    onEachRank(ranks_, [&] { reseedHere(seed, from); });
+}
+
+void WindowEngine::reseedHere(std::uint64_t seed, ModelTime from) {
     pending_random_states_.clear();
     pristine_ = false;
     seed_ = seed;
@@ -190,9 +196,7 @@ void WindowEngine::reseed(std::uint64_t seed, ModelTime from) {
     const ModelTime marker = from < horizon_ ? from : no_time;
     eventless_until_ = std::min(eventless_until_, from);
     const std::uint64_t first_id = calendar_.nextId();
-    onEachRank(ranks_, [&] {
-        for (NodeId n = firstNeuron(); n < endNeuron(); ++n) calendar_.schedule(n, marker, -1.0);
-    });
+    for (NodeId n = firstNeuron(); n < endNeuron(); ++n) calendar_.schedule(n, marker, -1.0);
     numberCandidates(first_id);
 }
 
@@ -239,13 +243,7 @@ void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
     }
     team_ = backend.team();
     running_ = true;
-    failure_announced_ = false;
-    try {
-        stopped_ = runWindows(backend, until);
-    } catch (...) {
-        announceFailure(std::current_exception());
-        throw;
-    }
+    stopped_ = onEachRank(ranks_, [&] { return runWindows(backend, until); });
     running_ = false;
     if (control_ != nullptr) control_->end(processed_until_);
 }
@@ -574,21 +572,32 @@ void WindowEngine::giveSpikes(std::vector<SpikeRecord> spikes) {
     next_given_ = 0;
 }
 
-void WindowEngine::requireGivable(std::span<const SpikeRecord> spikes) const {
-    for (std::size_t i = 0; i < spikes.size(); ++i) {
-        const SpikeRecord& spike = spikes[i];
-        if (spike.neuron >= graph_.nodeCount()) {
-            throw InvalidSpikeTrain(
-                InvalidSpikeTrain::unknown(i, spike.neuron, graph_.nodeCount()));
-        }
-        if (spike.time < 0 || (i > 0 && !SpikeRecordLess()(spikes[i - 1], spike))) {
-            throw InvalidSpikeTrain(InvalidSpikeTrain::order(i, spike.time, spike.neuron));
-        }
-        if (isForeign(spike.neuron)) continue;
-        const Kernel::Firing& firing = parametersOf(spike.neuron).firing;
-        if (firing.base_rate != 0 && firing.rate_scale != 0) {
-            throw InvalidSpikeTrain(InvalidSpikeTrain::fires(i, spike.neuron));
-        }
+void WindowEngine::requireGivable(std::span<const SpikeRecord> spikes) {
+    std::size_t bad = 0;
+    std::exception_ptr failure;
+    try {
+        for (; bad < spikes.size(); ++bad) requireGivable(spikes, bad);
+    } catch (const InvalidSpikeTrain&) {
+        failure = std::current_exception();
+    }
+    // A rank knows the parameters of its own neurons only. The first bad spike of all ranks counts.
+    const auto place = static_cast<ModelTime>(bad);
+    if (ranks_ != nullptr && leastOfRanks(place) != place) return;
+    if (failure) std::rethrow_exception(failure);
+}
+
+void WindowEngine::requireGivable(std::span<const SpikeRecord> spikes, std::size_t i) const {
+    const SpikeRecord& spike = spikes[i];
+    if (spike.neuron >= graph_.nodeCount()) {
+        throw InvalidSpikeTrain(InvalidSpikeTrain::unknown(i, spike.neuron, graph_.nodeCount()));
+    }
+    if (spike.time < 0 || (i > 0 && !SpikeRecordLess()(spikes[i - 1], spike))) {
+        throw InvalidSpikeTrain(InvalidSpikeTrain::order(i, spike.time, spike.neuron));
+    }
+    if (isForeign(spike.neuron)) return;
+    const Kernel::Firing& firing = parametersOf(spike.neuron).firing;
+    if (firing.base_rate != 0 && firing.rate_scale != 0) {
+        throw InvalidSpikeTrain(InvalidSpikeTrain::fires(i, spike.neuron));
     }
 }
 
@@ -730,28 +739,32 @@ StateSample WindowEngine::sampleOf(Kernel::State state, NodeId neuron, ModelTime
 }
 
 std::vector<StateSample> WindowEngine::statesAt(ModelTime time) {
-    requireKnown(time);
-    std::vector<StateSample> samples;
-    samples.reserve(states_.size());
-    for (NodeId n = firstNeuron(); n < endNeuron(); ++n) {
-        samples.push_back(sampleOf(stateOf(n), n, time));
-    }
-    if (ranks_ != nullptr) gatherEverywhere(samples);
-    return samples;
+    return onEachRank(ranks_, [&] {
+        requireKnown(time);
+        std::vector<StateSample> samples;
+        samples.reserve(states_.size());
+        for (NodeId n = firstNeuron(); n < endNeuron(); ++n) {
+            samples.push_back(sampleOf(stateOf(n), n, time));
+        }
+        if (ranks_ != nullptr) gatherEverywhere(samples);
+        return samples;
+    });
 }
 
 std::vector<StateSample> WindowEngine::statesAt(ModelTime time, std::span<const NodeId> neurons) {
-    requireKnown(time);
-    std::vector<StateSample> samples;
-    samples.reserve(neurons.size());
-    for (const NodeId n : neurons) {
-        if (n >= graph_.nodeCount()) {
-            throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
+    return onEachRank(ranks_, [&] {
+        requireKnown(time);
+        std::vector<StateSample> samples;
+        samples.reserve(neurons.size());
+        for (const NodeId n : neurons) {
+            if (n >= graph_.nodeCount()) {
+                throw SynapseRoutingViolation(SynapseRoutingViolation::destination);
+            }
+            if (!isForeign(n)) samples.push_back(sampleOf(stateOf(n), n, time));
         }
-        if (!isForeign(n)) samples.push_back(sampleOf(stateOf(n), n, time));
-    }
-    if (ranks_ != nullptr) orderSamples(samples, neurons);
-    return samples;
+        if (ranks_ != nullptr) orderSamples(samples, neurons);
+        return samples;
+    });
 }
 
 void WindowEngine::addSampler(IStateSampler& sampler) {
@@ -813,12 +826,12 @@ std::span<const SpikeRecord> WindowEngine::spikeLog() {
 
 std::vector<SpikeRecord> WindowEngine::takeSpikes() {
     if (running_) throw WindowEngineError(WindowEngineError::late_take);
-    const std::span<const SpikeRecord> log = spikeLog();
     if (ranks_ != nullptr) {
         taken_ = digestOfRanks();
         log_count_ = 0;
         return std::exchange(log_, {});
     }
+    const std::span<const SpikeRecord> log = spikeLog();
     if (log.empty()) return {};
     if (SpikeRecordLess()(log.front(), last_taken_)) {
         throw WindowEngineError(WindowEngineError::take_order);
@@ -829,11 +842,13 @@ std::vector<SpikeRecord> WindowEngine::takeSpikes() {
 }
 
 std::vector<SpikeRecord> WindowEngine::networkLog() {
-    std::vector<SpikeRecord> log(spikeLog().begin(), spikeLog().end());
-    if (ranks_ == nullptr) return log;
-    gatherEverywhere(log);
-    std::sort(log.begin(), log.end(), SpikeRecordLess());
-    return log;
+    return onEachRank(ranks_, [&] {
+        std::vector<SpikeRecord> log(spikeLog().begin(), spikeLog().end());
+        if (ranks_ == nullptr) return log;
+        gatherEverywhere(log);
+        std::sort(log.begin(), log.end(), SpikeRecordLess());
+        return log;
+    });
 }
 
 std::uint64_t WindowEngine::logHash() {
@@ -848,7 +863,7 @@ std::uint64_t WindowEngine::spontaneousState(NodeId neuron) {
 
 Blob WindowEngine::snapshot() {
     flushPendingRandomStates();
-    if (ranks_ != nullptr) return snapshotOfRanks();
+    if (ranks_ != nullptr) return ranks_->together([&] { return snapshotOfRanks(); });
     return assembleSnapshot(states_, random_, calendar_.candidates(), spikeLog(), graph_.snapshot(),
                             calendar_.snapshot());
 }
@@ -893,18 +908,11 @@ bool WindowEngine::restore(BlobView blob, const TakenSpikes& taken) {
         for (const BlobView from : ranks_->share(own)) accepts = accepts && from.front() != 0;
         return accepts;
     };
-    bool restored = false;
-    std::exception_ptr failure;
-    try {
-        restored = restoreHere(blob, taken, agree);
-    } catch (...) {
-        failure = std::current_exception();
-    }
-    if (!asked) agree(false);
-    onEachRank(ranks_, [&] {
-        if (failure) std::rethrow_exception(failure);
+    return ranks_->together([&] {
+        const bool restored = restoreHere(blob, taken, agree);
+        if (!asked) agree(false);
+        return restored;
     });
-    return restored;
 }
 
 /// `agree`: as WindowCalendar::restore takes it.

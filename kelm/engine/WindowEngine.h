@@ -292,7 +292,9 @@ private:
     bool stopsAfterWindow(Window& window, ModelTime until);
     bool takeStopRequest();
     void requireBuildable(bool has_store) const;
-    void requireGivable(std::span<const SpikeRecord> spikes) const;
+    void requireGivable(std::span<const SpikeRecord> spikes);
+    void requireGivable(std::span<const SpikeRecord> spikes, std::size_t i) const;
+    void reseedHere(std::uint64_t seed, ModelTime from);
     WindowCalendar buildCalendar(std::unique_ptr<IEventStore>&& store);
     void createStreams();
     void drawFirstCandidate(NodeId neuron, double drive_bound);
@@ -356,8 +358,6 @@ private:
     void keepOwn(LargeArray<Value>& values) const;
     bool restoreHere(BlobView blob, const TakenSpikes& taken,
                      const std::function<bool(bool)>& agree);
-    std::span<const BlobView> shareInRun(Blob& message);
-    void announceFailure(const std::exception_ptr& failure);
     void numberCandidates(std::uint64_t first_id);
     template <class Values>
     void gatherEverywhere(Values& values);
@@ -388,11 +388,10 @@ private:
     /// Of several ranks: a time in ns in the next window that holds an event on any rank, or
     /// never.
     std::uint64_t agreed_time_ = never;
-    bool agreed_stop_ = false;        ///< a rank has a request to stop
-    bool agreed_report_ = false;      ///< rank 0 reports after this window, and so do all
-    std::uint64_t log_count_ = 0;     ///< length of the log of all ranks
-    bool has_given_ = false;          ///< giveSpikes was called, on any rank
-    bool failure_announced_ = false;  ///< the ranks know why the run has ended
+    bool agreed_stop_ = false;     ///< a rank has a request to stop
+    bool agreed_report_ = false;   ///< rank 0 reports after this window, and so do all
+    std::uint64_t log_count_ = 0;  ///< length of the log of all ranks
+    bool has_given_ = false;       ///< giveSpikes was called, on any rank
     WindowCalendar calendar_;
     LargeArray<Kernel::State> states_;
     Runtime::RandomContext random_;

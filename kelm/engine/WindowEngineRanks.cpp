@@ -101,7 +101,9 @@ WindowEngine::Exchanged WindowEngine::exchange(Window& window, std::size_t shard
         const Blob image = failureImage(failure);
         appendBytes(message, image.data(), image.size());
     }
-    return receive(window, shareInRun(message), counts);
+    const Exchanged exchanged = receive(window, ranks_->share(message), counts);
+    if (failure && !exchanged.lower_rank_failed) ranks_->agreeOn(failure);
+    return exchanged;
 }
 
 WindowEngine::Exchanged WindowEngine::receive(Window& window, std::span<const BlobView> messages,
@@ -118,7 +120,7 @@ WindowEngine::Exchanged WindowEngine::receive(Window& window, std::span<const Bl
     for (std::uint32_t r = 0; r < size; ++r) {
         BlobView in = messages[r];
         Message message;
-        if (in.size() <= sizeof message) refuseCalls(r);
+        if (in.size() < sizeof message) refuseCalls(r);
         std::memcpy(&message, in.data(), sizeof message);
         in = in.subspan(sizeof message);
         if (r == ranks_->rank()) {
@@ -161,12 +163,12 @@ WindowEngine::Exchanged WindowEngine::receive(Window& window, std::span<const Bl
         exchanged.next_id += message.id_count;
         if (!message.failed) continue;
         failed = true;
-        failure_announced_ = true;
         if (r == ranks_->rank()) continue;
         try {
-            throwFailure(in.first(in.size() - 1));
+            throwFailure(in);
         } catch (...) {
             window.remote_failure = std::current_exception();
+            ranks_->agreeOn(window.remote_failure);
         }
     }
     return exchanged;
@@ -189,30 +191,7 @@ void WindowEngine::agreeOnNextWindow(Window& window) {
     appendImage(message, own);
     WindowProfile counts;
     window.posts.clear();
-    receive(window, shareInRun(message), counts);
-}
-
-/// Tells the other ranks of a failure outside of the items of a window. They get it in the place of
-/// this rank's next message.
-void WindowEngine::announceFailure(const std::exception_ptr& failure) {
-    if (ranks_ == nullptr || failure_announced_) return;
-    failure_announced_ = true;
-    Blob message = failureImage(failure);
-    appendFlag(message, true);
-    ranks_->share(message);
-}
-
-/// Sends `message` to all ranks during a run and returns what each has sent, behind which there is
-/// a flag. Throws the failure of the lowest rank that has announced one.
-std::span<const BlobView> WindowEngine::shareInRun(Blob& message) {
-    appendFlag(message, false);
-    const std::span<const BlobView> all = ranks_->share(message);
-    for (const BlobView from : all) {
-        if (from.back() == 0) continue;
-        failure_announced_ = true;
-        throwFailure(from.first(from.size() - 1));
-    }
-    return all;
+    receive(window, ranks_->share(message), counts);
 }
 
 /// Adds to the ids of candidates from `first_id` on those that lower ranks have given.
@@ -272,21 +251,23 @@ void WindowEngine::orderSamples(std::vector<StateSample>& samples,
 
 /// Rank 0 digests the logs of all ranks as one.
 TakenSpikes WindowEngine::digestOfRanks() {
-    Blob own;
-    appendImages<SpikeRecord>(own, spikeLog());
-    std::vector<SpikeRecord> log;
-    for (const BlobView part : ranks_->collect(own)) {
-        const std::size_t place = log.size();
-        log.resize(place + part.size() / sizeof(SpikeRecord));
-        if (!part.empty()) std::memcpy(log.data() + place, part.data(), part.size());
-    }
-    std::sort(log.begin(), log.end(), SpikeRecordLess());
-    TakenSpikes all = {taken_.count + log.size(),
-                       digestImages(std::span<const SpikeRecord>(log), taken_.digest)};
-    Blob image;
-    appendImage(image, all);
-    std::memcpy(&all, ranks_->share(image).front().data(), sizeof all);
-    return all;
+    return ranks_->together([&] {
+        Blob own;
+        appendImages<SpikeRecord>(own, spikeLog());
+        std::vector<SpikeRecord> log;
+        for (const BlobView part : ranks_->collect(own)) {
+            const std::size_t place = log.size();
+            log.resize(place + part.size() / sizeof(SpikeRecord));
+            if (!part.empty()) std::memcpy(log.data() + place, part.data(), part.size());
+        }
+        std::sort(log.begin(), log.end(), SpikeRecordLess());
+        TakenSpikes all = {taken_.count + log.size(),
+                           digestImages(std::span<const SpikeRecord>(log), taken_.digest)};
+        Blob image;
+        appendImage(image, all);
+        std::memcpy(&all, ranks_->share(image).front().data(), sizeof all);
+        return all;
+    });
 }
 
 /// Rank 0 puts the parts of all ranks together. It holds the network's snapshot for that time.

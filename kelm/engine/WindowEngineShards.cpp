@@ -57,8 +57,6 @@ void WindowEngine::setShards(Window& window, std::size_t count) {
 /// Whether the shards may commit side by side. Prepares the graph for it.
 bool WindowEngine::canCommitApart(Window& window) {
     if (ranks_ != nullptr && !graph_.share()->counted) {
-        Blob nothing;
-        shareInRun(nothing);
         graph_.countShare(*ranks_);
     }
     if ((team_ == nullptr && ranks_ == nullptr) || !calendar_.canPostApart(window.end) ||

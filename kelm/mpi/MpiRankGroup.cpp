@@ -3,7 +3,10 @@
 #include <mpi.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -285,10 +288,33 @@ std::uint32_t MpiRankGroup::rank() const { return exchange_->rank(); }
 std::uint32_t MpiRankGroup::size() const { return exchange_->size(); }
 const MpiStatistics& MpiRankGroup::statistics() const { return exchange_->statistics(); }
 
-std::span<const BlobView> MpiRankGroup::share(BlobView own) { return exchange_->share(own); }
-std::span<const BlobView> MpiRankGroup::collect(BlobView own) { return exchange_->collect(own); }
-std::span<const BlobView> MpiRankGroup::swap(std::span<const Blob> outgoing) {
-    return exchange_->swap(outgoing);
+namespace {
+
+/// Calls a function of an exchange. In the middle of it the other ranks wait for this one, so a
+/// lack of memory must end them too.
+template <class Call>
+std::span<const BlobView> callOrAbort(Call call) {
+    try {
+        return call();
+    } catch (const std::bad_alloc&) {
+        std::fprintf(stderr, "kelm: no memory for what other ranks send\n");
+        MPI_Abort(MPI_COMM_WORLD, 1);
+        std::abort();
+    }
+}
+
+}  // namespace
+
+std::span<const BlobView> MpiRankGroup::shareBytes(BlobView own) {
+    return callOrAbort([&] { return exchange_->share(own); });
+}
+
+std::span<const BlobView> MpiRankGroup::collectBytes(BlobView own) {
+    return callOrAbort([&] { return exchange_->collect(own); });
+}
+
+std::span<const BlobView> MpiRankGroup::swapBytes(std::span<const Blob> outgoing) {
+    return callOrAbort([&] { return exchange_->swap(outgoing); });
 }
 
 }  // namespace Lumenar::Core::Kelm

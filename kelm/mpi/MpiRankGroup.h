@@ -27,7 +27,8 @@ struct MpiStatistics {
 /// contribution. If one does not fit, a second collective carries the rest, and the slots grow.
 /// collect() and swap() send messages from rank to rank.
 ///
-/// An error of MPI, and with it the loss of a rank, ends the program.
+/// An error of MPI, and with it the loss of a rank, ends the program. So does a lack of memory for
+/// what other ranks send.
 class MpiRankGroup final : public IRankGroup {
 public:
     /// Longest message. A contribution that is longer goes in several.
@@ -50,13 +51,13 @@ public:
 
     std::uint32_t rank() const override;
     std::uint32_t size() const override;
-    std::span<const BlobView> share(BlobView own) override;
-    std::span<const BlobView> collect(BlobView own) override;
-    std::span<const BlobView> swap(std::span<const Blob> outgoing) override;
-
     const MpiStatistics& statistics() const;
 
 private:
+    std::span<const BlobView> shareBytes(BlobView own) override;
+    std::span<const BlobView> collectBytes(BlobView own) override;
+    std::span<const BlobView> swapBytes(std::span<const Blob> outgoing) override;
+
     class Exchange;
     std::unique_ptr<Exchange> exchange_;
 };

@@ -9,7 +9,6 @@
 
 #include "kelm/core/Failures.h"
 #include "kelm/core/IRankGroup.h"
-#include "kelm/core/RankFailures.h"
 #include "kelm/core/ShardRanges.h"
 #include "kelm/network/ConnectionRows.h"
 #include "kelm/network/PairDraws.h"
@@ -138,14 +137,15 @@ SynapseGraph Wiring::build() const {
 }
 
 SynapseGraph Wiring::buildShare(IRankGroup& ranks) const {
-    const NodeId first = Kernel::shardBegin(node_count_, ranks.size(), ranks.rank());
-    const NodeId end = Kernel::shardEnd(node_count_, ranks.size(), ranks.rank());
-    LargeArray<std::uint64_t> projections;
-    SynapseTable synapses;
-    onEachRank(&ranks, [&] { synapses = table(first, end, &projections); });
-    SynapseGraph graph(SynapseGraph::Placed(), node_count_, min_delay_, std::move(synapses));
-    graph.makeShare(first, end, std::move(projections), ranks);
-    return graph;
+    return ranks.together([&] {
+        const NodeId first = Kernel::shardBegin(node_count_, ranks.size(), ranks.rank());
+        const NodeId end = Kernel::shardEnd(node_count_, ranks.size(), ranks.rank());
+        LargeArray<std::uint64_t> projections;
+        SynapseTable synapses = table(first, end, &projections);
+        SynapseGraph graph(SynapseGraph::Placed(), node_count_, min_delay_, std::move(synapses));
+        graph.makeShare(first, end, std::move(projections), ranks);
+        return graph;
+    });
 }
 
 void Wiring::visit(NodeId first, NodeId end,

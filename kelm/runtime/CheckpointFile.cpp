@@ -15,7 +15,7 @@
 
 #include "kelm/core/Blob.h"
 #include "kelm/core/Failures.h"
-#include "kelm/core/RankFailures.h"
+#include "kelm/core/IRankGroup.h"
 #include "kelm/runtime/CheckpointSummary.h"
 
 namespace Lumenar::Core::Kelm {
@@ -93,16 +93,15 @@ Blob readFile(const std::string& path) {
 }  // namespace
 
 void saveCheckpoint(KelmRuntime& runtime, const std::string& path) {
-    const Blob bytes = runtime.checkpoint();
     IRankGroup* const ranks = runtime.ranks();
     onEachRank(ranks, [&] {
+        const Blob bytes = runtime.checkpoint();
         if (ranks == nullptr || ranks->rank() == 0) replaceFile(path, bytes);
     });
 }
 
 void loadCheckpoint(KelmRuntime& runtime, const std::string& path) {
-    Blob bytes;
-    onEachRank(runtime.ranks(), [&] { bytes = readFile(path); });
+    const Blob bytes = onEachRank(runtime.ranks(), [&] { return readFile(path); });
     restoreCheckpoint(runtime, bytes);
 }
 

@@ -271,19 +271,22 @@ std::uint64_t fingerprint(IRankGroup& ranks, SynapseGraph& share, const Paramete
                           std::span<const InputChannelSpec> input_channels,
                           const std::optional<PredictionConfig>& prediction,
                           std::span<const SpikeRecord> given_spikes) {
-    Fingerprint print;
-    print.addTag(format_tag);
-    addNetwork(print, share, share.share()->edge_count);
-    share.visitNetwork(
-        ranks, [&](const Synapse& synapse, bool routed) { addSynapse(print, synapse, routed); });
-    addModel(print, parameters, horizon, plasticity, phase, recorder, input_channels, prediction,
-             given_spikes);
-    // Only rank 0 has seen the synapses.
-    Blob own;
-    appendU64(own, print.value());
-    std::uint64_t value = 0;
-    std::memcpy(&value, ranks.share(own).front().data(), sizeof value);
-    return value;
+    return ranks.together([&] {
+        Fingerprint print;
+        print.addTag(format_tag);
+        addNetwork(print, share, share.share()->edge_count);
+        share.visitNetwork(ranks, [&](const Synapse& synapse, bool routed) {
+            addSynapse(print, synapse, routed);
+        });
+        addModel(print, parameters, horizon, plasticity, phase, recorder, input_channels,
+                 prediction, given_spikes);
+        // Only rank 0 has seen the synapses.
+        Blob own;
+        appendU64(own, print.value());
+        std::uint64_t value = 0;
+        std::memcpy(&value, ranks.share(own).front().data(), sizeof value);
+        return value;
+    });
 }
 
 std::uint64_t fingerprint(SynapseGraph& network, const Kernel::Neuron& neuron,

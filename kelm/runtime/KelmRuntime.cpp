@@ -430,6 +430,10 @@ void KelmRuntime::observe(const Event& event, std::span<const Kernel::State> sta
 
 Blob KelmRuntime::checkpoint() {
     requireComplete();
+    return onEachRank(ranks_, [&] { return checkpointHere(); });
+}
+
+Blob KelmRuntime::checkpointHere() {
     Blob blob;
     const Blob engine = engine_.snapshot();
     if (ranks_ != nullptr && ranks_->rank() != 0) return blob;
@@ -490,6 +494,10 @@ struct KelmRuntime::State {
 /// Reads and checks everything first. The engine is the last that can refuse or run out of memory.
 bool KelmRuntime::restore(BlobView bytes) {
     requireNoRun();
+    return onEachRank(ranks_, [&] { return restoreHere(bytes); });
+}
+
+bool KelmRuntime::restoreHere(BlobView bytes) {
     BlobReader in(bytes);
     Checkpoint::Head head;
     if (!Checkpoint::readHead(in, engine_version, head)) return false;

@@ -165,7 +165,7 @@ public:
     /// The `until` of the last finished run in ns, or the end of the last window after a report or
     /// a stop; 0 before the first run.
     ModelTime position() const { return position_; }
-    /// The processes that hold the network; null for one process.
+    /// The processes that hold the network; null for one process. See RuntimeOptions::ranks.
     IRankGroup* ranks() const { return ranks_; }
     std::uint64_t seed() const { return seed_; }
     ModelTime horizon() const { return horizon_; }
@@ -266,6 +266,8 @@ private:
     void observe(const Event& event, std::span<const Kernel::State> states,
                  std::span<const ModelTime> candidate_times, SynapseGraph& graph) override;
 
+    Blob checkpointHere();
+    bool restoreHere(BlobView bytes);
     struct State;
     [[nodiscard]] bool readState(BlobReader& in, State& state) const;
     [[nodiscard]] bool readParts(BlobReader& in, State& state) const;

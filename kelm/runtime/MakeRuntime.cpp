@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "kelm/core/Failures.h"
-#include "kelm/core/RankFailures.h"
+#include "kelm/core/IRankGroup.h"
 #include "kelm/core/ShardRanges.h"
 #include "kelm/runtime/Fingerprint.h"
 #include "kelm/runtime/Validation.h"
@@ -57,7 +57,7 @@ bool holdsSpike(std::span<const SpikeRecord> spikes, NodeId first, std::uint64_t
 std::vector<Finding> findingsOf(const SynapseGraph& network, ModelTime window,
                                 std::span<const Population> populations,
                                 const RuntimeOptions& options) {
-    std::vector<Finding> findings = validate(network);
+    std::vector<Finding> findings = validate(network, options.ranks);
     const auto add = [&](Finding finding, const std::string& name) {
         // Window and horizon are those of all populations.
         if (finding.field != "window" && finding.field != "horizon") {
@@ -112,47 +112,45 @@ void refuseErrors(std::span<const Finding> findings) {
 
 std::unique_ptr<KelmRuntime> makeRuntime(SynapseGraph network, RuntimeOptions options,
                                          std::unique_ptr<IWindowBackend> backend) {
-    if (backend == nullptr) throw InvalidModel(InvalidModel::no_backend);
     IRankGroup* const ranks = options.ranks;
-    std::vector<Population> populations;
-    std::vector<Finding> findings;
-    onEachRank(ranks, [&] { requireShare(network, ranks); });
-    if (ranks != nullptr && !network.share()->counted) network.countShare(*ranks);
-    onEachRank(ranks, [&] {
-        populations = populationsOf(network, options);
+    return onEachRank(ranks, [&] {
+        if (backend == nullptr) throw InvalidModel(InvalidModel::no_backend);
+        onEachRank(ranks, [&] { requireShare(network, ranks); });
+        if (ranks != nullptr && !network.share()->counted) network.countShare(*ranks);
+        const std::vector<Population> populations = populationsOf(network, options);
         const std::optional<ModelTime> window = network.dMin();
         if (!window) throw WindowEngineError(WindowEngineError::no_d_min);
-        findings = findingsOf(network, *window, populations, options);
+        std::vector<Finding> findings = findingsOf(network, *window, populations, options);
         refuseErrors(findings);
         if (ranks != nullptr && options.plasticity.enabled) {
             throw InvalidModel(InvalidModel::learning_on_ranks);
         }
-    });
 
-    ParameterTable parameters(populations);
-    std::uint64_t config_id = 0;
-    if (ranks == nullptr) {
-        config_id = fingerprint(network, parameters, options.horizon, options.plasticity,
-                                options.phase, options.recorder, options.input_channels,
-                                options.prediction, options.given_spikes);
-    } else {
-        config_id = fingerprint(*ranks, network, parameters, options.horizon, options.plasticity,
-                                options.phase, options.recorder, options.input_channels,
-                                options.prediction, options.given_spikes);
-        parameters = parameters.part(network.share()->begin, network.share()->end);
-    }
-    std::unique_ptr<KelmRuntime> runtime(new KelmRuntime(
-        std::move(network), std::move(parameters), options.seed, options.horizon, backend.get(),
-        nullptr, options.plasticity, std::move(options.phase), std::move(options.recorder),
-        std::move(options.input_channels), std::move(options.prediction), config_id,
-        std::move(options.label), true, ranks));
-    runtime->engine_.giveSpikes(std::move(options.given_spikes));
-    runtime->owned_backend_ = std::move(backend);
-    runtime->warnings_ = std::move(findings);
-    if (runtime->learning_ && !options.learning_journal) {
-        runtime->learning_->setJournal(JournalMode::off);
-    }
-    return runtime;
+        ParameterTable parameters(populations);
+        std::uint64_t config_id = 0;
+        if (ranks == nullptr) {
+            config_id = fingerprint(network, parameters, options.horizon, options.plasticity,
+                                    options.phase, options.recorder, options.input_channels,
+                                    options.prediction, options.given_spikes);
+        } else {
+            config_id = fingerprint(
+                *ranks, network, parameters, options.horizon, options.plasticity, options.phase,
+                options.recorder, options.input_channels, options.prediction, options.given_spikes);
+            parameters = parameters.part(network.share()->begin, network.share()->end);
+        }
+        std::unique_ptr<KelmRuntime> runtime(new KelmRuntime(
+            std::move(network), std::move(parameters), options.seed, options.horizon, backend.get(),
+            nullptr, options.plasticity, std::move(options.phase), std::move(options.recorder),
+            std::move(options.input_channels), std::move(options.prediction), config_id,
+            std::move(options.label), true, ranks));
+        runtime->engine_.giveSpikes(std::move(options.given_spikes));
+        runtime->owned_backend_ = std::move(backend);
+        runtime->warnings_ = std::move(findings);
+        if (runtime->learning_ && !options.learning_journal) {
+            runtime->learning_->setJournal(JournalMode::off);
+        }
+        return runtime;
+    });
 }
 
 std::unique_ptr<KelmRuntime> makeRuntime(

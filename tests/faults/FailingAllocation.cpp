@@ -13,6 +13,7 @@ namespace {
 // Allocations before the one that fails; negative after it, or if none is to fail.
 std::atomic<std::int64_t> allocations_left = -1;
 std::atomic<bool> armed = false;
+thread_local int safe_scopes = 0;  // of SafeAllocations
 std::atomic<std::uint64_t> allocation_count = 0;
 std::atomic<std::int64_t> live_blocks = 0;
 std::atomic<std::int64_t> live_bytes = 0;
@@ -20,7 +21,7 @@ std::atomic<std::int64_t> peak_bytes = 0;
 
 // Null for the allocation that is to fail, and if there is no memory.
 void* allocate(std::size_t bytes, std::size_t alignment) noexcept {
-    if (armed && allocations_left-- == 0) return nullptr;
+    if (armed && safe_scopes == 0 && allocations_left-- == 0) return nullptr;
     void* block =
         alignment <= alignof(std::max_align_t)
             ? std::malloc(std::max<std::size_t>(bytes, 1))
@@ -107,6 +108,9 @@ bool failNoAllocation() {
     armed = false;
     return allocations_left < 0;
 }
+
+SafeAllocations::SafeAllocations() { ++safe_scopes; }
+SafeAllocations::~SafeAllocations() { --safe_scopes; }
 
 std::uint64_t allocationCount() { return allocation_count; }
 

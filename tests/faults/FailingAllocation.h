@@ -15,6 +15,16 @@ void failAllocation(std::uint64_t n);
 /// Cancels the setting. True if the allocation that was to fail has failed.
 bool failNoAllocation();
 
+/// While one exists, allocations of its thread neither fail nor count as allocations before the one
+/// that is to fail.
+class SafeAllocations {
+public:
+    SafeAllocations();
+    ~SafeAllocations();
+    SafeAllocations(const SafeAllocations&) = delete;
+    SafeAllocations& operator=(const SafeAllocations&) = delete;
+};
+
 /// Blocks allocated since the program started.
 std::uint64_t allocationCount();
 

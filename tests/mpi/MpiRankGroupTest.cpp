@@ -38,7 +38,7 @@ TEST(MpiRankGroup, SplitsLongContributions) {
                                             "a message limit must be in [1, 2147483647]");
     }
     MpiRankGroup group = MpiRankGroup::world(0, 1000);
-    group.share(Blob(group.rank() == 0 ? 5056 : 0));
+    group.share(Blob(group.rank() == 0 ? 5055 : 0));
     EXPECT_EQ(group.statistics().collectives, 6U) << "56 bytes in the slot, and five pieces";
     expectExchanges(group, 2, 50, 20'000);
 }
@@ -69,11 +69,11 @@ TEST(MpiRankGroup, SharesInOneCollectiveOnceTheSlotsHaveGrown) {
         for (int i = 0; i < count; ++i) group.share(blob);
         return group.statistics().collectives - before;
     };
-    EXPECT_EQ(collectives(56, 2), 2U);
-    EXPECT_EQ(collectives(57, 1), 2U);
-    EXPECT_EQ(collectives(120, 2), 2U) << "a slot of 128 bytes with the length";
+    EXPECT_EQ(collectives(55, 2), 2U);
+    EXPECT_EQ(collectives(56, 1), 2U);
+    EXPECT_EQ(collectives(119, 2), 2U) << "a slot of 128 bytes with length and flag";
     EXPECT_EQ(collectives(1'000'000, 2), 4U) << "too long for slots";
-    EXPECT_EQ(collectives(120, 1), 1U);
+    EXPECT_EQ(collectives(119, 1), 1U);
     EXPECT_EQ(collectives(0, 2 * SlotCapacity::period), 2U * SlotCapacity::period);
     const std::uint64_t sent = group.statistics().sent_bytes;
     group.share({});

@@ -130,6 +130,20 @@ Seen runOn(IRankGroup* ranks, const Blob* middle = nullptr) {
     return seen;
 }
 
+/// The text of InvalidSpikeTrain for these given spikes; empty if they are accepted.
+std::string refusalOf(IRankGroup* ranks, const std::vector<SpikeRecord>& spikes) {
+    RuntimeOptions fired = options();
+    fired.ranks = ranks;
+    fired.given_spikes = spikes;
+    try {
+        makeRuntime(ranks == nullptr ? wiring().build() : wiring().buildShare(*ranks),
+                    std::move(fired), std::make_unique<CpuWindowBackend>());
+    } catch (const InvalidSpikeTrain& failure) {
+        return failure.what();
+    }
+    return {};
+}
+
 }  // namespace
 
 TEST(RanksOfRuntime, WriteTheCheckpointsOfOneRuntimeAndContinueOnAnyNumber) {
@@ -152,6 +166,30 @@ TEST(RanksOfRuntime, WriteTheCheckpointsOfOneRuntimeAndContinueOnAnyNumber) {
     }
 }
 
+TEST(RanksOfRuntime, WarnOfTheWholeNetwork) {
+    const Wiring fast(30, std::nullopt,
+                      {{.name = "fast",
+                        .sources = {0, 30},
+                        .targets = {10, 20},
+                        .rule = ConnectionRule::bernoulli(0.3),
+                        .weight = 0.1,
+                        .delay = SynapseValues::uniform(500, 2000)}},
+                      5);
+    const auto warningsOf = [&](IRankGroup* ranks) {
+        RuntimeOptions settings;
+        settings.ranks = ranks;
+        settings.horizon = horizon;
+        const auto runtime = makeRuntime(ranks == nullptr ? fast.build() : fast.buildShare(*ranks),
+                                         settings, std::make_unique<CpuWindowBackend>());
+        std::vector<std::string> texts;
+        for (const Finding& finding : runtime->warnings()) texts.push_back(finding.text);
+        return texts;
+    };
+    const std::vector<std::string> expected = warningsOf(nullptr);
+    ASSERT_FALSE(expected.empty());
+    ThreadRanks(3).run([&](IRankGroup& ranks) { EXPECT_EQ(warningsOf(&ranks), expected); });
+}
+
 TEST(RanksOfRuntime, RefuseOnAllRanksWhatOneCannotDo) {
     ThreadRanks(3).run([&](IRankGroup& ranks) {
         RuntimeOptions learning = options();
@@ -160,13 +198,11 @@ TEST(RanksOfRuntime, RefuseOnAllRanksWhatOneCannotDo) {
         EXPECT_THROW(makeRuntime(wiring().buildShare(ranks), std::move(learning),
                                  std::make_unique<CpuWindowBackend>()),
                      InvalidModel);
-        RuntimeOptions fired = options();
-        fired.ranks = &ranks;
-        // Only the last rank has the parameters of this neuron.
-        fired.given_spikes = {{window, 50}};
-        EXPECT_THROW(makeRuntime(wiring().buildShare(ranks), std::move(fired),
-                                 std::make_unique<CpuWindowBackend>()),
-                     InvalidSpikeTrain);
+        // Each rank knows the parameters of its own neurons, and the last one has the first fault.
+        const std::vector<SpikeRecord> spikes = {{window, 50}, {2 * window, 3}};
+        const std::string text = refusalOf(nullptr, spikes);
+        EXPECT_NE(text, "");
+        EXPECT_EQ(refusalOf(&ranks, spikes), text);
         EXPECT_THROW(make(&ranks)->fork(), RefusedCall);
     });
 }

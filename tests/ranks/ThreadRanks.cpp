@@ -39,6 +39,12 @@ public:
     std::shared_ptr<const Round> join(std::uint32_t rank, Contribution own) {
         std::unique_lock lock(mutex_);
         const std::shared_ptr<Round> round = round_;
+        const auto requireAll = [&] {
+            if (!round->complete() && left_) {
+                throw RankLost("rank " + std::to_string(*left_) + " has left the group");
+            }
+        };
+        requireAll();
         const std::size_t ranks = round->contributions.size();
         round->contributions[rank] = std::move(own);
         ++round->arrived;
@@ -47,9 +53,7 @@ public:
             changed_.notify_all();
         }
         changed_.wait(lock, [&] { return round->complete() || left_; });
-        if (!round->complete()) {
-            throw RankLost("rank " + std::to_string(*left_) + " has left the group");
-        }
+        requireAll();
         return round;
     }
 
@@ -75,21 +79,21 @@ public:
     std::uint32_t rank() const override { return rank_; }
     std::uint32_t size() const override { return size_; }
 
-    std::span<const BlobView> share(BlobView own) override {
+private:
+    std::span<const BlobView> shareBytes(BlobView own) override {
         return receive("share", [&] { return std::vector<Blob>(1, {own.begin(), own.end()}); });
     }
-    std::span<const BlobView> collect(BlobView own) override {
+    std::span<const BlobView> collectBytes(BlobView own) override {
         const auto all = receive("collect", [&] {
             return std::vector<Blob>(1, {own.begin(), own.end()});
         });
         return rank_ == 0 ? all : std::span<const BlobView>();
     }
-    std::span<const BlobView> swap(std::span<const Blob> outgoing) override {
+    std::span<const BlobView> swapBytes(std::span<const Blob> outgoing) override {
         if (outgoing.size() != size_) throw std::logic_error("swap needs a blob for each rank");
         return receive("swap", [&] { return std::vector<Blob>(outgoing.begin(), outgoing.end()); });
     }
 
-private:
     template <class Copy>
     std::span<const BlobView> receive(const char* call, Copy&& copy) {
         // First, so that AddressSanitizer sees the use of a view of an earlier call here, too.

@@ -62,6 +62,7 @@ TEST(ThreadRanks, RefuseDifferentCalls) {
                 group.collect({});
             } else {
                 group.share({});
+                group.share({});
             }
         },
         "ranks call share and collect");

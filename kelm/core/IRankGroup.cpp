@@ -1,0 +1,62 @@
+#include "kelm/core/IRankGroup.h"
+
+#include <new>
+#include <utility>
+
+#include "kelm/core/FailureImage.h"
+
+namespace Lumenar::Core::Kelm {
+
+// So that a rank without memory can say so.
+IRankGroup::IRankGroup() { message_.reserve(1); }
+
+std::span<const BlobView> IRankGroup::share(BlobView own) {
+    message_.assign(own.begin(), own.end());
+    message_.push_back(0);
+    views_.resize(size());
+    const std::span<const BlobView> all = shareBytes(message_);
+    for (std::size_t r = 0; r < all.size(); ++r) {
+        views_[r] = all[r].first(all[r].size() - 1);
+        if (all[r].back() != 0) throwReceived(views_[r]);
+    }
+    return views_;
+}
+
+std::span<const BlobView> IRankGroup::collect(BlobView own) {
+    share({});
+    return collectBytes(own);
+}
+
+std::span<const BlobView> IRankGroup::swap(std::span<const Blob> outgoing) {
+    share({});
+    return swapBytes(outgoing);
+}
+
+/// Throws the failure of another rank. `image`: empty from a rank without memory.
+void IRankGroup::throwReceived(BlobView image) {
+    try {
+        if (image.empty()) throw std::bad_alloc();
+        throwFailure(image);
+    } catch (...) {
+        agreed_ = std::current_exception();
+        throw;
+    }
+}
+
+void IRankGroup::fail(const std::exception_ptr& failure) {
+    if (failure == agreed_) std::rethrow_exception(failure);
+    try {
+        message_ = failureImage(failure);
+        message_.push_back(1);
+    } catch (const std::bad_alloc&) {
+        message_.assign(1, 1);
+    }
+    const std::span<const BlobView> all = shareBytes(message_);
+    for (std::uint32_t r = 0; r < rank(); ++r) {
+        if (all[r].back() != 0) throwReceived(all[r].first(all[r].size() - 1));
+    }
+    agreed_ = failure;
+    std::rethrow_exception(failure);
+}
+
+}  // namespace Lumenar::Core::Kelm
