@@ -13,7 +13,7 @@ namespace Lumenar::Core::Kelm {
 
 namespace {
 
-/// How many synapses of the network rank 0 collects at a time.
+/// How many synapses of the network rank 0 collects, or a rank sends, at a time.
 constexpr EdgeId block_edges = EdgeId{1} << 18;
 
 /// Reads what another rank of the same program has written, so nothing is checked.
@@ -46,6 +46,115 @@ SynapseGraph SynapseGraph::shareOf(std::uint64_t node_count, std::optional<Model
     share.end = end;
     share.network_edges.assign(edges.begin(), edges.end());
     return graph;
+}
+
+template <class At>
+void SynapseGraph::receiveShare(EdgeId count, At at, IRankGroup& ranks) {
+    const std::uint32_t size = ranks.size();
+    Blob own;
+    appendU64(own, count);
+    EdgeId first = 0;
+    EdgeId longest = 0;
+    std::uint32_t rank = 0;
+    for (BlobView from : ranks.share(own)) {
+        const auto other = take<EdgeId>(from);
+        if (rank++ < ranks.rank()) first += other;
+        longest = std::max(longest, other);
+    }
+    ranks.together([&] {
+        for (EdgeId i = 0; i < count; ++i) check(at(i).first, first + i);
+    });
+
+    SynapseTable arrived;
+    LargeArray<EdgeId> edges;
+    for (EdgeId begin = 0; begin < longest; begin += block_edges) {
+        // New ones: a cleared blob keeps the memory of a block that went to one rank.
+        std::vector<Blob> outgoing(size);
+        const EdgeId end = std::min(count, begin + block_edges);
+        for (EdgeId i = begin; i < end; ++i) {
+            const auto [synapse, routed] = at(i);
+            Blob& blob = outgoing[Kernel::shardOf(node_count_, size, synapse.target)];
+            appendU64(blob, first + i);
+            appendSynapse(blob, synapse, routed);
+        }
+        for (BlobView from : ranks.swap(outgoing)) {
+            while (!from.empty()) {
+                edges.push_back(take<EdgeId>(from));
+                BlobReader in(from.first(synapse_bytes));
+                from = from.subspan(synapse_bytes);
+                Synapse synapse;
+                bool routed = false;
+                (void)readFields(in, synapse, routed);
+                arrived.append(synapse, routed);
+            }
+        }
+    }
+
+    // Of each source: first its synapse count, then the place of its next synapse.
+    std::vector<std::uint64_t> next(node_count_);
+    for (EdgeId id = 0; id < edges.size(); ++id) ++next[arrived.source(id)];
+    std::uint64_t sum = 0;
+    for (std::uint64_t& entry : next) sum += std::exchange(entry, sum);
+    LargeArray<EdgeId> order(edges.size());
+    for (EdgeId id = 0; id < edges.size(); ++id) order[next[arrived.source(id)]++] = id;
+    GraphShare& share = share_.emplace();
+    share.begin = Kernel::shardBegin(node_count_, size, ranks.rank());
+    share.end = Kernel::shardEnd(node_count_, size, ranks.rank());
+    share.network_edges.reserve(order.size());
+    synapses_.reserve(order.size());
+    auto begin = order.begin();
+    for (const std::uint64_t place : next) {
+        const auto end = order.begin() + static_cast<std::ptrdiff_t>(place);
+        // Blocks of several ranks have come in turn.
+        std::ranges::sort(begin, end, {}, [&](EdgeId id) { return edges[id]; });
+        for (; begin != end; ++begin) {
+            synapses_.append(arrived[*begin], arrived.isRouted(*begin));
+            share.network_edges.push_back(edges[*begin]);
+            if (arrived.isRouted(*begin)) ++routed_count_;
+        }
+    }
+}
+
+SynapseGraph SynapseGraph::scatter(const SynapseGraph* graph, IRankGroup& ranks) {
+    struct Head {
+        std::uint64_t node_count = 0;
+        std::optional<ModelTime> min_delay;
+        bool excitatory_on = true;
+        bool inhibitory_on = true;
+    };
+    return ranks.together([&] {
+        if (ranks.rank() != 0) graph = nullptr;
+        Blob image;
+        if (ranks.rank() == 0) {
+            if (graph == nullptr) throw std::invalid_argument("rank 0 has no graph to scatter");
+            if (graph->share_) throw std::invalid_argument("the graph to scatter is a share");
+            appendImage(image, Head{graph->node_count_, graph->min_delay_, graph->excitatory_on_,
+                                    graph->inhibitory_on_});
+        }
+        BlobView from = ranks.share(image).front();
+        const auto head = take<Head>(from);
+        SynapseGraph share(Empty(), head.node_count, head.min_delay, 0);
+        share.excitatory_on_ = head.excitatory_on;
+        share.inhibitory_on_ = head.inhibitory_on;
+        share.receiveShare(
+            graph == nullptr ? 0 : graph->edgeCount(),
+            [&](EdgeId i) { return std::pair(graph->synapses_[i], graph->isRouted(i)); }, ranks);
+        share.countShare(ranks);
+        return share;
+    });
+}
+
+SynapseGraph SynapseGraph::buildShare(std::uint64_t node_count, std::optional<ModelTime> min_delay,
+                                      const SynapseColumns& columns, IRankGroup& ranks) {
+    return ranks.together([&] {
+        // A wrong length of any column comes before every other fault.
+        const EdgeId count = ranks.together([&] { return columns.size(); });
+        SynapseGraph share(Empty(), node_count, min_delay, 0);
+        share.receiveShare(
+            count, [&](EdgeId i) { return std::pair(columns[i], true); }, ranks);
+        share.countShare(ranks);
+        return share;
+    });
 }
 
 /// The owner of a source gets the number of its synapses of each order from all ranks, and returns

@@ -67,11 +67,15 @@ SynapseGraph::SynapseGraph(std::uint64_t node_count, std::optional<ModelTime> mi
     std::vector<Synapse>().swap(edges);
 }
 
-void SynapseGraph::append(const Synapse& synapse) {
+void SynapseGraph::check(const Synapse& synapse, EdgeId id) const {
     if (const char* fault = faultOf(synapse, node_count_, min_delay_)) {
         throw withDetail(InvalidSynapse(fault),
-                         detailOfFault(synapse, synapses_.size(), node_count_, min_delay_));
+                         detailOfFault(synapse, id, node_count_, min_delay_));
     }
+}
+
+void SynapseGraph::append(const Synapse& synapse) {
+    check(synapse, synapses_.size());
     synapses_.append(synapse, true);
     ++routed_count_;
 }

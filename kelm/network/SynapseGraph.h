@@ -458,6 +458,18 @@ public:
     static SynapseGraph shareOf(std::uint64_t node_count, std::optional<ModelTime> min_delay,
                                 NodeId begin, NodeId end, std::span<const Synapse> synapses,
                                 std::span<const EdgeId> edges);
+    /// The share of a rank of a network that rank 0 holds, with all that snapshot() of `graph`
+    /// holds. `graph`: the network on rank 0; it is not read on other ranks. To be called by all
+    /// ranks. Rank 0 sends in blocks. Throws std::invalid_argument, on all ranks, for no graph, and
+    /// for one that is a share.
+    static SynapseGraph scatter(const SynapseGraph* graph, IRankGroup& ranks);
+    /// The share of a rank of a network whose synapses the ranks hold in columns, each rank any
+    /// part of them. The EdgeIds are those of the columns of all ranks, one behind the other. To be
+    /// called by all ranks, with the same `node_count` and `min_delay`. Each rank sends in blocks.
+    ///
+    /// Throws, on all ranks, as the constructor from columns. The detail has the EdgeId.
+    static SynapseGraph buildShare(std::uint64_t node_count, std::optional<ModelTime> min_delay,
+                                   const SynapseColumns& columns, IRankGroup& ranks);
     /// On rank 0, calls visit(synapse, is_routed) for all synapses of the network, in the order of
     /// their EdgeIds there. To be called by all ranks. Rank 0 holds few of them at a time.
     void visitNetwork(IRankGroup& ranks,
@@ -545,8 +557,15 @@ private:
     struct Empty {};
     SynapseGraph(Empty, std::uint64_t node_count, std::optional<ModelTime> min_delay,
                  std::uint64_t edge_count);
+    /// Throws for the first fault of a synapse.
+    void check(const Synapse& synapse, EdgeId id) const;
     /// Adds a synapse while the graph is constructed.
     void append(const Synapse& synapse);
+    /// Makes a new graph without synapses a share, not counted. The rank holds `count` synapses of
+    /// the network, which come behind those of lower ranks. at(i) returns number i of them and
+    /// whether it is routed. Checks them all before it sends one.
+    template <class At>
+    void receiveShare(EdgeId count, At at, IRankGroup& ranks);
 
     std::size_t checked(EdgeId id) const {
         if (id >= synapses_.size()) throw SynapseRoutingViolation(SynapseRoutingViolation::edge);
