@@ -14,6 +14,8 @@
 #include "kelm/engine/WindowEngine.h"
 #include "kelm/network/Wiring.h"
 #include "tests/ranks/ThreadRanks.h"
+#include "tests/support/PermutedTeam.h"
+#include "tests/support/ShardEdges.h"
 
 // Networks on several ranks against the same networks on one engine, step by step.
 
@@ -338,6 +340,51 @@ TEST(RanksOfEngine, LeaveTheBitsOfOneEngine) {
                 }
             });
             if (HasFailure()) return;
+        }
+    }
+}
+
+namespace {
+
+/// Divides the neurons of a rank into up to three shards.
+class TeamBackend final : public IWindowBackend {
+public:
+    const char* name() override { return "team"; }
+    void processWindow(const std::span<const WindowWork>& work,
+                       const std::span<const Kernel::WindowEvent>& events, ModelTime window_end,
+                       ModelTime run_horizon, const Kernel::Neuron& neuron,
+                       const Kernel::Firing& firing,
+                       const std::span<Kernel::WindowResult>& results) override {
+        cpu_.processWindow(work, events, window_end, run_horizon, neuron, firing, results);
+    }
+    bool tryResidentRun(WindowEngine&) override { return false; }
+    std::size_t partItems() const override { return cpu_.partItems(); }
+    IShardTeam* team() override { return &team_; }
+
+private:
+    CpuWindowBackend cpu_;
+    PermutedTeam team_{3};
+};
+
+}  // namespace
+
+TEST(RanksOfEngine, LeaveTheBitsOfOnePieceAtEveryEdge) {
+    for (const ShardEdge& edge : shardEdges()) {
+        CpuWindowBackend backend;
+        const Blob expected = runEdge(edge, backend);
+        for (const std::uint32_t size : {2U, 3U, 7U}) {
+            ThreadRanks(size).run([&](IRankGroup& ranks) {
+                CpuWindowBackend whole;
+                TeamBackend divided;
+                for (IWindowBackend* own : {static_cast<IWindowBackend*>(&whole),
+                                            static_cast<IWindowBackend*>(&divided)}) {
+                    const Blob blob = runEdge(edge, *own, &ranks);
+                    if (ranks.rank() == 0) {
+                        EXPECT_TRUE(blob == expected)
+                            << edge.fact << ", " << size << " ranks, " << own->name();
+                    }
+                }
+            });
         }
     }
 }

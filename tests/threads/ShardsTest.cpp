@@ -16,6 +16,7 @@
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/engine/WindowEngine.h"
 #include "kelm/threads/ThreadedCpuBackend.h"
+#include "tests/support/ShardEdges.h"
 
 namespace Lumenar::Core::Kelm {
 
@@ -154,6 +155,17 @@ TEST_F(ShardsTest, FollowsAHookThatChangesTheGraph) {
     };
     ThreadedCpuBackend three(3, 0);
     EXPECT_TRUE(runOn(three) == runOn(cpu_));
+}
+
+TEST_F(ShardsTest, LeaveTheBitsOfOnePieceAtEveryEdge) {
+    for (const Testing::ShardEdge& edge : Testing::shardEdges()) {
+        const Blob expected = runEdge(edge, cpu_);
+        for (const std::uint64_t threads : {2U, 3U, 7U}) {
+            ThreadedCpuBackend backend(threads, 0);
+            EXPECT_TRUE(runEdge(edge, backend) == expected)
+                << edge.fact << ", " << threads << " threads";
+        }
+    }
 }
 
 }  // namespace
