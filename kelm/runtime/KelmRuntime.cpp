@@ -74,6 +74,7 @@ KelmRuntime::KelmRuntime(SynapseGraph&& network, ParameterTable&& parameters, st
       label_(std::move(label)),
       engine_(std::move(network), std::move(parameters), seed, horizon, std::move(store), ranks),
       ranks_(ranks),
+      first_neuron_(graph().share() ? graph().share()->begin : 0),
       backend_(backend),
       checked_(checked),
       plasticity_config_(plasticity) {
@@ -102,6 +103,12 @@ KelmRuntime makeKelmRuntime(SynapseGraph network, const Kernel::Neuron& neuron,
                        seed, horizon, backend, std::move(store), plasticity, std::move(phase),
                        std::move(recorder), std::move(input_channels), std::move(prediction),
                        config_id, std::move(label), false);
+}
+
+/// The number of neurons that this process holds.
+std::uint64_t KelmRuntime::ownCount() const {
+    const auto& share = graph().share();
+    return share ? share->end - share->begin : graph().nodeCount();
 }
 
 void KelmRuntime::createPlasticity() {
@@ -158,7 +165,7 @@ void KelmRuntime::createPrediction(PredictionConfig&& config) {
              .bound = "0 or the channel count " + decimal(std::uint64_t{config.channels.size()})});
     }
     prediction_ = std::make_unique<PredictionBank>();
-    error_terms_.resize(graph().nodeCount());
+    error_terms_.resize(ownCount());
     for (std::size_t i = 0; i < config.channels.size(); ++i) {
         requireTargets(config.channels[i].targets, graph().nodeCount(),
                        InvalidPrediction(InvalidPrediction::target), "error channel", i);
@@ -180,11 +187,11 @@ void KelmRuntime::createOscillators(PhaseConfig&& config) {
         oscillators_->configureCoupling(std::move(config.couplings), config.coupling_period);
     }
     // A modulator refers to the bank by address and position, so a restore leaves it as it is.
-    phase_modulators_.reserve(graph().nodeCount());
-    modulation_weight_sum_.reserve(graph().nodeCount());
-    for (const std::vector<PhaseBinding>& bindings : config.bindings) {
+    phase_modulators_.reserve(ownCount());
+    modulation_weight_sum_.reserve(ownCount());
+    for (NodeId n = first_neuron_; n < first_neuron_ + ownCount(); ++n) {
         PhaseModulator& modulator = phase_modulators_.emplace_back(*oscillators_);
-        addBindings(modulator, bindings, phase_modulators_.size() - 1);
+        addBindings(modulator, config.bindings[n], n);
         modulation_weight_sum_.push_back(modulator.weightSum());
     }
     if (plasticity_) plasticity_->setBank(&*oscillators_);
@@ -194,8 +201,8 @@ void KelmRuntime::createOscillators(PhaseConfig&& config) {
 /// construction draws them without modulation.
 void KelmRuntime::reseedModulated() {
     std::vector<double> bounds(graph().nodeCount(), 0.0);
-    for (NodeId n = 0; n < bounds.size(); ++n) {
-        if (oscillators_) bounds[n] += modulation_weight_sum_[n];
+    for (NodeId n = first_neuron_; n < first_neuron_ + ownCount(); ++n) {
+        if (oscillators_) bounds[n] += modulation_weight_sum_[n - first_neuron_];
         if (prediction_) bounds[n] += prediction_->errorBound(n);
     }
     engine_.reseedInitialCandidates(bounds);
@@ -325,11 +332,12 @@ void KelmRuntime::prepare(ModelTime window_start, ModelTime window_end, std::spa
 void KelmRuntime::prepareItem(WindowWork& item, InstantPhases& phases, ModelTime window_end) {
     const NodeId n = item.neuron;
     if (oscillators_) {
-        PhaseModulator& modulator = phase_modulators_[n];
+        const std::size_t place = n - first_neuron_;
+        PhaseModulator& modulator = phase_modulators_[place];
         modulator.setGain(interventions_.mechanism_gain[InterventionState::oscillators]);
         const double bound = modulator.intervalBound(phases, window_end);
-        item.drive =
-            modulator.kernelDrive(phases, (modulation_weight_sum_[n] + 1.0) * bound_margin + bound);
+        item.drive = modulator.kernelDrive(
+            phases, (modulation_weight_sum_[place] + 1.0) * bound_margin + bound);
     }
     if (prediction_) {
         const double error_gain = interventions_.mechanism_gain[InterventionState::prediction];
@@ -341,7 +349,7 @@ void KelmRuntime::prepareItem(WindowWork& item, InstantPhases& phases, ModelTime
 
 /// A neuron's error terms change only with a report, so most windows reuse them.
 const PredictionBank::ErrorTerms& KelmRuntime::errorTermsOf(NodeId neuron) {
-    CachedErrorTerms& cached = error_terms_[neuron];
+    CachedErrorTerms& cached = error_terms_[neuron - first_neuron_];
     if (cached.version != prediction_->version()) {
         cached = {prediction_->errorTerms(neuron), prediction_->version()};
     }

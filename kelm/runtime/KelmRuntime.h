@@ -266,6 +266,7 @@ private:
     void observe(const Event& event, std::span<const Kernel::State> states,
                  std::span<const ModelTime> candidate_times, SynapseGraph& graph) override;
 
+    std::uint64_t ownCount() const;
     Blob checkpointHere();
     bool restoreHere(BlobView bytes);
     struct State;
@@ -286,6 +287,7 @@ private:
     std::vector<std::unique_ptr<Probe>> probes_;
     WindowEngine engine_;
     IRankGroup* ranks_ = nullptr;
+    NodeId first_neuron_ = 0;  ///< of those that this process holds
     IWindowBackend* backend_;
     // What makeRuntime adds.
     bool checked_ = false;  ///< refuses calls at the wrong time
@@ -300,8 +302,9 @@ private:
     std::unique_ptr<LearningControl> learning_;
     Homeostasis homeostasis_;
     std::optional<OscillatorBank> oscillators_;
-    std::vector<PhaseModulator> phase_modulators_;  ///< shape (neurons), or empty
-    std::vector<double> modulation_weight_sum_;     ///< shape (neurons), or empty; at gain 1
+    // Of each neuron that this process holds, or empty.
+    std::vector<PhaseModulator> phase_modulators_;
+    std::vector<double> modulation_weight_sum_;  ///< at gain 1
     std::vector<PhaseLogEntry> phase_log_;
     std::unique_ptr<Recorder> recorder_;
     std::unique_ptr<InputChannelBank> input_channels_;
@@ -320,7 +323,7 @@ private:
 
     // What the hooks keep from item to item and from window to window.
     std::vector<InstantPhases> window_phases_;   ///< by thread; at the start of the window
-    std::vector<CachedErrorTerms> error_terms_;  ///< shape (neurons), or empty
+    std::vector<CachedErrorTerms> error_terms_;  ///< as phase_modulators_
     std::vector<WeightChange> changes_;
     /// One value per neuron of each kind that a sample holds.
     struct {

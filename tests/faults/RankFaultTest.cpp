@@ -139,6 +139,10 @@ TEST(RankFaults, OutOfMemoryReachesAllRanks) {
     failEach(
         "share", [](IRankGroup&) { return nullptr; },
         [](auto&, IRankGroup& ranks) { wiring().buildShare(ranks); });
+    const SynapseGraph graph = wiring().build();
+    failEach(
+        "share of a graph", [](IRankGroup&) { return nullptr; },
+        [&](auto&, IRankGroup& ranks) { SynapseGraph::scatter(&graph, ranks); });
     // Arguments are made by each rank alone.
     failEach(
         "runtime", [](IRankGroup&) { return nullptr; },
