@@ -14,8 +14,9 @@ template <class Run>
 RunImage imageOf(Run& run, std::span<const Kernel::State> states,
                  std::span<const CandidateSlot> candidates) {
     RunImage image{{states.begin(), states.end()}, {}, {}, {}, run.profile()};
+    const NodeId first = run.graph().share() ? run.graph().share()->begin : 0;
     for (NodeId n = 0; n < states.size(); ++n) {
-        image.random_states.push_back(run.spontaneousState(n));
+        image.random_states.push_back(run.spontaneousState(first + n));
     }
     image.candidates.assign(candidates.begin(), candidates.end());
     image.log.assign(run.spikeLog().begin(), run.spikeLog().end());

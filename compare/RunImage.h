@@ -23,6 +23,7 @@ struct RunImage {
     WindowProfile profile;
 };
 
+/// Of a network on several ranks: what this rank has, and the profile of all.
 RunImage imageOf(WindowEngine& engine);
 RunImage imageOf(KelmRuntime& runtime);
 

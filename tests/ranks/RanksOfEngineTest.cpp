@@ -8,12 +8,12 @@
 #include <vector>
 
 #include "kelm/core/Digest.h"
-#include "kelm/core/ShardRanges.h"
 #include "kelm/core/SplitMix64.h"
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/engine/WindowEngine.h"
 #include "kelm/network/Wiring.h"
 #include "tests/ranks/ThreadRanks.h"
+#include "tests/support/GeneratedModel.h"
 #include "tests/support/PermutedTeam.h"
 #include "tests/support/ShardEdges.h"
 
@@ -72,16 +72,7 @@ struct Network {
 
     SynapseGraph whole() const { return {neurons, min_delay, synapses}; }
     SynapseGraph shareOf(const IRankGroup& ranks) const {
-        const NodeId begin = Kernel::shardBegin(neurons, ranks.size(), ranks.rank());
-        const NodeId end = Kernel::shardEnd(neurons, ranks.size(), ranks.rank());
-        std::vector<EdgeId> edges;
-        for (EdgeId id = 0; id < synapses.size(); ++id) {
-            if (synapses[id].target >= begin && synapses[id].target < end) edges.push_back(id);
-        }
-        std::ranges::stable_sort(edges, {}, [&](EdgeId id) { return synapses[id].source; });
-        std::vector<Synapse> own;
-        for (const EdgeId id : edges) own.push_back(synapses[id]);
-        return SynapseGraph::shareOf(neurons, min_delay, begin, end, own, edges);
+        return Testing::shareOf(ranks, neurons, min_delay, synapses);
     }
 
 private:

@@ -5,6 +5,7 @@
 #include <iterator>
 #include <utility>
 
+#include "kelm/runtime/MakeRuntime.h"
 #include "tests/support/Draws.h"
 
 namespace Lumenar::Core::Kelm::Testing {
@@ -136,7 +137,7 @@ private:
         const double cap = draws_.between(0.5, 1.5);
         set("couple", phase_part,
             [=](KelmRuntime& r) { r.oscillators()->setCouplingEnabled(coupled); });
-        set("record a stream", 0,
+        set("record a stream", one_process_part,
             [=](KelmRuntime& r) { r.randomStreams().record("spontaneous", taped); });
         set("group", learning_part, [=, grouped = someNeurons()](KelmRuntime& r) {
             r.learningControl()->setWeightCap(cap);
@@ -262,7 +263,7 @@ private:
                 return turn(
                     0, [=](KelmRuntime& r) { r.graph().setTransmissionEnabled(number == 0, on); });
             case 7:
-                return turn(0, [=](KelmRuntime& r) {
+                return turn(one_process_part, [=](KelmRuntime& r) {
                     if (number != 0) return r.graph().setEnabled(edge, on);
                     r.graph().setWeight(edge, static_cast<float>(gain));
                 });
@@ -302,7 +303,6 @@ ComposedModel generateComposedModel(std::uint64_t seed, const ComposedTraits& tr
 
 std::unique_ptr<KelmRuntime> ComposedModel::build(IWindowBackend& backend, bool recorded,
                                                   std::unique_ptr<IEventStore> store) const {
-    const auto has = [this](unsigned part) { return (parts & part) != 0; };
     PlasticityConfig learning = plasticity;
     learning.enabled = learning.enabled && has(learning_part);
     std::unique_ptr<KelmRuntime> runtime(new KelmRuntime(makeKelmRuntime(
@@ -312,16 +312,43 @@ std::unique_ptr<KelmRuntime> ComposedModel::build(IWindowBackend& backend, bool 
         has(channel_part) ? channels : std::vector<InputChannelSpec>(),
         has(prediction_part) ? std::optional(prediction) : std::nullopt, network.seed,
         "composed")));
-    if (has(phase_part)) runtime->oscillators()->setMemberships(memberships);
-    if (!has(learning_part)) return runtime;
-    runtime->learningControl()->setModulator(
+    complete(*runtime);
+    return runtime;
+}
+
+std::unique_ptr<KelmRuntime> ComposedModel::make(std::unique_ptr<IWindowBackend> backend,
+                                                 IRankGroup* ranks, bool recorded) const {
+    RuntimeOptions options{
+        .seed = network.run_seed,
+        .horizon = network.horizon,
+        .neuron = network.neurons[0],
+        .firing = network.firings[0],
+        .plasticity = plasticity,
+        .learning_journal = true,
+        .phase = has(phase_part) ? std::optional(phase) : std::nullopt,
+        .recorder = recorded && has(recorder_part) ? std::optional(recorder) : std::nullopt,
+        .input_channels = has(channel_part) ? channels : std::vector<InputChannelSpec>(),
+        .prediction = has(prediction_part) ? std::optional(prediction) : std::nullopt,
+        .label = "composed",
+        .ranks = ranks};
+    options.plasticity.enabled = plasticity.enabled && has(learning_part);
+    std::unique_ptr<KelmRuntime> runtime =
+        makeRuntime(ranks == nullptr ? network.graph() : network.graph(*ranks), std::move(options),
+                    std::move(backend));
+    complete(*runtime);
+    return runtime;
+}
+
+void ComposedModel::complete(KelmRuntime& runtime) const {
+    if (has(phase_part)) runtime.oscillators()->setMemberships(memberships);
+    if (!has(learning_part)) return;
+    runtime.learningControl()->setModulator(
         [period = gate_period](ModelTime window_end) { return window_end / period % 4 != 3; });
     if (has_third_factor) {
-        runtime->plasticity()->setChangeHook([](const WeightChangeContext& context) {
+        runtime.plasticity()->setChangeHook([](const WeightChangeContext& context) {
             return 1.0 - 0.1 * context.pre_phase + 0.05 * context.post_phase;
         });
     }
-    return runtime;
 }
 
 bool ComposedModel::perform(std::size_t first, std::size_t end, KelmRuntime& runtime,

@@ -31,7 +31,8 @@ enum ComposedPart : unsigned {
     recorder_part = 4,
     channel_part = 8,
     prediction_part = 16,
-    all_parts = 31,
+    one_process_part = 32,  ///< actions that a network on several ranks refuses
+    all_parts = 63,
 };
 
 /// A random runtime with every part, and the actions of its caller. It is a function of its
@@ -74,11 +75,21 @@ struct ComposedModel {
     std::unique_ptr<KelmRuntime> build(IWindowBackend& backend, bool recorded = true,
                                        std::unique_ptr<IEventStore> store = nullptr) const;
 
+    /// The same with the checks of makeRuntime, the fingerprint as configuration id and the
+    /// engine's own store. `ranks`: of a network on several ranks, all of which call it.
+    std::unique_ptr<KelmRuntime> make(std::unique_ptr<IWindowBackend> backend,
+                                      IRankGroup* ranks = nullptr, bool recorded = true) const;
+
     /// Performs the steps from `first` to `end`, exclusive, and appends the outcome of each: ids of
     /// events, or the text of an exception. False if a run threw: the runtime can then only be
     /// destroyed.
     bool perform(std::size_t first, std::size_t end, KelmRuntime& runtime,
                  std::vector<std::string>& outcomes) const;
+
+private:
+    bool has(unsigned part) const { return (parts & part) != 0; }
+    /// Sets what no checkpoint holds.
+    void complete(KelmRuntime& runtime) const;
 };
 
 ComposedModel generateComposedModel(std::uint64_t seed, const ComposedTraits& traits = {});

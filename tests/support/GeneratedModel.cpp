@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include "kelm/core/PortableMath.h"
+#include "kelm/core/ShardRanges.h"
 #include "kelm/core/SplitMix64.h"
+#include "kelm/engine/ParameterTable.h"
 #include "tests/support/Draws.h"
 
 namespace Lumenar::Core::Kelm::Testing {
@@ -265,6 +268,11 @@ SynapseGraph GeneratedModel::graph() const {
     return SynapseGraph(node_count, declares_d_min ? std::optional(d_min) : std::nullopt, synapses);
 }
 
+SynapseGraph GeneratedModel::graph(const IRankGroup& ranks) const {
+    return shareOf(ranks, node_count, declares_d_min ? std::optional(d_min) : std::nullopt,
+                   synapses);
+}
+
 GeneratedModel generateModel(std::uint64_t seed, const ModelTraits& traits) {
     Draws draws(splitmixOutput(seed));
     GeneratedModel model;
@@ -323,6 +331,28 @@ GeneratedModel ringModel(std::uint64_t node_count, std::uint64_t fanout, ModelTi
 WindowEngine makeEngine(const GeneratedModel& model, std::unique_ptr<IEventStore> store) {
     return WindowEngine(model.graph(), model.neurons, model.firings, model.run_seed, model.horizon,
                         std::move(store));
+}
+
+WindowEngine makeEngine(const GeneratedModel& model, IRankGroup& ranks) {
+    SynapseGraph graph = model.graph(ranks);
+    const ParameterTable all(model.neurons, model.firings);
+    ParameterTable own = all.part(graph.share()->begin, graph.share()->end);
+    return WindowEngine(std::move(graph), std::move(own), model.run_seed, model.horizon, nullptr,
+                        &ranks);
+}
+
+SynapseGraph shareOf(const IRankGroup& ranks, std::uint64_t node_count,
+                     std::optional<ModelTime> min_delay, std::span<const Synapse> synapses) {
+    const NodeId begin = Kernel::shardBegin(node_count, ranks.size(), ranks.rank());
+    const NodeId end = Kernel::shardEnd(node_count, ranks.size(), ranks.rank());
+    std::vector<EdgeId> edges;
+    for (EdgeId id = 0; id < synapses.size(); ++id) {
+        if (synapses[id].target >= begin && synapses[id].target < end) edges.push_back(id);
+    }
+    std::ranges::stable_sort(edges, {}, [&](EdgeId id) { return synapses[id].source; });
+    std::vector<Synapse> own;
+    for (const EdgeId id : edges) own.push_back(synapses[id]);
+    return SynapseGraph::shareOf(node_count, min_delay, begin, end, own, edges);
 }
 
 void postInputs(const GeneratedModel& model, IEventSink& sink) {

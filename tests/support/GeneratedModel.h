@@ -2,8 +2,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <span>
 #include <vector>
 
+#include "kelm/core/IRankGroup.h"
 #include "kelm/core/ModelTime.h"
 #include "kelm/engine/WindowEngine.h"
 #include "kelm/events/Event.h"
@@ -81,6 +84,8 @@ struct GeneratedModel {
     std::vector<Event> inputs;  ///< from outside, in the order of posting
 
     SynapseGraph graph() const;
+    /// The share of a rank.
+    SynapseGraph graph(const IRankGroup& ranks) const;
     /// Synapses per neuron, if all neurons have the same number.
     std::uint64_t fanout() const { return synapses.size() / node_count; }
 };
@@ -94,6 +99,13 @@ GeneratedModel ringModel(std::uint64_t node_count, std::uint64_t fanout, ModelTi
 
 /// An engine for the model, before its inputs are posted.
 WindowEngine makeEngine(const GeneratedModel& model, std::unique_ptr<IEventStore> store = nullptr);
+
+/// The engine of a rank, before its inputs are posted. To be called by all ranks.
+WindowEngine makeEngine(const GeneratedModel& model, IRankGroup& ranks);
+
+/// The share of a rank of the network that these arguments of SynapseGraph make.
+SynapseGraph shareOf(const IRankGroup& ranks, std::uint64_t node_count,
+                     std::optional<ModelTime> min_delay, std::span<const Synapse> synapses);
 
 /// Posts the model's inputs.
 void postInputs(const GeneratedModel& model, IEventSink& sink);

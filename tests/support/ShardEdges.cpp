@@ -138,14 +138,7 @@ std::vector<ShardEdge> shardEdges() {
 
 Blob runEdge(const ShardEdge& edge, IWindowBackend& backend, IRankGroup* ranks) {
     const GeneratedModel& model = edge.model;
-    SynapseGraph graph = model.graph();
-    ParameterTable parameters(model.neurons, model.firings);
-    if (ranks != nullptr) {
-        graph = SynapseGraph::scatter(&graph, *ranks);
-        parameters = parameters.part(graph.share()->begin, graph.share()->end);
-    }
-    WindowEngine engine(std::move(graph), std::move(parameters), model.run_seed, model.horizon,
-                        nullptr, ranks);
+    WindowEngine engine = ranks == nullptr ? makeEngine(model) : makeEngine(model, *ranks);
     if (edge.first_id != 0) {
         Blob start = makeEngine(model).snapshot();
         std::memcpy(start.data() + placeOfNextId(start), &edge.first_id, sizeof edge.first_id);
