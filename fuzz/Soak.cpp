@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <set>
 #include <stdexcept>
 #include <tuple>
 #include <utility>
@@ -23,6 +24,7 @@
 #include "kelm/lanes/LaneCpuBackend.h"
 #include "kelm/lanes/LaneKernels.h"
 #include "kelm/runtime/ICommitListener.h"
+#include "tests/ranks/ThreadRanks.h"
 #include "tests/support/PlainStore.h"
 
 namespace Lumenar::Core::Kelm::Fuzzing {
@@ -74,12 +76,23 @@ private:
 };
 
 /// What a way changes besides the backend.
-enum class Manner : std::uint8_t { ordinary, plain_store, short_ring, cut, resident, unwatched };
+enum class Manner : std::uint8_t {
+    ordinary,
+    plain_store,
+    short_ring,
+    cut,
+    resident,
+    unwatched,
+    ranks,
+    ranks_cut
+};
 
 struct Setting {
     Manner manner = Manner::ordinary;
-    std::vector<IWindowBackend*> backends;  ///< several for Manner::cut, else one
+    /// Several for Manner::cut, one of each rank for Manner::ranks and ranks_cut, else one.
+    std::vector<IWindowBackend*> backends;
     DeviceBackend* resident = nullptr;
+    IRankGroup* group = nullptr;  ///< of a run that is one rank of several
 };
 
 std::unique_ptr<IEventStore> storeFor(Manner manner, const SoakModel& model) {
@@ -97,6 +110,8 @@ std::unique_ptr<IEventStore> storeFor(Manner manner, const SoakModel& model) {
 /// change the graph.
 class Witness final : public IWindowObserver, public ICommitListener {
 public:
+    explicit Witness(bool spreads) : spreads_(spreads) {}
+
     void observe(const Event& event, std::span<const Kernel::State> states,
                  SynapseGraph& graph) override {
         observe(event, states, {}, graph);
@@ -133,6 +148,11 @@ private:
     void add(ModelTime time, std::uint64_t digest) { notes_.emplace_back(time, digest); }
     /// Sets a weight or turns a switch. Deliveries that are pending must not change.
     void changeGraph(SynapseGraph& graph) const {
+        // Ranks can turn only the switches of a class, and number their synapses otherwise.
+        if (spreads_) {
+            if (sights_ % 2 == 0) return;
+            return graph.setTransmissionEnabled(sights_ % 4 == 3, sights_ % 8 < 4);
+        }
         if (graph.edgeCount() == 0) return;
         const EdgeId edge = sights_ * prime % graph.edgeCount();
         switch (sights_ % 6) {
@@ -147,10 +167,17 @@ private:
         }
     }
 
+    bool spreads_;
     std::vector<std::pair<ModelTime, std::uint64_t>> notes_;
     std::uint64_t sights_ = 0;  ///< observations at declared times
     std::vector<Kernel::State> states_;
 };
+
+/// The end of the last window in ns, 0 if there was none.
+ModelTime lastEnd(CarriedRun& run) {
+    const auto& windows = run.trace().windows();
+    return windows.empty() ? 0 : windows.back().end;
+}
 
 /// Runs a model in pieces on the backends of a setting.
 class PiecedRun : public SoakRun {
@@ -166,23 +193,36 @@ public:
     bool showsWindows() const override { return setting_.manner != Manner::resident; }
 
     RunResults results() override {
+        RunResults results = resultsUntil(lastEnd(*this));
+        if (alive_) addBlobs(results.blobs);
+        return results;
+    }
+
+    bool isAlive() const { return alive_; }
+    /// The results without blobs. `end`: ns, of the last window. A run that threw may lack an
+    /// observation before its last window that a run in smaller steps has delivered.
+    RunResults resultsUntil(ModelTime end) {
         RunResults results;
         results.image = image();
         results.outcomes = outcomes_;
-        // A run that threw may lack an observation before its last window that a run in smaller
-        // steps has delivered.
-        const auto& windows = trace().windows();
-        const ModelTime last = windows.empty() ? 0 : windows.back().end;
-        results.outcomes.push_back(witness_.textUntil(alive_ ? last_model_time : last));
-        if (!alive_) return results;
-        results.observed = witness_.states();
-        addBlobs(results.blobs);
+        results.outcomes.push_back(witness_.textUntil(alive_ ? last_model_time : end));
+        if (alive_) results.observed = witness_.states();
         return results;
+    }
+    /// Adds what the parts store, and last what the whole run stores.
+    virtual void addBlobs(std::vector<std::pair<std::string, Blob>>& blobs) = 0;
+    /// Goes on from a cut at which `before` has stored `bytes`.
+    void goOnFrom(const PiecedRun& before, const Cut& cut, const Blob& bytes) {
+        outcomes_ = before.outcomes_;
+        witness_ = before.witness_;
+        tally_ = before.tally_;
+        next_step_ = before.next_step_;
+        takeOver(cut, [&] { accept(bytes, priorEnd(cut)); });
     }
 
 protected:
     PiecedRun(const SoakModel& model, Setting setting)
-        : model_(model), setting_(std::move(setting)) {
+        : model_(model), setting_(std::move(setting)), witness_(model.spreads) {
         for (IWindowBackend* const backend : setting_.backends) {
             traced_.push_back(std::make_unique<TracedBackend>(*backend, trace()));
         }
@@ -190,12 +230,12 @@ protected:
 
     virtual RunImage image() = 0;
     virtual void addHappenings(Tally& tally) = 0;
-    virtual void addBlobs(std::vector<std::pair<std::string, Blob>>& blobs) = 0;
     virtual void runTo(ModelTime until) = 0;
-    /// Lets another object on the next backend take the run over. `prior_end`: ns, the end of a
-    /// separate run that the object has done before; no_time for a fresh object. Throws if the
-    /// object does not accept the stored state in full.
-    virtual void handOver(ModelTime prior_end) = 0;
+    virtual Blob store() = 0;
+    /// Lets another object on the next backend take the run over. `bytes`: what the run has stored.
+    /// `prior_end`: ns, the end of a separate run that the object has done before; no_time for a
+    /// fresh object. Throws if the object does not accept the stored state in full.
+    virtual void accept(const Blob& bytes, ModelTime prior_end) = 0;
 
     /// Performs an action and records an exception. False if there was one.
     template <class Action>
@@ -217,16 +257,20 @@ protected:
             if (!goOn(model_.cuts[next_cut_].time)) break;
             const Cut& cut = model_.cuts[next_cut_];
             place_ = cut.backend % traced_.size();
-            alive_ =
-                attempt("cut at " + std::to_string(cut.time), [&] { handOver(priorEnd(cut)); });
-            ++tally_.cuts;
+            takeOver(cut, [&] { accept(store(), priorEnd(cut)); });
         }
         return alive_ && goOn(until);
+    }
+    template <class Action>
+    void takeOver(const Cut& cut, Action action) {
+        alive_ = alive_ && attempt("cut at " + std::to_string(cut.time), action);
+        ++tally_.cuts;
     }
     bool goOn(ModelTime until) {
         alive_ = attempt("thrown", [&] { runTo(until); });
         if (alive_) return true;
-        trace().end();
+        // A rank may have no part in the window that is to be dropped.
+        if (setting_.manner != Manner::ranks) trace().end();
         ++tally_.thrown;
         return false;
     }
@@ -239,6 +283,17 @@ protected:
                                             : cut.time + std::min(model_.window(), ahead);
     }
     IWindowBackend& backend() { return *traced_[place_]; }
+    /// The same for a runtime that owns its backend.
+    std::unique_ptr<IWindowBackend> ownBackend() {
+        return std::make_unique<TracedBackend>(*setting_.backends[place_], trace());
+    }
+    /// Checks what a restored object stores: `bytes`, but nothing on a rank behind the first one.
+    void requireStored(const Blob& stored, const Blob& bytes) const {
+        const bool stores = setting_.group == nullptr || setting_.group->rank() == 0;
+        if (stored != (stores ? bytes : Blob())) {
+            throw std::runtime_error("restored to something else");
+        }
+    }
     /// An object that takes a run over. Unless `prior_end` is no_time, it has run to that time on
     /// its own, without a trace. A restore must replace all of that state.
     template <class Build, class Run>
@@ -262,6 +317,7 @@ protected:
     std::vector<std::string> outcomes_;
     Witness witness_;
     Tally tally_;
+    std::size_t next_step_ = 0;  ///< of a runtime
     bool alive_ = true;
 
 private:
@@ -296,7 +352,9 @@ public:
 private:
     std::unique_ptr<WindowEngine> build() {
         std::unique_ptr<WindowEngine> engine(
-            new WindowEngine(makeEngine(model_.network(), storeFor(setting_.manner, model_))));
+            setting_.group == nullptr
+                ? new WindowEngine(makeEngine(model_.network(), storeFor(setting_.manner, model_)))
+                : new WindowEngine(makeEngine(model_.network(), *setting_.group)));
         if (model_.moments.empty()) return engine;
         engine->setHooks(nullptr, nullptr, &witness_);
         Event observation;
@@ -312,20 +370,20 @@ private:
     void addBlobs(std::vector<std::pair<std::string, Blob>>& blobs) override {
         // Another ring gives another blob, and a whole run has its own event ids.
         if (setting_.manner == Manner::short_ring || setting_.manner == Manner::resident) return;
-        blobs.emplace_back("snapshot", engine_->snapshot());
+        blobs.emplace_back("snapshot", store());
     }
     void runTo(ModelTime until) override {
         const std::uint64_t whole = setting_.resident ? setting_.resident->whole_runs : 0;
         engine_->run(backend(), until);
         if (setting_.resident) tally_.whole += setting_.resident->whole_runs - whole;
     }
-    void handOver(ModelTime prior_end) override {
-        const Blob bytes = engine_->snapshot();
+    Blob store() override { return engine_->snapshot(); }
+    void accept(const Blob& bytes, ModelTime prior_end) override {
         std::unique_ptr<WindowEngine> next = another(
             prior_end, [&] { return build(); },
             [&](WindowEngine& engine) { engine.run(backend(), prior_end); });
         if (!next->restore(bytes)) throw std::runtime_error("not restored");
-        if (next->snapshot() != bytes) throw std::runtime_error("restored to something else");
+        requireStored(next->snapshot(), bytes);
         engine_ = std::move(next);
     }
 
@@ -377,29 +435,32 @@ public:
 
     void advance(ModelTime until) override {
         const std::vector<ComposedModel::Step>& steps = model_.composed.steps;
-        while (alive_ && step_ < steps.size()) {
-            const ComposedModel::Step& step = steps[step_];
+        while (alive_ && next_step_ < steps.size()) {
+            const ComposedModel::Step& step = steps[next_step_];
             if (step.until && *step.until > until) break;
             if (step.until) {
                 carry(*step.until);
             } else {
                 act();
             }
-            ++step_;
+            ++next_step_;
         }
         if (alive_ && until < model_.network().horizon) carry(until);
     }
 
 private:
     std::unique_ptr<KelmRuntime> build() {
-        std::unique_ptr<KelmRuntime> runtime = model_.composed.build(
-            backend(), setting_.manner != Manner::unwatched, storeFor(setting_.manner, model_));
+        const ComposedModel& model = model_.composed;
+        const bool recorded = setting_.manner != Manner::unwatched;
+        std::unique_ptr<KelmRuntime> runtime =
+            model_.spreads ? model.make(ownBackend(), setting_.group, recorded)
+                           : model.build(backend(), recorded, storeFor(setting_.manner, model_));
         runtime->setCommitListener(&witness_);
         return runtime;
     }
     void act() {
         const std::size_t before = outcomes_.size();
-        model_.composed.perform(step_, step_ + 1, *runtime_, outcomes_);
+        model_.composed.perform(next_step_, next_step_ + 1, *runtime_, outcomes_);
         if (outcomes_.size() == before) return;
         const std::string& outcome = outcomes_.back();
         tally_.refusals += outcome != "done" && !outcome.starts_with("ids");
@@ -425,21 +486,149 @@ private:
         }
         const bool other =
             setting_.manner == Manner::unwatched || setting_.manner == Manner::short_ring;
-        if (!other) blobs.emplace_back("checkpoint", run.checkpoint());
+        if (!other) blobs.emplace_back("checkpoint", store());
     }
     void runTo(ModelTime until) override { runtime_->run(until); }
-    void handOver(ModelTime prior_end) override {
-        const Blob bytes = runtime_->checkpoint();
+    Blob store() override { return runtime_->checkpoint(); }
+    void accept(const Blob& bytes, ModelTime prior_end) override {
         std::unique_ptr<KelmRuntime> next = another(
             prior_end, [&] { return build(); },
             [&](KelmRuntime& runtime) { runtime.run(prior_end); });
         if (!next->restore(bytes)) throw std::runtime_error("not restored");
-        if (next->checkpoint() != bytes) throw std::runtime_error("restored to something else");
+        requireStored(next->checkpoint(), bytes);
         runtime_ = std::move(next);
     }
 
     std::unique_ptr<KelmRuntime> runtime_;
-    std::size_t step_ = 0;
+};
+
+std::unique_ptr<PiecedRun> startRun(const SoakModel& model, Setting setting) {
+    if (model.isComposed()) return std::make_unique<RuntimeRun>(model, std::move(setting));
+    return std::make_unique<EngineRun>(model, std::move(setting));
+}
+
+/// Runs a model on ranks, each on a thread of its own. The results of the ranks become those of one
+/// run. They have an outcome more if a rank has seen something else than the first one.
+class RanksRun final : public SoakRun {
+public:
+    RanksRun(const SoakModel& model, Setting setting)
+        : model_(model), setting_(std::move(setting)) {}
+
+    /// The threads of the ranks end with the call, so it repeats the run from the start.
+    void advance(ModelTime until) override {
+        runs_.clear();
+        ends_.clear();
+        failure_.clear();
+        const bool is_cut = setting_.manner == Manner::ranks_cut;
+        // A run in pieces starts on some number of ranks and continues on others, and as one
+        // process without any.
+        std::size_t ranks = is_cut ? model_.seed / 4 % (count() + 1) : count();
+        const Cut* from = nullptr;
+        for (const Cut& cut : model_.cuts) {
+            if (!is_cut || cut.time > std::min(until, model_.network().horizon)) break;
+            runPiece(ranks, from, cut.time);
+            if (!isAlive()) break;
+            ranks = cut.backend % (count() + 1);
+            from = &cut;
+        }
+        if (runs_.empty() || isAlive()) runPiece(ranks, from, until);
+        trace() = WindowTrace();
+        // As in other ways, a window that threw is dropped.
+        for (const ModelTime end : ends_) trace().begin(end);
+        if (!isAlive()) trace().end();
+    }
+    bool showsWindows() const override { return false; }
+    Tally tally() override { return isComplete() ? runs_.front()->tally() : Tally{.runs = 1}; }
+
+    RunResults results() override {
+        RunResults all;
+        if (!isComplete()) {
+            all.outcomes.push_back(failure_);
+            return all;
+        }
+        const ModelTime end = lastEnd(*this);
+        all = runs_.front()->resultsUntil(end);
+        const RunResults first = common(all, 0);
+        for (std::size_t rank = 1; rank < runs_.size(); ++rank) {
+            const RunResults own = runs_[rank]->resultsUntil(end);
+            if (const auto apart = differenceOf(first, common(own, rank))) {
+                all.outcomes.push_back("rank " + std::to_string(rank) + ": " + apart->text());
+            }
+            append(all.image, own.image);
+        }
+        std::ranges::sort(all.image.log, SpikeRecordLess());
+        all.blobs = blobs_.front();
+        return all;
+    }
+
+private:
+    using Blobs = std::vector<std::pair<std::string, Blob>>;
+
+    std::size_t count() const { return setting_.backends.size(); }
+    bool isComplete() const { return failure_.empty() && !runs_.empty(); }
+    bool isAlive() const { return isComplete() && runs_.front()->isAlive(); }
+
+    /// Runs to `until` ns on `ranks` ranks, in one process for 0. `from`: the cut from which this
+    /// piece goes on, null for the first one.
+    void runPiece(std::size_t ranks, const Cut* from, ModelTime until) {
+        const std::vector<std::unique_ptr<PiecedRun>> before = std::move(runs_);
+        const Blob bytes = from == nullptr ? Blob() : blobs_.front().back().second;
+        const std::size_t count = std::max<std::size_t>(ranks, 1);
+        runs_ = std::vector<std::unique_ptr<PiecedRun>>(count);
+        blobs_ = std::vector<Blobs>(count);
+        const auto runRank = [&](IRankGroup* group) {
+            const std::size_t rank = group == nullptr ? 0 : group->rank();
+            runs_[rank] =
+                startRun(model_, {Manner::ranks, {setting_.backends[rank]}, nullptr, group});
+            PiecedRun& run = *runs_[rank];
+            if (from != nullptr) run.goOnFrom(*before.front(), *from, bytes);
+            run.advance(until);
+            if (run.isAlive()) run.addBlobs(blobs_[rank]);
+        };
+        try {
+            if (ranks == 0) {
+                runRank(nullptr);
+            } else {
+                ThreadRanks(static_cast<std::uint32_t>(ranks)).run([&](IRankGroup& group) {
+                    runRank(&group);
+                });
+            }
+        } catch (const std::exception& failure) {
+            failure_ = std::string("the ranks failed: ") + failure.what();
+            return;
+        }
+        for (const std::unique_ptr<PiecedRun>& run : runs_) {
+            for (const WindowTrace::Window& window : run->trace().windows()) {
+                ends_.insert(window.end);
+            }
+        }
+    }
+    /// What all ranks have alike: outcomes, observations, profile, and what the parts store.
+    RunResults common(RunResults results, std::size_t rank) const {
+        const WindowProfile profile = results.image.profile;
+        results.image = {};
+        results.image.profile = profile;
+        results.blobs = blobs_[rank];
+        if (!results.blobs.empty()) results.blobs.pop_back();
+        return results;
+    }
+    /// Adds what a rank has of its own neurons.
+    static void append(RunImage& all, const RunImage& own) {
+        const auto add = [](auto& list, const auto& part) {
+            list.insert(list.end(), part.begin(), part.end());
+        };
+        add(all.states, own.states);
+        add(all.random_states, own.random_states);
+        add(all.candidates, own.candidates);
+        add(all.log, own.log);
+    }
+
+    const SoakModel& model_;
+    Setting setting_;
+    std::vector<std::unique_ptr<PiecedRun>> runs_;  ///< of the last piece, by rank
+    std::vector<Blobs> blobs_;                      ///< at its end, by rank
+    std::set<ModelTime> ends_;                      ///< ns, of the windows of all ranks
+    std::string failure_;                           ///< of the ranks, which a run does not record
 };
 
 }  // namespace
@@ -449,7 +638,7 @@ struct Soak::Backends {
     struct Way {
         std::string name;
         Manner manner = Manner::ordinary;
-        IWindowBackend* backend = nullptr;
+        std::vector<IWindowBackend*> backends;  ///< as in Setting; none for Manner::cut
     };
 
     Backends() {
@@ -465,15 +654,22 @@ struct Soak::Backends {
         add("threads-lanes", threads_in_lanes);
         add("threads-7", many_threads);
 #endif
-        ways.push_back({"plain-store", Manner::plain_store, &cpu});
-        ways.push_back({"short-ring", Manner::short_ring, &cpu});
-        ways.push_back({"unwatched", Manner::unwatched, &cpu});
-        ways.push_back({"resident", Manner::resident, &device_whole});
-        ways.push_back({"cut", Manner::cut, nullptr});
+        ways.push_back({"plain-store", Manner::plain_store, {&cpu}});
+        ways.push_back({"short-ring", Manner::short_ring, {&cpu}});
+        ways.push_back({"unwatched", Manner::unwatched, {&cpu}});
+        ways.push_back({"resident", Manner::resident, {&device_whole}});
+        ways.push_back({"cut", Manner::cut, {}});
+        IWindowBackend* const three[] = {&of_ranks[0], &of_ranks[1], &of_ranks[2]};
+        ways.push_back({"ranks-2", Manner::ranks, {three, three + 2}});
+        ways.push_back({"ranks-3", Manner::ranks, {three, three + 3}});
+#ifdef KELM_HAVE_THREADS
+        ways.push_back({"ranks-2-threads", Manner::ranks, {&of_rank_0, &of_rank_1}});
+#endif
+        ways.push_back({"ranks-cut", Manner::ranks_cut, {three, three + 3}});
     }
 
     void add(std::string name, IWindowBackend& backend) {
-        ways.push_back({std::move(name), Manner::ordinary, &backend});
+        ways.push_back({std::move(name), Manner::ordinary, {&backend}});
     }
     const Way* find(const std::string& name) const {
         const auto found = std::find_if(ways.begin(), ways.end(),
@@ -493,7 +689,10 @@ struct Soak::Backends {
     ThreadedCpuBackend threads{3, 1};
     ThreadedCpuBackend threads_in_lanes{LaneCpuBackend(), 2, 1};
     ThreadedCpuBackend many_threads{7, 1};
+    ThreadedCpuBackend of_rank_0{2, 1};
+    ThreadedCpuBackend of_rank_1{2, 1};
 #endif
+    CpuWindowBackend of_ranks[3];
     std::vector<Way> ways;
 };
 
@@ -522,17 +721,22 @@ void Soak::addBackend(std::string name, IWindowBackend& backend) {
     backends_->add(std::move(name), backend);
 }
 
+void Soak::addRanks(std::string name, std::vector<IWindowBackend*> backends) {
+    backends_->ways.push_back({std::move(name), Manner::ranks, std::move(backends)});
+}
+
 std::vector<std::string> Soak::ways() const {
     std::vector<std::string> names;
     for (const Backends::Way& way : backends_->ways) names.push_back(way.name);
     return names;
 }
 
-/// A team ends an endless run somewhere in a window, and other backends before it.
+/// A team ends an endless run somewhere in a window, other backends before it, and a rank by the
+/// windows and candidates of its own neurons.
 bool Soak::isComparable(const std::string& name, SoakRun& expected) const {
     const Backends::Way& way = *backends_->find(name);
-    const bool has_team = way.backend == nullptr || way.backend->team() != nullptr;
-    return !has_team || !expected.trace().hasReachedLimit();
+    const bool ends_elsewhere = way.backends.size() != 1 || way.backends.front()->team() != nullptr;
+    return !ends_elsewhere || !expected.trace().hasReachedLimit();
 }
 
 bool Soak::applies(const std::string& name, const SoakModel& model) const {
@@ -543,8 +747,15 @@ bool Soak::applies(const std::string& name, const SoakModel& model) const {
             return model.isComposed();
         case Manner::resident:
             return model.kind == ModelKind::resident;
+        case Manner::plain_store:
+        case Manner::short_ring:
+            return !model.isComposed() || !model.spreads;  // makeRuntime takes no store
         case Manner::cut:
             return !model.cuts.empty();
+        case Manner::ranks:
+            return model.spreads;
+        case Manner::ranks_cut:
+            return model.spreads && !model.cuts.empty();
         default:
             return true;
     }
@@ -558,15 +769,17 @@ std::unique_ptr<SoakRun> Soak::start(const SoakModel& model, const std::string& 
     Setting setting;
     setting.manner = way->manner;
     if (way->manner == Manner::resident) setting.resident = &backends_->device_whole;
-    if (way->backend != nullptr) {
-        setting.backends = {way->backend};
-    } else {
+    setting.backends = way->backends;
+    if (way->manner == Manner::cut) {
         for (const Backends::Way& other : backends_->ways) {
-            if (other.manner == Manner::ordinary) setting.backends.push_back(other.backend);
+            if (other.manner != Manner::ordinary) continue;
+            setting.backends.push_back(other.backends.front());
         }
     }
-    if (model.isComposed()) return std::make_unique<RuntimeRun>(model, std::move(setting));
-    return std::make_unique<EngineRun>(model, std::move(setting));
+    if (way->manner == Manner::ranks || way->manner == Manner::ranks_cut) {
+        return std::make_unique<RanksRun>(model, std::move(setting));
+    }
+    return startRun(model, std::move(setting));
 }
 
 std::optional<FirstDifference> Soak::compare(const SoakModel& model, const std::string& left,

@@ -14,8 +14,8 @@
 #include "kelm/engine/IWindowBackend.h"
 
 // Runs one generated model in every way: on every backend, over other event stores, whole on a
-// device, without a recorder, and cut into pieces that other objects on other backends continue.
-// All ways must show and leave the same bits.
+// device, without a recorder, on several ranks, and cut into pieces that other objects on other
+// backends or ranks continue. All ways must show and leave the same bits.
 
 namespace Lumenar::Core::Kelm::Fuzzing {
 
@@ -73,6 +73,9 @@ public:
 
     /// Adds a way that runs on `backend`, which must outlive this object.
     void addBackend(std::string name, IWindowBackend& backend);
+    /// Adds a way that runs on as many ranks as there are `backends`, which must outlive this
+    /// object.
+    void addRanks(std::string name, std::vector<IWindowBackend*> backends);
 
     /// The names of all ways, the reference first.
     std::vector<std::string> ways() const;

@@ -199,6 +199,17 @@ bool makePlain(SoakModel& model, const std::function<bool(const SoakModel&)>& di
     return plainer;
 }
 
+/// Whether all deliveries of a model lie well before the end of time. Ranks refuse others.
+bool endsEarly(const SoakModel& model) {
+    ModelTime longest = model.window();
+    for (const Synapse& synapse : model.network().synapses) {
+        longest = std::max(longest, synapse.delay);
+    }
+    // The last window may begin right before the end of the run.
+    return model.end() <= last_model_time - model.window() &&
+           model.end() + model.window() <= last_model_time - longest;
+}
+
 /// Tries once to leave out each part. False if nothing could be left out.
 bool shrinkOnce(SoakModel& model, const std::function<bool(const SoakModel&)>& differs) {
     bool smaller = false;
@@ -294,6 +305,9 @@ SoakModel generateSoakModel(std::uint64_t seed, std::optional<ModelKind> kind) {
     } else {
         model.network() = generateModel(seed, traitsOf(model.kind, draws));
     }
+    // These models lack what ranks refuse. The others have all of it.
+    model.spreads = seed % 4 == 1 && model.kind != ModelKind::resident && endsEarly(model);
+    if (model.spreads) model.composed.parts &= ~(learning_part | one_process_part);
     const auto anyTime = [&] {
         return draws.timeBelow(static_cast<std::uint64_t>(model.network().horizon));
     };
@@ -336,7 +350,8 @@ std::string SoakModel::text() const {
         << net.synapses.size() << " synapses, " << net.inputs.size() << " inputs, "
         << (isComposed() ? composed.steps.size() : 0) << " steps, " << cuts.size()
         << " cuts, horizon " << net.horizon << " ns, windows of " << window() << " ns"
-        << (net.declares_d_min ? "" : " (by the synapses)") << ", run seed " << net.run_seed << '\n'
+        << (net.declares_d_min ? "" : " (by the synapses)") << ", run seed " << net.run_seed
+        << (spreads ? ", also on ranks" : "") << '\n'
         << std::hexfloat;
     for (std::uint64_t n = 0; n < net.node_count; ++n) {
         const Kernel::Neuron& neuron = net.neurons[n];

@@ -41,6 +41,9 @@ struct SoakModel {
     Testing::ComposedModel composed;  ///< a bare engine uses only its network
     std::vector<Cut> cuts;            ///< ascending
     std::vector<ModelTime> moments;   ///< ns, times of an engine's observations
+    /// Several ranks can run the model: it does nothing that they refuse. If it is a runtime,
+    /// makeRuntime makes it in every way.
+    bool spreads = false;
 
     Testing::GeneratedModel& network() { return composed.network; }
     const Testing::GeneratedModel& network() const { return composed.network; }

@@ -14,6 +14,7 @@
 #include <string>
 #include <utility>
 
+#include "kelm/core/ShardRanges.h"
 #include "kelm/core/SplitMix64.h"
 #include "kelm/engine/CpuWindowBackend.h"
 
@@ -49,9 +50,9 @@ private:
     CpuWindowBackend cpu_;
 };
 
-/// Plants the fault in a late window of the model, for a neuron from 2 on whose result it changes.
-/// False if there is none.
-bool plant(Soak& soak, const SoakModel& model, FaultyBackend& fault) {
+/// Plants the fault in a late window of the model, for a neuron from `first` on whose result it
+/// changes. False if there is none.
+bool plant(Soak& soak, const SoakModel& model, FaultyBackend& fault, NodeId first = 2) {
     const auto whole = soak.start(model, Soak::reference);
     whole->advance(model.network().horizon);
     const auto& windows = whole->trace().windows();
@@ -62,7 +63,8 @@ bool plant(Soak& soak, const SoakModel& model, FaultyBackend& fault) {
         for (const WindowTrace::Item& item : again->trace().kept()) {
             Kernel::WindowResult spoiled = item.result;
             fault.spoil(spoiled);
-            if (item.work.neuron < 2 || std::memcmp(&spoiled, &item.result, sizeof spoiled) == 0) {
+            if (item.work.neuron < first ||
+                std::memcmp(&spoiled, &item.result, sizeof spoiled) == 0) {
                 continue;
             }
             fault.window_end = windows[place].end;
@@ -133,6 +135,40 @@ TEST(Soak, NamesTheWindowTheNeuronAndTheFieldOfAPlantedFaultAndShrinksTheModel) 
             EXPECT_EQ(smallest->difference.what.neuron, fault.neuron);
             EXPECT_EQ(soak.compare(smallest->model, "cpu", "device"), std::nullopt);
         }
+    }
+}
+
+TEST(Soak, NamesAndShrinksAFaultOfOneRank) {
+    for (const ModelKind kind : {ModelKind::plain, ModelKind::composed}) {
+        SCOPED_TRACE(nameOf(kind));
+        FaultyBackend fault;
+        fault.spoil = [](Kernel::WindowResult& result) { result.rng += splitmix_increment; };
+        CpuWindowBackend sound;
+        Soak soak;
+        soak.addRanks("faulty", {&sound, &fault});
+        SoakModel model;
+        std::uint64_t seed = 1;
+        for (; seed < 400; ++seed) {
+            model = generateSoakModel(seed, kind);
+            const std::uint64_t neurons = model.network().node_count;
+            if (!soak.applies("faulty", model) || neurons < 10) continue;
+            if (plant(soak, model, fault, Kernel::shardBegin(neurons, 2, 1))) break;
+        }
+        ASSERT_LT(seed, 400);
+
+        const auto finding = soak.examine(model, "faulty");
+        ASSERT_TRUE(finding.has_value() && finding->repeats);
+        EXPECT_EQ(finding->difference.window, fault.window_end / model.window() - 1);
+        EXPECT_EQ(finding->difference.what.neuron, fault.neuron);
+        EXPECT_EQ(finding->difference.what.field, "random state at byte 0");
+
+        const auto smallest = soak.shrink(model, "faulty");
+        ASSERT_TRUE(smallest.has_value());
+        EXPECT_TRUE(soak.applies("faulty", smallest->model));
+        EXPECT_EQ(smallest->model.network().node_count, fault.neuron + 1);
+        EXPECT_LE(smallest->model.network().synapses.size(), 3);
+        EXPECT_EQ(smallest->difference.what.neuron, fault.neuron);
+        EXPECT_EQ(soak.compare(smallest->model, "cpu", "ranks-2"), std::nullopt);
     }
 }
 
