@@ -1,5 +1,6 @@
 #include "kelm/core/IRankGroup.h"
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -11,6 +12,7 @@ namespace Lumenar::Core::Kelm {
 IRankGroup::IRankGroup() { message_.reserve(1); }
 
 std::span<const BlobView> IRankGroup::share(BlobView own) {
+    agreed_ = nullptr;  // whoever has caught it goes on
     message_.assign(own.begin(), own.end());
     message_.push_back(0);
     views_.resize(size());
@@ -30,6 +32,21 @@ std::span<const BlobView> IRankGroup::collect(BlobView own) {
 std::span<const BlobView> IRankGroup::swap(std::span<const Blob> outgoing) {
     share({});
     return swapBytes(outgoing);
+}
+
+bool IRankGroup::all(bool own) {
+    const std::uint8_t flag = own ? 1 : 0;
+    const auto flags = share({&flag, 1});
+    return std::ranges::all_of(
+        flags, [](BlobView other) { return other.size() == 1 && other.front() == 1; });
+}
+
+std::optional<std::uint32_t> IRankGroup::firstDifferent(BlobView own) {
+    const auto others = share(own);
+    for (std::uint32_t r = 1; r < others.size(); ++r) {
+        if (!std::ranges::equal(others[r], others[0])) return r;
+    }
+    return std::nullopt;
 }
 
 /// Throws the failure of another rank. `image`: empty from a rank without memory.

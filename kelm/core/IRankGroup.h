@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <optional>
 #include <span>
 #include <type_traits>
 #include <utility>
@@ -51,6 +52,11 @@ public:
             fail(std::current_exception());
         }
     }
+    /// Whether `own` is true on all ranks.
+    bool all(bool own);
+    /// The first rank whose bytes differ from those of rank 0.
+    std::optional<std::uint32_t> firstDifferent(BlobView own);
+
     /// Ends together() of all ranks with `failure`, unless all of them know it already.
     [[noreturn]] void fail(const std::exception_ptr& failure);
     /// All ranks know that `failure` ends what they do together.

@@ -2,6 +2,7 @@
 #include <cstring>
 #include <numeric>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "kelm/core/Blob.h"
@@ -34,13 +35,34 @@ struct RemoteSynapse {
     bool transmits() const { return (key & 1) != 0; }
 };
 
+/// `i`: of a synapse of a share.
+std::string misplaced(std::size_t i, const char* rule) {
+    return "synapse " + std::to_string(i) + " of a share " + rule;
+}
+
 }  // namespace
 
 SynapseGraph SynapseGraph::shareOf(std::uint64_t node_count, std::optional<ModelTime> min_delay,
                                    NodeId begin, NodeId end, std::span<const Synapse> synapses,
                                    std::span<const EdgeId> edges) {
+    if (begin > end || end > node_count) {
+        throw std::invalid_argument("the neurons of a share do not lie in the network");
+    }
+    if (synapses.size() != edges.size()) {
+        throw std::invalid_argument("the synapses of a share need one EdgeId each");
+    }
     SynapseGraph graph(Empty(), node_count, min_delay, synapses.size());
-    for (const Synapse& synapse : synapses) graph.append(synapse);
+    for (std::size_t i = 0; i < synapses.size(); ++i) {
+        const Synapse& synapse = synapses[i];
+        graph.append(synapse);
+        if (synapse.target < begin || synapse.target >= end) {
+            throw std::invalid_argument(misplaced(i, "enters a neuron of another rank"));
+        }
+        const auto placeOf = [&](std::size_t k) { return std::pair(synapses[k].source, edges[k]); };
+        if (i > 0 && placeOf(i) <= placeOf(i - 1)) {
+            throw std::invalid_argument(misplaced(i, "must lie behind the one before"));
+        }
+    }
     GraphShare& share = graph.share_.emplace();
     share.begin = begin;
     share.end = end;
@@ -157,6 +179,11 @@ SynapseGraph SynapseGraph::buildShare(std::uint64_t node_count, std::optional<Mo
     });
 }
 
+bool SynapseGraph::isShareOf(const IRankGroup& ranks) const {
+    return share_ && share_->begin == Kernel::shardBegin(node_count_, ranks.size(), ranks.rank()) &&
+           share_->end == Kernel::shardEnd(node_count_, ranks.size(), ranks.rank());
+}
+
 /// The owner of a source gets the number of its synapses of each order from all ranks, and returns
 /// the EdgeId of the first one of each.
 void SynapseGraph::makeShare(NodeId begin, NodeId end, LargeArray<std::uint64_t> order,
@@ -241,23 +268,24 @@ void SynapseGraph::makeShare(NodeId begin, NodeId end, LargeArray<std::uint64_t>
 void SynapseGraph::visitNetwork(IRankGroup& ranks,
                                 const std::function<void(const Synapse&, bool)>& visit) const {
     const LargeArray<EdgeId>& edges = share_->network_edges;
-    const bool ascending = std::ranges::is_sorted(edges);
+    // Own synapses in the order of the network, unless they have it.
+    LargeArray<EdgeId> order;
+    if (!std::ranges::is_sorted(edges)) {
+        order.resize(edges.size());
+        std::iota(order.begin(), order.end(), EdgeId{0});
+        std::ranges::sort(order, {}, [&](EdgeId id) { return edges[id]; });
+    }
     Blob own;
     Blob block;
-    EdgeId next = 0;  // own synapses before it are sent, if they ascend
+    EdgeId next = 0;  // in that order; those before it are sent
     for (EdgeId first = 0; first < share_->edge_count; first += block_edges) {
         const EdgeId count = std::min(block_edges, share_->edge_count - first);
         own.clear();
-        const auto send = [&](EdgeId id) {
+        for (; next < edges.size(); ++next) {
+            const EdgeId id = order.empty() ? next : order[next];
+            if (edges[id] - first >= count) break;
             appendU64(own, edges[id] - first);
             appendSynapse(own, synapses_[id], synapses_.isRouted(id));
-        };
-        if (ascending) {
-            for (; next < edges.size() && edges[next] - first < count; ++next) send(next);
-        } else {
-            for (EdgeId id = 0; id < edges.size(); ++id) {
-                if (edges[id] - first < count) send(id);
-            }
         }
         if (ranks.rank() == 0) block.resize(count * synapse_bytes);
         for (BlobView from : ranks.collect(own)) {
@@ -320,6 +348,12 @@ void SynapseGraph::refuseSwitch() {
 /// of the source, orders them, and returns the places.
 void SynapseGraph::countShare(IRankGroup& ranks) {
     GraphShare& share = *share_;
+    Blob network;
+    appendU64(network, node_count_);
+    if (const auto rank = ranks.firstDifferent(network)) {
+        throw std::invalid_argument("rank " + std::to_string(*rank) +
+                                    " has another number of neurons than rank 0");
+    }
     // Runs have the ids of the places that they were posted with.
     holder_link_.expandRuns();
     const Routes& routes = outRoutes();
@@ -412,6 +446,12 @@ void SynapseGraph::countShare(IRankGroup& ranks) {
         all.longest_delay = std::max(all.longest_delay, limits.longest_delay);
         all.routed_count += limits.routed_count;
         all.edge_count += limits.edge_count;
+    }
+    const auto last = std::ranges::max_element(share.network_edges);
+    if (last != share.network_edges.end() && *last >= all.edge_count) {
+        throw std::invalid_argument("a share has EdgeId " + std::to_string(*last) +
+                                    ", and the network has " + std::to_string(all.edge_count) +
+                                    " synapses");
     }
     share.smallest_delay.reset();
     if (all.routed_count != 0) share.smallest_delay = all.smallest_delay;

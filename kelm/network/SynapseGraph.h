@@ -446,6 +446,10 @@ public:
     // those that enter a range of neurons. Its EdgeIds are its own, by source.
 
     const std::optional<GraphShare>& share() const { return share_; }
+    /// Whether this is the share of the rank, by the layout formula.
+    bool isShareOf(const IRankGroup& ranks) const;
+    /// The number of synapses of the whole network.
+    std::uint64_t networkEdgeCount() const { return share_ ? share_->edge_count : edgeCount(); }
     /// The EdgeId in the network of the synapse `edge`.
     EdgeId networkEdge(EdgeId edge) const { return share_ ? share_->network_edges[edge] : edge; }
     /// routedCount() of the network.
@@ -454,7 +458,8 @@ public:
     }
     /// The share of the neurons from `begin` to below `end` of a network of `node_count` neurons.
     /// `synapses`: those that enter the range, with their EdgeIds in the network in `edges`, both
-    /// ascending by source, then EdgeId. Throws as the constructor from a list.
+    /// ascending by source, then EdgeId. Throws as the constructor from a list, and
+    /// std::invalid_argument for synapses of other ranges or in another order.
     static SynapseGraph shareOf(std::uint64_t node_count, std::optional<ModelTime> min_delay,
                                 NodeId begin, NodeId end, std::span<const Synapse> synapses,
                                 std::span<const EdgeId> edges);

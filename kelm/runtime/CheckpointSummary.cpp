@@ -344,7 +344,7 @@ std::string checkpointRefusal(BlobView bytes, const KelmRuntime& runtime) {
     differences.compare("error channels", summary.error_channels,
                         prediction ? prediction->channels().size() : 0);
     differences.compare("neurons", summary.neurons, graph.nodeCount());
-    differences.compare("synapses", summary.synapses, graph.edgeCount());
+    differences.compare("synapses", summary.synapses, graph.networkEdgeCount());
     if (summary.config_id != runtime.configId()) {
         differences.add(RefusedCheckpoint::configId(summary.config_id, runtime.configId()));
     }

@@ -179,9 +179,7 @@ std::vector<Finding> validate(const SynapseGraph& network, IRankGroup* ranks) {
         const Synapse synapse = network.edge(id);
         if (synapse.delay < shortest_time) found.add(network.networkEdge(id), synapse);
     }
-    std::uint64_t edge_count = network.edgeCount();
     if (ranks != nullptr) {
-        edge_count = network.share()->edge_count;
         Blob own;
         appendImage(own, found);
         found = {};
@@ -193,7 +191,7 @@ std::vector<Finding> validate(const SynapseGraph& network, IRankGroup* ranks) {
     }
     if (found.count == 0) return {};
     return {{Finding::Severity::warning, "delay",
-             std::to_string(found.count) + " of " + std::to_string(edge_count) +
+             std::to_string(found.count) + " of " + std::to_string(network.networkEdgeCount()) +
                  " synapses have a delay below " + decimal(shortest_time) + " ns, first synapse " +
                  std::to_string(found.first) + " (" + std::to_string(found.source) + " to " +
                  std::to_string(found.target) + ") of " + decimal(found.delay) +
