@@ -9,6 +9,7 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
@@ -17,6 +18,7 @@
 #include <ctime>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 #include "kelm/kelm.h"
 #include "kelm/mpi/MpiProcess.h"
@@ -37,9 +39,11 @@ struct Settings {
 };
 
 std::uint64_t numberOf(const std::string& option, const std::string& text) {
-    std::size_t used = 0;
-    const unsigned long long value = std::stoull(text, &used);
-    if (used != text.size() || text.front() == '-') {
+    std::uint64_t value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [read, error] = std::from_chars(text.data(), end, value);
+    // As many ms as fit into a ModelTime.
+    if (read != end || error != std::errc() || value > last_model_time / ms) {
         throw std::invalid_argument(option + " takes a whole number, not " + text);
     }
     return value;
