@@ -172,6 +172,10 @@ public:
     static constexpr const char* learning_on_ranks =
         "weights cannot learn in a network on several ranks: a trace of a source changes with the "
         "spikes of its targets, which lie on other ranks";
+    /// `thing`: what rank `rank` has in another form than rank 0.
+    static std::string otherOnRank(const std::string& thing, std::uint32_t rank) {
+        return "rank " + std::to_string(rank) + " has another " + thing + " than rank 0";
+    }
     static std::string populationSizes(const std::string& sum, std::uint64_t neurons) {
         return "the populations have " + sum + " neurons, and the network has " +
                std::to_string(neurons);

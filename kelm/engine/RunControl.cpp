@@ -50,7 +50,7 @@ void RunControl::report(ModelTime position, std::uint64_t spikes) {
     const auto model = static_cast<double>(position - reported_position_);
     reported_at_ = now;
     reported_position_ = position;
-    callback_({position, spikes, wall > 0 ? model / static_cast<double>(wall) : 0.0});
+    if (reports_) callback_({position, spikes, wall > 0 ? model / static_cast<double>(wall) : 0.0});
 }
 
 }  // namespace Lumenar::Core::Kelm

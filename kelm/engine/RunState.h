@@ -26,6 +26,11 @@ inline std::logic_error notOverRanks(const char* what) {
     return std::logic_error(std::string(what) + " cannot be spread over several ranks yet");
 }
 
+[[noreturn]] inline void refuseCalls(std::uint32_t rank) {
+    throw std::logic_error("the ranks of a network have made different calls: see rank " +
+                           std::to_string(rank));
+}
+
 /// Working storage of a shard in one run, cleared but not released from window to window.
 struct WindowEngine::Shard {
     Shard(std::size_t place, NodeId first_neuron, NodeId end_neuron)
@@ -143,7 +148,10 @@ void WindowEngine::gatherEverywhere(Values& values) {
     Blob own;
     appendBytes(own, values.data(), values.size() * sizeof values[0]);
     Values all;
+    std::uint32_t rank = 0;
     for (const BlobView from : ranks_->share(own)) {
+        if (from.size() % sizeof values[0] != 0) refuseCalls(rank);
+        ++rank;
         const std::size_t place = all.size();
         all.resize(place + from.size() / sizeof values[0]);
         if (!from.empty()) std::memcpy(all.data() + place, from.data(), from.size());

@@ -108,6 +108,7 @@ WindowEngine::WindowEngine(SynapseGraph graph, ParameterTable parameters, std::u
 /// already set.
 WindowCalendar WindowEngine::buildCalendar(std::unique_ptr<IEventStore>&& store) {
     onEachRank(ranks_, [&] { requireBuildable(store != nullptr); });
+    if (ranks_ != nullptr) requireEqualRanks();
     if (store != nullptr) return WindowCalendar(graph_, std::move(store));
     if (ranks_ != nullptr && !graph_.share()->counted) graph_.countShare(*ranks_);
     const std::optional<ModelTime> d_min = graph_.dMin();
@@ -120,8 +121,10 @@ void WindowEngine::requireBuildable(bool has_store) const {
     requireHorizon(horizon_);
     if (graph_.share().has_value() != (ranks_ != nullptr)) {
         throw std::invalid_argument(
-            "several ranks need the share of a network, and a share "
-            "needs its ranks");
+            "several ranks need the share of a network, and a share needs its ranks");
+    }
+    if (ranks_ != nullptr && !graph_.isShareOf(*ranks_)) {
+        throw std::invalid_argument("the share of the network is not that of this rank");
     }
     if (ranks_ != nullptr && has_store) throw notOverRanks("a store of the caller");
     const std::uint64_t neurons =
@@ -143,6 +146,16 @@ void WindowEngine::requireBuildable(bool has_store) const {
         }
     }
     requireExactFloatingPoint();
+}
+
+void WindowEngine::requireEqualRanks() const {
+    Blob own;
+    appendU64(own, seed_);
+    appendI64(own, horizon_);
+    if (const auto rank = ranks_->firstDifferent(own)) {
+        throw std::invalid_argument("rank " + std::to_string(*rank) +
+                                    " has another seed or horizon than rank 0");
+    }
 }
 
 void WindowEngine::createStreams() {
@@ -234,7 +247,12 @@ void WindowEngine::adoptWholeRun(WholeRun&& run) {
 void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
     onEachRank(ranks_, [] { requireExactFloatingPoint(); });
     stopped_ = false;
-    if (offersWholeRun(until) && backend.tryResidentRun(*this)) return;
+    if (offersWholeRun(until)) {
+        running_ = true;
+        const bool taken = backend.tryResidentRun(*this);
+        running_ = false;
+        if (taken) return;
+    }
     flushPendingRandomStates();
     if (control_ != nullptr) {
         stopped_ = ranks_ == nullptr && control_->takeStopRequest();
@@ -243,7 +261,15 @@ void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
     }
     team_ = backend.team();
     running_ = true;
-    stopped_ = onEachRank(ranks_, [&] { return runWindows(backend, until); });
+    ranks_end_ = false;
+    stopped_ = onEachRank(ranks_, [&] {
+        try {
+            return runWindows(backend, until);
+        } catch (...) {
+            if (ranks_end_) ranks_->agreeOn(std::current_exception());
+            throw;
+        }
+    });
     running_ = false;
     if (control_ != nullptr) control_->end(processed_until_);
 }
@@ -251,6 +277,8 @@ void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
 /// Returns whether the run was stopped before `until`.
 bool WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
     Window window;
+    // An observation may come before the first window.
+    if (ranks_ != nullptr) requireCountedShare();
     agreeOnNextWindow(window);
     if (std::exchange(agreed_stop_, false)) return true;
     setShards(window, firstShardCount());
@@ -277,6 +305,7 @@ bool WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
             if (stopsAfterWindow(window, until)) return true;
             // The callback may have restored the engine, which is then one shard.
             setShards(window, calendar_.shardCount());
+            if (ranks_ != nullptr) requireCountedShare();
         }
     }
     // The observer may post an event before the end.
@@ -293,7 +322,7 @@ bool WindowEngine::stopsAfterWindow(Window& window, ModelTime until) {
     if (ranks_ == nullptr) {
         control_->act(processed_until_, taken_.count + log_.size());
     } else if (std::exchange(agreed_report_, false) && control_ != nullptr) {
-        control_->report(processed_until_, taken_.count + log_count_);
+        ranks_->together([&] { control_->report(processed_until_, taken_.count + log_count_); });
     }
     running_ = true;
     agreeOnNextWindow(window);
@@ -903,10 +932,7 @@ bool WindowEngine::restore(BlobView blob, const TakenSpikes& taken) {
     bool asked = false;
     const auto agree = [&](bool accepts) {
         asked = true;
-        Blob own;
-        appendFlag(own, accepts);
-        for (const BlobView from : ranks_->share(own)) accepts = accepts && from.front() != 0;
-        return accepts;
+        return ranks_->all(accepts);
     };
     return ranks_->together([&] {
         const bool restored = restoreHere(blob, taken, agree);

@@ -126,6 +126,10 @@ public:
     /// Throws SynapseRoutingViolation for a target outside the network, and what the store throws.
     std::uint64_t post(const Event& event) override;
 
+    /// Whether a run is inside a window, or has ended there in an exception. The engine can then
+    /// only be restored or destroyed.
+    bool isInWindow() const { return running_; }
+
     /// Makes `spikes` part of the run, ascending by time in ns, then neuron. They are logged and
     /// delivered as if their neurons had fired; those from the horizon on are dropped. These
     /// neurons must never fire by themselves. No snapshot holds the spikes: an engine that restores
@@ -292,6 +296,8 @@ private:
     bool stopsAfterWindow(Window& window, ModelTime until);
     bool takeStopRequest();
     void requireBuildable(bool has_store) const;
+    void requireEqualRanks() const;
+    void requireCountedShare();
     void requireGivable(std::span<const SpikeRecord> spikes);
     void requireGivable(std::span<const SpikeRecord> spikes, std::size_t i) const;
     void reseedHere(std::uint64_t seed, ModelTime from);
@@ -361,7 +367,8 @@ private:
     void numberCandidates(std::uint64_t first_id);
     template <class Values>
     void gatherEverywhere(Values& values);
-    /// Whether a shard before `shard` may fail, here or on a lower rank.
+    /// Whether a window that a shard has committed may have to be undone, because a shard before it
+    /// or another rank fails.
     bool mayBeUndone(std::size_t shard) const;
     ModelTime nextGivenTime() const {
         return next_given_ < given_.size() ? given_[next_given_].time : no_time;
@@ -388,6 +395,7 @@ private:
     /// Of several ranks: a time in ns in the next window that holds an event on any rank, or
     /// never.
     std::uint64_t agreed_time_ = never;
+    bool ranks_end_ = false;       ///< an item has failed on a rank, which ends the run on all
     bool agreed_stop_ = false;     ///< a rank has a request to stop
     bool agreed_report_ = false;   ///< rank 0 reports after this window, and so do all
     std::uint64_t log_count_ = 0;  ///< length of the log of all ranks

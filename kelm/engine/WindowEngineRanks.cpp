@@ -20,6 +20,7 @@ namespace Lumenar::Core::Kelm {
 struct WindowEngine::Message {
     ModelTime window_start = 0;
     std::uint64_t next_time = never;  ///< in the next window that holds an event
+    std::uint64_t first_id = 0;       ///< of the window
     std::uint64_t id_count = 0;
     WindowProfile counts;
     std::uint64_t spike_count = 0;
@@ -41,18 +42,12 @@ struct WindowEngine::Message {
     };
 };
 
-bool WindowEngine::mayBeUndone(std::size_t shard) const {
-    return shard != 0 || (ranks_ != nullptr && ranks_->rank() != 0);
+bool WindowEngine::mayBeUndone(std::size_t shard) const { return shard != 0 || ranks_ != nullptr; }
+
+void WindowEngine::requireCountedShare() {
+    if (!graph_.isShareOf(*ranks_)) throw notOverRanks("a graph that is not the share of its rank");
+    if (!graph_.share()->counted) graph_.countShare(*ranks_);
 }
-
-namespace {
-
-[[noreturn]] void refuseCalls(std::uint32_t rank) {
-    throw std::logic_error("the ranks of a network have made different calls: see rank " +
-                           std::to_string(rank));
-}
-
-}  // namespace
 
 /// Sends the window's counts and spikes to all ranks, and prepares the posts of what they send.
 /// Makes `counts` those of all ranks.
@@ -64,6 +59,7 @@ WindowEngine::Exchanged WindowEngine::exchange(Window& window, std::size_t shard
     own.stop = control_ != nullptr && control_->takeStopRequest();
     own.report = control_ != nullptr && ranks_->rank() == 0 &&
                  control_->isReportDue(window.event_count, window.end);
+    own.first_id = calendar_.nextId();
     own.id_count = id_count;
     own.counts = counts;
     constexpr std::uint64_t narrow = 0xffffffff;
@@ -101,9 +97,7 @@ WindowEngine::Exchanged WindowEngine::exchange(Window& window, std::size_t shard
         const Blob image = failureImage(failure);
         appendBytes(message, image.data(), image.size());
     }
-    const Exchanged exchanged = receive(window, ranks_->share(message), counts);
-    if (failure && !exchanged.lower_rank_failed) ranks_->agreeOn(failure);
-    return exchanged;
+    return receive(window, ranks_->share(message), counts);
 }
 
 WindowEngine::Exchanged WindowEngine::receive(Window& window, std::span<const BlobView> messages,
@@ -117,19 +111,25 @@ WindowEngine::Exchanged WindowEngine::receive(Window& window, std::span<const Bl
     window.remote_failure = nullptr;
     bool failed = false;
     const auto size = static_cast<std::uint32_t>(messages.size());
-    for (std::uint32_t r = 0; r < size; ++r) {
-        BlobView in = messages[r];
+    const auto headOf = [&](std::uint32_t r) {
         Message message;
-        if (in.size() < sizeof message) refuseCalls(r);
-        std::memcpy(&message, in.data(), sizeof message);
-        in = in.subspan(sizeof message);
+        if (messages[r].size() < sizeof message) refuseCalls(r);
+        std::memcpy(&message, messages[r].data(), sizeof message);
+        return message;
+    };
+    for (std::uint32_t r = 0; r < size; ++r) ranks_end_ = ranks_end_ || headOf(r).failed;
+    for (std::uint32_t r = 0; r < size; ++r) {
+        const Message message = headOf(r);
+        BlobView in = messages[r].subspan(sizeof message);
         if (r == ranks_->rank()) {
             exchanged.first_id = exchanged.next_id;
             exchanged.lower_rank_failed = failed;
         }
         counts.deliveries += message.counts.deliveries;
         if (failed) continue;
-        if (message.window_start != window.start) refuseCalls(r);
+        if (message.window_start != window.start || message.first_id != calendar_.nextId()) {
+            refuseCalls(r);
+        }
         const std::size_t spike_bytes =
             message.is_wide ? sizeof(Message::WideSpike) : sizeof(Message::Spike);
         if (message.spike_count > in.size() / spike_bytes) refuseCalls(r);
@@ -168,7 +168,6 @@ WindowEngine::Exchanged WindowEngine::receive(Window& window, std::span<const Bl
             throwFailure(in);
         } catch (...) {
             window.remote_failure = std::current_exception();
-            ranks_->agreeOn(window.remote_failure);
         }
     }
     return exchanged;
@@ -186,6 +185,7 @@ void WindowEngine::agreeOnNextWindow(Window& window) {
     Message own;
     own.window_start = window.start;
     own.next_time = firstTime();
+    own.first_id = calendar_.nextId();
     own.stop = control_ != nullptr && control_->takeStopRequest();
     Blob message;
     appendImage(message, own);

@@ -56,9 +56,7 @@ void WindowEngine::setShards(Window& window, std::size_t count) {
 
 /// Whether the shards may commit side by side. Prepares the graph for it.
 bool WindowEngine::canCommitApart(Window& window) {
-    if (ranks_ != nullptr && !graph_.share()->counted) {
-        graph_.countShare(*ranks_);
-    }
+    if (ranks_ != nullptr) requireCountedShare();
     if ((team_ == nullptr && ranks_ == nullptr) || !calendar_.canPostApart(window.end) ||
         !random_.canAdvanceApart(spontaneous_, states_.size())) {
         return false;
@@ -262,28 +260,36 @@ void WindowEngine::finishShards(Window& window) {
     std::uint64_t id = calendar_.nextId();
     std::uint64_t next_id = id + id_count;
     window.posts.clear();
+    const auto undo = [&](std::size_t first) {
+        for (std::size_t s = first; s < shards.size(); ++s) {
+            for (const Shard::Committed& before : shards[s].committed) {
+                stateOf(before.neuron) = before.state;
+                random_.setState(spontaneous_, before.neuron, before.rng);
+                calendar_.unschedule(s, before.neuron, before.slot);
+            }
+        }
+    };
     if (ranks_ != nullptr) {
-        const Exchanged all = exchange(window, end, id_count, counts);
-        if (all.lower_rank_failed) end = 0;
-        id = all.first_id;
-        next_id = all.next_id;
+        try {
+            const Exchanged all = exchange(window, end, id_count, counts);
+            if (all.lower_rank_failed) end = 0;
+            id = all.first_id;
+            next_id = all.next_id;
+        } catch (...) {
+            // Another rank has failed before its items, and no rank commits the window.
+            undo(0);
+            throw;
+        }
     }
+    undo(end);
     profile_.windows += counts.windows;
     profile_.deliveries += counts.deliveries;
     profile_.updates += counts.updates;
     profile_.candidates += counts.candidates;
     profile_.accepted += counts.accepted;
-    for (std::size_t s = 0; s < shards.size(); ++s) {
+    for (std::size_t s = 0; s < end; ++s) {
         Shard& shard = shards[s];
         shard.first_id = id;
-        if (s >= end) {
-            for (const Shard::Committed& before : shard.committed) {
-                stateOf(before.neuron) = before.state;
-                random_.setState(spontaneous_, before.neuron, before.rng);
-                calendar_.unschedule(s, before.neuron, before.slot);
-            }
-            continue;
-        }
         id += shard.id_count;
         for (const Shard::Spike& spike : shard.spikes) log_.push_back({spike.time, spike.neuron});
         if (!shard.spikes.empty()) log_sorted_ = false;

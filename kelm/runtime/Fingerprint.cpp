@@ -280,8 +280,16 @@ std::uint64_t fingerprint(IRankGroup& ranks, SynapseGraph& share, const Paramete
         });
         addModel(print, parameters, horizon, plasticity, phase, recorder, input_channels,
                  prediction, given_spikes);
-        // Only rank 0 has seen the synapses.
+        Fingerprint model;
+        addModel(model, parameters, horizon, plasticity, phase, recorder, input_channels,
+                 prediction, given_spikes);
         Blob own;
+        appendU64(own, model.value());
+        if (const auto rank = ranks.firstDifferent(own)) {
+            throw InvalidModel(InvalidModel::otherOnRank("model", *rank));
+        }
+        // Only rank 0 has seen the synapses.
+        own.clear();
         appendU64(own, print.value());
         std::uint64_t value = 0;
         std::memcpy(&value, ranks.share(own).front().data(), sizeof value);

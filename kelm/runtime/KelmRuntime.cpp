@@ -222,7 +222,7 @@ void KelmRuntime::run(ModelTime until) {
     try {
         engine_.run(*backend_, until);
     } catch (...) {
-        if (phase_ == Phase::running) phase_ = Phase::failed;
+        phase_ = engine_.isInWindow() ? Phase::failed : Phase::ready;
         throw;
     }
     phase_ = Phase::ready;
@@ -247,12 +247,7 @@ void KelmRuntime::setProgress(std::function<void(const RunProgress&)> callback,
         [this, report = std::move(callback)](const RunProgress& progress) {
             position_ = reachedBy(progress.position);
             phase_ = Phase::reporting;
-            try {
-                report(progress);
-            } catch (...) {
-                phase_ = Phase::ready;
-                throw;
-            }
+            report(progress);
             phase_ = Phase::running;
         },
         interval.count());
@@ -508,11 +503,14 @@ bool KelmRuntime::restore(BlobView bytes) {
 bool KelmRuntime::restoreHere(BlobView bytes) {
     BlobReader in(bytes);
     Checkpoint::Head head;
-    if (!Checkpoint::readHead(in, engine_version, head)) return false;
-    if (head.config_id != config_id_ || head.seed != seed_ || head.label != label_) return false;
     State state;
+    bool accepts = Checkpoint::readHead(in, engine_version, head) && head.config_id == config_id_ &&
+                   head.seed == seed_ && head.label == label_;
     state.position = head.position;
-    if (!readState(in, state) || !engine_.restore(state.engine, state.taken)) return false;
+    accepts = accepts && readState(in, state);
+    // Each rank may have read a file of its own.
+    if (ranks_ != nullptr) accepts = ranks_->all(accepts);
+    if (!accepts || !engine_.restore(state.engine, state.taken)) return false;
     std::vector<SpikeRecord> uncounted = std::move(state.uncounted);
     const bool has_taken = state.taken.count != 0;
     if (checked_ && recorder_ && !has_taken) {

@@ -121,6 +121,8 @@ public:
     /// All spikes so far that were not taken, by time, then neuron. Valid until the next run or
     /// take.
     std::span<const SpikeRecord> spikeLog() { return engine_.spikeLog(); }
+    /// spikeLog() of all ranks, in the same order. To be called by all ranks.
+    std::vector<SpikeRecord> networkLog() { return engine_.networkLog(); }
     /// 64-bit digest of all spikes so far, whether taken or not.
     std::uint64_t logHash() { return engine_.logHash(); }
     /// Moves the spikes out of spikeLog(), which is then empty, so that a run of any length needs
@@ -128,7 +130,7 @@ public:
     /// WindowEngineError, with nothing taken, during a run, and for a store that hands out windows
     /// out of order.
     std::vector<SpikeRecord> takeSpikes() { return engine_.takeSpikes(); }
-    /// How many spikes were taken, also before a checkpoint that was restored.
+    /// How many spikes were taken, on all ranks, also before a checkpoint that was restored.
     std::uint64_t takenSpikes() const { return engine_.taken().count; }
     /// Every spike with its oscillators' phases, in the order of commit. Empty without oscillators.
     /// The list only grows.

@@ -9,7 +9,6 @@
 
 #include "kelm/core/Failures.h"
 #include "kelm/core/IRankGroup.h"
-#include "kelm/core/ShardRanges.h"
 #include "kelm/runtime/Fingerprint.h"
 #include "kelm/runtime/Validation.h"
 
@@ -88,13 +87,12 @@ void requireShare(const SynapseGraph& network, const IRankGroup* ranks) {
     if (network.share().has_value() != (ranks != nullptr)) {
         throw InvalidModel(InvalidModel::share_and_ranks);
     }
-    if (ranks == nullptr) return;
-    const std::uint64_t neurons = network.nodeCount();
-    if (network.share()->begin != Kernel::shardBegin(neurons, ranks->size(), ranks->rank()) ||
-        network.share()->end != Kernel::shardEnd(neurons, ranks->size(), ranks->rank())) {
+    if (ranks != nullptr && !network.isShareOf(*ranks)) {
         throw InvalidModel(InvalidModel::share_of_another_rank);
     }
 }
+
+Blob bytesOf(const std::string& text) { return {text.begin(), text.end()}; }
 
 /// Throws the texts of all errors, if there are any.
 void refuseErrors(std::span<const Finding> findings) {
@@ -136,6 +134,9 @@ std::unique_ptr<KelmRuntime> makeRuntime(SynapseGraph network, RuntimeOptions op
             config_id = fingerprint(
                 *ranks, network, parameters, options.horizon, options.plasticity, options.phase,
                 options.recorder, options.input_channels, options.prediction, options.given_spikes);
+            if (const auto rank = ranks->firstDifferent(bytesOf(options.label))) {
+                throw InvalidModel(InvalidModel::otherOnRank("label", *rank));
+            }
             parameters = parameters.part(network.share()->begin, network.share()->end);
         }
         std::unique_ptr<KelmRuntime> runtime(new KelmRuntime(

@@ -41,9 +41,9 @@ struct RuntimeOptions {
     std::optional<PredictionConfig> prediction = {};  ///< error channels
     std::string label = "unknown";                    ///< a name in checkpoints
     /// The processes that hold the network, which is then the share of this one; null for one
-    /// process. They must outlive the runtime, and all of them make the same calls. The spike log
-    /// and taken spikes, states, candidates and streams of the runtime, and the EdgeIds of its
-    /// graph, are then those of this process; all else is that of the network.
+    /// process. They must outlive the runtime, and all of them make the same calls. What
+    /// spikeLog and takeSpikes return, states, candidates and streams of the runtime, and the
+    /// EdgeIds of its graph, are then those of this process; all else is that of the network.
     IRankGroup* ranks = nullptr;
 };
 

@@ -21,7 +21,8 @@
 
 namespace Lumenar::Core::Kelm {
 
-/// A file of spikes that grows while a run goes on: append what KelmRuntime::takeSpikes returns.
+/// A file of spikes that grows while a run goes on: append what KelmRuntime::takeSpikes returns. On
+/// several ranks, let one of them append what networkLog returns before all of them take.
 /// numpy.load(path, mmap_mode="r") reads it, also while it grows.
 ///
 /// A reader sees the spikes of the last flush. A flush writes their number after their data, so the

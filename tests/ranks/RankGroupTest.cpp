@@ -86,6 +86,25 @@ private:
 
 }  // namespace
 
+// A callback may keep an exception that all ranks know, and throw it again later.
+TEST(RankGroup, AFailureThatIsThrownAgainReachesAllRanks) {
+    ThreadRanks(2).run([](IRankGroup& group) {
+        std::exception_ptr kept;
+        try {
+            group.together([&] {
+                if (group.rank() == 1) throw std::runtime_error("of rank 1");
+            });
+        } catch (...) {
+            kept = std::current_exception();
+        }
+        group.share({});
+        EXPECT_THROW(group.together([&] {
+            if (group.rank() == 0) std::rethrow_exception(kept);
+        }),
+                     std::runtime_error);
+    });
+}
+
 TEST(RankGroup, AllRanksThrowWhatTheFirstFailureThrows) {
     std::uint64_t failures = 0;
     for (std::uint64_t seed = 0; seed < 300; ++seed) {

@@ -7,12 +7,14 @@
 #include <string_view>
 #include <vector>
 
+#include "compare/RunImage.h"
 #include "kelm/core/Digest.h"
 #include "kelm/core/SplitMix64.h"
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/engine/WindowEngine.h"
 #include "kelm/network/Wiring.h"
 #include "tests/ranks/ThreadRanks.h"
+#include "tests/support/ExpectThrows.h"
 #include "tests/support/GeneratedModel.h"
 #include "tests/support/PermutedTeam.h"
 #include "tests/support/ShardEdges.h"
@@ -73,6 +75,13 @@ struct Network {
     SynapseGraph whole() const { return {neurons, min_delay, synapses}; }
     SynapseGraph shareOf(const IRankGroup& ranks) const {
         return Testing::shareOf(ranks, neurons, min_delay, synapses);
+    }
+
+    WindowEngine engineOf(IRankGroup& ranks, std::uint64_t run_seed) const {
+        SynapseGraph share = shareOf(ranks);
+        const ParameterTable all(parameters, firings);
+        ParameterTable part = all.part(share.share()->begin, share.share()->end);
+        return {std::move(share), std::move(part), run_seed, horizon, nullptr, &ranks};
     }
 
 private:
@@ -315,11 +324,7 @@ TEST(RanksOfEngine, LeaveTheBitsOfOneEngine) {
             SCOPED_TRACE("seed " + std::to_string(seed) + ", ranks " + std::to_string(size));
             ThreadRanks(size).run([&](IRankGroup& ranks) {
                 CpuWindowBackend own;
-                SynapseGraph share = network.shareOf(ranks);
-                const ParameterTable all(network.parameters, network.firings);
-                ParameterTable part = all.part(share.share()->begin, share.share()->end);
-                WindowEngine engine(std::move(share), std::move(part), seed, horizon, nullptr,
-                                    &ranks);
+                WindowEngine engine = network.engineOf(ranks, seed);
                 Course course(network, engine, &ranks);
                 course.run(own);
                 EXPECT_EQ(course.hookFailure(), expected.hookFailure());
@@ -380,14 +385,121 @@ TEST(RanksOfEngine, LeaveTheBitsOfOnePieceAtEveryEdge) {
     }
 }
 
+// A rank that has committed its part of the window before it hears of the failure undoes it.
+TEST(RanksOfEngine, CommitNothingOfAWindowWhosePrepareHookFails) {
+    struct FailingHook final : IWindowPrepare {
+        explicit FailingHook(bool fails) : fails_here(fails) {}
+        void prepare(ModelTime start, ModelTime, std::span<WindowWork>, SynapseGraph&) override {
+            if (fails_here && start >= 20 * window) throw std::runtime_error("of the hook");
+        }
+        bool fails_here;
+    };
+    const Network network(3);
+    const auto imageAfterFailure = [](WindowEngine& engine, bool fails_here) {
+        FailingHook hook(fails_here);
+        engine.setHooks(&hook, nullptr, nullptr);
+        CpuWindowBackend backend;
+        EXPECT_EQ(Compare::failureOf(engine, backend, horizon), "of the hook");
+        return Compare::imageOf(engine);
+    };
+    WindowEngine one(network.whole(), network.parameters, network.firings, 3, horizon);
+    const Compare::RunImage expected = imageAfterFailure(one, true);
+    EXPECT_FALSE(expected.log.empty());
+    constexpr std::uint32_t size = 3;
+    std::vector<Compare::RunImage> images(size);
+    ThreadRanks(size).run([&](IRankGroup& ranks) {
+        WindowEngine engine = network.engineOf(ranks, 3);
+        images[ranks.rank()] = imageAfterFailure(engine, ranks.rank() == 1);
+    });
+    Compare::RunImage all = images[0];
+    for (std::uint32_t rank = 1; rank < size; ++rank) {
+        const auto append = [](auto& values, const auto& part) {
+            values.insert(values.end(), part.begin(), part.end());
+        };
+        append(all.states, images[rank].states);
+        append(all.random_states, images[rank].random_states);
+        append(all.candidates, images[rank].candidates);
+        append(all.log, images[rank].log);
+    }
+    std::ranges::sort(all.log, SpikeRecordLess());
+    EXPECT_EQ(Compare::firstDifference(all, expected), "");
+}
+
+TEST(RanksOfEngine, RefuseSharesSeedsAndCallsThatDiffer) {
+    const Network network(3);
+    const auto expectRefused = [&](const std::string& text, auto act) {
+        ThreadRanks(3).run([&](IRankGroup& ranks) {
+            std::string seen;
+            try {
+                act(ranks);
+            } catch (const std::exception& failure) {
+                seen = failure.what();
+            }
+            EXPECT_EQ(seen, text);
+            ranks.share({});  // no rank is behind the others
+        });
+    };
+    expectRefused("rank 2 has another seed or horizon than rank 0",
+                  [&](IRankGroup& ranks) { network.engineOf(ranks, ranks.rank() == 2 ? 4 : 3); });
+    expectRefused("rank 1 has another number of neurons than rank 0", [&](IRankGroup& ranks) {
+        Network other = network;
+        if (ranks.rank() > 0) ++other.neurons;
+        SynapseGraph share = other.shareOf(ranks);
+        share.countShare(ranks);
+    });
+    expectRefused("the ranks of a network have made different calls: see rank 1",
+                  [&](IRankGroup& ranks) {
+                      WindowEngine engine = network.engineOf(ranks, 3);
+                      Event event;
+                      event.time = 5 * window;
+                      if (ranks.rank() == 1) engine.post(event);
+                      CpuWindowBackend backend;
+                      engine.run(backend);
+                  });
+    struct ReplacingHook final : IWindowPrepare {
+        void prepare(ModelTime, ModelTime, std::span<WindowWork>, SynapseGraph& graph) override {
+            graph.setTransmissionEnabled(true, false);
+            graph = SynapseGraph(graph.nodeCount(), window, {});
+        }
+    };
+    expectRefused(
+        "a graph that is not the share of its rank cannot be spread over several ranks yet",
+        [&](IRankGroup& ranks) {
+            WindowEngine engine = network.engineOf(ranks, 3);
+            ReplacingHook hook;
+            engine.setHooks(&hook, nullptr, nullptr);
+            CpuWindowBackend backend;
+            engine.run(backend);
+        });
+    const std::vector<Synapse> two = {{.source = 0, .target = 1, .delay = window},
+                                      {.source = 1, .target = 2, .delay = window}};
+    const auto shareOf = [&](NodeId begin, NodeId end, std::vector<EdgeId> edges) {
+        return SynapseGraph::shareOf(4, window, begin, end, two, edges);
+    };
+    const auto expectBad = [](const std::string& text, auto make) {
+        expectThrows<std::invalid_argument>([&] { make(); }, text);
+    };
+    expectBad("the neurons of a share do not lie in the network", [&] { shareOf(0, 5, {0, 1}); });
+    expectBad("the synapses of a share need one EdgeId each", [&] { shareOf(0, 4, {0}); });
+    expectBad("synapse 1 of a share enters a neuron of another rank", [&] {
+        shareOf(0, 2, {0, 1});
+    });
+    std::vector<Synapse> turned = {two[1], two[0]};
+    expectBad("synapse 1 of a share must lie behind the one before", [&] {
+        SynapseGraph::shareOf(4, window, 0, 4, turned, std::vector<EdgeId>{0, 1});
+    });
+    ThreadRanks(1).run([&](IRankGroup& ranks) {
+        SynapseGraph share = shareOf(0, 4, {0, 7});
+        expectBad("a share has EdgeId 7, and the network has 2 synapses",
+                  [&] { share.countShare(ranks); });
+    });
+}
+
 // A report and a request to stop reach all ranks, also where only one has made the request.
 TEST(RanksOfEngine, ReportAndStopTogether) {
     const Network network(3);
     ThreadRanks(3).run([&](IRankGroup& ranks) {
-        SynapseGraph share = network.shareOf(ranks);
-        const ParameterTable all(network.parameters, network.firings);
-        ParameterTable part = all.part(share.share()->begin, share.share()->end);
-        WindowEngine engine(std::move(share), std::move(part), 3, horizon, nullptr, &ranks);
+        WindowEngine engine = network.engineOf(ranks, 3);
         CpuWindowBackend backend;
         RunControl control;
         std::uint64_t reports = 0;

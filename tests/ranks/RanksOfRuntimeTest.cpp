@@ -7,9 +7,11 @@
 #include "kelm/core/Failures.h"
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/network/Wiring.h"
+#include "kelm/runtime/CheckpointSummary.h"
 #include "kelm/runtime/KelmRuntime.h"
 #include "kelm/runtime/MakeRuntime.h"
 #include "tests/ranks/ThreadRanks.h"
+#include "tests/support/ExpectThrows.h"
 
 // A runtime with all parts that can be spread, on several ranks and in one piece.
 
@@ -164,6 +166,66 @@ TEST(RanksOfRuntime, WriteTheCheckpointsOfOneRuntimeAndContinueOnAnyNumber) {
             EXPECT_TRUE(seen.end == expected.end);
         });
     }
+}
+
+/// A report that throws ends the run between two windows, on every rank.
+TEST(RanksOfRuntime, GoOnAfterAReportThatThrows) {
+    const auto reference = make(nullptr);
+    reference->run();
+    const Blob expected = reference->checkpoint();
+    ThreadRanks(3).run([&](IRankGroup& ranks) {
+        const auto runtime = make(&ranks);
+        int reports = 0;
+        const auto report = [&](const RunProgress&) {
+            if (++reports == 3 && ranks.rank() == 1) throw std::runtime_error("of the report");
+        };
+        // Rank 0 reports, and another rank may have nothing to call.
+        if (ranks.rank() < 2) runtime->setProgress(report, std::chrono::nanoseconds(0));
+        expectThrows<std::runtime_error>([&] { runtime->run(); }, "of the report");
+        EXPECT_EQ(runtime->commitCount(), 3U);
+        runtime->run();
+        EXPECT_TRUE(everywhere(&ranks, runtime->checkpoint()) == expected);
+    });
+}
+
+TEST(RanksOfRuntime, RestoreOnAllRanksOrOnNone) {
+    const Blob middle = runOn(nullptr).middle;
+    Blob cut = middle;
+    cut.pop_back();
+    const auto other = makeRuntime(wiring().build(), {.horizon = horizon, .label = "ranks"},
+                                   std::make_unique<CpuWindowBackend>());
+    const Blob foreign = other->checkpoint();
+    const std::string refusal = checkpointRefusal(foreign, *make(nullptr));
+    ThreadRanks(3).run([&](IRankGroup& ranks) {
+        const auto runtime = make(&ranks);
+        runtime->run(half);
+        const Blob before = everywhere(&ranks, runtime->checkpoint());
+        EXPECT_FALSE(runtime->restore(ranks.rank() == 2 ? cut : middle));
+        EXPECT_TRUE(everywhere(&ranks, runtime->checkpoint()) == before);
+        expectThrows<RefusedCheckpoint>([&] { restoreCheckpoint(*runtime, foreign); }, refusal);
+    });
+}
+
+TEST(RanksOfRuntime, RefuseModelsThatDiffer) {
+    const auto expectRefused = [](const std::string& text, auto change) {
+        ThreadRanks(2).run([&](IRankGroup& ranks) {
+            RuntimeOptions settings = options();
+            settings.ranks = &ranks;
+            if (ranks.rank() == 1) change(settings);
+            expectThrows<InvalidModel>(
+                [&] {
+                    makeRuntime(wiring().buildShare(ranks), std::move(settings),
+                                std::make_unique<CpuWindowBackend>());
+                },
+                text);
+        });
+    };
+    expectRefused("rank 1 has another label than rank 0",
+                  [](RuntimeOptions& settings) { settings.label = "other"; });
+    const std::string text = "rank 1 has another model than rank 0";
+    expectRefused(text, [](RuntimeOptions& settings) { settings.horizon += 1; });
+    expectRefused(text, [](RuntimeOptions& settings) { settings.populations[0].firing.gain = 1; });
+    expectRefused(text, [](RuntimeOptions& settings) { settings.given_spikes.pop_back(); });
 }
 
 TEST(RanksOfRuntime, WarnOfTheWholeNetwork) {
