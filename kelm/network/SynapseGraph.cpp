@@ -148,13 +148,16 @@ void SynapseGraph::buildSections(BuildStep step, std::size_t part) {
     const auto parts = static_cast<std::uint32_t>(division_.sections.size());
     const auto place = static_cast<std::uint32_t>(part);
     const NodeId end = Kernel::shardEnd(node_count_, parts, place);
+    std::vector<std::uint64_t> counts(parts);
     for (NodeId source = Kernel::shardBegin(node_count_, parts, place); source < end; ++source) {
-        if (step == BuildStep::count) {
-            visitSections(source, [&](EdgeId, std::size_t section) {
-                ++division_.sections[section].offsets[source];
-            });
-        } else {
+        if (step == BuildStep::fill) {
             writeSections(source);
+            continue;
+        }
+        std::ranges::fill(counts, 0);
+        visitSections(source, [&](EdgeId, std::size_t section) { ++counts[section]; });
+        for (std::uint32_t s = 0; s < parts; ++s) {
+            division_.sections[s].offsets[source] = counts[s];
         }
     }
 }
@@ -184,12 +187,11 @@ void SynapseGraph::visitSections(NodeId source, Visit visit) const {
 
 /// Writes the entries of a source.
 void SynapseGraph::writeSections(NodeId source) {
-    constexpr std::size_t few = 16;
-    std::array<std::uint64_t, few> small{};
+    std::array<std::uint64_t, few_sections> small{};
     std::vector<std::uint64_t> large;
     const std::size_t count = division_.sections.size();
-    if (count > few) large.resize(count);
-    std::uint64_t* const next = count > few ? large.data() : small.data();
+    if (count > few_sections) large.resize(count);
+    std::uint64_t* const next = count > few_sections ? large.data() : small.data();
     for (std::size_t s = 0; s < count; ++s) next[s] = division_.sections[s].offsets[source];
     visitSections(source, [&](EdgeId id, std::size_t section) {
         division_.sections[section].entries[next[section]++] = sectionEntry(id);

@@ -482,7 +482,8 @@ public:
     /// On rank 0 the snapshot of the network, elsewhere nothing. To be called by all ranks.
     Blob collectSnapshot(IRankGroup& ranks) const;
     /// Computes with the other ranks what depends on all synapses of a source. To be called by all
-    /// ranks: once at first, then after a switch of a class. May throw std::bad_alloc.
+    /// ranks: once at first, then after a switch of a class or a restore. Throws
+    /// std::invalid_argument for shares that do not belong together, and may throw std::bad_alloc.
     void countShare(IRankGroup& ranks);
 
     /// Format "KELMSYN1": tag, node count (8), has min_delay (1), min_delay (8), excitatory on (1),
@@ -683,8 +684,15 @@ private:
         if (!out_.built) buildOutgoing();
         return out_;
     }
+    static constexpr std::size_t few_sections = 16;
     std::size_t sectionOf(NodeId target) const {
         const std::vector<NodeId>& ends = division_.ends;
+        if (ends.size() <= few_sections) {
+            // Targets are random, so a search by branches would be guessed wrong half of the time.
+            std::size_t section = 0;
+            for (const NodeId end : ends) section += end <= target ? 1 : 0;
+            return section;
+        }
         return static_cast<std::size_t>(std::upper_bound(ends.begin(), ends.end(), target) -
                                         ends.begin());
     }
