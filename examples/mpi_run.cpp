@@ -14,7 +14,6 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <stdexcept>
 #include <string>
@@ -138,14 +137,7 @@ private:
 
 /// Of all ranks; `value` is that of this one.
 double largest(IRankGroup& ranks, double value) {
-    Blob own;
-    appendF64(own, value);
-    for (const BlobView from : ranks.share(own)) {
-        double other = 0.0;
-        std::memcpy(&other, from.data(), sizeof other);
-        value = std::max(value, other);
-    }
-    return value;
+    return std::ranges::max(ranks.shareRecord(value));
 }
 
 double peakMegabytes() {

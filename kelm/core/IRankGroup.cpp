@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <new>
-#include <utility>
+#include <stdexcept>
+#include <string>
 
 #include "kelm/core/FailureImage.h"
 
@@ -11,34 +12,49 @@ namespace Lumenar::Core::Kelm {
 // So that a rank without memory can say so.
 IRankGroup::IRankGroup() { message_.reserve(1); }
 
-std::span<const BlobView> IRankGroup::share(BlobView own) {
-    agreed_ = nullptr;  // whoever has caught it goes on
-    message_.assign(own.begin(), own.end());
-    message_.push_back(0);
-    views_.resize(size());
-    const std::span<const BlobView> all = shareBytes(message_);
-    for (std::size_t r = 0; r < all.size(); ++r) {
-        views_[r] = all[r].first(all[r].size() - 1);
-        if (all[r].back() != 0) throwReceived(views_[r]);
-    }
-    return views_;
-}
+std::span<const BlobView> IRankGroup::share(BlobView own) { return send(own, Step::share); }
 
 std::span<const BlobView> IRankGroup::collect(BlobView own) {
-    share({});
+    send({}, Step::collect);
     return collectBytes(own);
 }
 
 std::span<const BlobView> IRankGroup::swap(std::span<const Blob> outgoing) {
-    share({});
+    send({}, Step::swap);
     return swapBytes(outgoing);
+}
+
+std::span<const BlobView> IRankGroup::send(BlobView own, Step step) {
+    agreed_ = nullptr;  // the ranks have gone on after it
+    message_.assign(own.begin(), own.end());
+    message_.push_back(static_cast<std::uint8_t>(step));
+    views_.resize(size());
+    const std::span<const BlobView> all = shareBytes(message_);
+    std::optional<std::uint32_t> other;
+    for (std::uint32_t r = 0; r < all.size(); ++r) {
+        views_[r] = all[r].first(all[r].size() - 1);
+        const auto of_rank = static_cast<Step>(all[r].back());
+        if (of_rank == Step::fail) throwReceived(views_[r]);
+        if (of_rank != step && !other) other = r;
+    }
+    // No rank goes on: each one has made another call than some other rank.
+    if (!other) return views_;
+    try {
+        refuseCalls(*other);
+    } catch (...) {
+        agreed_ = std::current_exception();
+        throw;
+    }
+}
+
+void IRankGroup::refuseCalls(std::uint32_t rank) {
+    throw std::logic_error("the ranks of a network have made different calls: see rank " +
+                           std::to_string(rank));
 }
 
 bool IRankGroup::all(bool own) {
     const std::uint8_t flag = own ? 1 : 0;
-    const auto flags = share({&flag, 1});
-    return std::ranges::all_of(
-        flags, [](BlobView other) { return other.size() == 1 && other.front() == 1; });
+    return std::ranges::all_of(shareRecord(flag), [](std::uint8_t other) { return other == 1; });
 }
 
 std::optional<std::uint32_t> IRankGroup::firstDifferent(BlobView own) {
@@ -62,15 +78,16 @@ void IRankGroup::throwReceived(BlobView image) {
 
 void IRankGroup::fail(const std::exception_ptr& failure) {
     if (failure == agreed_) std::rethrow_exception(failure);
+    constexpr auto step = static_cast<std::uint8_t>(Step::fail);
     try {
         message_ = failureImage(failure);
-        message_.push_back(1);
+        message_.push_back(step);
     } catch (const std::bad_alloc&) {
-        message_.assign(1, 1);
+        message_.assign(1, step);
     }
     const std::span<const BlobView> all = shareBytes(message_);
     for (std::uint32_t r = 0; r < rank(); ++r) {
-        if (all[r].back() != 0) throwReceived(all[r].first(all[r].size() - 1));
+        if (all[r].back() == step) throwReceived(all[r].first(all[r].size() - 1));
     }
     agreed_ = failure;
     std::rethrow_exception(failure);

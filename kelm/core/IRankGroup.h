@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <exception>
 #include <optional>
 #include <span>
@@ -27,8 +28,9 @@ public:
     virtual std::uint32_t rank() const = 0;
     virtual std::uint32_t size() const = 0;
 
-    /// Sends `own` to all ranks. Returns what each rank has sent, by rank. This call and the next
-    /// two throw what the lowest rank has thrown that has failed before its call.
+    /// Sends `own` to all ranks. Returns what each rank has sent, by rank. If some ranks have
+    /// failed before this call or one of the next two, it throws what the lowest of them has
+    /// thrown. It throws std::logic_error if another rank makes another one of these calls.
     std::span<const BlobView> share(BlobView own);
     /// Sends `own` to rank 0. Returns there what each rank has sent, by rank; nothing elsewhere.
     std::span<const BlobView> collect(BlobView own);
@@ -39,6 +41,7 @@ public:
     /// on some rank, all ranks throw what the lowest of these has thrown.
     template <class Task>
     std::invoke_result_t<Task> together(Task task) {
+        agreed_ = nullptr;
         try {
             if constexpr (std::is_void_v<std::invoke_result_t<Task>>) {
                 task();
@@ -52,6 +55,21 @@ public:
             fail(std::current_exception());
         }
     }
+    /// share() of one record of each rank. Throws std::logic_error if a rank has sent other bytes.
+    template <class Record>
+    std::vector<Record> shareRecord(const Record& own) {
+        Blob bytes;
+        appendImage(bytes, own);
+        std::vector<Record> all;
+        for (const BlobView from : share(bytes)) {
+            if (from.size() != sizeof own) refuseCalls(static_cast<std::uint32_t>(all.size()));
+            std::memcpy(&all.emplace_back(), from.data(), sizeof own);
+        }
+        return all;
+    }
+    /// Throws the std::logic_error of ranks that have made different calls. `rank`: another one.
+    [[noreturn]] static void refuseCalls(std::uint32_t rank);
+
     /// Whether `own` is true on all ranks.
     bool all(bool own);
     /// The first rank whose bytes differ from those of rank 0.
@@ -68,10 +86,14 @@ private:
     virtual std::span<const BlobView> collectBytes(BlobView own) = 0;
     virtual std::span<const BlobView> swapBytes(std::span<const Blob> outgoing) = 0;
 
+    /// What a rank does, the last byte of a message.
+    enum class Step : std::uint8_t { share, collect, swap, fail };
+
+    std::span<const BlobView> send(BlobView own, Step step);
     [[noreturn]] void throwReceived(BlobView image);
 
-    Blob message_;                 ///< to share: bytes, then a flag: a failure
-    std::vector<BlobView> views_;  ///< of what is shared, without flags
+    Blob message_;                 ///< to share: bytes, then a Step
+    std::vector<BlobView> views_;  ///< of what is shared, without steps
     std::exception_ptr agreed_;    ///< the last failure that all ranks know
 };
 

@@ -26,11 +26,6 @@ inline std::logic_error notOverRanks(const char* what) {
     return std::logic_error(std::string(what) + " cannot be spread over several ranks yet");
 }
 
-[[noreturn]] inline void refuseCalls(std::uint32_t rank) {
-    throw std::logic_error("the ranks of a network have made different calls: see rank " +
-                           std::to_string(rank));
-}
-
 /// Working storage of a shard in one run, cleared but not released from window to window.
 struct WindowEngine::Shard {
     Shard(std::size_t place, NodeId first_neuron, NodeId end_neuron)
@@ -142,21 +137,27 @@ void WindowEngine::forShards(Window& window, Task task, bool side_by_side) {
     }
 }
 
+/// The values that the parts hold, one part a rank.
+template <class Values>
+Values joined(std::span<const BlobView> parts) {
+    constexpr std::size_t bytes = sizeof(typename Values::value_type);
+    Values all;
+    for (std::uint32_t rank = 0; rank < parts.size(); ++rank) {
+        const BlobView part = parts[rank];
+        if (part.size() % bytes != 0) IRankGroup::refuseCalls(rank);
+        const std::size_t place = all.size();
+        all.resize(place + part.size() / bytes);
+        if (!part.empty()) std::memcpy(all.data() + place, part.data(), part.size());
+    }
+    return all;
+}
+
 /// Replaces the values of this rank by those of all, by rank.
 template <class Values>
 void WindowEngine::gatherEverywhere(Values& values) {
     Blob own;
     appendBytes(own, values.data(), values.size() * sizeof values[0]);
-    Values all;
-    std::uint32_t rank = 0;
-    for (const BlobView from : ranks_->share(own)) {
-        if (from.size() % sizeof values[0] != 0) refuseCalls(rank);
-        ++rank;
-        const std::size_t place = all.size();
-        all.resize(place + from.size() / sizeof values[0]);
-        if (!from.empty()) std::memcpy(all.data() + place, from.data(), from.size());
-    }
-    values = std::move(all);
+    values = joined<Values>(ranks_->share(own));
 }
 
 }  // namespace Lumenar::Core::Kelm

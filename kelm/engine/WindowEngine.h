@@ -79,7 +79,8 @@ public:
     /// and a failure of one ends the call on all. Log, states, candidates and streams are those of
     /// the rank's neurons; all else is that of one engine of the whole network. Throws
     /// std::logic_error for what cannot be spread over ranks: a store, recorded streams, deliveries
-    /// near the end of time, and a hook that replaces the graph.
+    /// near the end of time, and a hook that replaces the graph. Throws std::invalid_argument for a
+    /// graph that is not the share of the rank, and for seeds or horizons that differ by rank.
     WindowEngine(SynapseGraph graph, ParameterTable parameters, std::uint64_t seed,
                  ModelTime horizon, std::unique_ptr<IEventStore> store = nullptr,
                  IRankGroup* ranks = nullptr);

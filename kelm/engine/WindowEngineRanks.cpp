@@ -113,7 +113,7 @@ WindowEngine::Exchanged WindowEngine::receive(Window& window, std::span<const Bl
     const auto size = static_cast<std::uint32_t>(messages.size());
     const auto headOf = [&](std::uint32_t r) {
         Message message;
-        if (messages[r].size() < sizeof message) refuseCalls(r);
+        if (messages[r].size() < sizeof message) IRankGroup::refuseCalls(r);
         std::memcpy(&message, messages[r].data(), sizeof message);
         return message;
     };
@@ -128,11 +128,11 @@ WindowEngine::Exchanged WindowEngine::receive(Window& window, std::span<const Bl
         counts.deliveries += message.counts.deliveries;
         if (failed) continue;
         if (message.window_start != window.start || message.first_id != calendar_.nextId()) {
-            refuseCalls(r);
+            IRankGroup::refuseCalls(r);
         }
         const std::size_t spike_bytes =
             message.is_wide ? sizeof(Message::WideSpike) : sizeof(Message::Spike);
-        if (message.spike_count > in.size() / spike_bytes) refuseCalls(r);
+        if (message.spike_count > in.size() / spike_bytes) IRankGroup::refuseCalls(r);
         log_count_ += message.spike_count;
         counts.updates += message.counts.updates;
         counts.candidates += message.counts.candidates;
@@ -197,18 +197,10 @@ void WindowEngine::agreeOnNextWindow(Window& window) {
 /// Adds to the ids of candidates from `first_id` on those that lower ranks have given.
 void WindowEngine::numberCandidates(std::uint64_t first_id) {
     if (ranks_ == nullptr) return;
-    Blob own;
-    appendU64(own, calendar_.nextId() - first_id);
-    std::uint64_t before = 0;
-    std::uint64_t all = 0;
-    std::uint32_t rank = 0;
-    for (const BlobView from : ranks_->share(own)) {
-        std::uint64_t count = 0;
-        if (from.size() != sizeof count) refuseCalls(rank);
-        std::memcpy(&count, from.data(), sizeof count);
-        if (rank++ < ranks_->rank()) before += count;
-        all += count;
-    }
+    const auto counts = ranks_->shareRecord(calendar_.nextId() - first_id);
+    const auto own = counts.begin() + ranks_->rank();
+    const std::uint64_t before = std::accumulate(counts.begin(), own, std::uint64_t{0});
+    const std::uint64_t all = std::accumulate(own, counts.end(), before);
     for (NodeId n = firstNeuron(); n < endNeuron(); ++n) {
         const CandidateSlot& slot = calendar_.candidate(n);
         if (slot.time >= 0 && slot.event_id >= first_id) {
@@ -220,17 +212,7 @@ void WindowEngine::numberCandidates(std::uint64_t first_id) {
 
 /// The least of one time of each rank.
 ModelTime WindowEngine::leastOfRanks(ModelTime time) {
-    Blob own;
-    appendI64(own, time);
-    std::uint32_t rank = 0;
-    for (const BlobView from : ranks_->share(own)) {
-        ModelTime other = 0;
-        if (from.size() != sizeof other) refuseCalls(rank);
-        std::memcpy(&other, from.data(), sizeof other);
-        time = std::min(time, other);
-        ++rank;
-    }
-    return time;
+    return std::ranges::min(ranks_->shareRecord(time));
 }
 
 /// Replaces the samples of own neurons by those of all `neurons`, in their order.
@@ -254,19 +236,11 @@ TakenSpikes WindowEngine::digestOfRanks() {
     return ranks_->together([&] {
         Blob own;
         appendImages<SpikeRecord>(own, spikeLog());
-        std::vector<SpikeRecord> log;
-        for (const BlobView part : ranks_->collect(own)) {
-            const std::size_t place = log.size();
-            log.resize(place + part.size() / sizeof(SpikeRecord));
-            if (!part.empty()) std::memcpy(log.data() + place, part.data(), part.size());
-        }
+        auto log = joined<std::vector<SpikeRecord>>(ranks_->collect(own));
         std::sort(log.begin(), log.end(), SpikeRecordLess());
-        TakenSpikes all = {taken_.count + log.size(),
-                           digestImages(std::span<const SpikeRecord>(log), taken_.digest)};
-        Blob image;
-        appendImage(image, all);
-        std::memcpy(&all, ranks_->share(image).front().data(), sizeof all);
-        return all;
+        const TakenSpikes all = {taken_.count + log.size(),
+                                 digestImages(std::span<const SpikeRecord>(log), taken_.digest)};
+        return ranks_->shareRecord(all).front();
     });
 }
 

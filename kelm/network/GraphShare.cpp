@@ -73,16 +73,9 @@ SynapseGraph SynapseGraph::shareOf(std::uint64_t node_count, std::optional<Model
 template <class At>
 void SynapseGraph::receiveShare(EdgeId count, At at, IRankGroup& ranks) {
     const std::uint32_t size = ranks.size();
-    Blob own;
-    appendU64(own, count);
-    EdgeId first = 0;
-    EdgeId longest = 0;
-    std::uint32_t rank = 0;
-    for (BlobView from : ranks.share(own)) {
-        const auto other = take<EdgeId>(from);
-        if (rank++ < ranks.rank()) first += other;
-        longest = std::max(longest, other);
-    }
+    const std::vector<EdgeId> counts = ranks.shareRecord(count);
+    const EdgeId first = std::accumulate(counts.begin(), counts.begin() + ranks.rank(), EdgeId{0});
+    const EdgeId longest = std::ranges::max(counts);
     ranks.together([&] {
         for (EdgeId i = 0; i < count; ++i) check(at(i).first, first + i);
     });
@@ -238,13 +231,8 @@ void SynapseGraph::makeShare(NodeId begin, NodeId end, LargeArray<std::uint64_t>
             runs[i].first = std::exchange(count, count + runs[i].count);
         for (const Run& run : runs) firsts[run.rank].push_back(run.first);
     }
-    Blob own;
-    appendU64(own, count);
-    EdgeId before = 0;
-    std::uint32_t rank = 0;
-    for (BlobView from : ranks.share(own)) {
-        if (rank++ < ranks.rank()) before += take<std::uint64_t>(from);
-    }
+    const std::vector<EdgeId> counts = ranks.shareRecord(count);
+    const EdgeId before = std::accumulate(counts.begin(), counts.begin() + ranks.rank(), EdgeId{0});
     for (std::uint32_t r = 0; r < size; ++r) {
         outgoing[r].clear();
         for (EdgeId& first : firsts[r]) appendU64(outgoing[r], before + first);
@@ -437,15 +425,12 @@ void SynapseGraph::countShare(IRankGroup& ranks) {
         if (synapses_.isRouted(id)) limits.smallest_delay = std::min(limits.smallest_delay, delay);
         limits.longest_delay = std::max(limits.longest_delay, delay);
     }
-    Blob image;
-    appendImage(image, limits);
     Limits all;
-    for (BlobView from : ranks.share(image)) {
-        limits = take<Limits>(from);
-        all.smallest_delay = std::min(all.smallest_delay, limits.smallest_delay);
-        all.longest_delay = std::max(all.longest_delay, limits.longest_delay);
-        all.routed_count += limits.routed_count;
-        all.edge_count += limits.edge_count;
+    for (const Limits& other : ranks.shareRecord(limits)) {
+        all.smallest_delay = std::min(all.smallest_delay, other.smallest_delay);
+        all.longest_delay = std::max(all.longest_delay, other.longest_delay);
+        all.routed_count += other.routed_count;
+        all.edge_count += other.edge_count;
     }
     const auto last = std::ranges::max_element(share.network_edges);
     if (last != share.network_edges.end() && *last >= all.edge_count) {

@@ -2,7 +2,6 @@
 
 #include <bit>
 #include <cmath>
-#include <cstring>
 #include <vector>
 
 #include "kelm/core/Failures.h"
@@ -289,11 +288,7 @@ std::uint64_t fingerprint(IRankGroup& ranks, SynapseGraph& share, const Paramete
             throw InvalidModel(InvalidModel::otherOnRank("model", *rank));
         }
         // Only rank 0 has seen the synapses.
-        own.clear();
-        appendU64(own, print.value());
-        std::uint64_t value = 0;
-        std::memcpy(&value, ranks.share(own).front().data(), sizeof value);
-        return value;
+        return ranks.shareRecord(print.value()).front();
     });
 }
 

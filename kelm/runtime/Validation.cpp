@@ -2,10 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <utility>
 
-#include "kelm/core/Blob.h"
 #include "kelm/core/FailureDetail.h"
 #include "kelm/core/IRankGroup.h"
 #include "kelm/kernel/WindowProcessing.h"
@@ -180,14 +178,8 @@ std::vector<Finding> validate(const SynapseGraph& network, IRankGroup* ranks) {
         if (synapse.delay < shortest_time) found.add(network.networkEdge(id), synapse);
     }
     if (ranks != nullptr) {
-        Blob own;
-        appendImage(own, found);
-        found = {};
-        for (const BlobView from : ranks->share(own)) {
-            ShortDelays other;
-            std::memcpy(&other, from.data(), sizeof other);
-            found.add(other);
-        }
+        const ShortDelays own = std::exchange(found, {});
+        for (const ShortDelays& other : ranks->shareRecord(own)) found.add(other);
     }
     if (found.count == 0) return {};
     return {{Finding::Severity::warning, "delay",

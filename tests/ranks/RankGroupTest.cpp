@@ -97,7 +97,6 @@ TEST(RankGroup, AFailureThatIsThrownAgainReachesAllRanks) {
         } catch (...) {
             kept = std::current_exception();
         }
-        group.share({});
         EXPECT_THROW(group.together([&] {
             if (group.rank() == 0) std::rethrow_exception(kept);
         }),

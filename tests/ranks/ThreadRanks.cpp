@@ -16,10 +16,7 @@ namespace Lumenar::Core::Kelm::Testing {
 namespace {
 
 /// What a rank gives to a call: one blob for all ranks, or one for each.
-struct Contribution {
-    std::string call;
-    std::vector<Blob> blobs;
-};
+using Contribution = std::vector<Blob>;
 
 /// One call of all ranks.
 struct Round {
@@ -81,32 +78,26 @@ public:
 
 private:
     std::span<const BlobView> shareBytes(BlobView own) override {
-        return receive("share", [&] { return std::vector<Blob>(1, {own.begin(), own.end()}); });
+        return receive([&] { return Contribution(1, {own.begin(), own.end()}); });
     }
     std::span<const BlobView> collectBytes(BlobView own) override {
-        const auto all = receive("collect", [&] {
-            return std::vector<Blob>(1, {own.begin(), own.end()});
-        });
+        const auto all = shareBytes(own);
         return rank_ == 0 ? all : std::span<const BlobView>();
     }
     std::span<const BlobView> swapBytes(std::span<const Blob> outgoing) override {
         if (outgoing.size() != size_) throw std::logic_error("swap needs a blob for each rank");
-        return receive("swap", [&] { return std::vector<Blob>(outgoing.begin(), outgoing.end()); });
+        return receive([&] { return Contribution(outgoing.begin(), outgoing.end()); });
     }
 
     template <class Copy>
-    std::span<const BlobView> receive(const char* call, Copy&& copy) {
+    std::span<const BlobView> receive(Copy&& copy) {
         // First, so that AddressSanitizer sees the use of a view of an earlier call here, too.
         views_.clear();
         received_ = {};
-        const auto round = meeting_.join(rank_, {call, copy()});
+        const auto round = meeting_.join(rank_, copy());
         for (const Contribution& other : round->contributions) {
-            const std::string& first = round->contributions.front().call;
-            if (other.call != first) {
-                throw std::logic_error("ranks call " + first + " and " + other.call);
-            }
             // Copies, because each rank frees its views at a time of its own.
-            received_.push_back(other.blobs[other.blobs.size() == 1 ? 0 : rank_]);
+            received_.push_back(other[other.size() == 1 ? 0 : rank_]);
         }
         for (const Blob& blob : received_) views_.push_back(blob);
         return views_;

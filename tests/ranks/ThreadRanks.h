@@ -16,8 +16,7 @@ public:
 
 /// Threads of this process as the ranks of a group.
 ///
-/// The group also checks its user. A view from an earlier call points to freed memory, and a call
-/// that differs from the call of another rank throws std::logic_error.
+/// A view from an earlier call points to freed memory, so that AddressSanitizer sees its use.
 class ThreadRanks {
 public:
     explicit ThreadRanks(std::uint32_t size) : size_(size) {}
