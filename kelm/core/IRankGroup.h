@@ -45,10 +45,10 @@ public:
         try {
             if constexpr (std::is_void_v<std::invoke_result_t<Task>>) {
                 task();
-                share({});
+                send({}, Step::end);
             } else {
                 auto result = task();
-                share({});
+                send({}, Step::end);
                 return result;
             }
         } catch (...) {
@@ -60,7 +60,9 @@ public:
     std::vector<Record> shareRecord(const Record& own) {
         Blob bytes;
         appendImage(bytes, own);
+        // What the ranks have agreed on must not fail on one of them afterwards.
         std::vector<Record> all;
+        all.reserve(size());
         for (const BlobView from : share(bytes)) {
             if (from.size() != sizeof own) refuseCalls(static_cast<std::uint32_t>(all.size()));
             std::memcpy(&all.emplace_back(), from.data(), sizeof own);
@@ -87,7 +89,7 @@ private:
     virtual std::span<const BlobView> swapBytes(std::span<const Blob> outgoing) = 0;
 
     /// What a rank does, the last byte of a message.
-    enum class Step : std::uint8_t { share, collect, swap, fail };
+    enum class Step : std::uint8_t { share, collect, swap, end, fail };
 
     std::span<const BlobView> send(BlobView own, Step step);
     [[noreturn]] void throwReceived(BlobView image);

@@ -77,11 +77,13 @@ WindowEngine::WindowEngine(Assembled, SynapseGraph&& graph, ParameterTable&& par
       random_(seed),
       spontaneous_(random_.family(spontaneous_name, firstNeuron())) {
     pristine_ = calendar_.windowWidth().has_value() && ranks_ == nullptr;
-    states_.resize(calendar_.candidates().size());
-    createStreams();
-    // In NodeId order: it fixes the order of candidates at equal times.
-    for (NodeId n = firstNeuron(); n < endNeuron(); ++n) drawFirstCandidate(n, 0.0);
-    numberCandidates(0);
+    onEachRank(ranks_, [&] {
+        states_.resize(calendar_.candidates().size());
+        createStreams();
+        // In NodeId order: it fixes the order of candidates at equal times.
+        for (NodeId n = firstNeuron(); n < endNeuron(); ++n) drawFirstCandidate(n, 0.0);
+        numberCandidates(0);
+    });
 } catch (...) {
     if (ranks != nullptr) ranks->fail(std::current_exception());
     throw;
@@ -124,7 +126,7 @@ void WindowEngine::requireBuildable(bool has_store) const {
             "several ranks need the share of a network, and a share needs its ranks");
     }
     if (ranks_ != nullptr && !graph_.isShareOf(*ranks_)) {
-        throw std::invalid_argument("the share of the network is not that of this rank");
+        throw std::invalid_argument("the share of the network is not that of its rank");
     }
     if (ranks_ != nullptr && has_store) throw notOverRanks("a store of the caller");
     const std::uint64_t neurons =
@@ -277,7 +279,7 @@ void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
 /// Returns whether the run was stopped before `until`.
 bool WindowEngine::runWindows(IWindowBackend& backend, ModelTime until) {
     Window window;
-    // An observation may come before the first window.
+    // An observation may come before the first window, and its observer reads the network's counts.
     if (ranks_ != nullptr) requireCountedShare();
     agreeOnNextWindow(window);
     if (std::exchange(agreed_stop_, false)) return true;
@@ -321,8 +323,11 @@ bool WindowEngine::stopsAfterWindow(Window& window, ModelTime until) {
     running_ = false;
     if (ranks_ == nullptr) {
         control_->act(processed_until_, taken_.count + log_.size());
-    } else if (std::exchange(agreed_report_, false) && control_ != nullptr) {
-        ranks_->together([&] { control_->report(processed_until_, taken_.count + log_count_); });
+    } else if (std::exchange(agreed_report_, false)) {
+        ranks_->together([&] {
+            if (control_ == nullptr) return;
+            control_->report(processed_until_, taken_.count + log_count_);
+        });
     }
     running_ = true;
     agreeOnNextWindow(window);
@@ -610,7 +615,7 @@ void WindowEngine::requireGivable(std::span<const SpikeRecord> spikes) {
         failure = std::current_exception();
     }
     // A rank knows the parameters of its own neurons only. The first bad spike of all ranks counts.
-    const auto place = static_cast<ModelTime>(bad);
+    const auto place = failure ? static_cast<ModelTime>(bad) : last_model_time;
     if (ranks_ != nullptr && leastOfRanks(place) != place) return;
     if (failure) std::rethrow_exception(failure);
 }

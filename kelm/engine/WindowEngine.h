@@ -47,9 +47,9 @@ std::uint64_t initialSpontaneousState(std::uint64_t seed, NodeId index);
 /// these counts give the first id of each shard, and each shard then posts the deliveries of all
 /// spikes of the window to its own neurons. So all ids are those of the serial commit.
 ///
-/// Between two windows the state is complete. After a throw out of run the engine may only be read
-/// or destroyed, unless a run control's callback threw. It is neither copied nor moved. Hooks and
-/// backends are borrowed. Used by one thread at a time.
+/// Between two windows the state is complete. After a throw out of run the engine may only be read,
+/// restored or destroyed, unless a run control's callback threw. It is neither copied nor moved.
+/// Hooks and backends are borrowed. Used by one thread at a time.
 class WindowEngine final : public IEventSink {
 public:
     /// An engine for a network whose neurons differ.
@@ -127,8 +127,7 @@ public:
     /// Throws SynapseRoutingViolation for a target outside the network, and what the store throws.
     std::uint64_t post(const Event& event) override;
 
-    /// Whether a run is inside a window, or has ended there in an exception. The engine can then
-    /// only be restored or destroyed.
+    /// Whether a run is inside a window, or has ended there in an exception.
     bool isInWindow() const { return running_; }
 
     /// Makes `spikes` part of the run, ascending by time in ns, then neuron. They are logged and

@@ -219,6 +219,7 @@ ModelTime WindowEngine::leastOfRanks(ModelTime time) {
 void WindowEngine::orderSamples(std::vector<StateSample>& samples,
                                 std::span<const NodeId> neurons) {
     gatherEverywhere(samples);
+    if (samples.size() != neurons.size()) IRankGroup::refuseCalls(ranks_->rank());
     const auto size = ranks_->size();
     std::vector<std::size_t> counts(size + 1);
     for (const NodeId n : neurons) ++counts[Kernel::shardOf(graph_.nodeCount(), size, n) + 1];

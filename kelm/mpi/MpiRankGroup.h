@@ -25,7 +25,7 @@ struct MpiStatistics {
 ///
 /// share() is one MPI_Allgather of slots of equal size, which begin with the length of the
 /// contribution. If one does not fit, a second collective carries the rest, and the slots grow.
-/// collect() and swap() send messages from rank to rank.
+/// collect() and swap() share a byte, then send messages from rank to rank.
 ///
 /// An error of MPI, and with it the loss of a rank, ends the program. So does a lack of memory for
 /// what other ranks send.

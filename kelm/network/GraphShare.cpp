@@ -70,8 +70,19 @@ SynapseGraph SynapseGraph::shareOf(std::uint64_t node_count, std::optional<Model
     return graph;
 }
 
+void SynapseGraph::requireEqualNetworks(IRankGroup& ranks) const {
+    Blob own;
+    appendU64(own, node_count_);
+    appendI64(own, min_delay_.value_or(no_time));
+    if (const auto rank = ranks.firstDifferent(own)) {
+        throw std::invalid_argument("rank " + std::to_string(*rank) +
+                                    " has another number of neurons or min_delay than rank 0");
+    }
+}
+
 template <class At>
 void SynapseGraph::receiveShare(EdgeId count, At at, IRankGroup& ranks) {
+    requireEqualNetworks(ranks);
     const std::uint32_t size = ranks.size();
     const std::vector<EdgeId> counts = ranks.shareRecord(count);
     const EdgeId first = std::accumulate(counts.begin(), counts.begin() + ranks.rank(), EdgeId{0});
@@ -139,15 +150,14 @@ SynapseGraph SynapseGraph::scatter(const SynapseGraph* graph, IRankGroup& ranks)
     };
     return ranks.together([&] {
         if (ranks.rank() != 0) graph = nullptr;
-        Blob image;
+        Head head;
         if (ranks.rank() == 0) {
             if (graph == nullptr) throw std::invalid_argument("rank 0 has no graph to scatter");
             if (graph->share_) throw std::invalid_argument("the graph to scatter is a share");
-            appendImage(image, Head{graph->node_count_, graph->min_delay_, graph->excitatory_on_,
-                                    graph->inhibitory_on_});
+            head = {graph->node_count_, graph->min_delay_, graph->excitatory_on_,
+                    graph->inhibitory_on_};
         }
-        BlobView from = ranks.share(image).front();
-        const auto head = take<Head>(from);
+        head = ranks.shareRecord(head).front();
         SynapseGraph share(Empty(), head.node_count, head.min_delay, 0);
         share.excitatory_on_ = head.excitatory_on;
         share.inhibitory_on_ = head.inhibitory_on;
@@ -181,6 +191,7 @@ bool SynapseGraph::isShareOf(const IRankGroup& ranks) const {
 /// the EdgeId of the first one of each.
 void SynapseGraph::makeShare(NodeId begin, NodeId end, LargeArray<std::uint64_t> order,
                              IRankGroup& ranks) {
+    requireEqualNetworks(ranks);
     const Routes& routes = outRoutes();
     const std::uint32_t size = ranks.size();
     std::vector<Blob> outgoing(size);
@@ -335,13 +346,11 @@ void SynapseGraph::refuseSwitch() {
 /// Each source has an owner, the rank whose range holds it. The owner gets the keys of all synapses
 /// of the source, orders them, and returns the places.
 void SynapseGraph::countShare(IRankGroup& ranks) {
-    GraphShare& share = *share_;
-    Blob network;
-    appendU64(network, node_count_);
-    if (const auto rank = ranks.firstDifferent(network)) {
-        throw std::invalid_argument("rank " + std::to_string(*rank) +
-                                    " has another number of neurons than rank 0");
+    requireEqualNetworks(ranks);
+    if (!ranks.all(isShareOf(ranks))) {
+        throw std::invalid_argument("the share of the network is not that of its rank");
     }
+    GraphShare& share = *share_;
     // Runs have the ids of the places that they were posted with.
     holder_link_.expandRuns();
     const Routes& routes = outRoutes();
@@ -416,6 +425,7 @@ void SynapseGraph::countShare(IRankGroup& ranks) {
         ModelTime longest_delay = 0;
         std::uint64_t routed_count = 0;
         std::uint64_t edge_count = 0;
+        EdgeId edges_end = 0;  ///< behind the largest EdgeId in the network
     };
     Limits limits;
     limits.edge_count = synapses_.size();
@@ -424,6 +434,7 @@ void SynapseGraph::countShare(IRankGroup& ranks) {
         const ModelTime delay = synapses_[id].delay;
         if (synapses_.isRouted(id)) limits.smallest_delay = std::min(limits.smallest_delay, delay);
         limits.longest_delay = std::max(limits.longest_delay, delay);
+        limits.edges_end = std::max(limits.edges_end, share.network_edges[id] + 1);
     }
     Limits all;
     for (const Limits& other : ranks.shareRecord(limits)) {
@@ -431,10 +442,10 @@ void SynapseGraph::countShare(IRankGroup& ranks) {
         all.longest_delay = std::max(all.longest_delay, other.longest_delay);
         all.routed_count += other.routed_count;
         all.edge_count += other.edge_count;
+        all.edges_end = std::max(all.edges_end, other.edges_end);
     }
-    const auto last = std::ranges::max_element(share.network_edges);
-    if (last != share.network_edges.end() && *last >= all.edge_count) {
-        throw std::invalid_argument("a share has EdgeId " + std::to_string(*last) +
+    if (all.edges_end > all.edge_count) {
+        throw std::invalid_argument("a share has EdgeId " + std::to_string(all.edges_end - 1) +
                                     ", and the network has " + std::to_string(all.edge_count) +
                                     " synapses");
     }

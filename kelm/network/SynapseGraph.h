@@ -552,6 +552,7 @@ private:
     struct Placed {};
     /// Makes a new graph, sorted by source, the share of [begin, end). `order`: by EdgeId; orders
     /// the synapses of a source; those of equal order follow their targets, and so the ranks.
+    void requireEqualNetworks(IRankGroup& ranks) const;
     void makeShare(NodeId begin, NodeId end, LargeArray<std::uint64_t> order, IRankGroup& ranks);
     SynapseGraph(Placed, std::uint64_t node_count, std::optional<ModelTime> min_delay,
                  SynapseTable synapses)

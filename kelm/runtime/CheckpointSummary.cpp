@@ -355,7 +355,8 @@ std::string checkpointRefusal(BlobView bytes, const KelmRuntime& runtime) {
         differences.add(RefusedCheckpoint::label(quoted(summary.label), quoted(runtime.label())));
     }
     if (!differences.text().empty()) return differences.text();
-    return RefusedCheckpoint::state(unreadablePart(bytes, summary, runtime));
+    const std::string text = RefusedCheckpoint::state(unreadablePart(bytes, summary, runtime));
+    return runtime.ranks() == nullptr ? text : text + ", or another rank refuses its bytes";
 }
 
 void restoreCheckpoint(KelmRuntime& runtime, BlobView bytes) {

@@ -271,17 +271,19 @@ std::uint64_t fingerprint(IRankGroup& ranks, SynapseGraph& share, const Paramete
                           const std::optional<PredictionConfig>& prediction,
                           std::span<const SpikeRecord> given_spikes) {
     return ranks.together([&] {
+        const auto addRest = [&](Fingerprint& print) {
+            addModel(print, parameters, horizon, plasticity, phase, recorder, input_channels,
+                     prediction, given_spikes);
+        };
         Fingerprint print;
         print.addTag(format_tag);
         addNetwork(print, share, share.share()->edge_count);
         share.visitNetwork(ranks, [&](const Synapse& synapse, bool routed) {
             addSynapse(print, synapse, routed);
         });
-        addModel(print, parameters, horizon, plasticity, phase, recorder, input_channels,
-                 prediction, given_spikes);
+        addRest(print);
         Fingerprint model;
-        addModel(model, parameters, horizon, plasticity, phase, recorder, input_channels,
-                 prediction, given_spikes);
+        addRest(model);
         Blob own;
         appendU64(own, model.value());
         if (const auto rank = ranks.firstDifferent(own)) {

@@ -223,6 +223,10 @@ void KelmRuntime::run(ModelTime until) {
         engine_.run(*backend_, until);
     } catch (...) {
         phase_ = engine_.isInWindow() ? Phase::failed : Phase::ready;
+        // On several ranks, only those with a callback know the position of a report.
+        if (phase_ == Phase::ready && engine_.profile().windows != windows) {
+            position_ = reachedBy(engine_.processedUntil());
+        }
         throw;
     }
     phase_ = Phase::ready;
@@ -497,7 +501,9 @@ struct KelmRuntime::State {
 /// Reads and checks everything first. The engine is the last that can refuse or run out of memory.
 bool KelmRuntime::restore(BlobView bytes) {
     requireNoRun();
-    return onEachRank(ranks_, [&] { return restoreHere(bytes); });
+    const bool restored = onEachRank(ranks_, [&] { return restoreHere(bytes); });
+    if (restored) phase_ = Phase::ready;
+    return restored;
 }
 
 bool KelmRuntime::restoreHere(BlobView bytes) {
@@ -511,13 +517,10 @@ bool KelmRuntime::restoreHere(BlobView bytes) {
     // Each rank may have read a file of its own.
     if (ranks_ != nullptr) accepts = ranks_->all(accepts);
     if (!accepts || !engine_.restore(state.engine, state.taken)) return false;
+    phase_ = Phase::failed;  // if memory runs out, here or on another rank
     std::vector<SpikeRecord> uncounted = std::move(state.uncounted);
     const bool has_taken = state.taken.count != 0;
-    if (checked_ && recorder_ && !has_taken) {
-        phase_ = Phase::failed;  // if memory runs out
-        uncounted = uncountedSpikes(state.records);
-        phase_ = Phase::ready;
-    }
+    if (checked_ && recorder_ && !has_taken) uncounted = uncountedSpikes(state.records);
     adopt(std::move(state));
     if (recorder_ && (checked_ || has_taken)) recorder_->setUncounted(std::move(uncounted));
     for (const auto& probe : probes_) {

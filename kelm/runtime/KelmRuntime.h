@@ -55,8 +55,8 @@ inline constexpr std::string_view engine_version = "2.0.0-beta.1";
 /// makeRuntime makes one, and makeKelmRuntime one without its checks. The engine's hooks refer to
 /// the object, so it is neither copied nor moved. Between runs a caller may use its parts. Learning
 /// notices a weight that was set in the graph at the synapse's next change. If run throws, the
-/// runtime may only be destroyed, unless the backend was missing or a callback of setProgress
-/// threw. One thread at a time.
+/// runtime may only be destroyed, unless the backend was missing, floating-point operations were
+/// not exact, or a callback of setProgress threw. One thread at a time.
 class KelmRuntime : private IWindowPrepare, private IWindowCommit, private IWindowObserver {
 public:
     KelmRuntime(const KelmRuntime&) = delete;

@@ -157,10 +157,12 @@ std::unique_ptr<KelmRuntime> makeRuntime(SynapseGraph network, RuntimeOptions op
 std::unique_ptr<KelmRuntime> makeRuntime(
     SynapseGraph network, RuntimeOptions options,
     std::function<std::unique_ptr<IWindowBackend>()> make_backend) {
-    std::unique_ptr<KelmRuntime> runtime =
-        makeRuntime(std::move(network), std::move(options), make_backend());
-    runtime->make_backend_ = std::move(make_backend);
-    return runtime;
+    return onEachRank(options.ranks, [&] {
+        std::unique_ptr<KelmRuntime> runtime =
+            makeRuntime(std::move(network), std::move(options), make_backend());
+        runtime->make_backend_ = std::move(make_backend);
+        return runtime;
+    });
 }
 
 }  // namespace Lumenar::Core::Kelm

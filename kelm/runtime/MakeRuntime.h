@@ -20,7 +20,8 @@ namespace Lumenar::Core::Kelm {
 /// - an input that arrives before earliestInput();
 /// - in a callback of setProgress: a run, a restore, a reseed and setProgress;
 /// - in a commit listener: these, a checkpoint and a fork;
-/// - after a run that threw: a run, an input, a checkpoint, a restore, a fork and a reseed.
+/// - after a run that threw, but for a callback of setProgress: a run, an input, a checkpoint, a
+/// restore, a fork and a reseed.
 ///
 /// Throws InvalidModel for no backend, for populations beside a neuron or firing of the options,
 /// and for populations whose sizes do not add up to the network; then WindowEngineError for a graph

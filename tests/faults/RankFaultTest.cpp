@@ -6,11 +6,13 @@
 #include <functional>
 #include <memory>
 #include <new>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "kelm/core/Failures.h"
 #include "kelm/engine/CpuWindowBackend.h"
 #include "kelm/network/Wiring.h"
 #include "kelm/runtime/KelmRuntime.h"
@@ -70,7 +72,8 @@ RuntimeOptions options(IRankGroup& ranks) {
     options.populations = {{"firing", 10, Kernel::Neuron(), {.base_rate = 200.0}},
                            spikeSources("given", 2)};
     options.given_spikes = {{window, 10}, {2 * window, 11}};
-    options.recorder = RecorderConfig{.sample_interval = 3 * window};
+    options.recorder =
+        RecorderConfig{.sample_interval = 3 * window, .sample_kinds = {SampleKind::spike_counts}};
     options.prediction = PredictionConfig{.channels = {{.name = "error", .targets = {2, 9}}}};
     return options;
 }
@@ -104,10 +107,17 @@ bool runsOut(std::uint32_t failing, std::uint64_t n, const Arrange& arrange, con
             threw = true;
         }
         if (!safe) came = failNoAllocation();
-        Blob own(1, threw ? 1 : 0);
-        for (const BlobView other : ranks.share(own)) {
-            if (ranks.rank() == 0) thrown += other.front();
+        const auto all = ranks.shareRecord(threw ? 1 : 0);
+        if (ranks.rank() == 0) thrown = std::accumulate(all.begin(), all.end(), 0);
+        if (runtime == nullptr) return;
+        // The runtimes go on together, or all refuse to.
+        bool runs = true;
+        try {
+            runtime->run();
+        } catch (const RefusedCall&) {
+            runs = false;
         }
+        EXPECT_EQ(ranks.all(runs), runs);
     });
     // A sort does without memory for its copies, and nothing is thrown then.
     EXPECT_TRUE(thrown == 0 || (came && thrown == size))
@@ -143,6 +153,19 @@ TEST(RankFaults, OutOfMemoryReachesAllRanks) {
     failEach(
         "share of a graph", [](IRankGroup&) { return nullptr; },
         [&](auto&, IRankGroup& ranks) { SynapseGraph::scatter(&graph, ranks); });
+    const std::vector<Kernel::Neuron> parameters(neurons);
+    const std::vector<Kernel::Firing> firings(neurons);
+    failEach(
+        "engine", [](IRankGroup&) { return nullptr; },
+        [&](auto&, IRankGroup& ranks) {
+            std::optional<SafeAllocations> safe(std::in_place);
+            SynapseGraph share = wiring().buildShare(ranks);
+            ParameterTable own =
+                ParameterTable(parameters, firings).part(share.share()->begin, share.share()->end);
+            safe.reset();
+            const WindowEngine engine(std::move(share), std::move(own), 1, horizon, nullptr,
+                                      &ranks);
+        });
     // Arguments are made by each rank alone.
     failEach(
         "runtime", [](IRankGroup&) { return nullptr; },

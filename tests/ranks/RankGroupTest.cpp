@@ -86,6 +86,16 @@ private:
 
 }  // namespace
 
+TEST(RankGroup, NoticesTheEndOfWhatAnotherRankGoesOnWith) {
+    ThreadRanks(2).run([](IRankGroup& group) {
+        EXPECT_THROW(group.together([&] {
+            if (group.rank() == 1) group.share({});
+        }),
+                     std::logic_error);
+        group.share({});
+    });
+}
+
 // A callback may keep an exception that all ranks know, and throw it again later.
 TEST(RankGroup, AFailureThatIsThrownAgainReachesAllRanks) {
     ThreadRanks(2).run([](IRankGroup& group) {

@@ -183,6 +183,8 @@ TEST(RanksOfRuntime, GoOnAfterAReportThatThrows) {
         if (ranks.rank() < 2) runtime->setProgress(report, std::chrono::nanoseconds(0));
         expectThrows<std::runtime_error>([&] { runtime->run(); }, "of the report");
         EXPECT_EQ(runtime->commitCount(), 3U);
+        EXPECT_EQ(runtime->position(), 3 * window);
+        runtime->runFor(2 * window);
         runtime->run();
         EXPECT_TRUE(everywhere(&ranks, runtime->checkpoint()) == expected);
     });
@@ -203,6 +205,20 @@ TEST(RanksOfRuntime, RestoreOnAllRanksOrOnNone) {
         EXPECT_FALSE(runtime->restore(ranks.rank() == 2 ? cut : middle));
         EXPECT_TRUE(everywhere(&ranks, runtime->checkpoint()) == before);
         expectThrows<RefusedCheckpoint>([&] { restoreCheckpoint(*runtime, foreign); }, refusal);
+    });
+}
+
+TEST(RanksOfRuntime, ThrowWhereARankCannotMakeItsBackend) {
+    ThreadRanks(2).run([&](IRankGroup& ranks) {
+        RuntimeOptions settings = options();
+        settings.ranks = &ranks;
+        const auto make_backend = [&]() -> std::unique_ptr<IWindowBackend> {
+            if (ranks.rank() == 1) throw std::runtime_error("no device");
+            return std::make_unique<CpuWindowBackend>();
+        };
+        expectThrows<std::runtime_error>(
+            [&] { makeRuntime(wiring().buildShare(ranks), std::move(settings), make_backend); },
+            "no device");
     });
 }
 
