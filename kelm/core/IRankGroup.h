@@ -28,9 +28,10 @@ public:
     virtual std::uint32_t rank() const = 0;
     virtual std::uint32_t size() const = 0;
 
-    /// Sends `own` to all ranks. Returns what each rank has sent, by rank. If some ranks have
-    /// failed before this call or one of the next two, it throws what the lowest of them has
-    /// thrown. It throws std::logic_error if another rank makes another one of these calls.
+    // If some ranks have failed before one of these three calls, it throws what the lowest of them
+    // has thrown. It throws std::logic_error if another rank makes another one of them.
+
+    /// Sends `own` to all ranks. Returns what each rank has sent, by rank.
     std::span<const BlobView> share(BlobView own);
     /// Sends `own` to rank 0. Returns there what each rank has sent, by rank; nothing elsewhere.
     std::span<const BlobView> collect(BlobView own);
