@@ -134,10 +134,9 @@ bool WindowCalendar::canPostApart(ModelTime window_end) {
            graph_.longestDelay() <= last_model_time - window_end;
 }
 
-bool WindowCalendar::divideGraph() {
-    const bool must_build = graph_.divide(ends_);
+void WindowCalendar::divideGraph() {
+    graph_.divide(ends_);
     if (postsRuns()) graph_.connectHolder(*this);
-    return must_build;
 }
 
 void WindowCalendar::deliverTo(std::size_t shard, NodeId source, ModelTime time, std::uint64_t id,
@@ -302,7 +301,7 @@ void WindowCalendar::takeEvents(std::size_t shard_index, WindowEvents& events) {
         if (!bucket.runs.isEmpty()) {
             entries.of_section = shards_.size() > 1;
             if (entries.of_section) {
-                entries.section = graph_.sectionEntries(shard_index);
+                entries.section = graph_.sectionEntries();
             } else {
                 entries.routed = graph_.routedTransmissions();
             }

@@ -100,11 +100,10 @@ public:
     /// Whether shards may be posted to one by one: no post of the window can fail, and the graph is
     /// the calendar's.
     bool canPostApart(ModelTime window_end);
-    /// Divides the graph as the neurons are. Returns whether its sections must be built, with as
-    /// many parts of each step as there are shards. May throw std::bad_alloc.
-    bool divideGraph();
+    /// Divides the graph as the neurons are. May throw std::bad_alloc.
+    void divideGraph();
     /// The delay of the deliveries of a spike if they are kept as runs here, else 0; for spikes of
-    /// other ranks. Not for several threads.
+    /// other ranks. Not for several threads. May throw std::bad_alloc.
     ModelTime runDelayOf(NodeId source) { return graph_.runDelayOf(source, postsRuns()); }
     /// The first id that is not given yet.
     std::uint64_t nextId() const { return first().nextId(); }
@@ -118,10 +117,9 @@ public:
     /// the spike to any neuron. `run_delay`: the delay of transmissionOf. May throw std::bad_alloc.
     void deliverTo(std::size_t shard, NodeId source, ModelTime time, std::uint64_t id,
                    ModelTime run_delay);
-    /// Prefetches what deliverTo reads.
-    void prefetchDelivery(std::size_t shard, NodeId source) const {
-        graph_.prefetchRun(source, shard);
-    }
+    /// Prefetches what deliverTo reads: first the place of it, then the data.
+    void prefetchDeliveryPlace(NodeId source) const { graph_.prefetchRunPlace(source); }
+    void prefetchDelivery(NodeId source) const { graph_.prefetchRun(source); }
     /// Schedules the candidate of a neuron of a shard as schedule does, without an id.
     void scheduleIn(std::size_t shard, NodeId neuron, ModelTime time, double rate) noexcept {
         slotOf(neuron) = {time, rate, no_event};

@@ -61,12 +61,7 @@ bool WindowEngine::canCommitApart(Window& window) {
         !random_.canAdvanceApart(spontaneous_, states_.size())) {
         return false;
     }
-    if (calendar_.divideGraph()) {
-        using Step = SynapseGraph::BuildStep;
-        for (const Step step : {Step::count, Step::lay_out, Step::fill}) {
-            forShards(window, [&](std::size_t s) { graph_.buildSections(step, s); });
-        }
-    }
+    calendar_.divideGraph();
     return true;
 }
 
@@ -303,9 +298,13 @@ void WindowEngine::finishShards(Window& window) {
             }
         }
         for (const SpikePosts& posts : window.posts) {
-            for (std::size_t i = 0; i < posts.spikes.size(); ++i) {
-                if (i + commit_distance < posts.spikes.size()) {
-                    calendar_.prefetchDelivery(s, posts.spikes[i + commit_distance].neuron);
+            const std::size_t count = posts.spikes.size();
+            for (std::size_t i = 0; i < count; ++i) {
+                if (i + 2 * commit_distance < count) {
+                    calendar_.prefetchDeliveryPlace(posts.spikes[i + 2 * commit_distance].neuron);
+                }
+                if (i + commit_distance < count) {
+                    calendar_.prefetchDelivery(posts.spikes[i + commit_distance].neuron);
                 }
                 const Shard::Spike& spike = posts.spikes[i];
                 calendar_.deliverTo(s, spike.neuron, spike.time, posts.first_id + spike.id,

@@ -6,8 +6,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "kelm/core/ShardRanges.h"
-
 namespace Lumenar::Core::Kelm {
 
 namespace {
@@ -89,7 +87,7 @@ void SynapseGraph::buildRoutes(Routes& routes, End end) {
         throw std::length_error("the network has more neurons than a table can hold");
     }
     routes.offsets.resize(node_count_ + 1);
-    routes.edges = {};
+    routes.edges = std::vector<EdgeId>();
     routes.ascending = routed_count_ == synapses_.size() && buildAscending(routes, end);
     if (!routes.ascending) buildSorted(routes, end);
     if (!out_.built && !in_.built) ++rebuilds_;
@@ -130,81 +128,55 @@ void SynapseGraph::buildSorted(Routes& routes, End end) const {
 }
 
 void SynapseGraph::buildOutgoing() {
+    // First, because isDivided() promises `shared`.
+    division_.entries = LargeArray<SectionEntry>();
     out_.shared.clear();
     buildRoutes(out_, [this](EdgeId id) { return synapses_.source(id); });
     if (synapses_.isCompact()) out_.shared.resize(node_count_);
-    division_.sections.clear();
 }
 
-void SynapseGraph::buildSections(BuildStep step, std::size_t part) {
-    Division::Section& own = division_.sections[part];
-    if (step == BuildStep::lay_out) {
-        // Each entry holds a count. The sum of the counts before it is its offset.
-        std::uint64_t sum = 0;
-        for (std::uint64_t& offset : own.offsets) sum += std::exchange(offset, sum);
-        own.entries.resize(sum);
-        return;
-    }
-    const auto parts = static_cast<std::uint32_t>(division_.sections.size());
-    const auto place = static_cast<std::uint32_t>(part);
-    const NodeId end = Kernel::shardEnd(node_count_, parts, place);
-    std::vector<std::uint64_t> counts(parts);
-    for (NodeId source = Kernel::shardBegin(node_count_, parts, place); source < end; ++source) {
-        if (step == BuildStep::fill) {
-            writeSections(source);
-            continue;
-        }
-        std::ranges::fill(counts, 0);
-        visitSections(source, [&](EdgeId, std::size_t section) { ++counts[section]; });
-        for (std::uint32_t s = 0; s < parts; ++s) {
-            division_.sections[s].offsets[source] = counts[s];
-        }
-    }
-}
-
-bool SynapseGraph::divide(const std::vector<NodeId>& ends) {
+void SynapseGraph::divide(const std::vector<NodeId>& ends) {
     outRoutes();
     if (ends != division_.ends) {
         division_ = Division();
         division_.ends = ends;
     }
-    if (!division_.sections.empty() || ends.empty() || !synapses_.isCompact()) return false;
-    std::vector<std::uint64_t> written(node_count_);
-    division_.sections.resize(ends.size());
-    for (Division::Section& section : division_.sections) section.offsets.resize(node_count_ + 1);
-    division_.written = std::move(written);
-    return true;
+    if (isDivided() || ends.empty() || !packsDeliveries() || routed_count_ == 0) return;
+    division_.entries.resize(routed_count_);
+    noteAllStale();
 }
 
-/// Calls visit(edge, section) for each synapse of a source, in EdgeId order.
-template <class Visit>
-void SynapseGraph::visitSections(NodeId source, Visit visit) const {
-    for (std::uint64_t i = out_.offsets[source]; i < out_.offsets[source + 1]; ++i) {
-        const EdgeId id = out_.ascending ? i : out_.edges[i];
-        visit(id, sectionOf(synapses_.target(id)));
-    }
+/// Makes the entries of all sources stale, in any round.
+void SynapseGraph::noteAllStale() {
+    for (SharedTransmission& shared : out_.shared) shared.setRound(0);
 }
 
-/// Writes the entries of a source.
+/// Writes the entries of a source: counts those of each section, then places them.
 void SynapseGraph::writeSections(NodeId source) {
     std::array<std::uint64_t, few_sections> small{};
     std::vector<std::uint64_t> large;
-    const std::size_t count = division_.sections.size();
+    const std::size_t count = division_.ends.size();
     if (count > few_sections) large.resize(count);
     std::uint64_t* const next = count > few_sections ? large.data() : small.data();
-    for (std::size_t s = 0; s < count; ++s) next[s] = division_.sections[s].offsets[source];
-    visitSections(source, [&](EdgeId id, std::size_t section) {
-        division_.sections[section].entries[next[section]++] = sectionEntry(id);
-    });
-    division_.written[source] = division_.writes;
+    const RoutedTransmissions routed = routedTransmissions();
+    const std::uint64_t first = out_.offsets[source];
+    const std::uint64_t end = out_.offsets[source + 1];
+    for (std::uint64_t i = first; i < end; ++i) ++next[sectionOf(routed[i].target)];
+    std::uint64_t sum = first;
+    for (std::size_t s = 0; s < count; ++s) sum += std::exchange(next[s], sum);
+    for (std::uint64_t i = first; i < end; ++i) {
+        const SynapseTable::Transmission& synapse = routed[i];
+        division_.entries[next[sectionOf(synapse.target)]++] = {synapse.target, synapse.value()};
+    }
 }
 
 ModelTime SynapseGraph::runDelayOf(NodeId source, bool as_run) {
     if (out_.shared.empty() || !packsDeliveries()) return 0;
-    const SharedTransmission shared = sharedTransmissionOf(source);
+    SharedTransmission& shared = sharedTransmissionOf(source);
     if (!formsRunNow(shared)) return 0;
-    if (as_run && !division_.sections.empty() && division_.written[source] != division_.writes) {
+    if (as_run && isDivided() && shared.round() != division_.round) {
         writeSections(source);
+        shared.setRound(division_.round);
     }
     return shared.delay();
 }
@@ -229,6 +201,7 @@ SynapseGraph::SharedTransmission SynapseGraph::readSharedTransmission(NodeId sou
     const std::uint64_t end = out_.offsets[source + 1];
     if (end - first < min_run_deliveries) return no_run;
     const ModelTime delay = routed[first].delay();
+    if (delay > SharedTransmission::longest_delay) return no_run;
     bool excitatory = false;
     bool inhibitory = false;
     for (std::uint64_t route = first; route < end; ++route) {
@@ -319,7 +292,10 @@ void SynapseGraph::prepareWriters(std::size_t count, bool with_times) {
     if (with_times) synapses_.allocateChanges();
     if (reweighted_.recording && reweighted_.lists.size() < count) reweighted_.lists.resize(count);
     holder_link_.expandRuns();
-    ++division_.writes;
+    if (++division_.round == 0) {  // numbers begin again
+        noteAllStale();
+        division_.round = 1;
+    }
 }
 
 std::uint64_t SynapseGraph::takeReweightedTargets(std::uint64_t last_call,

@@ -166,7 +166,7 @@ public:
     void setEnabled(EdgeId id, bool on) {
         if (share_) refuseSwitch();
         synapses_.setEnabled(checked(id), on);
-        if (!out_.shared.empty()) out_.shared[synapses_.source(id)] = SharedTransmission();
+        if (!out_.shared.empty()) out_.shared[synapses_.source(id)].forget();
     }
 
     /// Sets a weight magnitude from the next delivery on. Events already posted keep their value.
@@ -336,16 +336,17 @@ public:
     /// What a delivery of a run needs, in 8 bytes.
     class SectionEntry {
     public:
-        SectionEntry() = default;
-        std::uint32_t target = 0;
+        /// Not set: an array of many takes memory page by page, when each is first written.
+        SectionEntry() {}
+        std::uint32_t target;
         float value() const { return value_; }
 
     private:
         friend class SynapseGraph;
         SectionEntry(std::uint32_t to, float delivered) : target(to), value_(delivered) {}
-        float value_ = 0.0F;
+        float value_;
     };
-    /// The entries of a section by their index in its lists.
+    /// The entries of all sections by their index.
     class SectionEntries {
     public:
         SectionEntries() = default;
@@ -361,28 +362,22 @@ public:
         friend class SynapseGraph;
         const SectionEntry* entries_ = nullptr;
     };
-    /// For reading the runs of a section. Valid until the graph changes.
-    SectionEntries sectionEntries(std::size_t section) const {
+    /// For reading the runs of sections. Valid until the graph changes.
+    SectionEntries sectionEntries() const {
         SectionEntries entries;
-        entries.entries_ = division_.sections[section].entries.data();
+        entries.entries_ = division_.entries.data();
         return entries;
     }
 
-    /// Divides the outgoing lists by target: section i lists the synapses whose targets lie below
-    /// ends[i] and not in an earlier section. `ends`: ascending, the last one nodeCount(), or empty
-    /// for a graph that is not divided, as it begins. Sections take 8 bytes a synapse and 8 a
-    /// neuron and section. A copied, moved or assigned graph is not divided. No run may be waiting.
-    /// Builds the outgoing lists, so that several threads may read them. Returns whether the
-    /// sections must be built. May throw std::bad_alloc.
-    [[nodiscard]] bool divide(const std::vector<NodeId>& ends);
+    /// Divides the outgoing lists by target: section i of a source lists its synapses whose targets
+    /// lie below ends[i] and not in an earlier section. `ends`: ascending, the last one behind all
+    /// targets, or empty for a graph that is not divided, as it begins. Sections take 8 bytes a
+    /// synapse. A copied, moved or assigned graph is not divided. No run may be waiting. Builds the
+    /// outgoing lists, so that several threads may read them; those of a source are put in the
+    /// order of sections by transmissionOf or runDelayOf. May throw std::bad_alloc.
+    void divide(const std::vector<NodeId>& ends);
     /// Ends the division.
     void undivide() noexcept { division_ = Division(); }
-    /// The steps that build the sections of a divided graph, in their order. Each step has as many
-    /// parts as there are sections; all parts of a step end before the next step begins.
-    enum class BuildStep : std::uint8_t { count, lay_out, fill };
-    /// Does one part of a step. Several threads may call it, each for another part. May throw
-    /// std::bad_alloc; the graph must then be divided anew.
-    void buildSections(BuildStep step, std::size_t part);
     /// What the deliveries of a spike have in common, for several threads that post them.
     struct Transmission {
         std::uint64_t count = 0;  ///< deliveries that deliver() posts
@@ -390,19 +385,24 @@ public:
     };
     /// Reads what the deliveries of `source` have in common. `as_run`: whether runs are wanted. In
     /// a share: for a neuron of its range, and without the delay. Several threads may call it at
-    /// once, each for other sources, after divide.
+    /// once, each for other sources, after divide. May throw std::bad_alloc.
     Transmission transmissionOf(NodeId source, bool as_run);
-    /// The delay alone, also in a share, whose other deliveries are not here.
+    /// The delay alone, also in a share, whose other deliveries are not here. Otherwise as
+    /// transmissionOf.
     ModelTime runDelayOf(NodeId source, bool as_run);
     /// The run of a section, or of a graph that is not divided, for a spike whose deliveries form
     /// runs, without an id. It may be empty. Several threads may call it at once.
     DeliveryRun runOf(NodeId source, ModelTime arrival, std::size_t section) const {
-        const std::vector<std::uint64_t>& offsets =
-            division_.sections.empty() ? out_.offsets : division_.sections[section].offsets;
+        std::uint64_t first = out_.offsets[source];
+        std::uint64_t end = out_.offsets[source + 1];
+        if (isDivided()) {
+            first = sectionBegin(first, end, section);
+            end = sectionBegin(first, end, section + 1);
+        }
         DeliveryRun run;
         run.time = arrival;
-        run.first_route = offsets[source];
-        run.count = offsets[source + 1] - offsets[source];
+        run.first_route = first;
+        run.count = end - first;
         return run;
     }
     /// Prefetches what transmissionOf reads.
@@ -410,10 +410,12 @@ public:
         prefetchLine(out_.offsets.data() + source);
         if (!out_.shared.empty()) prefetchLine(out_.shared.data() + source);
     }
-    /// Prefetches what runOf reads.
-    void prefetchRun(NodeId source, std::size_t section) const {
-        if (division_.sections.empty()) return;
-        prefetchLine(division_.sections[section].offsets.data() + source);
+    /// Prefetches what runOf reads: first the place of the run, then the run.
+    void prefetchRunPlace(NodeId source) const { prefetchLine(out_.offsets.data() + source); }
+    void prefetchRun(NodeId source) const {
+        if (!isDivided()) return;
+        const std::uint64_t first = out_.offsets[source];
+        prefetchLine(division_.entries.data() + first + (out_.offsets[source + 1] - first) / 2);
     }
     /// Makes `holder` the one that keeps runs, as deferRun does.
     void connectHolder(IRunHolder& holder) { holder_link_.connect(holder); }
@@ -432,18 +434,19 @@ public:
     /// neuron.
     template <class Visit>
     void visitDeliveries(const DeliveryRun& run, std::size_t section, Visit visit) const {
-        const std::vector<std::uint64_t>& offsets = division_.sections[section].offsets;
+        const std::vector<std::uint64_t>& offsets = out_.offsets;
         const auto next = std::upper_bound(offsets.begin(), offsets.end(), run.first_route);
         const auto source = static_cast<NodeId>(next - offsets.begin()) - 1;
-        for (std::uint64_t i = out_.offsets[source]; i < out_.offsets[source + 1]; ++i) {
+        for (std::uint64_t i = offsets[source]; i < offsets[source + 1]; ++i) {
             const EdgeId edge = out_.ascending ? i : out_.edges[i];
             if (sectionOf(synapses_.target(edge)) != section) continue;
-            visit(deliveryOf(run, placeOf(edge, i - out_.offsets[source]), edge));
+            visit(deliveryOf(run, placeOf(edge, i - offsets[source]), edge));
         }
     }
 
     // A graph may be the share of a rank: it has all neurons of a network, and of its synapses only
-    // those that enter a range of neurons. Its EdgeIds are its own, by source.
+    // those that enter a range of neurons. Its EdgeIds are its own, by source. What all ranks call
+    // belongs into IRankGroup::together, so that none waits for one that throws.
 
     const std::optional<GraphShare>& share() const { return share_; }
     /// Whether this is the share of the rank, by the layout formula.
@@ -550,9 +553,9 @@ private:
     friend class Wiring;
     /// Selects the constructor that takes over a table of checked synapses, all of them routed.
     struct Placed {};
+    void requireEqualNetworks(IRankGroup& ranks) const;
     /// Makes a new graph, sorted by source, the share of [begin, end). `order`: by EdgeId; orders
     /// the synapses of a source; those of equal order follow their targets, and so the ranks.
-    void requireEqualNetworks(IRankGroup& ranks) const;
     void makeShare(NodeId begin, NodeId end, LargeArray<std::uint64_t> order, IRankGroup& ranks);
     SynapseGraph(Placed, std::uint64_t node_count, std::optional<ModelTime> min_delay,
                  SynapseTable synapses)
@@ -622,19 +625,34 @@ private:
 
     /// How all outgoing synapses of a neuron transmit, in 8 bytes.
     class SharedTransmission {
+        static constexpr int round_shift = 3;
+        static constexpr int delay_shift = 19;
+        static constexpr std::uint64_t round_bits = std::uint64_t{0xffff} << round_shift;
+
     public:
+        static constexpr ModelTime longest_delay = (ModelTime{1} << (64 - delay_shift)) - 1;
+
         /// Not known.
         SharedTransmission() = default;
-        /// `delay`: of all synapses in ns, or 0 where their deliveries form no run.
+        /// `delay`: of all synapses in ns, at most longest_delay, or 0 where their deliveries form
+        /// no run.
         SharedTransmission(ModelTime delay, bool excitatory, bool inhibitory)
-            : bits_(static_cast<std::uint64_t>(delay) << 3 | (inhibitory ? 4 : 0) |
+            : bits_(static_cast<std::uint64_t>(delay) << delay_shift | (inhibitory ? 4 : 0) |
                     (excitatory ? 2 : 0) | 1) {}
 
-        bool isKnown() const { return bits_ != 0; }
+        bool isKnown() const { return (bits_ & 1) != 0; }
         bool formsRun() const { return delay() != 0; }
-        ModelTime delay() const { return static_cast<ModelTime>(bits_ >> 3); }
+        ModelTime delay() const { return static_cast<ModelTime>(bits_ >> delay_shift); }
         bool hasExcitatory() const { return (bits_ & 2) != 0; }
         bool hasInhibitory() const { return (bits_ & 4) != 0; }
+        /// Becomes not known, but for the round.
+        void forget() { bits_ &= round_bits; }
+
+        /// The round in which the neuron's entries in a Division were written, or 0.
+        std::uint16_t round() const { return static_cast<std::uint16_t>(bits_ >> round_shift); }
+        void setRound(std::uint16_t round) {
+            bits_ = (bits_ & ~round_bits) | std::uint64_t{round} << round_shift;
+        }
 
     private:
         std::uint64_t bits_ = 0;
@@ -664,21 +682,16 @@ private:
         Division& operator=(const Division& other) noexcept {
             if (this == &other) return *this;
             ends.clear();
-            sections.clear();
-            written.clear();
+            entries = LargeArray<SectionEntry>();  // frees the memory
             return *this;
         }
 
-        struct Section {
-            std::vector<std::uint64_t> offsets;  ///< shape (neurons + 1)
-            LargeArray<SectionEntry> entries;
-        };
-        std::vector<NodeId> ends;       ///< by section; empty for one section
-        std::vector<Section> sections;  ///< empty until they are built
-        /// By source: the value of `writes` when its entries were written, or 0 once a weight has
-        /// changed since.
-        std::vector<std::uint64_t> written;
-        std::uint64_t writes = 1;  ///< grows when the weights of all sources may change
+        std::vector<NodeId> ends;  ///< by section; empty for one section
+        /// Where the table is compact: shape (routed synapses), by source, then section, then
+        /// EdgeId. Those of a source are written when it first fires in a round. Its waiting runs
+        /// read them until a weight changes.
+        LargeArray<SectionEntry> entries;
+        std::uint16_t round = 1;  ///< a new one begins when the weights of all sources may change
     };
 
     Routes& outRoutes() {
@@ -697,9 +710,17 @@ private:
         return static_cast<std::size_t>(std::upper_bound(ends.begin(), ends.end(), target) -
                                         ends.begin());
     }
-    SectionEntry sectionEntry(EdgeId id) const {
-        const SynapseTable::Transmission& synapse = synapses_.transmission(id);
-        return {synapse.target, synapse.value()};
+    bool isDivided() const { return !division_.entries.empty(); }
+    /// Where the entries of a section begin among those of a source, or of the first of them.
+    std::uint64_t sectionBegin(std::uint64_t first, std::uint64_t end, std::size_t section) const {
+        if (section == 0) return first;
+        if (section == division_.ends.size()) return end;
+        const NodeId target = division_.ends[section - 1];
+        const SectionEntry* const entries = division_.entries.data();
+        return static_cast<std::uint64_t>(
+            std::partition_point(entries + first, entries + end,
+                                 [&](const SectionEntry& entry) { return entry.target < target; }) -
+            entries);
     }
     PackedDelivery deliveryOf(const DeliveryRun& run, std::uint64_t place, EdgeId edge) const {
         PackedDelivery delivery = packedDelivery(synapses_.source(edge), networkEdge(edge),
@@ -708,10 +729,9 @@ private:
         return delivery;
     }
     void noteStale(EdgeId id) {
-        if (!division_.written.empty()) division_.written[synapses_.source(id)] = 0;
+        if (isDivided()) out_.shared[synapses_.source(id)].setRound(0);
     }
-    template <class Visit>
-    void visitSections(NodeId source, Visit visit) const;
+    void noteAllStale();
     void writeSections(NodeId source);
     bool formsRunNow(SharedTransmission shared) const {
         return shared.formsRun() && (!shared.hasExcitatory() || excitatory_on_) &&
@@ -719,9 +739,13 @@ private:
     }
     void buildOutgoing();
     void buildIncoming();
-    SharedTransmission sharedTransmissionOf(NodeId source) {
+    SharedTransmission& sharedTransmissionOf(NodeId source) {
         SharedTransmission& shared = out_.shared[source];
-        if (!shared.isKnown()) shared = readSharedTransmission(source);
+        if (!shared.isKnown()) {
+            const std::uint16_t round = shared.round();
+            shared = readSharedTransmission(source);
+            shared.setRound(round);
+        }
         return shared;
     }
     SharedTransmission readSharedTransmission(NodeId source) const;

@@ -75,6 +75,26 @@ TEST(MemoryUse, ANetworkIsBuiltByRulesInLittleMoreThanItsOwnMemory) {
     }
 }
 
+TEST(MemoryUse, ADivisionTakesNothingANeuronAndIsFreed) {
+    const NeuronRange all = {0, 100'000};
+    SynapseGraph graph =
+        Wiring(all.count, {}, {{"p", all, all, ConnectionRule::fixedInDegree(5), 0.5, 1}}, 1)
+            .build();
+    graph.divide({});  // builds the outgoing lists
+    const std::int64_t before = liveBytes();
+    for (const NodeId sections : {2U, 40U}) {
+        std::vector<NodeId> ends;
+        for (NodeId s = 1; s <= sections; ++s) ends.push_back(all.count * s / sections);
+        graph.divide(ends);
+        for (NodeId n = 0; n < all.count; ++n) graph.transmissionOf(n, true);
+        constexpr std::int64_t large_page = 2 << 20;
+        EXPECT_GE(liveBytes() - before, 8 * 500'000);
+        EXPECT_LE(liveBytes() - before, 8 * 500'000 + large_page + 1000);
+        graph.undivide();
+        EXPECT_LE(liveBytes() - before, 1000);
+    }
+}
+
 TEST(MemoryUse, AStoreKeepsNoMemoryForCancelledFarEvents) {
     BucketEventStore store(100, 64);
     std::int64_t most[2] = {};

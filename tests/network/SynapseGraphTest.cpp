@@ -164,6 +164,101 @@ TEST(SynapseGraph, LooksAgainAfterARestoreWhetherDeliveriesFormARun) {
     graph.releaseHolder(holder);
 }
 
+/// Compares the runs of all sections with what deliver() posts to their neurons. Returns how many
+/// deliveries were in runs.
+std::size_t expectEqualSections(SynapseGraph& graph, const Nodes& ends) {
+    std::size_t count = 0;
+    for (NodeId source = 0; source < graph.nodeCount(); ++source) {
+        const SynapseGraph::Transmission transmission = graph.transmissionOf(source, true);
+        if (transmission.delay == 0) continue;
+        RecordingSink sink;
+        graph.deliver(source, 5, sink);
+        NodeId begin = 0;
+        for (std::size_t s = 0; s < ends.size(); begin = ends[s++]) {
+            std::vector<Event> expected;
+            for (const Event& event : sink.events) {
+                if (event.target >= begin && event.target < ends[s]) expected.push_back(event);
+            }
+            const DeliveryRun run = graph.runOf(source, 5 + transmission.delay, s);
+            EXPECT_EQ(run.count, expected.size());
+            if (run.count != expected.size() || run.count == 0) continue;
+            count += run.count;
+            std::size_t i = 0;
+            graph.visitDeliveries(run, s, [&](const PackedDelivery& delivery) {
+                const Event event = delivery.unpacked();
+                const SynapseGraph::SectionEntry& entry =
+                    graph.sectionEntries()[run.first_route + i];
+                EXPECT_EQ(event.edge, expected[i].edge);
+                EXPECT_EQ(event.time, expected[i].time);
+                EXPECT_EQ(entry.target, expected[i].target);
+                EXPECT_EQ(static_cast<double>(entry.value()), expected[i].value);
+                ++i;
+            });
+            EXPECT_EQ(i, run.count);
+        }
+    }
+    return count;
+}
+
+TEST(SynapseGraph, KeepsTheSectionsOfItsRunsWhenWeightsAndSwitchesChange) {
+    std::size_t compared = 0;
+    for (std::uint64_t seed = 1; seed <= 30; ++seed) {
+        SCOPED_TRACE(seed);
+        Draws draws(seed);
+        const std::uint64_t nodes = 1 + draws.below(40);
+        std::vector<Synapse> synapses;
+        for (NodeId n = 0; n < nodes; ++n) {
+            const ModelTime delay = 10 + draws.timeBelow(3);
+            const bool inhibitory = draws.oneIn(4);
+            for (std::uint64_t i = draws.below(40); i > 0; --i) {
+                synapses.push_back(synapse(n, draws.below(nodes), 0.1F * static_cast<float>(i),
+                                           delay, inhibitory));
+            }
+        }
+        if (draws.oneIn(2)) std::ranges::reverse(synapses);  // lists that are not ascending
+        SynapseGraph graph(nodes, 10, synapses);
+        Nodes ends;
+        for (std::uint64_t s = draws.below(20); s > 0; --s) ends.push_back(draws.below(nodes + 1));
+        ends.push_back(nodes);
+        std::ranges::sort(ends);
+        graph.divide(ends);
+        compared += expectEqualSections(graph, ends);
+        if (synapses.empty()) continue;
+        for (int step = 0; step < 6; ++step) {
+            const EdgeId edge = draws.below(synapses.size());
+            const auto weight = static_cast<float>(draws.between(0, 9));
+            switch (draws.below(5)) {
+                case 0:
+                    graph.setWeight(edge, weight);
+                    break;
+                case 1:
+                    graph.setEnabled(edge, false);
+                    (void)expectEqualSections(graph, ends);
+                    graph.setEnabled(edge, true);
+                    break;
+                case 2:
+                    graph.prepareWriters(2, false);
+                    graph.setWeight(1, edge, weight);
+                    break;
+                case 3:
+                    // There are 65535 numbers of rounds, so the last call gets one anew.
+                    graph.prepareWriters(1, false);
+                    graph.setWeight(0, edge, weight);
+                    for (int i = 0; i < 65534; ++i) graph.prepareWriters(1, false);
+                    break;
+                default: {
+                    SynapseGraph copy(graph);
+                    copy.setWeight(edge, weight);
+                    graph = copy;
+                    graph.divide(ends);
+                }
+            }
+            compared += expectEqualSections(graph, ends);
+        }
+    }
+    EXPECT_GT(compared, 10'000U);
+}
+
 TEST(SynapseGraph, ListsTheSynapsesOfEachNeuronInAscendingOrder) {
     // Compared with a search through all synapses. Few neurons, so that self-loops and parallel
     // synapses are frequent, and some neurons have no synapse.
