@@ -11,6 +11,7 @@
 
 #include "compare/FirstDifference.h"
 #include "fuzz/SoakModel.h"
+#include "fuzz/SoakRun.h"
 #include "kelm/engine/IWindowBackend.h"
 
 // Runs one generated model in every way: on every backend, over other event stores, whole on a
@@ -18,32 +19,6 @@
 // backends or ranks continue. All ways must show and leave the same bits.
 
 namespace Lumenar::Core::Kelm::Fuzzing {
-
-/// Counts of what happened in one run. They are not compared.
-struct Tally {
-    std::uint64_t runs = 0;
-    std::uint64_t spikes = 0;
-    std::uint64_t windows = 0;
-    std::uint64_t refusals = 0;  ///< actions of the caller that were refused
-    std::uint64_t thrown = 0;    ///< runs that ended in an exception
-    std::uint64_t cuts = 0;      ///< times that another object took a run over
-    std::uint64_t whole = 0;     ///< runs that a device took whole
-    std::uint64_t observed = 0;  ///< observations or samples
-    std::uint64_t learned = 0;   ///< entries of the journal
-    std::uint64_t gated = 0;     ///< changes of the learning gate
-    std::uint64_t coupled = 0;   ///< coupling steps of the oscillators
-
-    Tally& operator+=(const Tally& other);
-};
-
-/// A run of a model that counts what happens in it.
-class SoakRun : public Compare::CarriedRun {
-public:
-    virtual Tally tally() = 0;
-
-protected:
-    SoakRun();
-};
 
 /// A way of running a model that differs from the reference.
 struct Finding {
