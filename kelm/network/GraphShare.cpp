@@ -8,6 +8,7 @@
 #include "kelm/core/Blob.h"
 #include "kelm/core/IRankGroup.h"
 #include "kelm/core/ShardRanges.h"
+#include "kelm/core/SplitMix64.h"
 #include "kelm/network/SynapseGraph.h"
 
 namespace Lumenar::Core::Kelm {
@@ -448,6 +449,18 @@ void SynapseGraph::countShare(IRankGroup& ranks) {
         throw std::invalid_argument("a share has EdgeId " + std::to_string(all.edges_end - 1) +
                                     ", and the network has " + std::to_string(all.edge_count) +
                                     " synapses");
+    }
+    // As many EdgeIds as there are below edge_count: they are these if a sum over both is the same.
+    // Each rank adds its own ones and subtracts a part of the others.
+    std::uint64_t sum = 0;
+    for (const EdgeId id : share.network_edges) sum += splitmixOutput(id);
+    const EdgeId part_end = Kernel::shardEnd(all.edge_count, size, ranks.rank());
+    for (EdgeId id = Kernel::shardBegin(all.edge_count, size, ranks.rank()); id < part_end; ++id) {
+        sum -= splitmixOutput(id);
+    }
+    const std::vector<std::uint64_t> sums = ranks.shareRecord(sum);
+    if (std::accumulate(sums.begin(), sums.end(), std::uint64_t{0}) != 0) {
+        throw std::invalid_argument("two synapses of the shares have the same EdgeId");
     }
     share.smallest_delay.reset();
     if (all.routed_count != 0) share.smallest_delay = all.smallest_delay;

@@ -531,6 +531,9 @@ TEST(RanksOfEngine, RefuseSharesSeedsAndCallsThatDiffer) {
         SynapseGraph share = shareWith(ranks, 7, 2);
         expectBad("a share has EdgeId 7, and the network has 2 synapses",
                   [&] { share.countShare(ranks); });
+        share = shareWith(ranks, 0, 2);
+        expectBad("two synapses of the shares have the same EdgeId",
+                  [&] { share.countShare(ranks); });
         SynapseGraph other = shareWith(ranks, 1, 3);
         expectBad("the share of the network is not that of its rank",
                   [&] { other.countShare(ranks); });
