@@ -1,9 +1,11 @@
 #include "kelm/core/IRankGroup.h"
 
 #include <algorithm>
+#include <functional>
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "kelm/core/FailureImage.h"
 
@@ -63,6 +65,13 @@ std::optional<std::uint32_t> IRankGroup::firstDifferent(BlobView own) {
         if (!std::ranges::equal(others[r], others[0])) return r;
     }
     return std::nullopt;
+}
+
+bool IRankGroup::allHave(BlobView own) {
+    const std::string_view text(reinterpret_cast<const char*>(own.data()), own.size());
+    Blob digest;
+    appendU64(digest, std::hash<std::string_view>()(text));
+    return !firstDifferent(digest);
 }
 
 /// Throws the failure of another rank. `image`: empty from a rank without memory.

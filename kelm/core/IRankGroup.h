@@ -77,6 +77,15 @@ public:
     bool all(bool own);
     /// The first rank whose bytes differ from those of rank 0.
     std::optional<std::uint32_t> firstDifferent(BlobView own);
+    /// Whether all ranks have the same bytes. They may be many: only a digest is sent.
+    bool allHave(BlobView own);
+    /// Throws the std::logic_error of different calls if a rank has another record than rank 0.
+    template <class Record>
+    void requireSame(const Record& own) {
+        Blob bytes;
+        appendImage(bytes, own);
+        if (const auto rank = firstDifferent(bytes)) refuseCalls(*rank);
+    }
 
     /// Ends together() of all ranks with `failure`, unless all of them know it already.
     [[noreturn]] void fail(const std::exception_ptr& failure);

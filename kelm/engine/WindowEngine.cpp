@@ -1,6 +1,7 @@
 #include "kelm/engine/WindowEngine.h"
 
 #include <algorithm>
+#include <array>
 #include <cassert>
 #include <cstring>
 #include <exception>
@@ -195,8 +196,13 @@ void WindowEngine::reseedInitialCandidates(std::span<const double> drive_bounds)
 }
 
 void WindowEngine::reseed(std::uint64_t seed, ModelTime from) {
-    if (from < openFrom()) throw LookaheadViolation(LookaheadViolation::processed);
-    onEachRank(ranks_, [&] { reseedHere(seed, from); });
+    onEachRank(ranks_, [&] {
+        if (from < openFrom()) throw LookaheadViolation(LookaheadViolation::processed);
+        if (ranks_ != nullptr) {
+            ranks_->requireSame(std::array{seed, static_cast<std::uint64_t>(from)});
+        }
+        reseedHere(seed, from);
+    });
 }
 
 void WindowEngine::reseedHere(std::uint64_t seed, ModelTime from) {
@@ -247,7 +253,10 @@ void WindowEngine::adoptWholeRun(WholeRun&& run) {
 }
 
 void WindowEngine::run(IWindowBackend& backend, ModelTime until) {
-    onEachRank(ranks_, [] { requireExactFloatingPoint(); });
+    onEachRank(ranks_, [&] {
+        requireExactFloatingPoint();
+        if (ranks_ != nullptr) ranks_->requireSame(until);
+    });
     stopped_ = false;
     if (offersWholeRun(until)) {
         running_ = true;
@@ -780,7 +789,10 @@ std::vector<StateSample> WindowEngine::statesAt(ModelTime time) {
         for (NodeId n = firstNeuron(); n < endNeuron(); ++n) {
             samples.push_back(sampleOf(stateOf(n), n, time));
         }
-        if (ranks_ != nullptr) gatherEverywhere(samples);
+        if (ranks_ != nullptr) {
+            ranks_->requireSame(time);
+            gatherEverywhere(samples);
+        }
         return samples;
     });
 }
@@ -796,7 +808,7 @@ std::vector<StateSample> WindowEngine::statesAt(ModelTime time, std::span<const 
             }
             if (!isForeign(n)) samples.push_back(sampleOf(stateOf(n), n, time));
         }
-        if (ranks_ != nullptr) orderSamples(samples, neurons);
+        if (ranks_ != nullptr) orderSamples(samples, neurons, time);
         return samples;
     });
 }
@@ -831,7 +843,7 @@ void WindowEngine::takeSamples(const Window& window, ModelTime limit, bool after
                 samples.push_back(sampleOf(
                     has_item ? shadowWalk(window, *item, time).state : stateOf(n), n, time));
             }
-            if (ranks_ != nullptr) orderSamples(samples, sampler->neurons());
+            if (ranks_ != nullptr) orderSamples(samples, sampler->neurons(), time);
             sampler->addSamples(samples);
         }
     }
@@ -940,6 +952,7 @@ bool WindowEngine::restore(BlobView blob, const TakenSpikes& taken) {
         return ranks_->all(accepts);
     };
     return ranks_->together([&] {
+        if (!ranks_->allHave(blob)) return false;
         const bool restored = restoreHere(blob, taken, agree);
         if (!asked) agree(false);
         return restored;

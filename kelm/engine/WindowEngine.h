@@ -179,8 +179,8 @@ public:
     /// Restores a snapshot of an engine of the same graph shape, parameters, seed and horizon. The
     /// run then goes on as the run of that engine, of whose spikes `taken` were taken. False for a
     /// blob that is cut short, forged, or of another format, neuron count or seed; the engine is
-    /// then as it was, unless a store that was given refused after it had changed itself. Call it
-    /// between runs.
+    /// then as it was, unless a store that was given refused after it had changed itself. False on
+    /// all ranks where one refuses or has another blob. Call it between runs.
     [[nodiscard]] bool restore(BlobView blob, const TakenSpikes& taken = {});
 
     /// All spikes so far that were not taken, by time, then neuron. Valid until the next run or
@@ -359,7 +359,8 @@ private:
     std::uint64_t firstTime();
     ModelTime leastOfRanks(ModelTime time);
     TakenSpikes digestOfRanks();
-    void orderSamples(std::vector<StateSample>& samples, std::span<const NodeId> neurons);
+    void orderSamples(std::vector<StateSample>& samples, std::span<const NodeId> neurons,
+                      ModelTime time);
     template <class Value>
     void keepOwn(LargeArray<Value>& values) const;
     bool restoreHere(BlobView blob, const TakenSpikes& taken,

@@ -24,10 +24,11 @@ struct WindowEngine::Message {
     std::uint64_t id_count = 0;
     WindowProfile counts;
     std::uint64_t spike_count = 0;
-    bool failed = false;
-    bool is_wide = false;  ///< spikes as WideSpike
-    bool stop = false;     ///< a request to stop
-    bool report = false;   ///< all ranks report after this window; of rank 0
+    // 0 or 1. Not bool, because a message may turn out to be that of another call.
+    std::uint8_t failed = 0;
+    std::uint8_t is_wide = 0;  ///< spikes as WideSpike
+    std::uint8_t stop = 0;     ///< a request to stop
+    std::uint8_t report = 0;   ///< all ranks report after this window; of rank 0
     std::uint8_t gap[4] = {};
 
     struct Spike {
@@ -117,7 +118,15 @@ WindowEngine::Exchanged WindowEngine::receive(Window& window, std::span<const Bl
         std::memcpy(&message, messages[r].data(), sizeof message);
         return message;
     };
-    for (std::uint32_t r = 0; r < size; ++r) ranks_end_ = ranks_end_ || headOf(r).failed;
+    bool any_failed = false;
+    for (std::uint32_t r = 0; r < size; ++r) {
+        const Message message = headOf(r);
+        if (message.window_start != window.start || message.first_id != calendar_.nextId()) {
+            IRankGroup::refuseCalls(r);
+        }
+        any_failed = any_failed || message.failed != 0;
+    }
+    ranks_end_ = any_failed;
     for (std::uint32_t r = 0; r < size; ++r) {
         const Message message = headOf(r);
         BlobView in = messages[r].subspan(sizeof message);
@@ -127,25 +136,22 @@ WindowEngine::Exchanged WindowEngine::receive(Window& window, std::span<const Bl
         }
         counts.deliveries += message.counts.deliveries;
         if (failed) continue;
-        if (message.window_start != window.start || message.first_id != calendar_.nextId()) {
-            IRankGroup::refuseCalls(r);
-        }
         const std::size_t spike_bytes =
-            message.is_wide ? sizeof(Message::WideSpike) : sizeof(Message::Spike);
+            message.is_wide != 0 ? sizeof(Message::WideSpike) : sizeof(Message::Spike);
         if (message.spike_count > in.size() / spike_bytes) IRankGroup::refuseCalls(r);
         log_count_ += message.spike_count;
         counts.updates += message.counts.updates;
         counts.candidates += message.counts.candidates;
         counts.accepted += message.counts.accepted;
         agreed_time_ = std::min(agreed_time_, message.next_time);
-        agreed_stop_ = agreed_stop_ || message.stop;
-        agreed_report_ = agreed_report_ || message.report;
+        agreed_stop_ = agreed_stop_ || message.stop != 0;
+        agreed_report_ = agreed_report_ || message.report != 0;
         const NodeId first = Kernel::shardBegin(graph_.nodeCount(), size, r);
         std::vector<Shard::Spike>& spikes = window.received[r];
         spikes.clear();
         for (std::uint64_t i = 0; i < message.spike_count; ++i) {
             Message::WideSpike spike{};
-            if (message.is_wide) {
+            if (message.is_wide != 0) {
                 std::memcpy(&spike, in.data(), sizeof spike);
                 in = in.subspan(sizeof spike);
             } else {
@@ -161,7 +167,7 @@ WindowEngine::Exchanged WindowEngine::receive(Window& window, std::span<const Bl
         }
         window.posts.push_back({spikes, exchanged.next_id});
         exchanged.next_id += message.id_count;
-        if (!message.failed) continue;
+        if (message.failed == 0) continue;
         failed = true;
         if (r == ranks_->rank()) continue;
         try {
@@ -215,10 +221,24 @@ ModelTime WindowEngine::leastOfRanks(ModelTime time) {
     return std::ranges::min(ranks_->shareRecord(time));
 }
 
-/// Replaces the samples of own neurons by those of all `neurons`, in their order.
-void WindowEngine::orderSamples(std::vector<StateSample>& samples,
-                                std::span<const NodeId> neurons) {
-    gatherEverywhere(samples);
+/// Replaces the samples of own neurons at `time` ns by those of all `neurons`, in their order.
+void WindowEngine::orderSamples(std::vector<StateSample>& samples, std::span<const NodeId> neurons,
+                                ModelTime time) {
+    const std::uint64_t call =
+        digestImages(neurons, digest_start ^ static_cast<std::uint64_t>(time));
+    Blob own;
+    appendImages<StateSample>(own, samples);
+    appendU64(own, call);
+    std::vector<BlobView> parts;
+    for (const BlobView from : ranks_->share(own)) {
+        const auto rank = static_cast<std::uint32_t>(parts.size());
+        if (from.size() < sizeof call) IRankGroup::refuseCalls(rank);
+        BlobReader tail(from.last(sizeof call));
+        std::uint64_t other = 0;
+        if (!tail.readU64(other) || other != call) IRankGroup::refuseCalls(rank);
+        parts.push_back(from.first(from.size() - sizeof call));
+    }
+    samples = joined<std::vector<StateSample>>(parts);
     if (samples.size() != neurons.size()) IRankGroup::refuseCalls(ranks_->rank());
     const auto size = ranks_->size();
     std::vector<std::size_t> counts(size + 1);

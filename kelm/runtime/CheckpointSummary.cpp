@@ -356,7 +356,8 @@ std::string checkpointRefusal(BlobView bytes, const KelmRuntime& runtime) {
     }
     if (!differences.text().empty()) return differences.text();
     const std::string text = RefusedCheckpoint::state(unreadablePart(bytes, summary, runtime));
-    return runtime.ranks() == nullptr ? text : text + ", or another rank refuses its bytes";
+    return runtime.ranks() == nullptr ? text
+                                      : text + ", or another rank has other bytes or refuses them";
 }
 
 void restoreCheckpoint(KelmRuntime& runtime, BlobView bytes) {

@@ -214,7 +214,8 @@ void KelmRuntime::run() {
 }
 
 void KelmRuntime::run(ModelTime until) {
-    requireRunTo(until);
+    requireNoRun();
+    onEachRank(ranks_, [&] { requireRunTo(until); });
     if (backend_ == nullptr) throw std::invalid_argument("a runtime needs a backend");
     run_until_ = until;
     const std::uint64_t windows = engine_.profile().windows;
@@ -276,7 +277,6 @@ void KelmRuntime::requireNoRun() const {
 }
 
 void KelmRuntime::requireRunTo(ModelTime until) const {
-    requireNoRun();
     if (!checked_) return;
     if (until < position_) throw RefusedCall(RefusedCall::backwards(until, position_));
     if (until > horizon_) throw RefusedCall(RefusedCall::pastHorizon(until, horizon_));
@@ -515,7 +515,7 @@ bool KelmRuntime::restoreHere(BlobView bytes) {
     state.position = head.position;
     accepts = accepts && readState(in, state);
     // Each rank may have read a file of its own.
-    if (ranks_ != nullptr) accepts = ranks_->all(accepts);
+    if (ranks_ != nullptr && (!ranks_->allHave(bytes) || !ranks_->all(accepts))) return false;
     if (!accepts || !engine_.restore(state.engine, state.taken)) return false;
     phase_ = Phase::failed;  // if memory runs out, here or on another rank
     std::vector<SpikeRecord> uncounted = std::move(state.uncounted);

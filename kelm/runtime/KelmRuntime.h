@@ -188,7 +188,8 @@ public:
     /// Replaces the run state by a checkpoint of a runtime that was built from the same arguments.
     /// The run continues as that one would. False, with nothing changed, for a checkpoint that is
     /// cut short or forged, or that was written under another label, config id, seed or set of
-    /// parts. A store that the caller gave may have changed if it refuses. Call it between runs.
+    /// parts. A store that the caller gave may have changed if it refuses. False on all ranks where
+    /// one refuses or has other bytes. Call it between runs.
     /// Throws IncompatibleCheckpoint, with nothing changed, for another engine version.
     ///
     /// Memory: one copy of what the checkpoint holds, beside the live state.

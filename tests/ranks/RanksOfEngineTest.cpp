@@ -543,6 +543,64 @@ TEST(RanksOfEngine, RefuseSharesSeedsAndCallsThatDiffer) {
     });
 }
 
+// After each of these calls the ranks are where they were before it.
+TEST(RanksOfEngine, RefuseCallsWithOtherArguments) {
+    const Network network(3);
+    ThreadRanks(2).run([&](IRankGroup& ranks) {
+        const bool first = ranks.rank() == 0;
+        const auto expectRefused = [](auto act) {
+            expectThrows<std::logic_error>(
+                act, "the ranks of a network have made different calls: see rank 1");
+        };
+        // Only rank 0 has the snapshot.
+        const auto snapshotOf = [&](WindowEngine& engine) {
+            const BlobView of_rank_0 = ranks.share(engine.snapshot())[0];
+            return Blob(of_rank_0.begin(), of_rank_0.end());
+        };
+        CpuWindowBackend backend;
+        WindowEngine engine = network.engineOf(ranks, 3);
+        engine.run(backend, 4 * window);
+        const Blob early = snapshotOf(engine);
+        // The ends lie in one window.
+        expectRefused([&] { engine.run(backend, 6 * window + (first ? 1 : 2)); });
+        expectRefused([&] { engine.reseed(first ? 1 : 2, 8 * window); });
+        const std::vector<NodeId> read = {first ? 0U : 1U};
+        expectRefused([&] { engine.statesAt(4 * window, read); });
+        engine.run(backend, 9 * window);
+        const Blob late = snapshotOf(engine);
+        EXPECT_FALSE(engine.restore(first ? early : late));
+
+        const Blob expected = [&] {
+            WindowEngine other = network.engineOf(ranks, 3);
+            other.run(backend, 9 * window);
+            return snapshotOf(other);
+        }();
+        EXPECT_EQ(snapshotOf(engine), expected);
+    });
+}
+
+// A window's message must not be taken from another call, whatever its bytes are.
+TEST(RanksOfEngine, RefuseASamplerOfOneRank) {
+    struct Sampler final : IStateSampler {
+        explicit Sampler(NodeId node) : nodes(8, node) {}
+        ModelTime nextSample() const override { return 3 * window; }
+        std::span<const NodeId> neurons() const override { return nodes; }
+        void addSamples(std::span<const StateSample>) override {}
+        std::vector<NodeId> nodes;
+    };
+    const Network network(3);
+    for (NodeId node = 0; node < network.neurons; ++node) {
+        const NodeId with = node % 2;
+        ThreadRanks(2).run([&](IRankGroup& ranks) {
+            Sampler sampler(node);
+            WindowEngine engine = network.engineOf(ranks, 3);
+            if (ranks.rank() == with) engine.addSampler(sampler);
+            CpuWindowBackend backend;
+            EXPECT_THROW(engine.run(backend), std::logic_error);
+        });
+    }
+}
+
 // A report and a request to stop reach all ranks, also where only one has made the request.
 TEST(RanksOfEngine, ReportAndStopTogether) {
     const Network network(3);

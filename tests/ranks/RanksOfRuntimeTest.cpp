@@ -268,6 +268,28 @@ TEST(RanksOfRuntime, WarnOfTheWholeNetwork) {
     ThreadRanks(3).run([&](IRankGroup& ranks) { EXPECT_EQ(warningsOf(&ranks), expected); });
 }
 
+TEST(RanksOfRuntime, RefuseEndsAndCheckpointsThatDiffer) {
+    ThreadRanks(2).run([&](IRankGroup& ranks) {
+        const bool first = ranks.rank() == 0;
+        const auto runtime = make(&ranks);
+        const auto blobOf = [&](const Blob& bytes) {
+            const BlobView of_rank_0 = ranks.share(bytes)[0];
+            return Blob(of_rank_0.begin(), of_rank_0.end());
+        };
+        runtime->run(10 * window);
+        const Blob early = blobOf(runtime->checkpoint());
+        runtime->run(20 * window);
+        const Blob late = blobOf(runtime->checkpoint());
+        EXPECT_FALSE(runtime->restore(first ? early : late));
+        EXPECT_EQ(runtime->position(), 20 * window);
+        // Rank 0 alone would go back.
+        EXPECT_THROW(runtime->run((first ? 15 : 25) * window), RefusedCall);
+        EXPECT_EQ(runtime->position(), 20 * window);
+        EXPECT_TRUE(runtime->restore(early));
+        EXPECT_EQ(runtime->position(), 10 * window);
+    });
+}
+
 TEST(RanksOfRuntime, RefuseOnAllRanksWhatOneCannotDo) {
     ThreadRanks(3).run([&](IRankGroup& ranks) {
         RuntimeOptions learning = options();
