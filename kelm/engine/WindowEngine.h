@@ -347,6 +347,7 @@ private:
     // Of several ranks.
     Exchanged exchange(Window& window, std::size_t shard_end, std::uint64_t id_count,
                        WindowProfile& counts);
+    void readRunDelays(Window& window);
     Exchanged receive(Window& window, std::span<const BlobView> messages, WindowProfile& counts);
     void agreeOnNextWindow(Window& window);
     Blob snapshotOfRanks();

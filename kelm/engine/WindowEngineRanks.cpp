@@ -98,7 +98,25 @@ WindowEngine::Exchanged WindowEngine::exchange(Window& window, std::size_t shard
         const Blob image = failureImage(failure);
         appendBytes(message, image.data(), image.size());
     }
-    return receive(window, ranks_->share(message), counts);
+    const Exchanged exchanged = receive(window, ranks_->share(message), counts);
+    readRunDelays(window);
+    return exchanged;
+}
+
+/// Each shard reads the delays of a range of sources, because it may write their entries.
+void WindowEngine::readRunDelays(Window& window) {
+    const auto count = static_cast<std::uint32_t>(window.shards.size());
+    forShards(window, [&](std::size_t s) {
+        const auto shard = static_cast<std::uint32_t>(s);
+        const NodeId begin = Kernel::shardBegin(graph_.nodeCount(), count, shard);
+        const NodeId end = Kernel::shardEnd(graph_.nodeCount(), count, shard);
+        for (std::vector<Shard::Spike>& spikes : window.received) {
+            auto spike = std::ranges::lower_bound(spikes, begin, {}, &Shard::Spike::neuron);
+            for (; spike != spikes.end() && spike->neuron < end; ++spike) {
+                spike->run_delay = calendar_.runDelayOf(spike->neuron);
+            }
+        }
+    });
 }
 
 WindowEngine::Exchanged WindowEngine::receive(Window& window, std::span<const BlobView> messages,
@@ -162,7 +180,7 @@ WindowEngine::Exchanged WindowEngine::receive(Window& window, std::span<const Bl
             }
             const NodeId neuron = first + spike.neuron;
             const ModelTime time = window.start + static_cast<ModelTime>(spike.time);
-            spikes.push_back({time, neuron, spike.id, calendar_.runDelayOf(neuron)});
+            spikes.push_back({time, neuron, spike.id, 0});
             window.new_spikes.push_back({time, neuron});
         }
         window.posts.push_back({spikes, exchanged.next_id});
