@@ -66,6 +66,19 @@ void copyBytes(std::uint8_t* target, BlobView source) {
     if (!source.empty()) std::memcpy(target, source.data(), source.size());
 }
 
+/// Calls a function that exchanges. In the middle of it the other ranks wait for this one, so a
+/// lack of memory must end them too.
+template <class Call>
+auto callOrAbort(Call call) {
+    try {
+        return call();
+    } catch (const std::bad_alloc&) {
+        std::fprintf(stderr, "kelm: no memory for what other ranks send\n");
+        MPI_Abort(MPI_COMM_WORLD, 1);
+        std::abort();
+    }
+}
+
 }  // namespace
 
 class MpiRankGroup::Exchange {
@@ -279,7 +292,8 @@ MpiRankGroup::MpiRankGroup(const MpiCommunicator& communicator, std::uint64_t mo
     if (message_bytes < 1 || message_bytes > max_message_bytes) {
         throw std::invalid_argument("a message limit must be in [1, 2147483647]");
     }
-    exchange_ = std::make_unique<Exchange>(communicator.handle, model, message_bytes);
+    exchange_ = callOrAbort(
+        [&] { return std::make_unique<Exchange>(communicator.handle, model, message_bytes); });
 }
 
 MpiRankGroup::~MpiRankGroup() = default;
@@ -287,23 +301,6 @@ MpiRankGroup::~MpiRankGroup() = default;
 std::uint32_t MpiRankGroup::rank() const { return exchange_->rank(); }
 std::uint32_t MpiRankGroup::size() const { return exchange_->size(); }
 const MpiStatistics& MpiRankGroup::statistics() const { return exchange_->statistics(); }
-
-namespace {
-
-/// Calls a function of an exchange. In the middle of it the other ranks wait for this one, so a
-/// lack of memory must end them too.
-template <class Call>
-std::span<const BlobView> callOrAbort(Call call) {
-    try {
-        return call();
-    } catch (const std::bad_alloc&) {
-        std::fprintf(stderr, "kelm: no memory for what other ranks send\n");
-        MPI_Abort(MPI_COMM_WORLD, 1);
-        std::abort();
-    }
-}
-
-}  // namespace
 
 std::span<const BlobView> MpiRankGroup::shareBytes(BlobView own) {
     return callOrAbort([&] { return exchange_->share(own); });
