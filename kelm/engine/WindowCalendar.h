@@ -103,7 +103,7 @@ public:
     /// Divides the graph as the neurons are. May throw std::bad_alloc.
     void divideGraph();
     /// The delay of the deliveries of a spike if they are kept as runs here, else 0; for spikes of
-    /// other ranks. Not for several threads. May throw std::bad_alloc.
+    /// all ranks. Several threads may read it, each for other sources. May throw std::bad_alloc.
     ModelTime runDelayOf(NodeId source) { return graph_.runDelayOf(source, postsRuns()); }
     /// The first id that is not given yet.
     std::uint64_t nextId() const { return first().nextId(); }
